@@ -1,0 +1,54 @@
+#pragma once
+
+// The log of the worker threads: one log4cplus logger behind an asynchronous, bounded buffer, so that a
+// thread never waits for a disk or a terminal. The helpers test the level before they format.
+// All may be called from any thread.
+
+#include <fmt/format.h>
+#include <log4cplus/logger.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace vosk::common {
+
+log4cplus::Logger& GetLogger();
+
+// Writes the text at the level, which the caller has tested.
+void WriteLog(log4cplus::LogLevel level, const std::string& text);
+
+template <class... Args>
+void Log(log4cplus::LogLevel level, fmt::format_string<Args...> format, Args&&... args) {
+    if (GetLogger().isEnabledFor(level)) WriteLog(level, fmt::format(format, std::forward<Args>(args)...));
+}
+
+template <class... Args>
+void LogTrace(fmt::format_string<Args...> format, Args&&... args) {
+    Log(log4cplus::TRACE_LOG_LEVEL, format, std::forward<Args>(args)...);
+}
+
+template <class... Args>
+void LogDebug(fmt::format_string<Args...> format, Args&&... args) {
+    Log(log4cplus::DEBUG_LOG_LEVEL, format, std::forward<Args>(args)...);
+}
+
+template <class... Args>
+void LogInfo(fmt::format_string<Args...> format, Args&&... args) {
+    Log(log4cplus::INFO_LOG_LEVEL, format, std::forward<Args>(args)...);
+}
+
+template <class... Args>
+void LogWarn(fmt::format_string<Args...> format, Args&&... args) {
+    Log(log4cplus::WARN_LOG_LEVEL, format, std::forward<Args>(args)...);
+}
+
+template <class... Args>
+void LogError(fmt::format_string<Args...> format, Args&&... args) {
+    Log(log4cplus::ERROR_LOG_LEVEL, format, std::forward<Args>(args)...);
+}
+
+// Logs the text at ERROR and throws it: for set-up failures, which are both seen and thrown.
+[[noreturn]] void LogAndThrow(const std::string& text);
+
+}  // namespace vosk::common

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs everything that building, testing and running needs, on Debian 12. Asks for nothing.
+# Root, or a user who may run sudo.
+set -euo pipefail
+
+packages=(
+  build-essential g++ clang clang-format clang-tidy libclang-rt-14-dev cmake ninja-build ccache pkg-config
+  libboost-dev liblog4cplus-dev libspdlog-dev libfmt-dev libcfitsio-dev libopenblas-dev libnuma-dev
+  libmsgsl-dev libyaml-cpp-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
+  fitsverify python3-astropy iproute2
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q '^install ok installed' || missing+=("$package")
+done
+[ "${#missing[@]}" -eq 0 ] && exit 0
+
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+echo "installing: ${missing[*]}"
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
