@@ -1,0 +1,86 @@
+#pragma once
+
+// How many samples a stream has carried, and at what period. RuntimeMonitor makes one for each stream; the
+// stream's thread records into it, the host reads it from its own thread.
+
+#include <atomclk/atomClk.hpp>
+#include <vosk/common/shmif/dataStreamIdentifier.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+
+namespace vosk::lumo {
+
+using time_point = atomclk::AtomClk::time_point;
+using vosk::common::shmif::DataStreamIdentifier;
+
+// What the host reads.
+struct StreamTopic {
+    time_point time{};            // of the reading
+    bool valid = false;           // a period is known: true from the second sample on
+    std::uint32_t stream_id = 0;  // a DataStreamIdentifier
+    bool enabled = true;
+    std::uint32_t sample_count = 0;
+    std::uint32_t invalid_count = 0;  // 0 for output streams
+    float period_max = 0;             // seconds; about -9.2e9 before any period is known
+    float period_min = 0;             // seconds; about 9.2e9 before any period is known
+    float period = 0;                 // seconds
+    float rate = 0;                   // hertz; infinite for a period of 0
+};
+
+class StreamState {
+public:
+    virtual ~StreamState() = default;
+    StreamState(const StreamState&) = delete;
+    StreamState& operator=(const StreamState&) = delete;
+
+    virtual StreamTopic GetTopicData() const = 0;
+    virtual void Reset() = 0;
+
+protected:
+    struct Figures {
+        bool period_known = false;
+        std::uint32_t sample_count = 0;   // valid, or sent; wraps without notice
+        std::uint32_t invalid_count = 0;  // wraps without notice
+        std::chrono::nanoseconds period{};
+        std::chrono::nanoseconds period_max = std::chrono::nanoseconds::min();
+        std::chrono::nanoseconds period_min = std::chrono::nanoseconds::max();
+        time_point last_time{};  // of the latest sample, valid or not
+    };
+
+    explicit StreamState(DataStreamIdentifier stream_id);
+
+    void RecordSample(std::uint32_t Figures::*counter, time_point time);
+    StreamTopic ReadTopic() const;
+    void ClearFigures();
+
+private:
+    mutable std::mutex m_mutex;
+    const DataStreamIdentifier m_stream_id;
+    Figures m_figures;  // guarded by m_mutex
+};
+
+class InputStreamState final : public StreamState {
+public:
+    explicit InputStreamState(DataStreamIdentifier stream_id) : StreamState(stream_id) {}
+
+    // Both take part in the period figures: the period is that of arrivals, not of good ones.
+    void RecordValidSample(time_point time) { RecordSample(&Figures::sample_count, time); }
+    void RecordInvalidSample(time_point time) { RecordSample(&Figures::invalid_count, time); }
+
+    StreamTopic GetTopicData() const override { return ReadTopic(); }
+    void Reset() override { ClearFigures(); }
+};
+
+class OutputStreamState final : public StreamState {
+public:
+    explicit OutputStreamState(DataStreamIdentifier stream_id) : StreamState(stream_id) {}
+
+    void RecordSentSample(time_point time) { RecordSample(&Figures::sample_count, time); }
+
+    StreamTopic GetTopicData() const override { return ReadTopic(); }
+    void Reset() override { ClearFigures(); }
+};
+
+}  // namespace vosk::lumo

@@ -1,0 +1,78 @@
+#pragma once
+
+// Takes M4 from the telescope's control (CCS) to an instrument (INS) and back, in steps: the mirror gets
+// nothing for a while, the reference shape is brought up to date, the first command of the new source is
+// thrown away. A change of control mode starts it, on the host's thread; AoTasks feeds it with each cycle's
+// event and obeys the source that it names. State and source are atomics without a lock: a change of mode in
+// the middle of a cycle can be overwritten by that cycle's event, or the reverse, until the next change of
+// mode.
+
+#include <atomclk/atomClk.hpp>
+#include <vosk/defs/controlMode.hpp>
+
+#include <atomic>
+
+namespace vosk::lumo {
+
+using time_point = atomclk::AtomClk::time_point;
+
+class VoskHandoverManager {
+public:
+    // In brackets the source while in the state.
+    enum State : int {
+        IDLE = 0,                       // telescope control, or no handover yet (OFF at first, then CCS)
+        HANDOVER_UPDATE_REF_SHAPE = 1,  // waits for AoTasks to update the reference shape (NONE)
+        HANDOVER_WAIT_INS_CMD = 2,  // waits for the first valid instrument command, to be discarded (NONE)
+        HANDOVER_WAIT_NEXT_INS_CMD = 3,  // waits for the next (NONE)
+        INS_CONTROL = 4,                 // handover complete (INS)
+        HANDBACK_WAIT_CCS_CMD = 5,       // waits for the first telescope cycle, to be discarded (NONE)
+        HANDBACK_WAIT_NEXT_CCS_CMD = 6,  // waits for the next (NONE)
+    };
+
+    VoskHandoverManager(const VoskHandoverManager&) = delete;
+    VoskHandoverManager& operator=(const VoskHandoverManager&) = delete;
+
+    // The first call attaches the object to the control mode: changes before it reach no handover.
+    static VoskHandoverManager& GetInstance();
+
+    // Back to the first values, and attached anew: for use after VoskTelescopeStateManager::Reset, which has
+    // dropped the former attachment. The host's thread, while no worker runs.
+    void Reset();
+
+    // The host's thread, as observer of the control mode.
+    void ControlModeChangeCallback(defs::VoskControlMode from, defs::VoskControlMode to);
+
+    // The thread of AoTasks. Events that don't fit the state are dropped.
+    void RegisterM4RefShapeUpdate();
+    void RegisterInsCommandReceived(bool valid, defs::VoskControlMode mode);
+    void RegisterCcsCommandReceived(defs::VoskControlMode mode);
+    void RecordM4CommandSentTimestamp(const time_point& time, defs::VoskControlMode mode,
+                                      defs::AoCommandSource source);
+
+    // Any thread, lock-free.
+    defs::AoCommandSource GetM4CmdSource() const { return m_m4_cmd_source.load(); }
+    int GetState() const { return m_state.load(); }
+
+    // A source outside the enumeration ends in std::runtime_error "Unknown enum value.", after it was stored.
+    void SetM4CmdSource(defs::AoCommandSource source);
+
+    // Logs how long the handover took.
+    void PrintStats() const;
+
+private:
+    VoskHandoverManager();
+
+    void Attach();
+    void StartHandover();
+    void StartHandback();
+
+    std::atomic<int> m_state = IDLE;
+    // Send times of the first cycles with these sources since the handover's start. The host clears them
+    // while a cycle may be recording, hence atomics.
+    std::atomic<time_point> m_handover_start{};
+    std::atomic<time_point> m_first_none_cmd_time{};
+    std::atomic<time_point> m_first_ins_cmd_time{};
+    std::atomic<defs::AoCommandSource> m_m4_cmd_source = defs::AoCommandSource::OFF;
+};
+
+}  // namespace vosk::lumo
