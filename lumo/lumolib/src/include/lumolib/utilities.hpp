@@ -1,0 +1,59 @@
+#pragma once
+
+// How a constructor reads its keys from its configuration node. For set-up, on the controlling thread.
+// A key is mandatory unless a default is given; the PliConfig... exceptions of a missing or unusable value
+// pass.
+
+#include <oru/configng/pliConfig.hpp>
+#include <pktwire/ipv4.hpp>
+
+#include <chrono>
+#include <concepts>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vosk::lumo {
+
+template <class T>
+T GetParam(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
+    return node[key].As<T>();
+}
+
+template <class T>
+T GetParamOr(const oru::configng::PliConfigInstanceNode& node, const std::string& key, T default_value) {
+    return node.Has(key) ? node[key].As<T>() : std::move(default_value);
+}
+
+template <class T>
+std::vector<T> GetVectorParam(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
+    std::vector<T> values;
+    for (const auto& element : node[key]) values.push_back(element.As<T>());
+    return values;
+}
+
+// std::runtime_error if the value is no address.
+pktwire::Ipv4 GetIpv4Param(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
+                           pktwire::Ipv4 default_value);
+
+template <class D>
+concept ConfigDuration =
+    std::same_as<D, std::chrono::microseconds> || std::same_as<D, std::chrono::milliseconds>;
+
+// An integer, one blank, a unit: "1500 ns", "500 us", "2 ms", rounded up to a whole count of D.
+// std::invalid_argument if it has another form, std::out_of_range if it doesn't fit.
+template <ConfigDuration D>
+D ParseDuration(const std::string& text);
+
+template <ConfigDuration D>
+D GetTimeDurationParam(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
+    return ParseDuration<D>(node[key].As<std::string>());
+}
+
+template <ConfigDuration D>
+D GetTimeDurationParamOr(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
+                         D default_value) {
+    return node.Has(key) ? GetTimeDurationParam<D>(node, key) : default_value;
+}
+
+}  // namespace vosk::lumo

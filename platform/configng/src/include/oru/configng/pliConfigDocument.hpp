@@ -1,0 +1,49 @@
+#pragma once
+
+// A configuration document, read from YAML once and never changed. A host makes it, before LibMain reads it.
+
+#include <oru/configng/pliConfig.hpp>
+
+#include <string>
+#include <vector>
+
+namespace oru::configng {
+
+// Refused with PliConfigDocumentError, which says where: text that is no YAML or no UTF-8, no or more than
+// one document, a top that is no map, a key twice in a map or one that is no text, a merge key, an unknown
+// tag, an alias inside the node that it names, and documents beyond these limits.
+inline constexpr std::size_t MAX_DOCUMENT_BYTES = 16UL << 20U;
+inline constexpr std::size_t MAX_DOCUMENT_NODES = 500'000;  // with each alias counted as what it stands for
+inline constexpr std::size_t MAX_DOCUMENT_DEPTH = 64;
+
+class PliConfigDocument {
+public:
+    static PliConfigDocument FromFile(const std::string& path);
+    // `name` stands for the file in messages.
+    static PliConfigDocument FromText(const std::string& text, const std::string& name);
+
+    // The top of the document: a map of the instance nodes, such as `cfg`.
+    const PliConfigInstanceNode& Instances() const noexcept { return m_instances; }
+
+private:
+    explicit PliConfigDocument(PliConfigInstanceNode instances) : m_instances{std::move(instances)} {}
+
+    PliConfigInstanceNode m_instances;
+};
+
+// A key or an element of a document, and whether anybody has asked for it.
+struct PliConfigKey {
+    std::string path;
+    std::string file;
+    int line;
+    bool is_read;
+};
+
+// Every key and element, in the order of the document. Looking does not count as reading.
+std::vector<PliConfigKey> AllKeys(const PliConfigDocument& document);
+
+// The keys and elements that nobody has asked for though their parent was read: after set-up, the misspelt
+// and the superfluous. What stands below an unread key is not listed.
+std::vector<PliConfigKey> UnreadKeys(const PliConfigDocument& document);
+
+}  // namespace oru::configng

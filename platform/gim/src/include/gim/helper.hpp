@@ -1,0 +1,20 @@
+#pragma once
+
+// Where files and settings of the host's environment are found. For set-up, on the controlling thread.
+
+#include <string>
+
+namespace gim {
+
+class Helper {
+public:
+    // Tries, in this order, `name` under the file system root, under the working directory and under each
+    // directory of CFGPATH (separated by colons). Directories are found as well as files. Empty if there is
+    // none.
+    static std::string FindFile(const std::string& name);
+
+    // The value of an environment variable, empty if it is unset.
+    static std::string GetEnvironment(const char* variable);
+};
+
+}  // namespace gim
