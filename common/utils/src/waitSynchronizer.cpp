@@ -1,0 +1,172 @@
+#include <vosk/common/waitSynchronizer.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+namespace vosk::common {
+
+namespace {
+
+using atomclk::AtomClk;
+using SteadyClock = std::chrono::steady_clock;
+
+// Longest time until a sleeping Wait sees a stop, or a notification that fell between its test and its sleep.
+constexpr std::chrono::microseconds WAIT_SLICE{500};
+
+// Longest single sleep towards a deadline; keeps the translation to the steady clock from overflowing.
+constexpr std::chrono::hours MAX_SLEEP{1};
+
+constexpr std::size_t RESERVED_FLAGS = 8;
+
+template <class Done>
+bool Spin(Done done, const int& running) {
+    if (!IsRunning(running)) return false;
+    while (!done()) {
+        if (!IsRunning(running)) return false;
+    }
+    return IsRunning(running);
+}
+
+SteadyClock::time_point OnSteadyClock(AtomClk::time_point time) {
+    const AtomClk::time_point now = AtomClk::now();
+    return SteadyClock::now() + (time > now + MAX_SLEEP ? MAX_SLEEP : time - now);
+}
+
+}  // namespace
+
+WaitSynchronizer::WaitSynchronizer() {
+    m_flags.reserve(RESERVED_FLAGS);
+}
+
+bool WaitSynchronizer::IsAnyFlagReady() {
+    const std::lock_guard lock{m_flags_mutex};
+    return std::any_of(m_flags.begin(), m_flags.end(), [](auto* flag) { return flag->IsDataReady(); });
+}
+
+bool WaitSynchronizer::IsAnyFlagNotReady() {
+    const std::lock_guard lock{m_flags_mutex};
+    return std::any_of(m_flags.begin(), m_flags.end(), [](auto* flag) { return !flag->IsDataReady(); });
+}
+
+void WaitSynchronizer::RegisterFlag(WaitSynchronizerFlagBase& flag) {
+    const std::lock_guard lock{m_flags_mutex};
+    m_flags.push_back(&flag);
+}
+
+void WaitSynchronizer::UnregisterFlag(WaitSynchronizerFlagBase& flag) {
+    const std::lock_guard lock{m_flags_mutex};
+    std::erase(m_flags, &flag);
+}
+
+bool BusyWaitSynchronizer::Wait(const int& running) {
+    return Spin([this] { return IsAnyFlagReady(); }, running);
+}
+
+bool BusyWaitSynchronizer::WaitUntil(const AtomClk::time_point& time, const int& running) {
+    return Spin([this, time] { return IsAnyFlagReady() || AtomClk::now() >= time; }, running);
+}
+
+bool BusyWaitSynchronizer::WaitForNotReady(const int& running) {
+    return Spin([this] { return IsAnyFlagNotReady(); }, running);
+}
+
+bool BusyWaitSynchronizer::WaitForNotReadyUntil(const AtomClk::time_point& time, const int& running) {
+    return Spin([this, time] { return IsAnyFlagNotReady() || AtomClk::now() >= time; }, running);
+}
+
+bool CVSynchronizer::WaitFor(FlagTest done, const int& running) {
+    std::unique_lock lock{m_cv_mutex};
+    while (IsRunning(running) && !(this->*done)()) m_cv.wait_for(lock, WAIT_SLICE);
+    return IsRunning(running);
+}
+
+bool CVSynchronizer::WaitForUntil(FlagTest done, const AtomClk::time_point& time, const int& running) {
+    std::unique_lock lock{m_cv_mutex};
+    while (true) {
+        if (!IsRunning(running)) return false;
+        if ((this->*done)() || AtomClk::now() >= time) return IsRunning(running);
+        // Translated anew in each pass: the two clocks drift apart, and AtomClk may be set.
+        m_cv.wait_until(lock, OnSteadyClock(time));
+    }
+}
+
+bool CVSynchronizer::Wait(const int& running) {
+    return WaitFor(&WaitSynchronizer::IsAnyFlagReady, running);
+}
+
+bool CVSynchronizer::WaitUntil(const AtomClk::time_point& time, const int& running) {
+    return WaitForUntil(&WaitSynchronizer::IsAnyFlagReady, time, running);
+}
+
+bool CVSynchronizer::WaitForNotReady(const int& running) {
+    return WaitFor(&WaitSynchronizer::IsAnyFlagNotReady, running);
+}
+
+bool CVSynchronizer::WaitForNotReadyUntil(const AtomClk::time_point& time, const int& running) {
+    return WaitForUntil(&WaitSynchronizer::IsAnyFlagNotReady, time, running);
+}
+
+std::shared_ptr<WaitSynchronizer> MakeWaitSynchronizer(bool busy) {
+    if (busy) return std::make_shared<BusyWaitSynchronizer>();
+    return std::make_shared<CVSynchronizer>();
+}
+
+WaitSynchronizerFlagBase::WaitSynchronizerFlagBase(std::shared_ptr<WaitSynchronizer> synchronizer,
+                                                   RegisterLater)
+    : m_synchronizer{std::move(synchronizer)} {
+    if (!m_synchronizer)
+        throw std::invalid_argument{"WaitSynchronizerFlagBase: synchronizer cannot be nullptr"};
+}
+
+WaitSynchronizerFlagBase::WaitSynchronizerFlagBase(std::shared_ptr<WaitSynchronizer> synchronizer)
+    : WaitSynchronizerFlagBase{std::move(synchronizer), RegisterLater{}} {
+    Register();
+}
+
+WaitSynchronizerFlagBase::WaitSynchronizerFlagBase(bool busy)
+    : WaitSynchronizerFlagBase{MakeWaitSynchronizer(busy)} {}
+
+WaitSynchronizerFlagBase::~WaitSynchronizerFlagBase() {
+    Unregister();
+}
+
+void WaitSynchronizerFlagBase::SetDataReady() {
+    m_synchronizer->Notify();
+}
+
+void WaitSynchronizerFlagBase::ClearDataReady() {
+    m_synchronizer->Notify();
+}
+
+void WaitSynchronizerFlagBase::ReplaceSynchronizer(std::shared_ptr<WaitSynchronizer> synchronizer) {
+    if (!synchronizer)
+        throw std::invalid_argument{"WaitSynchronizerFlagBase: synchronizer cannot be nullptr"};
+    Unregister();
+    m_synchronizer = std::move(synchronizer);
+    Register();
+}
+
+WaitSynchronizerFlag::WaitSynchronizerFlag(std::shared_ptr<WaitSynchronizer> synchronizer)
+    : WaitSynchronizerFlagBase{std::move(synchronizer), RegisterLater{}} {
+    Register();
+}
+
+WaitSynchronizerFlag::WaitSynchronizerFlag(bool busy) : WaitSynchronizerFlag{MakeWaitSynchronizer(busy)} {}
+
+WaitSynchronizerFlag::~WaitSynchronizerFlag() {
+    Unregister();
+}
+
+void WaitSynchronizerFlag::SetDataReady() {
+    m_data_ready.store(true);
+    WaitSynchronizerFlagBase::SetDataReady();
+}
+
+void WaitSynchronizerFlag::ClearDataReady() {
+    m_data_ready.store(false, std::memory_order_release);
+    WaitSynchronizerFlagBase::ClearDataReady();
+}
+
+}  // namespace vosk::common

@@ -1,0 +1,124 @@
+#pragma once
+
+// The base of every worker thread: one data stream each. It reads the thread's placement from its
+// configuration node, makes the synchroniser the thread waits on and an optional buffer on the NUMA node of
+// its CPU, and starts and stops the operating-system thread. A concrete thread supplies Work() alone.
+//
+// Threads: construction, Start(), Stop() and destruction are for the controlling thread, one at a time.
+// Work() and WaitUntil() are for the worker.
+
+#include <atomclk/atomClk.hpp>
+#include <nodepin/nodepin.hpp>
+#include <oru/configng/pliConfig.hpp>
+#include <vosk/common/waitSynchronizer.hpp>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <memory_resource>
+#include <string>
+#include <thread>
+
+namespace vosk::lumo {
+
+class Thread {
+public:
+    // Keys: `busy` (required), `cpu`, `numa_buf_size`. Throws std::runtime_error on a bad node; a placement
+    // that the machine does not allow is a warning.
+    Thread(const std::string& name, const oru::configng::PliConfigInstanceNode& node,
+           const std::string& description);
+    // Stop() has returned.
+    virtual ~Thread();
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+    // Returns when the new thread is placed and named; the future tells when it is ready to handle its
+    // stream, or why it never will be. May be called again after Stop(). Throws std::system_error if there
+    // can be no thread.
+    std::future<void> Start();
+
+    // Tells the worker to end and joins it, which takes as long as its longest wait; it wakes nobody.
+    // Harmless on a thread that was never started, has ended by itself or is stopped already.
+    void Stop() noexcept;
+
+    // False: the thread is to end, and the caller must leave Work() at once. True: the time has come, or a
+    // flag on m_synchronizer is ready; without flags a precise sleep.
+    bool WaitUntil(const atomclk::AtomClk::time_point& time) const;
+
+    const std::string& GetName() const noexcept { return m_name; }
+    const std::string& GetDescription() const noexcept { return m_description; }
+
+protected:
+    // The thread's body: what may fail or take long, then started.set_value() once, then a loop while
+    // IsRunning(), which it tests at least once a wait. Lets only std::runtime_error out.
+    virtual void Work(std::promise<void>& started) = 0;
+
+    bool IsRunning() const noexcept { return common::IsRunning(m_running); }
+
+    // Memory on the thread's node for what is allocated once, at set-up; null without a buffer.
+    std::pmr::memory_resource* MemoryResource() const noexcept { return m_memory_resource.get(); }
+
+private:
+    void SetUpPlacement();
+    void SetUpBuffer(const nodepin::MemPolicy& policy);
+    void TryWork(std::promise<void>& started);
+
+    // All constant after construction, but m_running and m_worker.
+    nodepin::NumaPolicies m_numa_policies;  // empty without a CPU or without NUMA
+    std::unique_ptr<void, std::function<void(void*)>> m_numa_buffer;
+    unsigned long m_numa_buf_size = 0;  // bytes
+
+protected:
+    const std::string m_name;
+    std::string m_description;  // completed by the endpoint's constructor
+    int m_cpu = -1;
+    bool m_busy = false;
+    std::shared_ptr<common::WaitSynchronizer> m_synchronizer;
+
+private:
+    std::unique_ptr<std::pmr::monotonic_buffer_resource> m_memory_resource;
+
+protected:
+    // Written by the controlling thread and by the worker at its end; read through IsRunning(), and by
+    // address in the synchronisers' waits.
+    int m_running = 0;
+
+private:
+    std::thread m_worker;  // controlling thread only
+};
+
+// A thread that receives. Key: `timeout`.
+class RxThread : public Thread {
+public:
+    RxThread(const std::string& name, const oru::configng::PliConfigInstanceNode& node,
+             const std::string& description, std::chrono::microseconds default_timeout);
+
+protected:
+    std::chrono::microseconds m_timeout;  // the longest that one receive call may block
+};
+
+// A thread that sends. Keys: `send_interval`, `send_offset`.
+class TxThread : public Thread {
+public:
+    TxThread(const std::string& name, const oru::configng::PliConfigInstanceNode& node,
+             const std::string& description, std::chrono::microseconds default_send_interval,
+             std::chrono::microseconds default_send_offset);
+
+protected:
+    std::chrono::microseconds m_send_interval;  // the grid on which the thread sends; 0 for none
+    std::chrono::microseconds m_send_offset;    // from that grid
+};
+
+// The first point at or after `time` of the grid that is anchored at the clock's epoch, plus the offset. All
+// users of one interval so fall on one grid. Without an interval, `time` plus the offset.
+template <class Clock, class Duration, class Interval, class Offset>
+std::chrono::time_point<Clock, Duration> CeilToNextInterval(
+    const std::chrono::time_point<Clock, Duration>& time, Interval interval, Offset offset) {
+    if (interval == Interval::zero()) return time + offset;
+    auto ceiled = std::chrono::ceil<Interval>(time.time_since_epoch());
+    if (const auto past = ceiled % interval; past != Interval::zero()) ceiled += interval - past;
+    return std::chrono::time_point<Clock, Duration>{ceiled + offset};
+}
+
+}  // namespace vosk::lumo
