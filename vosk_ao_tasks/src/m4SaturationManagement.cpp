@@ -1,0 +1,208 @@
+#include <fmt/format.h>
+#include <spdlog/spdlog.h>
+#include <vosk/ao_tasks/m4SaturationManagement.hpp>
+#include <vosk/common/assert.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/math/blas.hpp>
+#include <vosk/common/timeString.hpp>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+namespace vosk::ao_tasks {
+
+namespace {
+
+using atomclk::AtomClk;
+using common::math::cblas_AddVectors;
+using common::math::cblas_MultiplyMatrixByVector;
+using lumo::GetTimeString;
+
+constexpr std::size_t M4_CMD_SIZE = M4SaturationManagement::M4_CMD_SIZE;
+
+// The largest absolute value; 0 if there is none. What is not a number is passed over: one actuator of
+// unknown position must not lift the limits of the others. On the bits, for the compiler to vectorise:
+// magnitudes order like integers.
+float LargestMagnitude(std::span<const float> values) {
+    constexpr std::int32_t INFINITY_BITS =
+        std::bit_cast<std::int32_t>(std::numeric_limits<float>::infinity());
+    std::int32_t largest = 0;
+    for (const float value : values) {
+        const std::int32_t magnitude =
+            std::bit_cast<std::int32_t>(value) & std::numeric_limits<std::int32_t>::max();
+        largest = std::max(largest, magnitude > INFINITY_BITS ? 0 : magnitude);
+    }
+    return std::bit_cast<float>(largest);
+}
+
+// 1 also where the ratio is not a number.
+float AtMostOne(float ratio) {
+    return ratio < 1.0F ? ratio : 1.0F;
+}
+
+// Both products of a pass read the whole matrix. Taken in blocks of rows, each block by one vector and then
+// by the other, the second reading finds the block in the cache, so that a large matrix comes from memory
+// once a pass. A row's sum stays what one product over all rows gives: the kernels take rows in fours.
+std::size_t RowsPerBlock(std::size_t columns) {
+    constexpr std::size_t BLOCK_BYTES = 256 * 1024;
+    constexpr std::size_t CACHED_BYTES = 2 * 1024 * 1024;  // a matrix that stays in the cache is one block
+    constexpr std::size_t ROW_GROUP = 8;
+    static_assert(M4_CMD_SIZE % ROW_GROUP == 0);
+    const std::size_t row_bytes = columns * sizeof(float);
+    if (row_bytes * M4_CMD_SIZE <= CACHED_BYTES) return M4_CMD_SIZE;
+    return std::max(BLOCK_BYTES / row_bytes / ROW_GROUP, std::size_t{1}) * ROW_GROUP;
+}
+
+void CheckConfig(const M4SaturationManagement::Config& config) {
+    const auto refuse = [](const std::string& what) {
+        throw std::runtime_error{"M4SaturationManagement: ERROR: " + what};
+    };
+    const std::size_t elements = M4_CMD_SIZE * config.managed_modes;
+    if (config.m2p.size() != elements) {
+        refuse(fmt::format("Wrong size of the M2P projection matrix, size = {}, but should be {} x {} = {}",
+                           config.m2p.size(), M4_CMD_SIZE, config.managed_modes, elements));
+    }
+    // Each written so that it is refused if it is not a number.
+    if (!(config.threshold_velocity >= 0.0F)) refuse("Wrong 'delta_threshold', must be a positive value.");
+    if (!(config.threshold_gap >= 0.0F)) refuse("Wrong 'gap_threshold', must be a positive value.");
+    if (config.managed_modes > M4_CMD_SIZE) {
+        refuse(fmt::format("Wrong 'managed_modes', must be at most {}, but is {}.", M4_CMD_SIZE,
+                           config.managed_modes));
+    }
+    if (!std::all_of(config.m2p.begin(), config.m2p.end(),
+                     [](float value) { return std::isfinite(value); })) {
+        refuse("The M2P projection matrix holds a value that is not finite.");
+    }
+}
+
+}  // namespace
+
+M4SaturationManagement::M4SaturationManagement(const Config& config)
+    : m_delta_scaling{config.delta},
+      m_managed_modes{config.managed_modes},
+      m_m2p(config.m2p.begin(), config.m2p.end()),
+      m_threshold_velocity{config.threshold_velocity},
+      m_threshold_gap{config.threshold_gap} {
+    CheckConfig(config);
+    spdlog::trace(
+        "M4SaturationManagement block: delta = {}, managed_modes = {}, m2p = [{}, {}], threshold_velocity = "
+        "{}, "
+        "threshold_gap = {}",
+        m_delta_scaling, m_managed_modes, M4_CMD_SIZE, m_managed_modes, m_threshold_velocity,
+        m_threshold_gap);
+}
+
+void M4SaturationManagement::Work(std::span<const float, M4_CMD_SIZE> in_wavefront_command,
+                                  std::span<const float, M4_CMD_SIZE> in_last_applied,
+                                  std::span<float, M4_CMD_SIZE> out_setpoint) {
+    VOSK_ASSERT(in_wavefront_command.size() == M4_CMD_SIZE);
+    m_time_stats.Clear();
+    m_time_stats.start = AtomClk::now();
+    std::copy(in_wavefront_command.begin(), in_wavefront_command.end(), out_setpoint.begin());
+    std::copy(in_wavefront_command.begin(), in_wavefront_command.end(), m_delta.begin());
+    cblas_AddVectors(-1.0F, in_last_applied, m_delta);
+    Project(in_last_applied);
+    m_time_stats.projected = AtomClk::now();
+    if (m_delta_scaling) {
+        ScalingOfDeltaCommand(in_wavefront_command, in_last_applied, out_setpoint);
+    } else {
+        ScalingOfAbsoluteCommand(in_wavefront_command, out_setpoint);
+    }
+}
+
+void M4SaturationManagement::Project(std::span<const float, M4_CMD_SIZE> last_applied) {
+    const std::size_t columns = m_managed_modes;
+    const std::size_t block = RowsPerBlock(columns);
+    for (std::size_t row = 0; row < M4_CMD_SIZE; row += block) {
+        const std::size_t rows = std::min(block, M4_CMD_SIZE - row);
+        const auto matrix = std::span{m_m2p}.subspan(row * columns, rows * columns);
+        const auto project = [&](std::span<const float, M4_CMD_SIZE> modes, std::span<float> actuators) {
+            cblas_MultiplyMatrixByVector(CblasNoTrans, 1.0F, matrix, modes.first(columns), 0.0F,
+                                         actuators.subspan(row, rows), CblasRowMajor);
+        };
+        project(m_delta, m_delta_act_pos);
+        project(last_applied, m_act_pos);
+    }
+}
+
+void M4SaturationManagement::ScalingOfDeltaCommand(const std::span<const float>& command,
+                                                   const std::span<const float>& last_applied,
+                                                   const std::span<float>& setpoint) {
+    const float position = LargestMagnitude(m_act_pos);
+    const float change = LargestMagnitude(m_delta_act_pos);
+    const float scale_vel = AtMostOne(m_threshold_velocity / change);
+    m_time_stats.delta_scale_vel = AtomClk::now();
+
+    cblas_AddVectors(scale_vel, m_delta_act_pos, m_act_pos);
+    m_time_stats.delta_pos1 = AtomClk::now();
+
+    float scale_gap = 1.0F;
+    if (LargestMagnitude(m_act_pos) > m_threshold_gap) {
+        // Negative, a step back toward the gap, if the present position lies beyond it already. No multiple
+        // of a change that moves nothing leads back: then M4 stays where it is.
+        const float quotient = (m_threshold_gap - position) / (change * scale_vel);
+        scale_gap = std::isfinite(quotient) ? quotient : 0.0F;
+    }
+    m_time_stats.delta_scale_gap = AtomClk::now();
+
+    const auto managed = setpoint.first(m_managed_modes);
+    std::copy(command.begin() + m_managed_modes, command.end(), setpoint.begin() + m_managed_modes);
+    std::copy_n(last_applied.begin(), m_managed_modes, managed.begin());
+    cblas_AddVectors(scale_gap * scale_vel, std::span{m_delta}.first(m_managed_modes), managed);
+    m_time_stats.end = AtomClk::now();
+}
+
+void M4SaturationManagement::ScalingOfAbsoluteCommand(const std::span<const float>& command,
+                                                      const std::span<float>& setpoint) {
+    m_new_act_pos = m_act_pos;
+    cblas_AddVectors(1.0F, m_delta_act_pos, m_new_act_pos);
+    const float commanded = LargestMagnitude(m_new_act_pos);
+    const float scale_gap = m_threshold_gap / commanded;
+    m_time_stats.abs_scale_gap = AtomClk::now();
+
+    const float change = LargestMagnitude(m_delta_act_pos);
+    const float scale_vel_temp = change == 0.0F ? 1.0F : AtMostOne(m_threshold_velocity / change);
+    m_time_stats.abs_scale_vel_temp = AtomClk::now();
+
+    // The size of the velocity-limited position relative to the commanded one.
+    float scale_vel = 1.0F;
+    if (commanded != 0.0F) {
+        cblas_AddVectors(scale_vel_temp, m_delta_act_pos, m_act_pos);
+        scale_vel = LargestMagnitude(m_act_pos) / commanded;
+    }
+    m_time_stats.abs_scale_vel = AtomClk::now();
+
+    float scale = AtMostOne(scale_gap);
+    if (scale_vel < scale) scale = scale_vel;
+    std::copy(command.begin(), command.end(), setpoint.begin());
+    cblas_sscal(static_cast<blasint>(m_managed_modes), scale, setpoint.data(), 1);
+    m_time_stats.end = AtomClk::now();
+}
+
+void M4SaturationManagement::PrintTimeStats() const {
+    if (!common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) return;
+    const TimeStats& at = m_time_stats;
+    if (m_delta_scaling) {
+        common::LogDebug(
+            "M4 Saturation Management timings (steps duration) [delta cmd]:\n\tdelta_act_pos = {}, scale_vel "
+            "= {}, "
+            "pos1 = {}, scale_gap = {}, am_setpoint = {}",
+            GetTimeString(at.projected - at.start), GetTimeString(at.delta_scale_vel - at.projected),
+            GetTimeString(at.delta_pos1 - at.delta_scale_vel),
+            GetTimeString(at.delta_scale_gap - at.delta_pos1), GetTimeString(at.end - at.delta_scale_gap));
+    } else {
+        common::LogDebug(
+            "M4 Saturation Management timings (steps duration) [absolute cmd]:\n\tdelta_act_pos = {}, "
+            "scale_gap = {}, scale_vel_temp = {}, scale_vel = {}, am_setpoint = {}",
+            GetTimeString(at.projected - at.start), GetTimeString(at.abs_scale_gap - at.projected),
+            GetTimeString(at.abs_scale_vel_temp - at.abs_scale_gap),
+            GetTimeString(at.abs_scale_vel - at.abs_scale_vel_temp),
+            GetTimeString(at.end - at.abs_scale_vel));
+    }
+}
+
+}  // namespace vosk::ao_tasks
