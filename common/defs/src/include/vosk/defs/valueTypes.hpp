@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace vosk::defs {
 
@@ -20,6 +21,11 @@ using time_point = atomclk::AtomClk::time_point;  // a count of 0 means that no 
 struct FloatVectorTT {
     float tip{};
     float tilt{};
+
+    // The pair as the blocks take it, in place.
+    std::span<const float, TIP_TILT_SIZE> AsSpan() const noexcept {
+        return std::span<const float, TIP_TILT_SIZE>{reinterpret_cast<const float*>(this), TIP_TILT_SIZE};
+    }
 
     friend bool operator==(const FloatVectorTT&, const FloatVectorTT&) = default;
 };
