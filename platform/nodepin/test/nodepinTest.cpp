@@ -1,0 +1,118 @@
+#include <nodepin/nodepin.hpp>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+constexpr int NO_SUCH_CPU = 1023;
+constexpr std::size_t SIZE = 100'000;  // no whole number of pages
+
+// A CPU that this process may use, and its node if the machine knows nodes.
+int SomeCpu() {
+    return ::sched_getcpu();
+}
+
+std::string NameOfThisThread() {
+    std::array<char, 16> name{};
+    ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+    return name.data();
+}
+
+TEST(MakeThread, KeepsTheFirst15CharactersOfTheName) {
+    std::string name;
+    nodepin::MakeThread("WfsLisa_WFS_GP1_camera", {}, [&name] { name = NameOfThisThread(); }).join();
+    EXPECT_EQ(name, "WfsLisa_WFS_GP1");
+}
+
+TEST(MakeThread, BindsTheNewThreadOnly) {
+    const int cpu = SomeCpu();
+    cpu_set_t before;
+    ASSERT_EQ(::sched_getaffinity(0, sizeof(before), &before), 0);
+    cpu_set_t bound;
+    nodepin::NumaPolicies policies;
+    policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(cpu);
+    nodepin::MakeThread("bound", policies, [&bound] {
+        ::sched_getaffinity(0, sizeof(bound), &bound);
+    }).join();
+    EXPECT_EQ(CPU_COUNT(&bound), 1);
+    EXPECT_TRUE(CPU_ISSET(static_cast<unsigned>(cpu), &bound));
+    cpu_set_t after;
+    ASSERT_EQ(::sched_getaffinity(0, sizeof(after), &after), 0);
+    EXPECT_TRUE(CPU_EQUAL(&before, &after));
+}
+
+TEST(MakeThread, MakesSleepsPrecise) {
+    int slack_ns = 0;
+    nodepin::MakeThread("slack", {}, [&slack_ns] {
+        slack_ns = ::prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+    }).join();
+    EXPECT_EQ(slack_ns, 1);
+}
+
+TEST(MakeThread, TellsTheCreatorWhyAndNeverRunsTheBody) {
+    nodepin::NumaPolicies policies;
+    policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(NO_SUCH_CPU);
+    bool ran = false;
+    try {
+        nodepin::MakeThread("lost", policies, [&ran] { ran = true; });
+        FAIL() << "a thread was bound to a CPU that is not there";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), EINVAL);
+        EXPECT_NE(std::string{error.what()}.find("lost: binding it to its CPU"), std::string::npos);
+    }
+    EXPECT_FALSE(ran);
+}
+
+TEST(MakeThread, TakesABodyThatCanOnlyBeMoved) {
+    int seen = 0;
+    nodepin::MakeThread("mover", {}, [&seen, value = std::make_unique<int>(7)] { seen = *value; }).join();
+    EXPECT_EQ(seen, 7);
+}
+
+TEST(GetNodeOfCpu, KnowsNoNodeOfACpuThatIsNotThere) {
+    EXPECT_FALSE(nodepin::GetNodeOfCpu(-1));
+    EXPECT_FALSE(nodepin::GetNodeOfCpu(NO_SUCH_CPU));
+}
+
+TEST(Allocate, GivesLockableMemoryOnTheNodeOfTheCpu) {
+    const auto node = nodepin::GetNodeOfCpu(SomeCpu());
+    if (!node) GTEST_SKIP() << "no NUMA here";
+    std::error_code error = std::make_error_code(std::errc::io_error);
+    void* memory = nodepin::Allocate(SIZE, nodepin::MemPolicy::MakeBindNode(*node), error);
+    ASSERT_FALSE(error) << error.message();
+    ASSERT_NE(memory, nullptr);
+    EXPECT_FALSE(nodepin::MemLock(memory, SIZE));
+    // Locked at once means that no page is still to come.
+    std::array<unsigned char, SIZE / 4096 + 1> resident{};
+    ASSERT_EQ(::mincore(memory, SIZE, resident.data()), 0);
+    for (unsigned char page : resident) EXPECT_EQ(page & 1U, 1U);
+    std::memset(memory, 0x5a, SIZE);
+    nodepin::Free(memory, SIZE, error);
+    EXPECT_FALSE(error);
+}
+
+TEST(Allocate, ReportsWhatItCannotDo) {
+    std::error_code error;
+    EXPECT_EQ(nodepin::Allocate(SIZE, nodepin::MemPolicy::MakeBindNode(1000), error), nullptr);
+    EXPECT_TRUE(error);
+    EXPECT_EQ(nodepin::Allocate(0, nodepin::MemPolicy::MakeBindNode(0), error), nullptr);
+    EXPECT_EQ(error.value(), EINVAL);
+    alignas(64) std::array<char, 64> not_a_page{};
+    nodepin::Free(not_a_page.data() + 1, 64, error);
+    EXPECT_EQ(error.value(), EINVAL);
+    nodepin::Free(nullptr, SIZE, error);
+    EXPECT_FALSE(error);
+}
+
+}  // namespace
