@@ -1,0 +1,209 @@
+#include <vosk/common/shmif/shmBaseRt.hpp>
+
+#include <vosk/common/logger.hpp>
+
+#include "namedLock.hpp"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace vosk::common::shmif {
+
+namespace {
+
+constexpr mode_t REGION_PERMISSIONS = 0666;
+constexpr std::chrono::seconds LOOK_INTERVAL{1};
+constexpr const char* SIZE_MISMATCH = "Data size mismatch in shared memory";
+
+std::string SystemErrorText(int code) {
+    return std::system_category().message(code);
+}
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) noexcept : m_fd{fd} {}
+    FileDescriptor(FileDescriptor&& other) noexcept : m_fd{other.Release()} {}
+    FileDescriptor& operator=(FileDescriptor&&) = delete;
+    ~FileDescriptor() { Close(); }
+
+    bool IsOpen() const noexcept { return m_fd != -1; }
+    int Get() const noexcept { return m_fd; }
+    int Release() noexcept { return std::exchange(m_fd, -1); }
+    void Close() noexcept {
+        if (IsOpen()) ::close(Release());
+    }
+
+private:
+    int m_fd;
+};
+
+std::optional<struct stat> StatOf(int fd) noexcept {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) return std::nullopt;
+    return status;
+}
+
+RtRegion* Map(int fd, std::size_t region_size) noexcept {
+    void* address =
+        ::mmap(nullptr, region_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_LOCKED | MAP_POPULATE, fd, 0);
+    return address == MAP_FAILED ? nullptr : static_cast<RtRegion*>(address);
+}
+
+void InitialiseMutex(pthread_mutex_t& mutex) {
+    pthread_mutexattr_t attributes;
+    ::pthread_mutexattr_init(&attributes);
+    ::pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    ::pthread_mutex_init(&mutex, &attributes);
+    ::pthread_mutexattr_destroy(&attributes);
+}
+
+// data_size and open_count come last: while both are 0 the region is unfinished.
+void Initialise(RtRegion& region, std::size_t data_size) {
+    InitialiseMutex(region.mutex);
+    region.writer_wake.store(0);
+    region.reader_wake.store(0);
+    region.write_seq.store(0);
+    region.reader_count.store(0);
+    region.open_count.store(0);
+    region.read_seq.store(0);
+    region.data_size = data_size;
+    region.open_count.fetch_add(1);
+}
+
+bool IsUnfinished(const RtRegion& region) {
+    return region.data_size == 0 && region.open_count.load() == 0;
+}
+
+// A process killed between its last count and the removal of the name leaves a count that no close would
+// take to 0 again.
+void RepairOpenCount(RtRegion& region) {
+    if (static_cast<std::int32_t>(region.open_count.load()) <= 0) region.open_count.store(1);
+}
+
+// Touching a page behind the end of a file kills the process: a region is mapped only if it is long enough.
+bool IsLongEnough(int fd, std::size_t region_size) noexcept {
+    const auto status = StatOf(fd);
+    return status && static_cast<std::size_t>(status->st_size) >= region_size;
+}
+
+bool IsEmpty(int fd) noexcept {
+    const auto status = StatOf(fd);
+    return status && status->st_size == 0;
+}
+
+FileDescriptor OpenExisting(const std::string& name) noexcept {
+    return FileDescriptor{::shm_open(name.c_str(), O_RDWR, REGION_PERMISSIONS)};
+}
+
+FileDescriptor Create(const std::string& name) {
+    FileDescriptor fd{::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, REGION_PERMISSIONS)};
+    if (!fd.IsOpen())
+        throw std::runtime_error{"Failed to create/open shared memory: " + SystemErrorText(errno)};
+    return fd;
+}
+
+// Closes the region, takes its name away if it is worth nothing to anybody, and throws.
+[[noreturn]] void Abandon(FileDescriptor& fd, const std::string& name, bool remove, const std::string& text) {
+    fd.Close();
+    if (remove) ::shm_unlink(name.c_str());
+    throw std::runtime_error{text};
+}
+
+// Closing goes on without the lock if the system refuses it: a close can't fail.
+std::unique_ptr<NamedLock> TakeRegionsLock() noexcept try {
+    return std::make_unique<NamedLock>();
+} catch (const std::exception& error) {
+    LogWarn("The lock of the shared-memory regions is refused: {}", error.what());
+    return nullptr;
+}
+
+}  // namespace
+
+void ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::string& topic, std::size_t size) {
+    const NamedLock lock;
+    const std::string name = prefix + topic;
+    const std::size_t region_size = size + sizeof(RtRegion);
+
+    FileDescriptor existing = OpenExisting(name);
+    FileDescriptor fd = existing.IsOpen() ? std::move(existing) : Create(name);
+    const bool created = IsEmpty(fd.Get());  // by this call, or by one that was killed before it came further
+    if (created && ::ftruncate(fd.Get(), static_cast<off_t>(region_size)) != 0) {
+        Abandon(fd, name, true, "Failed to resize shared memory: " + SystemErrorText(errno));
+    }
+    if (!IsLongEnough(fd.Get(), region_size)) Abandon(fd, name, false, SIZE_MISMATCH);
+    RtRegion* region = Map(fd.Get(), region_size);
+    if (region == nullptr)
+        Abandon(fd, name, created, "Failed to map shared memory: " + SystemErrorText(errno));
+
+    if (created || IsUnfinished(*region)) {
+        Initialise(*region, size);
+    } else if (region->data_size != size) {
+        ::munmap(region, region_size);
+        Abandon(fd, name, false, SIZE_MISMATCH);
+    } else {
+        RepairOpenCount(*region);
+    }
+    m_name = name;
+    m_data_size = size;
+    m_region_size = region_size;
+    m_region = region;
+    m_fd = fd.Release();
+    m_valid = true;
+    m_next_look = std::chrono::steady_clock::now() + LOOK_INTERVAL;
+}
+
+ShmBaseRT::~ShmBaseRT() {
+    if (!m_valid) return;
+    const auto lock = TakeRegionsLock();
+    ::pthread_mutex_destroy(&m_region->mutex);
+    // The name may have been taken away and given to another region since: that one is not ours to remove.
+    const bool remove_name = m_region->open_count.load() == 0 && NameIsStillOurs();
+    Unmap();
+    if (remove_name) ::shm_unlink(m_name.c_str());
+}
+
+bool ShmBaseRT::HasSuccessor(std::chrono::steady_clock::time_point now) noexcept {
+    if (now < m_next_look) return false;
+    m_next_look = now + LOOK_INTERVAL;
+    const auto status = StatOf(m_fd);
+    return status && status->st_nlink == 0 && OpenExisting(m_name).IsOpen();
+}
+
+bool ShmBaseRT::MoveToSuccessor() noexcept {
+    const auto lock = TakeRegionsLock();
+    FileDescriptor fd = OpenExisting(m_name);
+    if (!fd.IsOpen() || !IsLongEnough(fd.Get(), m_region_size)) return false;
+    RtRegion* region = Map(fd.Get(), m_region_size);
+    if (region == nullptr) return false;
+    if (region->data_size != m_data_size) {
+        ::munmap(region, m_region_size);
+        return false;
+    }
+    Unmap();
+    m_region = region;
+    m_fd = fd.Release();
+    return true;
+}
+
+bool ShmBaseRT::NameIsStillOurs() const noexcept {
+    const FileDescriptor named = OpenExisting(m_name);
+    const auto ours = StatOf(m_fd);
+    const auto theirs = StatOf(named.Get());
+    return ours && theirs && ours->st_ino == theirs->st_ino && ours->st_dev == theirs->st_dev;
+}
+
+void ShmBaseRT::Unmap() noexcept {
+    ::munmap(m_region, m_region_size);
+    ::close(m_fd);
+}
+
+}  // namespace vosk::common::shmif
