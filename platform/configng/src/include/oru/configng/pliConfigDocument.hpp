@@ -4,6 +4,8 @@
 
 #include <oru/configng/pliConfig.hpp>
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,14 @@ inline constexpr std::size_t MAX_DOCUMENT_BYTES = 16UL << 20U;
 inline constexpr std::size_t MAX_DOCUMENT_NODES = 500'000;  // with each alias counted as what it stands for
 inline constexpr std::size_t MAX_DOCUMENT_DEPTH = 64;
 
+// A key or an element of a document, and whether anybody has asked for it.
+struct PliConfigKey {
+    std::string path;
+    std::string file;
+    int line;
+    bool is_read;
+};
+
 class PliConfigDocument {
 public:
     static PliConfigDocument FromFile(const std::string& path);
@@ -26,17 +36,13 @@ public:
     const PliConfigInstanceNode& Instances() const noexcept { return m_instances; }
 
 private:
-    explicit PliConfigDocument(PliConfigInstanceNode instances) : m_instances{std::move(instances)} {}
+    friend std::vector<PliConfigKey> AllKeys(const PliConfigDocument& document);
+    friend std::vector<PliConfigKey> UnreadKeys(const PliConfigDocument& document);
 
+    explicit PliConfigDocument(std::shared_ptr<const detail::NodeContent> top);
+
+    std::shared_ptr<const detail::NodeContent> m_top;
     PliConfigInstanceNode m_instances;
-};
-
-// A key or an element of a document, and whether anybody has asked for it.
-struct PliConfigKey {
-    std::string path;
-    std::string file;
-    int line;
-    bool is_read;
 };
 
 // Every key and element, in the order of the document. Looking does not count as reading.

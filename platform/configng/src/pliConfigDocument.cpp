@@ -1,0 +1,103 @@
+#include <oru/configng/pliConfigDocument.hpp>
+
+#include <yaml-cpp/exceptions.h>
+#include <yaml-cpp/parser.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
+#include "nodeContent.hpp"
+#include "textCheck.hpp"
+#include "treeBuilder.hpp"
+
+namespace oru::configng {
+
+namespace {
+
+[[noreturn]] void RefuseFile(const std::string& name, const std::string& text) {
+    throw PliConfigDocumentError(name + ": " + text, name);
+}
+
+void CheckText(const std::string& name, const std::string& text) {
+    if (text.size() > MAX_DOCUMENT_BYTES) {
+        RefuseFile(name, "larger than " + std::to_string(MAX_DOCUMENT_BYTES) + " bytes");
+    }
+    if (const auto bad = detail::FindBadText(text)) {
+        const auto line =
+            std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(*bad), '\n') + 1;
+        const std::string where = name + ":" + std::to_string(line);
+        throw PliConfigDocumentError(
+            where + ": byte " + std::to_string(*bad) + " of the document is no UTF-8 text", where);
+    }
+}
+
+template <class Visit>
+void VisitBelow(const detail::NodeContent& node, const Visit& visit) {
+    for (const detail::NodeContent* child : node.children) {
+        const bool is_read = child->is_read.load(std::memory_order_relaxed);
+        if (visit(PliConfigKey{child->GetPath(), *child->file, child->line, is_read}))
+            VisitBelow(*child, visit);
+    }
+}
+
+}  // namespace
+
+PliConfigDocument::PliConfigDocument(std::shared_ptr<const detail::NodeContent> top)
+    : m_top{std::move(top)}, m_instances{m_top} {}
+
+PliConfigDocument PliConfigDocument::FromText(const std::string& text, const std::string& name) {
+    CheckText(name, text);
+    detail::TreeBuilder builder{name};
+    try {
+        std::istringstream stream{text};
+        YAML::Parser parser{stream};
+        while (parser.HandleNextDocument(builder)) continue;
+    } catch (const YAML::Exception& error) {
+        detail::ThrowDocumentError(name, error.mark, error.msg);
+    }
+    const auto tree = builder.Finish();
+    return PliConfigDocument{{tree, &tree->nodes.front()}};
+}
+
+PliConfigDocument PliConfigDocument::FromFile(const std::string& path) {
+    std::error_code error;
+    // A directory would open, and read as an empty file.
+    if (std::filesystem::is_directory(path, error)) RefuseFile(path, "is a directory");
+    std::ifstream file{path, std::ios::binary};
+    if (!file) RefuseFile(path, "can't be opened: " + std::generic_category().message(errno));
+    std::string text;
+    std::vector<char> block(1U << 16U);
+    // Stops beyond the limit: a pipe or a device may have no end.
+    while (text.size() <= MAX_DOCUMENT_BYTES && file) {
+        file.read(block.data(), static_cast<std::streamsize>(block.size()));
+        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    if (file.bad()) RefuseFile(path, "can't be read");
+    return FromText(text, path);
+}
+
+std::vector<PliConfigKey> AllKeys(const PliConfigDocument& document) {
+    std::vector<PliConfigKey> keys;
+    VisitBelow(*document.m_top, [&keys](PliConfigKey key) {
+        keys.push_back(std::move(key));
+        return true;
+    });
+    return keys;
+}
+
+std::vector<PliConfigKey> UnreadKeys(const PliConfigDocument& document) {
+    std::vector<PliConfigKey> unread;
+    VisitBelow(*document.m_top, [&unread](PliConfigKey key) {
+        const bool is_read = key.is_read;
+        if (!is_read) unread.push_back(std::move(key));
+        return is_read;
+    });
+    return unread;
+}
+
+}  // namespace oru::configng

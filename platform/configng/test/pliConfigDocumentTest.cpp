@@ -1,0 +1,132 @@
+#include <oru/configng/pliConfigDocument.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace oru::configng;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+std::string RefusalOf(const std::string& text) {
+    try {
+        PliConfigDocument::FromText(text, "t.yaml");
+    } catch (const PliConfigDocumentError& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+std::string Repeat(const std::string& text, std::size_t times) {
+    std::string all;
+    for (std::size_t i = 0; i < times; ++i) all += text;
+    return all;
+}
+
+std::vector<std::string> PathsOf(const std::vector<PliConfigKey>& keys) {
+    std::vector<std::string> paths;
+    for (const auto& key : keys) paths.push_back(key.path + ":" + std::to_string(key.line));
+    return paths;
+}
+
+TEST(Document, RefusesWhatIsNoConfiguration) {
+    EXPECT_EQ(RefusalOf(""), "t.yaml: the document is empty");
+    EXPECT_EQ(RefusalOf("# only a comment\n"), "t.yaml: the document is empty");
+    EXPECT_EQ(RefusalOf("~"), "t.yaml: the document is empty");
+    EXPECT_EQ(RefusalOf("\n- a\n"), "t.yaml:2: the top of the document is no map");
+    EXPECT_EQ(RefusalOf("cfg: {a: 1\nb: ["), "t.yaml:3:1: end of sequence flow not found");
+    EXPECT_EQ(RefusalOf("cfg: 1\n---\ncfg: 2\n"), "t.yaml:2:1: a second document begins");
+    EXPECT_EQ(RefusalOf("a: 1\nb:\n  c: 1\n  d: 2\n  c: 3\n"), "t.yaml:5:3: key \"c\" stands twice in b");
+    EXPECT_EQ(RefusalOf("a: &x {b: 1}\nc:\n  <<: *x\n"), "t.yaml:3:3: merge keys are not supported");
+    EXPECT_EQ(RefusalOf("a: !color 5"), "t.yaml:1:4: unknown tag \"!color\"");
+    for (const std::string& text : {"? [a]\n: 1", "~: 1", "? {a: 1}\n: 1", "x: &x a\n*x : 1"}) {
+        EXPECT_THAT(RefusalOf(text), HasSubstr("a key must be text")) << text;
+    }
+}
+
+TEST(Document, RefusesBytesThatAreNoText) {
+    EXPECT_EQ(RefusalOf("cfg: 1\nb: \x04\nlost: 2\n"), "t.yaml:2: byte 10 of the document is no UTF-8 text");
+    for (const std::string& bytes : {std::string{"\0", 1}, std::string{"\xc3"}, std::string{"\xc0\x80"},
+                                     std::string{"\xed\xa0\x80"}, std::string{"\xf4\x90\x80\x80"}}) {
+        EXPECT_THAT(RefusalOf("cfg: " + bytes), HasSubstr("no UTF-8 text"));
+    }
+    const auto document = PliConfigDocument::FromText("\xef\xbb\xbfname: \xc2\xb5m \xf0\x9f\x94\xad\n", "t");
+    EXPECT_EQ(document.Instances()["name"].As<std::string>(), "\xc2\xb5m \xf0\x9f\x94\xad");
+}
+
+TEST(Document, BoundsDepthAndSize) {
+    const std::string deepest = Repeat("{a: ", MAX_DOCUMENT_DEPTH) + "1" + Repeat("}", MAX_DOCUMENT_DEPTH);
+    EXPECT_EQ(RefusalOf(deepest), "accepted");
+    EXPECT_THAT(RefusalOf("{b: " + deepest + "}"), HasSubstr("nested more than 64 levels deep"));
+    EXPECT_THAT(RefusalOf(Repeat("[", 100'000)), HasSubstr("nested more than 64 levels deep"));
+    EXPECT_THAT(RefusalOf("a: [" + Repeat("1,", MAX_DOCUMENT_NODES) + "]"),
+                HasSubstr("more than 500000 nodes"));
+    EXPECT_EQ(RefusalOf(std::string(MAX_DOCUMENT_BYTES + 1, ' ')), "t.yaml: larger than 16777216 bytes");
+}
+
+TEST(Document, ExpandsAliasesWithinBounds) {
+    const auto top = PliConfigDocument::FromText("a: &x\n  b: [1]\nc:\n  d: *x\n", "t").Instances();
+    EXPECT_EQ(top["c"]["d"]["b"][0].As<int>(), 1);
+    EXPECT_EQ(top["c"]["d"]["b"][0].GetPath(), "c.d.b[0]");
+    EXPECT_EQ(top["c"]["d"].GetLine(), 4);
+    EXPECT_EQ(top["c"]["d"]["b"].GetLine(), 2);
+
+    EXPECT_THAT(RefusalOf("a: &x [1, *x]"), HasSubstr("an alias inside the node that it names"));
+    EXPECT_THAT(RefusalOf("a: *unknown"), HasSubstr("t.yaml:1:"));
+    std::string laughs = "k0: &a0 [1]\n";
+    std::string nested = "k0: &a0 [1]\n";
+    for (int i = 1; i < 80; ++i) {
+        const std::string key = "k" + std::to_string(i) + ": &a" + std::to_string(i) + " ";
+        const std::string last = "*a" + std::to_string(i - 1);
+        laughs += key + "[" + last + ", " + last + "]\n";
+        nested += key + "[" + last + "]\n";
+    }
+    EXPECT_THAT(RefusalOf(laughs), HasSubstr("more than 500000 nodes"));
+    EXPECT_THAT(RefusalOf(nested), HasSubstr("aliases nest too deeply"));
+}
+
+TEST(Document, ReadsAFileAndNamesItInErrors) {
+    const std::string path = testing::TempDir() + "pliConfigDocumentTest.yaml";
+    std::ofstream{path} << "cfg:\n  a: 5\n";
+    EXPECT_EQ(PliConfigDocument::FromFile(path).Instances()["cfg"]["a"].As<int>(), 5);
+    std::ofstream{path} << "cfg:\n  a: [\n";
+    for (const auto& [file, text] :
+         {std::pair{path, path + ":3:1: "},
+          {testing::TempDir(), testing::TempDir() + ": is a directory"},
+          {std::string{"/no/such.yaml"}, "/no/such.yaml: can't be opened: No such file"},
+          {std::string{"/dev/zero"}, "/dev/zero: larger than"}}) {
+        try {
+            PliConfigDocument::FromFile(file);
+            FAIL() << file;
+        } catch (const PliConfigDocumentError& error) {
+            EXPECT_THAT(error.what(), testing::StartsWith(text));
+        }
+    }
+    std::filesystem::remove(path);
+}
+
+TEST(UnreadKeys, AreThoseThatNobodyAskedFor) {
+    const auto document = PliConfigDocument::FromText(
+        "cfg:\n  m4:\n    input:\n      - busy: true\n        cpuu: 3\n      - busy: true\n  extra: {a: 1}\n",
+        "t");
+    EXPECT_THAT(PathsOf(UnreadKeys(document)), ElementsAre("cfg:1"));
+
+    const auto cfg = document.Instances()["cfg"];
+    EXPECT_TRUE(cfg.Has("m4"));
+    EXPECT_FALSE(cfg["m4"]["input"][0].Has("cpu"));
+    cfg["m4"]["input"][0]["busy"].As<bool>();
+    EXPECT_THAT(PathsOf(UnreadKeys(document)),
+                ElementsAre("cfg.m4.input[0].cpuu:5", "cfg.m4.input[1]:6", "cfg.extra:7"));
+    for (const auto& value : cfg) static_cast<void>(value);
+    EXPECT_THAT(PathsOf(UnreadKeys(document)),
+                ElementsAre("cfg.m4.input[0].cpuu:5", "cfg.m4.input[1]:6", "cfg.extra.a:7"));
+    EXPECT_EQ(AllKeys(document).size(), 10U);
+}
+
+}  // namespace
