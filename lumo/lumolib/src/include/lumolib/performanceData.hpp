@@ -4,7 +4,6 @@
 // stabilisation. RuntimeMonitor holds the one object; worker threads write it, the host polls it. Unless it
 // says otherwise, an operation takes the mutex for a few stores and is for any thread.
 
-#include <atomclk/atomClk.hpp>
 #include <vosk/defs/valueTypes.hpp>
 
 #include <array>
@@ -15,7 +14,7 @@
 
 namespace vosk::lumo {
 
-using time_point = atomclk::AtomClk::time_point;
+using defs::time_point;
 
 // The inputs of a field-stabilisation cycle, in the order of their counters.
 enum class FsInputSource : std::size_t {

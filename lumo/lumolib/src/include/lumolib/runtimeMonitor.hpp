@@ -10,16 +10,13 @@
 #include <lumolib/statistics.hpp>
 #include <lumolib/streamState.hpp>
 
+#include <gim/config.hpp>
 #include <oru/configng/pliConfig.hpp>
 
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-namespace gim {
-class Config;
-}
 
 namespace vosk::lumo {
 
@@ -97,7 +94,7 @@ private:
     void MakeStatistics();
     void MakeStreamStates();
 
-    std::map<std::string, std::shared_ptr<Statistics>> m_statistics_by_name;  // the keys of `statistics`
+    std::map<std::string, std::shared_ptr<Statistics>> StatisticsByName() const;  // the keys of `statistics`
 };
 
 }  // namespace vosk::lumo

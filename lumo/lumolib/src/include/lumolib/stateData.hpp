@@ -4,15 +4,15 @@
 // RuntimeMonitor holds the one object; the host's thread and AoTasks write it. All operations are for any
 // thread.
 
-#include <atomclk/atomClk.hpp>
 #include <vosk/defs/controlMode.hpp>
+#include <vosk/defs/valueTypes.hpp>
 
 #include <cstdint>
 #include <mutex>
 
 namespace vosk::lumo {
 
-using time_point = atomclk::AtomClk::time_point;
+using defs::time_point;
 
 // What the host reads. The initial values are those after StateData::ResetData.
 struct StateTopic {

@@ -6,7 +6,7 @@
 // duration. RuntimeMonitor owns the first two kinds; threads own their StatisticsDuration. All operations are
 // for any thread.
 
-#include <atomclk/atomClk.hpp>
+#include <vosk/defs/valueTypes.hpp>
 
 #include <array>
 #include <chrono>
@@ -17,7 +17,7 @@
 
 namespace vosk::lumo {
 
-using time_point = atomclk::AtomClk::time_point;
+using defs::time_point;
 
 class Statistics {
 public:
@@ -74,12 +74,11 @@ public:
     void UpdateTsReceived(time_point time);
 
 private:
-    using Half = std::optional<time_point>;
-    void Complete(Half& own, time_point time, const Half& other);
+    void CompletePair();
 
-    Half m_ts_sent;           // guarded by m_pair_mutex
-    Half m_ts_received;       // guarded by m_pair_mutex
-    std::mutex m_pair_mutex;  // taken before the mutex of Statistics, so that pairs arrive there in order
+    std::optional<time_point> m_ts_sent;      // guarded by m_pair_mutex
+    std::optional<time_point> m_ts_received;  // guarded by m_pair_mutex
+    std::mutex m_pair_mutex;                  // held across Update, so that pairs arrive there in order
 };
 
 class StatisticsDuration {

@@ -3,8 +3,8 @@
 // How many samples a stream has carried, and at what period. RuntimeMonitor makes one for each stream; the
 // stream's thread records into it, the host reads it from its own thread.
 
-#include <atomclk/atomClk.hpp>
 #include <vosk/common/shmif/dataStreamIdentifier.hpp>
+#include <vosk/defs/valueTypes.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace vosk::lumo {
 
-using time_point = atomclk::AtomClk::time_point;
+using defs::time_point;
 using vosk::common::shmif::DataStreamIdentifier;
 
 // What the host reads.

@@ -7,14 +7,14 @@
 // the middle of a cycle can be overwritten by that cycle's event, or the reverse, until the next change of
 // mode.
 
-#include <atomclk/atomClk.hpp>
 #include <vosk/defs/controlMode.hpp>
+#include <vosk/defs/valueTypes.hpp>
 
 #include <atomic>
 
 namespace vosk::lumo {
 
-using time_point = atomclk::AtomClk::time_point;
+using defs::time_point;
 
 class VoskHandoverManager {
 public:
