@@ -1,0 +1,139 @@
+#pragma once
+
+// What stands between the socket and the assembly of samples: batched reading into the places where packets
+// are expected, the checks of a packet by itself, the queue of packets that came before their turn, and the
+// memory of samples that are over. Made by a qudex::Receiver, used on its thread.
+
+#include <pktwire/detail/packet.hpp>
+#include <pktwire/udpSocket.hpp>
+
+#include <array>
+#include <chrono>
+#include <span>
+#include <system_error>
+
+namespace pktwire {
+
+// What a receiver met, since its construction.
+struct RxCounters {
+    std::uint64_t packets = 0;     // datagrams read
+    std::uint64_t samples = 0;     // delivered whole
+    std::uint64_t given_up = 0;    // samples left unfinished
+    std::uint64_t refused = 0;     // samples that can't be received as this receiver is set up
+    std::uint64_t lost = 0;        // packets missing from samples given up
+    std::uint64_t short_ones = 0;  // fewer bytes than the headers say
+    std::uint64_t long_ones = 0;   // more bytes than the headers say
+    std::uint64_t foreign = 0;     // no QUDEX packet, another version or another topic
+    std::uint64_t malformed = 0;   // contradictory headers
+    std::uint64_t checksum = 0;    // CRC that doesn't fit
+    std::uint64_t duplicate = 0;   // packets that were there already
+    std::uint64_t stale = 0;       // of a sample that is over
+    std::uint64_t unexpected = 0;  // of another kind than was asked for, packet by packet
+    std::uint64_t reordered = 0;   // accepted behind a later one
+    std::uint64_t ahead = 0;       // kept for a later sample
+    std::uint64_t copied = 0;      // payloads that did not arrive where they belong
+};
+
+namespace detail {
+
+// A point on the steady clock; with a timeout of 0 the clock is never read.
+class Deadline {
+public:
+    explicit Deadline(std::chrono::nanoseconds timeout) noexcept;
+    std::chrono::nanoseconds Left() const noexcept;  // 0 when it has passed
+
+private:
+    std::optional<std::chrono::steady_clock::time_point> m_end;
+};
+
+// One packet as it was read: its body lies in `expected` as far as that reaches, the rest in the slot's
+// spill; once it is lifted, all of it lies at the spill's start.
+struct Incoming {
+    Slot* slot = nullptr;  // null: dropped or taken
+    std::span<std::byte> expected;
+    bool lifted = false;
+};
+
+class PacketSource {
+public:
+    struct Config {
+        std::uint32_t topic;
+        bool ignore_checksum;
+        std::size_t batch;  // packets read at a time
+        std::size_t queue;  // packets kept for later samples
+    };
+
+    PacketSource(const Config& config, RxSocket& socket, std::pmr::memory_resource* memory);
+
+    // How many bytes of a packet stand ahead of its body, the QUDEX header included. For set-up only.
+    void SetPrefix(std::size_t size) noexcept { m_prefix = size; }
+    // Packets that the caller may hold besides those that the source needs itself. For set-up only.
+    void AllowHeld(std::size_t count);
+
+    std::size_t BatchSize() const noexcept { return m_batch.size(); }
+
+    // Opens a batch for the next Read: one more packet, its body expected at this place (which may be empty).
+    // False if no packet is free.
+    bool Expect(std::span<std::byte> place) noexcept;
+    // Reads into the places expected, waiting until the deadline for the first datagram. The batch then holds
+    // those that are valid by themselves; all others are counted.
+    std::error_code Read(const Deadline& deadline) noexcept;
+
+    std::span<Incoming> Batch() noexcept { return std::span{m_batch}.first(m_read); }
+    // Takes the bodies of these packets out of the places where they were expected.
+    void Lift(std::span<Incoming> packets) noexcept;
+
+    // Packets whose turn is yet to come, lifted, in order of arrival.
+    std::pmr::vector<Slot*>& Queue() noexcept { return m_queue; }
+    // Queues a lifted packet; one that is over or there already is dropped.
+    void Enqueue(Slot* slot) noexcept;
+    // The packet that tells which sample is next: the first that came, or one of a sample shortly before.
+    const Slot* NextInQueue() const noexcept;
+    bool QueueIsFull() const noexcept { return m_queue.size() >= m_queue_limit; }
+    // Whether all packets of a sample wait in the queue.
+    bool QueueHoldsWholeSample() const noexcept { return m_whole_in_queue; }
+    // Call after taking packets out of the queue.
+    void RecheckQueue() noexcept;
+
+    // The sample is over: further packets of it are stale. A delivered one makes those shortly before it
+    // stale as well, so that samples are delivered in order.
+    void SampleIsOver(std::uint32_t id, time_point latest, bool delivered) noexcept;
+    bool IsStale(const Slot& slot) const noexcept;
+
+    void Release(Slot* slot) noexcept { m_pool.Give(slot); }
+
+    RxCounters& Counters() noexcept { return m_counters; }
+    const RxCounters& Counters() const noexcept { return m_counters; }
+
+private:
+    struct PastSample {
+        std::uint32_t id = 0;
+        time_point latest{};
+    };
+    static constexpr std::size_t IOVS = 3;  // headers, expected place, spill
+
+    bool IsValid(const Incoming& packet, const mmsghdr& message) noexcept;
+    bool ChecksumFits(const Incoming& packet) const noexcept;
+    bool IsWholeInQueue(const Slot& slot) const noexcept;
+
+    const std::uint32_t m_topic;
+    const bool m_ignore_checksum;
+    const std::size_t m_queue_limit;
+    RxSocket& m_socket;
+    std::size_t m_prefix = sizeof(wire::QudexHeader);
+    PacketPool m_pool;
+    std::pmr::vector<Incoming> m_batch;
+    std::pmr::vector<iovec> m_iovs;
+    std::pmr::vector<mmsghdr> m_messages;
+    std::size_t m_expected = 0;
+    std::size_t m_read = 0;
+    std::pmr::vector<Slot*> m_queue;
+    bool m_whole_in_queue = false;
+    std::array<PastSample, 16> m_past{};
+    std::size_t m_past_count = 0;
+    std::optional<PastSample> m_delivered;
+    RxCounters m_counters;
+};
+
+}  // namespace detail
+}  // namespace pktwire

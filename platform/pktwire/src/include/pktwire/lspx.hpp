@@ -1,0 +1,224 @@
+#pragma once
+
+// LSPX sends a sample over QUDEX as a leader packet, payload packets and a trailer packet. Leader and trailer
+// carry extended information; the payload is an array of data units, of which the leader tells the count.
+// A Receiver and a Sender belong to one thread. After construction nothing allocates and nothing throws.
+
+#include <pktwire/qudex.hpp>
+
+namespace pktwire::lspx {
+
+// The values 1 to 5 are set-ups of sender and receiver that don't fit; they refuse the sample.
+enum class RxErrc {
+    endianness = 1,
+    data_unit_size = 2,
+    extended_info_size = 3,
+    padding_size = 4,
+    version = 5,
+    payload_missing = 6,    // the packets of the sample are through, and bytes are missing
+    other_packet = 8,       // packet by packet: one of another kind was there, and is gone; ask again
+    buffer_too_small = 13,  // for the data units that the leader announces
+    unit_count = 15,        // the packets don't hold the data units that the leader announces
+};
+
+const std::error_category& RxCategory() noexcept;
+std::error_code make_error_code(RxErrc code) noexcept;
+
+// Of a sample, told in its leader. Other values belong to the sender.
+enum class Status : std::uint8_t { good = 0 };
+
+// Flag bytes.
+inline constexpr std::uint8_t BIG_ENDIAN_UNITS = 0;
+inline constexpr std::uint8_t LITTLE_ENDIAN_UNITS = 8;
+inline constexpr std::uint8_t REAL_SOURCE = 0;
+inline constexpr std::uint8_t OTHER_SOURCE = 0x10;
+
+namespace detail {
+
+// What MakeRxIovsBuilder leaves free for the library.
+struct RxTraits {
+    static constexpr std::size_t headroom = 4;
+};
+
+template <wire::LspxKind Kind>
+class Packet {
+public:
+    Packet(qudex::PacketPtr packet, const wire::LspxHeader& header) noexcept
+        : m_packet{std::move(packet)}, m_header{header} {}
+
+    const qudex::Packet& Qudex() const noexcept { return *m_packet; }
+    std::uint32_t SampleId() const noexcept { return m_packet->SampleId(); }
+    time_point Timestamp() const noexcept { return m_packet->Timestamp(); }
+    std::uint16_t NumFrames() const noexcept { return m_packet->NumFrames(); }
+
+    lspx::Status GetStatus() const noexcept { return lspx::Status{m_header.status}; }
+    // Data units of the sample.
+    std::uint32_t NumUnits() const noexcept { return m_header.num_units; }
+    // Payload packets: the number of the first data unit in this packet, from 1.
+    std::uint32_t FirstUnit() const noexcept { return m_header.first_unit; }
+    bool IsFromRealSource() const noexcept { return (m_header.flags & OTHER_SOURCE) == 0; }
+
+private:
+    friend struct PacketLayout;
+    friend struct Release;
+
+    qudex::PacketPtr m_packet;
+    wire::LspxHeader m_header;
+};
+
+struct Release {
+    template <wire::LspxKind Kind>
+    static void Do(const Packet<Kind>* packet) noexcept {
+        // The object lives in its packet's own storage, so that it goes before the packet does.
+        auto* mine = const_cast<Packet<Kind>*>(packet);
+        const qudex::PacketPtr storage = std::move(mine->m_packet);
+        mine->~Packet();
+    }
+};
+
+// Where the parts of a sample lie in the caller's memory.
+class PartsLayout final : public pktwire::detail::SampleLayout {
+public:
+    struct Config {
+        std::uint8_t endianness;
+        std::uint8_t leader_info_size;
+        std::uint8_t trailer_info_size;
+        std::uint8_t padding_size;
+        std::uint8_t unit_size;
+    };
+    struct Parts {
+        std::span<std::byte> leader_info;
+        std::span<std::byte> payload;
+        std::span<std::byte> trailer_info;
+    };
+
+    PartsLayout(const Config& config, std::uint16_t num_frames) noexcept;
+
+    // True if these are not the places of the last call.
+    bool SetParts(const Parts& parts) noexcept;
+
+    std::uint16_t ExpectedFrames() const noexcept override { return m_num_frames; }
+    std::span<std::byte> ExpectedPlace(std::uint16_t frame) const noexcept override;
+    std::error_code Begin(const pktwire::detail::Slot& slot) noexcept override;
+    std::error_code Place(const pktwire::detail::Slot& slot, std::span<std::byte>& place) noexcept override;
+    std::error_code Finish() noexcept override { return {}; }
+
+    // Checks a packet against the set-up, whatever memory it goes to.
+    std::error_code CheckSetup(const pktwire::detail::Slot& slot) const noexcept;
+
+private:
+    void SetCut(std::uint16_t num_frames, std::uint32_t num_units) noexcept;
+    std::size_t UnitsAhead(std::uint16_t frame) const noexcept;
+
+    const Config m_config;
+    Parts m_parts;
+    std::uint16_t m_num_frames;
+    std::uint32_t m_num_units = 0;
+    std::uint32_t m_units_per_packet = 0;
+    bool m_cut_is_guessed = true;
+};
+
+}  // namespace detail
+
+class Receiver {
+public:
+    struct Config {
+        std::uint8_t endianness =
+            BIG_ENDIAN_UNITS;  // of the data units; a sender of the other kind is refused
+        std::uint8_t leader_extended_info_size = 0;   // bytes
+        std::uint8_t trailer_extended_info_size = 0;  // bytes
+        std::uint8_t leading_padding_size = 0;        // bytes between the headers and the body of each packet
+        std::uint8_t data_unit_size = 0;              // bytes, not 0
+        std::uint64_t buf_samples = 0;                // samples whose packets may be held at a time; 0: 2
+    };
+
+    using LeaderPacket = detail::Packet<wire::LspxKind::leader>;
+    using PayloadPacket = detail::Packet<wire::LspxKind::payload>;
+    using TrailerPacket = detail::Packet<wire::LspxKind::trailer>;
+
+    // Gives a packet back to the receiver that it came from, which must still live.
+    struct PacketDeleter {
+        template <wire::LspxKind Kind>
+        void operator()(const detail::Packet<Kind>* packet) const noexcept {
+            detail::Release::Do(packet);
+        }
+    };
+
+    // Destroyed in reverse order: the trailer is given back first.
+    struct Sample {
+        std::unique_ptr<const LeaderPacket, PacketDeleter> leader;
+        std::unique_ptr<const TrailerPacket, PacketDeleter> trailer;
+    };
+
+    template <class Packet>
+    struct PacketResult {
+        std::error_code error;
+        std::unique_ptr<const Packet, PacketDeleter> packet;
+    };
+
+    using QudexReceiver = std::unique_ptr<qudex::Receiver, std::function<void(qudex::Receiver*)>>;
+
+    // Throws std::runtime_error on a configuration that can't work.
+    Receiver(const Config& config, QudexReceiver receiver, std::pmr::memory_resource* memory);
+
+    // Waits up to `timeout` for a whole sample. The payload may be shorter than its span: the leader's
+    // NumUnits() tells. Time-outs, lost samples and the spans' content are as for
+    // qudex::Receiver::ReceiveSample; a sample that doesn't fit gives an error of lspx::RxErrc.
+    std::pair<std::error_code, Sample> ReceiveSample(gsl::span<std::byte> leader_info,
+                                                     gsl::span<std::byte> payload,
+                                                     gsl::span<std::byte> trailer_info,
+                                                     std::chrono::nanoseconds timeout) noexcept;
+
+    // A sample packet by packet, for a caller who wants to place the payload after a look at the leader. The
+    // packets of a sample come in the order of their frames. Errors: RxErrc::other_packet (see there),
+    // std::errc::message_size (the body has no room in the pieces; the packet is gone),
+    // qudex::RxErrc::sample_given_up (a packet of the sample is lost: go on with a leader).
+    PacketResult<LeaderPacket> ReceiveLeaderPacket(pktwire::detail::IovsBuilder<std::byte>&& pieces,
+                                                   std::chrono::nanoseconds timeout) noexcept;
+    PacketResult<PayloadPacket> ReceivePayloadPacket(pktwire::detail::IovsBuilder<std::byte>&& pieces,
+                                                     std::chrono::nanoseconds timeout) noexcept;
+    PacketResult<TrailerPacket> ReceiveTrailerPacket(pktwire::detail::IovsBuilder<std::byte>&& pieces,
+                                                     std::chrono::nanoseconds timeout) noexcept;
+
+    const RxCounters& GetCounters() const noexcept { return m_receiver->GetCounters(); }
+
+private:
+    Config m_config;
+    QudexReceiver m_receiver;
+    detail::PartsLayout m_layout;
+};
+
+class Sender {
+public:
+    struct Config {
+        std::uint8_t source = REAL_SOURCE;
+        std::uint8_t endianness = BIG_ENDIAN_UNITS;   // of the data units, as the caller has them
+        std::uint8_t leader_extended_info_size = 0;   // bytes
+        std::uint8_t trailer_extended_info_size = 0;  // bytes
+        std::uint32_t frame_size = 0;                 // data units in a sample, not 0
+        std::uint8_t leading_padding_size = 0;        // bytes between the headers and the body of each packet
+        gsl::span<const std::byte> padding;  // what the padding is filled with, repeated; empty: zeros
+    };
+
+    // Sends through the QUDEX sender, which must live as long and have num_frames of 2 or more (3 to carry
+    // payload). Throws std::runtime_error on a configuration that can't work.
+    Sender(const Config& config, qudex::Sender& sender);
+
+    // As qudex::Sender::SetSampleId.
+    void SetSampleId(unsigned id) noexcept { m_sender.SetSampleId(id); }
+
+    // The size of a data unit is payload.size() / frame_size. Errors: what the socket says,
+    // std::errc::invalid_argument if an information span or the payload isn't of the configured size.
+    std::error_code SendSample(gsl::span<const std::byte> leader_info, gsl::span<const std::byte> payload,
+                               gsl::span<const std::byte> trailer_info, std::optional<time_point> timestamp,
+                               std::optional<std::uint16_t> extra, std::optional<Status> status) noexcept;
+
+private:
+    Config m_config;
+    qudex::Sender& m_sender;
+};
+
+}  // namespace pktwire::lspx
+
+template <>
+struct std::is_error_code_enum<pktwire::lspx::RxErrc> : std::true_type {};
