@@ -71,6 +71,18 @@ void RemoveIfUnfinished(const std::string& name) {
     bip::message_queue::remove(name.c_str());
 }
 
+// True if the queue's own lock was not to be had within its limit: its holder is gone.
+template <class Operation>
+bool IsLockLost(Operation&& operation) {
+    try {
+        operation();
+    } catch (const bip::interprocess_exception& error) {
+        if (error.get_error_code() != bip::timeout_when_locking_error) throw;
+        return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 void ShmBaseBoost::CreateOrOpenBoost(const std::string& prefix, const std::string& topic, std::size_t size) {
@@ -90,6 +102,7 @@ void ShmBaseBoost::CreateOrOpenBoost(const std::string& prefix, const std::strin
 }
 
 void ShmBaseBoost::Replace() {
+    LogWarn("Queue {} is locked by a process that is gone and is made anew.", m_name);
     bip::message_queue::remove(m_name.c_str());
     m_queue = Create(m_name, m_data_size);
 }
@@ -104,13 +117,9 @@ ShmWriterBoost::ShmWriterBoost(ShmIf& shm, const std::string& topic) {
 }
 
 void ShmWriterBoost::TrySend(const void* data) try {
-    m_queue->try_send(data, m_data_size, PRIORITY);
+    if (IsLockLost([&] { m_queue->try_send(data, m_data_size, PRIORITY); })) Replace();
 } catch (const bip::interprocess_exception& error) {
-    if (error.get_error_code() != bip::timeout_when_locking_error) {
-        throw std::runtime_error{fmt::format("Boost exception: {}", error.what())};
-    }
-    LogWarn("Queue {} is locked by a process that is gone: it is made anew.", m_name);
-    Replace();
+    throw std::runtime_error{fmt::format("Boost exception: {}", error.what())};
 }
 
 }  // namespace vosk::common::shmif

@@ -1,0 +1,134 @@
+#pragma once
+
+// Helpers of the shared-memory tests: another process that can be told to go on or be killed, names that no
+// other test run uses, and a condition with a deadline.
+
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace vosk::test {
+
+inline bool Eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{30};
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds{1});
+    }
+    return false;
+}
+
+// The two ends of what parent and child say to one another, a byte at a time.
+class Signals {
+public:
+    Signals() {
+        if (::pipe(m_to_child) != 0 || ::pipe(m_to_parent) != 0) throw std::runtime_error{"pipe"};
+    }
+    ~Signals() {
+        for (int fd : {m_to_child[0], m_to_child[1], m_to_parent[0], m_to_parent[1]}) ::close(fd);
+    }
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+
+    void TellParent() { Put(m_to_parent[1]); }
+    void AwaitParent() { Get(m_to_child[0]); }
+    void TellChild() { Put(m_to_child[1]); }
+    void AwaitChild() { Get(m_to_parent[0]); }
+
+private:
+    static void Put(int fd) {
+        if (::write(fd, "x", 1) != 1) std::abort();
+    }
+    static void Get(int fd) {
+        char byte = 0;
+        if (::read(fd, &byte, 1) != 1) std::abort();
+    }
+
+    int m_to_child[2]{};
+    int m_to_parent[2]{};
+};
+
+// Runs `body` in a process of its own; the process succeeds if it returns true. Killed if still there at the
+// end.
+class ChildProcess {
+public:
+    explicit ChildProcess(const std::function<bool(Signals&)>& body) : m_pid{::fork()} {
+        if (m_pid != 0) return;
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies leaves nobody behind
+        bool succeeded = false;
+        try {
+            succeeded = body(m_signals);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "child: %s\n", error.what());
+        }
+        ::_exit(succeeded ? 0 : 1);
+    }
+    ~ChildProcess() {
+        if (m_pid > 0) Kill();
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    Signals& GetSignals() { return m_signals; }
+
+    bool Succeeds() {
+        const int status = Reap();
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+
+    void Kill() {
+        ::kill(m_pid, SIGKILL);
+        Reap();
+    }
+
+    bool IsAsleep() const {
+        std::ifstream file{"/proc/" + std::to_string(m_pid) + "/stat"};
+        std::string text;
+        std::getline(file, text);
+        return text.find(") S ") != std::string::npos;
+    }
+
+private:
+    int Reap() {
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        return status;
+    }
+
+    Signals m_signals;  // before the fork
+    pid_t m_pid;
+};
+
+// A prefix of this process and test; what is left under it goes away with the fixture.
+class UniquePrefix {
+public:
+    UniquePrefix() {
+        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+        m_prefix = "/vosk_test_" + std::to_string(::getpid()) + "_" + test->name() + "_";
+    }
+
+    const std::string& Get() const { return m_prefix; }
+    std::string NameOf(const std::string& topic) const { return m_prefix + topic; }
+    bool Exists(const std::string& topic) const {
+        return ::access(("/dev/shm" + NameOf(topic)).c_str(), F_OK) == 0;
+    }
+    void Remove(const std::string& topic) const { ::shm_unlink(NameOf(topic).c_str()); }
+
+private:
+    std::string m_prefix;
+};
+
+}  // namespace vosk::test

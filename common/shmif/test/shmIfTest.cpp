@@ -1,0 +1,107 @@
+#include <vosk/common/shmif/shmIf.hpp>
+
+#include "../src/namedLock.hpp"
+#include "childProcess.hpp"
+
+#include <gmock/gmock.h>
+
+#include <vosk/defs/shmRecords.hpp>
+
+#include <fcntl.h>
+#include <cstring>
+
+using namespace std::chrono_literals;
+using namespace vosk::common::shmif;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+namespace {
+
+TEST(ShmIf, KnowsTheTopicsOfTheSystem) {
+    const ShmIf shm;
+    EXPECT_EQ(shm.GetQueueType("fs_in_telem"), ShmType::SHM_QUEUE);
+    EXPECT_EQ(shm.GetQueueSize("fs_in_telem"), 176U);
+    EXPECT_EQ(shm.GetQueueSize("fs_out_telem"), 168U);
+    EXPECT_EQ(shm.GetQueueSize("gpao_in_telem"), 656U);
+    EXPECT_EQ(shm.GetQueueSize("gpao_out_telem"), 272U);
+    EXPECT_EQ(shm.GetQueueType("fs_in"), ShmType::SHM_RT);
+    EXPECT_EQ(shm.GetQueueSize("sim_wfs_gp2"), 26160U);
+}
+
+TEST(ShmIf, RefusesWhatIsNotInTheTable) {
+    const ShmIf shm;
+    EXPECT_THAT([&] { shm.GetQueueType("fs_inn"); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("\"fs_inn\" is unknown")));
+    EXPECT_THAT([&] { shm.GetQueueSize(""); }, ThrowsMessage<std::runtime_error>(HasSubstr("unknown")));
+    EXPECT_THAT([&] { GetSizeOrThrow(shm, "fs_in", ShmType::SHM_QUEUE); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("\"fs_in\" is no queue")));
+}
+
+TEST(ShmIf, RegisteredTopicsLastUntilTeardown) {
+    const ShmIf shm;
+    ShmIf::Setup("/site_");
+    EXPECT_EQ(shm.GetPrefix(), "/site_");
+    ShmIf::RegisterTopic("my_loop", ShmType::SHM_RT, 160);
+    ShmIf::RegisterTopic("my_loop", ShmType::SHM_RT, 160);
+    EXPECT_EQ(shm.GetQueueSize("my_loop"), 160U);
+    EXPECT_THAT([] { ShmIf::RegisterTopic("my_loop", ShmType::SHM_RT, 152); },
+                ThrowsMessage<std::runtime_error>(HasSubstr(
+                    "\"my_loop\" is an RT topic of 160 bytes, it can't be an RT topic of 152 bytes")));
+    EXPECT_THROW(ShmIf::RegisterTopic("fs_in_telem", ShmType::SHM_RT, 176), std::runtime_error);
+    EXPECT_THROW(ShmIf::RegisterTopic("empty", ShmType::SHM_RT, 0), std::runtime_error);
+    ShmIf::Teardown();
+    EXPECT_THROW(shm.GetQueueType("my_loop"), std::runtime_error);
+    EXPECT_EQ(shm.GetPrefix(), "");
+}
+
+// The slots of a WfsTopic stand in front of their count.
+TEST(ShmRecords, WfsTopicEndsWithTheCount) {
+    vosk::defs::WfsTopic topic;
+    topic.slopes.resize(3);
+    topic.slopes[2].y = 2.5;
+    std::uint64_t count = 0;
+    double y = 0.0;
+    const auto* bytes = reinterpret_cast<const char*>(&topic);
+    std::memcpy(&count, bytes + 26152, sizeof(count));
+    std::memcpy(&y, bytes + 16 + 2 * 24 + 16, sizeof(y));
+    EXPECT_EQ(count, 3U);
+    EXPECT_EQ(y, 2.5);
+}
+
+class RegionsLock : public ::testing::Test {
+protected:
+    RegionsLock() : m_name{m_prefix.NameOf("lock")} {}
+    ~RegionsLock() override { ::sem_unlink(m_name.c_str()); }
+
+    int Value() const {
+        sem_t* semaphore = ::sem_open(m_name.c_str(), 0);
+        int value = -1;
+        ::sem_getvalue(semaphore, &value);
+        ::sem_close(semaphore);
+        return value;
+    }
+
+    vosk::test::UniquePrefix m_prefix;
+    std::string m_name;
+};
+
+TEST_F(RegionsLock, IsTakenOverFromAKilledHolder) {
+    {
+        vosk::test::ChildProcess child{[&](vosk::test::Signals& signals) {
+            const NamedLock lock{m_name.c_str(), 10s};
+            signals.TellParent();
+            signals.AwaitParent();
+            return true;
+        }};
+        child.GetSignals().AwaitChild();
+        EXPECT_EQ(Value(), 0);
+    }
+    {
+        const NamedLock first{m_name.c_str(), 1ms};
+        const NamedLock second{m_name.c_str(), 1ms};
+        EXPECT_EQ(Value(), 0);
+    }
+    EXPECT_EQ(Value(), 1);  // and not 2, with which it would lock no more
+}
+
+}  // namespace

@@ -1,0 +1,106 @@
+#include <vosk/common/telegraf/telemSender.hpp>
+
+#include <gmock/gmock.h>
+
+#include <unistd.h>
+#include <boost/interprocess/ipc/message_queue.hpp>
+
+#include <vector>
+
+using namespace vosk::common::telegraf;
+namespace bip = boost::interprocess;
+
+namespace {
+
+class RecordingSender final : public TelemSender {
+public:
+    bool IsSetup() const override { return m_is_setup; }
+    void Send(const std::string& line) override { m_lines.push_back(line); }
+
+    bool m_is_setup = true;
+    std::vector<std::string> m_lines;
+};
+
+template <class T>
+std::string LineOf(const T& value) {
+    RecordingSender sender;
+    sender.m_source = "s";
+    sender.RecordPoint("set", "tag", "field", value);
+    return sender.m_lines.at(0);
+}
+
+TEST(TelemSender, WritesOneFieldALine) {
+    RecordingSender sender;
+    sender.m_source = "s";
+    sender.RecordPoint("rtc_performance", "m4_output", "m4_time_since_last_send_max_ms", 1.25);
+    EXPECT_THAT(sender.m_lines, testing::ElementsAre("/oru/cs/vosk(s),rtc_performance=m4_output "
+                                                     "m4_time_since_last_send_max_ms=1.25"));
+}
+
+TEST(TelemSender, WritesNumbersInTheShortestOfSixteenDigits) {
+    const std::string head = "/oru/cs/vosk(s),set=tag field=";
+    EXPECT_EQ(LineOf(0.1), head + "0.1");
+    EXPECT_EQ(LineOf(1234567.125), head + "1234567.125");
+    EXPECT_EQ(LineOf(1.0 / 3.0), head + "0.3333333333333333");
+    EXPECT_EQ(LineOf(4294967295U), head + "4294967295");
+    EXPECT_EQ(LineOf(-7), head + "-7");
+}
+
+TEST(TelemSender, RefusesEmptyNamesOnlyOnceSetUp) {
+    RecordingSender sender;
+    const auto refusal = testing::ThrowsMessage<std::invalid_argument>("tag_set, tag or field_set empty");
+    EXPECT_THAT([&] { sender.RecordPoint("", "t", "f", 1); }, refusal);
+    EXPECT_THAT([&] { sender.RecordPoint("s", "", "f", 1); }, refusal);
+    EXPECT_THAT([&] { sender.RecordPoint("s", "t", "", 1); }, refusal);
+    sender.m_is_setup = false;
+    EXPECT_NO_THROW(sender.RecordPoint("", "", "", 1));
+    EXPECT_TRUE(sender.m_lines.empty());
+}
+
+class SHMTelemSenderTest : public ::testing::Test {
+protected:
+    SHMTelemSenderTest() { vosk::common::shmif::ShmIf::Setup(m_prefix); }
+    ~SHMTelemSenderTest() override { vosk::common::shmif::ShmIf::Teardown(); }
+
+    // All that is in the queue, as the draining program takes it.
+    std::vector<std::string> Drain() const {
+        bip::message_queue queue{bip::open_only, (m_prefix + "vosk_telemetry_queue").c_str()};
+        std::vector<std::string> messages;
+        std::string message(queue.get_max_msg_size(), '?');
+        bip::message_queue::size_type size = 0;
+        unsigned int priority = 0;
+        while (queue.try_receive(message.data(), message.size(), size, priority)) {
+            messages.push_back(message.substr(0, size));
+        }
+        return messages;
+    }
+
+    std::string m_prefix = "/vosk_telem_test_" + std::to_string(::getpid()) + "_";
+};
+
+TEST_F(SHMTelemSenderTest, FillsOneZeroPaddedMessageALine) {
+    SHMTelemSender sender;
+    EXPECT_FALSE(sender.IsSetup());
+    sender.RecordPoint("a", "b", "c", 1);
+    sender.Setup("rtc_performance", "gpao", "");
+    EXPECT_TRUE(sender.IsSetup());
+    sender.RecordPoint(sender.m_tag_set, sender.m_tag, std::string(100, 'x'), 3);
+    sender.RecordPoint(sender.m_tag_set, sender.m_tag, "gpao_sample_diff", 3U);
+
+    const std::string head = "/oru/cs/vosk(" + m_prefix.substr(1) + "),rtc_performance=gpao ";
+    std::string line = head + "gpao_sample_diff=3";
+    line.resize(256, '\0');
+    EXPECT_THAT(Drain(), testing::ElementsAre(testing::StartsWith(head + "xxx"), line));
+}
+
+TEST_F(SHMTelemSenderTest, DropsWhatDoesNotFit) {
+    SHMTelemSender sender;
+    sender.Setup("set", "tag", "");
+    sender.Send(std::string(257, 'x'));
+    EXPECT_TRUE(Drain().empty());
+    sender.Send(std::string(256, 'x'));
+    for (int i = 0; i < 150; ++i) sender.Send("line");
+    EXPECT_EQ(Drain().size(), 100U);
+}
+
+}  // namespace
