@@ -1,0 +1,339 @@
+#include <lumolib/dataSync.hpp>
+#include <lumolib/dataSyncManager.hpp>
+
+#include <atomclk/atomClk.hpp>
+#include <vosk/common/testing/logCapture.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <future>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace vosk::lumo;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+constexpr auto GENEROUS = 60s;
+
+time_point At(std::int64_t count) {
+    return time_point{std::chrono::nanoseconds{count}};
+}
+
+// From another thread, as the owner of a lock may not try it again.
+bool IsFree(std::shared_mutex& mutex) {
+    return std::async(std::launch::async,
+                      [&mutex] { return std::unique_lock(mutex, std::try_to_lock).owns_lock(); })
+        .get();
+}
+
+// ---- Attributes -----------------------------------------------------------------------------------------
+
+struct Probe {
+    std::vector<std::string> events;
+    std::shared_mutex* mutex = nullptr;
+
+    void Note(const std::string& event) {
+        events.push_back(event + (IsFree(*mutex) ? ", unlocked" : ", locked"));
+    }
+};
+
+struct ProbingSetter {
+    void SetData(int& data, std::atomic<sample_id_t>& sample_id, std::atomic<time_point>& timestamp,
+                 int value, Probe& probe, sample_id_t id, const time_point& time = {}) const {
+        probe.Note("set");
+        data = value;
+        sample_id = id;
+        timestamp = time;
+    }
+};
+
+struct ProbingTriggerSetter {
+    void SetData(int& data, std::atomic<sample_id_t>& sample_id, std::atomic<time_point>& timestamp,
+                 std::atomic_flag& trigger, int value, bool wake, Probe& probe, sample_id_t id,
+                 const time_point& time = {}) const {
+        ProbingSetter{}.SetData(data, sample_id, timestamp, value, probe, id, time);
+        if (wake) trigger.test_and_set();
+    }
+};
+
+TEST(SyncDataAttribute, SetsUnderTheLockAndCallsBackOutsideIt) {
+    Probe probe;
+    SyncDataAttribute<int, ProbingSetter> attribute(
+        [&] { probe.Note(attribute.IsNewData() ? "new" : "not new"); });
+    probe.mutex = &attribute.GetMutex();
+    EXPECT_FALSE(attribute.IsNewData());
+    EXPECT_EQ(attribute.GetData(), 0);
+
+    attribute.SetData(5, probe, 7U, At(9));
+
+    EXPECT_THAT(probe.events, ElementsAre("set, locked", "new, unlocked"));
+    EXPECT_EQ(attribute.GetData(), 5);
+    EXPECT_EQ(attribute.GetSampleId(), 7U);
+    EXPECT_EQ(attribute.GetTimestamp(), At(9));
+    attribute.ClearNewData();
+    EXPECT_FALSE(attribute.IsNewData());
+}
+
+TEST(SyncDataAttribute, NeedsNoCallback) {
+    SyncDataAttribute<int, BasicDataSetter<int>> attribute;
+    attribute.SetData(5, 7U, At(9));
+    EXPECT_TRUE(attribute.IsNewData());
+    EXPECT_EQ(attribute.GetData(), 5);
+}
+
+TEST(SyncDataAttribute, BasicSetterTakesThePresentTimeIfNoneIsGiven) {
+    const atomclk::ManualClock clock{At(1234)};
+    SyncDataAttribute<int, BasicDataSetter<int>> attribute;
+    attribute.SetData(5, 7U);
+    EXPECT_EQ(attribute.GetTimestamp(), At(1234));
+    attribute.SetData(5, 7U, At(0));
+    EXPECT_EQ(attribute.GetTimestamp(), At(1234));
+    attribute.SetData(5, 7U, At(-1));
+    EXPECT_EQ(attribute.GetTimestamp(), At(-1));
+}
+
+TEST(SyncDataAttributeTrigger, CallsBackOnlyWhenTheSetterSaysSo) {
+    Probe probe;
+    SyncDataAttributeTrigger<int, ProbingTriggerSetter> attribute([&] { probe.Note("woken"); });
+    probe.mutex = &attribute.GetMutex();
+
+    attribute.SetData(5, false, probe, 1U, At(1));
+    EXPECT_THAT(probe.events, ElementsAre("set, locked"));
+    EXPECT_TRUE(attribute.IsNewData());
+    EXPECT_EQ(attribute.GetData(), 5);
+
+    attribute.SetData(6, true, probe, 2U, At(2));
+    attribute.SetData(7, false, probe, 3U, At(3));
+    EXPECT_THAT(probe.events, ElementsAre("set, locked", "set, locked", "woken, unlocked", "set, locked"));
+}
+
+// ---- Waitable objects -----------------------------------------------------------------------------------
+
+using Waitable = DataSyncSingleWaitable<int, BasicDataSetter<int>>;
+using Triggered = DataSyncTrigger<int, ProbingTriggerSetter>;
+
+static_assert(!std::is_copy_constructible_v<Waitable> && !std::is_copy_assignable_v<Waitable>);
+
+TEST(DataSyncWaitable, AWriteRaisesBothFlagsAndClearingDropsBoth) {
+    Waitable sync(false);
+    EXPECT_FALSE(sync.IsNewData());
+    EXPECT_FALSE(sync.IsDataReady());
+    sync.SetData(5, 1U);
+    EXPECT_TRUE(sync.IsNewData());
+    EXPECT_TRUE(sync.IsDataReady());
+    DataSyncWaitable& base = sync;
+    base.ClearDataReady();
+    EXPECT_FALSE(sync.IsNewData());
+    EXPECT_FALSE(sync.IsDataReady());
+    EXPECT_EQ(sync.GetData(), 5);
+}
+
+TEST(DataSyncWaitable, AWriteThatDoesNotWakeIsNewAllTheSame) {
+    Probe probe;
+    Triggered sync(false);
+    probe.mutex = &sync.GetMutex();
+    sync.SetData(5, false, probe, 1U);
+    EXPECT_TRUE(sync.IsNewData());
+    EXPECT_FALSE(sync.IsDataReady());
+    sync.SetData(5, true, probe, 1U);
+    EXPECT_TRUE(sync.IsDataReady());
+    sync.ClearDataReady();
+    EXPECT_FALSE(sync.IsNewData());
+    EXPECT_FALSE(sync.IsDataReady());
+}
+
+class WaitKinds : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(DataSync, WaitKinds, testing::Bool());
+
+TEST_P(WaitKinds, AWriteBetweenClearingAndWaitingEndsTheWaitAtOnce) {
+    const int running = 1;
+    Waitable sync(GetParam());
+    sync.SetData(5, 1U);
+    ASSERT_TRUE(sync.GetSynchronizer()->Wait(running));
+    sync.ClearDataReady();
+    sync.SetData(6, 2U);
+    EXPECT_TRUE(sync.GetSynchronizer()->Wait(running));
+    EXPECT_EQ(sync.GetData(), 6);
+}
+
+TEST_P(WaitKinds, ClearingWakesAThreadThatWaitsForNotReady) {
+    const int running = 1;
+    Waitable sync(GetParam());
+    sync.SetData(5, 1U);
+    auto waiter =
+        std::async(std::launch::async, [&] { return sync.GetSynchronizer()->WaitForNotReady(running); });
+    EXPECT_EQ(waiter.wait_for(1ms), std::future_status::timeout);
+    sync.ClearDataReady();
+    EXPECT_EQ(waiter.wait_for(GENEROUS), std::future_status::ready);
+    EXPECT_TRUE(waiter.get());
+}
+
+// ---- Writers and readers at the same time ---------------------------------------------------------------
+
+// Every word is the generation, so that a torn copy shows.
+struct Generation {
+    std::array<std::uint32_t, 1024> words{};
+
+    static Generation Of(std::uint32_t generation) {
+        Generation result;
+        result.words.fill(generation);
+        return result;
+    }
+    bool IsWhole() const {
+        return std::all_of(words.begin(), words.end(),
+                           [this](std::uint32_t word) { return word == words[0]; });
+    }
+};
+
+using GenerationSync = DataSyncSingleWaitable<Generation, BasicDataSetter<Generation>>;
+
+constexpr std::uint32_t GENERATIONS = 3000;
+
+void WriteAll(GenerationSync& sync) {
+    for (std::uint32_t i = 1; i <= GENERATIONS; ++i) {
+        sync.SetData(Generation::Of(i), i, At(i));
+        std::this_thread::yield();
+    }
+}
+
+TEST(DataSyncUnderLoad, CopiesAreWholeAndNeverGoBack) {
+    GenerationSync sync(false);
+    auto reader = std::async(std::launch::async, [&] {
+        std::uint32_t last = 0;
+        while (last < GENERATIONS) {
+            const Generation record = sync.GetData();
+            if (!record.IsWhole() || record.words[0] < last) return false;
+            last = record.words[0];
+            std::this_thread::yield();
+        }
+        return true;
+    });
+    WriteAll(sync);
+    ASSERT_EQ(reader.wait_for(GENEROUS), std::future_status::ready);
+    EXPECT_TRUE(reader.get());
+}
+
+TEST(DataSyncUnderLoad, UnderTheLockRecordIdAndTimeBelongTogether) {
+    GenerationSync sync(false);
+    auto reader = std::async(std::launch::async, [&] {
+        std::uint32_t last = 0;
+        while (last < GENERATIONS) {
+            {
+                const std::shared_lock lock(sync.GetMutex());
+                const Generation& record = sync.GetDataRef();
+                last = record.words[0];
+                if (!record.IsWhole() || sync.GetSampleId() != last || sync.GetTimestamp() != At(last))
+                    return false;
+            }
+            std::this_thread::yield();
+        }
+        return true;
+    });
+    WriteAll(sync);
+    ASSERT_EQ(reader.wait_for(GENEROUS), std::future_status::ready);
+    EXPECT_TRUE(reader.get());
+}
+
+TEST_P(WaitKinds, AWaitingReaderAlwaysComesToSeeTheLastWrite) {
+    int running = 1;
+    GenerationSync sync(GetParam());
+    auto reader = std::async(std::launch::async, [&] {
+        Generation record;
+        while (record.words[0] < GENERATIONS) {
+            if (!sync.GetSynchronizer()->Wait(running)) return false;
+            sync.ClearDataReady();
+            record = sync.GetData();
+            if (!record.IsWhole()) return false;
+        }
+        return true;
+    });
+    WriteAll(sync);
+    EXPECT_EQ(reader.wait_for(GENEROUS), std::future_status::ready);
+    vosk::common::SetRunning(running, false);
+    EXPECT_TRUE(reader.get());
+}
+
+// ---- Registry -------------------------------------------------------------------------------------------
+
+class FirstSync final : public Waitable {
+public:
+    enum class InstanceTag { ONE, TWO };
+    using Waitable::Waitable;
+};
+
+class SecondSync final : public DataSyncSingle<int, BasicDataSetter<int>> {
+public:
+    enum class InstanceTag { ONE };
+};
+
+class Registry : public testing::Test {
+protected:
+    ~Registry() override { m_manager.Reset(); }
+
+    DataSyncManager& m_manager = DataSyncManager::GetInstance();
+};
+
+TEST_F(Registry, KeepsOneObjectPerClassAndTag) {
+    const auto first = m_manager.GetOrRegisterDataSync<FirstSync>(FirstSync::InstanceTag::ONE, true);
+    EXPECT_EQ(m_manager.GetOrRegisterDataSync<FirstSync>(FirstSync::InstanceTag::ONE, true), first);
+    EXPECT_NE(m_manager.GetOrRegisterDataSync<FirstSync>(FirstSync::InstanceTag::TWO, true), first);
+    const std::shared_ptr<DataSync> other =
+        m_manager.GetOrRegisterDataSync<SecondSync>(SecondSync::InstanceTag::ONE);
+    EXPECT_NE(other, first);
+    EXPECT_EQ(m_manager.GetDataSync({typeid(SecondSync), 0}), other);
+}
+
+TEST_F(Registry, TheFirstCallerDecidesTheWaitKind) {
+    m_manager.GetOrRegisterDataSync<FirstSync>(FirstSync::InstanceTag::ONE, true);
+    const auto sync = m_manager.GetOrRegisterDataSync<FirstSync>(FirstSync::InstanceTag::ONE, false);
+    EXPECT_NE(dynamic_cast<vosk::common::BusyWaitSynchronizer*>(sync->GetSynchronizer().get()), nullptr);
+}
+
+TEST_F(Registry, RegisteringReplacesWhatStoodThere) {
+    m_manager.GetOrRegisterDataSync<SecondSync>(SecondSync::InstanceTag::ONE);
+    const auto later = std::make_shared<SecondSync>();
+    EXPECT_EQ(m_manager.RegisterDataSync({typeid(SecondSync), 0}, later), later);
+    EXPECT_EQ(m_manager.GetDataSync({typeid(SecondSync), 0}), later);
+}
+
+TEST_F(Registry, SaysWhichObjectIsMissing) {
+    const DataSyncManager::Key key{typeid(FirstSync), 17};
+    EXPECT_EQ(m_manager.GetDataSync(key), nullptr);
+    try {
+        m_manager.GetDataSyncOrThrow(key);
+        FAIL() << "found an object that was never registered";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(error.what(), "no data sync object with given type (" +
+                                    std::string(typeid(FirstSync).name()) + ") and instance id (17)");
+    }
+    const auto object = std::make_shared<SecondSync>();
+    m_manager.RegisterDataSync(key, object);
+    EXPECT_EQ(m_manager.GetDataSyncOrThrow(key), object);
+}
+
+TEST_F(Registry, AResetLeavesObjectsToTheirHolders) {
+    const auto held = m_manager.GetOrRegisterDataSync<SecondSync>(SecondSync::InstanceTag::ONE);
+    held->SetData(5, 1U);
+    const std::weak_ptr<DataSync> dropped =
+        m_manager.GetOrRegisterDataSync<FirstSync>(FirstSync::InstanceTag::ONE, false);
+
+    vosk::common::LogCapture log;
+    DataSyncManager::CreateInstance();
+
+    EXPECT_THAT(log.Lines(), ElementsAre(vosk::common::LogCapture::Line{log4cplus::INFO_LOG_LEVEL,
+                                                                        "DataSyncManager::Reset()"}));
+    EXPECT_TRUE(dropped.expired());
+    EXPECT_EQ(held->GetData(), 5);
+    EXPECT_NE(m_manager.GetOrRegisterDataSync<SecondSync>(SecondSync::InstanceTag::ONE), held);
+}
+
+}  // namespace
