@@ -1,0 +1,328 @@
+#include <vosk/common/fits.hpp>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <limits>
+#include <system_error>
+
+namespace vosk::common {
+
+namespace {
+
+// cfitsio's text for the status, and all messages on its error stack, which is empty afterwards.
+std::string ReadStatus(int status) {
+    if (status == 0) return {};
+    std::array<char, FLEN_STATUS> text{};
+    ffgerr(status, text.data());
+    std::string all = std::string{text.data()} + ", ";
+    std::array<char, FLEN_ERRMSG> message{};
+    while (ffgmsg(message.data()) != 0) all += message.data();
+    return all;
+}
+
+void ThrowOnStatus(int status, const std::string& text) {
+    if (status != 0) throw std::runtime_error(text + ReadStatus(status));
+}
+
+void Close(Fits::HandleType* handle) {
+    if (handle->fptr != nullptr) {
+        int checksum_status = 0;
+        ffpcks(handle->fptr, &checksum_status);
+        int close_status = 0;
+        ffclos(handle->fptr, &close_status);
+        handle->fptr = nullptr;
+    }
+    delete handle;  // NOLINT(cppcoreguidelines-owning-memory): the end of a Fits::Handle
+}
+
+Fits::Handle MakeHandle(bool read_only, const std::optional<std::string>& extension) {
+    auto handle = std::make_unique<Fits::HandleType>();
+    handle->read_only = read_only;
+    handle->extension = extension.value_or("");
+    return {handle.release(), &Close};
+}
+
+// Number of elements, 1 without axes. What no memory can hold stays the largest number, so that it can't wrap
+// round to a small one.
+std::size_t Product(const std::vector<std::size_t>& sizes) {
+    std::size_t product = 1;
+    bool is_too_large = false;
+    for (const std::size_t size : sizes) is_too_large |= __builtin_mul_overflow(product, size, &product);
+    const bool is_empty = std::find(sizes.begin(), sizes.end(), std::size_t{0}) != sizes.end();
+    if (is_empty) return 0;
+    return is_too_large ? std::numeric_limits<std::size_t>::max() : product;
+}
+
+void RequireWritable(const Fits::Handle& handle) {
+    if (handle->read_only) throw std::runtime_error("Fits: Handle opened for reading only");
+}
+
+void RequireImg(const Fits::Handle& handle) {
+    if (handle->hdu_type != IMAGE_HDU) throw std::runtime_error("Fits: Handle opened for an exttension HDU");
+}
+
+void RequireBitpix(int expected, int actual) {
+    if (actual == expected) return;
+    throw std::invalid_argument("Fits: File has wrong image type, expected: " + std::to_string(expected) +
+                                " , acctual: " + std::to_string(actual));
+}
+
+void RequireDims(const std::vector<std::size_t>& expected, const std::vector<std::size_t>& actual) {
+    if (actual.size() != expected.size()) {
+        throw std::runtime_error(
+            "Fits: Image dimansions do not match, expected: " + std::to_string(expected.size()) +
+            " dimensions, actual: " + std::to_string(actual.size()) + " dimensions");
+    }
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        if (actual[i] == expected[i]) continue;
+        throw std::runtime_error("Fits: Image size does not match for the " + std::to_string(i) +
+                                 "th dimension, expected: " + std::to_string(expected[i]) +
+                                 ", acctual: " + std::to_string(actual[i]));
+    }
+}
+
+std::string ColumnText(const std::string& name) {
+    return "Fits: Column \"" + name + "\"";
+}
+
+}  // namespace
+
+Fits::Handle Fits::FitsFile(const std::string& path, const std::optional<std::string>& extension) {
+    Handle handle = MakeHandle(true, extension);
+    const std::string name = extension ? path + "[" + *extension + "]" : path;
+    int status = 0;
+    ffopen(&handle->fptr, name.c_str(), READONLY, &status);
+    ffghdt(handle->fptr, &handle->hdu_type, &status);
+    if (status != 0 || handle->fptr == nullptr) {
+        throw std::runtime_error("Fits: Could not open " + path + ", details: " + ReadStatus(status));
+    }
+    return handle;
+}
+
+Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
+                                 const std::optional<std::string>& extension) {
+    Handle handle = MakeHandle(false, extension);
+    int status = 0;
+    if (!overwrite) {
+        ffopen(&handle->fptr, path.c_str(), READWRITE, &status);
+        if (status == 0 && extension) {
+            int missing = 0;  // the table may be yet to come
+            ffmnhd(handle->fptr, BINARY_TBL, handle->extension.data(), 1, &missing);
+            ffcmsg();
+        }
+        ffghdt(handle->fptr, &handle->hdu_type, &status);
+        if (status == 0) return handle;
+        status = 0;
+        ffcmsg();  // that it couldn't be opened is no part of a later error
+        handle = MakeHandle(false, extension);
+    }
+    if (const auto parent = std::filesystem::path{path}.parent_path(); !parent.empty()) {
+        std::error_code ignored;  // without the directory the file can't be created, which is told below
+        std::filesystem::create_directories(parent, ignored);
+    }
+    ffinit(&handle->fptr, ((overwrite ? "!" : "") + path).c_str(), &status);
+    ffdhdu(handle->fptr, nullptr, &status);
+    ffpcks(handle->fptr, &status);
+    if (status != 0) {
+        throw std::runtime_error("Fits: Could not open/create " + path + ", details: " + ReadStatus(status));
+    }
+    return handle;
+}
+
+std::pair<std::vector<std::size_t>, int> Fits::ReadImgParams(const Handle& handle) {
+    RequireImg(handle);
+    int status = 0;
+    int axes = 0;
+    ffgidm(handle->fptr, &axes, &status);
+    ThrowOnStatus(status, "Fits: Error getting the number of axes: ");
+    int bitpix = 0;
+    std::vector<LONGLONG> sizes(static_cast<std::size_t>(axes));
+    ffgiprll(handle->fptr, axes, &bitpix, &axes, sizes.data(), &status);
+    ThrowOnStatus(status, "Fits: Error getting img params: ");
+    return {{sizes.begin(), sizes.end()}, bitpix};
+}
+
+// Of the image as its header tells it, checked against the file: a header that lies must not cost all memory.
+std::size_t Fits::SizeOfImg(const Handle& handle) {
+    const auto [sizes, bitpix] = ReadImgParams(handle);
+    const std::size_t count = Product(sizes);
+    const auto element = static_cast<std::size_t>(std::abs(bitpix)) / 8;
+    const auto file_size = static_cast<std::size_t>(std::max<LONGLONG>(handle->fptr->Fptr->filesize, 0));
+    if (!sizes.empty() && element != 0 && count > file_size / element) {
+        throw std::runtime_error("Fits: File is shorter than its header says");
+    }
+    return count;
+}
+
+void Fits::ThrowBufferTooSmall(std::size_t needed, std::size_t size) {
+    throw std::invalid_argument("Fits: Provided buffer is too small, expected at least: " +
+                                std::to_string(needed) + " , acctual: " + std::to_string(size));
+}
+
+void Fits::ReadImgPriv(const Handle& handle, void* buffer, std::size_t size, int bitpix, int datatype,
+                       const Dims& dims) {
+    const auto [sizes, file_bitpix] = ReadImgParams(handle);
+    RequireBitpix(bitpix, file_bitpix);
+    const std::size_t count = Product(sizes);
+    if (size < count) ThrowBufferTooSmall(count, size);
+    if (dims) RequireDims(*dims, sizes);
+    int status = 0;
+    ffgpv(handle->fptr, datatype, 1, static_cast<LONGLONG>(count), nullptr, buffer, nullptr, &status);
+    ThrowOnStatus(status, "Fits: Error reading image: ");
+}
+
+void Fits::ReadImgSlicePriv(const Handle& handle, void* buffer, std::size_t size, int bitpix, int datatype,
+                            std::size_t index) {
+    const auto [sizes, file_bitpix] = ReadImgParams(handle);
+    if (sizes.size() != 3) throw std::invalid_argument("Fits: Expected a 3D image");
+    RequireBitpix(bitpix, file_bitpix);
+    if (index >= sizes[2]) throw std::out_of_range("Fits: Slice index is outside the third dimension");
+    const std::size_t count = Product({sizes[0], sizes[1]});
+    if (size < count) ThrowBufferTooSmall(count, size);
+    const auto plane = static_cast<long>(index) + 1;
+    std::array<long, 3> first{1, 1, plane};
+    std::array<long, 3> last{static_cast<long>(sizes[0]), static_cast<long>(sizes[1]), plane};
+    std::array<long, 3> step{1, 1, 1};
+    int status = 0;
+    ffgsv(handle->fptr, datatype, first.data(), last.data(), step.data(), nullptr, buffer, nullptr, &status);
+    ThrowOnStatus(status, "Fits: Error reading image slice: ");
+}
+
+void Fits::ReadImgHeaderPriv(const Handle& handle, void* value, int datatype, const std::string& key) {
+    RequireImg(handle);
+    int status = 0;
+    ffgky(handle->fptr, datatype, key.c_str(), value, nullptr, &status);
+    if (status != 0) {
+        ffcmsg();
+        throw std::runtime_error("Fits: Error getting the header key: " + key);
+    }
+}
+
+void Fits::WriteImgHeaderPriv(const Handle& handle, const void* value, int datatype, const std::string& key,
+                              const std::string& comment) {
+    RequireWritable(handle);
+    RequireImg(handle);
+    int status = 0;
+    // cfitsio reads the value only.
+    ffuky(handle->fptr, datatype, key.c_str(), const_cast<void*>(value), comment.c_str(), &status);
+    ThrowOnStatus(status, "Fits: Error writing the header key " + key + ": ");
+}
+
+void Fits::WriteImgPriv(const Handle& handle, const void* data, std::size_t size, int bitpix, int datatype,
+                        const std::vector<std::size_t>& dims) {
+    if (const std::size_t product = Product(dims); product != size) {
+        throw std::invalid_argument(
+            "Fits: Provided image buffer size: " + std::to_string(size) +
+            " does not match size from provided dimensions: " + std::to_string(product));
+    }
+    RequireWritable(handle);
+    if (!handle->extension.empty()) throw std::runtime_error("Fits: Handle opened for extension table HDU");
+    if (handle->hdu_type == -1) handle->hdu_type = IMAGE_HDU;
+
+    std::vector<LONGLONG> sizes(dims.begin(), dims.end());
+    int status = 0;
+    ffmahd(handle->fptr, 1, nullptr, &status);
+    ffrsimll(handle->fptr, bitpix, static_cast<int>(sizes.size()), sizes.data(), &status);
+    // cfitsio reads the data only.
+    ffppr(handle->fptr, datatype, 1, static_cast<LONGLONG>(size), const_cast<void*>(data), &status);
+    ThrowOnStatus(status, "Fits: Error writing image: ");
+}
+
+void Fits::WriteTable(const Handle& handle, const std::vector<std::pair<std::string, std::string>>& columns) {
+    constexpr std::size_t MAX_COLUMNS = 64;
+    RequireWritable(handle);
+    if (handle->extension.empty()) throw std::runtime_error("Fits: Handle opened for primary image HDU");
+    if (handle->hdu_type == -1) handle->hdu_type = BINARY_TBL;
+
+    const std::size_t count = std::min(columns.size(), MAX_COLUMNS);
+    // cfitsio asks for pointers to changeable texts, but only reads them.
+    const auto text = [](const std::string& value) { return const_cast<char*>(value.c_str()); };
+    const std::string no_unit;
+    std::vector<char*> names;
+    std::vector<char*> forms;
+    std::vector<char*> units(count, text(no_unit));
+    for (std::size_t i = 0; i < count; ++i) {
+        names.push_back(text(columns[i].first));
+        forms.push_back(text(columns[i].second));
+    }
+    int status = 0;
+    ffcrtb(handle->fptr, BINARY_TBL, 0, static_cast<int>(count), names.data(), forms.data(), units.data(),
+           handle->extension.c_str(), &status);
+    // The new table is the current HDU now, also in a file that was opened on its image.
+    ffghdt(handle->fptr, &handle->hdu_type, &status);
+    ThrowOnStatus(status, "Fits: Could not create table, details: ");
+}
+
+std::pair<std::vector<std::size_t>, std::vector<Fits::Column>> Fits::ReadTableParams(
+    const Handle& handle, const std::optional<std::string>& column) {
+    if (handle->hdu_type != ASCII_TBL && handle->hdu_type != BINARY_TBL) {
+        throw std::runtime_error("Fits: Handle opened for primary image HDU");
+    }
+    int status = 0;
+    int count = 0;
+    long rows = 0;
+    ffgncl(handle->fptr, &count, &status);
+    ffgnrw(handle->fptr, &rows, &status);
+    ThrowOnStatus(status, "Fits: Error getting table params: ");
+
+    std::vector<Column> columns;
+    for (int i = 1; i <= count; ++i) {
+        std::string number = std::to_string(i);
+        std::array<char, FLEN_VALUE> name{};
+        Column found{0, 0, {}};
+        long repeat = 0;
+        long width = 0;
+        ffgcnn(handle->fptr, CASEINSEN, number.data(), name.data(), &found.index, &status);
+        ffgtcl(handle->fptr, i, &found.type, &repeat, &width, &status);
+        if (status != 0 || found.index != i) {
+            throw std::runtime_error("Fits: Error getting column params: " + ReadStatus(status));
+        }
+        found.name = name.data();
+        if (column && found.name != *column) continue;
+        columns.push_back(std::move(found));
+        if (column) break;
+    }
+    return {{columns.size(), static_cast<std::size_t>(rows)}, std::move(columns)};
+}
+
+void Fits::ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, int datatype,
+                          const std::string& name) {
+    const auto [sizes, columns] = ReadTableParams(handle, name);
+    if (columns.empty()) throw std::invalid_argument(ColumnText(name) + " not foud");
+    const std::size_t count = Product(sizes);
+    if (size < count) ThrowBufferTooSmall(count, size);
+    int status = 0;
+    int has_null = 0;
+    ffgcv(handle->fptr, datatype, columns.front().index, 1, 1, static_cast<LONGLONG>(count), nullptr, buffer,
+          &has_null, &status);
+    ThrowOnStatus(status, "Fits: Error reading column \"" + name + "\": ");
+    if (has_null != 0) throw std::runtime_error(ColumnText(name) + " contains undefined entries");
+}
+
+std::size_t Fits::WriteColumnPriv(const Handle& handle, const void* data, std::size_t size, int datatype,
+                                  int column, int first_row) {
+    RequireWritable(handle);
+    int status = 0;
+    // cfitsio reads the data only.
+    ffpcl(handle->fptr, datatype, column, first_row, 1, static_cast<LONGLONG>(size), const_cast<void*>(data),
+          &status);
+    ThrowOnStatus(status, "Fits: Error writing column " + std::to_string(column) + ": ");
+    return size;
+}
+
+std::size_t Fits::WriteColumnPriv(const Handle& handle, const void* data, std::size_t size, int datatype,
+                                  const std::string& name, int first_row) {
+    RequireWritable(handle);
+    const auto [sizes, columns] = ReadTableParams(handle, name);
+    if (columns.empty()) throw std::invalid_argument(ColumnText(name) + " not found");
+    const Column& column = columns.front();
+    if (column.type != datatype) {
+        throw std::invalid_argument(ColumnText(name) + " (index: " + std::to_string(column.index) + ")" +
+                                    " data type mismatch, expected: " + std::to_string(datatype) +
+                                    " , acctual: " + std::to_string(column.type));
+    }
+    return WriteColumnPriv(handle, data, size, datatype, column.index, first_row);
+}
+
+}  // namespace vosk::common

@@ -1,0 +1,58 @@
+#include <lumolib/utilities.hpp>
+
+#include <stdexcept>
+
+namespace vosk::lumo {
+
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+struct CountAndUnit {
+    long long count;
+    std::string unit;
+};
+
+CountAndUnit SplitAtBlank(const std::string& text) {
+    const auto blank = text.find(' ');
+    if (blank == std::string::npos) {
+        throw std::invalid_argument("GetTimeDurationParam(): invalid duration format");
+    }
+    return {std::stoll(text.substr(0, blank)), text.substr(blank + 1)};
+}
+
+// std::chrono would overflow without a word where the unit of the text is the coarser one.
+microseconds ToMicroseconds(milliseconds duration) {
+    microseconds::rep count = 0;
+    if (__builtin_mul_overflow(duration.count(), microseconds{milliseconds{1}}.count(), &count)) {
+        throw std::out_of_range(
+            "GetTimeDurationParam(): duration out of range: " + std::to_string(duration.count()) + " ms");
+    }
+    return microseconds{count};
+}
+
+}  // namespace
+
+pktwire::Ipv4 GetIpv4Param(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
+                           pktwire::Ipv4 default_value) {
+    return node.Has(key) ? pktwire::Ipv4{node[key].As<std::string>()} : default_value;
+}
+
+template <ConfigDuration D>
+D ParseDuration(const std::string& text) {
+    const auto [count, unit] = SplitAtBlank(text);
+    if (unit == "ns") return std::chrono::ceil<D>(nanoseconds{count});
+    if (unit == "us") return std::chrono::ceil<D>(microseconds{count});
+    if (unit == "ms") {
+        if constexpr (std::same_as<D, microseconds>) return ToMicroseconds(milliseconds{count});
+        return std::chrono::ceil<D>(milliseconds{count});
+    }
+    throw std::invalid_argument("GetTimeDurationParam(): unsupported duration unit: " + unit);
+}
+
+template microseconds ParseDuration<microseconds>(const std::string& text);
+template milliseconds ParseDuration<milliseconds>(const std::string& text);
+
+}  // namespace vosk::lumo

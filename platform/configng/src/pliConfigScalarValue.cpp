@@ -17,7 +17,9 @@ namespace {
 // The start of a text for a message: values may be as long as a document.
 std::string Excerpt(std::string_view text) {
     constexpr std::size_t LONGEST = 60;
-    return "\"" + std::string{text.substr(0, LONGEST)} + (text.size() > LONGEST ? "...\"" : "\"");
+    std::string excerpt{'"'};
+    excerpt.append(text.substr(0, LONGEST));
+    return excerpt.append(text.size() > LONGEST ? "...\"" : "\"");
 }
 
 [[noreturn]] void Refuse(std::string_view text, const char* why) {

@@ -117,7 +117,7 @@ TEST(Iteration, EndsAndRefuses) {
     EXPECT_EQ(empty.begin(), empty.end());
     EXPECT_EQ(TextOf<PliConfigIterationError>([&] { *empty.begin(); }), "Iteration was already completed");
     EXPECT_EQ(TextOf<PliConfigIterationError>([&] { ++empty.end(); }), "Iteration was already completed");
-    for (const std::string& text : {"5", "~"}) {
+    for (const char* text : {"5", "~"}) {
         EXPECT_EQ(TextOf<PliConfigIterationError>([&] { Value(text).begin(); }),
                   "Iteration over scalar/undefined nodes is not allowed");
     }
@@ -141,7 +141,7 @@ TEST(Scalar, ConvertsIntegersWithinTheirRange) {
     EXPECT_NE(RefusalOf<unsigned char>("300").find(out_of_range), std::string::npos);
     EXPECT_NE(RefusalOf<unsigned int>("-1").find(out_of_range), std::string::npos);
     EXPECT_NE(RefusalOf<unsigned long>("18446744073709551616").find(out_of_range), std::string::npos);
-    for (const std::string& text : {"12abc", "yes", "1.0", "1e3", "--1", "+-1", "0x", "1_000", "-"}) {
+    for (const char* text : {"12abc", "yes", "1.0", "1e3", "--1", "+-1", "0x", "1_000", "+"}) {
         EXPECT_NE(RefusalOf<int>(text).find(" is no integer"), std::string::npos) << text;
     }
 }
@@ -153,13 +153,13 @@ TEST(Scalar, ConvertsRealsAndBooleans) {
     EXPECT_EQ(Value("-.inf").As<float>(), -std::numeric_limits<float>::infinity());
     EXPECT_TRUE(std::isnan(Value(".nan").As<double>()));
     EXPECT_NE(RefusalOf<float>("1e39").find(" is out of range"), std::string::npos);
-    for (const std::string& text : {"inf", "nan", "1.5x", "+-5", ".", "0x10", "1,5", "true"}) {
+    for (const char* text : {"inf", "nan", "1.5x", "+-5", ".", "0x10", "1,5", "true"}) {
         EXPECT_NE(RefusalOf<double>(text).find(" is no number"), std::string::npos) << text;
     }
 
-    for (const std::string& text : {"true", "True", "TRUE"}) EXPECT_TRUE(Value(text).As<bool>());
-    for (const std::string& text : {"false", "False", "FALSE"}) EXPECT_FALSE(Value(text).As<bool>());
-    for (const std::string& text : {"yes", "on", "1", "tRUE", "truee"}) {
+    for (const char* text : {"true", "True", "TRUE"}) EXPECT_TRUE(Value(text).As<bool>());
+    for (const char* text : {"false", "False", "FALSE"}) EXPECT_FALSE(Value(text).As<bool>());
+    for (const char* text : {"yes", "on", "1", "tRUE", "truee"}) {
         EXPECT_NE(RefusalOf<bool>(text).find(" is neither true nor false"), std::string::npos) << text;
     }
 }
@@ -214,6 +214,7 @@ TEST(Matrix, LogsWhyANodeIsNone) {
     EXPECT_EQ(IsActualMatrix(Value("[[1], {a: 1}]")), std::nullopt);
     EXPECT_EQ(IsActualMatrix(Value("[[1, 2], [3, 4], [5]]")), std::nullopt);
     logger.removeAllAppenders();
+    logger.setLogLevel(log4cplus::NOT_SET_LOG_LEVEL);
     EXPECT_EQ(log->texts, (std::vector<std::string>{
                               "IsActualMatrix: dimensions are zero",
                               "IsActualMatrix: Member row is not a sequence ( it is 3",

@@ -1,0 +1,324 @@
+#include <vosk/common/fits.hpp>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <numeric>
+#include <string>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using vosk::common::Fits;
+namespace fs = std::filesystem;
+
+namespace {
+
+template <class Error>
+std::string TextOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const Error& error) {
+        return error.what();
+    } catch (const std::exception& error) {
+        return std::string{"another exception: "} + error.what();
+    }
+    return "no exception";
+}
+
+std::vector<float> Ramp(std::size_t size) {
+    std::vector<float> values(size);
+    std::iota(values.begin(), values.end(), 0.5F);
+    return values;
+}
+
+class FitsFiles : public testing::Test {
+protected:
+    FitsFiles() { fs::remove_all(m_root); }
+    ~FitsFiles() override { fs::remove_all(m_root); }
+
+    std::string Path(const std::string& name) const { return (m_root / name).string(); }
+
+    // Writes the image into a new file and opens that for reading.
+    template <class T>
+    Fits::Handle Image(const std::vector<T>& data, const std::vector<std::size_t>& dims) const {
+        Fits::WriteImg<T>(Fits::FitsFileWrite(Path("image.fits"), true), data, dims);
+        return Fits::FitsFile(Path("image.fits"));
+    }
+
+    const fs::path m_root = fs::path{testing::TempDir()} / fmt::format("fitsTest{}", ::getpid());
+};
+
+TEST_F(FitsFiles, CarryImagesOfEveryElementType) {
+    const std::vector<std::uint16_t> counts{0, 1, 32767, 32768, 40000, 65535};
+    EXPECT_EQ(Fits::ReadImg<std::uint16_t>(Image(counts, {3, 2})), counts);
+    const std::vector<std::uint32_t> large{0, 7, 2147483647};
+    EXPECT_EQ(Fits::ReadImg<std::uint32_t>(Image(large, {3})), large);
+    const std::vector<long> wide{-2147483648L, 0, 2147483647L};
+    EXPECT_EQ(Fits::ReadImg<long>(Image(wide, {3})), wide);
+    EXPECT_EQ(Fits::ReadImg<float>(Image(Ramp(24), {2, 3, 4})), Ramp(24));
+    EXPECT_EQ(Fits::ReadImg<double>(Image(std::vector<double>{1e300}, {1})), std::vector<double>{1e300});
+
+    const auto [sizes, bitpix] = Fits::ReadImgParams(Image(Ramp(24), {2, 3, 4}));
+    EXPECT_THAT(sizes, ElementsAre(2, 3, 4));
+    EXPECT_EQ(bitpix, -32);
+}
+
+// Big-endian, two's complement, NAXIS1 running fastest: checked without the library that wrote it.
+TEST_F(FitsFiles, HoldTheBytesThatTheFormatPrescribes) {
+    Image(std::vector<std::uint16_t>{1, 0x1234, 0x8000, 0xffff}, {2, 2});
+    std::ifstream file{Path("image.fits"), std::ios::binary};
+    std::string bytes{std::istreambuf_iterator<char>{file}, {}};
+    ASSERT_EQ(bytes.size(), 2U * 2880U);
+    EXPECT_THAT(bytes, StartsWith("SIMPLE  =                    T"));
+    EXPECT_THAT(bytes, HasSubstr("BITPIX  =                   16"));
+    EXPECT_EQ(bytes.substr(2880, 8), (std::string{"\x00\x01\x12\x34\x80\x00\xff\xff", 8}));
+}
+
+TEST_F(FitsFiles, AreReadThroughAlternativeTypes) {
+    const auto doubles = Image(std::vector<double>{0.1, 2.0}, {2});
+    EXPECT_THAT((Fits::ReadImg<float, double>(doubles, {{2}})), ElementsAre(0.1F, 2.0F));
+    const auto longs = Image(std::vector<std::uint32_t>{5, 65537}, {2});
+    EXPECT_THAT((Fits::ReadImg<std::uint16_t, std::uint32_t, long>(longs)), ElementsAre(5, 1));
+    // Only the second alternative takes a negative value.
+    const auto negative = Image(std::vector<long>{-1}, {1});
+    EXPECT_THAT((Fits::ReadImg<std::uint16_t, std::uint32_t, long>(negative)), ElementsAre(65535));
+
+    const auto shorts = Image(std::vector<std::uint16_t>{1}, {1});
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { (Fits::ReadImg<float, double>(shorts)); }),
+              ", Fits: File has wrong image type, expected: -32 , acctual: 16"
+              ", Fits: File has wrong image type, expected: -64 , acctual: 16");
+    std::vector<float> out(1);
+    std::string errors;
+    EXPECT_FALSE((Fits::ReadImgPriv<float, double>(errors, doubles, gsl::span<float>{out}, {})));
+    EXPECT_EQ(errors, ", Fits: Provided buffer is too small, expected at least: 2 , acctual: 1");
+}
+
+TEST_F(FitsFiles, AreCheckedBeforeTheyAreRead) {
+    const auto image = Image(Ramp(40), {4, 10});
+    std::vector<float> buffer(40);
+    const auto read = [&](std::size_t size, int bitpix, const Fits::Dims& dims) {
+        return [&image, &buffer, size, bitpix, dims] {
+            Fits::ReadImgPriv(image, buffer.data(), size, bitpix, TFLOAT, dims);
+        };
+    };
+    EXPECT_EQ(TextOf<std::invalid_argument>(read(1, -64, {{10, 4}})),
+              "Fits: File has wrong image type, expected: -64 , acctual: -32");
+    EXPECT_EQ(TextOf<std::invalid_argument>(read(39, -32, {{10, 4}})),
+              "Fits: Provided buffer is too small, expected at least: 40 , acctual: 39");
+    EXPECT_EQ(TextOf<std::runtime_error>(read(40, -32, {{10, 4}})),
+              "Fits: Image size does not match for the 0th dimension, expected: 10, acctual: 4");
+    EXPECT_EQ(TextOf<std::runtime_error>(read(40, -32, {{4, 11}})),
+              "Fits: Image size does not match for the 1th dimension, expected: 11, acctual: 10");
+    EXPECT_EQ(TextOf<std::runtime_error>(read(40, -32, {{4, 10, 1}})),
+              "Fits: Image dimansions do not match, expected: 3 dimensions, actual: 2 dimensions");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] {
+                  Fits::ReadImg<float>(image, {{10, 4}});
+              }),
+              ", Fits: Image size does not match for the 0th dimension, expected: 10, acctual: 4");
+    EXPECT_NO_THROW(read(50, -32, {{4, 10}})());
+    EXPECT_EQ(buffer, Ramp(40));
+}
+
+TEST_F(FitsFiles, GiveSingleSlices) {
+    const auto cube = Image(Ramp(24), {2, 3, 4});
+    std::vector<float> plane(6);
+    Fits::ReadImgSlicePriv(cube, plane.data(), 6, -32, TFLOAT, 3);
+    EXPECT_THAT(plane, ElementsAre(18.5F, 19.5F, 20.5F, 21.5F, 22.5F, 23.5F));
+    EXPECT_EQ(
+        TextOf<std::out_of_range>([&] { Fits::ReadImgSlicePriv(cube, plane.data(), 6, -32, TFLOAT, 4); }),
+        "Fits: Slice index is outside the third dimension");
+    EXPECT_EQ(
+        TextOf<std::invalid_argument>([&] { Fits::ReadImgSlicePriv(cube, plane.data(), 5, -32, TFLOAT, 0); }),
+        "Fits: Provided buffer is too small, expected at least: 6 , acctual: 5");
+    const auto flat = Image(Ramp(6), {2, 3});
+    EXPECT_EQ(
+        TextOf<std::invalid_argument>([&] { Fits::ReadImgSlicePriv(flat, plane.data(), 6, -32, TFLOAT, 0); }),
+        "Fits: Expected a 3D image");
+}
+
+TEST_F(FitsFiles, CarryHeaderKeywords) {
+    {
+        const auto file = Fits::FitsFileWrite(Path("image.fits"), true);
+        Fits::WriteImg<float>(file, Ramp(1), {1});
+        const long modes = 52;
+        Fits::WriteImgHeaderPriv(file, &modes, TLONG, "MODES", "number of modes");
+        Fits::WriteImgHeaderPriv(file, "maker", TSTRING, "CREATOR", "");
+    }
+    const auto file = Fits::FitsFile(Path("image.fits"));
+    long modes = 0;
+    Fits::ReadImgHeaderPriv(file, &modes, TLONG, "MODES");
+    EXPECT_EQ(modes, 52);
+    std::array<char, FLEN_VALUE> creator{};
+    Fits::ReadImgHeaderPriv(file, creator.data(), TSTRING, "CREATOR");
+    EXPECT_STREQ(creator.data(), "maker");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::ReadImgHeaderPriv(file, &modes, TLONG, "NONE"); }),
+              "Fits: Error getting the header key: NONE");
+}
+
+TEST_F(FitsFiles, WithoutAxesCountAsOneElement) {
+    static_cast<void>(Fits::FitsFileWrite(Path("empty.fits"), true));
+    const auto file = Fits::FitsFile(Path("empty.fits"));
+    EXPECT_THAT(Fits::ReadImgParams(file).first, ElementsAre());
+    float value = 0;
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { Fits::ReadImgPriv(file, &value, 0, 8, TFLOAT, {}); }),
+              "Fits: Provided buffer is too small, expected at least: 1 , acctual: 0");
+}
+
+TEST_F(FitsFiles, AreCreatedWithTheirDirectoriesReplacedOrKept) {
+    const std::string path = Path("new/sub/image.fits");
+    Fits::WriteImg<float>(Fits::FitsFileWrite(path, false), Ramp(4), {4});
+    static_cast<void>(Fits::FitsFileWrite(path, false));
+    EXPECT_EQ(Fits::ReadImg<float>(Fits::FitsFile(path)), Ramp(4));
+    static_cast<void>(Fits::FitsFileWrite(path, true));
+    EXPECT_THAT(Fits::ReadImgParams(Fits::FitsFile(path)).first, ElementsAre());
+
+    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFile(Path("absent.fits")); }),
+                StartsWith("Fits: Could not open " + Path("absent.fits") +
+                           ", details: could not open the named file, "));
+    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite("/proc/no/image.fits", true); }),
+                StartsWith("Fits: Could not open/create /proc/no/image.fits, details: "));
+    std::ofstream{Path("text.fits")} << "no FITS at all";
+    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("text.fits"), false); }),
+                StartsWith("Fits: Could not open/create " + Path("text.fits")));
+    EXPECT_EQ(fs::file_size(Path("text.fits")), 14U);
+}
+
+TEST_F(FitsFiles, RefuseWritesThatDoNotFit) {
+    const auto reader = Image(Ramp(4), {4});
+    const auto write = [](const Fits::Handle& handle, std::vector<std::size_t> dims) {
+        return [&handle, dims = std::move(dims)] { Fits::WriteImg<float>(handle, Ramp(4), dims); };
+    };
+    EXPECT_EQ(TextOf<std::invalid_argument>(write(reader, {5})),
+              "Fits: Provided image buffer size: 4 does not match size from provided dimensions: 5");
+    EXPECT_EQ(TextOf<std::runtime_error>(write(reader, {4})), "Fits: Handle opened for reading only");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::WriteTable(reader, {}); }),
+              "Fits: Handle opened for reading only");
+    const auto table = Fits::FitsFileWrite(Path("table.fits"), true, "TAB");
+    EXPECT_EQ(TextOf<std::runtime_error>(write(table, {2, 2})),
+              "Fits: Handle opened for extension table HDU");
+    EXPECT_THAT(
+        TextOf<std::invalid_argument>(write(table, {std::size_t{1} << 33U, std::size_t{1} << 33U, 4})),
+        EndsWith("from provided dimensions: 18446744073709551615"));
+}
+
+// A header that promises terabytes must be refused before memory is taken for them.
+TEST_F(FitsFiles, ShorterThanTheirHeaderAreRefused) {
+    Image(Ramp(4), {4});
+    std::fstream file{Path("image.fits"), std::ios::in | std::ios::out | std::ios::binary};
+    std::string header(2880, ' ');
+    file.read(header.data(), 2880);
+    const auto axis = header.find("NAXIS1  =");
+    file.seekp(static_cast<std::streamoff>(axis) + 10);
+    file << fmt::format("{:>20}", 1'000'000'000'000L) << std::flush;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::ReadImg<float>(Fits::FitsFile(Path("image.fits"))); }),
+              "Fits: File is shorter than its header says");
+}
+
+TEST_F(FitsFiles, CarryTables) {
+    {
+        const auto file = Fits::FitsFileWrite(Path("table.fits"), true, "SPOTS");
+        Fits::WriteTable(file, {{"Flux", "D"}, {"id", "J"}});
+        const std::vector<double> flux{1.5, 2.5, 3.5};
+        const std::vector<int> ids{7, 8, 9};
+        EXPECT_EQ(Fits::WriteColumnPriv(file, flux.data(), 3, TDOUBLE, "Flux", 1), 3U);
+        EXPECT_EQ(Fits::WriteColumnPriv(file, ids.data(), 3, TINT, 2, 1), 3U);
+        EXPECT_EQ(TextOf<std::invalid_argument>(
+                      [&] { Fits::WriteColumnPriv(file, ids.data(), 3, TINT, "Flux", 1); }),
+                  "Fits: Column \"Flux\" (index: 1) data type mismatch, expected: 31 , acctual: 82");
+        EXPECT_EQ(
+            TextOf<std::invalid_argument>([&] { Fits::WriteColumnPriv(file, ids.data(), 3, TINT, "x", 1); }),
+            "Fits: Column \"x\" not found");
+        EXPECT_THAT(
+            TextOf<std::runtime_error>([&] { Fits::WriteColumnPriv(file, ids.data(), 3, TINT, 3, 1); }),
+            StartsWith("Fits: Error writing column 3: "));
+    }
+    const auto file = Fits::FitsFile(Path("table.fits"), "SPOTS");
+    const auto [sizes, columns] = Fits::ReadTableParams(file, {});
+    EXPECT_THAT(sizes, ElementsAre(2, 3));
+    EXPECT_EQ(columns[1].name, "id");
+    EXPECT_EQ(columns[1].type, TLONG);
+    EXPECT_THAT(Fits::ReadTableParams(file, "Flux").first, ElementsAre(1, 3));
+    EXPECT_THAT(Fits::ReadTableParams(file, "flux").first, ElementsAre(0, 3));
+
+    std::vector<double> flux(3);
+    Fits::ReadColumnPriv(file, flux.data(), 3, TDOUBLE, "Flux");
+    EXPECT_THAT(flux, ElementsAre(1.5, 2.5, 3.5));
+    EXPECT_EQ(
+        TextOf<std::invalid_argument>([&] { Fits::ReadColumnPriv(file, flux.data(), 3, TDOUBLE, "flux"); }),
+        "Fits: Column \"flux\" not foud");
+    EXPECT_EQ(
+        TextOf<std::invalid_argument>([&] { Fits::ReadColumnPriv(file, flux.data(), 2, TDOUBLE, "Flux"); }),
+        "Fits: Provided buffer is too small, expected at least: 3 , acctual: 2");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::ReadImgParams(file); }),
+              "Fits: Handle opened for an exttension HDU");
+    const auto primary = Fits::FitsFile(Path("table.fits"));
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::ReadTableParams(primary, {}); }),
+              "Fits: Handle opened for primary image HDU");
+}
+
+TEST_F(FitsFiles, TakeATableBesideTheirImage) {
+    Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(4), {4});
+    {
+        const auto file = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
+        Fits::WriteTable(file, {{"a", "E"}});
+        EXPECT_EQ(Fits::WriteColumnPriv(file, Ramp(2).data(), 2, TFLOAT, "a", 1), 2U);
+    }
+    EXPECT_EQ(Fits::ReadImg<float>(Fits::FitsFile(Path("both.fits"))), Ramp(4));
+    const auto again = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
+    EXPECT_THAT(Fits::ReadTableParams(again, {}).first, ElementsAre(1, 2));
+}
+
+TEST_F(FitsFiles, TakeTheFirst64ColumnsOfATable) {
+    std::vector<std::pair<std::string, std::string>> columns;
+    for (int i = 0; i < 70; ++i) columns.emplace_back(fmt::format("c{}", i), "E");
+    const auto file = Fits::FitsFileWrite(Path("wide.fits"), true, "WIDE");
+    Fits::WriteTable(file, columns);
+    EXPECT_THAT(Fits::ReadTableParams(file, {}).first, ElementsAre(64, 0));
+}
+
+// Other readers take our files for valid, checksums included.
+class OtherReaders : public FitsFiles {
+protected:
+    OtherReaders() {
+        Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(12), {4, 3});
+        const auto file = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
+        Fits::WriteTable(file, {{"a", "E"}});
+        Fits::WriteColumnPriv(file, Ramp(3).data(), 3, TFLOAT, "a", 1);
+    }
+
+    static bool Runs(const std::string& command) {
+        return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+    }
+};
+
+TEST_F(OtherReaders, FitsverifyFindsNoFault) {
+    if (!Runs("command -v fitsverify")) GTEST_SKIP() << "fitsverify is not installed";
+    EXPECT_TRUE(Runs("fitsverify -e -q " + Path("both.fits")));
+}
+
+TEST_F(OtherReaders, AstropyReadsTheValuesAndTheChecksums) {
+    const std::string python = Runs("python3 -c 'import astropy'") ? "python3" : "/usr/bin/python3";
+    if (!Runs(python + " -c 'import astropy'")) GTEST_SKIP() << "astropy is not installed";
+    const std::string script =
+        "import sys, warnings\n"
+        "warnings.simplefilter('error')\n"
+        "from astropy.io import fits\n"
+        "with fits.open(sys.argv[1], checksum=True) as hdus:\n"
+        "    assert all('CHECKSUM' in hdu.header and 'DATASUM' in hdu.header for hdu in hdus)\n"
+        "    assert hdus[0].data.shape == (3, 4)\n"
+        "    assert hdus[0].data[2][1] == 9.5\n"
+        "    assert list(hdus['TAB'].data['a']) == [0.5, 1.5, 2.5]\n";
+    std::ofstream{Path("check.py")} << script;
+    EXPECT_TRUE(Runs(python + " " + Path("check.py") + " " + Path("both.fits")));
+}
+
+}  // namespace
