@@ -1,0 +1,155 @@
+#include <lumolib/lumoThread.hpp>
+
+#include <numa.h>
+#include <vosk/common/assert.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/timeString.hpp>
+
+#include <lumolib/utilities.hpp>
+
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace vosk::lumo {
+
+namespace {
+
+using common::LogAndThrow;
+using common::LogDebug;
+using common::LogError;
+using common::LogTrace;
+using common::LogWarn;
+using oru::configng::PliConfigInstanceNode;
+
+void FreeBuffer(const std::string& name, void* buffer, std::size_t size) {
+    std::error_code error;
+    nodepin::Free(buffer, size, error);
+    if (error) {
+        LogError("Thread {}, nodepin::Free has failed, code = {}, message = {}", name, error.value(),
+                 error.message());
+    }
+}
+
+// A grid or a time-out that runs backwards is a slip of the pen, and would only show as lateness.
+std::chrono::microseconds GetNonNegativeDuration(const PliConfigInstanceNode& node, const std::string& key,
+                                                 std::chrono::microseconds default_value) {
+    const auto value = GetTimeDurationParamOr(node, key, default_value);
+    if (value < value.zero()) {
+        LogAndThrow(fmt::format("ERR: {}.{} must not be negative", node.GetPath(), key));
+    }
+    return value;
+}
+
+}  // namespace
+
+Thread::Thread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description)
+    : m_name{name}, m_description{description} {
+    LogDebug("Setting up {} thread", m_name);
+    if (!node.IsMap()) LogAndThrow(fmt::format("Thread {}, configuration not recognized", m_name));
+    if (!node.Has("busy")) {
+        LogAndThrow(
+            fmt::format("{}: busy-waiting configuration not found (missing busy: true/false)", m_name));
+    }
+    m_busy = GetParam<bool>(node, "busy");
+    m_cpu = GetParamOr(node, "cpu", m_cpu);
+    LogTrace("Thread {}: CPU = {}, busy waiting = {}", m_name, m_cpu, m_busy ? 1 : 0);
+    m_synchronizer = common::MakeWaitSynchronizer(m_busy);
+    m_numa_buf_size = GetParamOr(node, "numa_buf_size", m_numa_buf_size);
+    if (m_cpu >= 0 && ::numa_available() != -1) SetUpPlacement();
+}
+
+Thread::~Thread() {
+    VOSK_ASSERT(!m_worker.joinable());
+}
+
+void Thread::SetUpPlacement() {
+    LogDebug("{}: NUMA available, setting CPU binding = {}", m_name, m_cpu);
+    const auto numa_node = nodepin::GetNodeOfCpu(m_cpu);
+    if (!numa_node) {
+        LogWarn("Thread {}, CPU binding has failed", m_name);
+        return;
+    }
+    m_numa_policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(m_cpu);
+    m_numa_policies.mem_policy = nodepin::MemPolicy::MakeBindNode(*numa_node);
+    if (m_numa_buf_size != 0) SetUpBuffer(*m_numa_policies.mem_policy);
+}
+
+void Thread::SetUpBuffer(const nodepin::MemPolicy& policy) {
+    LogDebug("Thread {}, setting NUMA buffer, size = {}", m_name, m_numa_buf_size);
+    std::error_code error;
+    m_numa_buffer = {
+        nodepin::Allocate(m_numa_buf_size, policy, error),
+        [name = m_name, size = m_numa_buf_size](void* buffer) { FreeBuffer(name, buffer, size); }};
+    if (!error) error = nodepin::MemLock(m_numa_buffer.get(), m_numa_buf_size);
+    if (error) {
+        LogWarn("Thread {}, setting NUMA buffer has failed, code = {}, message = {}", m_name, error.value(),
+                error.message());
+        return;
+    }
+    m_memory_resource = std::make_unique<std::pmr::monotonic_buffer_resource>(
+        m_numa_buffer.get(), m_numa_buf_size, std::pmr::get_default_resource());
+}
+
+std::future<void> Thread::Start() {
+    if (m_worker.joinable()) {
+        LogAndThrow(fmt::format("Thread {} has been started and not been stopped since", m_name));
+    }
+    LogTrace("Starting thread {}: {}", m_name, m_description);
+    std::promise<void> started;
+    std::future<void> ready = started.get_future();
+    common::SetRunning(m_running, true);
+    try {
+        m_worker = nodepin::MakeThread(m_name, m_numa_policies,
+                                       [this, started = std::move(started)]() mutable { TryWork(started); });
+    } catch (const std::exception& error) {
+        common::SetRunning(m_running, false);
+        LogError("Thread {} has failed to start with: {}", m_name, error.what());
+        throw;
+    }
+    LogTrace("Started thread {}: {}", m_name, m_description);
+    return ready;
+}
+
+void Thread::Stop() noexcept {
+    common::SetRunning(m_running, false);
+    if (!m_worker.joinable()) return;
+    LogTrace("Stopping thread {}", m_name);
+    m_worker.join();
+    LogTrace("Stopped thread {}", m_name);
+}
+
+bool Thread::WaitUntil(const atomclk::AtomClk::time_point& time) const {
+    if (common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
+        LogTrace("{} waiting until {}", m_name, GetTimeString(time));
+    }
+    return m_synchronizer->WaitUntil(time, m_running);
+}
+
+void Thread::TryWork(std::promise<void>& started) {
+    try {
+        Work(started);
+    } catch (const std::runtime_error& failure) {
+        LogError("Thread {}, caught an excepion, details = {}", m_name, failure.what());
+        try {
+            started.set_exception(std::current_exception());
+        } catch (const std::future_error&) {  // ready long since, so that nobody waits for the news
+            LogError("Problem detected in {}::Work(): {}", m_name, failure.what());
+        }
+    }
+    common::SetRunning(m_running, false);
+}
+
+RxThread::RxThread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description,
+                   std::chrono::microseconds default_timeout)
+    : Thread{name, node, description}, m_timeout{GetNonNegativeDuration(node, "timeout", default_timeout)} {}
+
+TxThread::TxThread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description,
+                   std::chrono::microseconds default_send_interval,
+                   std::chrono::microseconds default_send_offset)
+    : Thread{name, node, description},
+      m_send_interval{GetNonNegativeDuration(node, "send_interval", default_send_interval)},
+      m_send_offset{GetTimeDurationParamOr(node, "send_offset", default_send_offset)} {}
+
+}  // namespace vosk::lumo

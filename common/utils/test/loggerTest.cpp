@@ -1,0 +1,172 @@
+#include <vosk/common/logSetup.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/testing/logCapture.hpp>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace vosk::common {
+namespace {
+
+constexpr auto DEADLINE = std::chrono::seconds{20};
+
+class LoggerTest : public testing::Test {
+protected:
+    LoggerTest() { std::filesystem::remove(m_file); }
+    ~LoggerTest() override {
+        SetupLogging(log4cplus::WARN_LOG_LEVEL);
+        std::filesystem::remove(m_file);
+    }
+
+    std::vector<std::string> FileLines() const {
+        std::ifstream in{m_file};
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
+
+    const std::string m_file = testing::TempDir() + "vosk_log_" + std::to_string(::getpid());
+};
+
+TEST_F(LoggerTest, WritesTimeLevelLoggerAndTextFromTheLevelOn) {
+    SetupLogging(log4cplus::DEBUG_LOG_LEVEL, m_file);
+    LogTrace("not this");
+    LogDebug("M4Input: {}", 7);
+    log4cplus::Logger::getInstance("pktwire").forcedLog(log4cplus::WARN_LOG_LEVEL, "from below");
+    FlushLog();
+    const auto lines = FileLines();
+    ASSERT_EQ(lines.size(), 2U);
+    const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} )";
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex{time + "DEBUG vosk: M4Input: 7"})) << lines[0];
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex{time + "WARN  pktwire: from below"})) << lines[1];
+    EXPECT_EQ(GetLogger().getLogLevel(), log4cplus::DEBUG_LOG_LEVEL);
+}
+
+TEST_F(LoggerTest, KeepsTheOrderOfEachThread) {
+    constexpr int LINES = 500;
+    SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file);
+    const auto dropped_before = DroppedLogLines();
+    auto write = [](char name) {
+        for (int i = 0; i < LINES; ++i) LogInfo("{} {}", name, i);
+    };
+    std::thread a{write, 'a'};
+    std::thread b{write, 'b'};
+    a.join();
+    b.join();
+    FlushLog();
+    EXPECT_EQ(DroppedLogLines(), dropped_before);
+    int next[2] = {0, 0};
+    for (const std::string& line : FileLines()) {
+        std::istringstream text{line.substr(line.find("vosk: ") + 6)};
+        char name = '?';
+        int number = -1;
+        text >> name >> number;
+        EXPECT_EQ(number, next[name - 'a']++);
+    }
+    EXPECT_EQ(next[0], LINES);
+    EXPECT_EQ(next[1], LINES);
+}
+
+TEST_F(LoggerTest, RefusesAFileThatCannotBeOpenedAndStaysWhereItWas) {
+    SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file);
+    EXPECT_THROW(SetupLogging(log4cplus::INFO_LOG_LEVEL, "/no/such/directory/log"), std::runtime_error);
+    LogInfo("still here");
+    FlushLog();
+    EXPECT_EQ(FileLines().size(), 1U);
+}
+
+// A pipe that nobody reads stands for a blocked terminal or a hanging disk.
+TEST_F(LoggerTest, WriterGoesOnAndLinesAreCountedWhenTheOutputBlocks) {
+    constexpr int LINES = 30'000;
+    ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
+    const int pipe = ::open(m_file.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(pipe, 0);
+    SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file);
+    const auto dropped_before = DroppedLogLines();
+    for (int i = 0; i < LINES; ++i) LogInfo("{}", i);
+    const auto dropped = DroppedLogLines() - dropped_before;
+    EXPECT_GT(dropped, 0U);
+
+    // The reader wakes up: every line comes, in order, or is told of as lost.
+    constexpr std::string_view LOST = " log lines lost";
+    std::uint64_t received = 0;
+    std::uint64_t told_lost = 0;
+    int last = -1;
+    std::string text;
+    const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
+    while (received + told_lost < LINES && std::chrono::steady_clock::now() < give_up) {
+        char buffer[65536];
+        const ssize_t got = ::read(pipe, buffer, sizeof(buffer));
+        if (got > 0) text.append(buffer, static_cast<std::size_t>(got));
+        for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n')) {
+            const std::string message = text.substr(0, end).substr(text.find("vosk: ") + 6);
+            text.erase(0, end + 1);
+            if (message.find(LOST) != std::string::npos) {
+                told_lost += std::stoull(message);
+                continue;
+            }
+            const int number = std::stoi(message);
+            EXPECT_GT(number, last);
+            last = number;
+            ++received;
+        }
+    }
+    EXPECT_EQ(told_lost, dropped);
+    EXPECT_EQ(received, LINES - dropped);
+    SetupLogging(log4cplus::WARN_LOG_LEVEL);
+    ::close(pipe);
+}
+
+TEST_F(LoggerTest, CountsLinesThatCouldNotBeWritten) {
+    SetupLogging(log4cplus::INFO_LOG_LEVEL, "/dev/full");
+    const auto dropped_before = DroppedLogLines();
+    LogInfo("lost");
+    FlushLog();
+    EXPECT_EQ(DroppedLogLines(), dropped_before + 1);
+}
+
+TEST_F(LoggerTest, LosesNothingAtExit) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    const std::string file = testing::TempDir() + "vosk_log_exit";
+    std::filesystem::remove(file);
+    EXPECT_EXIT(
+        {
+            SetupLogging(log4cplus::INFO_LOG_LEVEL, file);
+            for (int i = 0; i < 1000; ++i) LogInfo("{}", i);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+    std::ifstream in{file};
+    const auto lines = std::count(std::istreambuf_iterator<char>{in}, {}, '\n');
+    EXPECT_EQ(lines, 1000);
+    std::filesystem::remove(file);
+}
+
+TEST(LogCapture, TakesEveryLineOfEveryLevelAndLogger) {
+    LogCapture capture;
+    LogTrace("{}", 1);
+    log4cplus::Logger::getInstance("oru.configng").forcedLog(log4cplus::DEBUG_LOG_LEVEL, "below");
+    EXPECT_THROW(LogAndThrow("ERR: bad"), std::runtime_error);
+    const std::vector<LogCapture::Line> expected{{log4cplus::TRACE_LOG_LEVEL, "1"},
+                                                 {log4cplus::DEBUG_LOG_LEVEL, "below"},
+                                                 {log4cplus::ERROR_LOG_LEVEL, "ERR: bad"}};
+    EXPECT_EQ(capture.Lines(), expected);
+}
+
+}  // namespace
+}  // namespace vosk::common
