@@ -112,9 +112,9 @@ TEST(RuntimeMonitor, EnablesTheStatisticsThatTheConfigurationNames) {
     }
     monitor.m_m4_statistics->Print();
     EXPECT_EQ(log.Count(log4cplus::TRACE_LOG_LEVEL, "Stream 2: num_samples = 1"), 1);
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter sent: max = 0.0 [us]"));
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter received: max = 1.0 [us]"));
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter received: max = 3.0 [us]"));
+    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter sent: max = 0 [us]"));
+    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter received: max = 1 [us]"));
+    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter received: max = 3 [us]"));
 }
 
 TEST(RuntimeMonitor, RefusesStatisticsThatItCannotGather) {
