@@ -1,0 +1,56 @@
+#pragma once
+
+// The figures of a run that the table and the report share: per-stream counts and periods, and how exactly
+// setpoints left at their planned time. Worked out once, after the run.
+
+#include "accounting.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vosk::rig {
+
+// Microseconds.
+struct Spread {
+    double p50 = 0.0;
+    double p99 = 0.0;
+    double max = 0.0;
+};
+Spread SpreadOf(std::vector<double> values);
+
+// Counts are of the moment at which the host was last asked for its own.
+struct StreamFigures {
+    std::string name;
+    std::uint64_t sent = 0;
+    std::uint64_t received = 0;
+    std::int64_t lost = 0;      // sent less received
+    std::uint64_t invalid = 0;  // as the receiver counts them
+    double rate = 0.0;          // hertz
+    double jitter = 0.0;        // standard deviation of the period, microseconds
+    std::string remark;
+};
+
+struct Figures {
+    std::vector<StreamFigures> streams;
+    Spread instrument;  // actual less planned send time of the commands
+    Spread lateness;    // actual less planned send time of the setpoints
+    Spread command_to_setpoint;
+    Spread answer;  // from the arrival of a setpoint to its answer
+    std::vector<std::pair<double, std::string>>
+        handover;  // seconds after the first command, and what happened
+};
+
+struct FeedbackCounts {
+    std::uint64_t sent = 0;
+    std::uint64_t harmed = 0;
+};
+
+Figures MakeFigures(const RunFacts& facts, const Accounts& accounts, const FeedbackCounts& feedback);
+
+double MicrosecondsOf(std::chrono::nanoseconds duration);
+double SecondsSince(const RunFacts& facts, time_point time);  // after the first command
+
+}  // namespace vosk::rig

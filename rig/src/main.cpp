@@ -1,0 +1,92 @@
+// vosk-rig: the bench telescope. Exit code 0 if the verdict of the run holds, 1 if it doesn't, 2 if the run
+// could not be made.
+
+#include "htmlReport.hpp"
+#include "run.hpp"
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <exception>
+
+namespace vosk::rig {
+namespace {
+
+// The tree's root is where the build directory stands in; without one, the working directory serves.
+std::filesystem::path FindRoot() {
+    for (auto directory = std::filesystem::current_path();; directory = directory.parent_path()) {
+        if (std::filesystem::exists(directory / "CMakePresets.json")) return directory;
+        if (directory == directory.parent_path()) return std::filesystem::current_path();
+    }
+}
+
+std::filesystem::path HostBesideRig() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() /
+           "lumo/host/vosk-host";
+}
+
+int MakeData(const std::filesystem::path& directory, Scenario scenario, std::uint32_t modes) {
+    scenario.host.managed_modes = modes;
+    const std::filesystem::path basis_file = std::filesystem::absolute(directory / "m2p.fits");
+    std::filesystem::create_directories(directory);
+    const ModalBasis basis = MakeModalBasis(modes);
+    WriteModalBasis(basis_file, basis);
+    const SaturationLimits limits = ChooseLimits(basis, scenario);
+    WriteTextFile(directory / "host.yaml", MakeHostDocument(scenario, Ports{}, basis_file, limits));
+    fmt::print("{}: {} modes by {} actuators\n{}: a configuration for vosk-host\n", basis_file.string(),
+               modes, defs::M4_CMD_SIZE, (directory / "host.yaml").string());
+    return 0;
+}
+
+int RunScenario(const std::filesystem::path& file, RunPaths paths, double seconds) {
+    Scenario scenario = LoadScenario(file);
+    if (seconds > 0.0) scenario.duration = Seconds{seconds};
+    if (paths.out.empty()) paths.out = FindRoot() / "run" / scenario.name;
+    if (paths.data.empty()) paths.data = paths.out.parent_path() / "data";
+    if (paths.host.empty()) paths.host = HostBesideRig();
+    struct sigaction action {};
+    action.sa_handler = [](int) { Run::Interrupt(); };
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    return Run(std::move(scenario), std::move(paths)).Execute() ? 0 : 1;
+}
+
+int Main(int argc, char** argv) {
+    CLI::App app("The bench telescope: simulated peers around vosk-host, and a verdict on what they saw.");
+    app.require_subcommand(1);
+
+    std::filesystem::path directory;
+    std::uint32_t modes = 200;
+    CLI::App* make_data =
+        app.add_subcommand("make-data", "Write calibration data and a configuration for the host");
+    make_data->add_option("directory", directory, "where to write")->required();
+    make_data->add_option("--modes", modes, "managed modes")->check(CLI::Range(2, 4866));
+
+    std::filesystem::path file;
+    RunPaths paths;
+    double seconds = 0.0;
+    CLI::App* run = app.add_subcommand("run", "Run a scenario and judge it");
+    run->add_option("scenario", file, "the scenario's YAML file")->required()->check(CLI::ExistingFile);
+    run->add_option("--host", paths.host, "the host's program; else the one built beside this one");
+    run->add_option("--out", paths.out, "directory for document, log and report; else run/NAME in the tree");
+    run->add_option("--data", paths.data, "directory for calibration data; else beside the former");
+    run->add_option("--seconds", seconds, "length of the run instead of the scenario's")
+        ->check(CLI::PositiveNumber);
+    CLI11_PARSE(app, argc, argv);
+
+    if (make_data->parsed()) return MakeData(directory, Scenario{.name = "make-data"}, modes);
+    return RunScenario(file, std::move(paths), seconds);
+}
+
+}  // namespace
+}  // namespace vosk::rig
+
+int main(int argc, char** argv) {
+    try {
+        return vosk::rig::Main(argc, argv);
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "vosk-rig: {}\n", error.what());
+        return 2;
+    }
+}

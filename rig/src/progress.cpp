@@ -1,0 +1,55 @@
+#include "progress.hpp"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace vosk::rig {
+namespace {
+
+std::string Bar(double share) {
+    constexpr int WIDTH = 16;
+    const int full = std::clamp(static_cast<int>(share * WIDTH), 0, WIDTH);
+    return std::string(static_cast<std::size_t>(full), '#') +
+           std::string(static_cast<std::size_t>(WIDTH - full), '.');
+}
+
+}  // namespace
+
+std::string FormatProgress(const ProgressFigures& figures) {
+    return fmt::format(
+        "{:5.1f}/{:g} s {} ({}): {} commands, {} setpoints, {} checked, {} wrong, late p99 {:.0f} us",
+        figures.time, figures.duration, figures.mode, figures.source, figures.commands, figures.setpoints,
+        figures.checked, figures.wrong, figures.late_p99);
+}
+
+Progress::Progress() : m_terminal(isatty(STDOUT_FILENO) == 1) {}
+
+void Progress::Show(const ProgressFigures& figures) {
+    if (figures.time < m_next) return;
+    m_next = figures.time + (m_terminal ? 0.1 : 1.0);
+    const std::string line = FormatProgress(figures);
+    if (m_terminal) {
+        const double share = figures.duration > 0.0 ? figures.time / figures.duration : 1.0;
+        fmt::print("\r\033[K[{}] {}", Bar(share), line);
+        m_line_open = true;
+    } else {
+        fmt::print("{}\n", line);
+    }
+    std::fflush(stdout);
+}
+
+void Progress::Say(const std::string& line) {
+    Close();
+    fmt::print("{}\n", line);
+    std::fflush(stdout);
+}
+
+void Progress::Close() {
+    if (m_line_open) fmt::print("\n");
+    m_line_open = false;
+}
+
+}  // namespace vosk::rig

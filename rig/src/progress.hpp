@@ -1,0 +1,42 @@
+#pragma once
+
+// Tells how a run goes: one line that keeps changing where somebody looks at a terminal, a plain line a
+// second elsewhere. Used by the driver of the run.
+
+#include <cstdint>
+#include <string>
+
+namespace vosk::rig {
+
+struct ProgressFigures {
+    double time = 0.0;  // seconds after the first command
+    double duration = 0.0;
+    std::string mode;
+    std::string source;
+    std::uint64_t commands = 0;
+    std::uint64_t setpoints = 0;
+    std::uint64_t checked = 0;
+    std::uint64_t wrong = 0;
+    double late_p99 = 0.0;  // of the last second's setpoints, microseconds
+};
+
+std::string FormatProgress(const ProgressFigures& figures);
+
+class Progress {
+public:
+    Progress();
+
+    // Shows the figures if it is time to; call it often.
+    void Show(const ProgressFigures& figures);
+    // A line that stays.
+    void Say(const std::string& line);
+    // The changing line is over.
+    void Close();
+
+private:
+    bool m_terminal;
+    bool m_line_open = false;
+    double m_next = 0.0;  // seconds after the first command
+};
+
+}  // namespace vosk::rig

@@ -1,0 +1,59 @@
+#pragma once
+
+// One run of a scenario, from calibration data to verdict: starts the host and the peers, takes the
+// scenario's steps at their times, ends everything in order and gathers what is known. Runs on the program's
+// main thread.
+
+#include "accounting.hpp"
+#include "checkThread.hpp"
+#include "figures.hpp"
+#include "instrument.hpp"
+#include "m4Peer.hpp"
+#include "progress.hpp"
+
+#include <filesystem>
+
+namespace vosk::rig {
+
+struct RunPaths {
+    std::filesystem::path host;  // the host's program
+    std::filesystem::path data;  // calibration data, made here if they are missing
+    std::filesystem::path out;   // document, log, report
+};
+
+// Makes the projection matrix unless a good one is there. Returns it.
+ModalBasis ProvideModalBasis(const std::filesystem::path& file, std::uint32_t modes);
+std::filesystem::path ModalBasisPath(const std::filesystem::path& directory, std::uint32_t modes);
+
+class Run {
+public:
+    // Throws std::runtime_error if the run can't be set up.
+    Run(Scenario scenario, RunPaths paths);
+
+    // Blocks for the run's duration. True if the verdict holds. Throws std::runtime_error if the host can't
+    // be started; what goes wrong later is in the verdict.
+    bool Execute();
+
+    // From a signal handler: ends the run early, in order.
+    static void Interrupt() noexcept;
+
+private:
+    struct Stage;  // everything that lives during a run
+
+    void Drive(Stage& stage);
+    void TakeStep(Stage& stage, const Step& step);
+    void ChangeMode(Stage& stage, defs::VoskControlMode mode);
+    void StopHost(Stage& stage);
+    void PollHost(Stage& stage);
+    void ShowProgress(Stage& stage, double time);
+    void End(Stage& stage);
+    bool Report(Stage& stage);
+
+    Scenario m_scenario;
+    RunPaths m_paths;
+    Progress m_progress;
+    RunFacts m_facts;
+    time_point m_first;
+};
+
+}  // namespace vosk::rig

@@ -1,0 +1,320 @@
+#include "scenario.hpp"
+
+#include <fmt/format.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace vosk::rig {
+namespace {
+
+constexpr std::array<std::pair<const char*, Stream>, 3> STREAMS{
+    {{"wavefront_command", Stream::WavefrontCommand},
+     {"setpoint_applied", Stream::SetpointApplied},
+     {"feedback", Stream::Feedback}}};
+
+constexpr std::array<std::pair<const char*, FaultKind>, 7> KINDS{
+    {{"drop", FaultKind::Drop},
+     {"duplicate", FaultKind::Duplicate},
+     {"reorder", FaultKind::Reorder},
+     {"delay", FaultKind::Delay},
+     {"wrong_sample_id", FaultKind::WrongSampleId},
+     {"corrupt", FaultKind::Corrupt},
+     {"truncate", FaultKind::Truncate}}};
+
+template <class Names, class Value>
+std::string NameOf(const Names& names, Value value) {
+    for (const auto& [name, candidate] : names)
+        if (candidate == value) return name;
+    throw std::runtime_error("Unknown enum value.");
+}
+
+// A map of the document. Each key is asked for by name; what was never asked for is an error, so that a
+// misspelt key can't be passed over.
+class Section {
+public:
+    Section(YAML::Node node, std::string source) : m_node(std::move(node)), m_source(std::move(source)) {
+        if (!m_node.IsMap()) Fail(m_node, "a map of keys is expected here");
+    }
+
+    [[noreturn]] void Fail(const YAML::Node& where, const std::string& what) const {
+        throw std::runtime_error(fmt::format("{}:{}: {}", m_source, where.Mark().line + 1, what));
+    }
+
+    bool Has(const std::string& key) { return Find(key).IsDefined(); }
+
+    template <class T>
+    void Read(const std::string& key, T& value) {
+        const YAML::Node node = Find(key);
+        if (!node.IsDefined()) return;
+        try {
+            value = node.as<T>();
+        } catch (const YAML::Exception&) {
+            Fail(node, fmt::format("'{}' has a value of the wrong kind", key));
+        }
+    }
+
+    template <class Rep, class Period>
+    void ReadDuration(const std::string& key, std::chrono::duration<Rep, Period>& value) {
+        std::string text;
+        Read(key, text);
+        if (text.empty()) return;
+        try {
+            value = std::chrono::duration_cast<std::chrono::duration<Rep, Period>>(ParseDuration(text));
+        } catch (const std::invalid_argument& error) {
+            Fail(m_node[key], fmt::format("'{}': {}", key, error.what()));
+        }
+    }
+
+    // Seconds as a plain number, as times in a run are given.
+    void ReadSeconds(const std::string& key, Seconds& value) {
+        double count = value.count();
+        ReadInRange(key, count, 0.0, 1e9);
+        value = Seconds{count};
+    }
+
+    template <class T>
+    void ReadInRange(const std::string& key, T& value, T low, T high) {
+        Read(key, value);
+        if (!(value >= low && value <= high))
+            Fail(m_node[key],
+                 fmt::format("'{}' is {}, but must lie between {} and {}", key, value, low, high));
+    }
+
+    template <class Names, class Value>
+    void ReadName(const std::string& key, const Names& names, Value& value) {
+        std::string text;
+        Read(key, text);
+        for (const auto& [name, candidate] : names) {
+            if (text != name) continue;
+            value = candidate;
+            return;
+        }
+        Fail(m_node, fmt::format("'{}' can't be '{}'", key, text));
+    }
+
+    template <class Reader>
+    void ReadSection(const std::string& key, Reader reader) {
+        const YAML::Node node = Find(key);
+        if (!node.IsDefined()) return;
+        Section section(node, m_source);
+        reader(section);
+        section.RefuseUnknownKeys();
+    }
+
+    template <class Reader>
+    void ReadList(const std::string& key, Reader reader) {
+        const YAML::Node node = Find(key);
+        if (!node.IsDefined()) return;
+        if (!node.IsSequence()) Fail(node, fmt::format("'{}' must be a list", key));
+        for (const YAML::Node& element : node) {
+            Section section(element, m_source);
+            reader(section);
+            section.RefuseUnknownKeys();
+        }
+    }
+
+    void RefuseUnknownKeys() const {
+        for (const auto& entry : m_node) {
+            const auto key = entry.first.as<std::string>();
+            if (m_known.count(key) == 0) Fail(entry.first, fmt::format("unknown key '{}'", key));
+        }
+    }
+
+    [[noreturn]] void Fail(const std::string& what) const { Fail(m_node, what); }
+
+private:
+    YAML::Node Find(const std::string& key) {
+        m_known.insert(key);
+        return std::as_const(m_node)[key];
+    }
+
+    YAML::Node m_node;
+    std::string m_source;
+    std::set<std::string> m_known;
+};
+
+void ReadHost(Section& section, HostSettings& host) {
+    section.ReadInRange("managed_modes", host.managed_modes, 2U, 4866U);
+    section.ReadInRange("gpao_highest_mode", host.gpao_highest_mode, 3U, 52U);
+    section.Read("delta_scaling", host.delta_scaling);
+    section.Read("busy", host.busy);
+    section.ReadDuration("m4_send_delay", host.m4_send_delay);
+    section.ReadDuration("m4_response_timeout", host.m4_response_timeout);
+}
+
+void ReadInstrument(Section& section, InstrumentSettings& instrument) {
+    section.ReadInRange("rate", instrument.rate, 1.0, 5000.0);
+    section.ReadInRange("noise", instrument.noise, 0.0, 1.0);
+    section.ReadDuration("drift_period", instrument.drift_period);
+    if (instrument.drift_period < std::chrono::milliseconds{10})
+        section.Fail("'drift_period' is below 10 ms");
+}
+
+void ReadM4(Section& section, M4Settings& m4) {
+    section.ReadDuration("answer_delay", m4.answer_delay);
+    section.ReadInRange("feedback_rate", m4.feedback_rate, 1.0, 2000.0);
+}
+
+FaultRule ReadFault(Section& section) {
+    FaultRule rule;
+    section.ReadName("stream", STREAMS, rule.stream);
+    section.ReadName("kind", KINDS, rule.kind);
+    section.ReadInRange("share", rule.share, 0.0, 1.0);
+    section.ReadDuration("delay", rule.delay);
+    section.ReadSeconds("from", rule.from);
+    section.ReadSeconds("to", rule.to);
+    return rule;
+}
+
+defs::VoskControlMode ParseMode(const Section& section, const std::string& text) {
+    for (std::uint32_t value = 1; value <= 6; ++value) {
+        const auto mode = static_cast<defs::VoskControlMode>(value);
+        if (vosk::to_string(mode) == text) return mode;
+    }
+    section.Fail(fmt::format("there is no control mode '{}'", text));
+}
+
+Step ReadStep(Section& section) {
+    constexpr std::array<std::pair<const char*, bool>, 2> LIFE{{{"dead", false}, {"alive", true}}};
+    constexpr std::array<std::pair<const char*, bool>, 2> SILENCE{{{"silent", true}, {"sending", false}}};
+    constexpr std::array<std::pair<const char*, bool>, 2> VALIDITY{{{"valid", true}, {"invalid", false}}};
+
+    Step step;
+    if (!section.Has("at")) section.Fail("a step needs 'at', in seconds after the first command");
+    section.ReadSeconds("at", step.at);
+    int actions = 0;
+    if (section.Has("mode")) {
+        std::string text;
+        section.Read("mode", text);
+        step.action = SetMode{ParseMode(section, text)};
+        ++actions;
+    }
+    const auto read_switch = [&](const char* key, const auto& names, auto make) {
+        if (!section.Has(key)) return;
+        bool value = false;
+        section.ReadName(key, names, value);
+        step.action = make(value);
+        ++actions;
+    };
+    read_switch("m4", LIFE, [](bool value) { return SetM4Alive{value}; });
+    read_switch("instrument", SILENCE, [](bool value) { return SetInstrumentSilent{value}; });
+    read_switch("commands", VALIDITY, [](bool value) { return SetCommandsValid{value}; });
+    if (section.Has("host")) {
+        std::string text;
+        section.Read("host", text);
+        if (text != "stop") section.Fail("'host' can only be 'stop'");
+        step.action = StopHost{};
+        ++actions;
+    }
+    if (actions != 1)
+        section.Fail("a step needs exactly one of 'mode', 'm4', 'instrument', 'commands', 'host'");
+    return step;
+}
+
+void ReadExpectation(Section& section, Expectation& expect) {
+    section.ReadInRange("max_exceptions", expect.max_exceptions, 0.0, 1.0);
+    section.ReadDuration("recovery", expect.recovery);
+    section.ReadDuration("host_stop", expect.host_stop);
+    section.Read("min_setpoints", expect.min_setpoints);
+}
+
+}  // namespace
+
+std::chrono::nanoseconds Scenario::CommandPeriod() const {
+    return std::chrono::nanoseconds{std::llround(1e9 / instrument.rate)};
+}
+
+std::optional<Seconds> Scenario::HostStopTime() const {
+    for (const Step& step : steps)
+        if (std::holds_alternative<StopHost>(step.action)) return step.at;
+    return std::nullopt;
+}
+
+Scenario ParseScenario(const std::string& text, const std::string& source) {
+    YAML::Node document;
+    try {
+        document = YAML::Load(text);
+    } catch (const YAML::Exception& error) {
+        throw std::runtime_error(fmt::format("{}:{}: {}", source, error.mark.line + 1, error.msg));
+    }
+    Scenario scenario;
+    Section root(document, source);
+    root.Read("name", scenario.name);
+    if (scenario.name.empty()) root.Fail("a scenario needs a 'name'");
+    root.Read("description", scenario.description);
+    root.ReadSeconds("seconds", scenario.duration);
+    root.Read("seed", scenario.seed);
+    root.ReadSection("host", [&](Section& section) { ReadHost(section, scenario.host); });
+    root.ReadSection("instrument", [&](Section& section) { ReadInstrument(section, scenario.instrument); });
+    root.ReadSection("m4", [&](Section& section) { ReadM4(section, scenario.m4); });
+    root.ReadList("faults", [&](Section& section) { scenario.faults.push_back(ReadFault(section)); });
+    root.ReadList("steps", [&](Section& section) { scenario.steps.push_back(ReadStep(section)); });
+    root.ReadSection("expect", [&](Section& section) { ReadExpectation(section, scenario.expect); });
+    root.RefuseUnknownKeys();
+    for (const FaultRule& rule : scenario.faults)
+        if (rule.stream == Stream::WavefrontCommand && rule.delay >= scenario.CommandPeriod())
+            root.Fail(
+                "a command can't be delayed by a whole period or more, as it would hold up the next one");
+    std::stable_sort(scenario.steps.begin(), scenario.steps.end(),
+                     [](const Step& left, const Step& right) { return left.at < right.at; });
+    return scenario;
+}
+
+Scenario LoadScenario(const std::filesystem::path& file) {
+    const std::ifstream input(file);
+    if (!input) throw std::runtime_error(fmt::format("{}: can't be read", file.string()));
+    std::ostringstream text;
+    text << input.rdbuf();
+    return ParseScenario(text.str(), file.string());
+}
+
+std::chrono::nanoseconds ParseDuration(const std::string& text) {
+    constexpr std::array<std::pair<const char*, double>, 4> UNITS{
+        {{" ns", 1.0}, {" us", 1e3}, {" ms", 1e6}, {" s", 1e9}}};
+    std::size_t used = 0;
+    double count = -1.0;
+    try {
+        count = std::stod(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    for (const auto& [unit, nanoseconds] : UNITS)
+        if (used > 0 && text.compare(used, std::string::npos, unit) == 0 && count >= 0.0 && count < 1e9)
+            return std::chrono::nanoseconds{std::llround(count * nanoseconds)};
+    throw std::invalid_argument(fmt::format("'{}' is no duration such as \"500 us\"", text));
+}
+
+std::string ToString(Stream stream) {
+    return NameOf(STREAMS, stream);
+}
+
+std::string ToString(FaultKind kind) {
+    return NameOf(KINDS, kind);
+}
+
+std::string ToString(const Step& step) {
+    struct Describe {
+        std::string operator()(const SetMode& action) const { return "mode " + vosk::to_string(action.mode); }
+        std::string operator()(const SetM4Alive& action) const {
+            return action.alive ? "M4 returns" : "M4 dies";
+        }
+        std::string operator()(const SetCommandsValid& action) const {
+            return action.valid ? "commands valid" : "commands invalid";
+        }
+        std::string operator()(const SetInstrumentSilent& action) const {
+            return action.silent ? "instrument silent" : "instrument sends";
+        }
+        std::string operator()(const StopHost&) const { return "SIGTERM to the host"; }
+    };
+    return std::visit(Describe{}, step.action);
+}
+
+}  // namespace vosk::rig

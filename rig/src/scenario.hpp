@@ -1,0 +1,118 @@
+#pragma once
+
+// What one run of the bench telescope does: how the host is set up, how its peers behave, what happens when,
+// and what must hold in the end. Read once from a YAML file, constant afterwards.
+
+#include <vosk/defs/controlMode.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace vosk::rig {
+
+using Seconds = std::chrono::duration<double>;
+
+struct HostSettings {
+    std::uint32_t managed_modes = 200;
+    std::uint32_t gpao_highest_mode = 52;
+    bool delta_scaling = true;
+    bool busy = false;
+    std::chrono::microseconds m4_send_delay{1200};
+    std::chrono::microseconds m4_response_timeout{500};
+};
+
+struct InstrumentSettings {
+    double rate = 500.0;  // commands a second
+    double noise = 0.02;  // rms of the noise in the lowest modes; the shapes have an rms near 0.5 there
+    std::chrono::milliseconds drift_period{4000};  // of the slowest shape
+};
+
+struct M4Settings {
+    std::chrono::microseconds answer_delay{50};  // from the arrival of a setpoint to its answer
+    double feedback_rate = 100.0;                // samples a second
+};
+
+enum class Stream { WavefrontCommand, SetpointApplied, Feedback };
+
+// What befalls a sample on its way to the host.
+enum class FaultKind {
+    Drop,           // one of its packets vanishes
+    Duplicate,      // one of its packets arrives twice
+    Reorder,        // two of its packets change places
+    Delay,          // the whole sample leaves later
+    WrongSampleId,  // the whole sample carries another ID
+    Corrupt,        // one byte of one packet is changed
+    Truncate,       // one packet is cut short
+};
+
+struct FaultRule {
+    Stream stream = Stream::WavefrontCommand;
+    FaultKind kind = FaultKind::Drop;
+    double share = 0.0;  // of the stream's samples, 0 to 1
+    std::chrono::microseconds delay{0};
+    Seconds from{0.0};
+    Seconds to{1e9};
+};
+
+// The steps of a scenario, each at its time after the first command.
+struct SetMode {
+    defs::VoskControlMode mode;
+};
+struct SetM4Alive {
+    bool alive;
+};
+struct SetCommandsValid {
+    bool valid;
+};
+struct SetInstrumentSilent {
+    bool silent;
+};
+struct StopHost {};
+
+struct Step {
+    Seconds at{0.0};
+    std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, StopHost> action;
+};
+
+struct Expectation {
+    double max_exceptions = 0.01;  // share of the valid commands under INS control
+    // Within this time after M4 came back, setpoints are right and answered again.
+    std::chrono::milliseconds recovery{100};
+    std::chrono::milliseconds host_stop{3000};  // from the request to the end of the host's process
+    std::uint64_t min_setpoints = 1;
+};
+
+struct Scenario {
+    std::string name;
+    std::string description;
+    Seconds duration{20.0};
+    std::uint64_t seed = 1;
+    HostSettings host;
+    InstrumentSettings instrument;
+    M4Settings m4;
+    std::vector<FaultRule> faults;
+    std::vector<Step> steps;  // in order of time
+    Expectation expect;
+
+    std::chrono::nanoseconds CommandPeriod() const;
+    std::optional<Seconds> HostStopTime() const;
+};
+
+// Throws std::runtime_error "<file>:<line>: <what>" for a key that is unknown, of the wrong kind, or out of
+// range.
+Scenario LoadScenario(const std::filesystem::path& file);
+Scenario ParseScenario(const std::string& text, const std::string& source);
+
+// "500 us", "2 ms", "1.5 s", "200 ns". Throws std::invalid_argument.
+std::chrono::nanoseconds ParseDuration(const std::string& text);
+
+std::string ToString(Stream stream);
+std::string ToString(FaultKind kind);
+std::string ToString(const Step& step);
+
+}  // namespace vosk::rig
