@@ -4,17 +4,19 @@
 // carry extended information; the payload is an array of data units, of which the leader tells the count.
 // A Receiver and a Sender belong to one thread. After construction nothing allocates and nothing throws.
 
+#include <pktwire/detail/lspxLayout.hpp>
+#include <pktwire/detail/lspxPacketReader.hpp>
 #include <pktwire/qudex.hpp>
 
 namespace pktwire::lspx {
 
-// The values 1 to 5 are set-ups of sender and receiver that don't fit; they refuse the sample.
+// The values 1 to 5, 13 and 15 refuse a sample.
 enum class RxErrc {
     endianness = 1,
     data_unit_size = 2,
     extended_info_size = 3,
     padding_size = 4,
-    version = 5,
+    header = 5,             // of an unknown version, or contradicting itself
     payload_missing = 6,    // the packets of the sample are through, and bytes are missing
     other_packet = 8,       // packet by packet: one of another kind was there, and is gone; ask again
     buffer_too_small = 13,  // for the data units that the leader announces
@@ -74,48 +76,6 @@ struct Release {
         const qudex::PacketPtr storage = std::move(mine->m_packet);
         mine->~Packet();
     }
-};
-
-// Where the parts of a sample lie in the caller's memory.
-class PartsLayout final : public pktwire::detail::SampleLayout {
-public:
-    struct Config {
-        std::uint8_t endianness;
-        std::uint8_t leader_info_size;
-        std::uint8_t trailer_info_size;
-        std::uint8_t padding_size;
-        std::uint8_t unit_size;
-    };
-    struct Parts {
-        std::span<std::byte> leader_info;
-        std::span<std::byte> payload;
-        std::span<std::byte> trailer_info;
-    };
-
-    PartsLayout(const Config& config, std::uint16_t num_frames) noexcept;
-
-    // True if these are not the places of the last call.
-    bool SetParts(const Parts& parts) noexcept;
-
-    std::uint16_t ExpectedFrames() const noexcept override { return m_num_frames; }
-    std::span<std::byte> ExpectedPlace(std::uint16_t frame) const noexcept override;
-    std::error_code Begin(const pktwire::detail::Slot& slot) noexcept override;
-    std::error_code Place(const pktwire::detail::Slot& slot, std::span<std::byte>& place) noexcept override;
-    std::error_code Finish() noexcept override { return {}; }
-
-    // Checks a packet against the set-up, whatever memory it goes to.
-    std::error_code CheckSetup(const pktwire::detail::Slot& slot) const noexcept;
-
-private:
-    void SetCut(std::uint16_t num_frames, std::uint32_t num_units) noexcept;
-    std::size_t UnitsAhead(std::uint16_t frame) const noexcept;
-
-    const Config m_config;
-    Parts m_parts;
-    std::uint16_t m_num_frames;
-    std::uint32_t m_num_units = 0;
-    std::uint32_t m_units_per_packet = 0;
-    bool m_cut_is_guessed = true;
 };
 
 }  // namespace detail
@@ -183,9 +143,9 @@ public:
     const RxCounters& GetCounters() const noexcept { return m_receiver->GetCounters(); }
 
 private:
-    Config m_config;
     QudexReceiver m_receiver;
     detail::PartsLayout m_layout;
+    detail::PacketReader m_reader;
 };
 
 class Sender {
@@ -214,8 +174,15 @@ public:
                                std::optional<std::uint16_t> extra, std::optional<Status> status) noexcept;
 
 private:
+    wire::LspxHeader Header(wire::LspxKind kind, std::uint8_t unit_size, Status status) const noexcept;
+    // One packet: the header and the padding behind it, then the body in place.
+    void Queue(const wire::LspxHeader& header, gsl::span<const std::byte> body, time_point time,
+               std::optional<std::uint16_t> extra) noexcept;
+
     Config m_config;
     qudex::Sender& m_sender;
+    // The header of the packet in work, and the padding behind it.
+    std::array<std::byte, sizeof(wire::LspxHeader) + wire::MAX_PADDING> m_head{};
 };
 
 }  // namespace pktwire::lspx

@@ -58,10 +58,8 @@ private:
     };
     void ExpectEqualCut(std::uint16_t frames) noexcept;
 
-    const std::uint16_t m_max_frames;
     std::uint16_t m_expected_frames;
-    std::uint16_t m_num_frames = 0;  // of the sample in work
-    bool m_as_expected = true;       // all frames of the sample in work so far
+    bool m_as_expected = true;  // all frames of the sample in work so far
     std::span<std::byte> m_buffer;
     std::pmr::vector<Piece> m_expected;  // by frame number - 1
     std::pmr::vector<Piece> m_actual;
@@ -153,22 +151,25 @@ private:
     };
     static constexpr std::size_t BATCH = 32;
 
+    void BeginSample(std::uint32_t size) noexcept;
+    // One more frame of the sample: what stands between the QUDEX header and the body, and the body in place.
+    void Queue(std::span<const std::byte> upper, std::span<const std::byte> body, time_point timestamp,
+               std::optional<std::uint16_t> extra) noexcept;
+    void Flush() noexcept;
+    // Sends what is queued, and gives the worst error of the sample.
+    std::error_code EndSample() noexcept;
     wire::QudexHeader NextHeader(std::size_t payload_size, time_point timestamp,
                                  std::optional<std::uint16_t> extra) noexcept;
     time_point Timestamp(std::optional<time_point> timestamp) const;
-    // One more frame of a batch: what stands between the QUDEX header and the body, and the body in place.
-    std::error_code Queue(std::span<const std::byte> upper, std::span<const std::byte> body,
-                          time_point timestamp, std::optional<std::uint16_t> extra) noexcept;
-    // Sends what is queued; returns the first error since the batch began.
-    std::error_code Flush() noexcept;
 
     Config m_config;
     TxSocket& m_socket;
     std::uint32_t m_sample_id = 0;
     std::uint16_t m_next_frame = 1;
-    std::uint32_t m_place = 0;  // of the next frame in the sample
+    std::uint32_t m_place = 0;        // of the next frame in the sample
+    std::uint32_t m_sample_size = 0;  // as told in the headers
     std::size_t m_queued = 0;
-    std::error_code m_error;
+    std::error_code m_error;  // of the sample so far
     std::pmr::vector<Head> m_heads;
     std::pmr::vector<iovec> m_iovs;
     std::pmr::vector<mmsghdr> m_messages;

@@ -63,15 +63,16 @@ namespace detail {
 // elsewhere.
 struct Slot {
     qudex::Packet packet;
-    std::array<std::byte, sizeof(wire::LspxHeader) + wire::MAX_PADDING + 1> prefix;
-    alignas(8) std::array<std::byte, 24> upper;  // an LSPX packet object lives here while it is handed out
-    std::byte* spill;
-    std::size_t body_size;
+    std::array<std::byte, sizeof(wire::LspxHeader) + wire::MAX_PADDING + 1> prefix{};
+    alignas(8) std::array<std::byte, 24> upper{};  // an LSPX packet object lives here while it is handed out
+    std::byte* spill = nullptr;
+    std::size_t body_size = 0;
 
     static constexpr std::size_t SPILL_SIZE = 65536;
 
     const wire::QudexHeader& Header() const noexcept { return packet.m_header; }
-    std::byte* Wire() noexcept { return reinterpret_cast<std::byte*>(this) + offsetof(Slot, packet) + 8; }
+    // Where a datagram's first byte goes; the prefix follows the header without a gap.
+    std::byte* Wire() noexcept { return reinterpret_cast<std::byte*>(&packet.m_header); }
     const wire::LspxHeader& Lspx() const noexcept {
         return *reinterpret_cast<const wire::LspxHeader*>(prefix.data());
     }
@@ -90,7 +91,7 @@ public:
     std::size_t Available() const noexcept { return m_free.size(); }
     // The caller has seen that one is available.
     Slot* Take() noexcept;
-    void Give(const Slot* slot) noexcept;
+    void Give(Slot* slot) noexcept;
 
 private:
     struct Block {

@@ -85,8 +85,10 @@ public:
 
     // Packets whose turn is yet to come, lifted, in order of arrival.
     std::pmr::vector<Slot*>& Queue() noexcept { return m_queue; }
-    // Queues a lifted packet; one that is over or there already is dropped.
-    void Enqueue(Slot* slot) noexcept;
+    // Queues a lifted packet; one that is over or there already is dropped and
+    // gives false.
+    bool Enqueue(Slot* slot) noexcept;
+    void DropStaleFromQueue() noexcept;
     // The packet that tells which sample is next: the first that came, or one of a sample shortly before.
     const Slot* NextInQueue() const noexcept;
     bool QueueIsFull() const noexcept { return m_queue.size() >= m_queue_limit; }

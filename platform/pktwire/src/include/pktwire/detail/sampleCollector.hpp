@@ -55,9 +55,11 @@ private:
     Step TakeFromQueue(SampleLayout& layout, std::error_code& error) noexcept;
     Step TakeFromBatch(SampleLayout& layout, std::error_code& error) noexcept;
     Step Accept(SampleLayout& layout, std::span<Incoming> packets, std::error_code& error) noexcept;
-    Step Refuse(std::error_code reason, std::error_code& error) noexcept;
+    Step Refuse(Slot* slot) noexcept;
+    void Drop(Incoming& packet, std::uint64_t& counter) noexcept;
     std::error_code Begin(SampleLayout& layout, const Slot& slot) noexcept;
-    void ExpectMissingFrames(const SampleLayout& layout) noexcept;
+    // False if no packet is free.
+    bool ExpectMissingFrames(const SampleLayout& layout) noexcept;
     void Keep(Slot* slot) noexcept;
     void EndSample(bool delivered) noexcept;
 

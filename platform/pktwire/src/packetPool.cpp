@@ -1,0 +1,55 @@
+#include <pktwire/detail/packet.hpp>
+
+namespace pktwire {
+
+// Callers of other layers read these fields; the object starts with them and nothing may move.
+struct qudex::Packet::Layout {
+    template <std::size_t FieldInHeader>
+    static constexpr std::size_t AT = offsetof(Packet, m_header) + FieldInHeader;
+    static_assert(AT<offsetof(wire::QudexHeader, sample_id)> == 16);
+    static_assert(AT<offsetof(wire::QudexHeader, timestamp)> == 20);
+    static_assert(AT<offsetof(wire::QudexHeader, num_frames)> == 30);
+    // The kernel writes headers across the two.
+    static_assert(offsetof(detail::Slot, prefix) == AT<sizeof(wire::QudexHeader)>);
+    static_assert(offsetof(detail::Slot, packet) == 0);
+};
+
+namespace detail {
+
+PacketPool::Block::Block(std::size_t count, std::pmr::memory_resource* memory)
+    : slots(count, memory), spills(count * Slot::SPILL_SIZE, memory) {}
+
+PacketPool::PacketPool(std::size_t count, std::pmr::memory_resource* memory)
+    : m_memory{memory}, m_blocks(memory), m_free(memory) {
+    Grow(count);
+}
+
+void PacketPool::Grow(std::size_t count) {
+    Block& block = m_blocks.emplace_back(count, m_memory);
+    m_free.reserve(m_free.size() + count);
+    for (std::size_t i = 0; i < count; ++i) {
+        block.slots[i].packet.m_pool = this;
+        block.slots[i].spill = block.spills.data() + i * Slot::SPILL_SIZE;
+        m_free.push_back(&block.slots[i]);
+    }
+}
+
+Slot* PacketPool::Take() noexcept {
+    Slot* slot = m_free.back();
+    m_free.pop_back();
+    return slot;
+}
+
+void PacketPool::Give(Slot* slot) noexcept {
+    m_free.push_back(slot);
+}
+
+}  // namespace detail
+
+void qudex::PacketDeleter::operator()(const Packet* packet) const noexcept {
+    // A packet is the first member of its slot, and no slot is const.
+    auto* slot = reinterpret_cast<detail::Slot*>(const_cast<Packet*>(packet));
+    packet->m_pool->Give(slot);
+}
+
+}  // namespace pktwire

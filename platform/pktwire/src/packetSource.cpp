@@ -1,0 +1,214 @@
+#include <pktwire/detail/crc32c.hpp>
+#include <pktwire/detail/packetSource.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace pktwire::detail {
+
+namespace {
+
+// Sample IDs run forward and wrap; two of one stream that lie this close are taken to be in order, two that
+// lie further apart to come from a sender that started anew.
+constexpr std::uint32_t ORDER_WINDOW = 16;
+
+bool IsShortlyBefore(std::uint32_t id, std::uint32_t other) noexcept {
+    const std::uint32_t distance = other - id;
+    return distance != 0 && distance < ORDER_WINDOW;
+}
+
+bool IsSameFrame(const Slot& left, const Slot& right) noexcept {
+    return left.packet.SampleId() == right.packet.SampleId() &&
+           left.packet.FrameNumber() == right.packet.FrameNumber();
+}
+
+}  // namespace
+
+Deadline::Deadline(std::chrono::nanoseconds timeout) noexcept {
+    if (timeout <= std::chrono::nanoseconds::zero()) return;
+    const auto now = std::chrono::steady_clock::now();
+    const auto longest = std::chrono::steady_clock::time_point::max() - now;
+    m_end = now + std::min<std::chrono::nanoseconds>(timeout, longest);
+}
+
+std::chrono::nanoseconds Deadline::Left() const noexcept {
+    if (!m_end) return std::chrono::nanoseconds::zero();
+    return std::max<std::chrono::nanoseconds>(*m_end - std::chrono::steady_clock::now(),
+                                              std::chrono::nanoseconds::zero());
+}
+
+PacketSource::PacketSource(const Config& config, RxSocket& socket, std::pmr::memory_resource* memory)
+    : m_topic{config.topic},
+      m_ignore_checksum{config.ignore_checksum},
+      m_queue_limit{config.queue},
+      m_socket{socket},
+      m_pool{config.batch + config.queue + 2, memory},
+      m_batch(config.batch, memory),
+      m_iovs(config.batch * IOVS, memory),
+      m_messages(config.batch, memory),
+      m_queue(memory) {
+    m_queue.reserve(config.queue + config.batch);
+    for (std::size_t i = 0; i < m_messages.size(); ++i) {
+        m_messages[i].msg_hdr.msg_iov = &m_iovs[i * IOVS];
+        m_messages[i].msg_hdr.msg_iovlen = IOVS;
+    }
+}
+
+void PacketSource::AllowHeld(std::size_t count) {
+    m_pool.Grow(count);
+}
+
+bool PacketSource::Expect(std::span<std::byte> place) noexcept {
+    if (m_pool.Available() == 0) return false;
+    Slot* slot = m_pool.Take();
+    place = place.first(std::min(place.size(), Slot::SPILL_SIZE));
+    m_batch[m_expected] = {slot, place, false};
+    iovec* iovs = &m_iovs[m_expected * IOVS];
+    iovs[0] = {slot->Wire(), m_prefix};
+    iovs[1] = {place.data(), place.size()};
+    // The rest of a body that is longer than expected, where it will stand when the body is lifted.
+    iovs[2] = {slot->spill + place.size(), Slot::SPILL_SIZE - place.size()};
+    ++m_expected;
+    return true;
+}
+
+std::error_code PacketSource::Read(const Deadline& deadline) noexcept {
+    std::error_code error;
+    m_read = 0;
+    while (m_read == 0) {
+        m_read = m_socket.ReceiveBatch(std::span{m_messages}.first(m_expected), error);
+        if (m_read != 0) break;
+        if (error != std::errc::operation_would_block) break;
+        const auto left = deadline.Left();
+        error = left.count() == 0 ? std::make_error_code(std::errc::timed_out) : m_socket.WaitReadable(left);
+        if (error) break;
+    }
+    for (std::size_t i = m_read; i < m_expected; ++i) m_pool.Give(m_batch[i].slot);
+    m_expected = 0;
+    m_counters.packets += m_read;
+    for (std::size_t i = 0; i < m_read; ++i) {
+        if (!IsValid(m_batch[i], m_messages[i])) m_pool.Give(std::exchange(m_batch[i].slot, nullptr));
+    }
+    return error;
+}
+
+bool PacketSource::IsValid(const Incoming& packet, const mmsghdr& message) noexcept {
+    const auto count = [](std::uint64_t& counter) {
+        ++counter;
+        return false;
+    };
+    const std::size_t size = message.msg_len;
+    if (size < sizeof(wire::QudexHeader)) return count(m_counters.short_ones);
+    const wire::QudexHeader& header = packet.slot->Header();
+    if (header.magic != wire::QUDEX_MAGIC || header.version != wire::QUDEX_VERSION ||
+        header.topic != m_topic) {
+        return count(m_counters.foreign);
+    }
+    const std::size_t payload_size = size - sizeof(wire::QudexHeader);
+    const bool truncated = (message.msg_hdr.msg_flags & MSG_TRUNC) != 0;
+    if (payload_size > header.payload_size || truncated) return count(m_counters.long_ones);
+    if (payload_size < header.payload_size || size < m_prefix) return count(m_counters.short_ones);
+    if (header.frame_number == 0 || header.frame_number > header.num_frames)
+        return count(m_counters.malformed);
+    packet.slot->body_size = size - m_prefix;
+    if (!m_ignore_checksum && !ChecksumFits(packet)) return count(m_counters.checksum);
+    return true;
+}
+
+bool PacketSource::ChecksumFits(const Incoming& packet) const noexcept {
+    const wire::QudexHeader& header = packet.slot->Header();
+    if ((header.flags & wire::QUDEX_HAS_CHECKSUM) == 0) return true;
+    wire::QudexHeader unsigned_header = header;
+    unsigned_header.checksum = 0;
+    const std::size_t in_place = std::min(packet.expected.size(), packet.slot->body_size);
+    Crc32c crc;
+    crc.Add(std::as_bytes(std::span{&unsigned_header, 1}));
+    crc.Add(std::span{packet.slot->prefix}.first(m_prefix - sizeof(header)));
+    crc.Add(packet.expected.first(in_place));
+    crc.Add({packet.slot->spill + in_place, packet.slot->body_size - in_place});
+    return crc.Value() == header.checksum;
+}
+
+void PacketSource::Lift(std::span<Incoming> packets) noexcept {
+    for (Incoming& packet : packets) {
+        if (packet.slot == nullptr || packet.lifted) continue;
+        packet.lifted = true;
+        const std::size_t in_place = std::min(packet.expected.size(), packet.slot->body_size);
+        if (in_place != 0) std::memcpy(packet.slot->spill, packet.expected.data(), in_place);
+    }
+}
+
+bool PacketSource::Enqueue(Slot* slot) noexcept {
+    const bool stale = IsStale(*slot);
+    const bool duplicate = std::any_of(m_queue.begin(), m_queue.end(),
+                                       [slot](const Slot* other) { return IsSameFrame(*slot, *other); });
+    if (stale || duplicate) {
+        ++(stale ? m_counters.stale : m_counters.duplicate);
+        m_pool.Give(slot);
+        return false;
+    }
+    ++m_counters.ahead;
+    m_queue.push_back(slot);
+    m_whole_in_queue = m_whole_in_queue || IsWholeInQueue(*slot);
+    return true;
+}
+
+void PacketSource::DropStaleFromQueue() noexcept {
+    auto kept = m_queue.begin();
+    for (Slot* slot : m_queue) {
+        if (!IsStale(*slot)) {
+            *kept++ = slot;
+            continue;
+        }
+        ++m_counters.stale;
+        m_pool.Give(slot);
+    }
+    m_queue.erase(kept, m_queue.end());
+    RecheckQueue();
+}
+
+const Slot* PacketSource::NextInQueue() const noexcept {
+    const Slot* next = m_queue.empty() ? nullptr : m_queue.front();
+    for (const Slot* slot : m_queue) {
+        if (IsShortlyBefore(slot->packet.SampleId(), next->packet.SampleId())) next = slot;
+    }
+    return next;
+}
+
+bool PacketSource::IsWholeInQueue(const Slot& slot) const noexcept {
+    const std::size_t num_frames = slot.packet.NumFrames();
+    if (num_frames > m_queue.size()) return false;
+    const auto in_queue = std::count_if(m_queue.begin(), m_queue.end(), [&slot](const Slot* other) {
+        return other->packet.SampleId() == slot.packet.SampleId() &&
+               other->packet.NumFrames() == slot.packet.NumFrames();
+    });
+    return static_cast<std::size_t>(in_queue) == num_frames;
+}
+
+void PacketSource::RecheckQueue() noexcept {
+    m_whole_in_queue = std::any_of(m_queue.begin(), m_queue.end(),
+                                   [this](const Slot* slot) { return IsWholeInQueue(*slot); });
+}
+
+void PacketSource::SampleIsOver(std::uint32_t id, time_point latest, bool delivered) noexcept {
+    m_past[m_past_count % m_past.size()] = {id, latest};
+    ++m_past_count;
+    if (delivered) m_delivered = PastSample{id, latest};
+}
+
+bool PacketSource::IsStale(const Slot& slot) const noexcept {
+    const std::uint32_t id = slot.packet.SampleId();
+    const time_point time = slot.packet.Timestamp();
+    // A sender that started anew may use IDs of the recent past, but its times go on.
+    const auto is_newer = [time](const PastSample& sample) {
+        return sample.latest != time_point{} && time > sample.latest;
+    };
+    if (m_delivered && IsShortlyBefore(id, m_delivered->id) && !is_newer(*m_delivered)) return true;
+    const auto past = std::span{m_past}.first(std::min(m_past_count, m_past.size()));
+    return std::any_of(past.begin(), past.end(), [&is_newer, id](const PastSample& sample) {
+        return sample.id == id && !is_newer(sample);
+    });
+}
+
+}  // namespace pktwire::detail
