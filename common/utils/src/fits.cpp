@@ -28,7 +28,8 @@ void ThrowOnStatus(int status, const std::string& text) {
 void Close(Fits::HandleType* handle) {
     if (handle->fptr != nullptr) {
         int checksum_status = 0;
-        ffpcks(handle->fptr, &checksum_status);
+        // A file that is only read can't take checksums: don't go through all its data for them.
+        if (!handle->read_only) ffpcks(handle->fptr, &checksum_status);
         int close_status = 0;
         ffclos(handle->fptr, &close_status);
         handle->fptr = nullptr;
@@ -43,15 +44,51 @@ Fits::Handle MakeHandle(bool read_only, const std::optional<std::string>& extens
     return {handle.release(), &Close};
 }
 
+// Opens an existing file, on its table of that name if there is one, and gives cfitsio's status.
+int Open(Fits::HandleType& handle, const std::string& name, int mode, std::string table) {
+    int status = 0;
+    ffopen(&handle.fptr, name.c_str(), mode, &status);
+    if (status == 0 && !table.empty()) {
+        int missing = 0;
+        ffmnhd(handle.fptr, BINARY_TBL, table.data(), 1, &missing);
+        if (missing != 0) ffcmsg();
+    }
+    ffghdt(handle.fptr, &handle.hdu_type, &status);
+    return status;
+}
+
+// END_OF_FILE if the file at hand ends before the data that its current header promises. Such a header may
+// promise more than any memory holds, or than can be read in a day.
+int CheckLength(fitsfile* file) {
+    int status = 0;
+    LONGLONG data_end = 0;
+    ffghadll(file, nullptr, nullptr, &data_end, &status);
+    if (status != 0 || data_end <= file->Fptr->filesize) return status;
+    ffpmsg("The file is shorter than its header says.");
+    return END_OF_FILE;
+}
+
+int OpenToRead(Fits::HandleType& handle, const std::string& name, const std::string& table) {
+    const int status = Open(handle, name, READONLY, table);
+    return status == 0 ? CheckLength(handle.fptr) : status;
+}
+
+// Checks the length by reading first: once open for writing, a short file would be filled up at its end.
+int OpenToWrite(Fits::HandleType& handle, const std::string& name) {
+    // Closed before the file is opened again: cfitsio shares what is open, with its mode.
+    const int status = OpenToRead(*MakeHandle(true, {}), name, handle.extension);
+    return status == 0 ? Open(handle, name, READWRITE, handle.extension) : status;
+}
+
 // Number of elements, 1 without axes. What no memory can hold stays the largest number, so that it can't wrap
 // round to a small one.
 std::size_t Product(const std::vector<std::size_t>& sizes) {
+    if (std::find(sizes.begin(), sizes.end(), std::size_t{0}) != sizes.end()) return 0;
     std::size_t product = 1;
-    bool is_too_large = false;
-    for (const std::size_t size : sizes) is_too_large |= __builtin_mul_overflow(product, size, &product);
-    const bool is_empty = std::find(sizes.begin(), sizes.end(), std::size_t{0}) != sizes.end();
-    if (is_empty) return 0;
-    return is_too_large ? std::numeric_limits<std::size_t>::max() : product;
+    for (const std::size_t size : sizes) {
+        if (__builtin_mul_overflow(product, size, &product)) return std::numeric_limits<std::size_t>::max();
+    }
+    return product;
 }
 
 void RequireWritable(const Fits::Handle& handle) {
@@ -91,9 +128,7 @@ std::string ColumnText(const std::string& name) {
 Fits::Handle Fits::FitsFile(const std::string& path, const std::optional<std::string>& extension) {
     Handle handle = MakeHandle(true, extension);
     const std::string name = extension ? path + "[" + *extension + "]" : path;
-    int status = 0;
-    ffopen(&handle->fptr, name.c_str(), READONLY, &status);
-    ffghdt(handle->fptr, &handle->hdu_type, &status);
+    const int status = OpenToRead(*handle, name, {});
     if (status != 0 || handle->fptr == nullptr) {
         throw std::runtime_error("Fits: Could not open " + path + ", details: " + ReadStatus(status));
     }
@@ -103,17 +138,8 @@ Fits::Handle Fits::FitsFile(const std::string& path, const std::optional<std::st
 Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
                                  const std::optional<std::string>& extension) {
     Handle handle = MakeHandle(false, extension);
-    int status = 0;
     if (!overwrite) {
-        ffopen(&handle->fptr, path.c_str(), READWRITE, &status);
-        if (status == 0 && extension) {
-            int missing = 0;  // the table may be yet to come
-            ffmnhd(handle->fptr, BINARY_TBL, handle->extension.data(), 1, &missing);
-            ffcmsg();
-        }
-        ffghdt(handle->fptr, &handle->hdu_type, &status);
-        if (status == 0) return handle;
-        status = 0;
+        if (OpenToWrite(*handle, path) == 0) return handle;
         ffcmsg();  // that it couldn't be opened is no part of a later error
         handle = MakeHandle(false, extension);
     }
@@ -121,6 +147,7 @@ Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
         std::error_code ignored;  // without the directory the file can't be created, which is told below
         std::filesystem::create_directories(parent, ignored);
     }
+    int status = 0;
     ffinit(&handle->fptr, ((overwrite ? "!" : "") + path).c_str(), &status);
     ffdhdu(handle->fptr, nullptr, &status);
     ffpcks(handle->fptr, &status);
@@ -143,16 +170,8 @@ std::pair<std::vector<std::size_t>, int> Fits::ReadImgParams(const Handle& handl
     return {{sizes.begin(), sizes.end()}, bitpix};
 }
 
-// Of the image as its header tells it, checked against the file: a header that lies must not cost all memory.
 std::size_t Fits::SizeOfImg(const Handle& handle) {
-    const auto [sizes, bitpix] = ReadImgParams(handle);
-    const std::size_t count = Product(sizes);
-    const auto element = static_cast<std::size_t>(std::abs(bitpix)) / 8;
-    const auto file_size = static_cast<std::size_t>(std::max<LONGLONG>(handle->fptr->Fptr->filesize, 0));
-    if (!sizes.empty() && element != 0 && count > file_size / element) {
-        throw std::runtime_error("Fits: File is shorter than its header says");
-    }
-    return count;
+    return Product(ReadImgParams(handle).first);
 }
 
 void Fits::ThrowBufferTooSmall(std::size_t needed, std::size_t size) {

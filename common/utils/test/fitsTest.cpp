@@ -210,17 +210,26 @@ TEST_F(FitsFiles, RefuseWritesThatDoNotFit) {
         EndsWith("from provided dimensions: 18446744073709551615"));
 }
 
-// A header that promises terabytes must be refused before memory is taken for them.
+// A header that promises terabytes must be refused before memory is taken, or checksums are made, for them.
 TEST_F(FitsFiles, ShorterThanTheirHeaderAreRefused) {
     Image(Ramp(4), {4});
-    std::fstream file{Path("image.fits"), std::ios::in | std::ios::out | std::ios::binary};
-    std::string header(2880, ' ');
-    file.read(header.data(), 2880);
-    const auto axis = header.find("NAXIS1  =");
-    file.seekp(static_cast<std::streamoff>(axis) + 10);
-    file << fmt::format("{:>20}", 1'000'000'000'000L) << std::flush;
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::ReadImg<float>(Fits::FitsFile(Path("image.fits"))); }),
-              "Fits: File is shorter than its header says");
+    {
+        std::fstream file{Path("image.fits"), std::ios::in | std::ios::out | std::ios::binary};
+        std::string header(2880, ' ');
+        file.read(header.data(), 2880);
+        file.seekp(static_cast<std::streamoff>(header.find("NAXIS1  =")) + 10);
+        file << fmt::format("{:>20}", 1'000'000'000'000L);
+    }
+    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFile(Path("image.fits")); }),
+                EndsWith("image.fits, details: tried to move past end of file, The file is shorter than its "
+                         "header says."));
+    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("image.fits"), false); }),
+                StartsWith("Fits: Could not open/create"));
+}
+
+TEST_F(FitsFiles, MayBeCompressed) {
+    Fits::WriteImg<float>(Fits::FitsFileWrite(Path("image.fits.gz"), true), Ramp(40'000), {40'000});
+    EXPECT_EQ(Fits::ReadImg<float>(Fits::FitsFile(Path("image.fits.gz"))), Ramp(40'000));
 }
 
 TEST_F(FitsFiles, CarryTables) {

@@ -47,8 +47,9 @@ public:
     struct Traits;
 
     // --- Opening -----------------------------------------------------------------------------------------
-    // std::runtime_error on failure. Without `overwrite` an existing file is opened and keeps its content; a
-    // file that is to be created gets its missing directories too.
+    // std::runtime_error on failure, also where a file is shorter than its header says. Without `overwrite`
+    // an existing file is opened and keeps its content; a file that is to be created gets its missing
+    // directories too.
     static Handle FitsFile(const std::string& path, const std::optional<std::string>& extension = {});
     static Handle FitsFileWrite(const std::string& path, bool overwrite,
                                 const std::optional<std::string>& extension = {});
