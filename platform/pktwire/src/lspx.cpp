@@ -46,7 +46,7 @@ constexpr std::size_t MAX_UNIT_SIZE = 255;
 template <class Packet>
 std::unique_ptr<const Packet, Receiver::PacketDeleter> Wrap(qudex::PacketPtr packet) noexcept {
     using pktwire::detail::Slot;
-    static_assert(sizeof(Packet) <= sizeof(Slot::upper));
+    static_assert(sizeof(Packet) <= sizeof(Slot::upper) && std::is_trivially_destructible_v<Packet>);
     auto* slot = reinterpret_cast<Slot*>(const_cast<qudex::Packet*>(packet.get()));
     const wire::LspxHeader header = slot->Lspx();
     return std::unique_ptr<const Packet, Receiver::PacketDeleter>{new (slot->upper.data())
@@ -76,16 +76,18 @@ std::span<std::byte> ToStd(gsl::span<std::byte> span) noexcept {
 }  // namespace
 
 // Callers of other layers read these fields; nothing may move.
-struct detail::PacketLayout {
+namespace detail {
+struct PacketLayout {
     using Leader = Receiver::LeaderPacket;
     template <std::size_t FieldInHeader>
     static constexpr std::size_t AT = offsetof(Leader, m_header) + FieldInHeader;
     static_assert(std::is_standard_layout_v<Leader>);
-    static_assert(offsetof(Leader, m_packet) == 0 && sizeof(qudex::PacketPtr) == sizeof(void*));
+    static_assert(offsetof(Leader, m_packet) == 0);
     static_assert(AT<offsetof(wire::LspxHeader, status)> == 13);
     static_assert(AT<offsetof(wire::LspxHeader, num_units)> == 16);
     static_assert(AT<offsetof(wire::LspxHeader, first_unit)> == 20);
 };
+}  // namespace detail
 
 const std::error_category& RxCategory() noexcept {
     static const Category category;

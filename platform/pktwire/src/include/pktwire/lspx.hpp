@@ -45,8 +45,11 @@ struct RxTraits {
 template <wire::LspxKind Kind>
 class Packet {
 public:
+    // Takes the packet over: whoever destroys this object gives it back.
     Packet(qudex::PacketPtr packet, const wire::LspxHeader& header) noexcept
-        : m_packet{std::move(packet)}, m_header{header} {}
+        : m_packet{packet.release()}, m_header{header} {}
+    Packet(const Packet&) = delete;
+    Packet& operator=(const Packet&) = delete;
 
     const qudex::Packet& Qudex() const noexcept { return *m_packet; }
     std::uint32_t SampleId() const noexcept { return m_packet->SampleId(); }
@@ -64,17 +67,15 @@ private:
     friend struct PacketLayout;
     friend struct Release;
 
-    qudex::PacketPtr m_packet;
+    const qudex::Packet* m_packet;  // owned
     wire::LspxHeader m_header;
 };
 
 struct Release {
+    // The object lives in its packet's own storage, and goes with it.
     template <wire::LspxKind Kind>
     static void Do(const Packet<Kind>* packet) noexcept {
-        // The object lives in its packet's own storage, so that it goes before the packet does.
-        auto* mine = const_cast<Packet<Kind>*>(packet);
-        const qudex::PacketPtr storage = std::move(mine->m_packet);
-        mine->~Packet();
+        qudex::PacketDeleter{}(packet->m_packet);
     }
 };
 
