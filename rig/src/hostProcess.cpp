@@ -155,10 +155,16 @@ HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
     std::filesystem::remove(m_files.socket);
     const int log = open(m_files.log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (log < 0) ThrowSystemError(m_files.log.string());
-    const std::array<std::string, 4> words{m_files.program.string(), m_files.document.string(), "--control",
-                                           m_files.socket.string()};
-    std::array<char*, 5> arguments{};
+    // Names of its own in shared memory, so that a second run beside this one does no harm.
+    const std::array<std::string, 6> words{m_files.program.string(),
+                                           m_files.document.string(),
+                                           "--control",
+                                           m_files.socket.string(),
+                                           "--shm-prefix",
+                                           fmt::format("/vosk_rig_{}_", getpid())};
+    std::array<char*, words.size() + 1> arguments{};
     for (std::size_t i = 0; i < words.size(); ++i) arguments[i] = const_cast<char*>(words[i].c_str());
+    const int no_input = open("/dev/null", O_RDONLY | O_CLOEXEC);
 
     m_pid = fork();
     if (m_pid == 0) {
@@ -166,12 +172,14 @@ HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
         // crashed, and an interrupt from the terminal is the rig's to handle: it ends the run in order.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         setpgid(0, 0);
+        dup2(no_input, STDIN_FILENO);
         dup2(log, STDOUT_FILENO);
         dup2(log, STDERR_FILENO);
         execv(arguments[0], arguments.data());
         _exit(127);
     }
     close(log);
+    close(no_input);
     if (m_pid < 0) ThrowSystemError("fork");
 }
 

@@ -1,0 +1,155 @@
+#include "contentCheck.hpp"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace vosk::rig {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A small loop in single precision, as the system has it: two managed modes on two actuators, so narrow a
+// step limit that what M4 applied before shows in every setpoint.
+class ContentCheckTest : public ::testing::Test {
+protected:
+    static constexpr std::size_t COMMANDS = 12;
+    static constexpr float VELOCITY = 0.01F;
+
+    ContentCheckTest() : m_commands(COMMANDS), m_wavefront(m_scenario.instrument, m_scenario.seed) {
+        ModalBasis basis{2, std::vector<float>(defs::M4_CMD_SIZE * 2, 0.0F)};
+        basis.matrix[0] = 1.0F;
+        basis.matrix[3] = 1.0F;
+        m_scenario.host.managed_modes = 2;
+        for (std::size_t i = 0; i < COMMANDS; ++i) {
+            *m_commands.Append() = {i, TimeOf(i), TimeOf(i), static_cast<defs::sample_id_t>(i), true, {}};
+        }
+        m_commands.Publish(COMMANDS);
+        m_modes.Complete(m_modes.Ask(defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, time_point{50s}),
+                         time_point{51s});
+        m_check = std::make_unique<ContentCheck>(m_scenario, basis, SaturationLimits{VELOCITY, 1000.0F},
+                                                 m_commands, m_modes);
+    }
+
+    static time_point TimeOf(std::size_t command) {
+        return time_point{100s + 2ms * static_cast<std::int64_t>(command)};
+    }
+
+    // What the system makes of a command after M4 applied `applied`.
+    std::vector<float> MakeSetpoint(
+        std::size_t command, const std::vector<float>& applied,
+        const std::vector<float>& reference = std::vector<float>(defs::M4_CMD_SIZE)) {
+        std::vector<float> wire(defs::WAVEFRONT_CMD_SIZE);
+        m_wavefront.Make(command, std::span<float, defs::WAVEFRONT_CMD_SIZE>(wire));
+        std::vector<float> setpoint(defs::M4_CMD_SIZE, 0.0F);
+        for (std::size_t i = 0; i < defs::INS_CMD_SIZE; ++i) setpoint[i] = wire[i + 2];
+        for (std::size_t i = 0; i < reference.size(); ++i) setpoint[i] += reference[i];
+        const float step = std::max(std::abs(setpoint[0] - applied[0]), std::abs(setpoint[1] - applied[1]));
+        const float factor = std::min(VELOCITY / step, 1.0F);
+        for (std::size_t i = 0; i < 2; ++i) setpoint[i] = applied[i] + factor * (setpoint[i] - applied[i]);
+        return setpoint;
+    }
+
+    CheckedSetpoint Check(std::size_t command, defs::sample_id_t sample_id, const std::vector<float>& vector,
+                          AnswerFate answer = AnswerFate::Sent) {
+        SetpointRecord record;
+        record.planned = TimeOf(command) + m_scenario.host.m4_send_delay;
+        record.arrived = record.planned;
+        record.sample_id = sample_id;
+        record.answer = answer;
+        if (answer == AnswerFate::Sent) record.answer_sent = record.arrived;
+        SetpointRing::Vector kept{};
+        std::copy(vector.begin(), vector.end(), kept.begin());
+        const ContentCheck::Item item{0, &record, &kept};
+        return m_check->Check(std::span(&item, 1)).front();
+    }
+
+    const std::vector<float> m_flat = std::vector<float>(defs::M4_CMD_SIZE, 0.0F);
+    Scenario m_scenario;
+    AppendLog<CommandRecord> m_commands;
+    ModeTimeline m_modes;
+    WavefrontGenerator m_wavefront;
+    std::unique_ptr<ContentCheck> m_check;
+};
+
+TEST_F(ContentCheckTest, FollowsTheAnswersFromSetpointToSetpoint) {
+    const auto first = MakeSetpoint(0, m_flat);
+    const auto second = MakeSetpoint(1, first);
+    const CheckedSetpoint checked_first = Check(0, 1, first);
+    EXPECT_EQ(checked_first.content, Content::AsPredicted);
+    EXPECT_EQ(checked_first.command, 0U);
+    EXPECT_TRUE(checked_first.velocity_limited);
+    const CheckedSetpoint checked_second = Check(1, 2, second);
+    EXPECT_EQ(checked_second.content, Content::AsPredicted);
+    EXPECT_EQ(checked_second.prior_answer, PriorAnswer::Taken);
+}
+
+TEST_F(ContentCheckTest, ShowsThatAnAnswerWasNotTaken) {
+    Check(0, 1, MakeSetpoint(0, m_flat));
+    const CheckedSetpoint checked = Check(1, 2, MakeSetpoint(1, m_flat));
+    EXPECT_EQ(checked.content, Content::AsPredicted);
+    EXPECT_EQ(checked.prior_answer, PriorAnswer::NotTaken);
+}
+
+TEST_F(ContentCheckTest, RefusesAnAnswerThatWasNeverSent) {
+    const auto first = MakeSetpoint(0, m_flat);
+    Check(0, 1, first, AnswerFate::NotSent);
+    EXPECT_EQ(Check(1, 2, MakeSetpoint(1, first)).content, Content::Wrong);
+}
+
+TEST_F(ContentCheckTest, KnowsThatAnUnsentSetpointHadNoAnswer) {
+    const auto first = MakeSetpoint(0, m_flat);
+    Check(0, 1, first);
+    // Sample ID 2 was spent on a setpoint that never left.
+    EXPECT_EQ(Check(2, 3, MakeSetpoint(2, m_flat)).content, Content::AsPredicted);
+    EXPECT_EQ(Check(3, 5, MakeSetpoint(3, MakeSetpoint(2, m_flat))).content, Content::Wrong);
+}
+
+TEST_F(ContentCheckTest, FindsAWrongElementAnywhere) {
+    for (const std::size_t element : {0U, 1U, 2U, 2600U, 4865U, 4866U, 5351U}) {
+        auto setpoint = MakeSetpoint(0, m_flat);
+        setpoint[element] += 1e-4F;
+        EXPECT_EQ(Check(0, 1, setpoint).content, Content::Wrong) << element;
+    }
+}
+
+TEST_F(ContentCheckTest, FindsTheContentOfAnotherCommand) {
+    EXPECT_EQ(Check(5, 1, MakeSetpoint(4, m_flat)).content, Content::Wrong);
+}
+
+TEST_F(ContentCheckTest, KnowsATimeThatBelongsToNoCommand) {
+    SetpointRecord record;
+    record.planned = TimeOf(3) + m_scenario.host.m4_send_delay + 1ns;
+    const SetpointRing::Vector vector{};
+    const ContentCheck::Item item{0, &record, &vector};
+    EXPECT_EQ(m_check->Check(std::span(&item, 1)).front().content, Content::NoCommand);
+}
+
+TEST_F(ContentCheckTest, TakesEitherModeWhileOneIsBeingChanged) {
+    m_modes.Ask(defs::VoskControlMode::INS_DRIVEN_CASCADE, TimeOf(0));
+    auto cascade = MakeSetpoint(0, m_flat);
+    cascade[0] = cascade[1] = 0.0F;
+    EXPECT_EQ(Check(0, 1, MakeSetpoint(0, m_flat)).content, Content::AsPredicted);
+    EXPECT_EQ(Check(1, 3,
+                    [&] {
+                        auto setpoint = MakeSetpoint(1, m_flat);
+                        setpoint[0] = setpoint[1] = 0.0F;
+                        return setpoint;
+                    }())
+                  .content,
+              Content::AsPredicted);
+}
+
+TEST_F(ContentCheckTest, TakesUpTheReferenceShapeAtASecondHandover) {
+    const auto first = MakeSetpoint(0, m_flat);
+    Check(0, 1, first);
+    m_modes.Complete(m_modes.Ask(defs::VoskControlMode::TEL_DRIVEN, TimeOf(1)), TimeOf(1));
+    m_modes.Complete(m_modes.Ask(defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, TimeOf(2)), TimeOf(2));
+    const auto after = MakeSetpoint(4, first, first);
+    EXPECT_EQ(Check(4, 2, after).content, Content::AsPredicted);
+    EXPECT_EQ(Check(5, 3, MakeSetpoint(5, after, first)).content, Content::AsPredicted);
+    EXPECT_EQ(Check(6, 5, MakeSetpoint(6, m_flat)).content, Content::Wrong);
+}
+
+}  // namespace
+}  // namespace vosk::rig

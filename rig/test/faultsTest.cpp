@@ -1,0 +1,135 @@
+#include "faultySocket.hpp"
+
+#include <gmock/gmock.h>
+
+#include <set>
+#include <string>
+
+namespace vosk::rig {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAre;
+
+Scenario WithRule(const FaultRule& rule) {
+    Scenario scenario;
+    scenario.faults.push_back(rule);
+    return scenario;
+}
+
+std::set<int> HarmedSamples(const Scenario& scenario, Stream stream) {
+    FaultGenerator generator(scenario, stream);
+    std::set<int> harmed;
+    for (int i = 0; i < 5000; ++i)
+        if (generator.Next(Seconds{i * 0.001})) harmed.insert(i);
+    return harmed;
+}
+
+TEST(FaultGenerator, HarmsTheSameSamplesInEveryRun) {
+    const Scenario scenario = WithRule({.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 0.02});
+    const std::set<int> first = HarmedSamples(scenario, Stream::Feedback);
+    EXPECT_EQ(first, HarmedSamples(scenario, Stream::Feedback));
+    EXPECT_GT(first.size(), 50U);
+    EXPECT_LT(first.size(), 160U);
+    EXPECT_TRUE(HarmedSamples(scenario, Stream::WavefrontCommand).empty());
+}
+
+TEST(FaultGenerator, AnotherRulesWindowShiftsNoChoice) {
+    const FaultRule drops{.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 0.02};
+    Scenario both = WithRule(drops);
+    both.faults.push_back({.stream = Stream::Feedback,
+                           .kind = FaultKind::Corrupt,
+                           .share = 1.0,
+                           .from = Seconds{100.0},
+                           .to = Seconds{101.0}});
+    EXPECT_EQ(HarmedSamples(both, Stream::Feedback), HarmedSamples(WithRule(drops), Stream::Feedback));
+}
+
+TEST(FaultGenerator, KeepsToItsWindow) {
+    const Scenario scenario = WithRule({.stream = Stream::Feedback,
+                                        .kind = FaultKind::Drop,
+                                        .share = 1.0,
+                                        .from = Seconds{1.0},
+                                        .to = Seconds{2.0}});
+    FaultGenerator generator(scenario, Stream::Feedback);
+    EXPECT_FALSE(generator.Next(Seconds{0.999}));
+    EXPECT_TRUE(generator.Next(Seconds{1.0}));
+    EXPECT_FALSE(generator.Next(Seconds{2.0}));
+}
+
+// Keeps what is sent, as text.
+class RecordingSocket final : public pktwire::TxSocket {
+public:
+    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
+        for (const mmsghdr& message : messages) {
+            std::string packet;
+            for (std::size_t i = 0; i < message.msg_hdr.msg_iovlen; ++i)
+                packet.append(static_cast<const char*>(message.msg_hdr.msg_iov[i].iov_base),
+                              message.msg_hdr.msg_iov[i].iov_len);
+            packets.push_back(packet);
+        }
+        return {};
+    }
+    std::vector<std::string> packets;
+};
+
+// Sends the packets "ab", "cd", "ef", each in two pieces.
+void SendThree(pktwire::TxSocket& socket) {
+    std::array<std::string, 6> pieces{"a", "b", "c", "d", "e", "f"};
+    for (std::size_t packet = 0; packet < 3; ++packet) {
+        std::array<iovec, 2> parts{iovec{pieces[2 * packet].data(), 1},
+                                   iovec{pieces[2 * packet + 1].data(), 1}};
+        mmsghdr message{};
+        message.msg_hdr.msg_iov = parts.data();
+        message.msg_hdr.msg_iovlen = parts.size();
+        socket.Send(std::span(&message, 1));
+    }
+}
+
+std::vector<std::string> PacketsUnder(FaultKind kind, std::uint64_t dice) {
+    RecordingSocket recording;
+    FaultySocket faulty(recording);
+    faulty.Arm({kind, 0us, dice});
+    SendThree(faulty);
+    EXPECT_TRUE(recording.packets.empty());
+    faulty.Release();
+    return recording.packets;
+}
+
+TEST(FaultySocket, HarmsThePacketThatTheDiceName) {
+    EXPECT_THAT(PacketsUnder(FaultKind::Drop, 1), ElementsAre("ab", "ef"));
+    EXPECT_THAT(PacketsUnder(FaultKind::Duplicate, 0), ElementsAre("ab", "cd", "ef", "ab"));
+    EXPECT_THAT(PacketsUnder(FaultKind::Reorder, 2), ElementsAre("ef", "cd", "ab"));
+    EXPECT_THAT(PacketsUnder(FaultKind::Truncate, 1 + 3 * 1), ElementsAre("ab", "c", "ef"));
+    EXPECT_THAT(PacketsUnder(FaultKind::Delay, 5), ElementsAre("ab", "cd", "ef"));
+}
+
+TEST(FaultySocket, CorruptsExactlyOneByte) {
+    for (std::uint64_t dice = 0; dice < 2000; ++dice) {
+        const std::vector<std::string> packets = PacketsUnder(FaultKind::Corrupt, dice);
+        ASSERT_EQ(packets.size(), 3U);
+        const std::string sent = packets[0] + packets[1] + packets[2];
+        const std::string whole = "abcdef";
+        int changed = 0;
+        for (std::size_t i = 0; i < whole.size(); ++i) changed += sent.at(i) != whole[i] ? 1 : 0;
+        ASSERT_EQ(changed, 1) << dice;
+    }
+}
+
+TEST(FaultySocket, PassesPacketsThroughUnlessArmed) {
+    RecordingSocket recording;
+    FaultySocket faulty(recording);
+    SendThree(faulty);
+    EXPECT_THAT(recording.packets, UnorderedElementsAre("ab", "cd", "ef"));
+    faulty.Release();
+    faulty.Arm({FaultKind::Drop, 0us, 0});
+    SendThree(faulty);
+    faulty.Release();
+    recording.packets.clear();
+    SendThree(faulty);
+    EXPECT_THAT(recording.packets, ElementsAre("ab", "cd", "ef"));
+}
+
+}  // namespace
+}  // namespace vosk::rig

@@ -1,0 +1,86 @@
+#include "scenario.hpp"
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+
+namespace vosk::rig {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+TEST(Scenario, ReadsWhatItSaysAndKeepsDefaultsForTheRest) {
+    const Scenario scenario = ParseScenario(R"(
+name: sample
+seconds: 3
+host: {m4_send_delay: 1500 us, delta_scaling: false}
+instrument: {rate: 250}
+faults:
+  - {stream: setpoint_applied, kind: delay, share: 0.5, delay: 2 ms, from: 1, to: 2}
+steps:
+  - {at: 2, m4: dead}
+  - {at: 1, mode: INS_DRIVEN_SEQUENTIAL}
+)",
+                                            "test");
+
+    EXPECT_EQ(scenario.host.m4_send_delay, 1500us);
+    EXPECT_FALSE(scenario.host.delta_scaling);
+    EXPECT_EQ(scenario.host.m4_response_timeout, 500us);
+    EXPECT_EQ(scenario.CommandPeriod(), 4ms);
+    ASSERT_EQ(scenario.faults.size(), 1U);
+    EXPECT_EQ(scenario.faults[0].kind, FaultKind::Delay);
+    EXPECT_EQ(scenario.faults[0].delay, 2ms);
+    ASSERT_EQ(scenario.steps.size(), 2U);
+    EXPECT_EQ(ToString(scenario.steps[0]), "mode INS_DRIVEN_SEQUENTIAL");
+    EXPECT_EQ(ToString(scenario.steps[1]), "M4 dies");
+}
+
+struct BadScenario {
+    const char* text;
+    const char* complaint;
+};
+
+class BadScenarios : public ::testing::TestWithParam<BadScenario> {};
+
+TEST_P(BadScenarios, AreRefusedWithPlaceAndReason) {
+    try {
+        ParseScenario(GetParam().text, "file.yaml");
+        FAIL() << "accepted";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("file.yaml:"));
+        EXPECT_THAT(error.what(), HasSubstr(GetParam().complaint));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenario, BadScenarios,
+    ::testing::Values(BadScenario{"seconds: 3", "needs a 'name'"},
+                      BadScenario{"[1, 2]", "a map of keys is expected"},
+                      BadScenario{"name: x\nsecond: 3", "2: unknown key 'second'"},
+                      BadScenario{"name: x\nhost: {modes: 3}", "unknown key 'modes'"},
+                      BadScenario{"name: x\nhost: {m4_send_delay: 1200}", "\"500 us\""},
+                      BadScenario{"name: x\ninstrument: {rate: fast}",
+                                  "'rate' has a value of the wrong kind"},
+                      BadScenario{"name: x\ninstrument: {rate: 0}", "must lie between"},
+                      BadScenario{"name: x\nfaults: [{stream: m5, kind: drop}]", "'stream' can't be 'm5'"},
+                      BadScenario{"name: x\nfaults: {}", "must be a list"},
+                      BadScenario{"name: x\ninstrument: {rate: 500}\nfaults: [{stream: wavefront_command, "
+                                  "kind: delay, delay: 2 ms}]",
+                                  "whole period"},
+                      BadScenario{"name: x\nsteps: [{mode: TEL_DRIVEN}]", "needs 'at'"},
+                      BadScenario{"name: x\nsteps: [{at: 1}]", "exactly one of"},
+                      BadScenario{"name: x\nsteps: [{at: 1, m4: dead, host: stop}]", "exactly one of"},
+                      BadScenario{"name: x\nsteps: [{at: 1, mode: FAST}]", "no control mode 'FAST'"},
+                      BadScenario{"name: [x", "file.yaml:"}));
+
+TEST(ParseDuration, KnowsUnitsAndRefusesTheRest) {
+    EXPECT_EQ(ParseDuration("500 us"), 500us);
+    EXPECT_EQ(ParseDuration("1.5 s"), 1500ms);
+    EXPECT_EQ(ParseDuration("7 ns"), 7ns);
+    for (const char* bad : {"", "5", "us", "5us", "5  us", "-5 us", "5 h", "1e12 s"})
+        EXPECT_THROW(ParseDuration(bad), std::invalid_argument) << bad;
+}
+
+}  // namespace
+}  // namespace vosk::rig
