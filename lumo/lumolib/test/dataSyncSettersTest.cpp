@@ -75,7 +75,7 @@ void ExpectStamp(const Sync& sync, sample_id_t id, const time_point& time) {
 // The present time is 5000 throughout.
 class Setters : public testing::Test {
 protected:
-    ~Setters() override {
+    void TearDown() override {
         VoskTelescopeStateManager::Reset();
         VoskTelescopeStateManager::SetActiveCameraFS(Camera::IMG_GP1);
     }

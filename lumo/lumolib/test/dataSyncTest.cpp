@@ -7,9 +7,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <future>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -196,12 +203,12 @@ struct Generation {
 
 using GenerationSync = DataSyncSingleWaitable<Generation, BasicDataSetter<Generation>>;
 
-constexpr std::uint32_t GENERATIONS = 3000;
+constexpr std::uint32_t GENERATIONS = 2000;
 
 void WriteAll(GenerationSync& sync) {
     for (std::uint32_t i = 1; i <= GENERATIONS; ++i) {
         sync.SetData(Generation::Of(i), i, At(i));
-        std::this_thread::yield();
+        if (i % 50 == 0) std::this_thread::yield();
     }
 }
 
@@ -277,7 +284,7 @@ public:
 
 class Registry : public testing::Test {
 protected:
-    ~Registry() override { m_manager.Reset(); }
+    void TearDown() override { m_manager.Reset(); }
 
     DataSyncManager& m_manager = DataSyncManager::GetInstance();
 };
