@@ -52,8 +52,9 @@ float AtMostOne(float ratio) {
 // by the other, the second reading finds the block in the cache, so that a large matrix comes from memory
 // once a pass. A row's sum stays what one product over all rows gives: the kernels take rows in fours.
 std::size_t RowsPerBlock(std::size_t columns) {
-    constexpr std::size_t BLOCK_BYTES = 256 * 1024;
-    constexpr std::size_t CACHED_BYTES = 2 * 1024 * 1024;  // a matrix that stays in the cache is one block
+    constexpr std::size_t BLOCK_BYTES = std::size_t{256} << 10U;
+    constexpr std::size_t CACHED_BYTES = std::size_t{2}
+                                         << 20U;  // a matrix that stays in the cache is one block
     constexpr std::size_t ROW_GROUP = 8;
     static_assert(M4_CMD_SIZE % ROW_GROUP == 0);
     const std::size_t row_bytes = columns * sizeof(float);

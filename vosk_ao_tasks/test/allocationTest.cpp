@@ -28,22 +28,23 @@ void* Allocate(std::size_t size, std::size_t alignment) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// None inlined, or the compiler sees a free() of memory that did not come from malloc().
+[[gnu::noinline]] void* operator new(std::size_t size) {
     return Allocate(size, alignof(std::max_align_t));
 }
-void* operator new(std::size_t size, std::align_val_t alignment) {
+[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
     return Allocate(size, static_cast<std::size_t>(alignment));
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
     std::free(memory);
 }
 

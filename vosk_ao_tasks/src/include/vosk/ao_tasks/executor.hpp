@@ -72,6 +72,11 @@ public:
     // Logs at TRACE how long the steps of the last pass took, if the worker threads' logger takes TRACE.
     void PrintTimeStats() const;
 
+    // What field stabilisation is told, for the caller to read after a step 4, 24 bytes in this order.
+    TipTilt m_fs_ref{};  // elements 0 and 1 of the last split command
+    TipTilt m_tt_ref{};  // elements 2 and 3; zero after a pass in INS_DRIVEN_SEQUENTIAL, save after step 4c
+    TipTilt m_m4_tt{};   // tip/tilt of the last applied setpoint, reference shape removed
+
 private:
     using TimePoint = atomclk::AtomClk::time_point;
 
@@ -92,28 +97,18 @@ private:
     void LockInputs(SharedLock& u4_fs_tt_lock, SharedLock& gpao_lock) const;
     void SwitchS19_impl();
 
+    State m_state = State::DONE;
+    defs::VoskControlMode m_control_mode = defs::VoskControlMode::TEL_DRIVEN;
     TimeStats m_time_stats;
     CommandAssembly m_command_assembly;
     CommandSplitting m_command_splitting;
     M4ReferenceShape m_ref_shape;
     M4SaturationManagement m_saturation;
-    State m_state = State::DONE;
-    defs::VoskControlMode m_control_mode = defs::VoskControlMode::TEL_DRIVEN;
-    alignas(64) std::array<float, defs::HIGH_ORDER_SIZE> m_ho_command{};  // of the last split command
-    alignas(
-        64) std::array<float, defs::M4_CMD_SIZE> m_assembled_command{};  // with reference shape after step 3
-    alignas(64) std::array<float, defs::M4_CMD_SIZE> m_last_applied{};   // reference shape included
-
-public:
-    // What field stabilisation is told, for the caller to read after a step 4, 24 bytes in this order.
-    TipTilt m_fs_ref{};  // elements 0 and 1 of the last split command
-    TipTilt m_tt_ref{};  // elements 2 and 3; zero after a pass in INS_DRIVEN_SEQUENTIAL, save after step 4c
-    TipTilt m_m4_tt{};   // tip/tilt of the last applied setpoint, reference shape removed
-
-private:
-    alignas(64) std::array<float, defs::M4_CMD_SIZE> m_setpoint{};  // after saturation management
-    alignas(
-        64) std::array<float, defs::INS_CMD_SIZE> m_applied_modal{};  // last applied, reference shape removed
+    alignas(64) std::array<float, defs::HIGH_ORDER_SIZE> m_ho_command{};     // of the last split command
+    alignas(64) std::array<float, defs::M4_CMD_SIZE> m_assembled_command{};  // after step 3 with the shape
+    alignas(64) std::array<float, defs::M4_CMD_SIZE> m_last_applied{};       // reference shape included
+    alignas(64) std::array<float, defs::M4_CMD_SIZE> m_setpoint{};           // after saturation management
+    alignas(64) std::array<float, defs::INS_CMD_SIZE> m_applied_modal{};     // last applied, shape removed
 };
 
 }  // namespace vosk::ao_tasks

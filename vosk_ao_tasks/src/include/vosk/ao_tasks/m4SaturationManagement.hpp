@@ -69,6 +69,13 @@ private:
                                const std::span<const float>& last_applied, const std::span<float>& setpoint);
     void ScalingOfAbsoluteCommand(const std::span<const float>& command, const std::span<float>& setpoint);
 
+    // Set in the constructor, constant afterwards.
+    const bool m_delta_scaling;
+    const std::uint32_t m_managed_modes;
+    const std::vector<float, boost::alignment::aligned_allocator<float, 64>> m_m2p;
+    const float m_threshold_velocity;
+    const float m_threshold_gap;
+
     TimeStats m_time_stats;
 
     // Work vectors, overwritten by every Work.
@@ -76,13 +83,6 @@ private:
     alignas(64) ActuatorVector m_delta_act_pos{};  // change of the actuators
     alignas(64) ActuatorVector m_act_pos{};        // present position; overwritten by the scaling step
     alignas(64) ActuatorVector m_new_act_pos{};    // absolute variant: the position that is commanded
-
-    // Set in the constructor, constant afterwards.
-    const bool m_delta_scaling;
-    const std::uint32_t m_managed_modes;
-    const std::vector<float, boost::alignment::aligned_allocator<float, 64>> m_m2p;
-    const float m_threshold_velocity;
-    const float m_threshold_gap;
 };
 
 }  // namespace vosk::ao_tasks
