@@ -3,6 +3,7 @@
 #include <vosk/common/testing/logCapture.hpp>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -51,9 +51,9 @@ TEST_F(LoggerTest, WritesTimeLevelLoggerAndTextFromTheLevelOn) {
     FlushLog();
     const auto lines = FileLines();
     ASSERT_EQ(lines.size(), 2U);
-    const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} )";
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex{time + "DEBUG vosk: M4Input: 7"})) << lines[0];
-    EXPECT_TRUE(std::regex_match(lines[1], std::regex{time + "WARN  pktwire: from below"})) << lines[1];
+    const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{6} ";
+    EXPECT_THAT(lines[0], testing::MatchesRegex(time + "DEBUG vosk: M4Input: 7"));
+    EXPECT_THAT(lines[1], testing::MatchesRegex(time + "WARN  pktwire: from below"));
     EXPECT_EQ(GetLogger().getLogLevel(), log4cplus::DEBUG_LOG_LEVEL);
 }
 

@@ -1,0 +1,239 @@
+#include <lumolib/lumoThread.hpp>
+
+#include <gtest/gtest.h>
+#include <numa.h>
+#include <pthread.h>
+#include <oru/configng/pliConfigDocument.hpp>
+#include <vosk/common/testing/logCapture.hpp>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <utility>
+
+using atomclk::AtomClk;
+using namespace std::chrono_literals;
+
+namespace vosk::lumo {
+namespace {
+
+using log4cplus::ERROR_LOG_LEVEL;
+using log4cplus::WARN_LOG_LEVEL;
+using oru::configng::PliConfigInstanceNode;
+
+constexpr auto DEADLINE = 20s;
+
+PliConfigInstanceNode Node(const std::string& value) {
+    return oru::configng::PliConfigDocument::FromText("node: " + value, "test").Instances()["node"];
+}
+
+// A thread whose body is the test's; `m_running` and the synchroniser are open to it.
+class TestThread : public Thread {
+public:
+    using Body = std::function<void(TestThread&, std::promise<void>&)>;
+
+    explicit TestThread(Body body, const std::string& config = "{busy: false}",
+                        const std::string& name = "Test")
+        : Thread{name, Node(config), "a test"}, m_body{std::move(body)} {}
+    ~TestThread() override { Stop(); }
+
+    using Thread::IsRunning;
+    using Thread::m_running;
+    using Thread::m_synchronizer;
+    using Thread::MemoryResource;
+
+private:
+    void Work(std::promise<void>& started) override { m_body(*this, started); }
+
+    const Body m_body;
+};
+
+void RunUntilStopped(TestThread& thread, std::promise<void>& started) {
+    started.set_value();
+    while (thread.WaitUntil(AtomClk::now() + 1ms)) {
+    }
+}
+
+void WaitUntilEnded(const TestThread& thread) {
+    const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
+    while (thread.IsRunning() && std::chrono::steady_clock::now() < give_up) std::this_thread::yield();
+    ASSERT_FALSE(thread.IsRunning());
+}
+
+std::string MessageOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "nothing thrown";
+}
+
+TEST(Thread, RefusesABadNodeInTheLogAndByException) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"[1, 2]", "Thread Test, configuration not recognized"},
+        {"{cpu: 0}", "Test: busy-waiting configuration not found (missing busy: true/false)"}};
+    for (const auto& [config, text] : cases) {
+        common::LogCapture capture;
+        EXPECT_EQ(MessageOf([config = config] { TestThread{RunUntilStopped, config}; }), text);
+        EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, text));
+    }
+}
+
+TEST(Thread, WithoutACpuHasNoBufferAndSaysNothing) {
+    common::LogCapture capture;
+    const TestThread thread{RunUntilStopped, "{busy: false, numa_buf_size: 4096}"};
+    EXPECT_EQ(thread.MemoryResource(), nullptr);
+    for (const auto& line : capture.Lines()) EXPECT_LT(line.level, WARN_LOG_LEVEL) << line.text;
+}
+
+TEST(Thread, WithACpuItsEndpointsAllocateFromTheNodesBuffer) {
+    if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
+    common::LogCapture capture;
+    const TestThread thread{RunUntilStopped, "{busy: false, cpu: 0, numa_buf_size: 8192}"};
+    ASSERT_NE(thread.MemoryResource(), nullptr);
+    auto* first = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
+    auto* second = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
+    EXPECT_EQ(second - first, 4096);
+    EXPECT_TRUE(capture.Has(log4cplus::DEBUG_LOG_LEVEL, "Thread Test, setting NUMA buffer, size = 8192"));
+}
+
+TEST(Thread, GoesOnUnplacedOnACpuThatIsNotThere) {
+    if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
+    common::LogCapture capture;
+    TestThread thread{RunUntilStopped, "{busy: false, cpu: 1000, numa_buf_size: 4096}"};
+    EXPECT_TRUE(capture.Has(WARN_LOG_LEVEL, "Thread Test, CPU binding has failed"));
+    EXPECT_EQ(thread.MemoryResource(), nullptr);
+    thread.Start().get();
+}
+
+TEST(Thread, CarriesItsNameCutToWhatTheSystemTakes) {
+    std::array<char, 16> name{};
+    TestThread thread{[&name](TestThread&, std::promise<void>& started) {
+                          ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+                          started.set_value();
+                      },
+                      "{busy: false}", "WfsLisa_WFS_GP1_b"};
+    thread.Start().get();
+    EXPECT_STREQ(name.data(), "WfsLisa_WFS_GP1");
+}
+
+TEST(Thread, StopIsHarmlessBeforeStartAndTwice) {
+    TestThread thread{RunUntilStopped};
+    thread.Stop();
+    thread.Start().get();
+    thread.Stop();
+    thread.Stop();
+    EXPECT_FALSE(thread.IsRunning());
+}
+
+TEST(Thread, RunsAgainAfterStopButNotTwiceAtOnce) {
+    TestThread thread{RunUntilStopped};
+    thread.Start().get();
+    EXPECT_EQ(MessageOf([&thread] { static_cast<void>(thread.Start()); }),
+              "Thread Test has been started and not been stopped since");
+    EXPECT_TRUE(thread.IsRunning());
+    thread.Stop();
+    thread.Start().get();
+    EXPECT_TRUE(thread.IsRunning());
+}
+
+TEST(Thread, FailureBeforeTheHandshakeReachesTheOwner) {
+    common::LogCapture capture;
+    TestThread thread{[](TestThread&, std::promise<void>&) { throw std::runtime_error{"no topic"}; }};
+    auto ready = thread.Start();
+    EXPECT_EQ(MessageOf([&ready] { ready.get(); }), "no topic");
+    WaitUntilEnded(thread);
+    EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, "Thread Test, caught an excepion, details = no topic"));
+    thread.Stop();
+}
+
+TEST(Thread, FailureAfterTheHandshakeEndsTheThreadWithTwoLines) {
+    common::LogCapture capture;
+    TestThread thread{[](TestThread&, std::promise<void>& started) {
+        started.set_value();
+        throw std::runtime_error{"wire cut"};
+    }};
+    thread.Start().get();
+    WaitUntilEnded(thread);
+    EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, "Thread Test, caught an excepion, details = wire cut"));
+    EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, "Problem detected in Test::Work(): wire cut"));
+    thread.Stop();
+}
+
+TEST(Thread, LeavingWorkWithoutAHandshakeBreaksThePromise) {
+    TestThread thread{[](TestThread&, std::promise<void>&) {}};
+    auto ready = thread.Start();
+    EXPECT_THROW(ready.get(), std::future_error);
+    WaitUntilEnded(thread);
+}
+
+TEST(Thread, StopEndsAWorkerInAnyOfItsWaits) {
+    for (const char* config : {"{busy: false}", "{busy: true}"}) {
+        TestThread waiting{[](TestThread& thread, std::promise<void>& started) {
+                               started.set_value();
+                               thread.m_synchronizer->Wait(thread.m_running);
+                           },
+                           config};
+        TestThread sleeping{RunUntilStopped, config};
+        waiting.Start().get();
+        sleeping.Start().get();
+        waiting.Stop();
+        sleeping.Stop();
+    }
+}
+
+TEST(Thread, WaitUntilGivesTheTimeOrAReadyFlagTheSameAnswer) {
+    std::atomic<int> answers{0};
+    TestThread thread{[&answers](TestThread& self, std::promise<void>& started) {
+        answers += self.WaitUntil(AtomClk::now() - 1s) ? 1 : 0;
+        common::WaitSynchronizerFlag flag{self.m_synchronizer};
+        flag.SetDataReady();
+        answers += self.WaitUntil(AtomClk::now() + 1h) ? 1 : 0;
+        started.set_value();
+    }};
+    thread.Start().get();
+    EXPECT_EQ(answers, 2);
+}
+
+class TestRxThread : public RxThread {
+public:
+    explicit TestRxThread(const std::string& config) : RxThread{"Rx", Node(config), "", 7us} {}
+    using RxThread::m_timeout;
+    void Work(std::promise<void>&) override {}
+};
+
+class TestTxThread : public TxThread {
+public:
+    explicit TestTxThread(const std::string& config) : TxThread{"Tx", Node(config), "", 8us, 9us} {}
+    using TxThread::m_send_interval;
+    using TxThread::m_send_offset;
+    void Work(std::promise<void>&) override {}
+};
+
+TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
+    EXPECT_EQ(TestRxThread{"{busy: false}"}.m_timeout, 7us);
+    EXPECT_EQ(TestRxThread{"{busy: false, timeout: 2 ms}"}.m_timeout, 2ms);
+    const TestTxThread plain{"{busy: false}"};
+    EXPECT_EQ(plain.m_send_interval, 8us);
+    EXPECT_EQ(plain.m_send_offset, 9us);
+    const TestTxThread given{"{busy: false, send_interval: 2 ms, send_offset: 1500 ns}"};
+    EXPECT_EQ(given.m_send_interval, 2ms);
+    EXPECT_EQ(given.m_send_offset, 2us);
+    common::LogCapture capture;
+    EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: -1 us}"}; }).substr(0, 5), "ERR: ");
+}
+
+TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {
+    const auto at = [](std::int64_t ns) { return AtomClk::time_point{AtomClk::duration{ns}}; };
+    EXPECT_EQ(CeilToNextInterval(at(1'000'001), 0us, 250us), at(1'250'001));
+    EXPECT_EQ(CeilToNextInterval(at(1'000'000), 1000us, 0us), at(1'000'000));
+    EXPECT_EQ(CeilToNextInterval(at(1'000'001), 1000us, 0us), at(2'000'000));
+    EXPECT_EQ(CeilToNextInterval(at(1), 3ms, 250us), at(3'250'000));
+    EXPECT_EQ(CeilToNextInterval(at(1'800'000'000'000'000'001), 7us, 0us).time_since_epoch() % 7us, 0ns);
+}
+
+}  // namespace
+}  // namespace vosk::lumo
