@@ -8,8 +8,8 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <optional>
-#include <vector>
+#include <stdexcept>
+#include <string>
 
 using namespace std::chrono_literals;
 using namespace vosk::common::shmif;
@@ -58,6 +58,7 @@ protected:
 
     template <class T>
     static T At(const std::string& bytes, std::size_t offset) {
+        if (bytes.size() < offset + sizeof(T)) throw std::out_of_range{"the region is gone"};
         T value{};
         std::memcpy(&value, bytes.data() + offset, sizeof(value));
         return value;
@@ -332,13 +333,16 @@ TEST_F(ShmRt, WriterFollowsARestartedReader) {
         ShmReaderRT reader{m_shm, TOPIC};
         signals.TellParent();
         Record taken{};
-        return reader.TimedReceive(taken.data(), GENEROUS) && taken == RecordOf(6);
+        const bool is_read = reader.TimedReceive(taken.data(), GENEROUS) && taken == RecordOf(6);
+        signals.AwaitParent();
+        return is_read;
     }};
     child.GetSignals().AwaitChild();
     EXPECT_TRUE(Eventually([&] {
         writer.TimedSend(RecordOf(6).data(), 1ms);
         return ReadSeq() > 0;
     }));
+    child.GetSignals().TellChild();
     EXPECT_TRUE(child.Succeeds());
 }
 
