@@ -1,0 +1,278 @@
+#include <lumolib/aoTasks.hpp>
+
+#include <exception>
+#include <lumolib/dataSyncManager.hpp>
+#include <lumolib/utilities.hpp>
+#include <lumolib/voskHandoverManager.hpp>
+#include <lumolib/voskTelescopeStateManager.hpp>
+#include <mutex>
+#include <shared_mutex>
+#include <stdexcept>
+#include <vector>
+#include <vosk/common/fileSystem.hpp>
+#include <vosk/common/fits.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/timeString.hpp>
+#include <vosk/defs/wireRecords.hpp>
+
+namespace vosk::lumo {
+
+using atomclk::AtomClk;
+using common::LogDebug;
+using common::LogError;
+using common::LogTrace;
+using defs::AoCommandSource;
+using defs::VoskControlMode;
+
+namespace {
+
+using CmdSource = defs::AoM4SetpointApplied::ExtInfo::CmdSource;
+
+ao_tasks::CommandAssembly::Config AssemblyConfig(const AoTasks::Config& config) {
+    return {.ho_cascade_modes = config.gpao_highest_mode};
+}
+
+std::vector<float> LoadM2p(const AoTasks::Config& config) {
+    try {
+        const auto path = common::FileSystem::FindFileOrThrow(config.m2p_path, {});
+        const auto file = common::Fits::FitsFile(path, {});
+        return common::Fits::ReadImg<float>(
+            file, std::vector<std::size_t>{config.managed_modes, defs::M4_CMD_SIZE});
+    } catch (const std::exception& error) {
+        throw std::runtime_error(std::string{"ERR: Unable to load M2P FITS file: "} + error.what());
+    }
+}
+
+ao_tasks::M4SaturationManagement::Config SaturationConfig(const AoTasks::Config& config) {
+    return {.delta = config.delta_scaling,
+            .managed_modes = config.managed_modes,
+            .m2p = LoadM2p(config),
+            .threshold_velocity = config.threshold_velocity,
+            .threshold_gap = config.threshold_gap};
+}
+
+CmdSource DeriveCmdSource(AoCommandSource source, VoskControlMode mode) {
+    if (source == AoCommandSource::NONE) return CmdSource::NONE;
+    switch (mode) {
+        case VoskControlMode::TEL_DRIVEN:
+        case VoskControlMode::TEL_DRIVEN_WITH_GPAO_TT:
+            return CmdSource::CCS;
+        case VoskControlMode::INS_DRIVEN_CASCADE:
+            return CmdSource::INS_CASCADE;
+        case VoskControlMode::INS_DRIVEN_SEQUENTIAL:
+            return CmdSource::INS_SEQUENTIAL;
+        default:
+            throw std::runtime_error("Invalid control mode and/or AO command source.");
+    }
+}
+
+std::string SinceOrText(AtomClk::time_point time, AtomClk::time_point t0, const char* text) {
+    return time == AtomClk::time_point{} ? text : GetTimeString(time - t0);
+}
+
+defs::FloatVectorTT AsTipTilt(const ao_tasks::Executor::TipTilt& pair) {
+    return {pair[0], pair[1]};
+}
+
+defs::FsRef FsRefOf(const ao_tasks::Executor& executor) {
+    return {AsTipTilt(executor.m_fs_ref), AsTipTilt(executor.m_tt_ref), AsTipTilt(executor.m_m4_tt)};
+}
+
+template <class T>
+std::shared_ptr<T> Exchange() {
+    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{});
+}
+
+template <class T>
+std::shared_ptr<T> WaitableExchange(bool busy) {
+    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{}, busy);
+}
+
+}  // namespace
+
+AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
+    : Thread{"AoTasks", node, "Adaptive Optics tasks processing thread"},
+      m_config{Configure(node)},
+      m_executor{AssemblyConfig(m_config), SaturationConfig(m_config)} {
+    m_ins_input = WaitableExchange<AoTasksInsDataSync>(m_busy);
+    m_fs_input = WaitableExchange<AoTasksFsDataSync>(m_busy);
+    m_gpao_input = WaitableExchange<AoTasksGpaoDataSync>(m_busy);
+    // One wait covers the three inputs.
+    m_ins_input->ReplaceSynchronizer(m_synchronizer);
+    m_fs_input->ReplaceSynchronizer(m_synchronizer);
+    m_gpao_input->ReplaceSynchronizer(m_synchronizer);
+    m_ao_applied = Exchange<AoM4SetpointAppliedDataSync>();
+    m_fs_ref = Exchange<FsRefDataSync>();
+    m_m4_output = WaitableExchange<M4OutputDataSync>(m_busy);
+    m_m4_input = WaitableExchange<M4InputDataSync>(m_busy);
+    m_gpao_applied = Exchange<GpaoM4SetpointAppliedDataSync>();
+    LogDebug("AO Tasks thread initialized: cpu = {}", m_cpu);
+}
+
+AoTasks::Config AoTasks::Configure(const oru::configng::PliConfigInstanceNode& node) {
+    return {
+        .m4_send_delay = GetTimeDurationParam<std::chrono::microseconds>(node, "m4_send_delay"),
+        .m4_response_timeout = GetTimeDurationParam<std::chrono::microseconds>(node, "m4_response_timeout"),
+        .gpao_highest_mode = GetParam<unsigned int>(node, "gpao_highest_mode"),
+        .delta_scaling = GetParam<bool>(node, "delta_scaling"),
+        .managed_modes = GetParam<unsigned int>(node, "managed_modes"),
+        .m2p_path = GetParam<std::string>(node, "m2p_path"),
+        .threshold_velocity = GetParam<float>(node, "threshold_velocity"),
+        .threshold_gap = GetParam<float>(node, "threshold_gap")};
+}
+
+void AoTasks::Work(std::promise<void>& started) {
+    m_sample_id = 0;
+    started.set_value();
+    while (IsRunning()) {
+        if (!RunCycle()) return;
+    }
+}
+
+bool AoTasks::RunCycle() {
+    m_time_stats.Clear();
+    if (!m_synchronizer->Wait(m_running)) return false;
+
+    const Plan plan = ReceiveCommand();
+    AssembleCommand();
+    ClearInputs();
+    SendSetpoint(plan);
+
+    time_point applied_time{};
+    const auto applied = ReceiveAndProcessAmSetpointApplied(plan.send_time + m_config.m4_response_timeout,
+                                                            plan.source, applied_time);
+    if (applied) PublishApplied(plan, *applied, applied_time);
+    m_fs_ref->SetData(FsRefOf(m_executor), 0, AtomClk::now());
+    if (applied) m_gpao_applied->SetData(*applied, m_sample_id, AtomClk::now());
+    PrintTimeStats();
+    return true;
+}
+
+AoTasks::Plan AoTasks::ReceiveCommand() {
+    m_time_stats.data_received = AtomClk::now();
+    const VoskControlMode mode = VoskTelescopeStateManager::GetCurrentControlMode();
+    m_executor.Step0_SetControlMode(mode);
+
+    auto& handover = VoskHandoverManager::GetInstance();
+    const std::shared_lock lock{m_ins_input->GetMutex()};
+    const InsCmdData& command = m_ins_input->GetDataRef();
+    time_point send_time;
+    if (defs::IsInsDriven(mode)) {
+        const time_point command_time = m_ins_input->GetTimestamp();
+        DriveHandover(mode, command);
+        m_time_stats.t0 = command_time;
+        send_time = command_time + m_config.m4_send_delay;
+    } else {
+        send_time = CeilToNextInterval(m_time_stats.data_received + m_config.m4_send_delay,
+                                       m_m4_output->send_interval.load(), m_m4_output->send_offset.load());
+        m_time_stats.t0 = m_time_stats.data_received;
+        handover.RegisterCcsCommandReceived(mode);
+    }
+    const AoCommandSource source = handover.GetM4CmdSource();
+    m_executor.Step1_CommandSplitting(command.command);
+    return {mode, source, send_time};
+}
+
+// The reference shape comes first: it must be in force when the command of this cycle is processed.
+void AoTasks::DriveHandover(VoskControlMode mode, const InsCmdData& command) {
+    auto& handover = VoskHandoverManager::GetInstance();
+    const int state = handover.GetState();
+    if (state == VoskHandoverManager::INS_CONTROL) return;
+    if (state == VoskHandoverManager::HANDOVER_UPDATE_REF_SHAPE) {
+        m_executor.UpdateRefShape();
+        handover.RegisterM4RefShapeUpdate();
+    }
+    handover.RegisterInsCommandReceived((command.flags & InsCmdData::VALID) != 0, mode);
+}
+
+// The executor locks what the mode needs; the locks go in reverse order at the end.
+void AoTasks::AssembleCommand() {
+    std::shared_lock fs_lock{m_fs_input->GetMutex(), std::defer_lock};
+    std::shared_lock gpao_lock{m_gpao_input->GetMutex(), std::defer_lock};
+    m_executor.Step2_CommandAssembly(fs_lock, gpao_lock, m_fs_input->GetDataRef().AsSpan(),
+                                     m_gpao_input->GetDataRef().command);
+}
+
+// What arrived while the command was taken in is dropped as a wake-up; its data stands.
+void AoTasks::ClearInputs() {
+    m_ins_input->ClearDataReady();
+    m_fs_input->ClearDataReady();
+    m_gpao_input->ClearDataReady();
+}
+
+void AoTasks::SendSetpoint(const Plan& plan) {
+    const auto setpoint = m_executor.Step3_ProcessM4SetpointData();
+    m_time_stats.process_m4_setpoint = AtomClk::now();
+    if (plan.source != AoCommandSource::NONE) {
+        ++m_sample_id;
+        m_m4_output->SetData(setpoint, plan.send_time, m_sample_id, AtomClk::now());
+        m_time_stats.m4_cmd_send = plan.send_time;
+    }
+    VoskHandoverManager::GetInstance().RecordM4CommandSentTimestamp(plan.send_time, plan.mode, plan.source);
+}
+
+std::optional<std::span<float, defs::INS_CMD_SIZE>> AoTasks::ReceiveAndProcessAmSetpointApplied(
+    const time_point& deadline, AoCommandSource source, time_point& applied_time) {
+    if (source == AoCommandSource::NONE) return m_executor.Step4c_ProcessLastM4SetpointAppliedData();
+
+    // An answer left over from an earlier cycle must not satisfy this wait.
+    m_m4_input->ClearDataReady();
+    const auto synchronizer = m_m4_input->GetSynchronizer();
+    if (!synchronizer->WaitUntil(deadline, m_running)) {
+        m_executor.Step4d_NotProcessM4SetpointAppliedData();
+        return {};
+    }
+    const std::shared_lock lock{m_m4_input->GetMutex()};
+    const auto applied = ProcessAnswer(applied_time);
+    m_m4_input->ClearDataReady();
+    return applied;
+}
+
+// With the shared lock of M4InputDataSync held.
+std::span<float, defs::INS_CMD_SIZE> AoTasks::ProcessAnswer(time_point& applied_time) {
+    if (!m_m4_input->IsNewData()) {
+        const auto applied = m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
+        LogError(
+            "AoTasks::ReceiveAndProcessAmSetpointApplied(): no 'am:setpoint_applied' response from M4 at {}, "
+            "sample ID "
+            "= {}",
+            GetTimeString(AtomClk::now()), m_sample_id);
+        return applied;
+    }
+    const auto received_id = m_m4_input->GetSampleId();
+    if (received_id != m_sample_id) {
+        const auto applied = m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
+        LogError(
+            "AoTasks::ReceiveAndProcessAmSetpointApplied(): received 'am:setpoint_applied' response at {} "
+            "with "
+            "different sample ID then M4 command sent: {} vs {}",
+            GetTimeString(AtomClk::now()), m_sample_id, received_id);
+        return applied;
+    }
+    const M4SetpointAppliedData& answer = m_m4_input->GetDataRef();
+    applied_time = answer.applied_time;
+    return m_executor.Step4a_ProcessM4SetpointAppliedData(answer.setpoint);
+}
+
+void AoTasks::PublishApplied(const Plan& plan, std::span<float, defs::INS_CMD_SIZE> applied,
+                             time_point applied_time) {
+    const CmdSource cmd_source = DeriveCmdSource(plan.source, plan.mode);
+    m_ao_applied->SetData(applied, applied_time, cmd_source, m_sample_id, AtomClk::now());
+    m_time_stats.send_ao_m4_applied = AtomClk::now();
+}
+
+void AoTasks::PrintTimeStats() const {
+    if (!common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) return;
+    const TimeStats& stats = m_time_stats;
+    LogTrace(
+        "AoTasks processing timings (duration from t0):\n\tt0 = {}, data_received = +{}, process_m4_setpoint "
+        "= +{}, "
+        "m4_cmd_send = +{}, send_ao_m4_applied = +{}",
+        GetTimeString(stats.t0), GetTimeString(stats.data_received - stats.t0),
+        GetTimeString(stats.process_m4_setpoint - stats.t0),
+        SinceOrText(stats.m4_cmd_send, stats.t0, "[not sent]"),
+        SinceOrText(stats.send_ao_m4_applied, stats.t0, "[not updated]"));
+    m_executor.PrintTimeStats();
+}
+
+}  // namespace vosk::lumo

@@ -1,0 +1,91 @@
+#include <lumolib/aoWavefrontCmdInput.hpp>
+
+#include <lumolib/dataSyncManager.hpp>
+#include <lumolib/receiveLoop.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/timeString.hpp>
+
+namespace vosk::lumo {
+
+namespace {
+
+// The topic has no default here.
+pktwire::qudex::Receiver::Config QudexDefaults(const oru::configng::PliConfigInstanceNode& node) {
+    pktwire::qudex::Receiver::Config config{};
+    config.topic = static_cast<std::uint32_t>(node["qudex_topic"].As<int>());
+    config.num_frames = 5;
+    return config;
+}
+
+pktwire::lspx::Receiver::Config LspxDefaults() {
+    pktwire::lspx::Receiver::Config config{};
+    config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
+    config.leader_extended_info_size = sizeof(defs::AoWavefrontCmdStream::ExtInfo::Header);
+    config.data_unit_size = sizeof(float);
+    config.buf_samples = 2;
+    return config;
+}
+
+}  // namespace
+
+AoWavefrontCmdInput::AoWavefrontCmdInput(const oru::configng::PliConfigInstanceNode& node)
+    : RxThread{"AoWfCmdInput", node, "", std::chrono::microseconds{0}},
+      RxLspx{node, {}, QudexDefaults(node), LspxDefaults(), MemoryResource(), m_description},
+      m_ins_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<AoTasksInsDataSync>(
+          AoTasksInsDataSync::InstanceTag::DEFAULT, m_busy)},
+      m_output_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<AoOutputDataSync>(
+          AoOutputDataSync::InstanceTag::DEFAULT, m_busy)},
+      m_statistics{RuntimeMonitor::GetInstance().m_ao_statistics},
+      m_stream_state{RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state} {}
+
+void AoWavefrontCmdInput::Work(std::promise<void>& started) {
+    const auto buffers = std::make_unique<Buffers>();
+    started.set_value();
+    const auto leader_info = gsl::as_writable_bytes(gsl::span{&buffers->header, 1});
+    const auto payload = gsl::as_writable_bytes(gsl::span{&buffers->payload, 1});
+    while (IsRunning()) {
+        ReceiveLspxOnce(
+            *m_lspx_receiver, leader_info, payload, m_timeout,
+            [this](const auto& error, auto now) { OnError(error, now); },
+            [&](const auto& leader, const auto& trailer, auto now) {
+                if (leader.NumUnits() == buffers->payload.command.size()) {
+                    OnSample(trailer, *buffers, now);
+                } else {
+                    OnShortSample(leader.NumUnits(), now);
+                }
+            },
+            [this](auto now) { m_stream_state->RecordInvalidSample(now); });
+    }
+}
+
+void AoWavefrontCmdInput::OnError(const std::error_code& error, time_point now) {
+    common::LogWarn("ReceiveSample: error: {}", error.message());
+    m_stream_state->RecordInvalidSample(now);
+}
+
+// Behind the units that came, the buffer holds an older command.
+void AoWavefrontCmdInput::OnShortSample(std::uint32_t units, time_point now) {
+    common::LogWarn("ReceiveSample: error: a wavefront command of {} elements", units);
+    m_stream_state->RecordInvalidSample(now);
+}
+
+void AoWavefrontCmdInput::OnSample(const TrailerPacket& trailer, const Buffers& buffers,
+                                   time_point receive_time) {
+    const time_point command_time = trailer.Timestamp();
+    const auto id = trailer.SampleId();
+    const bool valid = (buffers.header.flags & defs::AoWavefrontCmdStream::ExtInfo::VALID) != 0;
+    m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
+    m_output_sync->SetData(AoWavefrontCmdTimestamps{command_time, receive_time}, id, atomclk::AtomClk::now());
+    if (valid) {
+        m_statistics->Update(command_time, receive_time);
+        m_stream_state->RecordValidSample(receive_time);
+    } else {
+        m_stream_state->RecordInvalidSample(receive_time);
+    }
+    if (common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
+        common::LogDebug("\t-> Received AO wavefront command at {}, sample_id = {}, valid = {}",
+                         GetTimeString(receive_time), id, valid);
+    }
+}
+
+}  // namespace vosk::lumo

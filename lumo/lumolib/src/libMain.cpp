@@ -1,0 +1,151 @@
+#include <lumolib/libMain.hpp>
+
+#include <cblas.h>
+#include <numa.h>
+#include <sys/mman.h>
+
+#include <chrono>
+#include <future>
+#include <lumolib/dataSyncManager.hpp>
+#include <lumolib/runtimeMonitor.hpp>
+#include <lumolib/statistics.hpp>
+#include <lumolib/threadTable.hpp>
+#include <lumolib/utilities.hpp>
+#include <lumolib/voskTelescopeStateManager.hpp>
+#include <utility>
+#include <vector>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/shmif/shmIf.hpp>
+
+namespace vosk::lumo {
+
+using common::LogDebug;
+using common::LogTrace;
+using oru::configng::PliConfigInstanceNode;
+
+namespace {
+
+constexpr std::chrono::seconds START_LIMIT{3};
+constexpr std::size_t ECMWFSIM_TOPICS = 4;  // one a guide probe, and the PDS
+
+void WaitForStart(const std::string& name, std::future<void>& started,
+                  atomclk::AtomClk::time_point deadline) {
+    // wait_until re-reads the deadline's own clock after each wake-up.
+    if (started.wait_until(deadline) != std::future_status::ready) {
+        common::LogAndThrow("Thread " + name + " failed to start on time");
+    }
+    started.get();
+}
+
+}  // namespace
+
+int SetRTParameters() {
+#ifdef VOSK_SANITIZED
+    return 0;
+#else
+    return ::mlockall(MCL_CURRENT | MCL_FUTURE);
+#endif
+}
+
+LibMain::ShmSession::ShmSession(const std::string& name) : m_name{name} {
+    common::shmif::ShmIf::Setup(m_name);
+}
+
+LibMain::ShmSession::~ShmSession() {
+    common::shmif::ShmIf::Teardown();
+}
+
+LibMain::LibMain(const std::string& shm_prefix) : m_shm_session{shm_prefix} {
+    if (::numa_available() == -1) common::LogWarn("NUMA not available");
+    SetRTParameters();
+    // Products run on the worker thread that asks for them, and nowhere else.
+    ::openblas_set_num_threads(1);
+    LogTrace("lumo library initialized");
+}
+
+void LibMain::SetupThreads(const gim::Config& config) {
+    LogDebug("Setting up threads...");
+    DataSyncManager::CreateInstance();
+    RuntimeMonitor::CreateInstance(config);
+
+    const auto& document = config.GetDocument();
+    if (!document) common::LogAndThrow("ERR: no configuration document is loaded");
+    const PliConfigInstanceNode cfg = document->Instances()["cfg"];
+    if (cfg.GetKind() != oru::configng::PliConfigNodeKind::UNDEFINED) {
+        RuntimeMonitor::EnableStatistics(cfg);
+        MakeThreads(cfg, CameraAndCommandSections());
+    }
+    SetupQUDEX(cfg);
+    SetupGnuRadioInputOutput(cfg);
+}
+
+void LibMain::SetupQUDEX(const PliConfigInstanceNode& node) {
+    if (node.GetKind() != oru::configng::PliConfigNodeKind::MAP) {
+        LogTrace("M4/M5/PFS/MS config invalid or missing, skipping..");
+        return;
+    }
+    MakeThreads(node, QudexSections());
+}
+
+void LibMain::SetupGnuRadioInputOutput(const PliConfigInstanceNode& node) {
+    if (node.GetKind() != oru::configng::PliConfigNodeKind::MAP) {
+        LogTrace("GNU Radio Input/Output config invalid or missing, skipping..");
+        return;
+    }
+    MakeThreads(node, FlowgraphSections());
+}
+
+void LibMain::SetupDataSync(const PliConfigInstanceNode& node) {
+    if (!node.Has("ecmwfsim") || !node["ecmwfsim"].Has("input")) return;
+    const auto topics = GetVectorParam<std::string>(node["ecmwfsim"]["input"][0], "shm_topic");
+    if (topics.size() != ECMWFSIM_TOPICS) {
+        throw std::runtime_error(
+            "ERR: ECMWFSim must be configured with SHM topics for all GPs, plus the PDS");
+    }
+}
+
+void LibMain::StartThreads() {
+    LogDebug("Starting all threads...");
+    RuntimeMonitor::GetInstance().Reset();
+    std::vector<std::pair<std::string, std::future<void>>> starting;
+    for (auto& [name, thread] : m_threads) starting.emplace_back(name, thread->Start());
+    const auto deadline = atomclk::AtomClk::now() + START_LIMIT;
+    for (auto& [name, started] : starting) WaitForStart(name, started, deadline);
+}
+
+void LibMain::StopThreads() {
+    LogDebug("Stopping all threads...");
+    for (auto& [name, thread] : m_threads) thread->Stop();
+    for (const auto& statistics : RuntimeMonitor::GetInstance().m_statistics) statistics->Print();
+}
+
+void LibMain::SetVoskMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) {
+    LogTrace("Changing VOSK Control Mode to {}.", to_string(mode));
+    VoskTelescopeStateManager::SetCurrentControlMode(mode);
+    if (!camera) return;
+    LogTrace("Changing Active Camera FS to {}.", to_string(*camera));
+    VoskTelescopeStateManager::SetActiveCameraFS(*camera);
+}
+
+defs::VoskControlMode LibMain::GetControlMode() {
+    return VoskTelescopeStateManager::GetCurrentControlMode();
+}
+
+defs::Camera LibMain::GetActiveCameraFs() {
+    return VoskTelescopeStateManager::GetActiveCameraFs();
+}
+
+void LibMain::MakeThreads(const PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections) {
+    WalkStreams(cfg, sections, [this](const StreamEntry& entry, const PliConfigInstanceNode& stream) {
+        for (const auto& element : ElementsUsed(entry, stream)) {
+            entry.make(element, [this](std::unique_ptr<Thread> thread) { EnterThread(std::move(thread)); });
+        }
+    });
+}
+
+void LibMain::EnterThread(std::unique_ptr<Thread> thread) {
+    const std::string name = thread->GetName();
+    m_threads[name] = std::move(thread);
+}
+
+}  // namespace vosk::lumo

@@ -1,0 +1,140 @@
+#include <lumolib/m4Output.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <lumolib/dataSyncManager.hpp>
+#include <mutex>
+#include <pktwire/iovsBuilder.hpp>
+#include <shared_mutex>
+#include <span>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/timeString.hpp>
+
+namespace vosk::lumo {
+
+using atomclk::AtomClk;
+using common::telegraf::TelemSender;
+
+namespace {
+
+constexpr defs::sample_id_t TELEMETRY_STEP = 500;
+
+pktwire::qudex::Sender::Config QudexDefaults() {
+    pktwire::qudex::Sender::Config config{};
+    config.num_frames = 3;
+    return config;
+}
+
+}  // namespace
+
+M4Output::M4Output(const oru::configng::PliConfigInstanceNode& node)
+    : TxThread{"M4Output", node, "", std::chrono::microseconds{0}, std::chrono::microseconds{0}},
+      TxQudex{node, {}, QudexDefaults(), MemoryResource(), m_description},
+      m_max_lateness{Configure(node)},
+      m_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
+          M4OutputDataSync::InstanceTag::DEFAULT, m_busy)},
+      m_statistics{RuntimeMonitor::GetInstance().m_m4_statistics},
+      m_stream_state{RuntimeMonitor::GetInstance().m_m4_output_state} {
+    m_sync->send_interval = std::chrono::duration_cast<std::chrono::milliseconds>(m_send_interval);
+    m_sync->send_offset = m_send_offset;
+    if (!TelemSender::m_default_telegraph_host_ip_addr.empty() && TelemSender::m_default_telegraph_port > 0) {
+        m_telem.Setup("rtc_performance", "m4_output", "");
+    }
+}
+
+std::chrono::microseconds M4Output::Configure(const oru::configng::PliConfigInstanceNode& /*node*/) {
+    return std::chrono::microseconds{50};
+}
+
+void M4Output::Work(std::promise<void>& started) {
+    started.set_value();
+    while (IsRunning()) {
+        if (!RunCycle()) return;
+    }
+}
+
+bool M4Output::RunCycle() {
+    const auto synchronizer = m_sync->GetSynchronizer();
+    if (!synchronizer->Wait(m_running)) return false;
+
+    Setpoint setpoint = TakeSetpoint();
+    if (!PlanSend(setpoint)) return true;
+    const defs::FloatVectorTT tip_tilt{m_wire.setpoint[0], m_wire.setpoint[1]};
+    if (!WaitUntil(setpoint.send_time)) return false;
+    SendSegments(setpoint);
+    PublishSendPeriod(setpoint);
+    Report(setpoint, tip_tilt);
+    return true;
+}
+
+// The bytes are swapped here, ahead of the wait, so that little is left to do when the moment has come.
+M4Output::Setpoint M4Output::TakeSetpoint() {
+    const std::shared_lock lock{m_sync->GetMutex()};
+    const M4SetpointData& data = m_sync->GetDataRef();
+    const Setpoint setpoint{m_sync->GetSampleId(), data.send_time};
+    std::ranges::copy(data.setpoint, m_wire.setpoint.begin());
+    m_wire.valid = data.valid;
+    m_sync->ClearDataReady();
+    return setpoint;
+}
+
+bool M4Output::PlanSend(Setpoint& setpoint) {
+    const time_point now = AtomClk::now();
+    if (setpoint.send_time == time_point{}) {
+        setpoint.send_time = now;
+        return true;
+    }
+    if (now - setpoint.send_time <= m_max_lateness) return true;
+    common::LogError(
+        "M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff = +{}, "
+        "no data "
+        "will be sent!",
+        GetTimeString(now - setpoint.send_time));
+    m_sync->ClearDataReady();
+    return false;
+}
+
+void M4Output::SendSegments(const Setpoint& setpoint) {
+    m_sender->SetSampleId(setpoint.id);
+    const auto record = std::as_bytes(std::span{&m_wire, 1});
+    for (const auto& segment : defs::M4Setpoint::SEGMENTS) {
+        // Entry 0 is left to the library, for its header.
+        std::array<gsl::span<const std::byte>, 3> iovs{};
+        pktwire::detail::IovsBuilder<const std::byte> builder{iovs, 1};
+        builder.Append({record.data() + segment.offset, segment.length});
+        const std::error_code error = m_sender->SendPacket(std::move(builder), setpoint.send_time, 0);
+        if (!IsSent(error)) {
+            common::LogWarn("M4Output::Work(): SendPacket: {}", error.message());
+            return;
+        }
+    }
+}
+
+void M4Output::PublishSendPeriod(const Setpoint& setpoint) {
+    m_send_period.Update(setpoint.send_time - m_last_send);
+    m_last_send = setpoint.send_time;
+    if (setpoint.id % TELEMETRY_STEP != 0) return;
+
+    double max_us = 0.0;
+    double mean_us = 0.0;
+    double stddev_us = 0.0;
+    m_send_period.GetValues(max_us, mean_us, stddev_us);
+    m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, "m4_time_since_last_send_max_ms", max_us / 1000.0);
+    m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, "m4_time_since_last_send_mean_ms",
+                        mean_us / 1000.0);
+    m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, "m4_time_since_last_send_stddev_ms",
+                        stddev_us / 1000.0);
+}
+
+void M4Output::Report(const Setpoint& setpoint, defs::FloatVectorTT tip_tilt) {
+    if (common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
+        common::LogTrace("\t-> Sent M4 setpoint at {} (meant to be sent at {}), sample_id = {}",
+                         GetTimeString(AtomClk::now()), GetTimeString(setpoint.send_time), setpoint.id);
+    }
+    RuntimeMonitor::GetPerformanceData().SetU4FsTt(setpoint.send_time, tip_tilt.AsSpan());
+    m_statistics->UpdateTsSent(setpoint.send_time);
+    m_stream_state->RecordSentSample(setpoint.send_time);
+}
+
+}  // namespace vosk::lumo

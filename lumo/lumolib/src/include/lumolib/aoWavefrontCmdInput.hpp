@@ -1,0 +1,45 @@
+#pragma once
+
+// The thread that receives the wavefront commands of the instrument, the clock of the INS-driven modes. It
+// hands each command to AoTasks, and wakes the AO output with the command's time stamps, valid or not.
+
+#include <lumolib/dataSyncCatalogue.hpp>
+#include <lumolib/lumoRxTx.hpp>
+#include <lumolib/lumoThread.hpp>
+#include <lumolib/runtimeMonitor.hpp>
+
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <oru/configng/pliConfig.hpp>
+#include <system_error>
+#include <vosk/defs/wireRecords.hpp>
+
+namespace vosk::lumo {
+
+class AoWavefrontCmdInput : public RxThread, public RxLspx {
+public:
+    explicit AoWavefrontCmdInput(const oru::configng::PliConfigInstanceNode& node);
+
+protected:
+    void Work(std::promise<void>& started) override;
+
+private:
+    using TrailerPacket = pktwire::lspx::Receiver::TrailerPacket;
+
+    struct Buffers {
+        defs::AoWavefrontCmdStream::ExtInfo::Header header{};
+        defs::AoWavefrontCmdStream::Payload payload{};
+    };
+
+    void OnError(const std::error_code& error, time_point now);
+    void OnShortSample(std::uint32_t units, time_point now);
+    void OnSample(const TrailerPacket& trailer, const Buffers& buffers, time_point receive_time);
+
+    const std::shared_ptr<AoTasksInsDataSync> m_ins_sync;
+    const std::shared_ptr<AoOutputDataSync> m_output_sync;
+    const std::shared_ptr<StatisticsBuffered> m_statistics;
+    const std::shared_ptr<InputStreamState> m_stream_state;
+};
+
+}  // namespace vosk::lumo
