@@ -1,0 +1,26 @@
+#include "allocationCount.hpp"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+thread_local std::size_t count = 0;
+
+}  // namespace
+
+std::size_t pktwire::test::AllocationCount() noexcept {
+    return count;
+}
+
+void* operator new(std::size_t size) {
+    ++count;
+    if (void* memory = std::malloc(size)) return memory;
+    throw std::bad_alloc{};
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}

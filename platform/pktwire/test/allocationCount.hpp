@@ -1,0 +1,10 @@
+#pragma once
+
+#include <cstddef>
+
+namespace pktwire::test {
+
+// Calls of operator new on this thread.
+std::size_t AllocationCount() noexcept;
+
+}  // namespace pktwire::test

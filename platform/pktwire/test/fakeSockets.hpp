@@ -1,0 +1,107 @@
+#pragma once
+
+// Sockets without a kernel: a receiver is fed with datagrams from a list, a sender fills one.
+
+#include <pktwire/udpSocket.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace pktwire::test {
+
+using Bytes = std::vector<std::byte>;
+
+inline Bytes FromHex(const std::string& text) {
+    Bytes bytes;
+    std::string digits;
+    for (char c : text) {
+        if (c == ' ') continue;
+        digits += c;
+        if (digits.size() == 2) {
+            bytes.push_back(static_cast<std::byte>(std::stoi(digits, nullptr, 16)));
+            digits.clear();
+        }
+    }
+    return bytes;
+}
+
+inline Bytes Counting(std::size_t size, unsigned start = 0) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::byte>(start + i * 7 + i / 251);
+    return bytes;
+}
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// Gives its datagrams in order, as the kernel scatters them, and would block when none is left; a wait for
+// more ends at once, as if its time were over.
+class FakeRxSocket final : public RxSocket {
+public:
+    explicit FakeRxSocket(std::size_t batch = 10) : m_batch{batch} {}
+
+    std::deque<Bytes> datagrams;
+    std::size_t calls = 0;
+    std::size_t waits = 0;
+
+    void Put(const std::vector<Bytes>& more) { datagrams.insert(datagrams.end(), more.begin(), more.end()); }
+
+    std::size_t BatchSize() const noexcept override { return m_batch; }
+    std::size_t ReceiveBatch(std::span<mmsghdr> messages, std::error_code& error) noexcept override {
+        ++calls;
+        const std::size_t count = std::min({messages.size(), m_batch, datagrams.size()});
+        error = count == 0 ? std::make_error_code(std::errc::operation_would_block) : std::error_code{};
+        for (mmsghdr& message : messages.first(count)) {
+            Scatter(datagrams.front(), message);
+            datagrams.pop_front();
+        }
+        return count;
+    }
+    std::error_code WaitReadable(std::chrono::nanoseconds /*timeout*/) noexcept override {
+        ++waits;
+        return std::make_error_code(std::errc::timed_out);
+    }
+
+private:
+    static void Scatter(const Bytes& datagram, mmsghdr& message) noexcept {
+        std::size_t done = 0;
+        for (const iovec& iov : std::span{message.msg_hdr.msg_iov, message.msg_hdr.msg_iovlen}) {
+            const std::size_t part = std::min(iov.iov_len, datagram.size() - done);
+            if (part != 0) std::memcpy(iov.iov_base, datagram.data() + done, part);
+            done += part;
+        }
+        message.msg_len = static_cast<unsigned>(done);
+        message.msg_hdr.msg_flags = done < datagram.size() ? MSG_TRUNC : 0;
+    }
+
+    std::size_t m_batch;
+};
+
+// Keeps what was sent; fails as it is told to.
+class FakeTxSocket final : public TxSocket {
+public:
+    std::vector<Bytes> datagrams;
+    std::error_code error;
+
+    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
+        for (const mmsghdr& message : messages) {
+            Bytes& datagram = datagrams.emplace_back();
+            for (const iovec& iov : std::span{message.msg_hdr.msg_iov, message.msg_hdr.msg_iovlen}) {
+                const auto* bytes = static_cast<const std::byte*>(iov.iov_base);
+                datagram.insert(datagram.end(), bytes, bytes + iov.iov_len);
+            }
+        }
+        return error;
+    }
+
+    std::vector<Bytes> Take() { return std::exchange(datagrams, {}); }
+};
+
+}  // namespace pktwire::test

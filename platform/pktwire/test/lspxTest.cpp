@@ -1,0 +1,342 @@
+#include "fakeSockets.hpp"
+
+#include <pktwire/lspx.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+
+using namespace pktwire;
+using namespace pktwire::test;
+using namespace std::chrono_literals;
+using lspx::RxErrc;
+using testing::ElementsAre;
+
+namespace {
+
+constexpr time_point TIME{std::chrono::nanoseconds{0x1112131415161718}};
+
+struct Stream {
+    std::uint16_t num_frames = 5;
+    std::uint32_t units = 10;
+    std::uint8_t unit_size = 2;
+    std::uint8_t leader_info = 4;
+    std::uint8_t trailer_info = 0;
+    std::uint8_t padding = 0;
+    std::uint8_t endianness = lspx::LITTLE_ENDIAN_UNITS;
+};
+
+std::vector<Bytes> Cut(const Stream& stream, unsigned id, const Bytes& payload, const Bytes& leader_info,
+                       lspx::Status status = lspx::Status::good) {
+    FakeTxSocket socket;
+    qudex::Sender::Config qudex_config;
+    qudex_config.topic = 7;
+    qudex_config.num_frames = stream.num_frames;
+    qudex::Sender qudex_sender{qudex_config, socket, nullptr};
+    const auto padding = FromHex("d1d2");
+    lspx::Sender sender{{lspx::OTHER_SOURCE, stream.endianness, stream.leader_info, stream.trailer_info,
+                         stream.units, stream.padding, padding},
+                        qudex_sender};
+    sender.SetSampleId(id);
+    EXPECT_FALSE(sender.SendSample(leader_info, payload, Bytes(stream.trailer_info), TIME, {}, status));
+    return socket.Take();
+}
+
+struct Bench {
+    static constexpr std::size_t GUARD = 32;
+
+    explicit Bench(const Stream& the_stream, std::size_t room = 0, std::size_t batch = 10)
+        : stream{the_stream},
+          socket{batch},
+          receiver{{stream.endianness, stream.leader_info, stream.trailer_info, stream.padding,
+                    stream.unit_size, 2},
+                   QudexReceiver(),
+                   nullptr},
+          leader_info(stream.leader_info),
+          memory((room != 0 ? room : stream.units * stream.unit_size) + 2 * GUARD),
+          trailer_info(stream.trailer_info) {}
+    ~Bench() {
+        for (std::size_t i = 0; i < GUARD; ++i) {
+            EXPECT_EQ(memory[i], std::byte{});
+            EXPECT_EQ(memory[memory.size() - 1 - i], std::byte{});
+        }
+    }
+    Bench(const Bench&) = delete;
+    Bench& operator=(const Bench&) = delete;
+
+    lspx::Receiver::QudexReceiver QudexReceiver() {
+        qudex::Receiver::Config config;
+        config.topic = 7;
+        config.num_frames = stream.num_frames;
+        return {new qudex::Receiver{config, socket, nullptr}, std::default_delete<qudex::Receiver>{}};
+    }
+    gsl::span<std::byte> Payload() {
+        return gsl::span<std::byte>{memory}.subspan(GUARD, memory.size() - 2 * GUARD);
+    }
+    Bytes Content(std::size_t size) {
+        return {Payload().begin(), Payload().begin() + static_cast<std::ptrdiff_t>(size)};
+    }
+    std::pair<std::error_code, lspx::Receiver::Sample> ReceiveSample() {
+        return receiver.ReceiveSample(leader_info, Payload(), trailer_info, 1h);
+    }
+    std::vector<unsigned> ReceiveAll() {
+        std::vector<unsigned> ids;
+        for (;;) {
+            auto [error, sample] = ReceiveSample();
+            if (error == std::errc::timed_out) return ids;
+            EXPECT_EQ(!error, sample.leader && sample.trailer);
+            ids.push_back(error ? 0 : sample.trailer->SampleId());
+        }
+    }
+
+    Stream stream;
+    FakeRxSocket socket;
+    lspx::Receiver receiver;
+    Bytes leader_info;
+    Bytes memory;
+    Bytes trailer_info;
+};
+
+// The reception that a caller writes who places the payload himself. Gives the error, and whether it was
+// whole.
+std::pair<std::error_code, bool> ReceivePacketByPacket(Bench& bench) {
+    std::array<gsl::span<std::byte>, 6> entries{};
+    const auto pieces = [&entries](gsl::span<std::byte> piece) {
+        auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
+        builder.Append(piece);
+        return builder;
+    };
+    auto leader = bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h);
+    while (leader.error == RxErrc::other_packet || leader.error == std::errc::message_size) {
+        leader = bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h);
+    }
+    if (leader.error) return {leader.error, false};
+    const std::uint32_t total = leader.packet->NumUnits();
+    const std::uint16_t frames = leader.packet->NumFrames();
+    const std::uint32_t per_packet = frames > 2 ? (total + frames - 3) / (frames - 2U) : 0;
+    auto rest = bench.Payload().first(std::size_t{total} * bench.stream.unit_size);
+    std::uint32_t highest = 1;
+    for (std::uint16_t index = 2; index < frames; ++index) {
+        const auto chunk =
+            rest.first(std::min<std::size_t>(rest.size(), std::size_t{per_packet} * bench.stream.unit_size));
+        auto payload = bench.receiver.ReceivePayloadPacket(pieces(chunk), 1h);
+        while (payload.error == RxErrc::other_packet)
+            payload = bench.receiver.ReceivePayloadPacket(pieces(chunk), 1h);
+        if (payload.error) return {payload.error, false};
+        EXPECT_EQ(payload.packet->SampleId(), leader.packet->SampleId());
+        highest = std::max(highest, payload.packet->FirstUnit() +
+                                        static_cast<std::uint32_t>(chunk.size() / bench.stream.unit_size));
+        rest = rest.subspan(chunk.size());
+    }
+    EXPECT_TRUE(rest.empty());
+    EXPECT_EQ(highest - 1, total);
+    auto trailer = bench.receiver.ReceiveTrailerPacket(pieces(bench.trailer_info), 1h);
+    while (trailer.error == RxErrc::other_packet) {
+        trailer = bench.receiver.ReceiveTrailerPacket(pieces(bench.trailer_info), 1h);
+    }
+    return {trailer.error, trailer.packet && trailer.packet->SampleId() == leader.packet->SampleId()};
+}
+
+TEST(LspxSender, WritesLeaderPayloadAndTrailerByteByByte) {
+    const Stream stream{
+        .num_frames = 4, .units = 3, .unit_size = 2, .leader_info = 1, .trailer_info = 2, .padding = 3};
+    const std::string qudex = "51554458 01 00 0000 00000009 1112131415161718 ";
+    EXPECT_THAT(Cut(stream, 9, FromHex("a1a2 b1b2 c1c2"), FromHex("ee"), lspx::Status{6}),
+                ElementsAre(FromHex(qudex + "0001 0004 00000007 00000000 00000014 0000 0000 00000000 00000000"
+                                            "01 01 18 02 03 06 01 00 00000003 00000000 d1d2d1 ee"),
+                            FromHex(qudex + "0002 0004 00000007 00000014 00000017 0000 0000 00000000 00000000"
+                                            "01 02 18 02 03 06 00 00 00000003 00000001 d1d2d1 a1a2 b1b2"),
+                            FromHex(qudex + "0003 0004 00000007 0000002b 00000015 0000 0000 00000000 00000000"
+                                            "01 02 18 02 03 06 00 00 00000003 00000003 d1d2d1 c1c2"),
+                            FromHex(qudex + "0004 0004 00000007 00000040 00000015 0000 0000 00000000 00000000"
+                                            "01 03 18 02 03 06 02 00 00000003 00000000 d1d2d1 0000")));
+}
+
+TEST(LspxSender, RefusesSpansOfOtherSizesThanConfigured) {
+    FakeTxSocket socket;
+    qudex::Sender::Config config;
+    config.num_frames = 3;
+    qudex::Sender qudex_sender{config, socket, nullptr};
+    lspx::Sender sender{{.leader_extended_info_size = 4, .frame_size = 3}, qudex_sender};
+    EXPECT_EQ(sender.SendSample(Bytes(3), Bytes(12), {}, TIME, {}, {}), std::errc::invalid_argument);
+    EXPECT_EQ(sender.SendSample(Bytes(4), Bytes(13), {}, TIME, {}, {}), std::errc::invalid_argument);
+    EXPECT_EQ(sender.SendSample(Bytes(4), {}, {}, TIME, {}, {}), std::errc::invalid_argument);
+    EXPECT_TRUE(socket.Take().empty());
+    EXPECT_FALSE(sender.SendSample(Bytes(4), Bytes(12), {}, TIME, {}, {}));
+    config.num_frames = 2;
+    qudex::Sender too_few{config, socket, nullptr};
+    EXPECT_THROW((lspx::Sender{{.frame_size = 3}, too_few}), std::runtime_error);
+}
+
+TEST(LspxReceiver, ReceivesCameraFramesWhereTheyBelongInBothManners) {
+    const std::array<Stream, 4> streams{
+        Stream{.num_frames = 206, .units = 783360, .leader_info = 8},
+        Stream{.num_frames = 943, .units = 4194304, .leader_info = 28},
+        Stream{.num_frames = 8, .units = 7, .trailer_info = 3, .padding = 5},
+        Stream{.num_frames = 3, .units = 3, .unit_size = 4, .leader_info = 33}};
+    for (const Stream& stream : streams) {
+        const Bytes payload = Counting(std::size_t{stream.units} * stream.unit_size);
+        const Bytes info = Counting(stream.leader_info, 50);
+        Bench bench{stream};
+        for (unsigned id = 1; id <= 4; ++id)
+            bench.socket.Put(Cut(stream, id, payload, info, lspx::Status{3}));
+        for (unsigned id = 1; id <= 2; ++id) {
+            auto [error, sample] = bench.ReceiveSample();
+            ASSERT_FALSE(error) << error.message();
+            EXPECT_EQ(sample.leader->SampleId(), id);
+            EXPECT_EQ(sample.leader->GetStatus(), lspx::Status{3});
+            EXPECT_EQ(sample.leader->NumUnits(), stream.units);
+            EXPECT_EQ(sample.leader->NumFrames(), stream.num_frames);
+            EXPECT_EQ(sample.trailer->Timestamp(), TIME);
+            EXPECT_TRUE(bench.Content(payload.size()) == payload && bench.leader_info == info);
+        }
+        EXPECT_EQ(bench.receiver.GetCounters().copied, 0U);
+        EXPECT_EQ(bench.receiver.GetCounters().ahead, 0U);
+        for (unsigned id = 3; id <= 4; ++id) {
+            std::fill(bench.Payload().begin(), bench.Payload().end(), std::byte{});
+            EXPECT_EQ(ReceivePacketByPacket(bench), (std::pair{std::error_code{}, true}));
+            EXPECT_TRUE(bench.Content(payload.size()) == payload && bench.leader_info == info);
+        }
+    }
+}
+
+TEST(LspxReceiver, FollowsWindowsOfChangingSize) {
+    const Stream full{.num_frames = 12, .units = 1000};
+    const Stream window{.num_frames = 5, .units = 31};
+    Bench bench{full};
+    const std::array<Stream, 6> streams{full, window, window, full, window, full};
+    for (unsigned id = 0; id < streams.size(); ++id) {
+        bench.socket.Put(Cut(streams.at(id), id, Counting(streams.at(id).units * 2, id), Bytes(4)));
+    }
+    for (unsigned id = 0; id < streams.size(); ++id) {
+        auto [error, sample] = bench.ReceiveSample();
+        ASSERT_FALSE(error) << id << error.message();
+        EXPECT_EQ(sample.leader->NumUnits(), streams.at(id).units);
+        EXPECT_EQ(bench.Content(streams.at(id).units * 2), Counting(streams.at(id).units * 2, id));
+    }
+}
+
+TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
+    const Stream stream{.num_frames = 30, .units = 300};
+    const auto fault = [&](unsigned id, int kind) {
+        auto datagrams = Cut(stream, id, Counting(600, id), Counting(4));
+        switch (kind) {
+            case 0:
+                datagrams.erase(datagrams.begin());
+                break;
+            case 1:
+                datagrams.erase(datagrams.begin() + 14);
+                break;
+            case 2:
+                datagrams.pop_back();
+                break;
+            case 3:
+                datagrams.resize(15);
+                break;
+            default:
+                datagrams[3][48] = std::byte{9};
+        }
+        return datagrams;
+    };
+    for (int kind = 0; kind < 5; ++kind) {
+        for (bool packet_by_packet : {false, true}) {
+            Bench bench{stream};
+            for (unsigned id = 1; id <= 5; ++id) {
+                bench.socket.Put(id == 3 ? fault(id, kind) : Cut(stream, id, Counting(600, id), Counting(4)));
+            }
+            std::vector<unsigned> good;
+            int errors = 0;
+            for (;;) {
+                const std::error_code error =
+                    packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first;
+                if (error == std::errc::timed_out) break;
+                if (error) {
+                    ++errors;
+                    continue;
+                }
+                for (unsigned id = 1; id <= 5; ++id) {
+                    if (bench.Content(600) == Counting(600, id)) good.push_back(id);
+                }
+            }
+            EXPECT_THAT(good, ElementsAre(1, 2, 4, 5))
+                << "fault " << kind << ", by packet " << packet_by_packet;
+            EXPECT_EQ(errors, 1);
+            EXPECT_EQ(bench.receiver.GetCounters().samples, 4U);
+        }
+    }
+}
+
+TEST(LspxReceiver, RepairsReorderingInBothManners) {
+    const Stream stream{.num_frames = 30, .units = 300, .trailer_info = 1};
+    const Bytes payload = Counting(600);
+    auto datagrams = Cut(stream, 1, payload, Counting(4));
+    std::rotate(datagrams.begin(), datagrams.begin() + 3, datagrams.begin() + 9);
+    std::swap(datagrams[20], datagrams[29]);
+    datagrams.push_back(datagrams[5]);
+    std::rotate(datagrams.begin() + 15, datagrams.end() - 1, datagrams.end());
+    for (bool packet_by_packet : {false, true}) {
+        Bench bench{stream};
+        bench.socket.Put(datagrams);
+        EXPECT_FALSE(packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first);
+        EXPECT_EQ(bench.Content(600), payload);
+        EXPECT_EQ(bench.receiver.GetCounters().duplicate, 1U);
+    }
+}
+
+TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
+    const Stream ours;
+    const auto answer = [&](const Stream& theirs, std::size_t room = 0) {
+        Bench bench{ours, room};
+        bench.socket.Put(Cut(theirs, 1, Bytes(theirs.units * theirs.unit_size), Bytes(theirs.leader_info)));
+        bench.socket.Put(Cut({.units = 3}, 2, Bytes(6), Bytes(4)));
+        const std::error_code error = bench.ReceiveSample().first;
+        EXPECT_FALSE(bench.ReceiveSample().first);
+        return error;
+    };
+    EXPECT_EQ(answer({.endianness = lspx::BIG_ENDIAN_UNITS}), RxErrc::endianness);
+    EXPECT_EQ(answer({.unit_size = 4}), RxErrc::data_unit_size);
+    EXPECT_EQ(answer({.leader_info = 5}), RxErrc::extended_info_size);
+    EXPECT_EQ(answer({.trailer_info = 5}), RxErrc::extended_info_size);
+    EXPECT_EQ(answer({.padding = 1}), RxErrc::padding_size);
+    EXPECT_EQ(answer({.units = 11}), RxErrc::buffer_too_small);
+    EXPECT_EQ(answer({.num_frames = 6}), qudex::RxErrc::frame_count);
+    EXPECT_EQ(lspx::make_error_code(RxErrc::buffer_too_small).value(), 13);
+
+    Bench bench{ours};
+    auto datagrams = Cut(ours, 1, Counting(20), Bytes(4));
+    datagrams[2][63] = std::byte{9};  // another first unit
+    bench.socket.Put(datagrams);
+    EXPECT_EQ(bench.ReceiveSample().first, RxErrc::unit_count);
+}
+
+TEST(LspxReceiver, PacketCallsForAnotherKindSayOtherPacket) {
+    const Stream stream;
+    Bench bench{stream};
+    bench.socket.Put(Cut(stream, 1, Counting(20), Bytes(4)));
+    bench.socket.Put(Cut(stream, 2, Counting(20), Bytes(4)));
+    std::array<gsl::span<std::byte>, 6> entries{};
+    const auto pieces = [&](gsl::span<std::byte> piece) {
+        auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
+        builder.Append(piece);
+        return builder;
+    };
+    EXPECT_EQ(bench.receiver.ReceivePayloadPacket(pieces(bench.Payload()), 1h).error, RxErrc::other_packet);
+    EXPECT_EQ(ReceivePacketByPacket(bench).second, false);  // its leader is gone
+    EXPECT_EQ(ReceivePacketByPacket(bench).second, true);
+    EXPECT_EQ(ReceivePacketByPacket(bench).first, std::errc::timed_out);
+
+    bench.socket.Put(Cut(stream, 3, Counting(20), Bytes(4)));
+    ASSERT_FALSE(bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h).error);
+    for (int payload_packets = 0; payload_packets < 3; ++payload_packets) {
+        EXPECT_EQ(bench.receiver.ReceiveTrailerPacket(pieces({}), 1h).error, RxErrc::other_packet);
+    }
+    EXPECT_FALSE(bench.receiver.ReceiveTrailerPacket(pieces({}), 1h).error);
+
+    bench.socket.Put(Cut(stream, 4, Counting(20), Bytes(4)));
+    EXPECT_EQ(bench.receiver.ReceiveLeaderPacket(pieces(gsl::span<std::byte>{bench.leader_info}.first(3)), 1h)
+                  .error,
+              std::errc::message_size);
+}
+
+}  // namespace

@@ -1,0 +1,443 @@
+#include "fakeSockets.hpp"
+
+#include <pktwire/detail/crc32c.hpp>
+#include <pktwire/qudex.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+
+using namespace pktwire;
+using namespace pktwire::test;
+using namespace std::chrono_literals;
+using qudex::RxErrc;
+using testing::ElementsAre;
+
+namespace {
+
+constexpr std::uint32_t TOPIC = 0x01020304;
+constexpr time_point TIME{std::chrono::nanoseconds{0x1112131415161718}};
+
+qudex::Sender::Config SenderConfig(std::uint16_t num_frames) {
+    qudex::Sender::Config config;
+    config.topic = TOPIC;
+    config.num_frames = num_frames;
+    return config;
+}
+
+qudex::Receiver::Config ReceiverConfig(std::uint16_t num_frames) {
+    qudex::Receiver::Config config;
+    config.topic = TOPIC;
+    config.num_frames = num_frames;
+    return config;
+}
+
+// The datagrams of one sample.
+std::vector<Bytes> Cut(const Bytes& sample, std::uint16_t num_frames, unsigned id, time_point time = TIME) {
+    FakeTxSocket socket;
+    qudex::Sender sender{SenderConfig(num_frames), socket, nullptr};
+    sender.SetSampleId(id);
+    EXPECT_FALSE(sender.SendSample(sample, time, {}));
+    return socket.Take();
+}
+
+// A receiver with a guarded buffer: bytes around the sample must never change.
+struct Bench {
+    static constexpr std::size_t GUARD = 64;
+
+    explicit Bench(std::uint16_t num_frames, std::size_t sample_size, std::size_t batch = 10)
+        : socket{batch},
+          receiver{ReceiverConfig(num_frames), socket, nullptr},
+          memory(sample_size + 2 * GUARD) {}
+    ~Bench() {
+        for (std::size_t i = 0; i < GUARD; ++i) {
+            EXPECT_EQ(memory[i], std::byte{});
+            EXPECT_EQ(memory[memory.size() - 1 - i], std::byte{});
+        }
+    }
+    Bench(const Bench&) = delete;
+    Bench& operator=(const Bench&) = delete;
+
+    gsl::span<std::byte> Buffer() {
+        return gsl::span<std::byte>{memory}.subspan(GUARD, memory.size() - 2 * GUARD);
+    }
+    Bytes Content() { return {Buffer().begin(), Buffer().end()}; }
+    std::error_code Receive() {
+        auto [error, handle] = receiver.ReceiveSample(Buffer(), 1h);
+        EXPECT_EQ(handle.has_value(), !error);
+        id = handle ? handle->first->SampleId() : 0;
+        return error;
+    }
+    // Receives until time-out: the IDs of the samples, 0 for each error.
+    std::vector<unsigned> ReceiveAll() {
+        std::vector<unsigned> ids;
+        for (std::error_code error = Receive(); error != std::errc::timed_out; error = Receive())
+            ids.push_back(id);
+        return ids;
+    }
+
+    FakeRxSocket socket;
+    qudex::Receiver receiver;
+    Bytes memory;
+    unsigned id = 0;
+};
+
+TEST(Crc32c, GivesTheKnownValueInBothForms) {
+    const std::string digits = "123456789";
+    detail::Crc32c crc;
+    crc.Add(std::as_bytes(std::span{digits}).first(4));
+    crc.Add(std::as_bytes(std::span{digits}).subspan(4));
+    EXPECT_EQ(crc.Value(), 0xE3069283U);
+    EXPECT_EQ(~detail::Crc32cByTable(~0U, std::as_bytes(std::span{digits})), 0xE3069283U);
+    const Bytes longer = Counting(8001);
+    detail::Crc32c other;
+    other.Add(longer);
+    EXPECT_EQ(other.Value(), ~detail::Crc32cByTable(~0U, longer));
+}
+
+TEST(QudexSender, WritesTheHeaderByteByByte) {
+    FakeTxSocket socket;
+    auto config = SenderConfig(2);
+    config.component_id = 0x0506;
+    config.sample_size = 3;
+    qudex::Sender sender{config, socket, nullptr};
+    sender.SetSampleId(0xA1A2A3A4);
+    ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, 0xE1E2));
+    EXPECT_THAT(socket.Take(),
+                ElementsAre(FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0001 0002 01020304"
+                                    "00000000 00000002 e1e2 0000 00000003 00000000 c1 c2"),
+                            FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0002 0002 01020304"
+                                    "00000002 00000001 e1e2 0000 00000003 00000000 c3")));
+    // The ID goes up by itself.
+    ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, {}));
+    EXPECT_EQ(socket.Take().front()[11], std::byte{0xA5});
+    EXPECT_EQ(sender.SendSample(FromHex("c1 c2"), TIME, {}), std::errc::message_size);
+}
+
+TEST(QudexSender, SendsPiecesOfAnySizeAsFramesInPlace) {
+    FakeTxSocket socket;
+    qudex::Sender sender{SenderConfig(3), socket, nullptr};
+    const Bytes record = Counting(21416);
+    const std::array<std::pair<std::size_t, std::size_t>, 3> segments{
+        {{0, 7136}, {7136, 7136}, {14272, 7144}}};
+    Bench bench{3, record.size()};
+    for (unsigned id : {7U, 8U}) {
+        sender.SetSampleId(id);
+        for (const auto& [offset, size] : segments) {
+            std::array<gsl::span<const std::byte>, 3> entries{};
+            detail::IovsBuilder<const std::byte> builder{entries, 1};
+            builder.Append(gsl::span<const std::byte>{record}.subspan(offset, size));
+            ASSERT_FALSE(sender.SendPacket(std::move(builder), TIME, std::uint16_t{0}));
+            EXPECT_EQ(entries[0].size(), sizeof(wire::QudexHeader));
+        }
+        bench.socket.Put(socket.Take());
+        ASSERT_FALSE(bench.Receive());
+        EXPECT_EQ(bench.id, id);
+        EXPECT_EQ(bench.Content(), record);
+    }
+    // The second sample arrived where it belongs, since the first one taught the cut.
+    EXPECT_EQ(bench.receiver.GetCounters().copied, 2U);
+
+    std::array<gsl::span<const std::byte>, 1> entries{};
+    EXPECT_EQ(sender.SendPacket(detail::IovsBuilder<const std::byte>{entries, 0}, TIME, {}),
+              std::errc::invalid_argument);
+    EXPECT_THROW((detail::IovsBuilder<const std::byte>{entries, 1}.Append({})), std::runtime_error);
+}
+
+TEST(QudexSender, SendsAllFramesAfterARefusalButNoneAfterAnotherError) {
+    FakeTxSocket socket;
+    qudex::Sender sender{SenderConfig(40), socket, nullptr};
+    socket.error = std::make_error_code(std::errc::connection_refused);
+    EXPECT_EQ(sender.SendSample(Counting(400), TIME, {}).value(), 111);
+    EXPECT_EQ(socket.Take().size(), 40U);
+    socket.error = std::make_error_code(std::errc::network_unreachable);
+    EXPECT_EQ(sender.SendSample(Counting(400), TIME, {}), std::errc::network_unreachable);
+    EXPECT_EQ(socket.Take().size(), 32U);
+}
+
+TEST(QudexReceiver, ReadsAHandWrittenSampleAndShowsItsHeader) {
+    Bench bench{2, 3};
+    bench.socket.Put({FromHex("51554458 01 00 0506 a1a2a3a4 1112131415161718 0001 0002 01020304"
+                              "00000000 00000002 0000 0000 00000000 00000000 c1 c2"),
+                      FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0002 0002 01020304"
+                              "00000002 00000001 e1e2 0000 00000000 00000000 c3")});
+    auto [error, handle] = bench.receiver.ReceiveSample(bench.Buffer(), 0ns);
+    ASSERT_FALSE(error);
+    EXPECT_EQ(bench.Content(), FromHex("c1c2c3"));
+    EXPECT_EQ(handle->first->SampleId(), 0xA1A2A3A4U);
+    EXPECT_EQ(handle->first->Timestamp(), TIME);
+    EXPECT_EQ(handle->first->NumFrames(), 2U);
+    EXPECT_EQ(handle->first->ComponentId(), 0x0506U);
+    EXPECT_FALSE(handle->first->Extra());
+    EXPECT_EQ(handle->second->FrameNumber(), 2U);
+    EXPECT_EQ(handle->second->Extra(), 0xE1E2U);
+}
+
+TEST(QudexReceiver, PutsFramesOfManySizesTogetherWithoutACopy) {
+    for (std::uint16_t frames :
+         {std::uint16_t{1}, std::uint16_t{3}, std::uint16_t{206}, std::uint16_t{943}}) {
+        for (std::size_t size : {std::size_t{1}, std::size_t{943}, std::size_t{21416}}) {
+            const Bytes sample = Counting(size);
+            Bench bench{frames, size};
+            for (unsigned id = 1; id <= 3; ++id) bench.socket.Put(Cut(sample, frames, id));
+            EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1, 2, 3))
+                << frames << " frames, " << size << " bytes";
+            EXPECT_EQ(bench.Content(), sample);
+            EXPECT_EQ(bench.receiver.GetCounters().copied, 0U);
+            EXPECT_EQ(bench.receiver.GetCounters().ahead, 0U);
+        }
+    }
+}
+
+TEST(QudexReceiver, SurvivesEveryOrderOfTheFramesOfTwoSamples) {
+    const std::array<Bytes, 2> samples{Counting(30, 1), Counting(30, 99)};
+    std::vector<Bytes> datagrams = Cut(samples[0], 3, 1);
+    for (const Bytes& datagram : Cut(samples[1], 3, 2)) datagrams.push_back(datagram);
+    std::array<std::size_t, 6> order{0, 1, 2, 3, 4, 5};
+    do {
+        Bench bench{3, 30};
+        for (std::size_t i : order) bench.socket.Put({datagrams[i]});
+        std::vector<unsigned> ids;
+        for (std::error_code error = bench.Receive(); error != std::errc::timed_out;
+             error = bench.Receive()) {
+            ids.push_back(bench.id);
+            if (error) {
+                EXPECT_EQ(error, RxErrc::sample_given_up);
+            } else {
+                EXPECT_EQ(bench.Content(), samples.at(bench.id - 1));
+            }
+        }
+        // The one that is begun first is lost if the other is whole before it; a sample all of which came
+        // before its forerunner began makes that one late.
+        const auto last_at = [&](std::size_t first) {
+            std::size_t at = 0;
+            for (std::size_t i = 0; i < order.size(); ++i) {
+                if (order[i] / 3 == first / 3) at = i;
+            }
+            return at;
+        };
+        const unsigned begun = order[0] < 3 ? 1 : 2;
+        const unsigned whole_first = last_at(0) < last_at(3) ? 1 : 2;
+        if (begun != whole_first) {
+            ASSERT_THAT(ids, ElementsAre(0, whole_first));
+        } else if (begun == 1) {
+            ASSERT_THAT(ids, ElementsAre(1, 2));
+        } else {
+            ASSERT_THAT(ids, ElementsAre(2));
+        }
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST(QudexReceiver, ALostPacketCostsItsSampleAndNoOther) {
+    const Bytes sample = Counting(2000);
+    for (std::uint16_t frames : {std::uint16_t{2}, std::uint16_t{5}, std::uint16_t{50}}) {
+        for (std::size_t lost : {std::size_t{0}, frames / 2UL, frames - 1UL}) {
+            Bench bench{frames, sample.size()};
+            for (unsigned id = 1; id <= 4; ++id) {
+                auto datagrams = Cut(sample, frames, id);
+                if (id == 2) datagrams.erase(datagrams.begin() + static_cast<std::ptrdiff_t>(lost));
+                bench.socket.Put(datagrams);
+            }
+            EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1, 0, 3, 4)) << frames << " frames, lost " << lost;
+            EXPECT_EQ(bench.Content(), sample);
+            EXPECT_EQ(bench.receiver.GetCounters().given_up, 1U);
+            EXPECT_EQ(bench.receiver.GetCounters().lost, 1U);
+        }
+    }
+}
+
+TEST(QudexReceiver, RepairsReorderedAndDuplicatedPackets) {
+    const Bytes sample = Counting(20000);
+    auto datagrams = Cut(sample, 20, 5);
+    std::swap(datagrams[3], datagrams[4]);
+    std::swap(datagrams[0], datagrams[12]);
+    datagrams.insert(datagrams.begin() + 8, datagrams[2]);
+    Bench bench{20, sample.size()};
+    bench.socket.Put(datagrams);
+    EXPECT_FALSE(bench.Receive());
+    EXPECT_EQ(bench.Content(), sample);
+    EXPECT_EQ(bench.receiver.GetCounters().duplicate, 1U);
+    bench.socket.Put({datagrams[1]});
+    EXPECT_EQ(bench.Receive(), std::errc::timed_out);
+    EXPECT_EQ(bench.receiver.GetCounters().stale, 1U);
+    EXPECT_GT(bench.receiver.GetCounters().reordered, 0U);
+}
+
+TEST(QudexReceiver, CountsBadPacketsByKindAndReceivesTheSampleAllTheSame) {
+    const Bytes sample = Counting(300);
+    const auto good = Cut(sample, 3, 9);
+    const auto with = [&](std::size_t offset, int value) {
+        Bytes bad = good[1];
+        bad[offset] = static_cast<std::byte>(value);
+        return bad;
+    };
+    Bench bench{3, sample.size()};
+    bench.socket.Put({good[0],
+                      FromHex("51"),
+                      {},
+                      Bytes(good[1].begin(), good[1].end() - 1),
+                      good[1] + FromHex("00"),
+                      with(0, 0),
+                      with(4, 2),
+                      with(27, 9),
+                      with(21, 0),
+                      with(21, 4),
+                      with(23, 2),
+                      Counting(9000),
+                      good[1],
+                      good[2]});
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(9));
+    EXPECT_EQ(bench.Content(), sample);
+    const RxCounters& counters = bench.receiver.GetCounters();
+    EXPECT_EQ(counters.short_ones, 3U);
+    EXPECT_EQ(counters.long_ones, 1U);
+    EXPECT_EQ(counters.foreign, 4U);
+    EXPECT_EQ(counters.malformed, 3U);
+    EXPECT_EQ(counters.packets, 14U);
+}
+
+TEST(QudexReceiver, RefusesSamplesThatCannotBeReceivedAndGoesOn) {
+    const Bytes sample = Counting(300);
+    Bench bench{3, sample.size()};
+    unsigned next_id = 1000;
+    const auto refused = [&](const std::vector<Bytes>& datagrams) {
+        bench.socket.Put(datagrams);
+        const std::error_code error = bench.Receive();
+        bench.socket.Put(Cut(sample, 3, ++next_id));
+        EXPECT_FALSE(bench.Receive());
+        EXPECT_EQ(bench.Content(), sample);
+        return error;
+    };
+    const auto placed = [&](unsigned id, std::array<std::uint8_t, 3> places) {
+        auto datagrams = Cut(sample, 3, id);
+        for (std::size_t i = 0; i < 3; ++i) {
+            datagrams[i][31] = std::byte{places[i]};
+            datagrams[i][43] = datagrams[i][42] = std::byte{};  // size not told
+        }
+        return datagrams;
+    };
+    EXPECT_EQ(refused(Cut(Counting(301), 3, 1)), RxErrc::sample_size);
+    EXPECT_EQ(refused(Cut(sample, 4, 2)), RxErrc::frame_count);
+    EXPECT_EQ(refused(placed(3, {0, 100, 201})), RxErrc::sample_size);
+    EXPECT_EQ(refused(placed(4, {0, 99, 200})), RxErrc::frame_places);
+    EXPECT_EQ(refused(placed(5, {0, 200, 100})), RxErrc::frame_places);
+    auto hostile = Cut(sample, 3, 6);
+    hostile[0][28] = hostile[0][29] = hostile[0][30] = hostile[0][31] = std::byte{0xFF};
+    EXPECT_EQ(refused(hostile), RxErrc::sample_size);
+    EXPECT_EQ(bench.receiver.GetCounters().refused, 6U);
+}
+
+TEST(QudexReceiver, ChecksTheChecksumUnlessToldNotTo) {
+    auto config = SenderConfig(2);
+    config.checksum_enable = true;
+    FakeTxSocket tx;
+    qudex::Sender sender{config, tx, nullptr};
+    sender.SetSampleId(1);
+    const Bytes sample = Counting(1001);
+    ASSERT_FALSE(sender.SendSample(sample, TIME, {}));
+    const auto good = tx.Take();
+    auto flipped = good[1];
+    flipped[60] ^= std::byte{4};
+
+    Bench bench{2, sample.size()};
+    bench.socket.Put({good[0], flipped, good[1]});
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1));
+    EXPECT_EQ(bench.Content(), sample);
+    EXPECT_EQ(bench.receiver.GetCounters().checksum, 1U);
+
+    auto lenient = ReceiverConfig(2);
+    lenient.checksum_force_ignore = true;
+    FakeRxSocket rx;
+    rx.Put({good[0], flipped});
+    qudex::Receiver receiver{lenient, rx, nullptr};
+    Bytes buffer(sample.size());
+    EXPECT_FALSE(receiver.ReceiveSample(buffer, 0ns).first);
+}
+
+TEST(QudexReceiver, GoesOnWithTheSampleInWorkAfterATimeOut) {
+    const Bytes sample = Counting(300);
+    const auto datagrams = Cut(sample, 3, 4);
+    Bench bench{3, sample.size()};
+    for (std::size_t i = 0; i < 2; ++i) {
+        bench.socket.Put({datagrams[i]});
+        EXPECT_EQ(bench.Receive(), std::errc::timed_out);
+    }
+    Bytes other(sample.size());
+    EXPECT_EQ(bench.receiver.ReceiveSample(other, 0ns).first, RxErrc::sample_given_up);
+    EXPECT_EQ(bench.receiver.ReceiveSample(other, 0ns).first, std::errc::timed_out);
+
+    bench.socket.Put({Cut(sample, 3, 5)[0]});
+    EXPECT_EQ(bench.Receive(), std::errc::timed_out);
+    bench.socket.Put({Cut(sample, 3, 5)[2], Cut(sample, 3, 5)[1]});
+    EXPECT_FALSE(bench.Receive());
+    EXPECT_EQ(bench.id, 5U);
+    EXPECT_EQ(bench.Content(), sample);
+}
+
+TEST(QudexReceiver, AFloodOfStrangersDoesNotHoldTheCaller) {
+    Bench bench{3, 30};
+    for (int i = 0; i < 1000; ++i) bench.socket.Put({Counting(100)});
+    EXPECT_EQ(bench.receiver.ReceiveSample(bench.Buffer(), 0ns).first, std::errc::timed_out);
+    EXPECT_GT(bench.socket.datagrams.size(), 900U);
+}
+
+TEST(QudexReceiver, DropsLateSamplesButFollowsASenderThatStartsAnew) {
+    const Bytes sample = Counting(30);
+    const auto at = [](int ns) { return TIME + std::chrono::nanoseconds{ns}; };
+    Bench bench{1, 30};
+    bench.socket.Put(Cut(sample, 1, 100, at(0)));
+    bench.socket.Put(Cut(sample, 1, 99, at(-1)));  // late
+    bench.socket.Put(Cut(sample, 1, 100, at(0)));  // twice
+    bench.socket.Put(Cut(sample, 1, 102, at(2)));  // one was lost
+    bench.socket.Put(Cut(sample, 1, 101, at(1)));  // late
+    bench.socket.Put(Cut(sample, 1, 98, at(3)));   // a new start, by its time
+    bench.socket.Put(Cut(sample, 1, 0, at(-50)));  // a new start, by its ID
+    bench.socket.Put(Cut(sample, 1, 0xFFFFFFFF, at(-51)));
+    bench.socket.Put(Cut(sample, 1, 1, at(4)));
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(100, 102, 98, 0, 1));
+    EXPECT_EQ(bench.receiver.GetCounters().stale, 4U);
+}
+
+TEST(QudexReceiver, AForgedSampleOfTheFutureCostsOnlyItself) {
+    const Bytes sample = Counting(60);
+    Bench bench{6, 60};
+    bench.socket.Put(Cut(sample, 6, 10));
+    bench.socket.Put({Cut(sample, 6, 14)[2], Cut(sample, 6, 0x80000000)[0]});
+    for (unsigned id = 11; id <= 16; ++id) bench.socket.Put(Cut(sample, 6, id));
+    auto ids = bench.ReceiveAll();
+    ids.erase(std::remove(ids.begin(), ids.end(), 0U), ids.end());
+    EXPECT_THAT(ids, ElementsAre(10, 11, 12, 13, 15, 16));
+}
+
+TEST(QudexReceiver, ACallerWhoKeepsPacketsIsToldWhenNoneIsLeft) {
+    const Bytes sample = Counting(10);
+    Bench bench{1, 10};
+    std::vector<qudex::Receiver::SampleHandle> held;
+    std::error_code error;
+    for (unsigned id = 1; id < 100 && !error; ++id) {
+        bench.socket.Put(Cut(sample, 1, id));
+        auto result = bench.receiver.ReceiveSample(bench.Buffer(), 0ns);
+        error = result.first;
+        if (!error) held.push_back(std::move(*result.second));
+    }
+    EXPECT_EQ(error, std::errc::no_buffer_space);
+    EXPECT_GE(held.size(), 4U);
+    held.clear();
+    EXPECT_FALSE(bench.Receive());
+}
+
+TEST(QudexReceiver, ConfigurationsThatCannotWorkAreNamed) {
+    FakeRxSocket rx;
+    FakeTxSocket tx;
+    EXPECT_THROW((qudex::Receiver{ReceiverConfig(0), rx, nullptr}), std::runtime_error);
+    auto config = ReceiverConfig(3);
+    config.buf_packets = 1'000'000'000'000;
+    EXPECT_THROW((qudex::Receiver{config, rx, nullptr}), std::runtime_error);
+    EXPECT_THROW((qudex::Sender{SenderConfig(0), tx, nullptr}), std::runtime_error);
+    auto wide = SenderConfig(1);
+    wide.niovs = 1'000'000;
+    EXPECT_THROW((qudex::Sender{wide, tx, nullptr}), std::runtime_error);
+}
+
+}  // namespace

@@ -1,0 +1,224 @@
+#include "allocationCount.hpp"
+
+#include <pktwire/lspx.hpp>
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <thread>
+
+using namespace pktwire;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+namespace {
+
+constexpr std::chrono::nanoseconds LONG = 30s;
+constexpr time_point TIME{std::chrono::nanoseconds{1'700'000'000'000'000'000}};
+
+UdpRxSocket::Config Listening(const std::string& ip = "127.0.0.1", const std::string& iface = "lo") {
+    UdpRxSocket::Config config;
+    config.ip.listen = Ipv4{ip};
+    config.iface_name = iface;
+    return config;
+}
+
+UdpTxSocket::Config SendingTo(std::uint16_t port, const std::string& ip = "127.0.0.1") {
+    UdpTxSocket::Config config;
+    config.ip.dst = Ipv4{ip};
+    config.udp.dst = port;
+    return config;
+}
+
+qudex::Receiver::Config ReceiverConfig(std::uint16_t num_frames) {
+    qudex::Receiver::Config config;
+    config.num_frames = num_frames;
+    return config;
+}
+
+qudex::Sender::Config SenderConfig(std::uint16_t num_frames) {
+    qudex::Sender::Config config;
+    config.num_frames = num_frames;
+    return config;
+}
+
+TEST(Ipv4, ReadsDottedTextOnly) {
+    EXPECT_EQ(std::string(Ipv4{}), "");
+    EXPECT_EQ(std::string(Ipv4{""}), "");
+    EXPECT_EQ(std::string(Ipv4{"239.1.2.3"}), "239.1.2.3");
+    EXPECT_EQ(std::string(Ipv4{"0.0.0.0"}), "0.0.0.0");
+    EXPECT_TRUE(Ipv4{"239.1.2.3"}.IsMulticast() && !Ipv4{"127.0.0.1"}.IsMulticast() && !Ipv4{}.IsMulticast());
+    for (const char* text : {"localhost", "1.2.3", "1.2.3.256", " 1.2.3.4", "1.2.3.4/8", "::1"}) {
+        EXPECT_THAT([text] { Ipv4{text}; }, ThrowsMessage<std::runtime_error>(HasSubstr(text)));
+    }
+}
+
+TEST(UdpRxSocket, SaysWhatCannotWork) {
+    const UdpRxSocket first{Listening(), nullptr};
+    auto taken = Listening();
+    taken.udp.listen = first.LocalPort();
+    EXPECT_THAT(
+        [&] { UdpRxSocket(taken, nullptr); },
+        ThrowsMessage<std::runtime_error>(HasSubstr("127.0.0.1:" + std::to_string(first.LocalPort()))));
+    EXPECT_THAT([] { UdpRxSocket(Listening("127.0.0.1", "nosuchif0"), nullptr); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("nosuchif0")));
+    EXPECT_THROW(UdpRxSocket(Listening("192.0.2.77"), nullptr), std::runtime_error);
+    EXPECT_THROW(UdpTxSocket(SendingTo(0), nullptr), std::runtime_error);
+    EXPECT_THROW(UdpTxSocket({}, nullptr), std::runtime_error);
+}
+
+TEST(UdpRxSocket, GrantsTheBufferAskedForAsFarAsTheSystemLets) {
+    auto config = Listening();
+    config.rxbuf_size = 1 << 20;
+    config.busy_poll = 50;
+    config.incoming_cpu = 0;
+    EXPECT_GE(UdpRxSocket(config, nullptr).GrantedBuffer(), 1U << 18U);
+    config.rxbuf_size = ~std::uint64_t{0};
+    EXPECT_GT(UdpRxSocket(config, nullptr).GrantedBuffer(), 0U);
+}
+
+TEST(UdpRxSocket, WaitsNoLongerThanToldAndEndsAtOnceWhenAPacketComes) {
+    for (auto spin_time : {0ns, std::chrono::nanoseconds{1ms}}) {
+        auto config = Listening();
+        config.spin_time = spin_time;
+        UdpRxSocket rx{config, nullptr};
+        EXPECT_EQ(rx.WaitReadable(2ms), std::errc::timed_out);
+        UdpTxSocket tx{SendingTo(rx.LocalPort()), nullptr};
+        qudex::Sender sender{SenderConfig(1), tx, nullptr};
+        ASSERT_FALSE(sender.SendSample({}, {}, {}));
+        EXPECT_FALSE(rx.WaitReadable(LONG));
+    }
+}
+
+TEST(UdpTxSocket, TellsOfARefusalAndReachesAPeerThatComesBack) {
+    auto listening = Listening();
+    {
+        const UdpRxSocket gone{listening, nullptr};
+        listening.udp.listen = gone.LocalPort();
+    }
+    UdpTxSocket tx{SendingTo(listening.udp.listen), nullptr};
+    qudex::Sender sender{SenderConfig(1), tx, nullptr};
+    const std::array<std::byte, 8> sample{};
+    EXPECT_FALSE(sender.SendSample(sample, TIME, {}));
+    EXPECT_EQ(sender.SendSample(sample, TIME, {}).value(), 111);
+
+    UdpRxSocket rx{listening, nullptr};
+    qudex::Receiver receiver{ReceiverConfig(1), rx, nullptr};
+    EXPECT_EQ(sender.SendSample(sample, TIME, {}).value(),
+              111);  // hears of the one before, and sends this one
+    std::array<std::byte, 8> buffer{};
+    auto [error, handle] = receiver.ReceiveSample(buffer, LONG);
+    ASSERT_FALSE(error);
+    EXPECT_EQ(handle->first->SampleId(), 2U);
+}
+
+TEST(UdpSockets, CarrySamplesOverMulticastWithAllSettings) {
+    auto listening = Listening("239.255.77.1");
+    UdpRxSocket rx{listening, nullptr};
+    listening.udp.listen = rx.LocalPort();
+    UdpRxSocket second{listening, nullptr};
+    auto sending = SendingTo(rx.LocalPort(), "239.255.77.1");
+    sending.ip.src = Ipv4{"127.0.0.1"};
+    sending.ip.time_to_live = 3;
+    sending.udp.checksum_enable = true;
+    sending.txbuf_size = 1 << 18;
+    UdpTxSocket tx{sending, nullptr};
+    auto sharing = sending;
+    sharing.udp.src = tx.LocalPort();
+    const UdpTxSocket shares_port{sharing, nullptr};
+    EXPECT_EQ(shares_port.LocalPort(), tx.LocalPort());
+
+    qudex::Sender sender{SenderConfig(3), tx, nullptr};
+    sender.SetSampleId(5);
+    std::array<std::byte, 100> sample{};
+    sample.fill(std::byte{0x5A});
+    ASSERT_FALSE(sender.SendSample(sample, TIME, {}));
+    for (UdpRxSocket* socket : {&rx, &second}) {
+        qudex::Receiver receiver{ReceiverConfig(3), *socket, nullptr};
+        std::array<std::byte, 100> buffer{};
+        EXPECT_FALSE(receiver.ReceiveSample(buffer, LONG).first);
+        EXPECT_EQ(buffer, sample);
+    }
+}
+
+TEST(QudexOverUdp, ReadsBytesWrittenByAnotherHand) {
+    UdpRxSocket rx{Listening(), nullptr};
+    auto config = ReceiverConfig(1);
+    config.topic = 0x11223344;
+    qudex::Receiver receiver{config, rx, nullptr};
+    const std::array<unsigned char, 50> datagram{
+        'Q',  'U',  'D',  'X', 1, 0, 0, 0, 0, 0, 0x01, 0x02, 0, 0, 0, 0, 0, 0, 0, 9, 0, 1, 0, 1,    0x11,
+        0x22, 0x33, 0x44, 0,   0, 0, 0, 0, 0, 0, 2,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xAB, 0xCD};
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(rx.LocalPort());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                       sizeof(address)),
+              50);
+    ::close(fd);
+    std::array<std::byte, 2> buffer{};
+    auto [error, handle] = receiver.ReceiveSample(buffer, LONG);
+    ASSERT_FALSE(error);
+    EXPECT_EQ(handle->first->SampleId(), 0x0102U);
+    EXPECT_EQ(handle->first->Timestamp().time_since_epoch().count(), 9);
+    EXPECT_EQ(buffer[1], std::byte{0xCD});
+}
+
+TEST(LspxOverUdp, CameraFramesCrossWithoutACopyOrAnAllocation) {
+    constexpr std::uint32_t units = 783360;
+    constexpr int frames = 40;
+    auto listening = Listening();
+    listening.rxbuf_size = 64U << 20U;
+    UdpRxSocket rx{listening, nullptr};
+    if (rx.GrantedBuffer() < (16U << 20U)) GTEST_SKIP() << "the system grants no buffer for a whole frame";
+    lspx::Receiver receiver{
+        {.endianness = 8, .leader_extended_info_size = 8, .data_unit_size = 2},
+        {new qudex::Receiver{ReceiverConfig(206), rx, nullptr}, std::default_delete<qudex::Receiver>{}},
+        nullptr};
+    std::vector<std::byte> payload(units * 2);
+    std::array<std::byte, 8> info{};
+
+    std::atomic<int> received{0};
+    std::thread camera{[&, port = rx.LocalPort()] {
+        UdpTxSocket tx{SendingTo(port), nullptr};
+        qudex::Sender qudex_sender{SenderConfig(206), tx, nullptr};
+        lspx::Sender sender{{.endianness = 8, .leader_extended_info_size = 8, .frame_size = units},
+                            qudex_sender};
+        std::vector<std::byte> frame(units * 2);
+        for (std::size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<std::byte>(i / 255 + i);
+        const std::array<std::byte, 8> stamp{};
+        const std::size_t before = test::AllocationCount();
+        for (int i = 0; i < frames; ++i) {
+            sender.SetSampleId(static_cast<unsigned>(i));
+            EXPECT_FALSE(sender.SendSample(stamp, frame, {}, TIME, {}, {}));
+            while (received.load() < i) std::this_thread::yield();  // the buffer holds two frames
+        }
+        EXPECT_EQ(test::AllocationCount(), before);
+    }};
+    const std::size_t before = test::AllocationCount();
+    std::error_code error;
+    unsigned wrong = 0;
+    for (int i = 0; i < frames; ++i) {
+        auto [code, sample] = receiver.ReceiveSample(info, payload, {}, LONG);
+        if (code) error = code;
+        if (!sample.leader || sample.leader->SampleId() != static_cast<unsigned>(i)) ++wrong;
+        received.store(i + 1);
+    }
+    const std::size_t allocated = test::AllocationCount() - before;
+    camera.join();
+    EXPECT_FALSE(error) << error.message();
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_EQ(allocated, 0U);
+    EXPECT_EQ(receiver.GetCounters().copied, 0U);
+    for (std::size_t i = 0; i < payload.size(); i += 997)
+        ASSERT_EQ(payload[i], static_cast<std::byte>(i / 255 + i));
+}
+
+}  // namespace
