@@ -37,6 +37,12 @@ double Microseconds(Integer nanoseconds) {
     return static_cast<double>(nanoseconds) / 1000.0;
 }
 
+template <class Integer>
+double WholeMicroseconds(Integer nanoseconds) {
+    const Integer whole = nanoseconds / 1000;
+    return static_cast<double>(whole);
+}
+
 void LogJitter(const char* series, unsigned long count, const Statistics::Record& record) {
     common::LogTrace("  Jitter {}: max = {:.4} [us]", series, Microseconds(record.max));
     common::LogTrace("  Jitter {}: mean = {:.4} [us]", series,
@@ -147,9 +153,9 @@ void StatisticsDuration::GetValues(double& max, double& mean, double& stddev) {
     const auto stats = m_stats;
     lock.unlock();
 
-    max = static_cast<double>(stats.max / 1000);
-    mean = static_cast<double>(GetMean(stats) / 1000);
-    stddev = static_cast<double>(GetStdDev(stats) / 1000);
+    max = WholeMicroseconds(stats.max);
+    mean = WholeMicroseconds(GetMean(stats));
+    stddev = WholeMicroseconds(GetStdDev(stats));
 }
 
 unsigned long StatisticsDuration::GetMean(const StatsDuration& stats) {
