@@ -22,6 +22,7 @@
 
 namespace vosk::ao_tasks {
 
+// Buffers begin on cache lines: NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 class Executor {
 public:
     // The last step that was completed.

@@ -17,6 +17,7 @@
 
 namespace vosk::ao_tasks {
 
+// Buffers begin on cache lines: NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 class M4SaturationManagement {
 public:
     static constexpr std::size_t M4_CMD_SIZE = defs::M4_CMD_SIZE;
