@@ -26,7 +26,9 @@ std::filesystem::path HostBesideRig() {
            "lumo/host/vosk-host";
 }
 
-int MakeData(const std::filesystem::path& directory, Scenario scenario, std::uint32_t modes) {
+int MakeData(const std::filesystem::path& directory, std::uint32_t modes) {
+    Scenario scenario;
+    scenario.name = "make-data";
     scenario.host.managed_modes = modes;
     const std::filesystem::path basis_file = std::filesystem::absolute(directory / "m2p.fits");
     std::filesystem::create_directories(directory);
@@ -75,7 +77,7 @@ int Main(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
 
-    if (make_data->parsed()) return MakeData(directory, Scenario{.name = "make-data"}, modes);
+    if (make_data->parsed()) return MakeData(directory, modes);
     return RunScenario(file, std::move(paths), seconds);
 }
 
