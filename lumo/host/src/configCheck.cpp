@@ -1,0 +1,143 @@
+#include "configCheck.hpp"
+
+#include "hostSettings.hpp"
+
+#include <fmt/format.h>
+#include <unistd.h>
+#include <lumolib/dataSyncManager.hpp>
+#include <lumolib/libMain.hpp>
+#include <lumolib/runtimeMonitor.hpp>
+#include <lumolib/threadTable.hpp>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <optional>
+
+namespace vosk::host {
+
+using lumo::SectionEntry;
+using lumo::StreamEntry;
+using oru::configng::PliConfigError;
+using oru::configng::PliConfigInstanceNode;
+using oru::configng::PliConfigKey;
+
+namespace {
+
+constexpr const char* INSTANCE = "cfg";
+constexpr const char* HOST = "host";
+constexpr const char* STATISTICS = "statistics";
+
+class Check {
+public:
+    explicit Check(const gim::Config& config) : m_config{config} {}
+
+    std::vector<Problem> Run() {
+        const PliConfigInstanceNode& top = m_config.GetDocument()->Instances();
+        Try(top.Has(HOST) ? top[HOST] : top, [&] { ReadHostSettings(top); });
+        if (!top.Has(INSTANCE)) {
+            Add({top.GetWhere(), INSTANCE, "the document has no such node"});
+        } else if (!top[INSTANCE].IsMap()) {
+            Note(top[INSTANCE], {}, "must be a map");
+        } else {
+            CheckStreams(top[INSTANCE]);
+        }
+        NoteUnreadKeys();
+        return std::move(m_problems);
+    }
+
+private:
+    void CheckStreams(const PliConfigInstanceNode& cfg) {
+        // Names of its own in shared memory, so that a running system isn't touched.
+        lumo::LibMain library{fmt::format("/vosk_check_{}_", ::getpid())};
+        lumo::DataSyncManager::CreateInstance();
+        lumo::RuntimeMonitor::CreateInstance(m_config);
+        Try(cfg.Has(STATISTICS) ? cfg[STATISTICS] : cfg,
+            [&] { lumo::RuntimeMonitor::EnableStatistics(cfg); });
+        for (const auto sections :
+             {lumo::CameraAndCommandSections(), lumo::QudexSections(), lumo::FlowgraphSections()}) {
+            for (const SectionEntry& section : sections) CheckSection(cfg, section);
+        }
+        m_threads.clear();
+    }
+
+    void CheckSection(const PliConfigInstanceNode& cfg, const SectionEntry& section) {
+        if (!cfg.Has(section.key)) return;
+        const PliConfigInstanceNode node = cfg[section.key];
+        Try(node, [&] {
+            for (const StreamEntry& stream : section.streams) {
+                if (node.Has(stream.key)) CheckStream(stream, node[stream.key]);
+            }
+        });
+    }
+
+    void CheckStream(const StreamEntry& stream, const PliConfigInstanceNode& node) {
+        if (!stream.make) return Note(node, {}, "no thread of this build serves it");
+        Try(node, [&] {
+            for (const PliConfigInstanceNode& element : lumo::ElementsUsed(stream, node)) {
+                Try(element, [&] { MakeThreads(stream, element); });
+            }
+        });
+    }
+
+    void MakeThreads(const StreamEntry& stream, const PliConfigInstanceNode& element) {
+        stream.make(element, [&](std::unique_ptr<lumo::Thread> thread) {
+            const auto [place, is_new] = m_threads.try_emplace(thread->GetName(), nullptr);
+            place->second = std::move(thread);
+            if (!is_new) Note(element, {}, "replaces another thread of the name " + place->first);
+        });
+    }
+
+    void Try(const PliConfigInstanceNode& node, const std::function<void()>& step) {
+        try {
+            step();
+        } catch (const PliConfigError& error) {
+            Note(node, error.Where(), error.what());
+        } catch (const std::exception& error) {
+            Note(node, {}, error.what());
+        }
+    }
+
+    void Note(const PliConfigInstanceNode& node, const std::string& where, const std::string& text) {
+        m_failed.push_back(node.GetPath());
+        Add({where.empty() ? node.GetWhere() : where, node.GetPath(), text});
+    }
+
+    // A section that two groups of streams share is looked at twice.
+    void Add(Problem problem) {
+        if (std::find(m_problems.begin(), m_problems.end(), problem) == m_problems.end()) {
+            m_problems.push_back(std::move(problem));
+        }
+    }
+
+    // A key below a node that failed may only not have been reached.
+    bool MayBeUnreached(const std::string& key) const {
+        return std::any_of(m_failed.begin(), m_failed.end(), [&](const std::string& path) {
+            return key.starts_with(path + ".") || key.starts_with(path + "[") || key == path;
+        });
+    }
+
+    void NoteUnreadKeys() {
+        for (const PliConfigKey& key : UnreadKeys(*m_config.GetDocument())) {
+            if (MayBeUnreached(key.path)) continue;
+            Add({fmt::format("{}:{}", key.file, key.line), key.path, "nothing reads this key"});
+        }
+    }
+
+    const gim::Config& m_config;
+    std::vector<Problem> m_problems;
+    std::vector<std::string> m_failed;  // paths of nodes that weren't read to the end
+    std::map<std::string, std::unique_ptr<lumo::Thread>> m_threads;  // kept, so that they meet one another
+};
+
+}  // namespace
+
+std::vector<Problem> CheckConfig(const gim::Config& config) {
+    return Check{config}.Run();
+}
+
+std::string ToText(const Problem& problem) {
+    return fmt::format("{}: {}: {}", problem.where, problem.path, problem.text);
+}
+
+}  // namespace vosk::host

@@ -1,0 +1,181 @@
+#include "host.hpp"
+
+#include "statusReport.hpp"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <lumolib/runtimeMonitor.hpp>
+#include <lumolib/voskHandoverManager.hpp>
+#include <lumolib/voskTelescopeStateManager.hpp>
+#include <vosk/common/logSetup.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/telegraf/telemSender.hpp>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <stdexcept>
+
+namespace vosk::host {
+
+using common::telegraf::TelemSender;
+using lumo::RuntimeMonitor;
+using lumo::VoskHandoverManager;
+using lumo::VoskTelescopeStateManager;
+
+namespace {
+
+// A handover takes a few cycles of 2 ms; its steps are worth seeing.
+constexpr std::chrono::milliseconds LOOK_DURING_CHANGE{5};
+constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
+
+// Before any thread object exists: the first values of mode and source, in the order in which one attaches to
+// the other.
+void ResetControlState() {
+    VoskTelescopeStateManager::Reset();
+    VoskHandoverManager::GetInstance().Reset();
+}
+
+// For the signal handler, which knows no object.
+std::atomic<int> stop_event{-1};
+
+void NoteStop(int) {
+    const int error = errno;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(stop_event.load(), &one, sizeof(one));
+    errno = error;
+}
+
+sigset_t StopSet() {
+    sigset_t stops;
+    ::sigemptyset(&stops);
+    ::sigaddset(&stops, SIGINT);
+    ::sigaddset(&stops, SIGTERM);
+    return stops;
+}
+
+void Handle(void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    for (int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
+
+StopSignals::StopSignals() : m_event{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)} {
+    if (!m_event.IsOpen()) throw std::runtime_error{"signals can't be received"};
+    stop_event.store(m_event.Get());
+    const sigset_t stops = StopSet();
+    ::pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+    Handle(NoteStop);
+}
+
+StopSignals::~StopSignals() {
+    Handle(SIG_IGN);
+    stop_event.store(-1);
+}
+
+void StopSignals::Admit() {
+    const sigset_t stops = StopSet();
+    ::pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
+}
+
+Host::Host(const gim::Config& config, const HostSettings& settings, bool serve_stdin)
+    : m_library{settings.shm_prefix.value_or(DEFAULT_SHM_PREFIX)}, m_serve_stdin{serve_stdin} {
+    TelemSender::m_default_telegraph_host_ip_addr = settings.telegraf_address;
+    TelemSender::m_default_telegraph_port = settings.telegraf_port;
+    ResetControlState();
+    m_library.SetupThreads(config);
+    try {
+        m_library.StartThreads();
+        // Last: who can connect finds a running system.
+        if (settings.control_socket) m_socket.emplace(*settings.control_socket);
+    } catch (...) {
+        m_library.StopThreads();
+        throw;
+    }
+}
+
+Host::~Host() {
+    m_library.StopThreads();
+}
+
+void Host::Run(const StopSignals& signals) {
+    common::LogInfo("Running with {} threads.", m_library.GetThreads().size());
+    StopSignals::Admit();
+    while (m_running) {
+        LookAtControlState();
+        WaitForWork(signals);
+    }
+    common::LogInfo("Stopping.");
+}
+
+void Host::WaitForWork(const StopSignals& signals) {
+    const auto wait = m_state.mode_change_in_progress ? LOOK_DURING_CHANGE : LOOK_OTHERWISE;
+    // A negative descriptor is passed over.
+    std::array<pollfd, 3> sources{{{signals.GetFd(), POLLIN, 0},
+                                   {m_socket ? m_socket->GetFd() : -1, POLLIN, 0},
+                                   {m_serve_stdin ? STDIN_FILENO : -1, POLLIN, 0}}};
+    if (::poll(sources.data(), sources.size(), static_cast<int>(wait.count())) <= 0) return;
+    if (sources[0].revents != 0) return Stop();
+    if (sources[1].revents != 0)
+        m_socket->Serve([this](const std::string& line) { return Execute(line, *this); });
+    if (sources[2].revents != 0) ServeTerminal();
+}
+
+void Host::ServeTerminal() {
+    std::array<char, MAX_LINE> piece{};
+    const ssize_t count = ::read(STDIN_FILENO, piece.data(), piece.size());
+    if (count <= 0) {
+        m_serve_stdin = count < 0 && (errno == EINTR || errno == EAGAIN);
+        return;
+    }
+    if (!m_terminal_input.Append({piece.data(), static_cast<std::size_t>(count)})) {
+        m_terminal_input.Clear();
+        fmt::print("error: a line has at most {} bytes\n", MAX_LINE);
+    }
+    while (const auto line = m_terminal_input.TakeLine()) {
+        if (const std::string reply = Execute(*line, *this); !reply.empty()) fmt::print("{}\n", reply);
+    }
+    std::fflush(stdout);
+}
+
+void Host::SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) {
+    m_library.SetVoskMode(mode, camera);
+    LookAtControlState();
+}
+
+void Host::SetCamera(defs::Camera camera) {
+    m_library.SetVoskMode(m_library.GetControlMode(), camera);
+    LookAtControlState();
+}
+
+void Host::LookAtControlState() {
+    const VoskHandoverManager& handover = VoskHandoverManager::GetInstance();
+    m_state.mode = m_library.GetControlMode();
+    m_state.camera = m_library.GetActiveCameraFs();
+    m_state.handover_state = handover.GetState();
+    m_state.source = handover.GetM4CmdSource();
+    m_state.mode_change_in_progress = RuntimeMonitor::GetStateData().GetTopicData().mode_change_in_progress;
+    m_events.Look(m_state, atomclk::AtomClk::now());
+}
+
+std::string Host::Status() {
+    LookAtControlState();
+    host::Status status{.control = m_state,
+                        .streams = {},
+                        .log_dropped = common::DroppedLogLines(),
+                        .events = m_events.Get()};
+    for (const auto& stream : RuntimeMonitor::GetInstance().m_stream_states) {
+        status.streams.push_back(stream->GetTopicData());
+    }
+    return ToJson(status);
+}
+
+}  // namespace vosk::host

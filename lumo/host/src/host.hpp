@@ -1,0 +1,71 @@
+#pragma once
+
+// The program around LibMain: sets it up, starts it, serves commands and watches the control state on the one
+// control thread, and stops it at a signal or on command.
+
+#include "commands.hpp"
+#include "controlSocket.hpp"
+#include "eventList.hpp"
+#include "hostSettings.hpp"
+#include "lineBuffer.hpp"
+
+#include <gim/config.hpp>
+#include <lumolib/libMain.hpp>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace vosk::host {
+
+// Makes SIGINT and SIGTERM readable. Make it before the worker threads, all of which are then free of them;
+// other libraries may have threads already that are not, so that a mask alone would not do. One at a time.
+class StopSignals {
+public:
+    StopSignals();
+    ~StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    // From now on this thread takes them.
+    static void Admit();
+
+    // Readable, for poll(), once one has come.
+    int GetFd() const { return m_event.Get(); }
+
+private:
+    UniqueFd m_event;
+};
+
+class Host final : public ControlTarget {
+public:
+    // Sets up and starts all threads. Throws what they throw, with none of them running.
+    Host(const gim::Config& config, const HostSettings& settings, bool serve_stdin);
+    ~Host() override;
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // Serves until a signal or the command "stop", then stops the threads.
+    void Run(const StopSignals& signals);
+
+    void SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) override;
+    void SetCamera(defs::Camera camera) override;
+    std::string Status() override;
+    void Stop() override { m_running = false; }
+
+private:
+    void WaitForWork(const StopSignals& signals);
+    void ServeTerminal();
+    void LookAtControlState();
+
+    lumo::LibMain m_library;
+    std::optional<ControlSocket> m_socket;
+    LineBuffer m_terminal_input;
+    bool m_serve_stdin;
+    bool m_running = true;
+    ControlState m_state;
+    EventList m_events;
+};
+
+}  // namespace vosk::host

@@ -1,0 +1,141 @@
+// vosk-host: runs the data path that a configuration document describes.
+//
+//   vosk-host CONFIG          runs until SIGINT, SIGTERM or the command "stop"
+//   vosk-host check CONFIG    tells everything that is wrong with a document, and runs nothing
+
+#include "blasKernel.hpp"
+#include "configCheck.hpp"
+#include "host.hpp"
+#include "hostSettings.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <gim/config.hpp>
+#include <vosk/common/logSetup.hpp>
+#include <vosk/common/logger.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace vosk::host {
+
+namespace {
+
+constexpr int EXIT_USAGE = 2;
+
+struct CommandLine {
+    std::string document;
+    HostSettings settings;
+    std::string blas_kernel;
+    bool serve_stdin = false;
+    bool check_only = false;
+};
+
+void Describe(CLI::App& app, CommandLine& line) {
+    app.add_option("CONFIG", line.document, "Configuration document");
+    app.add_option("--control", line.settings.control_socket, "Path of the control socket");
+    app.add_option("--shm-prefix", line.settings.shm_prefix, "What the names in shared memory begin with");
+    app.add_option("--log-level", line.settings.log_level, "trace, debug, info, warn or error");
+    app.add_option("--log-file", line.settings.log_file,
+                   "Where the log goes in the place of standard output");
+    app.add_option("--blas-kernel", line.blas_kernel,
+                   "Kernel of OpenBLAS, or 'auto' to let the CPU decide against OPENBLAS_CORETYPE");
+    app.add_flag("--stdin", line.serve_stdin, "Take commands from standard input though it is no terminal");
+    CLI::App* check = app.add_subcommand("check", "Tell what is wrong with a document, run nothing");
+    check->add_option("CONFIG", line.document, "Configuration document")->required();
+    check->callback([&line] { line.check_only = true; });
+}
+
+// Both may be one file, as the log is too: nobody is to write over the others.
+void AppendToOutputs() {
+    for (int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+        const int flags = ::fcntl(fd, F_GETFL);
+        if (flags != -1) ::fcntl(fd, F_SETFL, flags | O_APPEND);
+    }
+}
+
+void SetupLog(const HostSettings& settings) {
+    const auto level = ParseLogLevel(settings.log_level.value_or(DEFAULT_LOG_LEVEL));
+    if (settings.log_file) return common::SetupLogging(level, *settings.log_file);
+    try {
+        common::SetupLogging(level, "/dev/stdout");
+    } catch (const std::runtime_error&) {
+        common::SetupLogging(level);  // a standard output that can't be opened, such as a socket
+    }
+}
+
+gim::Config LoadDocument(const std::string& name) {
+    if (name.empty()) throw std::runtime_error{"which configuration document? See --help"};
+    gim::Config config;
+    config.LoadFile(name);
+    return config;
+}
+
+int Check(const gim::Config& config) {
+    // What goes wrong is told once, with its place.
+    common::SetupLogging(log4cplus::OFF_LOG_LEVEL, "/dev/null");
+    const auto problems = CheckConfig(config);
+    for (const Problem& problem : problems) fmt::print("{}\n", ToText(problem));
+    if (problems.empty()) fmt::print("No problems.\n");
+    return problems.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int Run(const CommandLine& line, char** arguments) {
+    if (line.check_only) return Check(LoadDocument(line.document));
+
+    const std::string blas_text = LoadBestBlasKernel(line.blas_kernel, arguments);
+    const gim::Config config = LoadDocument(line.document);
+    const StopSignals signals;
+    const HostSettings settings = Merge(line.settings, ReadHostSettings(config.GetDocument()->Instances()));
+    SetupLog(settings);
+    common::LogInfo("{}", blas_text);
+    Host host{config, settings, line.serve_stdin || ::isatty(STDIN_FILENO) != 0};
+    host.Run(signals);
+    return EXIT_SUCCESS;
+}
+
+int Fail(const std::string& text) {
+    common::FlushLog();
+    fmt::print(stderr, "vosk-host: {}\n", text);
+    return EXIT_FAILURE;
+}
+
+int Main(int argc, char** argv) {
+    AppendToOutputs();
+    // A host in the background must not be stopped for looking at its terminal, nor end with who reads its
+    // output.
+    std::signal(SIGTTIN, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+    CommandLine line;
+    CLI::App app{"Runs the adaptive-optics data path that a configuration document describes.", "vosk-host"};
+    Describe(app, line);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        fmt::print(stderr, "vosk-host: {}\n", error.what());
+        return EXIT_USAGE;
+    }
+    try {
+        return Run(line, argv);
+    } catch (const oru::configng::PliConfigDocumentError& error) {
+        return Fail(error.what());  // which says where
+    } catch (const oru::configng::PliConfigError& error) {
+        return Fail(fmt::format("{}: {}", error.Where(), error.what()));
+    } catch (const std::exception& error) {
+        return Fail(error.what());
+    }
+}
+
+}  // namespace
+
+}  // namespace vosk::host
+
+int main(int argc, char** argv) {
+    return vosk::host::Main(argc, argv);
+}
