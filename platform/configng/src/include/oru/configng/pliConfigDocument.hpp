@@ -14,8 +14,8 @@ namespace oru::configng {
 // Refused with PliConfigDocumentError, which says where: text that is no YAML or no UTF-8, no or more than
 // one document, a top that is no map, a key twice in a map or one that is no text, a merge key, an unknown
 // tag, an alias inside the node that it names, and documents beyond these limits.
-inline constexpr std::size_t MAX_DOCUMENT_BYTES = 16UL << 20U;
-inline constexpr std::size_t MAX_DOCUMENT_NODES = 500'000;  // with each alias counted as what it stands for
+inline constexpr std::size_t MAX_DOCUMENT_BYTES = 4UL << 20U;
+inline constexpr std::size_t MAX_DOCUMENT_NODES = 250'000;  // with each alias counted as what it stands for
 inline constexpr std::size_t MAX_DOCUMENT_DEPTH = 64;
 
 // A key or an element of a document, and whether anybody has asked for it.
