@@ -5,7 +5,7 @@
 #include <nodepin/nodepin.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
 
-#include <time.h>
+#include <ctime>
 
 #include "bench.hpp"
 

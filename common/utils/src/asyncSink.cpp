@@ -5,11 +5,11 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
