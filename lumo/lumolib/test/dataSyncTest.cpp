@@ -18,7 +18,6 @@
 #include <shared_mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -203,70 +202,68 @@ struct Generation {
 
 using GenerationSync = DataSyncSingleWaitable<Generation, BasicDataSetter<Generation>>;
 
-constexpr std::uint32_t GENERATIONS = 2000;
-
-void WriteAll(GenerationSync& sync) {
-    for (std::uint32_t i = 1; i <= GENERATIONS; ++i) {
-        sync.SetData(Generation::Of(i), i, At(i));
-        if (i % 50 == 0) std::this_thread::yield();
-    }
+void Write(GenerationSync& sync, std::uint32_t generation) {
+    sync.SetData(Generation::Of(generation), generation, At(generation));
 }
 
-TEST(DataSyncUnderLoad, CopiesAreWholeAndNeverGoBack) {
-    GenerationSync sync(false);
-    auto reader = std::async(std::launch::async, [&] {
-        std::uint32_t last = 0;
-        while (last < GENERATIONS) {
-            const Generation record = sync.GetData();
-            if (!record.IsWhole() || record.words[0] < last) return false;
-            last = record.words[0];
-            std::this_thread::yield();
-        }
-        return true;
+// Reads while another thread writes without pause, until `read` has seen many writes: it gives the generation
+// that it found. Generations must never go back.
+template <class Read>
+void ReadWhileWritten(GenerationSync& sync, Read read) {
+    constexpr int CHANGES = 100;
+    std::atomic<bool> done{false};
+    auto writer = std::async(std::launch::async, [&] {
+        for (std::uint32_t i = 1; !done; ++i) Write(sync, i);
     });
-    WriteAll(sync);
-    ASSERT_EQ(reader.wait_for(GENEROUS), std::future_status::ready);
-    EXPECT_TRUE(reader.get());
+    const auto deadline = std::chrono::steady_clock::now() + GENEROUS;
+    std::uint32_t last = 0;
+    for (int changes = 0; changes < CHANGES && !testing::Test::HasFailure();) {
+        if (std::chrono::steady_clock::now() > deadline) ADD_FAILURE() << "the writer does not come through";
+        const std::uint32_t generation = read();
+        EXPECT_GE(generation, last);
+        if (std::exchange(last, generation) != generation) ++changes;
+    }
+    done = true;
+    writer.wait();
+}
+
+TEST(DataSyncUnderLoad, CopiesAreWhole) {
+    GenerationSync sync(false);
+    ReadWhileWritten(sync, [&] {
+        const Generation record = sync.GetData();
+        EXPECT_TRUE(record.IsWhole());
+        return record.words[0];
+    });
 }
 
 TEST(DataSyncUnderLoad, UnderTheLockRecordIdAndTimeBelongTogether) {
     GenerationSync sync(false);
-    auto reader = std::async(std::launch::async, [&] {
-        std::uint32_t last = 0;
-        while (last < GENERATIONS) {
-            {
-                const std::shared_lock lock(sync.GetMutex());
-                const Generation& record = sync.GetDataRef();
-                last = record.words[0];
-                if (!record.IsWhole() || sync.GetSampleId() != last || sync.GetTimestamp() != At(last))
-                    return false;
-            }
-            std::this_thread::yield();
-        }
-        return true;
+    ReadWhileWritten(sync, [&] {
+        const std::shared_lock lock(sync.GetMutex());
+        const Generation& record = sync.GetDataRef();
+        EXPECT_TRUE(record.IsWhole());
+        EXPECT_EQ(sync.GetSampleId(), record.words[0]);
+        EXPECT_EQ(sync.GetTimestamp(), At(record.words[0]));
+        return record.words[0];
     });
-    WriteAll(sync);
-    ASSERT_EQ(reader.wait_for(GENEROUS), std::future_status::ready);
-    EXPECT_TRUE(reader.get());
 }
 
 TEST_P(WaitKinds, AWaitingReaderAlwaysComesToSeeTheLastWrite) {
+    constexpr std::uint32_t GENERATIONS = 2000;
     int running = 1;
     GenerationSync sync(GetParam());
     auto reader = std::async(std::launch::async, [&] {
-        Generation record;
-        while (record.words[0] < GENERATIONS) {
-            if (!sync.GetSynchronizer()->Wait(running)) return false;
+        std::uint32_t last = 0;
+        while (last < GENERATIONS && sync.GetSynchronizer()->Wait(running)) {
             sync.ClearDataReady();
-            record = sync.GetData();
-            if (!record.IsWhole()) return false;
+            last = sync.GetData().words[0];
         }
-        return true;
+        return last;
     });
-    WriteAll(sync);
+    for (std::uint32_t i = 1; i <= GENERATIONS; ++i) Write(sync, i);
     EXPECT_EQ(reader.wait_for(GENEROUS), std::future_status::ready);
     vosk::common::SetRunning(running, false);
-    EXPECT_TRUE(reader.get());
+    EXPECT_EQ(reader.get(), GENERATIONS);
 }
 
 // ---- Registry -------------------------------------------------------------------------------------------
