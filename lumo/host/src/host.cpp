@@ -34,11 +34,12 @@ namespace {
 constexpr std::chrono::milliseconds LOOK_DURING_CHANGE{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
 
-// Before any thread object exists: the first values of mode and source, in the order in which one attaches to
-// the other.
+// Before any thread object exists: the first values of mode and source. The handover manager attaches itself
+// to the mode when it is made and when it is reset, and is to be attached once.
 void ResetControlState() {
+    auto& handover = VoskHandoverManager::GetInstance();
     VoskTelescopeStateManager::Reset();
-    VoskHandoverManager::GetInstance().Reset();
+    handover.Reset();
 }
 
 // For the signal handler, which knows no object.
