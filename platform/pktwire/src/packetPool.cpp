@@ -29,7 +29,7 @@ void PacketPool::Grow(std::size_t count) {
     m_free.reserve(m_free.size() + count);
     for (std::size_t i = 0; i < count; ++i) {
         block.slots[i].packet.m_pool = this;
-        block.slots[i].spill = block.spills.data() + i * Slot::SPILL_SIZE;
+        block.slots[i].spill = reinterpret_cast<std::byte*>(&block.spills[i * Slot::SPILL_SIZE]);
         m_free.push_back(&block.slots[i]);
     }
 }

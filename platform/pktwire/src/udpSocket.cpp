@@ -23,9 +23,11 @@ std::error_code LastError() noexcept {
     return {errno, std::system_category()};
 }
 
+// In a program that set up no log, the text goes nowhere, without a complaint by the log library.
 void Log(log4cplus::LogLevel level, const std::string& text) {
-    static const log4cplus::Logger logger = log4cplus::Logger::getInstance("pktwire");
-    if (logger.isEnabledFor(level)) logger.log(level, text);
+    log4cplus::Logger logger = log4cplus::Logger::getInstance("pktwire");
+    if (logger.getAllAppenders().empty() && log4cplus::Logger::getRoot().getAllAppenders().empty()) return;
+    if (logger.isEnabledFor(level)) logger.forcedLog(level, text);
 }
 
 [[noreturn]] void Fail(const std::string& what) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <fstream>
 
 using namespace pktwire;
 using namespace pktwire::test;
@@ -151,6 +152,34 @@ TEST(LspxSender, WritesLeaderPayloadAndTrailerByteByByte) {
                                             "01 02 18 02 03 06 00 00 00000003 00000003 d1d2d1 c1c2"),
                             FromHex(qudex + "0004 0004 00000007 00000040 00000015 0000 0000 00000000 00000000"
                                             "01 03 18 02 03 06 02 00 00000003 00000000 d1d2d1 0000")));
+}
+
+// The code blocks of the page, two lines a datagram: what peers in other languages are written from.
+std::vector<Bytes> ExampleOfWireFormatPage() {
+    std::ifstream page{VOSK_WIRE_FORMAT_PAGE};
+    std::vector<Bytes> datagrams;
+    std::string first;
+    bool in_block = false;
+    for (std::string line; std::getline(page, line);) {
+        if (line == "```") {
+            in_block = !in_block;
+        } else if (in_block && first.empty()) {
+            first = line;
+        } else if (in_block) {
+            datagrams.push_back(FromHex(std::exchange(first, {}) + line));
+        }
+    }
+    return datagrams;
+}
+
+TEST(LspxSender, SendsTheExampleOfTheWireFormatPage) {
+    const Stream stream{.num_frames = 4, .units = 3, .leader_info = 1};
+    auto datagrams = Cut(stream, 9, FromHex("a1a2 b1b2 c1c2"), FromHex("ee"));
+    for (Bytes& datagram : datagrams) {
+        const Bytes time = FromHex("0000000000000001");
+        std::copy(time.begin(), time.end(), datagram.begin() + 12);
+    }
+    EXPECT_EQ(ExampleOfWireFormatPage(), datagrams);
 }
 
 TEST(LspxSender, RefusesSpansOfOtherSizesThanConfigured) {

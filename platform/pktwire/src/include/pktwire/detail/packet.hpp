@@ -97,7 +97,7 @@ private:
     struct Block {
         Block(std::size_t count, std::pmr::memory_resource* memory);
         std::pmr::vector<Slot> slots;
-        std::pmr::vector<std::byte> spills;
+        std::pmr::vector<unsigned char> spills;
     };
 
     std::pmr::memory_resource* m_memory;
