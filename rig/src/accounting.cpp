@@ -22,6 +22,7 @@ constexpr std::array<FateText, COMMAND_FATES> FATES{{
     {"at handover", "thrown away as the first command of a new source"},
     {"overwritten", "the next command came before this one was taken up"},
     {"late", "the setpoint was made, but its send time had passed"},
+    {"replaced", "the setpoint was made, but the next one came before it was sent"},
     {"incomplete", "the setpoint reached M4 in parts"},
     {"harmed", "spoilt by the rig on its way to the host"},
     {"M4 away", "nobody was there to receive the setpoint"},
@@ -40,6 +41,7 @@ public:
         NameCommandsAtHandover();
         NameHinderedCommands();
         NameSkippedCommands();
+        NameReplacedCommands();
         CountSetpoints();
         CountAnswers();
         FindRecoveries();
@@ -137,35 +139,41 @@ private:
     // The system numbers the setpoints that it makes. Where the numbers of two neighbours have a gap, so many
     // setpoints were made and didn't reach M4; the other commands between them were never taken up.
     void NameSkippedCommands() {
-        std::optional<std::size_t> previous;
-        for (std::size_t i = 0; i < m_facts.checked.size(); ++i) {
-            if (!m_facts.checked[i].command) continue;
-            if (previous) NameBetween(m_facts.checked[*previous], m_facts.checked[i]);
-            previous = i;
+        std::size_t next_command = 0;
+        defs::sample_id_t last_made = 0;  // the first setpoint of a host is number 1
+        for (const CheckedSetpoint& checked : m_facts.checked) {
+            if (!checked.command) continue;
+            const defs::sample_id_t sample_id = m_facts.setpoints[checked.setpoint].sample_id;
+            if (*checked.command >= next_command)
+                NameBetween(next_command, *checked.command, last_made, sample_id - last_made - 1);
+            next_command = *checked.command + 1;
+            last_made = sample_id;
         }
         // Behind the last setpoint no number tells; the host's own words do.
         std::uint64_t told = m_facts.complaints.unsent_setpoints;
         told -= std::min(told, m_accounts.Count(CommandFate::Late));
-        for (std::size_t i = m_facts.commands.size(); i-- > 0 && told > 0;) {
-            if (FateOf(i) == CommandFate::AsPredicted) break;
+        for (std::size_t i = m_facts.commands.size(); i-- > next_command && told > 0;) {
             if (!Open(i)) continue;
             Name(i, CommandFate::Late);
             --told;
         }
     }
 
-    void NameBetween(const CheckedSetpoint& before, const CheckedSetpoint& after) {
-        const defs::sample_id_t made =
-            m_facts.setpoints[after.setpoint].sample_id - m_facts.setpoints[before.setpoint].sample_id - 1;
+    // The commands from `first` up to `last`, which is not one of them. Between them `made` setpoints were
+    // made, behind number `last_made`.
+    void NameBetween(std::size_t first, std::size_t last, defs::sample_id_t last_made,
+                     defs::sample_id_t made) {
+        // IDs run on by one; a jump back is judged with the IDs.
+        if (made >= (1U << 31U)) return;
         std::vector<std::size_t> open;
         std::uint64_t to_nobody = 0;
-        for (std::size_t i = *before.command + 1; i < *after.command; ++i) {
+        for (std::size_t i = first; i < last; ++i) {
             if (Open(i)) open.push_back(i);
             if (FateOf(i) == CommandFate::M4Away) ++to_nobody;
         }
-        // IDs run on by one; a jump back, or further than there are commands, is judged with the IDs.
         const std::uint64_t skipped = made > to_nobody ? made - to_nobody : 0;
-        if (made < (1U << 31U)) m_accounts.skipped_sample_ids += skipped;
+        for (defs::sample_id_t id = last_made + 1; id != last_made + 1 + made; ++id)
+            if (to_nobody == 0 && m_facts.complaints.unanswered.count(id) == 0) ++m_silent;
         for (std::size_t i = 0; i < open.size(); ++i) {
             const bool was_made = open.size() - i <= skipped;
             if (!was_made) {
@@ -176,6 +184,16 @@ private:
                 Name(open[i], CommandFate::Late);
             }
         }
+    }
+
+    // The host tells of each setpoint whose time had passed. One that was made and is not among those gave
+    // way to its successor before it was sent. Which of them it was does not show from outside; how many
+    // does.
+    void NameReplacedCommands() {
+        std::uint64_t late = 0;
+        for (CommandFate& fate : m_accounts.fates)
+            if (fate == CommandFate::Late && ++late > m_facts.complaints.unsent_setpoints)
+                fate = CommandFate::Replaced;
     }
 
     void Name(std::size_t command, CommandFate fate) {
@@ -266,6 +284,7 @@ private:
         m_accounts.valid_in_ins_control = m_accounts.fates.size() - m_accounts.Count(CommandFate::NotForM4);
         m_accounts.exceptions = m_accounts.Count(CommandFate::Overwritten) +
                                 m_accounts.Count(CommandFate::Late) +
+                                m_accounts.Count(CommandFate::Replaced) +
                                 m_accounts.Count(CommandFate::Incomplete) + m_accounts.answers.not_taken;
     }
 
@@ -298,13 +317,12 @@ private:
         JudgeHostEnd();
     }
 
-    // A setpoint that was made and not sent must have left a line in the host's log.
+    // A setpoint that was made and did not reach M4 had no answer, and that must stand in the host's log.
     void JudgeSilence() {
-        const std::uint64_t told = m_facts.complaints.unsent_setpoints + m_facts.incomplete_setpoints;
-        if (m_facts.status.log_dropped == 0 && m_accounts.skipped_sample_ids > told)
-            m_accounts.violations.push_back(
-                fmt::format("{} setpoints were lost between the sample IDs, but the host tells of {} only",
-                            m_accounts.skipped_sample_ids, told));
+        if (m_facts.status.log_dropped == 0 && m_silent > 0)
+            m_accounts.violations.push_back(fmt::format(
+                "{} setpoints were lost between the sample IDs, and the host's log is silent about them",
+                m_silent));
     }
 
     void JudgeRecoveries() {
@@ -330,6 +348,7 @@ private:
     const Scenario& m_scenario;
     const RunFacts& m_facts;
     Accounts m_accounts;
+    std::uint64_t m_silent = 0;  // sample IDs that M4 never saw and the host never missed an answer to
 };
 
 }  // namespace

@@ -27,13 +27,14 @@ enum class CommandFate {
     AtHandover,    // the first one under a new source, which the handover throws away
     Overwritten,   // the next command came before this one was taken up
     Late,          // its setpoint was made, but its send time had passed
+    Replaced,      // its setpoint was made, but the next one came before it was sent
     Incomplete,    // its setpoint reached M4 in parts
     Harmed,        // the rig's fault injection spoilt it on the way to the host
     M4Away,        // nobody was there to receive its setpoint
     HostStopped,   // the host had been told to stop
     Unexplained,   // none of these
 };
-inline constexpr std::size_t COMMAND_FATES = 12;
+inline constexpr std::size_t COMMAND_FATES = 13;
 std::string_view NameOf(CommandFate fate);
 std::string_view MeaningOf(CommandFate fate);
 
@@ -54,6 +55,8 @@ struct Recovery {
 
 // Everything that is known when a run is over.
 struct RunFacts {
+    bool host_realtime = false;
+    time_point start;  // of the instrument's time grid
     std::span<const CommandRecord> commands;
     std::span<const SetpointRecord> setpoints;
     std::span<const CheckedSetpoint> checked;

@@ -98,8 +98,7 @@ double MicrosecondsOf(std::chrono::nanoseconds duration) {
 }
 
 double SecondsSince(const RunFacts& facts, time_point time) {
-    if (facts.commands.empty()) return 0.0;
-    return std::chrono::duration<double>(time - facts.commands.front().time_stamp).count();
+    return std::chrono::duration<double>(time - facts.start).count();
 }
 
 Spread SpreadOf(std::vector<double> values) {

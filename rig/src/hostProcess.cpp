@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,6 +14,7 @@
 #include <yaml-cpp/yaml.h>
 
 #include <array>
+#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -29,6 +31,8 @@ using namespace std::chrono_literals;
 // A reply takes the host's control thread a moment; a second of silence means that it hangs.
 constexpr auto REPLY_PATIENCE = 5000ms;
 
+constexpr int REALTIME_PRIORITY = 10;
+
 [[noreturn]] void ThrowSystemError(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
@@ -39,6 +43,16 @@ std::string TailOf(const std::filesystem::path& file) {
     std::ifstream input(file);
     const std::string text{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
     return text.size() <= LENGTH ? text : "..." + text.substr(text.size() - LENGTH);
+}
+
+// The number behind `label`, as in "sample ID = 12".
+std::optional<defs::sample_id_t> NumberBehind(const std::string& line, std::string_view label) {
+    const std::size_t at = line.find(label);
+    if (at == std::string::npos) return std::nullopt;
+    defs::sample_id_t number = 0;
+    const char* first = line.data() + at + label.size();
+    if (std::from_chars(first, line.data() + line.size(), number).ec != std::errc{}) return std::nullopt;
+    return number;
 }
 
 class FreePort {
@@ -141,14 +155,22 @@ HostComplaints ReadComplaints(const std::filesystem::path& log) {
     for (std::string line; std::getline(input, line);) {
         const auto has = [&](const char* text) { return line.find(text) != std::string::npos; };
         if (has("with a send time that has already passed")) ++complaints.unsent_setpoints;
-        if (has("no 'am:setpoint_applied' response from M4")) ++complaints.missing_answers;
-        if (has("with different sample ID then M4 command sent")) ++complaints.foreign_answers;
+        std::optional<defs::sample_id_t> unanswered;
+        if (has("no 'am:setpoint_applied' response from M4")) {
+            ++complaints.missing_answers;
+            unanswered = NumberBehind(line, "sample ID = ");
+        }
+        if (has("with different sample ID then M4 command sent")) {
+            ++complaints.foreign_answers;
+            unanswered = NumberBehind(line, "M4 command sent: ");
+        }
+        if (unanswered) complaints.unanswered.insert(*unanswered);
         if (has("ReceiveSample: ")) ++complaints.receive_errors;
     }
     return complaints;
 }
 
-HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
+HostProcess::HostProcess(Files files, Priority priority) : m_files(std::move(files)) {
     if (access(m_files.program.c_str(), X_OK) != 0)
         throw std::runtime_error(fmt::format("{}: no such program; build vosk-host or name it with --host",
                                              m_files.program.string()));
@@ -172,6 +194,9 @@ HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
         // crashed, and an interrupt from the terminal is the rig's to handle: it ends the run in order.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         setpgid(0, 0);
+        // Below the peers, which stand for hardware. A refusal is no error; who asks is told.
+        const sched_param priority_value{REALTIME_PRIORITY};
+        if (priority == Priority::Realtime) sched_setscheduler(0, SCHED_FIFO, &priority_value);
         dup2(no_input, STDIN_FILENO);
         dup2(log, STDOUT_FILENO);
         dup2(log, STDERR_FILENO);
@@ -257,6 +282,10 @@ HostStatus HostProcess::Status() {
 bool HostProcess::Running() {
     CheckExit();
     return !m_exit;
+}
+
+bool HostProcess::HasRealtimePriority() const {
+    return sched_getscheduler(m_pid) == SCHED_FIFO;
 }
 
 void HostProcess::CheckExit() {

@@ -8,12 +8,14 @@
 
 #include <sys/types.h>
 #include <atomclk/atomClk.hpp>
+#include <vosk/defs/sizes.hpp>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -69,6 +71,8 @@ struct HostComplaints {
     std::uint64_t missing_answers = 0;   // M4 didn't answer in time
     std::uint64_t foreign_answers = 0;   // an answer carried another sample ID
     std::uint64_t receive_errors = 0;
+    // Sample IDs of the setpoints that went without their answer, by either of these lines.
+    std::set<defs::sample_id_t> unanswered;
 };
 HostComplaints ReadComplaints(const std::filesystem::path& log);
 
@@ -81,8 +85,11 @@ public:
         std::filesystem::path log;  // takes the host's standard output and error
     };
 
-    // Starts the host. Throws std::runtime_error if that can't be done.
-    explicit HostProcess(Files files);
+    enum class Priority { Ordinary, Realtime };
+
+    // Starts the host, at a real-time priority if that is asked for and the system allows it. Throws
+    // std::runtime_error if the host can't be started.
+    HostProcess(Files files, Priority priority);
     // Ends the host by force if it still runs.
     ~HostProcess();
     HostProcess(const HostProcess&) = delete;
@@ -96,6 +103,8 @@ public:
     HostStatus Status();
 
     bool Running();
+    // Whether the system let the host run at a real-time priority.
+    bool HasRealtimePriority() const;
     void Terminate();  // SIGTERM; returns at once
     // Exit code, or 128 and the number of the signal that ended it; nothing if it runs on.
     std::optional<int> WaitExit(std::chrono::milliseconds patience);

@@ -142,6 +142,8 @@ private:
             m_scenario.instrument.rate, m_scenario.duration.count(), host.managed_modes,
             host.delta_scaling ? "delta" : "absolute", host.m4_send_delay.count(),
             host.m4_response_timeout.count(), m_scenario.m4.answer_delay.count());
+        Write("<p>Host and peers ran at {} priority.</p>\n",
+              m_facts.host_realtime ? "real-time" : "ordinary");
         for (const FaultRule& rule : m_scenario.faults)
             Write("<p>Faults injected: {:g} % of {}: {}.</p>\n", 100.0 * rule.share, ToString(rule.stream),
                   ToString(rule.kind));
@@ -160,7 +162,8 @@ private:
             Write("<p>{} commands more were never sent, as the rig itself woke too late for them.</p>\n",
                   m_facts.instrument_overruns);
         Write(
-            "<p>Exceptions (overwritten, late, incomplete, answer not taken): {} = {:.3f} % of the valid "
+            "<p>Exceptions (overwritten, late, replaced, incomplete, answer not taken): {} = {:.3f} % of the "
+            "valid "
             "commands "
             "under INS control; {:.3g} % are allowed. The step limit scaled {} setpoints, the position limit "
             "{}.</p>\n",

@@ -2,6 +2,7 @@
 
 #include "loopback.hpp"
 
+#include <sched.h>
 #include <nodepin/nodepin.hpp>
 
 #include <ctime>
@@ -10,6 +11,7 @@ namespace vosk::rig {
 namespace {
 
 constexpr defs::sample_id_t WRONG_ID_STEP = 1000;
+constexpr int HARDWARE_PRIORITY = 20;
 
 pktwire::lspx::Sender::Config SenderConfig() {
     pktwire::lspx::Sender::Config config;
@@ -21,6 +23,11 @@ pktwire::lspx::Sender::Config SenderConfig() {
 }
 
 }  // namespace
+
+void TakeHardwarePriority() {
+    const sched_param priority{HARDWARE_PRIORITY};
+    sched_setscheduler(0, SCHED_FIFO, &priority);
+}
 
 void SleepUntil(time_point time) {
     const auto count = time.time_since_epoch();
@@ -35,6 +42,7 @@ Instrument::Instrument(const Scenario& scenario, const Ports& ports, AppendLog<C
       m_period(scenario.CommandPeriod()),
       m_patience(std::min<std::chrono::nanoseconds>(m_period / 2, scenario.host.m4_send_delay / 4)),
       m_last_number(static_cast<std::uint64_t>(scenario.instrument.rate * scenario.duration.count())),
+      m_realtime(scenario.host.realtime),
       m_wavefront(scenario.instrument, scenario.seed),
       m_faults(scenario, rig::Stream::WavefrontCommand),
       m_socket(LoopbackTo(ports.wavefront_command), nullptr),
@@ -58,6 +66,7 @@ void Instrument::Stop() {
 }
 
 void Instrument::Run() {
+    if (m_realtime) TakeHardwarePriority();
     for (std::uint64_t number = 0; number < m_last_number && m_running; ++number) {
         const time_point time_stamp = m_first + m_period * static_cast<std::int64_t>(number);
         m_wavefront.Make(number, m_payload.command);

@@ -47,6 +47,7 @@ private:
     const std::chrono::nanoseconds m_period;
     const std::chrono::nanoseconds m_patience;  // how late a command may leave
     const std::uint64_t m_last_number;
+    const bool m_realtime;
     WavefrontGenerator m_wavefront;
     FaultGenerator m_faults;
     pktwire::UdpTxSocket m_socket;
@@ -65,6 +66,9 @@ private:
     std::atomic<std::uint64_t> m_overruns{0};
     std::thread m_thread;
 };
+
+// Gives the calling thread the priority of simulated hardware, above the host's, if the system allows it.
+void TakeHardwarePriority();
 
 // Sleeps to an absolute time; returns at once if it has passed.
 void SleepUntil(time_point time);

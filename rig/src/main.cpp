@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
+#include <vosk/common/logSetup.hpp>
 
 #include <csignal>
 #include <exception>
@@ -55,6 +56,7 @@ int RunScenario(const std::filesystem::path& file, RunPaths paths, double second
 }
 
 int Main(int argc, char** argv) {
+    common::SetupLogging(log4cplus::WARN_LOG_LEVEL);
     CLI::App app("The bench telescope: simulated peers around vosk-host, and a verdict on what they saw.");
     app.require_subcommand(1);
 

@@ -53,7 +53,8 @@ struct Run::Stage {
           HostProcess::Files files)
         : commands(ExpectedCommands(scenario)),
           setpoints(ExpectedCommands(scenario)),
-          host(std::move(files)),
+          host(std::move(files),
+               scenario.host.realtime ? HostProcess::Priority::Realtime : HostProcess::Priority::Ordinary),
           m4(scenario, ports, setpoints, ring),
           check(ContentCheck(scenario, basis, limits, commands, modes), setpoints, ring),
           instrument(scenario, ports, commands) {}
@@ -110,6 +111,7 @@ bool Run::Execute() {
         m_scenario, ports, basis, limits,
         {m_paths.host, out / "host.yaml", std::filesystem::relative(out / "host.sock"), out / "host.log"});
     stage.host.WaitReady(HOST_SETUP_PATIENCE);
+    m_facts.host_realtime = stage.host.HasRealtimePriority();
 
     m_first = NextGridPoint(AtomClk::now() + 200ms, m_scenario.CommandPeriod());
     stage.m4.Start(m_first);
@@ -232,6 +234,7 @@ void Run::End(Stage& stage) {
 }
 
 bool Run::Report(Stage& stage) {
+    m_facts.start = m_first;
     m_facts.commands = stage.commands.Entries();
     m_facts.setpoints = stage.setpoints.Entries();
     m_facts.checked = stage.check.Results();

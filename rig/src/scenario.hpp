@@ -22,6 +22,8 @@ struct HostSettings {
     std::uint32_t gpao_highest_mode = 52;
     bool delta_scaling = true;
     bool busy = false;
+    // Host and peers under SCHED_FIFO, if the system allows it. Not for threads that spin.
+    bool realtime = true;
     std::chrono::microseconds m4_send_delay{1200};
     std::chrono::microseconds m4_response_timeout{500};
 };

@@ -35,7 +35,8 @@ void WriteTimes(Output out, const Figures& figures) {
 }
 
 void WriteCommands(Output out, const RunFacts& facts, const Accounts& accounts) {
-    fmt::format_to(out, "\n{} commands sent, {} of them valid and under INS control\n", facts.commands.size(),
+    fmt::format_to(out, "\nhost and peers at {} priority\n", facts.host_realtime ? "real-time" : "ordinary");
+    fmt::format_to(out, "{} commands sent, {} of them valid and under INS control\n", facts.commands.size(),
                    accounts.valid_in_ins_control);
     if (facts.instrument_overruns > 0)
         fmt::format_to(out, "  {:>8}  {:<14} never sent, as the rig itself woke too late\n",
@@ -101,10 +102,11 @@ std::string MakeTable(const Scenario& scenario, const RunFacts& facts, const Acc
     WriteCommands(out, facts, accounts);
     WriteAnswers(out, facts, accounts.answers);
     WriteHistory(out, scenario, facts, accounts, figures);
-    fmt::format_to(
-        out,
-        "\nexceptions (overwritten, late, incomplete, answer not taken): {} = {:.3f} %, allowed {:.3g} %\n",
-        accounts.exceptions, 100.0 * accounts.ExceptionShare(), 100.0 * scenario.expect.max_exceptions);
+    fmt::format_to(out,
+                   "\nexceptions (overwritten, late, replaced, incomplete, answer not taken): {} = {:.3f} %, "
+                   "allowed {:.3g} %\n",
+                   accounts.exceptions, 100.0 * accounts.ExceptionShare(),
+                   100.0 * scenario.expect.max_exceptions);
     if (accounts.Holds()) {
         fmt::format_to(out, "VERDICT: holds\n");
     } else {

@@ -6,7 +6,7 @@ namespace vosk::rig {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::Each;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -86,6 +86,7 @@ TEST_F(Books, TellOverwrittenFromLateByTheSampleIds) {
     TakeAway(6, Made::No);
     TakeAway(3, Made::Yes);
     m_facts.complaints.unsent_setpoints = 1;
+    m_facts.complaints.unanswered = {4};
     const Accounts accounts = Make();
     EXPECT_EQ(accounts.fates[3], CommandFate::Late);
     EXPECT_EQ(accounts.fates[6], CommandFate::Overwritten);
@@ -96,10 +97,12 @@ TEST_F(Books, TellOverwrittenFromLateByTheSampleIds) {
 TEST_F(Books, FindASetpointThatWasLostInSilence) {
     TakeAway(3, Made::Yes);
     EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("lost between the sample IDs")));
+    m_facts.complaints.unanswered = {4};
+    EXPECT_EQ(Make().fates[3], CommandFate::Replaced);
+    EXPECT_THAT(Make().violations, IsEmpty());
     m_facts.incomplete_setpoints = 1;
-    const Accounts explained = Make();
-    EXPECT_EQ(explained.fates[3], CommandFate::Incomplete);
-    EXPECT_THAT(explained.violations, IsEmpty());
+    EXPECT_EQ(Make().fates[3], CommandFate::Incomplete);
+    EXPECT_THAT(Make().violations, IsEmpty());
 }
 
 TEST_F(Books, TakeTheHostsWordForALateSetpointAtTheEndAndNobodysForMore) {

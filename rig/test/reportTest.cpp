@@ -11,6 +11,7 @@
 namespace vosk::rig {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -83,6 +84,7 @@ TEST(HostComplaints, AreCountedByKind) {
     EXPECT_EQ(complaints.missing_answers, 1U);
     EXPECT_EQ(complaints.foreign_answers, 1U);
     EXPECT_EQ(complaints.receive_errors, 0U);
+    EXPECT_THAT(complaints.unanswered, ElementsAre(4U));
 }
 
 }  // namespace
