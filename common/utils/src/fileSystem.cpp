@@ -20,10 +20,12 @@ bool Exists(const fs::path& path) {
 }  // namespace
 
 std::string FileSystem::FindFile(const std::string& file, const std::vector<std::string>& directories) {
-    if (const std::string found = gim::Helper::FindFile(file); !found.empty()) return fs::absolute(found).string();
+    if (const std::string found = gim::Helper::FindFile(file); !found.empty())
+        return fs::absolute(found).string();
     if (Exists(file)) return fs::absolute(file).string();
     for (const std::string& directory : directories) {
-        if (const fs::path path = fs::path{directory} / file; Exists(path)) return fs::absolute(path).string();
+        if (const fs::path path = fs::path{directory} / file; Exists(path))
+            return fs::absolute(path).string();
     }
     const std::string introot = gim::Helper::GetEnvironment("INTROOT");
     if (introot.empty()) return {};
@@ -31,7 +33,8 @@ std::string FileSystem::FindFile(const std::string& file, const std::vector<std:
     return Exists(path) ? fs::absolute(path).string() : std::string{};
 }
 
-std::string FileSystem::FindFileOrThrow(const std::string& file, const std::vector<std::string>& directories) {
+std::string FileSystem::FindFileOrThrow(const std::string& file,
+                                        const std::vector<std::string>& directories) {
     std::string found = FindFile(file, directories);
     if (!found.empty()) return found;
 

@@ -302,7 +302,7 @@ std::pair<std::vector<std::size_t>, std::vector<Fits::Column>> Fits::ReadTablePa
         columns.push_back(std::move(found));
         if (column) break;
     }
-    return {{columns.size(), static_cast<std::size_t>(rows)}, std::move(columns)};
+    return {{columns.size(), static_cast<std::size_t>(rows)}, columns};
 }
 
 void Fits::ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, int datatype,

@@ -29,7 +29,7 @@ const NodeContent* NodeContent::FindMember(const std::string& name) const {
 std::string NodeContent::GetPath() const {
     if (parent == nullptr) return key;
     const bool is_element = parent->kind == PliConfigNodeKind::SEQUENCE;
-    const std::string step = is_element ? std::string{"["}.append(std::to_string(index)).append("]") : key;
+    std::string step = is_element ? std::string{"["}.append(std::to_string(index)).append("]") : key;
     if (parent->parent == nullptr) return step;
     return parent->GetPath() + (is_element ? "" : ".") + step;
 }

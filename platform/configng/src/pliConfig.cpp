@@ -186,7 +186,7 @@ PliConfigNodeIterator& PliConfigNodeIterator::operator++() {
 }
 
 PliConfigNodeIterator PliConfigNodeIterator::operator++(int) {
-    const PliConfigNodeIterator before{*this};
+    PliConfigNodeIterator before{*this};
     ++*this;
     return before;
 }
