@@ -34,10 +34,11 @@ namespace {
 constexpr std::chrono::milliseconds LOOK_DURING_CHANGE{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
 
-// Before any thread object exists: the first values of mode and source. The handover manager attaches itself
-// to the mode when it is made and when it is reset, and is to be attached once.
+// Before any thread object exists. The handover manager attaches itself when it comes into being and again
+// when it is reset; the reset between the two takes the first attachment away, so that it sees each change
+// once.
 void ResetControlState() {
-    auto& handover = VoskHandoverManager::GetInstance();
+    VoskHandoverManager& handover = VoskHandoverManager::GetInstance();
     VoskTelescopeStateManager::Reset();
     handover.Reset();
 }

@@ -121,6 +121,10 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
     EXPECT_EQ(ExitCode(), 0);
     EXPECT_EQ(Errors(), "");
     EXPECT_NE(::access((m_base + ".sock").c_str(), F_OK), 0);
+    const std::string log = Output();
+    const std::size_t handover = log.find("starting handover sequence");
+    EXPECT_NE(handover, std::string::npos);
+    EXPECT_EQ(log.find("starting handover sequence", handover + 1), std::string::npos);
 }
 
 TEST_F(HostProgram, StopsCleanlyAtASignal) {
