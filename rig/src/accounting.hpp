@@ -86,8 +86,6 @@ struct Accounts {
     std::uint64_t out_of_order = 0;  // setpoints whose packets or sample IDs came in a wrong order
     std::uint64_t unmarked = 0;      // setpoints without the valid mark
     std::uint64_t setpoints_for_no_command = 0;
-    std::uint64_t skipped_sample_ids =
-        0;  // setpoints made, by their IDs, that M4 never saw while it was there
     AnswerCounts answers;
     std::vector<Recovery> recoveries;
     std::vector<std::string> violations;  // empty: the verdict holds

@@ -22,7 +22,11 @@ void CheckThread::Start() {
 
 void CheckThread::Finish() {
     m_finishing = true;
-    if (m_thread.joinable()) m_thread.join();
+    if (!m_thread.joinable()) return;
+    // Nobody is disturbed any more.
+    const sched_param none{};
+    pthread_setschedparam(m_thread.native_handle(), SCHED_OTHER, &none);
+    m_thread.join();
 }
 
 void CheckThread::Run() {

@@ -1,7 +1,5 @@
 #include "faults.hpp"
 
-#include <algorithm>
-#include <iterator>
 #include <stdexcept>
 
 namespace vosk::rig {
@@ -22,18 +20,19 @@ Harm HarmOf(FaultKind kind) {
     throw std::runtime_error("Unknown enum value.");
 }
 
-FaultGenerator::FaultGenerator(const Scenario& scenario, Stream stream)
-    : m_random(scenario.seed * 1000003U + static_cast<std::uint64_t>(stream)) {
-    std::copy_if(scenario.faults.begin(), scenario.faults.end(), std::back_inserter(m_rules),
-                 [stream](const FaultRule& rule) { return rule.stream == stream; });
+FaultGenerator::FaultGenerator(const Scenario& scenario, Stream stream) {
+    for (std::size_t i = 0; i < scenario.faults.size(); ++i) {
+        if (scenario.faults[i].stream != stream) continue;
+        std::seed_seq seed{scenario.seed, static_cast<std::uint64_t>(stream), std::uint64_t{i}};
+        m_rules.push_back({scenario.faults[i], std::mt19937_64(seed)});
+    }
 }
 
 std::optional<Fault> FaultGenerator::Next(Seconds time) {
     std::optional<Fault> fault;
-    // Every rule throws its dice for every sample, so that one rule's window can't shift another's choices.
-    for (const FaultRule& rule : m_rules) {
-        const double chance = std::uniform_real_distribution<double>{}(m_random);
-        const std::uint64_t dice = m_random();
+    for (auto& [rule, random] : m_rules) {
+        const double chance = std::uniform_real_distribution<double>{}(random);
+        const std::uint64_t dice = random();
         if (fault || chance >= rule.share || time < rule.from || time >= rule.to) continue;
         fault = Fault{rule.kind, rule.delay, dice};
     }

@@ -32,8 +32,12 @@ public:
     std::optional<Fault> Next(Seconds time);
 
 private:
-    std::vector<FaultRule> m_rules;  // of this stream
-    std::mt19937_64 m_random;
+    // Dice of its own, thrown for every sample, so that no rule can shift another's choices.
+    struct RuleWithDice {
+        FaultRule rule;
+        std::mt19937_64 random;
+    };
+    std::vector<RuleWithDice> m_rules;  // of this stream
 };
 
 }  // namespace vosk::rig

@@ -28,7 +28,6 @@ std::string FormatProgress(const ProgressFigures& figures) {
 Progress::Progress() : m_terminal(isatty(STDOUT_FILENO) == 1) {}
 
 void Progress::Show(const ProgressFigures& figures) {
-    if (figures.time < m_next) return;
     m_next = figures.time + (m_terminal ? 0.1 : 1.0);
     const std::string line = FormatProgress(figures);
     if (m_terminal) {

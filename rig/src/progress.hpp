@@ -26,7 +26,8 @@ class Progress {
 public:
     Progress();
 
-    // Shows the figures if it is time to; call it often.
+    // Whether it is time to show new figures; `time` in seconds after the first command.
+    bool IsDue(double time) const { return time >= m_next; }
     void Show(const ProgressFigures& figures);
     // A line that stays.
     void Say(const std::string& line);

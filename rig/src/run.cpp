@@ -27,6 +27,9 @@ constexpr auto STATUS_INTERVAL = 500ms;
 // Setpoints of the last commands arrive, and their answers leave.
 constexpr auto SETTLING_TIME = 200ms;
 
+// The checking thread may fall behind by a whole run of common length; 350 MB.
+constexpr std::size_t LARGEST_RING = 16384;
+
 std::size_t ExpectedCommands(const Scenario& scenario) {
     return static_cast<std::size_t>(scenario.instrument.rate * scenario.duration.count()) + 16;
 }
@@ -51,7 +54,8 @@ time_point NextGridPoint(time_point time, std::chrono::nanoseconds period) {
 struct Run::Stage {
     Stage(const Scenario& scenario, const Ports& ports, const ModalBasis& basis, SaturationLimits limits,
           HostProcess::Files files)
-        : commands(ExpectedCommands(scenario)),
+        : ring(std::min<std::size_t>(ExpectedCommands(scenario), LARGEST_RING)),
+          commands(ExpectedCommands(scenario)),
           setpoints(ExpectedCommands(scenario)),
           host(std::move(files),
                scenario.host.realtime ? HostProcess::Priority::Realtime : HostProcess::Priority::Ordinary),
@@ -59,9 +63,9 @@ struct Run::Stage {
           check(ContentCheck(scenario, basis, limits, commands, modes), setpoints, ring),
           instrument(scenario, ports, commands) {}
 
+    SetpointRing ring;
     AppendLog<CommandRecord> commands;
     AppendLog<SetpointRecord> setpoints;
-    SetpointRing ring;
     ModeTimeline modes;
     HostProcess host;
     M4Peer m4;
@@ -195,6 +199,7 @@ void Run::PollHost(Stage& stage) {
 }
 
 void Run::ShowProgress(Stage& stage, double time) {
+    if (!m_progress.IsDue(time)) return;
     ProgressFigures figures;
     figures.time = time;
     figures.duration = m_scenario.duration.count();
