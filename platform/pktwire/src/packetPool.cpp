@@ -1,5 +1,7 @@
 #include <pktwire/detail/packet.hpp>
 
+#include <cstring>
+
 namespace pktwire {
 
 // Callers of other layers read these fields; the object starts with them and nothing may move.
@@ -16,8 +18,17 @@ struct qudex::Packet::Layout {
 
 namespace detail {
 
-PacketPool::Block::Block(std::size_t count, std::pmr::memory_resource* memory)
-    : slots(count, memory), spills(count * Slot::SPILL_SIZE, memory) {}
+PacketPool::Block::Block(std::size_t count, std::pmr::memory_resource* resource)
+    : memory{resource},
+      slots(count, resource),
+      spills{static_cast<std::byte*>(resource->allocate(count * Slot::SPILL_SIZE))} {
+    std::memset(spills, 0, count * Slot::SPILL_SIZE);
+    for (std::size_t i = 0; i < count; ++i) slots[i].spill = spills + i * Slot::SPILL_SIZE;
+}
+
+PacketPool::Block::~Block() {
+    memory->deallocate(spills, slots.size() * Slot::SPILL_SIZE);
+}
 
 PacketPool::PacketPool(std::size_t count, std::pmr::memory_resource* memory)
     : m_memory{memory}, m_blocks(memory), m_free(memory) {
@@ -29,7 +40,6 @@ void PacketPool::Grow(std::size_t count) {
     m_free.reserve(m_free.size() + count);
     for (std::size_t i = 0; i < count; ++i) {
         block.slots[i].packet.m_pool = this;
-        block.slots[i].spill = reinterpret_cast<std::byte*>(&block.spills[i * Slot::SPILL_SIZE]);
         m_free.push_back(&block.slots[i]);
     }
 }

@@ -7,6 +7,9 @@
 
 #include <pktwire/detail/wire.hpp>
 
+#include <cstdlib>
+#include <memory_resource>
+
 namespace pktwire::test {
 
 class FuzzInput {
@@ -50,6 +53,20 @@ private:
     }
 
     std::span<const std::uint8_t> m_bytes;
+};
+
+// Memory for a receiver, taken from the system once for all runs. Callers' buffers are not in it, so that the
+// sanitizer sees every byte beyond them.
+class ReceiverMemory {
+public:
+    std::pmr::memory_resource* Get() { return &m_resource; }
+
+private:
+    static std::span<std::byte> Arena() {
+        static std::vector<std::byte> arena(std::size_t{6} << 20U);
+        return arena;
+    }
+    std::pmr::monotonic_buffer_resource m_resource{Arena().data(), Arena().size()};
 };
 
 inline void Require(bool condition) {

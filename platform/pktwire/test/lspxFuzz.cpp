@@ -42,9 +42,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     config.leader_extended_info_size = config.trailer_extended_info_size = 4;
     config.leading_padding_size = input.Byte() % 4;
     config.data_unit_size = static_cast<std::uint8_t>(input.Byte() % 4 + 1);
+    test::ReceiverMemory memory;
     lspx::Receiver receiver{
         config,
-        {new qudex::Receiver{qudex_config, socket, nullptr}, std::default_delete<qudex::Receiver>{}},
+        {new qudex::Receiver{qudex_config, socket, memory.Get()}, std::default_delete<qudex::Receiver>{}},
         nullptr};
     test::Bytes leader_info(4);
     test::Bytes trailer_info(input.Byte() % 5);

@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     config.num_frames = static_cast<std::uint16_t>(input.Byte() % 20 + 1);
     config.buf_packets = input.Byte() % 5;
     test::FakeRxSocket socket{input.Byte() % 12U};
-    qudex::Receiver receiver{config, socket, nullptr};
+    test::ReceiverMemory memory;
+    qudex::Receiver receiver{config, socket, memory.Get()};
     test::Bytes small(input.Word() % 700);
     test::Bytes large(small.size() + 1);
     while (!input.IsEmpty()) {

@@ -95,9 +95,14 @@ public:
 
 private:
     struct Block {
-        Block(std::size_t count, std::pmr::memory_resource* memory);
+        Block(std::size_t count, std::pmr::memory_resource* resource);
+        ~Block();
+        Block(const Block&) = delete;
+        Block& operator=(const Block&) = delete;
+
+        std::pmr::memory_resource* memory;
         std::pmr::vector<Slot> slots;
-        std::pmr::vector<unsigned char> spills;
+        std::byte* spills;  // of all slots; cleared, so that no page of it faults later
     };
 
     std::pmr::memory_resource* m_memory;
