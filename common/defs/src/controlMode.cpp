@@ -16,19 +16,27 @@ namespace vosk {
 
 namespace {
 
-[[noreturn]] void ThrowUnknown() { throw std::runtime_error("Unknown enum value."); }
+[[noreturn]] void ThrowUnknown() {
+    throw std::runtime_error("Unknown enum value.");
+}
 
 }  // namespace
 
 std::string to_string(defs::VoskControlMode mode) {
     using enum defs::VoskControlMode;
     switch (mode) {
-        case TEL_DRIVEN: return "TEL_DRIVEN";
-        case INS_DRIVEN_SEQUENTIAL: return "INS_DRIVEN_SEQUENTIAL";
-        case INS_DRIVEN_CASCADE: return "INS_DRIVEN_CASCADE";
-        case TEL_DRIVEN_WITH_GPAO_TT: return "TEL_DRIVEN_WITH_GPAO_TT";
-        case HIGH_ORDER_CASCADE: return "HIGH_ORDER_CASCADE";
-        case HIGH_ORDER_CASCADE_WITH_GPAO_TT: return "HIGH_ORDER_CASCADE_WITH_GPAO_TT";
+        case TEL_DRIVEN:
+            return "TEL_DRIVEN";
+        case INS_DRIVEN_SEQUENTIAL:
+            return "INS_DRIVEN_SEQUENTIAL";
+        case INS_DRIVEN_CASCADE:
+            return "INS_DRIVEN_CASCADE";
+        case TEL_DRIVEN_WITH_GPAO_TT:
+            return "TEL_DRIVEN_WITH_GPAO_TT";
+        case HIGH_ORDER_CASCADE:
+            return "HIGH_ORDER_CASCADE";
+        case HIGH_ORDER_CASCADE_WITH_GPAO_TT:
+            return "HIGH_ORDER_CASCADE_WITH_GPAO_TT";
     }
     ThrowUnknown();
 }
@@ -43,10 +51,14 @@ std::string to_string(defs::Camera camera) {
 std::string to_string(defs::AoCommandSource source) {
     using enum defs::AoCommandSource;
     switch (source) {
-        case NONE: return "NONE";
-        case CCS: return "CCS/TEL";
-        case INS: return "INS";
-        case OFF: return "OFF";
+        case NONE:
+            return "NONE";
+        case CCS:
+            return "CCS/TEL";
+        case INS:
+            return "INS";
+        case OFF:
+            return "OFF";
     }
     ThrowUnknown();
 }

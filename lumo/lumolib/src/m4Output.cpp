@@ -1,6 +1,5 @@
 #include <lumolib/m4Output.hpp>
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <lumolib/dataSyncManager.hpp>
@@ -10,6 +9,7 @@
 #include <span>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/timeString.hpp>
+#include <vosk/defs/byteOrder.hpp>
 
 namespace vosk::lumo {
 
@@ -73,7 +73,7 @@ M4Output::Setpoint M4Output::TakeSetpoint() {
     const std::shared_lock lock{m_sync->GetMutex()};
     const M4SetpointData& data = m_sync->GetDataRef();
     const Setpoint setpoint{m_sync->GetSampleId(), data.send_time};
-    std::ranges::copy(data.setpoint, m_wire.setpoint.begin());
+    defs::ToWireOrder(data.setpoint, m_wire.setpoint);
     m_wire.valid = data.valid;
     m_sync->ClearDataReady();
     return setpoint;

@@ -1,0 +1,375 @@
+// M4Output, M4Input, M4FeedbackInput and AoWavefrontCmdInput as threads: the test plays AoTasks on one side
+// and the network's peers on the other.
+
+#include "testSupport.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomclk/atomClk.hpp>
+#include <bit>
+#include <cstring>
+#include <gim/config.hpp>
+#include <lumolib/aoWavefrontCmdInput.hpp>
+#include <lumolib/dataSyncManager.hpp>
+#include <lumolib/m4Input.hpp>
+#include <lumolib/m4Output.hpp>
+#include <lumolib/voskHandoverManager.hpp>
+#include <lumolib/voskTelescopeStateManager.hpp>
+#include <mutex>
+#include <pktwire/detail/wire.hpp>
+#include <vosk/common/shmif/shmIf.hpp>
+#include <vosk/common/testing/logCapture.hpp>
+
+namespace vosk::lumo {
+namespace {
+
+using atomclk::AtomClk;
+using common::LogCapture;
+using defs::M4_CMD_SIZE;
+using defs::VoskControlMode;
+using std::chrono::microseconds;
+using std::chrono::nanoseconds;
+using test::Eventually;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr AtomClk::time_point START{std::chrono::hours{1}};
+
+class Streams : public ::testing::Test {
+protected:
+    Streams() {
+        common::shmif::ShmIf::Setup("m4StreamsTest" + std::to_string(::getpid()) + "_");
+        DataSyncManager::CreateInstance();
+        RuntimeMonitor::CreateInstance(gim::Config{});
+        RuntimeMonitor::GetInstance().Reset();
+        VoskTelescopeStateManager::Reset();
+    }
+    ~Streams() override { common::shmif::ShmIf::Teardown(); }
+
+    static StreamTopic Figures(const std::shared_ptr<InputStreamState>& state) {
+        return state->GetTopicData();
+    }
+};
+
+// What a sender hands to the network, one string of bytes a datagram. Fails from the datagram that it is
+// told.
+class RecordingSocket : public pktwire::TxSocket {
+public:
+    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
+        const std::lock_guard lock{m_mutex};
+        for (const mmsghdr& message : messages) {
+            if (m_datagrams.size() + 1 >= fail_from) return std::make_error_code(error);
+            std::string bytes;
+            for (std::size_t i = 0; i < message.msg_hdr.msg_iovlen; ++i) {
+                const iovec& piece = message.msg_hdr.msg_iov[i];
+                bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
+            }
+            m_datagrams.push_back(std::move(bytes));
+        }
+        return {};
+    }
+
+    std::vector<std::string> Datagrams() const {
+        const std::lock_guard lock{m_mutex};
+        return m_datagrams;
+    }
+
+    std::size_t fail_from = std::string::npos;  // counts from 1; set before the thread runs
+    std::errc error = std::errc::no_buffer_space;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_datagrams;  // guarded by m_mutex
+};
+
+class RecordedM4Output : public M4Output {
+public:
+    RecordedM4Output(const oru::configng::PliConfigInstanceNode& node, pktwire::TxSocket& socket)
+        : M4Output{node} {
+        m_sender = std::make_unique<pktwire::qudex::Sender>(m_qudex_cfg, socket, nullptr);
+    }
+};
+
+class M4OutputTest : public Streams {
+protected:
+    void Start() { m_thread.Start().get(); }
+    ~M4OutputTest() override { m_thread.Stop(); }
+
+    void Handle(AtomClk::time_point send_time, defs::sample_id_t id) {
+        std::array<float, M4_CMD_SIZE> setpoint{};
+        setpoint[0] = 1.5F;
+        setpoint[1] = -2.0F;
+        setpoint[M4_CMD_SIZE - 1] = 4.0F;
+        m_sync->SetData(setpoint, send_time, id, AtomClk::now());
+    }
+
+    std::uint32_t Sent() const {
+        return RuntimeMonitor::GetInstance().m_m4_output_state->GetTopicData().sample_count;
+    }
+
+    atomclk::ManualClock m_clock{START};
+    RecordingSocket m_socket;
+    RecordedM4Output m_thread{
+        test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: \"2500 us\", "
+                    "send_offset: \"250 us\", qudex_topic: 7}"),
+        m_socket};
+    std::shared_ptr<M4OutputDataSync> m_sync =
+        DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
+            M4OutputDataSync::InstanceTag::DEFAULT, false);
+};
+
+TEST_F(M4OutputTest, TellsItsGridAndSendsThreeSegmentsInPlace) {
+    EXPECT_EQ(m_sync->send_interval.load(), std::chrono::milliseconds{2});  // whole milliseconds
+    EXPECT_EQ(m_sync->send_offset.load(), microseconds{250});
+    Start();
+    Handle(START, 500);
+    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
+
+    const auto datagrams = m_socket.Datagrams();
+    ASSERT_EQ(datagrams.size(), 3U);
+    std::string record;
+    constexpr std::array<std::size_t, 3> SIZES{7136, 7136, 7144};
+    for (std::size_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(datagrams[i].size(), sizeof(pktwire::wire::QudexHeader) + SIZES[i]);
+        pktwire::wire::QudexHeader header;
+        std::memcpy(&header, datagrams[i].data(), sizeof header);
+        EXPECT_EQ(header.sample_id, 500U);
+        EXPECT_EQ(AtomClk::time_point{header.timestamp}, START);
+        EXPECT_EQ(header.frame_number, i + 1);
+        record += datagrams[i].substr(sizeof header);
+    }
+    EXPECT_EQ(record.substr(0, 8), (std::string{"\x3f\xc0\0\0\xc0\0\0\0", 8}));
+    EXPECT_EQ(record.substr(21404), (std::string{"\x40\x80\0\0\0\0\0\0\0\0\0\x01", 12}));
+    EXPECT_EQ(RuntimeMonitor::GetPerformanceData().GetDataTopic().u4_fs_tt,
+              (defs::FloatVectorTT{1.5F, -2.0F}));
+}
+
+TEST_F(M4OutputTest, DropsASetpointOneNanosecondTooLate) {
+    const LogCapture log;
+    Start();
+    Handle(START - microseconds{50} - nanoseconds{1}, 1);
+    const auto late =
+        "M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff = "
+        "+50 us, no data will be sent!";
+    ASSERT_TRUE(Eventually([&] { return log.Has(log4cplus::ERROR_LOG_LEVEL, late); }));
+    Handle(START - microseconds{50}, 2);
+    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
+    Handle({}, 3);  // no send time: at once, with the present time
+    ASSERT_TRUE(Eventually([this] { return Sent() == 2; }));
+    const auto datagrams = m_socket.Datagrams();
+    ASSERT_EQ(datagrams.size(), 6U);
+    pktwire::wire::QudexHeader header;
+    std::memcpy(&header, datagrams[3].data(), sizeof header);
+    EXPECT_EQ(AtomClk::time_point{header.timestamp}, START);
+}
+
+TEST_F(M4OutputTest, AnErrorOnASegmentEndsTheSampleButNotTheStream) {
+    const LogCapture log;
+    m_socket.fail_from = 2;
+    Start();
+    Handle(START, 1);
+    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));  // booked as sent
+    EXPECT_EQ(m_socket.Datagrams().size(), 1U);
+    EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
+                        "M4Output::Work(): SendPacket: " + std::make_error_code(m_socket.error).message()));
+    Handle(START, 2);
+    EXPECT_TRUE(Eventually([this] { return Sent() == 2; }));
+}
+
+TEST_F(M4OutputTest, AnAbsentMirrorIsNoError) {
+    const LogCapture log;
+    m_socket.fail_from = 1;
+    m_socket.error = std::errc::connection_refused;
+    Start();
+    Handle(START, 1);
+    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
+    for (const auto& line : log.Lines()) EXPECT_LT(line.level, log4cplus::WARN_LOG_LEVEL) << line.text;
+}
+
+// A peer on the loopback interface that sends to a port of this test program's own.
+class Peer {
+public:
+    explicit Peer(std::uint16_t num_frames)
+        : m_socket{SocketConfig(), nullptr}, m_sender{Config(num_frames), m_socket, nullptr} {}
+
+    static std::uint16_t Port() { return static_cast<std::uint16_t>(20000 + ::getpid() % 20000); }
+
+    static oru::configng::PliConfigInstanceNode ReceiverNode() {
+        return test::CfgOf(
+            "cfg: {busy: false, timeout: \"5 ms\", listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
+            "listen_udp: " +
+            std::to_string(Port()) + "}");
+    }
+
+    template <class Record>
+    void Send(const Record& record, unsigned id, AtomClk::time_point time) {
+        m_sender.SetSampleId(id);
+        ASSERT_FALSE(m_sender.SendSample(gsl::as_bytes(gsl::span{&record, 1}), time, {}));
+    }
+
+    pktwire::qudex::Sender& Qudex() { return m_sender; }
+
+private:
+    static pktwire::UdpTxSocket::Config SocketConfig() {
+        pktwire::UdpTxSocket::Config config{};
+        config.ip.dst = pktwire::Ipv4{"127.0.0.1"};
+        config.udp.dst = Port();
+        return config;
+    }
+    static pktwire::qudex::Sender::Config Config(std::uint16_t num_frames) {
+        pktwire::qudex::Sender::Config config{};
+        config.topic = 7;
+        config.num_frames = num_frames;
+        return config;
+    }
+
+    pktwire::UdpTxSocket m_socket;
+    pktwire::qudex::Sender m_sender;
+};
+
+TEST_F(Streams, M4AnswersReachTheirObjectAndBrokenOnesAreCounted) {
+    const LogCapture log;
+    M4Input thread{Peer::ReceiverNode()};
+    EXPECT_EQ(thread.GetDescription(),
+              "QUDEX receiver listening on: 127.0.0.1:" + std::to_string(Peer::Port()) + ", topic ID: 7");
+    thread.Start().get();
+    const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<M4InputDataSync>(
+        M4InputDataSync::InstanceTag::DEFAULT, false);
+    const auto state = RuntimeMonitor::GetInstance().m_m4_input_state;
+
+    Peer peer{3};
+    defs::M4SetpointApplied::Payload payload;
+    payload.setpoint[5351] = 6.25F;
+    payload.applied_time = START;
+    payload.applied_sample_id = 41;
+    peer.Send(payload, 40, START + microseconds{3});
+    ASSERT_TRUE(Eventually([&] { return sync->IsNewData(); }));
+    EXPECT_EQ(sync->GetSampleId(), 40U);
+    EXPECT_EQ(sync->GetTimestamp(), START + microseconds{3});
+    EXPECT_EQ(sync->GetDataRef().setpoint[5351], 6.25F);
+    EXPECT_EQ(sync->GetDataRef().applied_time, START);
+    EXPECT_EQ(sync->GetDataRef().applied_sample_id, 41U);
+
+    peer.Send(std::array<std::byte, 21431>{}, 42, START);  // one byte short
+    ASSERT_TRUE(Eventually([&] { return Figures(state).invalid_count == 1; }));
+    peer.Send(payload, 43, START);
+    ASSERT_TRUE(Eventually([&] { return Figures(state).sample_count == 2; }));
+    thread.Stop();
+    bool warned = false;
+    for (const auto& line : log.Lines()) {
+        warned |= line.level == log4cplus::WARN_LOG_LEVEL &&
+                  line.text.starts_with("M4Input::Work(): ReceiveSample: ");
+    }
+    EXPECT_TRUE(warned);
+}
+
+TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
+    const LogCapture log;
+    M4FeedbackInput thread{Peer::ReceiverNode()};
+    thread.Start().get();
+    const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<AoM4CapSensActDataSync>(
+        AoM4CapSensActDataSync::InstanceTag::DEFAULT);
+    Peer peer{3};
+    defs::M4Feedback::Payload payload;
+    unsigned id = 0;
+    for (const std::uint32_t counter : {0U, 5U, 6U, 8U, 9U}) {  // a 0 is forgotten; 7 is lost
+        payload.counter = counter;
+        payload.values[0] = static_cast<float>(counter);
+        peer.Send(payload, ++id, START);
+        ASSERT_TRUE(Eventually([&] { return sync->GetSampleId() == id; }));
+        EXPECT_EQ(sync->GetData().payload.values[0], static_cast<float>(counter));
+    }
+    thread.Stop();
+    std::vector<std::string> warnings;
+    for (const auto& line : log.Lines()) {
+        if (line.level == log4cplus::WARN_LOG_LEVEL) warnings.push_back(line.text);
+    }
+    EXPECT_THAT(warnings, ElementsAre("M4FeedbackInput::Work(): difference in counter value: ( 7 != 8 )",
+                                      "M4FeedbackInput::Work(): difference in counter value: ( 8 != 9 )"));
+}
+
+class CommandInput : public Streams {
+protected:
+    ~CommandInput() override { m_thread.Stop(); }
+
+    void Send(unsigned id, bool valid, std::size_t elements = defs::WAVEFRONT_CMD_SIZE) {
+        pktwire::lspx::Sender::Config config{};
+        config.source = pktwire::lspx::OTHER_SOURCE;
+        config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
+        config.leader_extended_info_size = 4;
+        config.frame_size = static_cast<std::uint32_t>(elements);
+        pktwire::lspx::Sender sender{config, m_peer.Qudex()};
+        const std::vector<float> command(elements, static_cast<float>(id));
+        const std::array<std::byte, 4> info{std::byte{valid}};
+        sender.SetSampleId(id);
+        ASSERT_FALSE(
+            sender.SendSample(info, gsl::as_bytes(gsl::span<const float>{command}), {}, START, {}, {}));
+    }
+
+    bool Counted(std::uint32_t valid, std::uint32_t invalid) {
+        return Eventually([&] {
+            const auto figures = RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state->GetTopicData();
+            return figures.sample_count == valid && figures.invalid_count == invalid;
+        });
+    }
+
+    Peer m_peer{5};
+    AoWavefrontCmdInput m_thread{Peer::ReceiverNode()};
+    std::shared_ptr<AoTasksInsDataSync> m_ins =
+        DataSyncManager::GetInstance().GetOrRegisterDataSync<AoTasksInsDataSync>(
+            AoTasksInsDataSync::InstanceTag::DEFAULT, false);
+    std::shared_ptr<AoOutputDataSync> m_output =
+        DataSyncManager::GetInstance().GetOrRegisterDataSync<AoOutputDataSync>(
+            AoOutputDataSync::InstanceTag::DEFAULT, false);
+};
+
+TEST_F(CommandInput, EveryCommandWakesTheAoOutputAndValidOnesAoTasks) {
+    m_thread.Start().get();
+    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_SEQUENTIAL);
+    Send(1, true);
+    ASSERT_TRUE(Counted(1, 0));
+    EXPECT_TRUE(m_ins->IsDataReady());
+    EXPECT_EQ(m_ins->GetTimestamp(), START);
+    EXPECT_EQ(m_ins->GetData().command[4867], 1.0F);
+    EXPECT_EQ(m_output->GetData().command_time, START);
+    m_ins->ClearDataReady();
+    m_output->ClearDataReady();
+
+    Send(2, false);
+    ASSERT_TRUE(Counted(1, 1));
+    EXPECT_FALSE(m_ins->IsDataReady());
+    EXPECT_TRUE(m_output->IsDataReady());
+    EXPECT_EQ(m_ins->GetData().command[0], 2.0F);
+    EXPECT_EQ(m_ins->GetData().command[4867], 1.0F);
+
+    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
+    Send(3, true);
+    ASSERT_TRUE(Counted(2, 1));
+    EXPECT_FALSE(m_ins->IsDataReady());
+    EXPECT_EQ(m_ins->GetData().command[1], 3.0F);
+    EXPECT_EQ(m_ins->GetData().command[2], 1.0F);
+    EXPECT_EQ(m_output->GetSampleId(), 3U);
+}
+
+TEST_F(CommandInput, AShortCommandIsInvalidAndLeavesNoTrace) {
+    m_thread.Start().get();
+    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
+    Send(1, true, 4867);
+    ASSERT_TRUE(Counted(0, 1));
+    EXPECT_FALSE(m_output->IsNewData());
+    Send(2, true);
+    ASSERT_TRUE(Counted(1, 1));
+    EXPECT_EQ(m_ins->GetSampleId(), 2U);
+}
+
+TEST_F(Streams, CommandInputNeedsATopic) {
+    EXPECT_THROW(AoWavefrontCmdInput{test::CfgOf(
+                     "cfg: {busy: false, listen_udp: 1, listen_ip: 127.0.0.1, iface_name: lo}")},
+                 oru::configng::PliConfigNotFoundError);
+}
+
+}  // namespace
+}  // namespace vosk::lumo
