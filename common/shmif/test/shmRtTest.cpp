@@ -33,6 +33,15 @@ Record RecordOf(std::uint64_t value) {
     return record;
 }
 
+// A wake that is lost costs one limit, so a side that must not miss a record for long takes short ones.
+bool ReceiveSoon(ShmReaderRT& reader, Record& record) {
+    return Eventually([&] { return reader.TimedReceive(record.data(), 1ms); });
+}
+
+bool SendSoon(ShmWriterRT& writer, const Record& record) {
+    return Eventually([&] { return writer.TimedSend(record.data(), 1ms); });
+}
+
 class ShmRt : public ::testing::Test {
 protected:
     ShmRt() {
@@ -151,14 +160,13 @@ TEST_F(ShmRt, HandsEveryRecordToAnotherProcessWhole) {
         signals.TellParent();
         Record record{};
         for (std::uint64_t expected = 1; expected <= COUNT; ++expected) {
-            if (!reader.TimedReceive(record.data(), GENEROUS) || record != RecordOf(expected)) return false;
+            if (!ReceiveSoon(reader, record) || record != RecordOf(expected)) return false;
         }
         return true;
     }};
     child.GetSignals().AwaitChild();
     for (std::uint64_t value = 1; value <= COUNT; ++value) {
-        // A lost wake costs one limit: short ones, repeated.
-        ASSERT_TRUE(Eventually([&] { return writer.TimedSend(RecordOf(value).data(), 1ms); }));
+        ASSERT_TRUE(SendSoon(writer, RecordOf(value)));
     }
     EXPECT_TRUE(child.Succeeds());
 }
@@ -333,7 +341,7 @@ TEST_F(ShmRt, WriterFollowsARestartedReader) {
         ShmReaderRT reader{m_shm, TOPIC};
         signals.TellParent();
         Record taken{};
-        const bool is_read = reader.TimedReceive(taken.data(), GENEROUS) && taken == RecordOf(6);
+        const bool is_read = ReceiveSoon(reader, taken) && taken == RecordOf(6);
         signals.AwaitParent();
         return is_read;
     }};
