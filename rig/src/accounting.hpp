@@ -55,7 +55,7 @@ struct Recovery {
 
 // Everything that is known when a run is over.
 struct RunFacts {
-    bool host_realtime = false;
+    bool realtime = false;
     time_point start;  // of the instrument's time grid
     std::span<const CommandRecord> commands;
     std::span<const SetpointRecord> setpoints;

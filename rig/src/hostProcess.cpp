@@ -32,6 +32,7 @@ using namespace std::chrono_literals;
 constexpr auto REPLY_PATIENCE = 5000ms;
 
 constexpr int REALTIME_PRIORITY = 10;
+constexpr const char* LOG_THREAD = "vosk-log";
 
 [[noreturn]] void ThrowSystemError(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -170,7 +171,7 @@ HostComplaints ReadComplaints(const std::filesystem::path& log) {
     return complaints;
 }
 
-HostProcess::HostProcess(Files files, Priority priority) : m_files(std::move(files)) {
+HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
     if (access(m_files.program.c_str(), X_OK) != 0)
         throw std::runtime_error(fmt::format("{}: no such program; build vosk-host or name it with --host",
                                              m_files.program.string()));
@@ -194,9 +195,6 @@ HostProcess::HostProcess(Files files, Priority priority) : m_files(std::move(fil
         // crashed, and an interrupt from the terminal is the rig's to handle: it ends the run in order.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         setpgid(0, 0);
-        // Below the peers, which stand for hardware. A refusal is no error; who asks is told.
-        const sched_param priority_value{REALTIME_PRIORITY};
-        if (priority == Priority::Realtime) sched_setscheduler(0, SCHED_FIFO, &priority_value);
         dup2(no_input, STDIN_FILENO);
         dup2(log, STDOUT_FILENO);
         dup2(log, STDERR_FILENO);
@@ -284,8 +282,24 @@ bool HostProcess::Running() {
     return !m_exit;
 }
 
-bool HostProcess::HasRealtimePriority() const {
-    return sched_getscheduler(m_pid) == SCHED_FIFO;
+bool HostProcess::RaiseWorkers() {
+    const auto name_of = [](const std::filesystem::path& task) {
+        std::string name;
+        std::getline(std::ifstream(task / "comm"), name);
+        return name;
+    };
+    const std::filesystem::path tasks = fmt::format("/proc/{}/task", m_pid);
+    const std::string main_name = name_of(tasks / std::to_string(m_pid));
+    // Below the peers, which stand for hardware.
+    const sched_param priority{REALTIME_PRIORITY};
+    bool any = false;
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        const std::string name = name_of(task.path());
+        if (name == main_name || name == LOG_THREAD) continue;
+        const pid_t thread = std::stoi(task.path().filename().string());
+        any = sched_setscheduler(thread, SCHED_FIFO, &priority) == 0 || any;
+    }
+    return any;
 }
 
 void HostProcess::CheckExit() {

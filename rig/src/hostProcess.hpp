@@ -85,11 +85,8 @@ public:
         std::filesystem::path log;  // takes the host's standard output and error
     };
 
-    enum class Priority { Ordinary, Realtime };
-
-    // Starts the host, at a real-time priority if that is asked for and the system allows it. Throws
-    // std::runtime_error if the host can't be started.
-    HostProcess(Files files, Priority priority);
+    // Starts the host. Throws std::runtime_error if that can't be done.
+    explicit HostProcess(Files files);
     // Ends the host by force if it still runs.
     ~HostProcess();
     HostProcess(const HostProcess&) = delete;
@@ -103,8 +100,9 @@ public:
     HostStatus Status();
 
     bool Running();
-    // Whether the system let the host run at a real-time priority.
-    bool HasRealtimePriority() const;
+    // Gives the threads that carry data a real-time priority, as an operator would; those that serve commands
+    // and write the log keep theirs. False if the system allows it for none.
+    bool RaiseWorkers();
     void Terminate();  // SIGTERM; returns at once
     // Exit code, or 128 and the number of the signal that ended it; nothing if it runs on.
     std::optional<int> WaitExit(std::chrono::milliseconds patience);

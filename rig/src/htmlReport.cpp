@@ -142,8 +142,7 @@ private:
             m_scenario.instrument.rate, m_scenario.duration.count(), host.managed_modes,
             host.delta_scaling ? "delta" : "absolute", host.m4_send_delay.count(),
             host.m4_response_timeout.count(), m_scenario.m4.answer_delay.count());
-        Write("<p>Host and peers ran at {} priority.</p>\n",
-              m_facts.host_realtime ? "real-time" : "ordinary");
+        Write("<p>Host and peers ran at {} priority.</p>\n", m_facts.realtime ? "real-time" : "ordinary");
         for (const FaultRule& rule : m_scenario.faults)
             Write("<p>Faults injected: {:g} % of {}: {}.</p>\n", 100.0 * rule.share, ToString(rule.stream),
                   ToString(rule.kind));

@@ -23,7 +23,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 constexpr auto HOST_SETUP_PATIENCE = 30s;  // a sanitized host on a busy machine reads its matrix slowly
 constexpr auto DRIVE_STEP = 5ms;
-constexpr auto STATUS_INTERVAL = 500ms;
+constexpr auto STATUS_INTERVAL = 1000ms;
 // Setpoints of the last commands arrive, and their answers leave.
 constexpr auto SETTLING_TIME = 200ms;
 
@@ -57,8 +57,7 @@ struct Run::Stage {
         : ring(std::min<std::size_t>(ExpectedCommands(scenario), LARGEST_RING)),
           commands(ExpectedCommands(scenario)),
           setpoints(ExpectedCommands(scenario)),
-          host(std::move(files),
-               scenario.host.realtime ? HostProcess::Priority::Realtime : HostProcess::Priority::Ordinary),
+          host(std::move(files)),
           m4(scenario, ports, setpoints, ring),
           check(ContentCheck(scenario, basis, limits, commands, modes), setpoints, ring),
           instrument(scenario, ports, commands) {}
@@ -115,7 +114,7 @@ bool Run::Execute() {
         m_scenario, ports, basis, limits,
         {m_paths.host, out / "host.yaml", std::filesystem::relative(out / "host.sock"), out / "host.log"});
     stage.host.WaitReady(HOST_SETUP_PATIENCE);
-    m_facts.host_realtime = stage.host.HasRealtimePriority();
+    m_facts.realtime = m_scenario.host.realtime && stage.host.RaiseWorkers();
 
     m_first = NextGridPoint(AtomClk::now() + 200ms, m_scenario.CommandPeriod());
     stage.m4.Start(m_first);

@@ -35,7 +35,7 @@ void WriteTimes(Output out, const Figures& figures) {
 }
 
 void WriteCommands(Output out, const RunFacts& facts, const Accounts& accounts) {
-    fmt::format_to(out, "\nhost and peers at {} priority\n", facts.host_realtime ? "real-time" : "ordinary");
+    fmt::format_to(out, "\nhost and peers at {} priority\n", facts.realtime ? "real-time" : "ordinary");
     fmt::format_to(out, "{} commands sent, {} of them valid and under INS control\n", facts.commands.size(),
                    accounts.valid_in_ins_control);
     if (facts.instrument_overruns > 0)
