@@ -3,9 +3,9 @@
 #include <vosk/common/logger.hpp>
 
 #include <fcntl.h>
-#include <time.h>
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
+#include <ctime>
 
 namespace vosk::common::shmif {
 

@@ -7,8 +7,8 @@
 #include <gim/helper.hpp>
 
 #include <algorithm>
-#include <cstdlib>
 #include <iterator>
+#include <vector>
 
 namespace vosk::host {
 
@@ -55,6 +55,29 @@ Level LevelOf(const CpuFeatures& cpu) {
     return cpu.avx ? Level::AVX : Level::SSE;
 }
 
+// The environment of this process with `changes`, each "NAME=value", in the place of what has these names.
+std::vector<std::string> ChangedEnvironment(const std::vector<std::string>& changes) {
+    std::vector<std::string> result = changes;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const std::string head = text.substr(0, text.find('=') + 1);
+        const bool is_changed = std::any_of(changes.begin(), changes.end(), [&](const std::string& change) {
+            return change.starts_with(head);
+        });
+        if (!is_changed) result.push_back(text);
+    }
+    return result;
+}
+
+// Returns only if the system refuses.
+void StartAgain(char** arguments, std::vector<std::string> environment) {
+    std::vector<char*> pointers;
+    pointers.reserve(environment.size() + 1);
+    for (std::string& entry : environment) pointers.push_back(entry.data());
+    pointers.push_back(nullptr);
+    ::execve("/proc/self/exe", arguments, pointers.data());
+}
+
 std::string BestOf(Level level) {
     const auto* best = std::find_if(std::begin(KERNELS), std::end(KERNELS),
                                     [&](const Kernel& kernel) { return kernel.level == level; });
@@ -87,17 +110,14 @@ std::string LoadBestBlasKernel(const std::string& option, char** arguments) {
     const std::string loaded = ::openblas_get_corename();
     const std::string from = gim::Helper::GetEnvironment(RESTART_VARIABLE);
     if (!from.empty()) {
-        ::unsetenv(RESTART_VARIABLE);
         return fmt::format("BLAS kernel {}, after a new start; OpenBLAS had taken {}", loaded, from);
     }
     std::string wanted = option.empty() ? gim::Helper::GetEnvironment(KERNEL_VARIABLE) : option;
     if (option == "auto") wanted.clear();
     const auto better = ChooseBetterKernel(loaded, wanted, ReadCpuFeatures());
     if (!better) return fmt::format("BLAS kernel {}", loaded);
-    ::setenv(KERNEL_VARIABLE, better->c_str(), 1);
-    ::setenv(RESTART_VARIABLE, loaded.c_str(), 1);
-    ::execv("/proc/self/exe", arguments);
-    ::unsetenv(RESTART_VARIABLE);
+    StartAgain(arguments, ChangedEnvironment({fmt::format("{}={}", KERNEL_VARIABLE, *better),
+                                              fmt::format("{}={}", RESTART_VARIABLE, loaded)}));
     return fmt::format("BLAS kernel {}; the new start with {} failed", loaded, *better);
 }
 

@@ -48,6 +48,7 @@ protected:
 };
 
 // Sends through the topic "vosk_telemetry_queue".
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and its base can't be deleted through
 class SHMTelemSender final : public TelemSender {
 public:
     // Throws as ShmWriterBoost.
