@@ -157,8 +157,9 @@ Row Measure(const Camera& camera) {
         ours_us.push_back(our_time);
         bare_us.push_back(bare_time);
     }
-    return {"LSPX frame received, " + camera.name + ", median", "bare recvmmsg into one buffer", "us",
-            Percentile(ours_us, 0.5), Percentile(bare_us, 0.5)};
+    // The machine's neighbours only ever add.
+    return {"LSPX frame received, " + camera.name + ", 10th percentile", "bare recvmmsg into one buffer",
+            "us", Percentile(ours_us, 0.1), Percentile(bare_us, 0.1)};
 }
 
 }  // namespace

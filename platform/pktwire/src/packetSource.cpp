@@ -169,7 +169,8 @@ void PacketSource::DropStaleFromQueue() noexcept {
 }
 
 const Slot* PacketSource::NextInQueue() const noexcept {
-    const Slot* next = m_queue.empty() ? nullptr : m_queue.front();
+    if (m_queue.empty()) return nullptr;
+    const Slot* next = m_queue.front();
     for (const Slot* slot : m_queue) {
         if (IsShortlyBefore(slot->packet.SampleId(), next->packet.SampleId())) next = slot;
     }

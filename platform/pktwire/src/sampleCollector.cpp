@@ -69,11 +69,10 @@ SampleCollector::Step SampleCollector::TakeFromBatch(SampleLayout& layout, std::
     for (std::size_t i = 0; i < batch.size(); ++i) {
         Slot* slot = batch[i].slot;
         if (slot == nullptr) continue;
-        if (step == Step::going_on && IsOfSampleInWork(*slot)) {
-            step = Accept(layout, batch.subspan(i), error);
-        } else if (m_source.IsStale(*slot)) {
+        const bool is_ours = IsOfSampleInWork(*slot);
+        if (!is_ours && m_source.IsStale(*slot)) {
             Drop(batch[i], m_source.Counters().stale);
-        } else if (step == Step::going_on && !IsSampleInWork()) {
+        } else if (step == Step::going_on && (is_ours || !IsSampleInWork())) {
             step = Accept(layout, batch.subspan(i), error);
         } else {
             // Its turn comes later. The places in the caller's memory are needed for those whose turn it is.

@@ -26,6 +26,8 @@ struct Stream {
     std::uint8_t trailer_info = 0;
     std::uint8_t padding = 0;
     std::uint8_t endianness = lspx::LITTLE_ENDIAN_UNITS;
+
+    std::size_t PayloadSize() const { return std::size_t{units} * unit_size; }
 };
 
 std::vector<Bytes> Cut(const Stream& stream, unsigned id, const Bytes& payload, const Bytes& leader_info,
@@ -55,7 +57,7 @@ struct Bench {
                    QudexReceiver(),
                    nullptr},
           leader_info(stream.leader_info),
-          memory((room != 0 ? room : stream.units * stream.unit_size) + 2 * GUARD),
+          memory((room != 0 ? room : stream.PayloadSize()) + 2 * GUARD),
           trailer_info(stream.trailer_info) {}
     ~Bench() {
         for (std::size_t i = 0; i < GUARD; ++i) {
@@ -205,7 +207,7 @@ TEST(LspxReceiver, ReceivesCameraFramesWhereTheyBelongInBothManners) {
         Stream{.num_frames = 8, .units = 7, .trailer_info = 3, .padding = 5},
         Stream{.num_frames = 3, .units = 3, .unit_size = 4, .leader_info = 33}};
     for (const Stream& stream : streams) {
-        const Bytes payload = Counting(std::size_t{stream.units} * stream.unit_size);
+        const Bytes payload = Counting(stream.PayloadSize());
         const Bytes info = Counting(stream.leader_info, 50);
         Bench bench{stream};
         for (unsigned id = 1; id <= 4; ++id)
@@ -236,13 +238,13 @@ TEST(LspxReceiver, FollowsWindowsOfChangingSize) {
     Bench bench{full};
     const std::array<Stream, 6> streams{full, window, window, full, window, full};
     for (unsigned id = 0; id < streams.size(); ++id) {
-        bench.socket.Put(Cut(streams.at(id), id, Counting(streams.at(id).units * 2, id), Bytes(4)));
+        bench.socket.Put(Cut(streams.at(id), id, Counting(streams.at(id).PayloadSize(), id), Bytes(4)));
     }
     for (unsigned id = 0; id < streams.size(); ++id) {
         auto [error, sample] = bench.ReceiveSample();
         ASSERT_FALSE(error) << id << error.message();
         EXPECT_EQ(sample.leader->NumUnits(), streams.at(id).units);
-        EXPECT_EQ(bench.Content(streams.at(id).units * 2), Counting(streams.at(id).units * 2, id));
+        EXPECT_EQ(bench.Content(streams.at(id).PayloadSize()), Counting(streams.at(id).PayloadSize(), id));
     }
 }
 
@@ -317,7 +319,7 @@ TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
     const Stream ours;
     const auto answer = [&](const Stream& theirs, std::size_t room = 0) {
         Bench bench{ours, room};
-        bench.socket.Put(Cut(theirs, 1, Bytes(theirs.units * theirs.unit_size), Bytes(theirs.leader_info)));
+        bench.socket.Put(Cut(theirs, 1, Bytes(theirs.PayloadSize()), Bytes(theirs.leader_info)));
         bench.socket.Put(Cut({.units = 3}, 2, Bytes(6), Bytes(4)));
         const std::error_code error = bench.ReceiveSample().first;
         EXPECT_FALSE(bench.ReceiveSample().first);

@@ -182,7 +182,7 @@ TEST(LspxOverUdp, CameraFramesCrossWithoutACopyOrAnAllocation) {
         {.endianness = 8, .leader_extended_info_size = 8, .data_unit_size = 2},
         {new qudex::Receiver{ReceiverConfig(206), rx, nullptr}, std::default_delete<qudex::Receiver>{}},
         nullptr};
-    std::vector<std::byte> payload(units * 2);
+    std::vector<std::byte> payload(units * 2UL);
     std::array<std::byte, 8> info{};
 
     std::atomic<int> received{0};
@@ -191,7 +191,7 @@ TEST(LspxOverUdp, CameraFramesCrossWithoutACopyOrAnAllocation) {
         qudex::Sender qudex_sender{SenderConfig(206), tx, nullptr};
         lspx::Sender sender{{.endianness = 8, .leader_extended_info_size = 8, .frame_size = units},
                             qudex_sender};
-        std::vector<std::byte> frame(units * 2);
+        std::vector<std::byte> frame(units * 2UL);
         for (std::size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<std::byte>(i / 255 + i);
         const std::array<std::byte, 8> stamp{};
         const std::size_t before = test::AllocationCount();

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <stdexcept>
+#include <utility>
 
 namespace pktwire {
 namespace detail {
@@ -19,6 +20,16 @@ public:
         : m_entries{entries}, m_first{headroom}, m_next{headroom} {
         if (headroom > entries.size()) throw std::runtime_error("No headroom available");
     }
+
+    // One array has one builder: the one moved from is empty.
+    IovsBuilder(IovsBuilder&& other) noexcept
+        : m_entries{other.m_entries},
+          m_first{other.m_first},
+          m_next{std::exchange(other.m_next, other.m_first)} {}
+    IovsBuilder(const IovsBuilder&) = delete;
+    IovsBuilder& operator=(const IovsBuilder&) = delete;
+    IovsBuilder& operator=(IovsBuilder&&) = delete;
+    ~IovsBuilder() = default;
 
     void Append(gsl::span<T> piece) {
         if (m_next == m_entries.size()) throw std::runtime_error("No tailroom available");

@@ -158,7 +158,7 @@ public:
         std::uint8_t trailer_extended_info_size = 0;  // bytes
         std::uint32_t frame_size = 0;                 // data units in a sample, not 0
         std::uint8_t leading_padding_size = 0;        // bytes between the headers and the body of each packet
-        gsl::span<const std::byte> padding{};// what the padding is filled with, repeated; empty: zeros
+        gsl::span<const std::byte> padding{};  // what the padding is filled with, repeated; empty: zeros
     };
 
     // Sends through the QUDEX sender, which must live as long and have num_frames of 2 or more (3 to carry
