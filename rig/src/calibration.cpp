@@ -97,21 +97,25 @@ SaturationLimits ChooseLimits(const ModalBasis& basis, const Scenario& scenario)
     const ProjectionMatrix projection(basis);
     const WavefrontGenerator wavefront(scenario.instrument, scenario.seed);
     const auto commands = static_cast<std::uint64_t>(scenario.instrument.rate * scenario.duration.count());
+    const std::uint64_t stride = std::max<std::uint64_t>(commands / PAIRS, 1);
+    std::vector<std::vector<float>> wires(2 * PAIRS, std::vector<float>(defs::WAVEFRONT_CMD_SIZE));
+    std::vector<std::span<const float>> modal;
+    for (std::uint64_t i = 0; i < wires.size(); ++i) {
+        wavefront.Make(i / 2 * stride + i % 2, std::span<float, defs::WAVEFRONT_CMD_SIZE>(wires[i]));
+        // As in sequential mode, where the instrument commands tip and tilt too and so moves M4 the furthest.
+        modal.push_back(std::span<const float>(wires[i]).subspan(2, basis.modes));
+    }
+    std::vector<Positions> projected(modal.size());
+    projection.Project(modal, projected);
+
     std::vector<double> steps;
     std::vector<double> positions;
-    std::vector<float> wire(defs::WAVEFRONT_CMD_SIZE);
-    const auto project = [&](std::uint64_t number) {
-        wavefront.Make(number, std::span<float, defs::WAVEFRONT_CMD_SIZE>(wire));
-        // As in sequential mode, where the instrument commands tip and tilt too and so moves M4 the furthest.
-        return projection.Project(std::span(wire).subspan(2, basis.modes));
-    };
-    for (std::uint64_t pair = 0; pair < PAIRS; ++pair) {
-        const std::uint64_t number = pair * std::max<std::uint64_t>(commands / PAIRS, 1);
-        const Positions before = project(number);
-        Positions after = project(number + 1);
-        positions.push_back(LargestMagnitude(after.actuators));
-        for (std::size_t i = 0; i < after.actuators.size(); ++i) after.actuators[i] -= before.actuators[i];
-        steps.push_back(LargestMagnitude(after.actuators));
+    for (std::size_t pair = 0; pair < PAIRS; ++pair) {
+        const std::vector<double>& before = projected[2 * pair].actuators;
+        std::vector<double>& after = projected[2 * pair + 1].actuators;
+        positions.push_back(LargestMagnitude(after));
+        for (std::size_t i = 0; i < after.size(); ++i) after[i] -= before[i];
+        steps.push_back(LargestMagnitude(after));
     }
     return {static_cast<float>(Quantile(steps, 0.98)), static_cast<float>(Quantile(positions, 0.99))};
 }

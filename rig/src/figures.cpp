@@ -48,6 +48,7 @@ StreamFigures CommandFigures(const RunFacts& facts, double period_us) {
     }
     MeasurePeriods(stream, times, LONGEST_PERIOD * period_us);
     if (const HostStream* host = Find(facts.status, "AO_WAVEFRONT_CMD_INPUT")) {
+        stream.counted = true;
         stream.received = host->samples + marked_invalid;
         stream.invalid = host->invalid;
     }
@@ -65,7 +66,10 @@ StreamFigures SetpointFigures(const RunFacts& facts, double period_us) {
         stream.received += setpoint.arrived <= facts.status_time ? 1 : 0;
     }
     MeasurePeriods(stream, times, LONGEST_PERIOD * period_us);
-    if (const HostStream* host = Find(facts.status, "M4_OUTPUT")) stream.sent = host->samples;
+    if (const HostStream* host = Find(facts.status, "M4_OUTPUT")) {
+        stream.counted = true;
+        stream.sent = host->samples;
+    }
     stream.invalid = facts.incomplete_setpoints;
     stream.lost = static_cast<std::int64_t>(stream.sent) - static_cast<std::int64_t>(stream.received);
     stream.remark = "sent: as the host counts";
@@ -83,6 +87,7 @@ StreamFigures AnswerFigures(const RunFacts& facts, const AnswerCounts& answers, 
     }
     MeasurePeriods(stream, times, LONGEST_PERIOD * period_us);
     if (const HostStream* host = Find(facts.status, "M4_INPUT")) {
+        stream.counted = true;
         stream.received = host->samples;
         stream.invalid = host->invalid;
     }
@@ -99,6 +104,16 @@ double MicrosecondsOf(std::chrono::nanoseconds duration) {
 
 double SecondsSince(const RunFacts& facts, time_point time) {
     return std::chrono::duration<double>(time - facts.start).count();
+}
+
+StreamCells CellsOf(const StreamFigures& stream) {
+    const auto if_known = [](bool known, const std::string& text) { return known ? text : std::string("-"); };
+    return {fmt::to_string(stream.sent),
+            if_known(stream.counted, fmt::to_string(stream.received)),
+            if_known(stream.counted, fmt::to_string(stream.lost)),
+            if_known(stream.counted, fmt::to_string(stream.invalid)),
+            if_known(stream.rate > 0.0, fmt::format("{:.2f}", stream.rate)),
+            if_known(stream.rate > 0.0, fmt::format("{:.1f}", stream.jitter))};
 }
 
 Spread SpreadOf(std::vector<double> values) {
@@ -119,8 +134,14 @@ Figures MakeFigures(const RunFacts& facts, const Accounts& accounts, const Feedb
     figures.streams.push_back(CommandFigures(facts, period_us));
     figures.streams.push_back(SetpointFigures(facts, period_us));
     figures.streams.push_back(AnswerFigures(facts, accounts.answers, period_us));
-    figures.streams.push_back(
-        {.name = "M4 feedback", .sent = feedback.sent, .remark = "the host keeps no count of this stream"});
+    StreamFigures feedback_stream;
+    feedback_stream.name = "M4 feedback";
+    feedback_stream.sent = feedback.sent;
+    feedback_stream.remark = "the host keeps no count of this stream";
+    figures.streams.push_back(feedback_stream);
+    if (facts.stop_asked)
+        for (StreamFigures& stream : figures.streams)
+            if (stream.counted) stream.remark = "counted in mid-flow, with a sample or two on their way";
 
     std::vector<double> instrument;
     for (const CommandRecord& command : facts.commands)

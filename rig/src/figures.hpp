@@ -5,6 +5,7 @@
 
 #include "accounting.hpp"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,8 +31,13 @@ struct StreamFigures {
     std::uint64_t invalid = 0;  // as the receiver counts them
     double rate = 0.0;          // hertz
     double jitter = 0.0;        // standard deviation of the period, microseconds
+    bool counted = false;       // whether both ends keep a count
     std::string remark;
 };
+
+// Sent, received, lost, invalid, rate and jitter as text; "-" for what nobody counted.
+using StreamCells = std::array<std::string, 6>;
+StreamCells CellsOf(const StreamFigures& stream);
 
 struct Figures {
     std::vector<StreamFigures> streams;

@@ -192,13 +192,11 @@ private:
             "<h2>Streams</h2>\n<table><tr><th>stream</th><th>sent</th><th>received</th><th>lost</"
             "th><th>invalid</th>"
             "<th>rate, Hz</th><th>period jitter, us</th><th></th></tr>\n");
-        for (const StreamFigures& stream : m_figures.streams)
-            Write(
-                "<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{:.2f}</td><td>{:.1f}</"
-                "td><td "
-                "class=\"text note\">{}</td></tr>\n",
-                EscapeHtml(stream.name), stream.sent, stream.received, stream.lost, stream.invalid,
-                stream.rate, stream.jitter, EscapeHtml(stream.remark));
+        for (const StreamFigures& stream : m_figures.streams) {
+            Write("<tr><td>{}</td>", EscapeHtml(stream.name));
+            for (const std::string& cell : CellsOf(stream)) Write("<td>{}</td>", cell);
+            Write("<td class=\"text note\">{}</td></tr>\n", EscapeHtml(stream.remark));
+        }
         Write("</table>\n");
     }
 

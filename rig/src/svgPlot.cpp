@@ -48,7 +48,10 @@ public:
             for (double value : series.x) m_x.Include(value);
             for (double value : series.y) m_y.Include(Scaled(value));
             for (double value : series.y_low) m_y.Include(Scaled(value));
-            if (series.style == PlotSeries::Style::Bars) m_y.Include(0.0);
+            if (series.style != PlotSeries::Style::Bars) continue;
+            m_y.Include(0.0);
+            // The last bar has the width of the others.
+            if (series.x.size() > 1) m_x.Include(series.x.back() + series.x[1] - series.x[0]);
         }
         m_x.Settle();
         m_y.Settle();

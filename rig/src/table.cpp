@@ -13,13 +13,9 @@ void WriteStreams(Output out, const Figures& figures) {
     fmt::format_to(out, "\n{:<20} {:>8} {:>8} {:>6} {:>8} {:>9} {:>11}\n", "stream", "sent", "received",
                    "lost", "invalid", "rate, Hz", "jitter, us");
     for (const StreamFigures& stream : figures.streams) {
-        const bool counted = stream.received > 0 || stream.lost != 0 || stream.sent == 0;
-        fmt::format_to(out, "{:<20} {:>8} {:>8} {:>6} {:>8} {:>9} {:>11}  {}\n", stream.name, stream.sent,
-                       counted ? fmt::to_string(stream.received) : "-",
-                       counted ? fmt::to_string(stream.lost) : "-",
-                       counted ? fmt::to_string(stream.invalid) : "-",
-                       stream.rate > 0.0 ? fmt::format("{:.2f}", stream.rate) : "-",
-                       stream.rate > 0.0 ? fmt::format("{:.1f}", stream.jitter) : "-", stream.remark);
+        const StreamCells cells = CellsOf(stream);
+        fmt::format_to(out, "{:<20} {:>8} {:>8} {:>6} {:>8} {:>9} {:>11}  {}\n", stream.name, cells[0],
+                       cells[1], cells[2], cells[3], cells[4], cells[5], stream.remark);
     }
 }
 
