@@ -35,7 +35,7 @@ void FreeBuffer(const std::string& name, void* buffer, std::size_t size) {
 // A grid or a time-out that runs backwards is a slip of the pen, and would only show as lateness.
 std::chrono::microseconds GetNonNegativeDuration(const PliConfigInstanceNode& node, const std::string& key,
                                                  std::chrono::microseconds default_value) {
-    const auto value = GetTimeDurationParamOr(node, key, default_value);
+    const auto value = GetBoundedDurationParamOr(node, key, default_value);
     if (value < value.zero()) {
         LogAndThrow(fmt::format("ERR: {}.{} must not be negative", node.GetPath(), key));
     }
@@ -150,6 +150,6 @@ TxThread::TxThread(const std::string& name, const PliConfigInstanceNode& node, c
                    std::chrono::microseconds default_send_offset)
     : Thread{name, node, description},
       m_send_interval{GetNonNegativeDuration(node, "send_interval", default_send_interval)},
-      m_send_offset{GetTimeDurationParamOr(node, "send_offset", default_send_offset)} {}
+      m_send_offset{GetBoundedDurationParamOr(node, "send_offset", default_send_offset)} {}
 
 }  // namespace vosk::lumo

@@ -1,5 +1,7 @@
 #include <lumolib/utilities.hpp>
 
+#include <vosk/common/logger.hpp>
+
 #include <stdexcept>
 
 namespace vosk::lumo {
@@ -54,5 +56,19 @@ D ParseDuration(const std::string& text) {
 
 template microseconds ParseDuration<microseconds>(const std::string& text);
 template milliseconds ParseDuration<milliseconds>(const std::string& text);
+
+microseconds GetBoundedDurationParam(const oru::configng::PliConfigInstanceNode& node,
+                                     const std::string& key) {
+    const auto value = GetTimeDurationParam<microseconds>(node, key);
+    if (value < -MAX_DURATION || value > MAX_DURATION) {
+        common::LogAndThrow(fmt::format("ERR: {}.{} is out of range", node.GetPath(), key));
+    }
+    return value;
+}
+
+microseconds GetBoundedDurationParamOr(const oru::configng::PliConfigInstanceNode& node,
+                                       const std::string& key, microseconds default_value) {
+    return node.Has(key) ? GetBoundedDurationParam(node, key) : default_value;
+}
 
 }  // namespace vosk::lumo

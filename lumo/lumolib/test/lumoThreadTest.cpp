@@ -223,7 +223,14 @@ TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
     EXPECT_EQ(given.m_send_interval, 2ms);
     EXPECT_EQ(given.m_send_offset, 2us);
     common::LogCapture capture;
-    EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: -1 us}"}; }).substr(0, 5), "ERR: ");
+    EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: -1 us}"}; }),
+              "ERR: test.node.timeout must not be negative");
+    EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: 3600001 ms}"}; }),
+              "ERR: test.node.timeout is out of range");
+    EXPECT_EQ(MessageOf([] { TestTxThread{"{busy: false, send_interval: 3600001 ms}"}; }),
+              "ERR: test.node.send_interval is out of range");
+    EXPECT_EQ(MessageOf([] { TestTxThread{"{busy: false, send_offset: -3600001 ms}"}; }),
+              "ERR: test.node.send_offset is out of range");
 }
 
 TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {

@@ -71,6 +71,19 @@ TEST(Duration, KeepsWithinTheRangeOfItsCount) {
     }
 }
 
+TEST(Duration, ThatIsAddedToTimesIsAtMostAnHourEitherWay) {
+    const auto node = Read(
+        "{hour: 3600000 ms, back: -3600000000 us, over: 3600000001 us, "
+        "under: -3600000001 us, most: 9223372036854775807 us}");
+    EXPECT_EQ(GetBoundedDurationParam(node, "hour"), std::chrono::hours{1});
+    EXPECT_EQ(GetBoundedDurationParamOr(node, "back", microseconds{1}), -std::chrono::hours{1});
+    EXPECT_EQ(GetBoundedDurationParamOr(node, "absent", microseconds{7}), microseconds{7});
+    for (const std::string key : {"over", "under", "most"}) {
+        EXPECT_EQ(TextOf<std::runtime_error>([&] { GetBoundedDurationParamOr(node, key, microseconds{1}); }),
+                  "ERR: test.yaml." + key + " is out of range");
+    }
+}
+
 TEST(Params, AreReadFromTheirNode) {
     const auto node = Read("{cpu: 3, list: [1, 2], none: [], timeout: 2 ms}");
     EXPECT_EQ(GetParam<int>(node, "cpu"), 3);

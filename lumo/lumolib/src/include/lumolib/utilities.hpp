@@ -56,4 +56,15 @@ D GetTimeDurationParamOr(const oru::configng::PliConfigInstanceNode& node, const
     return node.Has(key) ? GetTimeDurationParam<D>(node, key) : default_value;
 }
 
+// Far beyond any time of the loop, and far from where a time point plus the duration overflows.
+constexpr std::chrono::hours MAX_DURATION{1};
+
+// As GetTimeDurationParam, for durations that are added to times. Beyond MAX_DURATION to either side,
+// "ERR: <path> is out of range" in the log and by std::runtime_error.
+std::chrono::microseconds GetBoundedDurationParam(const oru::configng::PliConfigInstanceNode& node,
+                                                  const std::string& key);
+std::chrono::microseconds GetBoundedDurationParamOr(const oru::configng::PliConfigInstanceNode& node,
+                                                    const std::string& key,
+                                                    std::chrono::microseconds default_value);
+
 }  // namespace vosk::lumo
