@@ -8,7 +8,6 @@
 #include <unistd.h>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskHandoverManager.hpp>
-#include <lumolib/voskTelescopeStateManager.hpp>
 #include <vosk/common/logSetup.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/telegraf/telemSender.hpp>
@@ -26,22 +25,12 @@ namespace vosk::host {
 using common::telegraf::TelemSender;
 using lumo::RuntimeMonitor;
 using lumo::VoskHandoverManager;
-using lumo::VoskTelescopeStateManager;
 
 namespace {
 
 // A handover takes a few cycles of 2 ms; its steps are worth seeing.
 constexpr std::chrono::milliseconds LOOK_DURING_CHANGE{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
-
-// Before any thread object exists. The handover manager attaches itself when it comes into being and again
-// when it is reset; the reset between the two takes the first attachment away, so that it sees each change
-// once.
-void ResetControlState() {
-    VoskHandoverManager& handover = VoskHandoverManager::GetInstance();
-    VoskTelescopeStateManager::Reset();
-    handover.Reset();
-}
 
 // For the signal handler, which knows no object.
 std::atomic<int> stop_event{-1};
@@ -92,7 +81,7 @@ Host::Host(const gim::Config& config, const HostSettings& settings, bool serve_s
     : m_library{settings.shm_prefix.value_or(DEFAULT_SHM_PREFIX)}, m_serve_stdin{serve_stdin} {
     TelemSender::m_default_telegraph_host_ip_addr = settings.telegraf_address;
     TelemSender::m_default_telegraph_port = settings.telegraf_port;
-    ResetControlState();
+    lumo::ResetControlState();
     m_library.SetupThreads(config);
     try {
         m_library.StartThreads();

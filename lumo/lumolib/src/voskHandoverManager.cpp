@@ -130,4 +130,10 @@ void VoskHandoverManager::PrintStats() const {
                      GetTimeString(WrappingDifference(m_first_ins_cmd_time.load(), start)));
 }
 
+void ResetControlState() {
+    VoskHandoverManager& handover = VoskHandoverManager::GetInstance();
+    VoskTelescopeStateManager::Reset();
+    handover.Reset();
+}
+
 }  // namespace vosk::lumo

@@ -11,16 +11,10 @@ namespace vosk::lumo {
 class HandoverBench {
 public:
     HandoverBench() {
-        // The first call attaches the manager; the reset drops that, so that it is attached once only.
-        VoskHandoverManager::GetInstance();
-        VoskTelescopeStateManager::Reset();
-        m_manager.Reset();
+        ResetControlState();
         RuntimeMonitor::GetStateData().ResetData();
     }
-    ~HandoverBench() {
-        VoskTelescopeStateManager::Reset();
-        m_manager.Reset();
-    }
+    ~HandoverBench() { ResetControlState(); }
     HandoverBench(const HandoverBench&) = delete;
     HandoverBench& operator=(const HandoverBench&) = delete;
 

@@ -169,8 +169,7 @@ TEST_F(Handover, AnUnknownSourceIsStoredBeforeItThrows) {
 
 TEST_F(Handover, ResetStartsAnewAndHearsOfModes) {
     GoToInsControl();
-    vosk::lumo::VoskTelescopeStateManager::Reset();
-    m_bench.m_manager.Reset();
+    vosk::lumo::ResetControlState();
     EXPECT_EQ(m_bench.State(), IDLE);
     EXPECT_EQ(m_bench.Source(), OFF);
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);

@@ -63,9 +63,8 @@ private:
 class LibMainTest : public ::testing::Test {
 protected:
     LibMainTest() {
-        VoskTelescopeStateManager::Reset();
+        ResetControlState();
         VoskTelescopeStateManager::SetActiveCameraFS(Camera::IMG_GP1);
-        VoskHandoverManager::GetInstance().Reset();
     }
 
     ~LibMainTest() override { m_library.StopThreads(); }

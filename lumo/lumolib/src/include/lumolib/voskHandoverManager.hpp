@@ -35,8 +35,9 @@ public:
     // The first call attaches the object to the control mode: changes before it reach no handover.
     static VoskHandoverManager& GetInstance();
 
-    // Back to the first values, and attached anew: for use after VoskTelescopeStateManager::Reset, which has
-    // dropped the former attachment. The host's thread, while no worker runs.
+    // Back to the first values, and attached once more: for use after VoskTelescopeStateManager::Reset, which
+    // has dropped the former attachment; ResetControlState does both. The host's thread, while no worker
+    // runs.
     void Reset();
 
     // The host's thread, as observer of the control mode.
@@ -74,5 +75,10 @@ private:
     std::atomic<time_point> m_first_ins_cmd_time{};
     std::atomic<defs::AoCommandSource> m_m4_cmd_source = defs::AoCommandSource::OFF;
 };
+
+// Control mode, observers and handover in their first state, the manager attached exactly once; the active
+// camera stays. The manager attaches itself when it comes into being and again when it is reset, so the order
+// of the three matters, and this is the place that knows it. The host's thread, while no worker runs.
+void ResetControlState();
 
 }  // namespace vosk::lumo
