@@ -91,6 +91,7 @@ void PerformanceData::Reset() {
     SetMsFsTt(time_point{}, ZERO);
     SetU4FsTt(time_point{}, ZERO);
     SetU5FsTt(time_point{}, ZERO, ZERO);
+    const std::lock_guard lock(m_mutex);
     ResetFSTelemetryData();
     ResetWavefrontTelemetryData();
 }

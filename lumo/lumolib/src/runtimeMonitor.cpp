@@ -115,7 +115,7 @@ void RuntimeMonitor::EnableStatistics(const PliConfigInstanceNode& cfg) {
             common::LogAndThrow("ERR: " + periods[name].GetWhere() + ": no stream statistics " + name);
         VOSK_ASSERT(found->second);
         try {
-            found->second->Enable(GetTimeDurationParam<std::chrono::microseconds>(periods, name));
+            found->second->Enable(GetTimeDurationParam<std::chrono::nanoseconds>(periods, name));
         } catch (const std::exception& error) {
             common::LogAndThrow("ERR: " + periods[name].GetWhere() + ": statistics of " + name + ": " +
                                 error.what());

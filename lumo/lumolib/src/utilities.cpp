@@ -2,6 +2,7 @@
 
 #include <vosk/common/logger.hpp>
 
+#include <ratio>
 #include <stdexcept>
 
 namespace vosk::lumo {
@@ -25,14 +26,17 @@ CountAndUnit SplitAtBlank(const std::string& text) {
     return {std::stoll(text.substr(0, blank)), text.substr(blank + 1)};
 }
 
-// std::chrono would overflow without a word where the unit of the text is the coarser one.
-microseconds ToMicroseconds(milliseconds duration) {
-    microseconds::rep count = 0;
-    if (__builtin_mul_overflow(duration.count(), microseconds{milliseconds{1}}.count(), &count)) {
+// Rounded up. std::chrono would overflow without a word where the unit of the text is the coarser one.
+template <class D, class Unit>
+D CeilTo(const CountAndUnit& text) {
+    using Factor = std::ratio_divide<typename Unit::period, typename D::period>;
+    if constexpr (Factor::num == 1) return std::chrono::ceil<D>(Unit{text.count});
+    typename D::rep count = 0;
+    if (__builtin_mul_overflow(text.count, Factor::num, &count)) {
         throw std::out_of_range(
-            "GetTimeDurationParam(): duration out of range: " + std::to_string(duration.count()) + " ms");
+            "GetTimeDurationParam(): duration out of range: " + std::to_string(text.count) + " " + text.unit);
     }
-    return microseconds{count};
+    return D{count};
 }
 
 }  // namespace
@@ -44,16 +48,14 @@ pktwire::Ipv4 GetIpv4Param(const oru::configng::PliConfigInstanceNode& node, con
 
 template <ConfigDuration D>
 D ParseDuration(const std::string& text) {
-    const auto [count, unit] = SplitAtBlank(text);
-    if (unit == "ns") return std::chrono::ceil<D>(nanoseconds{count});
-    if (unit == "us") return std::chrono::ceil<D>(microseconds{count});
-    if (unit == "ms") {
-        if constexpr (std::same_as<D, microseconds>) return ToMicroseconds(milliseconds{count});
-        return std::chrono::ceil<D>(milliseconds{count});
-    }
-    throw std::invalid_argument("GetTimeDurationParam(): unsupported duration unit: " + unit);
+    const CountAndUnit split = SplitAtBlank(text);
+    if (split.unit == "ns") return CeilTo<D, nanoseconds>(split);
+    if (split.unit == "us") return CeilTo<D, microseconds>(split);
+    if (split.unit == "ms") return CeilTo<D, milliseconds>(split);
+    throw std::invalid_argument("GetTimeDurationParam(): unsupported duration unit: " + split.unit);
 }
 
+template nanoseconds ParseDuration<nanoseconds>(const std::string& text);
 template microseconds ParseDuration<microseconds>(const std::string& text);
 template milliseconds ParseDuration<milliseconds>(const std::string& text);
 

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <gim/config.hpp>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <vosk/common/testing/logCapture.hpp>
 
@@ -68,6 +70,24 @@ TEST(RuntimeMonitor, NumbersStatisticsAndStreamsInTheirOrder) {
                 testing::ElementsAre(7, 10, 8, 11, 9, 12, 5, 6, 15, 0, 2, 13, 17, 16, 1, 3, 4, 18, 19, 14));
 }
 
+// The lists are in the order of the members, which are what threads take.
+TEST(RuntimeMonitor, ListsItsMembersInOrder) {
+    auto& m = FreshMonitor();
+    const std::vector<std::shared_ptr<vosk::lumo::Statistics>> statistics{
+        m.m_img_gp1_statistics, m.m_wfs_gp1_statistics, m.m_img_gp2_statistics, m.m_wfs_gp2_statistics,
+        m.m_img_gp3_statistics, m.m_wfs_gp3_statistics, m.m_img_pds_statistics, m.m_wfs_pds_statistics,
+        m.m_fs_statistics,      m.m_m4_statistics,      m.m_m5_statistics,      m.m_pfs_statistics,
+        m.m_ms_statistics,      m.m_ao_statistics,      m.m_ecmwf_statistics};
+    EXPECT_TRUE(std::equal(statistics.rbegin(), statistics.rend(), m.m_statistics.rbegin()));
+    const std::vector<std::shared_ptr<vosk::lumo::StreamState>> states{
+        m.m_img_gp1_state,          m.m_wfs_gp1_state,   m.m_img_gp2_state,   m.m_wfs_gp2_state,
+        m.m_img_gp3_state,          m.m_wfs_gp3_state,   m.m_img_pds_state,   m.m_wfs_pds_state,
+        m.m_ao_wavefront_cmd_state, m.m_m4_input_state,  m.m_m5_input_state,  m.m_pfs_input_state,
+        m.m_ecmwf_input_state,      m.m_ao_output_state, m.m_m4_output_state, m.m_m5_output_state,
+        m.m_ms_output_state,        m.m_fs_input_state,  m.m_fs_output_state, m.m_pfs_output_state};
+    EXPECT_TRUE(std::equal(states.rbegin(), states.rend(), m.m_stream_states.rbegin()));
+}
+
 TEST(RuntimeMonitor, ASecondSetUpKeepsTheFormerObjectsInTheListsOnly) {
     auto& monitor = FreshMonitor();
     const auto former = monitor.m_m4_input_state;
@@ -115,6 +135,17 @@ TEST(RuntimeMonitor, EnablesTheStatisticsThatTheConfigurationNames) {
     EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter sent: max = 0 [us]"));
     EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter received: max = 1 [us]"));
     EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter received: max = 3 [us]"));
+}
+
+TEST(RuntimeMonitor, TakesNominalPeriodsToTheNanosecond) {
+    LogCapture log;
+    auto& monitor = FreshMonitor();
+    EnableStatistics("cfg: {statistics: {wfs_gp1: 1333333 ns}}");
+    for (std::int64_t i = 0; i <= 1000; ++i) {
+        monitor.m_wfs_gp1_statistics->Update(At(i * 1'333'333), At(i * 1'333'333));
+    }
+    monitor.m_wfs_gp1_statistics->Print();
+    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "  Jitter sent: max = 0 [us]"));
 }
 
 TEST(RuntimeMonitor, RefusesStatisticsThatItCannotGather) {

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <string>
 #include <thread>
+#include <vector>
 
 using namespace std::chrono_literals;
 using vosk::common::LogCapture;
@@ -121,19 +123,42 @@ TEST(StatisticsBuffered, TheLaterCallCompletesAPairWithTheNewestTimes) {
     EXPECT_EQ(log.Lines().size(), lines);  // one side alone is no sample
 }
 
-// For the thread sanitizer, and for a lock that a lost pair could leave taken.
+std::vector<unsigned long> SampleCounts(const LogCapture& log) {
+    const std::string start = "Stream 10: num_samples = ";
+    std::vector<unsigned long> counts;
+    for (const auto& line : log.Lines()) {
+        if (line.text.starts_with(start)) counts.push_back(std::stoul(line.text.substr(start.size())));
+    }
+    return counts;
+}
+
 TEST(StatisticsBuffered, TwoThreadsSupplyTheTwoTimesWhileAThirdPrints) {
+    constexpr unsigned long TIMES = 20'000;
+    LogCapture log;
     StatisticsBuffered statistics{10};
     statistics.Enable(1us);
     std::thread sender([&] {
-        for (int i = 0; i < 20'000; ++i) statistics.UpdateTsSent(At(i * 1000));
+        for (unsigned long i = 0; i < TIMES; ++i) statistics.UpdateTsSent(At(0));
     });
     std::thread receiver([&] {
-        for (int i = 0; i < 20'000; ++i) statistics.UpdateTsReceived(At(i * 1000 + 5));
+        for (unsigned long i = 0; i < TIMES; ++i) statistics.UpdateTsReceived(At(0));
     });
     for (int i = 0; i < 100; ++i) statistics.Print();
     sender.join();
     receiver.join();
+    statistics.Print();
+    unsigned long pairs = 0;
+    for (const unsigned long samples : SampleCounts(log)) pairs += samples + 1;  // the anchor isn't counted
+    EXPECT_GE(pairs, 1U);
+    EXPECT_LE(pairs, TIMES);
+
+    // Whichever side was left over: each round completes one pair.
+    for (int i = 0; i < 3; ++i) {
+        statistics.UpdateTsSent(At(0));
+        statistics.UpdateTsReceived(At(0));
+    }
+    statistics.Print();
+    EXPECT_EQ(SampleCounts(log).back(), 2U);
 }
 
 TEST(StatisticsDuration, GivesWholeMicrosecondsWithoutTheValueThatOpenedTheInterval) {

@@ -112,12 +112,24 @@ TEST(TelescopeState, AnInvalidModeIsStoredAndHandedOnBeforeItThrows) {
 
 // The handover manager does so in the first cycle of AoTasks, while the host may be changing modes.
 TEST(TelescopeState, AnObserverCanAttachWhileTheModeChanges) {
+    constexpr int OBSERVERS = 200;
     HandoverBench bench;
-    std::thread attaching([] {
-        for (int i = 0; i < 200; ++i) State::AttachControlModeObserver([](auto, auto) {});
+    int calls = 0;  // observers run on this thread only
+    std::thread attaching([&calls] {
+        for (int i = 0; i < OBSERVERS; ++i)
+            State::AttachControlModeObserver([&calls](auto, auto) { ++calls; });
     });
-    for (int i = 0; i < 200; ++i) State::NotifyControlModeObservers(TEL_DRIVEN, HIGH_ORDER_CASCADE);
+    int most = 0;
+    for (int i = 0; i < OBSERVERS; ++i) {
+        calls = 0;
+        State::NotifyControlModeObservers(TEL_DRIVEN, HIGH_ORDER_CASCADE);
+        EXPECT_GE(calls, most);  // none is lost again
+        most = calls;
+    }
     attaching.join();
+    calls = 0;
+    State::NotifyControlModeObservers(TEL_DRIVEN, HIGH_ORDER_CASCADE);
+    EXPECT_EQ(calls, OBSERVERS);
 }
 
 }  // namespace

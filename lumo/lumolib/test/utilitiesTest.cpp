@@ -13,6 +13,7 @@
 using namespace vosk::lumo;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
 
 namespace {
 
@@ -41,6 +42,9 @@ TEST(Duration, IsRoundedUpToItsUnit) {
     EXPECT_EQ(ParseDuration<milliseconds>("1001 us"), milliseconds{2});
     EXPECT_EQ(ParseDuration<microseconds>("1 ms"), microseconds{1000});
     EXPECT_EQ(ParseDuration<milliseconds>("-7 ms"), milliseconds{-7});
+    EXPECT_EQ(ParseDuration<nanoseconds>("1333333 ns"), nanoseconds{1333333});
+    EXPECT_EQ(ParseDuration<nanoseconds>("-3 us"), nanoseconds{-3000});
+    EXPECT_EQ(ParseDuration<nanoseconds>("2 ms"), nanoseconds{2'000'000});
     EXPECT_EQ(ParseDuration<microseconds>("12abc us"), microseconds{12});
 }
 
@@ -64,6 +68,9 @@ TEST(Duration, KeepsWithinTheRangeOfItsCount) {
     EXPECT_EQ(ParseDuration<microseconds>("9223372036854775 ms"), microseconds{9223372036854775000});
     EXPECT_EQ(refusal("9223372036854776 ms"),
               "GetTimeDurationParam(): duration out of range: 9223372036854776 ms");
+    EXPECT_EQ(TextOf<std::out_of_range>([] { ParseDuration<nanoseconds>("-9223372036854776 us"); }),
+              "GetTimeDurationParam(): duration out of range: -9223372036854776 us");
+    EXPECT_THROW(ParseDuration<nanoseconds>("9223372036855 ms"), std::out_of_range);
     for (const char* unit : {" ns", " us", " ms"}) {
         for (const char* count : {"9223372036854775807", "-9223372036854775808"}) {
             EXPECT_NO_THROW(ParseDuration<milliseconds>(std::string{count} + unit));

@@ -66,7 +66,8 @@ struct FSTelemetryData {
     std::uint32_t fs_output_count = 0;                              // output cycles that got a record
 };
 
-class PerformanceData {
+// On cache lines of its own, as the records of other streams are written from other CPUs.
+class alignas(64) PerformanceData {
 public:
     using TipTilt = std::span<const float, 2>;
 
@@ -86,11 +87,12 @@ public:
     void SetCentroidError(float x, float y);
     void SetTipTiltError(float tip, float tilt);
 
-    // These two take no lock: whoever calls them keeps the writers away.
+    // These two take no lock: whoever calls them keeps writers and readers away.
     void ResetFSTelemetryData();
     void ResetWavefrontTelemetryData();
 
-    // Also the above two: call while no worker runs.
+    // All groups, the above two under the mutex. A figure written meanwhile may stay: call while no worker
+    // runs.
     void Reset();
 
     PerformanceTopic GetDataTopic() const;

@@ -19,7 +19,8 @@ namespace vosk::lumo {
 
 using defs::time_point;
 
-class Statistics {
+// On cache lines of its own: the next stream is written from another CPU.
+class alignas(64) Statistics {
 public:
     // One of the two time series. Deviations are from the grid that starts at the series' first sample.
     struct Record {

@@ -29,7 +29,8 @@ struct StreamTopic {
     float rate = 0;                   // hertz; infinite for a period of 0
 };
 
-class StreamState {
+// On cache lines of its own: the next stream is written from another CPU.
+class alignas(64) StreamState {
 public:
     virtual ~StreamState() = default;
     StreamState(const StreamState&) = delete;

@@ -37,7 +37,7 @@ pktwire::Ipv4 GetIpv4Param(const oru::configng::PliConfigInstanceNode& node, con
                            pktwire::Ipv4 default_value);
 
 template <class D>
-concept ConfigDuration =
+concept ConfigDuration = std::same_as<D, std::chrono::nanoseconds> ||
     std::same_as<D, std::chrono::microseconds> || std::same_as<D, std::chrono::milliseconds>;
 
 // An integer, one blank, a unit: "1500 ns", "500 us", "2 ms", rounded up to a whole count of D.
