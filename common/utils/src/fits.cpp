@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <limits>
 #include <system_error>
@@ -57,13 +58,48 @@ int Open(Fits::HandleType& handle, const std::string& name, int mode, std::strin
     return status;
 }
 
+// Number of elements, 1 without axes. What no memory can hold stays the largest number, so that it can't wrap
+// round to a small one.
+std::size_t Product(const std::vector<std::size_t>& sizes) {
+    if (std::find(sizes.begin(), sizes.end(), std::size_t{0}) != sizes.end()) return 0;
+    std::size_t product = 1;
+    for (const std::size_t size : sizes) {
+        if (__builtin_mul_overflow(product, size, &product)) return std::numeric_limits<std::size_t>::max();
+    }
+    return product;
+}
+
+// What the size keywords of the current header ask for, 0 bytes if they can't be read.
+std::size_t BytesPromised(fitsfile* file) {
+    int status = 0;
+    const auto read = [file, &status](const std::string& key) {
+        LONGLONG value = 0;
+        ffgkyjj(file, key.c_str(), &value, nullptr, &status);
+        return value;
+    };
+    std::vector<std::size_t> factors{static_cast<std::size_t>(std::abs(read("BITPIX")) / 8)};
+    const LONGLONG axes = read("NAXIS");
+    if (status == 0 && axes == 0) return 0;
+    for (LONGLONG axis = 1; axis <= axes && status == 0; ++axis) {
+        factors.push_back(static_cast<std::size_t>(read("NAXIS" + std::to_string(axis))));
+    }
+    if (status == 0) return Product(factors);
+    ffcmsg();
+    return 0;
+}
+
 // END_OF_FILE if the file at hand ends before the data that its current header promises. Such a header may
-// promise more than any memory holds, or than can be read in a day.
+// promise more than any memory holds, or than can be read in a day. cfitsio's own end of the data wraps round
+// where the sizes multiply to more than its count holds.
 int CheckLength(fitsfile* file) {
     int status = 0;
+    LONGLONG data_start = 0;
     LONGLONG data_end = 0;
-    ffghadll(file, nullptr, nullptr, &data_end, &status);
-    if (status != 0 || data_end <= file->Fptr->filesize) return status;
+    ffghadll(file, nullptr, &data_start, &data_end, &status);
+    if (status != 0) return status;
+    const LONGLONG file_end = file->Fptr->filesize;
+    const auto room = static_cast<std::size_t>(std::max<LONGLONG>(file_end - data_start, 0));
+    if (data_end <= file_end && BytesPromised(file) <= room) return 0;
     ffpmsg("The file is shorter than its header says.");
     return END_OF_FILE;
 }
@@ -78,17 +114,6 @@ int OpenToWrite(Fits::HandleType& handle, const std::string& name) {
     // Closed before the file is opened again: cfitsio shares what is open, with its mode.
     const int status = OpenToRead(*MakeHandle(true, {}), name, handle.extension);
     return status == 0 ? Open(handle, name, READWRITE, handle.extension) : status;
-}
-
-// Number of elements, 1 without axes. What no memory can hold stays the largest number, so that it can't wrap
-// round to a small one.
-std::size_t Product(const std::vector<std::size_t>& sizes) {
-    if (std::find(sizes.begin(), sizes.end(), std::size_t{0}) != sizes.end()) return 0;
-    std::size_t product = 1;
-    for (const std::size_t size : sizes) {
-        if (__builtin_mul_overflow(product, size, &product)) return std::numeric_limits<std::size_t>::max();
-    }
-    return product;
 }
 
 void RequireWritable(const Fits::Handle& handle) {
@@ -138,9 +163,13 @@ Fits::Handle Fits::FitsFile(const std::string& path, const std::optional<std::st
 Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
                                  const std::optional<std::string>& extension) {
     Handle handle = MakeHandle(false, extension);
+    std::string unusable;  // why an existing file couldn't be opened
     if (!overwrite) {
-        if (OpenToWrite(*handle, path) == 0) return handle;
-        ffcmsg();  // that it couldn't be opened is no part of a later error
+        const int status = OpenToWrite(*handle, path);
+        if (status == 0) return handle;
+        const std::string reason = ReadStatus(status);
+        std::error_code ignored;  // a file that can't be looked for is told of below
+        if (std::filesystem::exists(path, ignored)) unusable = "; it exists, but: " + reason;
         handle = MakeHandle(false, extension);
     }
     if (const auto parent = std::filesystem::path{path}.parent_path(); !parent.empty()) {
@@ -152,7 +181,8 @@ Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
     ffdhdu(handle->fptr, nullptr, &status);
     ffpcks(handle->fptr, &status);
     if (status != 0) {
-        throw std::runtime_error("Fits: Could not open/create " + path + ", details: " + ReadStatus(status));
+        throw std::runtime_error("Fits: Could not open/create " + path + ", details: " + ReadStatus(status) +
+                                 unusable);
     }
     return handle;
 }
@@ -305,8 +335,8 @@ std::pair<std::vector<std::size_t>, std::vector<Fits::Column>> Fits::ReadTablePa
     return {{columns.size(), static_cast<std::size_t>(rows)}, columns};
 }
 
-void Fits::ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, int datatype,
-                          const std::string& name) {
+std::size_t Fits::ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, int datatype,
+                                 const std::string& name) {
     const auto [sizes, columns] = ReadTableParams(handle, name);
     if (columns.empty()) throw std::invalid_argument(ColumnText(name) + " not foud");
     const std::size_t count = Product(sizes);
@@ -317,6 +347,7 @@ void Fits::ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, 
           &has_null, &status);
     ThrowOnStatus(status, "Fits: Error reading column \"" + name + "\": ");
     if (has_null != 0) throw std::runtime_error(ColumnText(name) + " contains undefined entries");
+    return count;
 }
 
 std::size_t Fits::WriteColumnPriv(const Handle& handle, const void* data, std::size_t size, int datatype,

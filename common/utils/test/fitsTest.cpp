@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -188,7 +189,8 @@ TEST_F(FitsFiles, AreCreatedWithTheirDirectoriesReplacedOrKept) {
                 StartsWith("Fits: Could not open/create /proc/no/image.fits, details: "));
     std::ofstream{Path("text.fits")} << "no FITS at all";
     EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("text.fits"), false); }),
-                StartsWith("Fits: Could not open/create " + Path("text.fits")));
+                AllOf(StartsWith("Fits: Could not open/create " + Path("text.fits") + ", details: "),
+                      HasSubstr("; it exists, but: ")));
     EXPECT_EQ(fs::file_size(Path("text.fits")), 14U);
 }
 
@@ -212,19 +214,26 @@ TEST_F(FitsFiles, RefuseWritesThatDoNotFit) {
 
 // A header that promises terabytes must be refused before memory is taken, or checksums are made, for them.
 TEST_F(FitsFiles, ShorterThanTheirHeaderAreRefused) {
-    Image(Ramp(4), {4});
-    {
-        std::fstream file{Path("image.fits"), std::ios::in | std::ios::out | std::ios::binary};
-        std::string header(2880, ' ');
-        file.read(header.data(), 2880);
-        file.seekp(static_cast<std::streamoff>(header.find("NAXIS1  =")) + 10);
-        file << fmt::format("{:>20}", 1'000'000'000'000L);
+    const std::pair<long, long> sizes[] = {
+        {1'000'000'000'000, 1}, {1L << 33U, 1L << 33U}, {1L << 62U, 1}, {1L << 32U, 1L << 30U}};
+    const std::string reason = "tried to move past end of file, The file is shorter than its header says.";
+    for (const auto& [columns, rows] : sizes) {
+        Image(Ramp(4), {4, 1});
+        {
+            std::fstream file{Path("image.fits"), std::ios::in | std::ios::out | std::ios::binary};
+            std::string header(2880, ' ');
+            file.read(header.data(), 2880);
+            for (const auto& [key, size] : {std::pair{"NAXIS1  =", columns}, {"NAXIS2  =", rows}}) {
+                file.seekp(static_cast<std::streamoff>(header.find(key)) + 10);
+                file << fmt::format("{:>20}", size);
+            }
+        }
+        EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFile(Path("image.fits")); }),
+                    EndsWith("image.fits, details: " + reason));
+        EXPECT_THAT(
+            TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("image.fits"), false); }),
+            AllOf(StartsWith("Fits: Could not open/create"), EndsWith("; it exists, but: " + reason)));
     }
-    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFile(Path("image.fits")); }),
-                EndsWith("image.fits, details: tried to move past end of file, The file is shorter than its "
-                         "header says."));
-    EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("image.fits"), false); }),
-                StartsWith("Fits: Could not open/create"));
 }
 
 TEST_F(FitsFiles, MayBeCompressed) {
@@ -259,8 +268,10 @@ TEST_F(FitsFiles, CarryTables) {
     EXPECT_THAT(Fits::ReadTableParams(file, "flux").first, ElementsAre(0, 3));
 
     std::vector<double> flux(3);
-    Fits::ReadColumnPriv(file, flux.data(), 3, TDOUBLE, "Flux");
-    EXPECT_THAT(flux, ElementsAre(1.5, 2.5, 3.5));
+    flux.push_back(-1);
+    EXPECT_EQ(Fits::ReadColumnPriv(file, flux.data(), 4, TDOUBLE, "Flux"), 3U);
+    EXPECT_THAT(flux, ElementsAre(1.5, 2.5, 3.5, -1));
+    flux.pop_back();
     EXPECT_EQ(
         TextOf<std::invalid_argument>([&] { Fits::ReadColumnPriv(file, flux.data(), 3, TDOUBLE, "flux"); }),
         "Fits: Column \"flux\" not foud");
@@ -272,6 +283,22 @@ TEST_F(FitsFiles, CarryTables) {
     const auto primary = Fits::FitsFile(Path("table.fits"));
     EXPECT_EQ(TextOf<std::runtime_error>([&] { Fits::ReadTableParams(primary, {}); }),
               "Fits: Handle opened for primary image HDU");
+}
+
+TEST_F(FitsFiles, RefuseALogicalColumnWithAnUndefinedEntry) {
+    const auto file = Fits::FitsFileWrite(Path("table.fits"), true, "TAB");
+    Fits::WriteTable(file, {{"valid", "L"}});
+    const std::vector<char> valid{1, 0, 1};
+    Fits::WriteColumnPriv(file, valid.data(), 3, TLOGICAL, "valid", 1);
+    std::vector<char> read(3);
+    EXPECT_EQ(Fits::ReadColumnPriv(file, read.data(), 3, TLOGICAL, "valid"), 3U);
+    EXPECT_EQ(read, valid);
+    int status = 0;
+    ffpclu(file->fptr, 1, 2, 1, 1, &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(
+        TextOf<std::runtime_error>([&] { Fits::ReadColumnPriv(file, read.data(), 3, TLOGICAL, "valid"); }),
+        "Fits: Column \"valid\" contains undefined entries");
 }
 
 TEST_F(FitsFiles, TakeATableBesideTheirImage) {

@@ -100,8 +100,11 @@ public:
     static std::pair<std::vector<std::size_t>, std::vector<Column>> ReadTableParams(
         const Handle& handle, const std::optional<std::string>& column);
 
-    static void ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, int datatype,
-                               const std::string& name);
+    // One element of each row, into a buffer of `size` elements; returns their number. std::invalid_argument
+    // on an unknown column or a short buffer, std::runtime_error on undefined entries. Those are of logical
+    // columns only: a NaN, or a number that TNULL declares undefined, passes as the value that it is.
+    static std::size_t ReadColumnPriv(const Handle& handle, void* buffer, std::size_t size, int datatype,
+                                      const std::string& name);
 
     // `column` and `first_row` count from 1. Return `size`.
     static std::size_t WriteColumnPriv(const Handle& handle, const void* data, std::size_t size, int datatype,
