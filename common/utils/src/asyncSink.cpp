@@ -7,8 +7,10 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <iterator>
 #include <stdexcept>
@@ -24,6 +26,7 @@ constexpr std::size_t USUAL_LENGTH = 256;    // bytes a slot holds without growi
 constexpr std::size_t BATCH_BYTES = 65'536;  // written in one call, about
 constexpr std::chrono::milliseconds LOOK_IN{10};
 constexpr int RETRY_MS = 10;
+constexpr std::chrono::seconds PATIENCE{2};  // with an output that takes nothing, once somebody waits for it
 
 // The thread is to take no signal: they are the host's, and a closed pipe is to be an error of write().
 template <class Body>
@@ -39,7 +42,9 @@ std::thread StartWithoutSignals(Body body) {
 
 int Open(const std::string& file) {
     if (file.empty()) return STDERR_FILENO;
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    // Never blocks, so that a pipe or a terminal that nobody empties can be given up.
+    const int fd =
+        ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (fd < 0) {
         throw std::runtime_error{
             fmt::format("Log file {} cannot be opened: {}", file, std::generic_category().message(errno))};
@@ -49,22 +54,6 @@ int Open(const std::string& file) {
 
 void Close(int fd) {
     if (fd != STDERR_FILENO) ::close(fd);
-}
-
-// False if the text could not be written whole.
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN) {
-            pollfd writable{fd, POLLOUT, 0};
-            ::poll(&writable, 1, RETRY_MS);
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
 }
 
 void AppendLine(std::string& out, log4cplus::helpers::Time time, log4cplus::LogLevel level,
@@ -100,20 +89,25 @@ void AsyncSink::close() {
 void AsyncSink::WriteTo(const std::string& file) {
     const int fd = Open(file);
     Flush();
+    ++m_awaiting;  // until the thread lets go of the former output
     const std::lock_guard lock{m_output_mutex};
+    --m_awaiting;
     Close(m_fd);
     m_fd = fd;
 }
 
 void AsyncSink::Flush() {
     const std::uint64_t wanted = m_head.load(std::memory_order_acquire);
+    ++m_awaiting;
     std::unique_lock lock{m_mutex};
     m_hurry = true;
     m_hurry_cv.notify_one();
     m_written_cv.wait(lock, [this, wanted] { return m_written >= wanted || m_stop; });
+    --m_awaiting;
 }
 
 void AsyncSink::Stop() {
+    ++m_awaiting;  // for good: what is logged from now on must not keep the process either
     {
         const std::lock_guard lock{m_mutex};
         m_hurry = m_stop = true;
@@ -189,9 +183,42 @@ void AsyncSink::TakeBatch() {
 }
 
 void AsyncSink::WriteBatch() {
-    if (!WriteAll(m_fd, m_batch)) m_dropped.fetch_add(m_batch_lines, std::memory_order_relaxed);
+    if (m_awaiting == 0) m_awaited_since.reset();
+    const std::string_view rest = WriteSome(m_batch);
+    const auto lines_left = static_cast<std::uint64_t>(std::count(rest.begin(), rest.end(), '\n'));
+    m_dropped.fetch_add(std::min(lines_left, m_batch_lines), std::memory_order_relaxed);
     m_batch.clear();
     m_batch_lines = 0;
+}
+
+// Gives what could not be written: all after an error, or after an output that takes nothing was waited for
+// long enough.
+std::string_view AsyncSink::WriteSome(std::string_view text) {
+    while (!text.empty()) {
+        // stderr may block, and it isn't ours to change: written only when it has room, and no more than a
+        // pipe with room takes at once. In whole lines, since other processes may write there too.
+        pollfd output{m_fd, POLLOUT, 0};
+        if (::poll(&output, 1, RETRY_MS) <= 0) {
+            if (IsOverdue()) break;
+            continue;
+        }
+        std::string_view chunk = text.substr(0, PIPE_BUF);
+        if (const auto line_end = chunk.rfind('\n'); line_end != chunk.npos)
+            chunk = chunk.substr(0, line_end + 1);
+        const ssize_t written = ::write(m_fd, chunk.data(), chunk.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN ? IsOverdue() : errno != EINTR) {
+            break;
+        }
+    }
+    return text;
+}
+
+bool AsyncSink::IsOverdue() {
+    const auto now = std::chrono::steady_clock::now();
+    if (m_awaiting == 0 || !m_awaited_since) m_awaited_since = now;
+    return m_awaiting != 0 && now - *m_awaited_since >= PATIENCE;
 }
 
 }  // namespace vosk::common

@@ -8,10 +8,13 @@
 #include <log4cplus/spi/loggingevent.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -27,6 +30,7 @@ public:
     // Blocks until the lines logged so far are written or given up.
     void Flush();
     // Writes what is there and ends the thread; lines that come later are written by their writers.
+    // These three wait for an output that takes nothing for 2 s in all; then the lines count as dropped.
     void Stop();
     std::uint64_t Dropped() const noexcept { return m_dropped.load(std::memory_order_relaxed); }
 
@@ -47,6 +51,8 @@ private:
     void Drain();
     void TakeBatch();
     void WriteBatch();
+    std::string_view WriteSome(std::string_view text);
+    bool IsOverdue();
 
     // The ring has one writer (append) and one reader (Drain). Both counters only grow; a slot is the counter
     // modulo the size. Released by the side that owns the slot, acquired by the other.
@@ -55,11 +61,12 @@ private:
     alignas(64) std::atomic<std::uint64_t> m_tail{0};  // lines ever taken out
     alignas(64) std::atomic<std::uint64_t> m_dropped{0};
 
-    std::mutex m_output_mutex;  // guards the next four
+    std::mutex m_output_mutex;  // guards the next five
     int m_fd;
     std::string m_batch;  // text on its way out
     std::uint64_t m_batch_lines = 0;
     std::uint64_t m_dropped_reported = 0;
+    std::optional<std::chrono::steady_clock::time_point> m_awaited_since;  // an output that took nothing
 
     std::mutex m_mutex;  // guards the next three; never taken while logging
     bool m_hurry = false;
@@ -67,6 +74,7 @@ private:
     std::uint64_t m_written = 0;  // lines ever written or given up
     std::condition_variable m_hurry_cv;
     std::condition_variable m_written_cv;
+    std::atomic<int> m_awaiting{0};     // callers that wait for the output
     std::atomic<bool> m_direct{false};  // the thread has ended
     std::thread m_thread;               // last: it uses all of the above
 };

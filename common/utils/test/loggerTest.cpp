@@ -157,6 +157,33 @@ TEST_F(LoggerTest, LosesNothingAtExit) {
     std::filesystem::remove(file);
 }
 
+// What a paused pager does to a host that is told to end. More than a pipe holds, so that some are lost.
+TEST_F(LoggerTest, OutputThatNobodyReadsDoesNotKeepTheProcess) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    for (const bool to_stderr : {false, true}) {
+        EXPECT_EXIT(
+            {
+                ::alarm(60);
+                int ends[2];
+                if (::pipe(ends) != 0) std::exit(2);
+                if (to_stderr) ::dup2(ends[1], STDERR_FILENO);
+                SetupLogging(log4cplus::INFO_LOG_LEVEL,
+                             to_stderr ? std::string{} : "/proc/self/fd/" + std::to_string(ends[1]));
+                for (int i = 0; i < 8000; ++i) LogInfo("{}", i);
+                FlushLog();
+                const bool lost = DroppedLogLines() > 0;
+                LogInfo("this goes nowhere either");
+                std::exit(lost ? 0 : 3);
+            },
+            testing::ExitedWithCode(0), "");
+    }
+}
+
+TEST_F(LoggerTest, RefusesAPipeWithoutAReader) {
+    ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
+    EXPECT_THROW(SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file), std::runtime_error);
+}
+
 TEST(LogCapture, TakesEveryLineOfEveryLevelAndLogger) {
     LogCapture capture;
     LogTrace("{}", 1);
