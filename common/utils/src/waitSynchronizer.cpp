@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
@@ -29,9 +30,13 @@ bool Spin(Done done, const int& running) {
     return IsRunning(running);
 }
 
-SteadyClock::time_point OnSteadyClock(AtomClk::time_point time) {
-    const AtomClk::time_point now = AtomClk::now();
-    return SteadyClock::now() + (time > now + MAX_SLEEP ? MAX_SLEEP : time - now);
+// When to look again for `time`, which is later than `now`.
+SteadyClock::time_point OnSteadyClock(AtomClk::time_point time, AtomClk::time_point now) {
+    // Unsigned: between the ends of the clock's range lies more than its own count holds.
+    const auto left = static_cast<std::uint64_t>(time.time_since_epoch().count()) -
+                      static_cast<std::uint64_t>(now.time_since_epoch().count());
+    constexpr auto LONGEST = static_cast<std::uint64_t>(AtomClk::duration{MAX_SLEEP}.count());
+    return SteadyClock::now() + AtomClk::duration{static_cast<AtomClk::rep>(std::min(left, LONGEST))};
 }
 
 }  // namespace
@@ -86,9 +91,11 @@ bool CVSynchronizer::WaitForUntil(FlagTest done, const AtomClk::time_point& time
     std::unique_lock lock{m_cv_mutex};
     while (true) {
         if (!IsRunning(running)) return false;
-        if ((this->*done)() || AtomClk::now() >= time) return IsRunning(running);
+        if ((this->*done)()) return IsRunning(running);
+        const AtomClk::time_point now = AtomClk::now();
+        if (now >= time) return IsRunning(running);
         // Translated anew in each pass: the two clocks drift apart, and AtomClk may be set.
-        m_cv.wait_until(lock, OnSteadyClock(time));
+        m_cv.wait_until(lock, OnSteadyClock(time, now));
     }
 }
 

@@ -26,9 +26,16 @@ public:
         : m_synchronizer{std::move(synchronizer)} {}
     ~Waiter() { Stop(); }
 
+    // Returns when the thread is at its wait.
     template <class Operation>
     std::future<bool> Start(Operation wait) {
-        return std::async(std::launch::async, [this, wait] { return wait(*m_synchronizer, m_running); });
+        m_entered = false;
+        auto result = std::async(std::launch::async, [this, wait] {
+            m_entered = true;
+            return wait(*m_synchronizer, m_running);
+        });
+        while (!m_entered) std::this_thread::yield();
+        return result;
     }
 
     std::future<bool> StartWait() {
@@ -40,6 +47,7 @@ public:
 private:
     std::shared_ptr<WaitSynchronizer> m_synchronizer;
     int m_running = 1;
+    std::atomic<bool> m_entered{false};
 };
 
 std::optional<bool> Result(std::future<bool>& wait) {
@@ -78,7 +86,7 @@ TEST_P(WaitSynchronizerTest, ReadyFlagEndsAWaitWithoutALookAtTheTime) {
 }
 
 TEST_P(WaitSynchronizerTest, TimeEndsAWaitAndNeverTooEarly) {
-    const WaitSynchronizerFlag flag{m_synchronizer};
+    WaitSynchronizerFlag flag{m_synchronizer};
     EXPECT_TRUE(m_synchronizer->WaitUntil(LONG_PAST, m_running));
     EXPECT_TRUE(m_synchronizer->WaitUntil(AtomClk::time_point::min(), m_running));
     for (int i = 0; i < 20; ++i) {
@@ -86,6 +94,11 @@ TEST_P(WaitSynchronizerTest, TimeEndsAWaitAndNeverTooEarly) {
         EXPECT_TRUE(m_synchronizer->WaitUntil(time, m_running));
         EXPECT_GE(AtomClk::now(), time);
     }
+    flag.SetDataReady();
+    EXPECT_TRUE(m_synchronizer->WaitForNotReadyUntil(LONG_PAST, m_running));
+    const auto time = AtomClk::now() + 200us;
+    EXPECT_TRUE(m_synchronizer->WaitForNotReadyUntil(time, m_running));
+    EXPECT_GE(AtomClk::now(), time);
 }
 
 TEST_P(WaitSynchronizerTest, EitherOfTwoFlagsEndsAWaitUntilBothAreCleared) {
@@ -197,17 +210,26 @@ TEST(WaitUntil, GoesByAtomClkWhereTheSteadyClockDiffers) {
         const AtomClk::time_point start{AtomClk::duration{1'000'000}};
         atomclk::ManualClock clock{start};
         Waiter waiter{MakeWaitSynchronizer(busy)};
-        std::atomic<int> entered{0};
-        auto wait = waiter.Start([&](auto& synchronizer, const int& running) {
-            entered = 1;
+        auto wait = waiter.Start([start](auto& synchronizer, const int& running) {
             return synchronizer.WaitUntil(start + 100us, running);
         });
-        while (entered == 0) std::this_thread::yield();
         // Several sleeps of 100 us: were the wait to end with the first, it would be over now.
         EXPECT_EQ(wait.wait_for(20ms), std::future_status::timeout);
         clock.Set(start + 100us);
         EXPECT_EQ(Result(wait), true);
     }
+}
+
+// Nobody notifies: a sleep that were cut at the wrong place would last an hour.
+TEST(WaitUntil, SleepsNoLongerThanToTheEndOfTheClocksRange) {
+    atomclk::ManualClock clock{AtomClk::time_point::max() - 1ms};
+    Waiter waiter{MakeWaitSynchronizer(false)};
+    auto wait = waiter.Start([](auto& sleeper, const int& running) {
+        return sleeper.WaitUntil(AtomClk::time_point::max(), running);
+    });
+    EXPECT_EQ(wait.wait_for(20ms), std::future_status::timeout);
+    clock.Set(AtomClk::time_point::max());
+    EXPECT_EQ(Result(wait), true);
 }
 
 TEST(WaitUntil, NotificationLetsASleeperSeeAClockThatWasMovedOn) {

@@ -9,7 +9,8 @@
 
 namespace vosk::lumo {
 
-// Time of day as if the count were UTC, "12:34:56.000007": no date, no leap-second correction.
+// Time of day, at or after the epoch, as if the count were UTC, "12:34:56.000007": no date, no leap-second
+// correction.
 std::string GetTimeString(atomclk::AtomClk::time_point time);
 
 // Whole microseconds, cut towards zero, as a 32-bit integer: "1 us" for 1500 ns.
