@@ -110,8 +110,17 @@ PliConfigInstanceNodeBase::Content PliConfigInstanceNodeBase::GetElement(unsigne
     }
     const auto& elements = m_content->GetSequence();
     if (index < elements.size()) return Handle(*elements[index]);
-    throw PliConfigNotFoundError(
-        "Element with index " + std::to_string(index) + " not defined in node " + GetPath(), GetWhere());
+    ThrowNoElement(std::to_string(index));
+}
+
+PliConfigInstanceNodeBase::Content PliConfigInstanceNodeBase::GetElement(long index) const {
+    if (index < 0 && IsSequence()) ThrowNoElement(std::to_string(index));
+    return GetElement(static_cast<unsigned long>(index));
+}
+
+void PliConfigInstanceNodeBase::ThrowNoElement(const std::string& index) const {
+    throw PliConfigNotFoundError("Element with index " + index + " not defined in node " + GetPath(),
+                                 GetWhere());
 }
 
 PliConfigInstanceNodeBase::Content PliConfigInstanceNodeBase::GetIterated(unsigned long index) const {

@@ -66,13 +66,14 @@ PliConfigDocument PliConfigDocument::FromText(const std::string& text, const std
 
 PliConfigDocument PliConfigDocument::FromFile(const std::string& path) {
     std::error_code error;
-    // A directory would open, and read as an empty file.
-    if (std::filesystem::is_directory(path, error)) RefuseFile(path, "is a directory");
+    const auto status = std::filesystem::status(path, error);
+    // A directory would open, and read as an empty file; a pipe without a writer would not even open.
+    if (exists(status) && !is_regular_file(status)) RefuseFile(path, "is no file");
     std::ifstream file{path, std::ios::binary};
     if (!file) RefuseFile(path, "can't be opened: " + std::generic_category().message(errno));
     std::string text;
     std::vector<char> block(1U << 16U);
-    // Stops beyond the limit: a pipe or a device may have no end.
+    // Stops beyond the limit, where the text is refused.
     while (text.size() <= MAX_DOCUMENT_BYTES && file) {
         file.read(block.data(), static_cast<std::streamsize>(block.size()));
         text.append(block.data(), static_cast<std::size_t>(file.gcount()));

@@ -51,6 +51,7 @@ void TreeBuilder::OnNull(const YAML::Mark& mark, YAML::anchor_t anchor) {
 
 void TreeBuilder::OnAlias(const YAML::Mark& mark, YAML::anchor_t anchor) {
     RefuseAsKey(mark);
+    if (m_anchored_keys.contains(anchor)) ThrowDocumentError(m_tree->name, mark, "an alias that names a key");
     const auto found = m_anchored.find(anchor);
     if (found == m_anchored.end())
         ThrowDocumentError(m_tree->name, mark, "an alias inside the node that it names");
@@ -61,7 +62,7 @@ void TreeBuilder::OnAlias(const YAML::Mark& mark, YAML::anchor_t anchor) {
 void TreeBuilder::OnScalar(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
                            const std::string& value) {
     CheckTag(m_tree->name, mark, tag);
-    if (IsKeyNext()) return TakeKey(mark, tag, value);
+    if (IsKeyNext()) return TakeKey(mark, tag, anchor, value);
     NodeContent& node = Append(mark, PliConfigNodeKind::SCALAR);
     node.scalar = {value, IsText(tag)};
     SetAnchor(anchor, node);
@@ -87,12 +88,14 @@ void TreeBuilder::RefuseAsKey(const YAML::Mark& mark) const {
     if (IsKeyNext()) ThrowDocumentError(m_tree->name, mark, "a key must be text");
 }
 
-void TreeBuilder::TakeKey(const YAML::Mark& mark, const std::string& tag, const std::string& text) {
+void TreeBuilder::TakeKey(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
+                          const std::string& text) {
     if (text == "<<" && !IsText(tag)) ThrowDocumentError(m_tree->name, mark, "merge keys are not supported");
     OpenNode& map = m_open.back();
     if (!map.keys.insert(text).second) {
         ThrowDocumentError(m_tree->name, mark, "key \"" + text + "\" stands twice in " + map.node->GetPath());
     }
+    if (anchor != YAML::NullAnchor) m_anchored_keys.insert(anchor);
     map.key = Key{text, mark.line + 1};
 }
 

@@ -55,7 +55,8 @@ private:
     };
 
     bool IsKeyNext() const;
-    void TakeKey(const YAML::Mark& mark, const std::string& tag, const std::string& text);
+    void TakeKey(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
+                 const std::string& text);
     void RefuseAsKey(const YAML::Mark& mark) const;
     NodeContent& Append(const YAML::Mark& mark, PliConfigNodeKind kind);
     NodeContent& NewChild(const YAML::Mark& mark, NodeContent& parent);
@@ -66,6 +67,7 @@ private:
 
     std::shared_ptr<Tree> m_tree;
     std::vector<OpenNode> m_open;
+    std::unordered_set<YAML::anchor_t> m_anchored_keys;
     // Complete nodes only: an alias inside the node that it names finds none.
     std::unordered_map<YAML::anchor_t, const NodeContent*> m_anchored;
 };

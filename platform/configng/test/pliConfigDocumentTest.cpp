@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -78,6 +79,7 @@ TEST(Document, ExpandsAliasesWithinBounds) {
     EXPECT_EQ(top["c"]["d"]["b"].GetLine(), 2);
 
     EXPECT_THAT(RefusalOf("a: &x [1, *x]"), HasSubstr("an alias inside the node that it names"));
+    EXPECT_EQ(RefusalOf("&k name: 1\nb: *k\n"), "t.yaml:2:4: an alias that names a key");
     EXPECT_THAT(RefusalOf("a: *unknown"), HasSubstr("t.yaml:1:"));
     std::string laughs = "k0: &a0 [1]\n";
     std::string nested = "k0: &a0 [1]\n";
@@ -94,11 +96,15 @@ TEST(Document, ReadsAFileAndNamesItInErrors) {
     std::ofstream{path} << "cfg:\n  a: 5\n";
     EXPECT_EQ(PliConfigDocument::FromFile(path).Instances()["cfg"]["a"].As<int>(), 5);
     std::ofstream{path} << "cfg:\n  a: [\n";
+    const std::string pipe = testing::TempDir() + "pliConfigDocumentTest.pipe";
+    std::filesystem::remove(pipe);
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     for (const auto& [file, text] :
          {std::pair{path, path + ":3:1: "},
-          {testing::TempDir(), testing::TempDir() + ": is a directory"},
+          {testing::TempDir(), testing::TempDir() + ": is no file"},
+          {pipe, pipe + ": is no file"},
           {std::string{"/no/such.yaml"}, "/no/such.yaml: can't be opened: No such file"},
-          {std::string{"/dev/zero"}, "/dev/zero: larger than"}}) {
+          {std::string{"/dev/zero"}, "/dev/zero: is no file"}}) {
         try {
             PliConfigDocument::FromFile(file);
             FAIL() << file;
@@ -107,6 +113,7 @@ TEST(Document, ReadsAFileAndNamesItInErrors) {
         }
     }
     std::filesystem::remove(path);
+    std::filesystem::remove(pipe);
 }
 
 TEST(UnreadKeys, AreThoseThatNobodyAskedFor) {

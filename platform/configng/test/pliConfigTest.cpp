@@ -10,6 +10,7 @@
 #include <iterator>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace oru::configng;
@@ -68,6 +69,19 @@ TEST(Node, OutlivesItsDocument) {
     EXPECT_EQ(kept.GetPath(), "cfg.a[1]");
 }
 
+TEST(Node, StaysItselfWhenItIsMovedFrom) {
+    auto node = Value("[1, 2]");
+    const auto taken = std::move(node);
+    EXPECT_EQ(node[0].As<int>(), 1);  // NOLINT(bugprone-use-after-move): what is tried here
+    EXPECT_EQ(taken[1].As<int>(), 2);
+}
+
+template <class T>
+concept TakesAsIndex = requires(const PliConfigInstanceNode& node, T index) {
+    node[index];
+};
+static_assert(TakesAsIndex<int> && TakesAsIndex<std::size_t> && !TakesAsIndex<bool> && !TakesAsIndex<char>);
+
 TEST(Node, TellsWhatItLacks) {
     const auto cfg = Read("cfg: {list: [1, 2], text: x, nothing: }")["cfg"];
     EXPECT_EQ(cfg.GetSize(), 3U);
@@ -78,6 +92,8 @@ TEST(Node, TellsWhatItLacks) {
     EXPECT_EQ(TextOf<PliConfigNotFoundError>([&] { cfg["busy"]; }), "Member busy not defined in node cfg");
     EXPECT_EQ(TextOf<PliConfigNotFoundError>([&] { cfg["list"][2]; }),
               "Element with index 2 not defined in node cfg.list");
+    EXPECT_EQ(TextOf<PliConfigNotFoundError>([&] { cfg["list"][-1]; }),
+              "Element with index -1 not defined in node cfg.list");
     EXPECT_EQ(TextOf<PliConfigTypeError>([&] { static_cast<void>(cfg["text"].Has("busy")); }),
               "Member existence by name is supported only on MAP nodes");
     EXPECT_EQ(TextOf<PliConfigTypeError>([&] { cfg["list"]["busy"]; }),

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -61,23 +62,27 @@ protected:
 
     PliConfigInstanceNodeBase();
     explicit PliConfigInstanceNodeBase(Content content) : m_content{std::move(content)} {}
+    // A move copies: a node that was moved from still is that node.
     PliConfigInstanceNodeBase(const PliConfigInstanceNodeBase&) = default;
-    PliConfigInstanceNodeBase(PliConfigInstanceNodeBase&&) = default;
     PliConfigInstanceNodeBase& operator=(const PliConfigInstanceNodeBase&) = default;
-    PliConfigInstanceNodeBase& operator=(PliConfigInstanceNodeBase&&) = default;
 
     Content GetMember(const std::string& key) const;
     Content GetElement(unsigned long index) const;
+    Content GetElement(long index) const;
     Content GetIterated(unsigned long index) const;
     [[noreturn]] void ThrowConversionFailed(const std::type_info& type, const char* reason) const;
 
 private:
     Content Handle(const detail::NodeContent& child) const;
+    [[noreturn]] void ThrowNoElement(const std::string& index) const;
 
     Content m_content;  // never null; part of the document's tree, which it keeps alive
 };
 
 class PliConfigNodeIterator;
+
+template <class T>
+concept PliConfigIndex = std::integral<T> && !std::same_as<T, bool> && !std::same_as<T, char>;
 
 template <class Base>
 class PliConfigNode : public Base {
@@ -91,8 +96,9 @@ public:
     PliConfigNode operator[](const std::string& key) const { return PliConfigNode{this->GetMember(key)}; }
     PliConfigNode operator[](const char* key) const { return PliConfigNode{this->GetMember(key)}; }
     // For any integer, so that a literal 0 is an index and not a null pointer.
-    PliConfigNode operator[](std::integral auto index) const {
-        return PliConfigNode{this->GetElement(static_cast<unsigned long>(index))};
+    PliConfigNode operator[](PliConfigIndex auto index) const {
+        using Widest = std::conditional_t<std::is_signed_v<decltype(index)>, long, unsigned long>;
+        return PliConfigNode{this->GetElement(static_cast<Widest>(index))};
     }
 
     // The value as a scalar type or as PliMatrix2D<double>; PliConfigValueError tells node, type and reason.

@@ -13,7 +13,7 @@ namespace oru::configng {
 
 // Refused with PliConfigDocumentError, which says where: text that is no YAML or no UTF-8, no or more than
 // one document, a top that is no map, a key twice in a map or one that is no text, a merge key, an unknown
-// tag, an alias inside the node that it names, and documents beyond these limits.
+// tag, an alias that names a key or the node it stands in, and documents beyond these limits.
 inline constexpr std::size_t MAX_DOCUMENT_BYTES = 4UL << 20U;
 inline constexpr std::size_t MAX_DOCUMENT_NODES = 250'000;  // with each alias counted as what it stands for
 inline constexpr std::size_t MAX_DOCUMENT_DEPTH = 64;
@@ -28,6 +28,7 @@ struct PliConfigKey {
 
 class PliConfigDocument {
 public:
+    // A regular file: a pipe could keep the host waiting for ever.
     static PliConfigDocument FromFile(const std::string& path);
     // `name` stands for the file in messages.
     static PliConfigDocument FromText(const std::string& text, const std::string& name);
