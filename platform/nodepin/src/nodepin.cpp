@@ -117,8 +117,8 @@ std::error_code ThreadInitializer::Apply(const char*& step) const {
         code != 0) {
         return {code, std::system_category()};
     }
-    step = "making its sleeps precise";
-    if (::prctl(PR_SET_TIMERSLACK, TIMER_SLACK_NS, 0, 0, 0) != 0) return LastError();
+    // A system that forbids this leaves the thread with less precise sleeps, which is no reason not to start.
+    static_cast<void>(::prctl(PR_SET_TIMERSLACK, TIMER_SLACK_NS, 0, 0, 0));
     step = "binding it to its CPU";
     if (m_policies.cpu_affinity) {
         if (const auto error = m_policies.cpu_affinity->ApplyToThisThread()) return error;
