@@ -99,6 +99,7 @@ std::future<void> Thread::Start() {
     LogTrace("Starting thread {}: {}", m_name, m_description);
     std::promise<void> started;
     std::future<void> ready = started.get_future();
+    m_has_ended_by_itself.store(false);
     common::SetRunning(m_running, true);
     try {
         m_worker = nodepin::MakeThread(m_name, m_numa_policies,
@@ -138,6 +139,7 @@ void Thread::TryWork(std::promise<void>& started) {
             LogError("Problem detected in {}::Work(): {}", m_name, failure.what());
         }
     }
+    m_has_ended_by_itself.store(IsRunning());
     common::SetRunning(m_running, false);
 }
 

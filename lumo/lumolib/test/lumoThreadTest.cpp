@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <numa.h>
 #include <pthread.h>
+#include <sched.h>
 #include <oru/configng/pliConfigDocument.hpp>
 #include <vosk/common/testing/logCapture.hpp>
 
@@ -11,7 +12,9 @@
 #include <chrono>
 #include <functional>
 #include <stdexcept>
+#include <string>
 #include <utility>
+#include <vector>
 
 using atomclk::AtomClk;
 using namespace std::chrono_literals;
@@ -100,6 +103,31 @@ TEST(Thread, WithACpuItsEndpointsAllocateFromTheNodesBuffer) {
     EXPECT_TRUE(capture.Has(log4cplus::DEBUG_LOG_LEVEL, "Thread Test, setting NUMA buffer, size = 8192"));
 }
 
+TEST(Thread, WithACpuItsWorkerRunsThereAlone) {
+    if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
+    const int cpu = ::sched_getcpu();
+    cpu_set_t bound;
+    CPU_ZERO(&bound);
+    TestThread thread{[&bound](TestThread&, std::promise<void>& started) {
+                          ::sched_getaffinity(0, sizeof(bound), &bound);
+                          started.set_value();
+                      },
+                      "{busy: false, cpu: " + std::to_string(cpu) + "}"};
+    thread.Start().get();
+    EXPECT_EQ(CPU_COUNT(&bound), 1);
+    EXPECT_TRUE(CPU_ISSET(static_cast<unsigned>(cpu), &bound));
+}
+
+TEST(Thread, GoesOnWithoutABufferThatNoMemoryHolds) {
+    if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
+    common::LogCapture capture;
+    TestThread thread{RunUntilStopped, "{busy: false, cpu: 0, numa_buf_size: 4611686018427387904}"};
+    EXPECT_TRUE(capture.Has(
+        WARN_LOG_LEVEL,
+        "Thread Test, setting NUMA buffer has failed, code = 12, message = Cannot allocate memory"));
+    EXPECT_EQ(thread.MemoryResource(), nullptr);
+}
+
 TEST(Thread, GoesOnUnplacedOnACpuThatIsNotThere) {
     if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
     common::LogCapture capture;
@@ -107,6 +135,24 @@ TEST(Thread, GoesOnUnplacedOnACpuThatIsNotThere) {
     EXPECT_TRUE(capture.Has(WARN_LOG_LEVEL, "Thread Test, CPU binding has failed"));
     EXPECT_EQ(thread.MemoryResource(), nullptr);
     thread.Start().get();
+}
+
+TEST(Thread, TellsItsLifeInTheLog) {
+    common::LogCapture capture;
+    TestThread thread{[](TestThread& self, std::promise<void>& started) {
+        started.set_value();
+        self.m_synchronizer->Wait(self.m_running);
+    }};
+    thread.Start().get();
+    thread.Stop();
+    const std::vector<common::LogCapture::Line> life{
+        {log4cplus::DEBUG_LOG_LEVEL, "Setting up Test thread"},
+        {log4cplus::TRACE_LOG_LEVEL, "Thread Test: CPU = -1, busy waiting = 0"},
+        {log4cplus::TRACE_LOG_LEVEL, "Starting thread Test: a test"},
+        {log4cplus::TRACE_LOG_LEVEL, "Started thread Test: a test"},
+        {log4cplus::TRACE_LOG_LEVEL, "Stopping thread Test"},
+        {log4cplus::TRACE_LOG_LEVEL, "Stopped thread Test"}};
+    EXPECT_EQ(capture.Lines(), life);
 }
 
 TEST(Thread, CarriesItsNameCutToWhatTheSystemTakes) {
@@ -170,6 +216,27 @@ TEST(Thread, LeavingWorkWithoutAHandshakeBreaksThePromise) {
     WaitUntilEnded(thread);
 }
 
+TEST(Thread, KnowsWhetherItEndedByItself) {
+    bool leaves = true;
+    TestThread thread{[&leaves](TestThread& self, std::promise<void>& started) {
+        if (!leaves) return RunUntilStopped(self, started);
+        started.set_value();
+        throw std::runtime_error{"no more"};
+    }};
+    EXPECT_FALSE(thread.HasEndedByItself());
+    thread.Start().get();
+    WaitUntilEnded(thread);
+    EXPECT_TRUE(thread.HasEndedByItself());
+    thread.Stop();
+    EXPECT_TRUE(thread.HasEndedByItself());
+
+    leaves = false;
+    thread.Start().get();
+    EXPECT_FALSE(thread.HasEndedByItself());
+    thread.Stop();
+    EXPECT_FALSE(thread.HasEndedByItself());
+}
+
 TEST(Thread, StopEndsAWorkerInAnyOfItsWaits) {
     for (const char* config : {"{busy: false}", "{busy: true}"}) {
         TestThread waiting{[](TestThread& thread, std::promise<void>& started) {
@@ -224,13 +291,13 @@ TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
     EXPECT_EQ(given.m_send_offset, 2us);
     common::LogCapture capture;
     EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: -1 us}"}; }),
-              "ERR: test.node.timeout must not be negative");
+              "ERR: node.timeout must not be negative");
     EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: 3600001 ms}"}; }),
-              "ERR: test.node.timeout is out of range");
+              "ERR: node.timeout is out of range");
     EXPECT_EQ(MessageOf([] { TestTxThread{"{busy: false, send_interval: 3600001 ms}"}; }),
-              "ERR: test.node.send_interval is out of range");
+              "ERR: node.send_interval is out of range");
     EXPECT_EQ(MessageOf([] { TestTxThread{"{busy: false, send_offset: -3600001 ms}"}; }),
-              "ERR: test.node.send_offset is out of range");
+              "ERR: node.send_offset is out of range");
 }
 
 TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {

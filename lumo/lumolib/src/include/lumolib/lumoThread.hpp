@@ -12,6 +12,7 @@
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -45,6 +46,10 @@ public:
     // False: the thread is to end, and the caller must leave Work() at once. True: the time has come, or a
     // flag on m_synchronizer is ready; without flags a precise sleep.
     bool WaitUntil(const atomclk::AtomClk::time_point& time) const;
+
+    // Whether Work() has returned or failed though nobody had called Stop(). Until the next Start(); any
+    // thread.
+    bool HasEndedByItself() const noexcept { return m_has_ended_by_itself.load(); }
 
     const std::string& GetName() const noexcept { return m_name; }
     const std::string& GetDescription() const noexcept { return m_description; }
@@ -85,6 +90,7 @@ protected:
     int m_running = 0;
 
 private:
+    std::atomic<bool> m_has_ended_by_itself{false};
     std::thread m_worker;  // controlling thread only
 };
 
