@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::size_t CAPACITY = 8192;       // lines
 constexpr std::size_t USUAL_LENGTH = 256;    // bytes a slot holds without growing
-constexpr std::size_t BATCH_BYTES = 65'536;  // written in one call, about
+constexpr std::size_t BATCH_BYTES = 65'536;  // taken out at once, about
 constexpr std::chrono::milliseconds LOOK_IN{10};
 constexpr int RETRY_MS = 10;
 constexpr std::chrono::seconds PATIENCE{2};  // with an output that takes nothing, once somebody waits for it
