@@ -5,6 +5,7 @@
 
 #include <semaphore.h>
 #include <chrono>
+#include <optional>
 
 namespace vosk::common::shmif {
 
@@ -20,11 +21,16 @@ public:
     // semaphore.
     explicit NamedLock(const char* name = REGIONS_LOCK, std::chrono::nanoseconds limit = REGIONS_LOCK_LIMIT);
     ~NamedLock();
-    NamedLock(const NamedLock&) = delete;
-    NamedLock& operator=(const NamedLock&) = delete;
+    NamedLock(NamedLock&& other) noexcept;
+    NamedLock& operator=(NamedLock&&) = delete;
+
+    // Takes the lock if it is free: no wait and no take-over, for those who must not be held up.
+    static std::optional<NamedLock> TryTake(const char* name = REGIONS_LOCK) noexcept;
 
 private:
-    sem_t* m_semaphore;
+    explicit NamedLock(sem_t* taken) noexcept : m_semaphore{taken} {}
+
+    sem_t* m_semaphore;  // null once moved from
 };
 
 }  // namespace vosk::common::shmif

@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <cerrno>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
@@ -119,17 +118,17 @@ FileDescriptor Create(const std::string& name) {
 }
 
 // Closing goes on without the lock if the system refuses it: a close can't fail.
-std::unique_ptr<NamedLock> TakeRegionsLock() noexcept try {
-    return std::make_unique<NamedLock>();
+std::optional<NamedLock> TakeRegionsLock() noexcept try {
+    return std::optional<NamedLock>{std::in_place};
 } catch (const std::exception& error) {
     LogWarn("The lock of the shared-memory regions is refused: {}", error.what());
-    return nullptr;
+    return std::nullopt;
 }
 
 }  // namespace
 
-void ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::string& topic, std::size_t size) {
-    const NamedLock lock;
+NamedLock ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::string& topic, std::size_t size) {
+    NamedLock lock;
     const std::string name = prefix + topic;
     const std::size_t region_size = size + sizeof(RtRegion);
 
@@ -159,6 +158,7 @@ void ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::string& to
     m_fd = fd.Release();
     m_valid = true;
     m_next_look = std::chrono::steady_clock::now() + LOOK_INTERVAL;
+    return lock;
 }
 
 ShmBaseRT::~ShmBaseRT() {
@@ -178,8 +178,7 @@ bool ShmBaseRT::HasSuccessor(std::chrono::steady_clock::time_point now) noexcept
     return status && status->st_nlink == 0 && OpenExisting(m_name).IsOpen();
 }
 
-bool ShmBaseRT::MoveToSuccessor() noexcept {
-    const auto lock = TakeRegionsLock();
+bool ShmBaseRT::MoveToSuccessor(const NamedLock& /*held*/) noexcept {
     FileDescriptor fd = OpenExisting(m_name);
     if (!fd.IsOpen() || !IsLongEnough(fd.Get(), m_region_size)) return false;
     RtRegion* region = Map(fd.Get(), m_region_size);

@@ -32,6 +32,25 @@ std::unique_ptr<bip::message_queue> Create(const std::string& name, std::size_t 
                                                 bip::permissions{QUEUE_PERMISSIONS});
 }
 
+std::uint64_t InodeOf(int fd) noexcept {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 ? status.st_ino : 0;
+}
+
+// 0 if the name stands for nothing.
+std::uint64_t InodeOf(const std::string& name) noexcept {
+    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
+    if (fd == -1) return 0;
+    const std::uint64_t inode = InodeOf(fd);
+    ::close(fd);
+    return inode;
+}
+
+// Not what somebody else has put under the name since.
+void RemoveIfStill(std::uint64_t inode, const std::string& name) noexcept {
+    if (InodeOf(name) == inode) bip::message_queue::remove(name.c_str());
+}
+
 enum class Completion { COMPLETE, UNFINISHED, NO_QUEUE };
 
 // Looks at what has the name, without waiting. The first word of a queue says how far its creator has come.
@@ -61,6 +80,7 @@ void RemoveIfUnfinished(const std::string& name) {
         std::this_thread::sleep_for(COMPLETION_POLL);
         completion = LookAt(fd);
     }
+    const std::uint64_t inode = InodeOf(fd);
     ::close(fd);
     if (completion == Completion::NO_QUEUE) {
         throw bip::interprocess_exception{bip::error_info{bip::already_exists_error},
@@ -68,7 +88,7 @@ void RemoveIfUnfinished(const std::string& name) {
     }
     if (completion == Completion::COMPLETE) return;
     LogWarn("Queue {} was left unfinished by its creator and is made anew.", name);
-    bip::message_queue::remove(name.c_str());
+    RemoveIfStill(inode, name);
 }
 
 // True if the queue's own lock was not to be had within its limit: its holder is gone.
@@ -88,23 +108,30 @@ bool IsLockLost(Operation&& operation) {
 void ShmBaseBoost::CreateOrOpenBoost(const std::string& prefix, const std::string& topic, std::size_t size) {
     m_name = prefix + topic;
     m_data_size = size;
+    OpenOrCreate();
+    m_valid = true;
+}
+
+void ShmBaseBoost::OpenOrCreate() {
     RemoveIfUnfinished(m_name);
     try {
         m_queue = std::make_unique<bip::message_queue>(bip::open_only, m_name.c_str());
     } catch (const bip::interprocess_exception&) {
-        m_queue = Create(m_name, size);  // there is none
+        m_queue = Create(m_name, m_data_size);  // there is none
     }
-    m_valid = true;
-    if (m_queue->get_max_msg_size() < size) {
+    m_inode = InodeOf(m_name);
+    if (m_queue->get_max_msg_size() < m_data_size) {
         LogWarn("Queue {} was made for messages of {} bytes, {} are needed.", m_name,
-                m_queue->get_max_msg_size(), size);
+                m_queue->get_max_msg_size(), m_data_size);
     }
 }
 
-void ShmBaseBoost::Replace() {
+void ShmBaseBoost::Replace() try {
     LogWarn("Queue {} is locked by a process that is gone and is made anew.", m_name);
-    bip::message_queue::remove(m_name.c_str());
-    m_queue = Create(m_name, m_data_size);
+    RemoveIfStill(m_inode, m_name);
+    OpenOrCreate();
+} catch (const bip::interprocess_exception& error) {
+    LogWarn("Queue {} is not to be had anew, the old one is kept: {}", m_name, error.what());
 }
 
 ShmBaseBoost::~ShmBaseBoost() {

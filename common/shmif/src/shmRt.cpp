@@ -1,5 +1,7 @@
 #include <vosk/common/shmif/shmRt.hpp>
 
+#include "namedLock.hpp"
+
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -49,11 +51,34 @@ bool AnotherReaderLives(int fd) noexcept {
     return ::fcntl(fd, F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }
 
+// Never below 0, whoever else has taken this reader off the count.
+void TakeOff(std::atomic<std::uint32_t>& reader_count) noexcept {
+    std::uint32_t seen = reader_count.load();
+    while (seen > 0 && !reader_count.compare_exchange_weak(seen, seen - 1)) {
+    }
+}
+
+// A peer that was taken for killed and then closes takes a live reader off the count.
+void CountOneAtLeast(std::atomic<std::uint32_t>& reader_count) noexcept {
+    std::uint32_t nobody = 0;
+    if (reader_count.load() == nobody) reader_count.compare_exchange_strong(nobody, 1);
+}
+
+// Never lower: another reader may have taken a later record. True if it was below.
+bool RaiseTo(std::atomic<std::uint64_t>& read_seq, std::uint64_t taken) noexcept {
+    std::uint64_t seen = read_seq.load();
+    while (seen < taken) {
+        if (read_seq.compare_exchange_weak(seen, taken)) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 ShmWriterRT::ShmWriterRT(ShmIf& shm, const std::string& topic) {
     const std::size_t size = GetSizeOrThrow(shm, topic, ShmType::SHM_RT);
-    CreateOrOpenShm(shm.GetPrefix(), topic, size);
+    const NamedLock lock = CreateOrOpenShm(shm.GetPrefix(), topic, size);
+    TakeOverSlot();
 }
 
 ShmWriterRT::~ShmWriterRT() {
@@ -67,7 +92,7 @@ bool ShmWriterRT::TimedSend(const void* data, std::chrono::microseconds timeout)
         const std::uint32_t readers = m_region->reader_count.load();
         m_readers_at_put = std::min(m_readers_at_put, readers);
         if (readers == 0) {
-            if (HasSuccessor(start)) MoveToSuccessor();
+            FollowReader(start);
             return true;
         }
         slot_is_ours = slot_is_ours || m_region->SlotIsFree();
@@ -76,11 +101,10 @@ bool ShmWriterRT::TimedSend(const void* data, std::chrono::microseconds timeout)
             m_readers_at_put = readers;
             return true;
         }
-        if (timeout <= timeout.zero()) return false;
-        const auto elapsed = SteadyClock::now() - start;
+        const bool may_wait = timeout > timeout.zero();
+        const auto elapsed = may_wait ? SteadyClock::now() - start : SteadyClock::duration::zero();
         if (elapsed >= timeout) {
-            m_give_up_record = readers > m_readers_at_put;
-            if (HasSuccessor(start)) MoveToSuccessor();
+            if (!FollowReader(start)) m_give_up_record = may_wait && readers > m_readers_at_put;
             return false;
         }
         Sleep(m_region->writer_wake, timeout - elapsed);
@@ -88,7 +112,23 @@ bool ShmWriterRT::TimedSend(const void* data, std::chrono::microseconds timeout)
 }
 
 void ShmWriterRT::TrySend(const void* data) {
+    if (m_region->reader_count.load() == 0) FollowReader(SteadyClock::now());
     Put(data);
+}
+
+// A record found in the slot of a region just opened. A live reader of this kind will take it, having freed
+// the slot when it attached; any other may have found it there as well.
+void ShmWriterRT::TakeOverSlot() noexcept {
+    m_readers_at_put = AnotherReaderLives(m_fd) ? m_region->reader_count.load() : 0;
+    m_give_up_record = false;
+}
+
+bool ShmWriterRT::FollowReader(SteadyClock::time_point now) noexcept {
+    if (!HasSuccessor(now)) return false;
+    const auto lock = NamedLock::TryTake();
+    if (!lock || !MoveToSuccessor(*lock)) return false;
+    TakeOverSlot();
+    return true;
 }
 
 void ShmWriterRT::Put(const void* data) noexcept {
@@ -99,14 +139,14 @@ void ShmWriterRT::Put(const void* data) noexcept {
 
 ShmReaderRT::ShmReaderRT(ShmIf& shm, const std::string& topic) {
     const std::size_t size = GetSizeOrThrow(shm, topic, ShmType::SHM_RT);
-    CreateOrOpenShm(shm.GetPrefix(), topic, size);
+    const NamedLock lock = CreateOrOpenShm(shm.GetPrefix(), topic, size);
     Attach();
 }
 
 ShmReaderRT::~ShmReaderRT() {
-    m_region->reader_count.fetch_sub(1);
+    TakeOff(m_region->reader_count);
     m_region->open_count.fetch_sub(1);
-    m_region->read_seq.exchange(m_last_seq);
+    RaiseTo(m_region->read_seq, m_last_seq);
     Wake(m_region->writer_wake, ONE_WAITER);
 }
 
@@ -121,9 +161,12 @@ bool ShmReaderRT::TimedReceive(void* data, std::chrono::nanoseconds limit) {
             Wake(m_region->writer_wake, ONE_WAITER);
             return true;
         }
+        // A reader that closed in the meantime may have left the sequence of its own last record.
+        if (RaiseTo(m_region->read_seq, m_last_seq)) Wake(m_region->writer_wake, ONE_WAITER);
         const auto elapsed =
             limit <= limit.zero() ? SteadyClock::duration::zero() : SteadyClock::now() - start;
         if (elapsed >= limit) {
+            CountOneAtLeast(m_region->reader_count);
             FollowWriter(start);
             return false;
         }
@@ -133,10 +176,13 @@ bool ShmReaderRT::TimedReceive(void* data, std::chrono::nanoseconds limit) {
 
 void ShmReaderRT::Attach() noexcept {
     MarkAsAlive(m_fd);
-    // There is one reader at a time: without another alive, those counted were killed.
-    const std::uint32_t counted = m_region->reader_count.load();
-    const std::uint32_t killed = AnotherReaderLives(m_fd) ? 0 : counted;
-    m_region->reader_count.fetch_add(1 - killed);
+    // There is one reader at a time: without another alive, those counted were killed. One that is closing
+    // goes off the count before it stops being alive.
+    if (AnotherReaderLives(m_fd)) {
+        m_region->reader_count.fetch_add(1);
+    } else {
+        m_region->reader_count.store(1);
+    }
     m_last_seq = m_region->write_seq.load();
     // A record already in the slot would stay there for ever: the writer waits for it to be read.
     m_region->read_seq.exchange(m_last_seq);
@@ -145,9 +191,14 @@ void ShmReaderRT::Attach() noexcept {
 
 void ShmReaderRT::FollowWriter(SteadyClock::time_point now) noexcept {
     if (!HasSuccessor(now)) return;
-    m_region->reader_count.fetch_sub(1);
-    MoveToSuccessor();
-    Attach();
+    const auto lock = NamedLock::TryTake();
+    if (!lock) return;
+    TakeOff(m_region->reader_count);
+    if (MoveToSuccessor(*lock)) {
+        Attach();
+    } else {
+        m_region->reader_count.fetch_add(1);
+    }
 }
 
 }  // namespace vosk::common::shmif

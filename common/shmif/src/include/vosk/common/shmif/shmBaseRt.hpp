@@ -37,6 +37,8 @@ static_assert(offsetof(RtRegion, reader_count) == 56 && offsetof(RtRegion, open_
 static_assert(offsetof(RtRegion, read_seq) == 64 && offsetof(RtRegion, data_size) == 72);
 static_assert(sizeof(RtRegion) == 80);
 
+class NamedLock;
+
 class ShmBaseRT {
 public:
     ShmBaseRT(const ShmBaseRT&) = delete;
@@ -50,16 +52,17 @@ protected:
 
     // Opens the region, or makes it; the size is that of the record. An unfinished region, whose creator was
     // killed, is finished. Throws std::runtime_error if the system refuses or the region is of another size;
-    // a region that is refused stays as it was.
-    void CreateOrOpenShm(const std::string& prefix, const std::string& topic, std::size_t size);
+    // a region that is refused stays as it was. Hands on the lock of all regions, for what else belongs to
+    // the opening.
+    NamedLock CreateOrOpenShm(const std::string& prefix, const std::string& topic, std::size_t size);
 
     // True if another program has removed the name of this region and made a new one under it: whoever still
     // holds the old one talks to nobody. Looks once a second at most, since it asks the system.
     bool HasSuccessor(std::chrono::steady_clock::time_point now) noexcept;
 
-    // Gives up this region and opens the one that now has its name. False, with the old one kept, if that
-    // fails.
-    bool MoveToSuccessor() noexcept;
+    // Gives up this region and opens the one that now has its name, under the lock of all regions. False,
+    // with the old one kept, if that fails.
+    bool MoveToSuccessor(const NamedLock& held) noexcept;
 
     int m_fd = -1;
     RtRegion* m_region = nullptr;

@@ -9,6 +9,7 @@
 #include <boost/interprocess/ipc/message_queue.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -29,13 +30,20 @@ protected:
     // was complete is replaced. Throws boost::interprocess::interprocess_exception.
     void CreateOrOpenBoost(const std::string& prefix, const std::string& topic, std::size_t size);
 
-    // Puts an empty queue in the place of this one, for which its readers have to open the name again.
+    // Takes another queue in the place of this one: the one that somebody else has put under its name, or an
+    // empty one, for which its readers have to open the name again. If neither is to be had, this one is
+    // kept, with a WARN.
     void Replace();
 
     std::size_t m_data_size = 0;
     std::string m_name;
     bool m_valid = false;
     std::unique_ptr<boost::interprocess::message_queue> m_queue;
+
+private:
+    void OpenOrCreate();
+
+    std::uint64_t m_inode = 0;  // of what the name stood for when the queue was opened
 };
 
 class ShmWriterBoost : public ShmBaseBoost {

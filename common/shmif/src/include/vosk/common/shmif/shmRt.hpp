@@ -2,7 +2,8 @@
 
 // The two ends of an RT topic. The slot is the writer's while read_seq >= write_seq, else the reader's, so
 // that neither copies while the other does. The data path is a copy, an atomic step and a futex wake: no
-// lock, no allocation. A wake that falls between a look and the sleep is lost; the sleep then ends at its
+// lock, no allocation. Only the move to another region, when nobody answers any more, tries the lock of the
+// regions, without a wait. A wake that falls between a look and the sleep is lost; the sleep then ends at its
 // limit. Each object belongs to one worker thread.
 
 #include <vosk/common/shmif/shmBaseRt.hpp>
@@ -22,11 +23,14 @@ public:
     // itself; after one whole limit of waiting for such a record the next call writes over it.
     bool TimedSend(const void* data, std::chrono::microseconds timeout);
 
-    // Writes without a look at the reader: for the simulation outputs, whose reader takes what it gets.
+    // Writes whether or not the last record was taken: for the simulation outputs, whose reader takes what it
+    // gets.
     void TrySend(const void* data);
 
 private:
     void Put(const void* data) noexcept;
+    void TakeOverSlot() noexcept;
+    bool FollowReader(std::chrono::steady_clock::time_point now) noexcept;
 
     std::uint32_t m_readers_at_put = 0;  // of these, one was there when the record in the slot was written
     bool m_give_up_record = false;
