@@ -96,11 +96,12 @@ void LibMain::SetupGnuRadioInputOutput(const PliConfigInstanceNode& node) {
 }
 
 void LibMain::SetupDataSync(const PliConfigInstanceNode& node) {
-    if (!node.Has("ecmwfsim") || !node["ecmwfsim"].Has("input")) return;
-    const auto topics = GetVectorParam<std::string>(node["ecmwfsim"]["input"][0], "shm_topic");
+    if (!node.IsMap() || !node.Has("ecmwfsim")) return;
+    const PliConfigInstanceNode simulation = node["ecmwfsim"];
+    if (!simulation.IsMap() || !simulation.Has("input")) return;
+    const auto topics = GetVectorParam<std::string>(simulation["input"][0], "shm_topic");
     if (topics.size() != ECMWFSIM_TOPICS) {
-        throw std::runtime_error(
-            "ERR: ECMWFSim must be configured with SHM topics for all GPs, plus the PDS");
+        common::LogAndThrow("ERR: ECMWFSim must be configured with SHM topics for all GPs, plus the PDS");
     }
 }
 

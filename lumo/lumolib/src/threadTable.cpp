@@ -17,6 +17,10 @@ void Make(const PliConfigInstanceNode& node, const EnterThread& enter) {
     enter(std::make_unique<T>(node));
 }
 
+void RequireSequence(const PliConfigInstanceNode& stream) {
+    if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
+}
+
 void LogIfAny(const std::string& text) {
     if (!text.empty()) common::LogTrace("{}", text);
 }
@@ -79,11 +83,15 @@ void WalkStreams(const PliConfigInstanceNode& cfg, std::span<const SectionEntry>
         for (const StreamEntry& stream : section.streams) {
             if (!section_node.Has(stream.key)) {
                 LogIfAny(stream.absent_text);
-            } else if (!stream.make) {
+                continue;
+            }
+            const PliConfigInstanceNode stream_node = section_node[stream.key];
+            RequireSequence(stream_node);
+            if (stream.make) {
+                visit(stream, stream_node);
+            } else {
                 common::LogWarn("{}.{}: no thread of this build serves it, skipping", section.key,
                                 stream.key);
-            } else {
-                visit(stream, section_node[stream.key]);
             }
         }
     }
@@ -91,7 +99,7 @@ void WalkStreams(const PliConfigInstanceNode& cfg, std::span<const SectionEntry>
 
 std::vector<PliConfigInstanceNode> ElementsUsed(const StreamEntry& entry,
                                                 const PliConfigInstanceNode& stream) {
-    if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
+    RequireSequence(stream);
     if (entry.used == EntriesUsed::FIRST) return {stream[0]};
     return {stream.begin(), stream.end()};
 }

@@ -34,6 +34,17 @@ std::vector<std::string> ThreadNames(const LibMain& library) {
     return names;
 }
 
+// What the call threw.
+template <class Call>
+std::string RefusalOf(Call&& call) {
+    try {
+        call();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
 // The library with threads of the test's own beside those of the document.
 class OpenLibMain : public LibMain {
 public:
@@ -83,10 +94,17 @@ std::string Receiver(int port) {
 
 TEST_F(LibMainTest, EmptyDocumentMakesNoThread) {
     for (const char* text : {"cfg: {}", "cfg:"}) {
+        const LogCapture log;
         m_library.SetupThreads(ConfigOf(text));
         EXPECT_THAT(ThreadNames(m_library), ElementsAre());
         m_library.StartThreads();
         m_library.StopThreads();
+        const bool is_map = std::string{text} == "cfg: {}";
+        for (const char* streams : {"M4/M5/PFS/MS", "GNU Radio Input/Output"}) {
+            EXPECT_EQ(log.Has(log4cplus::TRACE_LOG_LEVEL,
+                              std::string{streams} + " config invalid or missing, skipping.."),
+                      !is_map);
+        }
     }
     EXPECT_THROW(m_library.SetupThreads(gim::Config{}), std::runtime_error);
     EXPECT_THROW(m_library.SetupThreads(ConfigOf("cfg: 5")), std::runtime_error);
@@ -114,15 +132,18 @@ TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemByName) 
 }
 
 TEST_F(LibMainTest, RefusesWhatIsNotASequenceAndWhatNoEndpointCanUse) {
-    EXPECT_THROW(m_library.SetupThreads(ConfigOf(std::string{"cfg: {m4: {output: "} + OUTPUT + "}}")),
-                 std::runtime_error);
+    const auto refusal = [this](const std::string& text) {
+        return RefusalOf([&] { m_library.SetupThreads(ConfigOf(text)); });
+    };
+    EXPECT_EQ(refusal(std::string{"cfg: {m4: {output: "} + OUTPUT + "}}"),
+              "ERR: cfg.m4.output must be a sequence");
+    // Also a stream that no thread of this build serves.
+    EXPECT_EQ(refusal("cfg: {guide_probe: {vis_img: {camera_type: lisa}}}"),
+              "ERR: cfg.guide_probe.vis_img must be a sequence");
+    EXPECT_EQ(refusal("cfg: {guide_probe: {vis_img: []}}"), "accepted");
     EXPECT_THROW(m_library.SetupThreads(ConfigOf("cfg: {m4: {output: []}}")), std::runtime_error);
-    try {
-        m_library.SetupThreads(ConfigOf(std::string{"cfg: {m4: {input: ["} + INPUT + "]}}"));
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Rx::Rx: udp_cfg.udp.listen is required");
-    }
+    EXPECT_EQ(refusal(std::string{"cfg: {m4: {input: ["} + INPUT + "]}}"),
+              "Rx::Rx: udp_cfg.udp.listen is required");
     EXPECT_THAT(ThreadNames(m_library), ElementsAre());
 }
 
@@ -133,39 +154,89 @@ TEST_F(LibMainTest, WhatFailsToStartIsToldAndTheOthersRunOn) {
     m_library.EnterThread(std::move(first));
     m_library.EnterThread(
         std::make_unique<TestThread>("B", [](auto&) { throw std::runtime_error("the mirror is away"); }));
-    try {
-        m_library.StartThreads();
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "the mirror is away");
-    }
+    EXPECT_EQ(RefusalOf([this] { m_library.StartThreads(); }), "the mirror is away");
     EXPECT_FALSE(running.HasEnded());
     m_library.StopThreads();
     EXPECT_TRUE(running.HasEnded());
+}
 
-    m_library.EnterThread(std::make_unique<TestThread>("B", [](auto&) {}));  // never reports ready
-    try {
-        m_library.StartThreads();
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Thread B failed to start on time");
+TEST_F(LibMainTest, ThreadsThatNeverReportAreAllStartedAndTheFirstIsNamed) {
+    m_library.SetupThreads(ConfigOf("cfg: {}"));
+    std::atomic<int> bodies{0};
+    for (const char* name : {"C", "B"}) {
+        m_library.EnterThread(std::make_unique<TestThread>(name, [&bodies](auto&) { ++bodies; }));
     }
+    m_library.EnterThread(std::make_unique<TestThread>("A", [](auto& started) { started.set_value(); }));
+    const LogCapture log;
+    EXPECT_EQ(RefusalOf([this] { m_library.StartThreads(); }), "Thread B failed to start on time");
+    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, "Thread B failed to start on time"), 1);
+    EXPECT_EQ(bodies, 2);
+    m_library.StopThreads();
+}
+
+TEST_F(LibMainTest, ALaterThreadOfANameReplacesTheEarlierOne) {
+    m_library.SetupThreads(ConfigOf("cfg: {}"));
+    auto runs = std::make_shared<std::vector<int>>();
+    for (const int number : {1, 2}) {
+        m_library.EnterThread(std::make_unique<TestThread>("A", [runs, number](auto& started) {
+            runs->push_back(number);
+            started.set_value();
+        }));
+    }
+    EXPECT_EQ(runs.use_count(), 2);  // the test's, and that of the later thread
+    m_library.StartThreads();
+    m_library.StopThreads();
+    EXPECT_THAT(*runs, ElementsAre(2));
+}
+
+TEST_F(LibMainTest, StoppingPrintsTheStatisticsThatAreEnabled) {
+    m_library.SetupThreads(ConfigOf("cfg: {statistics: {m4: 2 ms}}"));
+    m_library.StartThreads();
+    for (const auto& statistics :
+         {RuntimeMonitor::GetInstance().m_m4_statistics, RuntimeMonitor::GetInstance().m_m5_statistics}) {
+        statistics->UpdateTsSent(time_point{});
+        statistics->UpdateTsReceived(time_point{});
+    }
+    const LogCapture log;
+    m_library.StopThreads();
+    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "Stream 10: num_samples = 0"));
+    EXPECT_FALSE(log.Has(log4cplus::TRACE_LOG_LEVEL, "Stream 11: num_samples = 0"));
 }
 
 TEST_F(LibMainTest, SimulationWantsFourTopics) {
-    m_library.SetupDataSync(test::CfgOf("cfg: {}"));
-    m_library.SetupDataSync(test::CfgOf("cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c, d]}]}}"));
-    EXPECT_THROW(m_library.SetupDataSync(test::CfgOf("cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c]}]}}")),
-                 std::runtime_error);
+    for (const char* text :
+         {"cfg:", "cfg: {}", "cfg: {ecmwfsim:}", "cfg: {ecmwfsim: 5}", "cfg: {ecmwfsim: {}}",
+          "cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c, d]}]}}"}) {
+        EXPECT_NO_THROW(m_library.SetupDataSync(test::CfgOf(text))) << text;
+    }
+    const LogCapture log;
+    const std::string words = "ERR: ECMWFSim must be configured with SHM topics for all GPs, plus the PDS";
+    const auto three = test::CfgOf("cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c]}]}}");
+    EXPECT_EQ(RefusalOf([&] { m_library.SetupDataSync(three); }), words);
+    EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, words));
 }
 
 TEST_F(LibMainTest, ModeIsSwitchedBeforeTheCamera) {
+    std::vector<std::string> changes;
+    {
+        const LogCapture log;
+        m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, Camera::WFS_GP2);
+        for (const auto& line : log.Lines()) {
+            if (line.level == log4cplus::INFO_LOG_LEVEL && line.text.starts_with("VoskTelescopeStateManager"))
+                changes.push_back(line.text.substr(line.text.find("(): ") + 4));
+        }
+    }
+    EXPECT_THAT(changes, ElementsAre("Control Mode change TEL_DRIVEN -> INS_DRIVEN_CASCADE",
+                                     "Active camera FS change IMG_GP1 -> WFS_GP2"));
+    EXPECT_EQ(m_library.GetControlMode(), VoskControlMode::INS_DRIVEN_CASCADE);
+    EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP2);
+}
+
+TEST_F(LibMainTest, APresentModeIsNoChangeAndAWrongOneIsRefused) {
     m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, {});
     EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::IMG_GP1);
     const LogCapture log;
-    m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE,
-                          Camera::WFS_GP2);  // the present mode: no observer
-    EXPECT_EQ(m_library.GetControlMode(), VoskControlMode::INS_DRIVEN_CASCADE);
+    m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, Camera::WFS_GP2);
     EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP2);
     for (const auto& line : log.Lines())
         EXPECT_THAT(line.text, ::testing::Not(HasSubstr("HandoverStateManager")));

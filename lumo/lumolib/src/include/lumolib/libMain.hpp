@@ -2,9 +2,10 @@
 
 // The one object that a host application makes: it owns all worker threads and steers them.
 //
-// Calling order: construct; SetupThreads once; StartThreads; commands and getters from one control thread at
-// a time while the threads run; StopThreads, also after StartThreads has thrown; destroy. The registries
-// behind it are process-wide, so one LibMain may be in use at a time.
+// Calling order: construct; ResetControlState() (voskHandoverManager.hpp), so that control mode and handover
+// start from their first values; SetupThreads once; StartThreads; commands and getters from one control
+// thread at a time while the threads run; StopThreads, also after StartThreads has thrown; destroy. The
+// registries behind it are process-wide, so one LibMain may be in use at a time.
 
 #include <lumolib/lumoThread.hpp>
 #include <lumolib/threadTable.hpp>

@@ -39,7 +39,8 @@ std::span<const SectionEntry> CameraAndCommandSections();
 std::span<const SectionEntry> QudexSections();
 std::span<const SectionEntry> FlowgraphSections();
 
-// Calls `visit` for each stream of `sections` that the map `cfg` configures, in the order of the table.
+// Calls `visit` for each stream of `sections` that the map `cfg` configures and this build serves, in the
+// order of the table. Throws std::runtime_error where a stream, served or not, is no sequence.
 void WalkStreams(
     const oru::configng::PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
     const std::function<void(const StreamEntry&, const oru::configng::PliConfigInstanceNode&)>& visit);
