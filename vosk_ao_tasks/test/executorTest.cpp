@@ -230,19 +230,18 @@ TEST(Executor, LocksTheInputsOfTheModeAndNoOther) {
 
 // Two writers that take the inputs in opposite orders: locking one input after the other would end in a
 // deadlock.
-TEST(Executor, LocksBothInputsWithoutADeadlock) {
+// A writer that holds one lock and blocks on the other: a pass that did the same in the other order would
+// hang.
+void PassBesideAWriter(std::shared_mutex& u4_mutex, std::shared_mutex& gpao_mutex,
+                       std::shared_mutex& outer_mutex, std::shared_mutex& inner_mutex) {
     Bench bench;
-    std::shared_mutex u4_mutex;
-    std::shared_mutex gpao_mutex;
     std::atomic<bool> running{true};
-    const auto write = [&](std::shared_mutex& first, std::shared_mutex& second) {
+    std::thread writer{[&] {
         while (running) {
-            const std::unique_lock outer{first};
-            const std::unique_lock inner{second, std::try_to_lock};
+            const std::unique_lock outer{outer_mutex};
+            const std::unique_lock inner{inner_mutex};
         }
-    };
-    std::thread forward{write, std::ref(u4_mutex), std::ref(gpao_mutex)};
-    std::thread backward{write, std::ref(gpao_mutex), std::ref(u4_mutex)};
+    }};
     for (int pass = 0; pass < 200; ++pass) {
         Executor::SharedLock u4_lock{u4_mutex, std::defer_lock};
         Executor::SharedLock gpao_lock{gpao_mutex, std::defer_lock};
@@ -253,8 +252,14 @@ TEST(Executor, LocksBothInputsWithoutADeadlock) {
         bench->ResetState();
     }
     running = false;
-    forward.join();
-    backward.join();
+    writer.join();
+}
+
+TEST(Executor, LocksBothInputsWithoutADeadlock) {
+    std::shared_mutex u4_mutex;
+    std::shared_mutex gpao_mutex;
+    PassBesideAWriter(u4_mutex, gpao_mutex, u4_mutex, gpao_mutex);
+    PassBesideAWriter(u4_mutex, gpao_mutex, gpao_mutex, u4_mutex);
 }
 
 TEST(Executor, HoldsThePairsOfFieldStabilisationSideBySide) {

@@ -1,4 +1,5 @@
 #include <vosk/common/math/blas.hpp>
+#include <vosk/common/math/finite.hpp>
 
 #include <gtest/gtest.h>
 
@@ -51,6 +52,21 @@ TEST(BlasDeathTest, StopsOnSizesThatDoNotFit) {
     EXPECT_DEATH(cblas_AddVectors(1.0F, two, three), "x\\.size\\(\\) == y\\.size\\(\\)");
     EXPECT_DEATH(cblas_MultiplyMatrixByVector(CblasNoTrans, 1.0F, A, two, 0.0F, two),
                  "A\\.size\\(\\) == \\(x\\.size\\(\\) \\* y\\.size\\(\\)\\)");
+}
+
+TEST(AllFinite, FindsTheOneValueThatIsNoNumberAnywhere) {
+    std::vector<float> values(37, -std::numeric_limits<float>::max());
+    EXPECT_TRUE(vosk::common::math::AllFinite(values));
+    EXPECT_TRUE(vosk::common::math::AllFinite({}));
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        for (const float special :
+             {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+              -std::numeric_limits<float>::infinity()}) {
+            auto spoilt = values;
+            spoilt[i] = special;
+            EXPECT_FALSE(vosk::common::math::AllFinite(spoilt)) << i;
+        }
+    }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <vosk/common/fileSystem.hpp>
 #include <vosk/common/fits.hpp>
 #include <vosk/common/logger.hpp>
+#include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 #include <vosk/defs/wireRecords.hpp>
 
@@ -27,6 +28,12 @@ using defs::VoskControlMode;
 namespace {
 
 using CmdSource = defs::AoM4SetpointApplied::ExtInfo::CmdSource;
+
+std::chrono::microseconds GetDelay(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
+    const auto delay = GetBoundedDurationParam(node, key);
+    if (delay < delay.zero()) common::LogAndThrow("ERR: " + node[key].GetPath() + " must not be negative");
+    return delay;
+}
 
 ao_tasks::CommandAssembly::Config AssemblyConfig(const AoTasks::Config& config) {
     return {.ho_cascade_modes = config.gpao_highest_mode};
@@ -110,15 +117,14 @@ AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
 }
 
 AoTasks::Config AoTasks::Configure(const oru::configng::PliConfigInstanceNode& node) {
-    return {
-        .m4_send_delay = GetTimeDurationParam<std::chrono::microseconds>(node, "m4_send_delay"),
-        .m4_response_timeout = GetTimeDurationParam<std::chrono::microseconds>(node, "m4_response_timeout"),
-        .gpao_highest_mode = GetParam<unsigned int>(node, "gpao_highest_mode"),
-        .delta_scaling = GetParam<bool>(node, "delta_scaling"),
-        .managed_modes = GetParam<unsigned int>(node, "managed_modes"),
-        .m2p_path = GetParam<std::string>(node, "m2p_path"),
-        .threshold_velocity = GetParam<float>(node, "threshold_velocity"),
-        .threshold_gap = GetParam<float>(node, "threshold_gap")};
+    return {.m4_send_delay = GetDelay(node, "m4_send_delay"),
+            .m4_response_timeout = GetDelay(node, "m4_response_timeout"),
+            .gpao_highest_mode = GetParam<unsigned int>(node, "gpao_highest_mode"),
+            .delta_scaling = GetParam<bool>(node, "delta_scaling"),
+            .managed_modes = GetParam<unsigned int>(node, "managed_modes"),
+            .m2p_path = GetParam<std::string>(node, "m2p_path"),
+            .threshold_velocity = GetParam<float>(node, "threshold_velocity"),
+            .threshold_gap = GetParam<float>(node, "threshold_gap")};
 }
 
 void AoTasks::Work(std::promise<void>& started) {
@@ -250,6 +256,15 @@ std::span<float, defs::INS_CMD_SIZE> AoTasks::ProcessAnswer(time_point& applied_
         return applied;
     }
     const M4SetpointAppliedData& answer = m_m4_input->GetDataRef();
+    if (!common::math::AllFinite(answer.setpoint)) {
+        const auto applied = m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
+        LogError(
+            "AoTasks::ReceiveAndProcessAmSetpointApplied(): the 'am:setpoint_applied' response from M4 at {} "
+            "holds "
+            "values that are no numbers, sample ID = {}",
+            GetTimeString(AtomClk::now()), m_sample_id);
+        return applied;
+    }
     applied_time = answer.applied_time;
     return m_executor.Step4a_ProcessM4SetpointAppliedData(answer.setpoint);
 }

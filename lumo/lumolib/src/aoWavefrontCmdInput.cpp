@@ -3,11 +3,15 @@
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/receiveLoop.hpp>
 #include <vosk/common/logger.hpp>
+#include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 
 namespace vosk::lumo {
 
 namespace {
+
+// Clocks of peers on one site agree far better.
+constexpr std::chrono::seconds MAX_TIME_AHEAD{1};
 
 // The topic has no default here.
 pktwire::qudex::Receiver::Config QudexDefaults(const oru::configng::PliConfigInstanceNode& node) {
@@ -48,10 +52,10 @@ void AoWavefrontCmdInput::Work(std::promise<void>& started) {
             *m_lspx_receiver, leader_info, payload, m_timeout,
             [this](const auto& error, auto now) { OnError(error, now); },
             [&](const auto& leader, const auto& trailer, auto now) {
-                if (leader.NumUnits() == buffers->payload.command.size()) {
-                    OnSample(trailer, *buffers, now);
+                if (const char* fault = FaultOf(leader, trailer, *buffers, now)) {
+                    OnFaultySample(trailer.SampleId(), fault, now);
                 } else {
-                    OnShortSample(leader.NumUnits(), now);
+                    OnSample(trailer, *buffers, now);
                 }
             },
             [this](auto now) { m_stream_state->RecordInvalidSample(now); });
@@ -63,9 +67,20 @@ void AoWavefrontCmdInput::OnError(const std::error_code& error, time_point now) 
     m_stream_state->RecordInvalidSample(now);
 }
 
-// Behind the units that came, the buffer holds an older command.
-void AoWavefrontCmdInput::OnShortSample(std::uint32_t units, time_point now) {
-    common::LogWarn("ReceiveSample: error: a wavefront command of {} elements", units);
+// What would harm the mirror or stop the threads behind this one, or null. A short command leaves an older
+// one in the rest of the buffer. A time far ahead would keep AoTasks and M4Output waiting for it.
+const char* AoWavefrontCmdInput::FaultOf(const LeaderPacket& leader, const TrailerPacket& trailer,
+                                         const Buffers& buffers, time_point receive_time) {
+    if (leader.NumUnits() != buffers.payload.command.size()) return "it has another size";
+    const time_point command_time = trailer.Timestamp();
+    if (command_time < time_point{} || command_time > receive_time + MAX_TIME_AHEAD)
+        return "its time is out of range";
+    if (!common::math::AllFinite(buffers.payload.command)) return "a value is no number";
+    return nullptr;
+}
+
+void AoWavefrontCmdInput::OnFaultySample(defs::sample_id_t id, const char* fault, time_point now) {
+    common::LogWarn("ReceiveSample: unusable wavefront command, sample_id = {}: {}", id, fault);
     m_stream_state->RecordInvalidSample(now);
 }
 

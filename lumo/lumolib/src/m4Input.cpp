@@ -67,12 +67,15 @@ void M4FeedbackInput::Work(std::promise<void>& started) {
     const auto buffer = gsl::as_writable_bytes(gsl::span{payload.get(), 1});
     while (IsRunning()) {
         ReceiveQudexOnce(
-            *m_receiver, buffer, m_timeout,
-            [](const auto& error, auto) {
-                common::LogTrace("M4Feedback::Work(): ReceiveSample: {}", error.message());
-            },
+            *m_receiver, buffer, m_timeout, [](const auto& error, auto) { OnError(error); },
             [&](const auto& packet, auto) { OnSample(packet, *payload); }, [](auto) {});
     }
+}
+
+// The text of an error is made only where it is wanted.
+void M4FeedbackInput::OnError(const std::error_code& error) {
+    if (!common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) return;
+    common::LogTrace("M4Feedback::Work(): ReceiveSample: {}", error.message());
 }
 
 void M4FeedbackInput::OnSample(const pktwire::qudex::Packet& packet,

@@ -36,6 +36,15 @@ M4Output::M4Output(const oru::configng::PliConfigInstanceNode& node)
           M4OutputDataSync::InstanceTag::DEFAULT, m_busy)},
       m_statistics{RuntimeMonitor::GetInstance().m_m4_statistics},
       m_stream_state{RuntimeMonitor::GetInstance().m_m4_output_state} {
+    if (m_qudex_cfg.num_frames != defs::M4Setpoint::SEGMENTS.size()) {
+        common::LogAndThrow("ERR: " + node.GetPath() +
+                            ".num_frames must be 3, a setpoint goes out in three packets");
+    }
+    if (m_send_interval % std::chrono::milliseconds{1} != std::chrono::microseconds::zero()) {
+        common::LogWarn(
+            "M4Output: send_interval is no whole number of milliseconds, setpoints are planned on {} ms",
+            m_send_interval.count() / 1000);
+    }
     m_sync->send_interval = std::chrono::duration_cast<std::chrono::milliseconds>(m_send_interval);
     m_sync->send_offset = m_send_offset;
     if (!TelemSender::m_default_telegraph_host_ip_addr.empty() && TelemSender::m_default_telegraph_port > 0) {
@@ -85,7 +94,7 @@ bool M4Output::PlanSend(Setpoint& setpoint) {
         setpoint.send_time = now;
         return true;
     }
-    if (now - setpoint.send_time <= m_max_lateness) return true;
+    if (setpoint.send_time >= now - m_max_lateness) return true;
     common::LogError(
         "M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff = +{}, "
         "no data "

@@ -74,14 +74,31 @@ public:
         if (m_command_sender.SendSample(info, gsl::as_bytes(gsl::span{&m_command, 1}), {}, START, {}, {}))
             return false;
         if (VoskHandoverManager::GetInstance().GetM4CmdSource() != defs::AoCommandSource::INS) return true;
-        const auto [error, sample] = m_setpoint_receiver.ReceiveSample(
-            gsl::as_writable_bytes(gsl::span{&m_setpoint, 1}), test::PATIENCE);
-        if (error || !sample) return false;
-        m_answer_sender.SetSampleId(sample->first->SampleId());
-        return !m_answer_sender.SendSample(gsl::as_bytes(gsl::span{&m_answer, 1}), START, {});
+        // An answer that comes before AoTasks has begun to wait for it is forgotten: then it is given again.
+        const auto buffer = gsl::as_writable_bytes(gsl::span{&m_setpoint, 1});
+        for (auto waited = REPEAT; waited < test::PATIENCE; waited += REPEAT) {
+            const auto [error, sample] = m_setpoint_receiver.ReceiveSample(buffer, REPEAT);
+            if (error == std::errc::timed_out) {
+                Answer();
+            } else if (error || !sample) {
+                return false;
+            } else {
+                m_answered_id = sample->first->SampleId();
+                return Answer();
+            }
+        }
+        return false;
     }
 
 private:
+    static constexpr std::chrono::milliseconds REPEAT{500};
+
+    bool Answer() {
+        m_answer_sender.SetSampleId(m_answered_id);
+        m_answer_time += std::chrono::nanoseconds{1};
+        return !m_answer_sender.SendSample(gsl::as_bytes(gsl::span{&m_answer, 1}), m_answer_time, {});
+    }
+
     static pktwire::lspx::Sender::Config LspxConfig() {
         pktwire::lspx::Sender::Config config{};
         config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
@@ -105,6 +122,8 @@ private:
     defs::AoWavefrontCmdStream::Payload m_command{};
     defs::M4Setpoint::Payload m_setpoint{};
     defs::M4SetpointApplied::Payload m_answer{};
+    unsigned m_answered_id = 0;
+    atomclk::AtomClk::time_point m_answer_time = START;
     pktwire::UdpTxSocket m_command_socket{To(Port(0)), nullptr};
     pktwire::qudex::Sender m_command_frames{Frames(5), m_command_socket, nullptr};
     pktwire::lspx::Sender m_command_sender;
@@ -140,9 +159,8 @@ TEST(AoLoop, AllocatesNothingOnceItRuns) {
             ", output: [{busy: false, ip_dest: 127.0.0.1, qudex_topic: 1, udp_dest: " +
             std::to_string(Port(1)) + "}]}, statistics: {m4: \"2 ms\", ao: \"2 ms\"}}",
         "test.yaml");
-    auto& handover = VoskHandoverManager::GetInstance();
-    VoskTelescopeStateManager::Reset();
-    handover.Reset();
+    const auto& handover = VoskHandoverManager::GetInstance();
+    ResetControlState();
     LibMain library{"aoLoop" + std::to_string(::getpid()) + "_"};
     library.SetupThreads(config);
     library.StartThreads();

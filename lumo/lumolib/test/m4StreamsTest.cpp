@@ -12,6 +12,7 @@
 #include <bit>
 #include <cstring>
 #include <gim/config.hpp>
+#include <limits>
 #include <lumolib/aoWavefrontCmdInput.hpp>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/m4Input.hpp>
@@ -45,7 +46,7 @@ protected:
         DataSyncManager::CreateInstance();
         RuntimeMonitor::CreateInstance(gim::Config{});
         RuntimeMonitor::GetInstance().Reset();
-        VoskTelescopeStateManager::Reset();
+        ResetControlState();
     }
     ~Streams() override { common::shmif::ShmIf::Teardown(); }
 
@@ -295,18 +296,21 @@ class CommandInput : public Streams {
 protected:
     ~CommandInput() override { m_thread.Stop(); }
 
-    void Send(unsigned id, bool valid, std::size_t elements = defs::WAVEFRONT_CMD_SIZE) {
+    void Send(unsigned id, bool valid) {
+        Send(id, valid, std::vector<float>(defs::WAVEFRONT_CMD_SIZE, static_cast<float>(id)), START);
+    }
+
+    void Send(unsigned id, bool valid, const std::vector<float>& command, AtomClk::time_point time) {
         pktwire::lspx::Sender::Config config{};
         config.source = pktwire::lspx::OTHER_SOURCE;
         config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
         config.leader_extended_info_size = 4;
-        config.frame_size = static_cast<std::uint32_t>(elements);
+        config.frame_size = static_cast<std::uint32_t>(command.size());
         pktwire::lspx::Sender sender{config, m_peer.Qudex()};
-        const std::vector<float> command(elements, static_cast<float>(id));
         const std::array<std::byte, 4> info{std::byte{valid}};
         sender.SetSampleId(id);
         ASSERT_FALSE(
-            sender.SendSample(info, gsl::as_bytes(gsl::span<const float>{command}), {}, START, {}, {}));
+            sender.SendSample(info, gsl::as_bytes(gsl::span<const float>{command}), {}, time, {}, {}));
     }
 
     bool Counted(std::uint32_t valid, std::uint32_t invalid) {
@@ -354,15 +358,27 @@ TEST_F(CommandInput, EveryCommandWakesTheAoOutputAndValidOnesAoTasks) {
     EXPECT_EQ(m_output->GetSampleId(), 3U);
 }
 
-TEST_F(CommandInput, AShortCommandIsInvalidAndLeavesNoTrace) {
+TEST_F(CommandInput, UnusableCommandsAreInvalidAndLeaveNoTrace) {
     m_thread.Start().get();
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    Send(1, true, 4867);
+    const std::vector<float> whole(defs::WAVEFRONT_CMD_SIZE);
+    Send(1, true, std::vector<float>(defs::WAVEFRONT_CMD_SIZE - 1), START);
     ASSERT_TRUE(Counted(0, 1));
+    unsigned id = 1;
+    for (const auto time :
+         {AtomClk::time_point::max(), AtomClk::time_point::min(), AtomClk::now() + std::chrono::minutes{1}}) {
+        Send(++id, true, whole, time);
+    }
+    ASSERT_TRUE(Counted(0, 4));
+    auto spoilt = whole;
+    spoilt.back() = std::numeric_limits<float>::infinity();
+    Send(++id, true, spoilt, START);
+    ASSERT_TRUE(Counted(0, 5));
     EXPECT_FALSE(m_output->IsNewData());
-    Send(2, true);
-    ASSERT_TRUE(Counted(1, 1));
-    EXPECT_EQ(m_ins->GetSampleId(), 2U);
+    EXPECT_FALSE(m_ins->IsNewData());
+    Send(++id, true);
+    ASSERT_TRUE(Counted(1, 5));
+    EXPECT_EQ(m_ins->GetSampleId(), id);
 }
 
 TEST_F(Streams, CommandInputNeedsATopic) {

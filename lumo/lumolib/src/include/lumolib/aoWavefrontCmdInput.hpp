@@ -8,7 +8,6 @@
 #include <lumolib/lumoThread.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 
-#include <cstdint>
 #include <future>
 #include <memory>
 #include <oru/configng/pliConfig.hpp>
@@ -25,6 +24,7 @@ protected:
     void Work(std::promise<void>& started) override;
 
 private:
+    using LeaderPacket = pktwire::lspx::Receiver::LeaderPacket;
     using TrailerPacket = pktwire::lspx::Receiver::TrailerPacket;
 
     struct Buffers {
@@ -33,7 +33,9 @@ private:
     };
 
     void OnError(const std::error_code& error, time_point now);
-    void OnShortSample(std::uint32_t units, time_point now);
+    static const char* FaultOf(const LeaderPacket& leader, const TrailerPacket& trailer,
+                               const Buffers& buffers, time_point receive_time);
+    void OnFaultySample(defs::sample_id_t id, const char* fault, time_point now);
     void OnSample(const TrailerPacket& trailer, const Buffers& buffers, time_point receive_time);
 
     const std::shared_ptr<AoTasksInsDataSync> m_ins_sync;

@@ -44,6 +44,7 @@ protected:
     void Work(std::promise<void>& started) override;
 
 private:
+    static void OnError(const std::error_code& error);
     void OnSample(const pktwire::qudex::Packet& packet, const defs::M4Feedback::Payload& payload);
     void CheckCounter(std::uint32_t counter);
 
