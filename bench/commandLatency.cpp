@@ -38,11 +38,10 @@ constexpr int SAMPLES = 400;
 constexpr auto PAUSE = 1ms;  // between samples, so that every thread has gone to sleep
 constexpr std::uint32_t COMMAND_TOPIC = 1;
 constexpr std::uint32_t SETPOINT_TOPIC = 2;
-constexpr std::chrono::microseconds SEND_DELAY{1000};
 
-// A command with this time stamp has the planned send time 0, which means at once: the library's own time is
-// measured, not a wait that somebody configured.
-constexpr pktwire::time_point SEND_AT_ONCE{-SEND_DELAY};
+// A command without a time, under a send delay of 0, has the planned send time 0, which means at once: the
+// library's own time is measured, not a wait that somebody configured.
+constexpr pktwire::time_point SEND_AT_ONCE{};
 
 pktwire::UdpRxSocket::Config ListenAnywhere() {
     pktwire::UdpRxSocket::Config config;
@@ -128,14 +127,14 @@ private:
             "  ao:\n"
             "    wavefront_cmd_stream: [{{busy: false, timeout: 50 ms, listen_ip: 127.0.0.1, listen_udp: {}, "
             "iface_name: lo, qudex_topic: {}}}]\n"
-            "    ao_tasks: [{{busy: false, m4_send_delay: {} us, m4_response_timeout: 0 us, "
+            "    ao_tasks: [{{busy: false, m4_send_delay: 0 us, m4_response_timeout: 0 us, "
             "gpao_highest_mode: 52, "
             "delta_scaling: true, managed_modes: {}, m2p_path: {}, threshold_velocity: 1, threshold_gap: "
             "10}}]\n"
             "  m4:\n"
             "    output: [{{busy: false, ip_dest: 127.0.0.1, udp_dest: {}, qudex_topic: {}}}]\n",
-            m_command_port, COMMAND_TOPIC, SEND_DELAY.count(), MODES, m_matrix_file.string(),
-            m_socket.LocalPort(), SETPOINT_TOPIC);
+            m_command_port, COMMAND_TOPIC, MODES, m_matrix_file.string(), m_socket.LocalPort(),
+            SETPOINT_TOPIC);
     }
 
     void Send() {

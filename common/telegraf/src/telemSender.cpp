@@ -3,6 +3,7 @@
 #include <vosk/common/logger.hpp>
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace vosk::common::telegraf {
 
@@ -39,7 +40,12 @@ void SHMTelemSender::Send(const std::string& line) {
         return;
     }
     std::fill(std::copy(line.begin(), line.end(), m_message.begin()), m_message.end(), '\0');
-    m_queue.TrySend(m_message.data());
+    try {
+        m_queue.TrySend(m_message.data());
+    } catch (const std::runtime_error& error) {
+        m_active = false;
+        LogWarn("Telemetry of {} ends here, its queue is not usable: {}", m_tag, error.what());
+    }
 }
 
 }  // namespace vosk::common::telegraf

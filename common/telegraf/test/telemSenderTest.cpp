@@ -103,4 +103,14 @@ TEST_F(SHMTelemSenderTest, DropsWhatDoesNotFit) {
     EXPECT_EQ(Drain().size(), 100U);
 }
 
+TEST_F(SHMTelemSenderTest, AQueueOfOtherMessagesEndsTheTelemetryAndNothingElse) {
+    const std::string name = m_prefix + "vosk_telemetry_queue";
+    bip::message_queue foreign{bip::create_only, name.c_str(), 10, 255};
+    SHMTelemSender sender;
+    sender.Setup("set", "tag", "");
+    EXPECT_NO_THROW(sender.Send("line"));
+    EXPECT_FALSE(sender.IsSetup());
+    bip::message_queue::remove(name.c_str());
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 #include <array>
 #include <atomclk/atomClk.hpp>
 #include <bit>
+#include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstring>
 #include <gim/config.hpp>
 #include <limits>
@@ -188,6 +189,61 @@ TEST_F(M4OutputTest, AnAbsentMirrorIsNoError) {
     Handle(START, 1);
     ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
     for (const auto& line : log.Lines()) EXPECT_LT(line.level, log4cplus::WARN_LOG_LEVEL) << line.text;
+}
+
+// With the address of a collector's agent, as a host that has one sets it.
+class M4Telemetry : public Streams {
+protected:
+    M4Telemetry() { common::telegraf::TelemSender::m_default_telegraph_host_ip_addr = "127.0.0.1"; }
+    ~M4Telemetry() override {
+        common::telegraf::TelemSender::m_default_telegraph_host_ip_addr.clear();
+        common::telegraf::TelemSender::m_default_telegraph_port = 0;
+    }
+
+    // The lines of three setpoints, 2 ms and 4 ms apart, of which the last has the ID of a thinned sample.
+    std::vector<std::string> Lines(int port) {
+        common::telegraf::TelemSender::m_default_telegraph_port = port;
+        const atomclk::ManualClock clock{START};
+        RecordingSocket socket;
+        RecordedM4Output thread{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9}"), socket};
+        const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
+            M4OutputDataSync::InstanceTag::DEFAULT, false);
+        thread.Start().get();
+        const std::array<float, M4_CMD_SIZE> setpoint{};
+        auto& monitor = RuntimeMonitor::GetInstance();
+        const auto before = monitor.m_m4_output_state->GetTopicData().sample_count;
+        for (const unsigned step : {1U, 2U, 3U}) {
+            const auto time = START - microseconds{40} + microseconds{step == 1 ? 0 : step == 2 ? 10 : 30};
+            sync->SetData(setpoint, time, 497 + step, AtomClk::now());
+            EXPECT_TRUE(Eventually(
+                [&] { return monitor.m_m4_output_state->GetTopicData().sample_count == before + step; }));
+        }
+        thread.Stop();
+        return Drain();
+    }
+
+    static std::vector<std::string> Drain() {
+        namespace bip = boost::interprocess;
+        const std::string prefix = common::shmif::ShmIf{}.GetPrefix();
+        bip::message_queue queue{bip::open_only, (prefix + "vosk_telemetry_queue").c_str()};
+        std::vector<std::string> lines;
+        std::string message(queue.get_max_msg_size(), '\0');
+        bip::message_queue::size_type size = 0;
+        unsigned priority = 0;
+        while (queue.try_receive(message.data(), message.size(), size, priority)) {
+            const std::string line{message.c_str()};
+            lines.push_back(line.substr(line.find(')')));
+        }
+        return lines;
+    }
+};
+
+TEST_F(M4Telemetry, PublishesTheSendPeriodEachFiveHundredthSample) {
+    EXPECT_THAT(Lines(8094),
+                ElementsAre("),rtc_performance=m4_output m4_time_since_last_send_max_ms=0.02",
+                            "),rtc_performance=m4_output m4_time_since_last_send_mean_ms=0.015",
+                            "),rtc_performance=m4_output m4_time_since_last_send_stddev_ms=0.007"));
+    EXPECT_THAT(Lines(0), ElementsAre());  // an agent without a port is none
 }
 
 // A peer on the loopback interface that sends to a port of this test program's own.

@@ -25,6 +25,9 @@ public:
     using DataSyncSingleWaitable::DataSyncSingleWaitable;
 };
 
+static_assert(static_cast<int>(ImgDataSyncAlice::InstanceTag::IMG_PDS) ==
+              static_cast<int>(defs::Camera::IMG_PDS));
+
 // AoWavefrontCmdInput to AoOutput: the beat of the AO output.
 class AoOutputDataSync final
     : public DataSyncSingleWaitable<AoWavefrontCmdTimestamps, BasicDataSetter<AoWavefrontCmdTimestamps>> {

@@ -30,7 +30,7 @@ struct FloatVectorTT {
     friend bool operator==(const FloatVectorTT&, const FloatVectorTT&) = default;
 };
 
-static_assert(sizeof(FloatVectorTT) == 8);
+static_assert(sizeof(FloatVectorTT) == 8 && offsetof(FloatVectorTT, tilt) == sizeof(float));
 
 // What a centroiding method finds in one region.
 struct Slope {

@@ -10,5 +10,6 @@ namespace vosk::common {
 }  // namespace vosk::common
 
 // A macro, for the condition's own text.
-#define VOSK_ASSERT(condition) \
-    (static_cast<bool>(condition) ? static_cast<void>(0) : ::vosk::common::AssertionFailed(#condition, __FILE__, __LINE__))
+#define VOSK_ASSERT(condition)                           \
+    (static_cast<bool>(condition) ? static_cast<void>(0) \
+                                  : ::vosk::common::AssertionFailed(#condition, __FILE__, __LINE__))
