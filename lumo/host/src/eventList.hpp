@@ -19,7 +19,6 @@ struct ControlState {
     defs::Camera camera = defs::Camera::IMG_GP1;
     defs::AoCommandSource source = defs::AoCommandSource::OFF;
     int handover_state = 0;
-    bool mode_change_in_progress = false;
 };
 
 struct Event {

@@ -29,7 +29,7 @@ using lumo::VoskHandoverManager;
 namespace {
 
 // A handover takes a few cycles of 2 ms; its steps are worth seeing.
-constexpr std::chrono::milliseconds LOOK_DURING_CHANGE{5};
+constexpr std::chrono::milliseconds LOOK_DURING_HANDOVER{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
 
 // For the signal handler, which knows no object.
@@ -102,13 +102,15 @@ void Host::Run(const StopSignals& signals) {
     StopSignals::Admit();
     while (m_running) {
         LookAtControlState();
+        LookAtThreads();
         WaitForWork(signals);
     }
     common::LogInfo("Stopping.");
 }
 
 void Host::WaitForWork(const StopSignals& signals) {
-    const auto wait = m_state.mode_change_in_progress ? LOOK_DURING_CHANGE : LOOK_OTHERWISE;
+    const bool handover_runs = VoskHandoverManager::IsOnTheWay(m_state.handover_state);
+    const auto wait = handover_runs ? LOOK_DURING_HANDOVER : LOOK_OTHERWISE;
     // A negative descriptor is passed over.
     std::array<pollfd, 3> sources{{{signals.GetFd(), POLLIN, 0},
                                    {m_socket ? m_socket->GetFd() : -1, POLLIN, 0},
@@ -153,14 +155,29 @@ void Host::LookAtControlState() {
     m_state.camera = m_library.GetActiveCameraFs();
     m_state.handover_state = handover.GetState();
     m_state.source = handover.GetM4CmdSource();
-    m_state.mode_change_in_progress = RuntimeMonitor::GetStateData().GetTopicData().mode_change_in_progress;
     m_events.Look(m_state, atomclk::AtomClk::now());
+}
+
+void Host::LookAtThreads() {
+    for (const auto& [name, thread] : m_library.GetThreads()) {
+        if (!thread->HasEndedByItself() || !m_threads_ended.insert(name).second) continue;
+        common::LogError(
+            "Thread {} has ended by itself; nobody serves its stream until the host starts again.", name);
+    }
 }
 
 std::string Host::Status() {
     LookAtControlState();
+    LookAtThreads();
+    const lumo::PerformanceData& performance = RuntimeMonitor::GetPerformanceData();
     host::Status status{.control = m_state,
+                        .handover_running = VoskHandoverManager::IsOnTheWay(m_state.handover_state),
+                        .record = RuntimeMonitor::GetStateData().GetTopicData(),
+                        .threads_ended = {m_threads_ended.begin(), m_threads_ended.end()},
                         .streams = {},
+                        .commands = performance.GetDataTopic(),
+                        .wavefront = performance.GetWavefrontMetricData(),
+                        .field_stabilisation = performance.GetFSTelemetryData(),
                         .log_dropped = common::DroppedLogLines(),
                         .events = m_events.Get()};
     for (const auto& stream : RuntimeMonitor::GetInstance().m_stream_states) {

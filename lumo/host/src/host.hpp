@@ -15,6 +15,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace vosk::host {
@@ -58,6 +59,7 @@ private:
     void WaitForWork(const StopSignals& signals);
     void ServeTerminal();
     void LookAtControlState();
+    void LookAtThreads();
 
     lumo::LibMain m_library;
     std::optional<ControlSocket> m_socket;
@@ -66,6 +68,7 @@ private:
     bool m_running = true;
     ControlState m_state;
     EventList m_events;
+    std::set<std::string> m_threads_ended;  // by themselves; each has been logged
 };
 
 }  // namespace vosk::host

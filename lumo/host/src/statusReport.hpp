@@ -4,6 +4,8 @@
 
 #include "eventList.hpp"
 
+#include <lumolib/performanceData.hpp>
+#include <lumolib/stateData.hpp>
 #include <lumolib/streamState.hpp>
 
 #include <cstdint>
@@ -15,12 +17,19 @@ namespace vosk::host {
 
 struct Status {
     ControlState control;
+    bool handover_running = false;           // M4 is on its way from one source to the other
+    lumo::StateTopic record;                 // of which mode and source are in `control` already
+    std::vector<std::string> threads_ended;  // names of the threads that ended by themselves
     std::vector<lumo::StreamTopic> streams;
+    lumo::PerformanceTopic commands;
+    lumo::WavefrontMetricData wavefront;
+    lumo::FSTelemetryData field_stabilisation;
     std::uint64_t log_dropped = 0;
     std::deque<Event> events;
 };
 
-// Periods in seconds, rates in hertz; null where there is none, or none that JSON can write.
+// Periods in seconds, rates in hertz, times in nanoseconds, 0 for none; null where there is no value, or none
+// that JSON can write.
 std::string ToJson(const Status& status);
 
 }  // namespace vosk::host

@@ -108,10 +108,14 @@ private:
 TEST_F(HostProgram, ServesCommandsUntilStop) {
     StartWithSocket();
     EXPECT_THAT(Ask("status"), StartsWith(R"({"mode":"TEL_DRIVEN","camera":"IMG_GP1","source":"OFF",)"));
+    EXPECT_EQ(Ask("mode HIGH_ORDER_CASCADE"), "ok\n");  // a variant, which needs no handover
+    EXPECT_THAT(Ask("status"), HasSubstr(R"("handover_running":false,"mode_change_in_progress":true,)"));
     EXPECT_EQ(Ask("mode INS_DRIVEN_CASCADE WFS_GP2"), "ok\n");
     const std::string status = Ask("status");
-    EXPECT_THAT(status, StartsWith(R"({"mode":"INS_DRIVEN_CASCADE","camera":"WFS_GP2","source":"NONE",)"
-                                   R"("handover_state":1,"mode_change_in_progress":true,"streams":[)"));
+    EXPECT_THAT(status,
+                StartsWith(R"({"mode":"INS_DRIVEN_CASCADE","camera":"WFS_GP2","source":"NONE",)"
+                           R"("handover_state":1,"handover_running":true,"mode_change_in_progress":true,)"));
+    EXPECT_THAT(status, HasSubstr(R"("threads_ended":[],"streams":[)"));
     EXPECT_THAT(status, HasSubstr(R"({"name":"M4_OUTPUT","valid":false,"samples":0,"invalid":0,)"));
     EXPECT_THAT(status, HasSubstr(R"("text":"handover state 1"})"));
     EXPECT_EQ(Ask("camera IMG_GP3"), "ok\n");

@@ -29,6 +29,9 @@ public:
         HANDBACK_WAIT_NEXT_CCS_CMD = 6,  // waits for the next (NONE)
     };
 
+    // Whether M4 is on its way from one source to the other.
+    static constexpr bool IsOnTheWay(int state) { return state != IDLE && state != INS_CONTROL; }
+
     VoskHandoverManager(const VoskHandoverManager&) = delete;
     VoskHandoverManager& operator=(const VoskHandoverManager&) = delete;
 
