@@ -1,3 +1,4 @@
+#include <vosk/common/shmif/shmBaseRt.hpp>
 #include <vosk/common/shmif/shmBoost.hpp>
 
 #include "childProcess.hpp"
@@ -21,6 +22,17 @@ namespace {
 constexpr const char* TOPIC = "queue";
 using Message = std::array<std::uint64_t, 4>;
 
+// Takes the queue's own lock, as a process does that is killed inside an operation.
+void LeaveQueueLocked(const std::string& name) {
+    using Header = bip::ipcdetail::mq_hdr_t<bip::offset_ptr<void>>;
+    using Impl = bip::ipcdetail::managed_open_or_create_impl<bip::shared_memory_object, 0, true, false>;
+    bip::shared_memory_object memory{bip::open_only, name.c_str(), bip::read_write};
+    bip::mapped_region region{memory, bip::read_write};
+    auto* header = static_cast<char*>(region.get_address()) + Impl::ManagedOpenOrCreateUserOffset;
+    reinterpret_cast<Header*>(header)->m_mutex.lock();
+    ::_exit(0);
+}
+
 class ShmBoost : public ::testing::Test {
 protected:
     ShmBoost() {
@@ -32,23 +44,29 @@ protected:
         m_prefix.Remove(TOPIC);
     }
 
+    void KillAHolder() const {
+        ChildProcess child{[&](Signals&) -> bool {
+            LeaveQueueLocked(Name());
+            return true;
+        }};
+        ASSERT_TRUE(child.Succeeds());
+    }
+
+    static Message NextMessage(bip::message_queue&& queue) { return NextMessage(queue); }
+    static Message NextMessage(bip::message_queue& queue) {
+        Message message{};
+        bip::message_queue::size_type size = 0;
+        unsigned int priority = 0;
+        EXPECT_TRUE(queue.try_receive(message.data(), sizeof(message), size, priority));
+        return message;
+    }
+
     std::string Name() const { return m_prefix.NameOf(TOPIC); }
     bip::message_queue OpenQueue() const { return {bip::open_only, Name().c_str()}; }
 
     vosk::test::UniquePrefix m_prefix;
     ShmIf m_shm;
 };
-
-// Takes the queue's own lock, as a process does that is killed inside an operation.
-void LeaveQueueLocked(const std::string& name) {
-    using Header = bip::ipcdetail::mq_hdr_t<bip::offset_ptr<void>>;
-    using Impl = bip::ipcdetail::managed_open_or_create_impl<bip::shared_memory_object, 0, true, false>;
-    bip::shared_memory_object memory{bip::open_only, name.c_str(), bip::read_write};
-    bip::mapped_region region{memory, bip::read_write};
-    auto* header = static_cast<char*>(region.get_address()) + Impl::ManagedOpenOrCreateUserOffset;
-    reinterpret_cast<Header*>(header)->m_mutex.lock();
-    ::_exit(0);
-}
 
 TEST_F(ShmBoost, KeepsTheFirstHundredMessagesForAnotherProcess) {
     ShmWriterBoost writer{m_shm, TOPIC};
@@ -99,19 +117,35 @@ TEST_F(ShmBoost, QueueThatWasNeverFinishedIsMadeAnew) {
 
 TEST_F(ShmBoost, QueueLockedByAKilledProcessIsMadeAnew) {
     ShmWriterBoost writer{m_shm, TOPIC};
-    ChildProcess child{[&](Signals&) -> bool {
-        LeaveQueueLocked(Name());
-        return true;
-    }};
-    ASSERT_TRUE(child.Succeeds());
+    KillAHolder();
     writer.TrySend(Message{1}.data());  // lost
     writer.TrySend(Message{2}.data());
-    bip::message_queue queue = OpenQueue();
-    Message message{};
-    bip::message_queue::size_type size = 0;
-    unsigned int priority = 0;
-    ASSERT_TRUE(queue.try_receive(message.data(), sizeof(message), size, priority));
-    EXPECT_EQ(message, Message{2});
+    EXPECT_EQ(NextMessage(OpenQueue()), Message{2});
+}
+
+TEST_F(ShmBoost, QueueThatARestartedCollectorHasMadeIsTaken) {
+    ShmWriterBoost writer{m_shm, TOPIC};
+    KillAHolder();
+    m_prefix.Remove(TOPIC);
+    bip::message_queue queue{bip::create_only, Name().c_str(), 10, sizeof(Message)};
+    writer.TrySend(Message{1}.data());  // lost
+    writer.TrySend(Message{2}.data());
+    EXPECT_EQ(NextMessage(queue), Message{2});
+}
+
+TEST_F(ShmBoost, LostMessageIsAllThatANameTakenByOthersCosts) {
+    ShmWriterBoost writer{m_shm, TOPIC};
+    KillAHolder();
+    m_prefix.Remove(TOPIC);
+    RtRegion region{};
+    region.data_size = 8;
+    std::ofstream{"/dev/shm" + Name(), std::ios::binary}
+        << std::string(reinterpret_cast<const char*>(&region), sizeof(region)) + std::string(8, '\0');
+    EXPECT_NO_THROW(writer.TrySend(Message{1}.data()));
+    m_prefix.Remove(TOPIC);
+    writer.TrySend(Message{2}.data());  // lost too, and the queue made anew
+    writer.TrySend(Message{3}.data());
+    EXPECT_EQ(NextMessage(OpenQueue()), Message{3});
 }
 
 }  // namespace

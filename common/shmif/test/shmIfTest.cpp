@@ -94,6 +94,7 @@ TEST_F(RegionsLock, IsTakenOverFromAKilledHolder) {
             return true;
         }};
         child.GetSignals().AwaitChild();
+        EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
         EXPECT_EQ(Value(), 0);
     }
     {
@@ -102,6 +103,12 @@ TEST_F(RegionsLock, IsTakenOverFromAKilledHolder) {
         EXPECT_EQ(Value(), 0);
     }
     EXPECT_EQ(Value(), 1);  // and not 2, with which it would lock no more
+    {
+        const auto free = NamedLock::TryTake(m_name.c_str());
+        EXPECT_TRUE(free);
+        EXPECT_EQ(Value(), 0);
+    }
+    EXPECT_EQ(Value(), 1);
 }
 
 }  // namespace

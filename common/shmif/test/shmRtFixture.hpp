@@ -1,0 +1,111 @@
+#pragma once
+
+// The mailbox tests: a topic of their own, and its region as a foreign program sees it.
+
+#include <vosk/common/shmif/shmRt.hpp>
+
+#include "childProcess.hpp"
+
+#include <fcntl.h>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace vosk::test {
+
+using namespace std::chrono_literals;
+using namespace vosk::common::shmif;
+
+inline constexpr const char* TOPIC = "mailbox";
+inline constexpr std::size_t SIZE = 640;
+inline constexpr std::size_t WORDS = SIZE / sizeof(std::uint64_t);
+inline constexpr auto GENEROUS = 30s;
+
+// All words equal, so that a torn record shows.
+using Record = std::array<std::uint64_t, WORDS>;
+
+inline Record RecordOf(std::uint64_t value) {
+    Record record;
+    record.fill(value);
+    return record;
+}
+
+// A wake that is lost costs one limit, so a side that must not miss a record for long takes short ones.
+inline bool ReceiveSoon(ShmReaderRT& reader, Record& record) {
+    return Eventually([&] { return reader.TimedReceive(record.data(), 1ms); });
+}
+
+inline bool SendSoon(ShmWriterRT& writer, const Record& record) {
+    return Eventually([&] { return writer.TimedSend(record.data(), 1ms); });
+}
+
+class ShmRt : public ::testing::Test {
+protected:
+    ShmRt() {
+        ShmIf::Setup(m_prefix.Get());
+        ShmIf::RegisterTopic(TOPIC, ShmType::SHM_RT, SIZE);
+    }
+    ~ShmRt() override {
+        ShmIf::Teardown();
+        m_prefix.Remove(TOPIC);
+    }
+
+    ShmWriterRT MakeWriter() { return {m_shm, TOPIC}; }
+
+    // The bytes of the region, as a foreign program sees them.
+    std::string ReadRegion() const {
+        std::ifstream file{"/dev/shm" + m_prefix.NameOf(TOPIC), std::ios::binary};
+        return {std::istreambuf_iterator<char>{file}, {}};
+    }
+    void WriteRegion(const std::string& bytes) const {
+        std::ofstream file{"/dev/shm" + m_prefix.NameOf(TOPIC), std::ios::binary};
+        file << bytes;
+    }
+
+    template <class T>
+    static T At(const std::string& bytes, std::size_t offset) {
+        if (bytes.size() < offset + sizeof(T)) throw std::out_of_range{"the region is gone"};
+        T value{};
+        std::memcpy(&value, bytes.data() + offset, sizeof(value));
+        return value;
+    }
+    template <class T>
+    T RegionAt(std::size_t offset) const {
+        return At<T>(ReadRegion(), offset);
+    }
+    std::uint64_t WriteSeq() const { return RegionAt<std::uint64_t>(40); }
+    std::uint32_t ReaderCount() const { return RegionAt<std::uint32_t>(56); }
+    std::uint32_t OpenCount() const { return RegionAt<std::uint32_t>(60); }
+    std::uint64_t ReadSeq() const { return RegionAt<std::uint64_t>(64); }
+
+    template <class T>
+    void SetRegionAt(std::size_t offset, T value) const {
+        std::fstream file{"/dev/shm" + m_prefix.NameOf(TOPIC),
+                          std::ios::binary | std::ios::in | std::ios::out};
+        file.seekp(static_cast<std::streamoff>(offset));
+        file.write(reinterpret_cast<const char*>(&value), sizeof(value));
+    }
+    // A reader that does what the format asks for and no more: it leaves a record that it finds in the slot.
+    void AttachPlainReader() const { SetRegionAt(56, ReaderCount() + 1); }
+
+    // A writer that leaves its record in the slot when it is killed.
+    void PutAndDie(std::uint64_t value) {
+        ChildProcess child{[&](Signals& signals) {
+            ShmWriterRT writer{m_shm, TOPIC};
+            writer.TrySend(RecordOf(value).data());
+            signals.TellParent();
+            signals.AwaitParent();
+            return true;
+        }};
+        child.GetSignals().AwaitChild();
+    }
+
+    bool Exists() const { return m_prefix.Exists(TOPIC); }
+
+    UniquePrefix m_prefix;
+    ShmIf m_shm;
+};
+
+}  // namespace vosk::test

@@ -1,0 +1,232 @@
+// Peers that are killed, restarted or overlap.
+
+#include "shmRtFixture.hpp"
+
+#include <sys/stat.h>
+#include <thread>
+
+using namespace vosk::test;
+
+namespace {
+
+TEST_F(ShmRt, RegionWhoseCreatorDiedIsFinished) {
+    for (std::size_t region_size : {std::size_t{0}, 80 + SIZE}) {
+        WriteRegion(std::string(region_size, '\0'));
+        ShmWriterRT writer = MakeWriter();
+        EXPECT_EQ(OpenCount(), 1U);
+        EXPECT_EQ(RegionAt<std::uint64_t>(72), SIZE);
+    }
+    EXPECT_FALSE(Exists());
+}
+
+TEST_F(ShmRt, KilledReaderIsForgottenByTheNext) {
+    ShmWriterRT writer = MakeWriter();
+    {
+        ChildProcess child{[&](Signals& signals) {
+            ShmReaderRT reader{m_shm, TOPIC};
+            signals.TellParent();
+            signals.AwaitParent();
+            return true;
+        }};
+        child.GetSignals().AwaitChild();
+        EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+    }
+    EXPECT_EQ(ReaderCount(), 1U);
+    EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+    {
+        ShmReaderRT reader{m_shm, TOPIC};
+        EXPECT_EQ(ReaderCount(), 1U);
+        Record taken{};
+        EXPECT_FALSE(reader.TimedReceive(taken.data(), 0us));  // the old record isn't for this reader
+        EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
+        EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
+        EXPECT_EQ(taken, RecordOf(3));
+    }
+    EXPECT_TRUE(writer.TimedSend(RecordOf(4).data(), GENEROUS));  // nobody there, no wait
+}
+
+TEST_F(ShmRt, ReaderGoesOnWithTheNextWriterAfterAKill) {
+    auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
+    for (std::uint64_t value = 1; value <= 3; ++value) {
+        ChildProcess child{[&](Signals& signals) {
+            ShmWriterRT writer{m_shm, TOPIC};
+            writer.TimedSend(RecordOf(value).data(), 0us);
+            signals.TellParent();
+            signals.AwaitParent();
+            return true;
+        }};
+        child.GetSignals().AwaitChild();
+        child.Kill();
+        Record taken{};
+        EXPECT_TRUE(reader->TimedReceive(taken.data(), 0us));
+        EXPECT_EQ(taken, RecordOf(value));
+    }
+}
+
+TEST_F(ShmRt, SecondLiveReaderIsCounted) {
+    ShmWriterRT writer = MakeWriter();
+    ShmReaderRT first{m_shm, TOPIC};
+    ShmReaderRT second{m_shm, TOPIC};
+    EXPECT_EQ(ReaderCount(), 2U);
+}
+
+TEST_F(ShmRt, RecordThatAPlainReaderLeavesIsWrittenOverAfterOneLimit) {
+    ShmWriterRT writer = MakeWriter();
+    {
+        ShmReaderRT reader{m_shm, TOPIC};
+        EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));  // this reader is only slow
+        AttachPlainReader();
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 0us));
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+        EXPECT_EQ(WriteSeq(), 1U);
+        EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 1ms));
+        EXPECT_EQ(WriteSeq(), 2U);
+        EXPECT_FALSE(writer.TimedSend(RecordOf(4).data(), 1ms));  // now it has a record to take
+        EXPECT_FALSE(writer.TimedSend(RecordOf(4).data(), 1ms));
+    }
+}
+
+// A peer that ends in good order takes the name with it; who holds the old region finds the new one.
+TEST_F(ShmRt, ReaderFollowsARestartedWriter) {
+    auto first = std::make_unique<ShmWriterRT>(m_shm, TOPIC);
+    ShmReaderRT reader{m_shm, TOPIC};
+    first.reset();
+    ChildProcess child{[&](Signals& signals) -> bool {
+        ShmWriterRT writer{m_shm, TOPIC};
+        signals.TellParent();
+        for (;;) {
+            writer.TimedSend(RecordOf(5).data(), 1ms);
+            std::this_thread::sleep_for(1ms);
+        }
+    }};
+    child.GetSignals().AwaitChild();
+    Record taken{};
+    EXPECT_TRUE(Eventually([&] { return reader.TimedReceive(taken.data(), 10ms); }));
+    EXPECT_EQ(taken, RecordOf(5));
+    EXPECT_EQ(ReaderCount(), 1U);
+}
+
+TEST_F(ShmRt, WriterFollowsARestartedReader) {
+    using Send = void (*)(ShmWriterRT&, const void*);
+    const Send timed_send = [](ShmWriterRT& writer, const void* data) { writer.TimedSend(data, 1ms); };
+    const Send try_send = [](ShmWriterRT& writer, const void* data) { writer.TrySend(data); };
+    for (const Send send : {timed_send, try_send}) {
+        ShmWriterRT writer = MakeWriter();
+        std::make_unique<ShmReaderRT>(m_shm, TOPIC).reset();
+        ASSERT_FALSE(Exists());
+        ChildProcess child{[&](Signals& signals) {
+            ShmReaderRT reader{m_shm, TOPIC};
+            signals.TellParent();
+            Record taken{};
+            const bool is_read = ReceiveSoon(reader, taken) && taken == RecordOf(6);
+            signals.AwaitParent();
+            return is_read;
+        }};
+        child.GetSignals().AwaitChild();
+        EXPECT_TRUE(Eventually([&] {
+            send(writer, RecordOf(6).data());
+            return ReadSeq() > 0;
+        }));
+        child.GetSignals().TellChild();
+        EXPECT_TRUE(child.Succeeds());
+    }
+}
+
+// The record in the old slot is nobody's, and neither its age nor its readers count for the new slot.
+TEST_F(ShmRt, WriterOfAFullSlotMovesAndRespectsTheNewSlot) {
+    constexpr auto LOOK_INTERVAL = 1s;
+    for (const auto limit : {0us, 1000us}) {
+        ShmWriterRT writer = MakeWriter();
+        const auto may_look = std::chrono::steady_clock::now() + LOOK_INTERVAL;
+        ShmReaderRT old_reader{m_shm, TOPIC};
+        ASSERT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+        AttachPlainReader();
+        m_prefix.Remove(TOPIC);
+        ShmReaderRT reader{m_shm, TOPIC};
+        PutAndDie(9);
+        std::this_thread::sleep_until(may_look);
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), limit));
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+        Record taken{};
+        EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
+        EXPECT_EQ(taken, RecordOf(9));
+        EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
+        EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
+        EXPECT_EQ(taken, RecordOf(3));
+    }
+}
+
+TEST_F(ShmRt, NextWriterLeavesTheRecordOfASlowReader) {
+    ShmReaderRT reader{m_shm, TOPIC};
+    PutAndDie(1);
+    ShmWriterRT writer = MakeWriter();
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+    Record taken{};
+    EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
+    EXPECT_EQ(taken, RecordOf(1));
+    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
+}
+
+TEST_F(ShmRt, NextWriterGivesUpARecordThatAPlainReaderMayHaveFound) {
+    PutAndDie(1);
+    AttachPlainReader();
+    ShmWriterRT writer = MakeWriter();
+    EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 1ms));
+}
+
+TEST_F(ShmRt, ReaderThatClosesLateLowersNothing) {
+    ShmWriterRT writer = MakeWriter();
+    auto first = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
+    ShmReaderRT second{m_shm, TOPIC};
+    Record taken{};
+    EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+    EXPECT_TRUE(second.TimedReceive(taken.data(), 0us));
+    first.reset();
+    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
+    EXPECT_TRUE(second.TimedReceive(taken.data(), 0us));
+    EXPECT_EQ(taken, RecordOf(2));
+}
+
+TEST_F(ShmRt, ReaderMendsWhatAForeignOneLeavesBehind) {
+    ShmWriterRT writer = MakeWriter();
+    auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
+    Record taken{};
+    EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+    EXPECT_TRUE(reader->TimedReceive(taken.data(), 0us));
+    SetRegionAt<std::uint32_t>(56, 0);  // as if the foreign one had been counted
+    SetRegionAt<std::uint64_t>(64, 0);  // what it last took
+    EXPECT_FALSE(reader->TimedReceive(taken.data(), 0us));
+    EXPECT_EQ(ReaderCount(), 1U);
+    EXPECT_EQ(ReadSeq(), 1U);
+
+    SetRegionAt<std::uint32_t>(56, 0);
+    reader.reset();  // and the count stays at 0
+    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
+    EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
+}
+
+TEST_F(ShmRt, ReaderThatAttachesWhileAnotherClosesIsCounted) {
+    struct Probe : ShmReaderRT {
+        using ShmReaderRT::ShmReaderRT;
+        std::uint32_t Count() const { return m_region->reader_count.load(); }
+    };
+    for (int i = 0; i < 300; ++i) {
+        auto first = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
+        std::atomic<bool> go{false};
+        std::thread closing{[&] {
+            go = true;
+            first.reset();
+        }};
+        while (!go) {
+        }
+        const Probe second{m_shm, TOPIC};
+        closing.join();
+        ASSERT_EQ(second.Count(), 1U) << i;
+    }
+}
+
+}  // namespace
