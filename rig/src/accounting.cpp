@@ -224,7 +224,7 @@ private:
             const SetpointRecord& setpoint = m_facts.setpoints[checked.setpoint];
             switch (setpoint.answer) {
                 case AnswerFate::Sent:
-                    ++(InTime(setpoint) ? answers.in_time : answers.late);
+                    ++(InTime(setpoint) ? answers.in_time : IsClose(setpoint) ? answers.close : answers.late);
                     break;
                 case AnswerFate::WrongSampleId:
                     ++answers.wrong_id;
@@ -244,7 +244,13 @@ private:
     }
 
     bool InTime(const SetpointRecord& setpoint) const {
-        return setpoint.answer_sent <= setpoint.planned + m_scenario.host.m4_response_timeout;
+        return setpoint.answer_sent + ANSWER_TRAVEL <= AnswerDeadline(setpoint);
+    }
+    bool IsClose(const SetpointRecord& setpoint) const {
+        return !InTime(setpoint) && setpoint.answer_sent <= AnswerDeadline(setpoint);
+    }
+    time_point AnswerDeadline(const SetpointRecord& setpoint) const {
+        return setpoint.planned + m_scenario.host.m4_response_timeout;
     }
 
     // Whether the rig's own doing explains that this setpoint's answer was not taken: a fault on it, or a

@@ -38,8 +38,12 @@ inline constexpr std::size_t COMMAND_FATES = 13;
 std::string_view NameOf(CommandFate fate);
 std::string_view MeaningOf(CommandFate fate);
 
+// What an answer takes from M4 to the system's decision when both threads on that road sleep: two wake-ups.
+inline constexpr std::chrono::microseconds ANSWER_TRAVEL{200};
+
 struct AnswerCounts {
-    std::uint64_t in_time = 0;  // sent before the system stops waiting
+    std::uint64_t in_time = 0;  // sent so early that the system must have it before it stops waiting
+    std::uint64_t close = 0;    // sent before that moment, but so close to it that either may happen
     std::uint64_t late = 0;     // sent after that
     std::uint64_t wrong_id = 0;
     std::uint64_t harmed = 0;     // the rig's fault injection spoilt it

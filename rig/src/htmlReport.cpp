@@ -173,11 +173,14 @@ private:
     void WriteAnswers() {
         const AnswerCounts& answers = m_accounts.answers;
         Write(
-            "<h2>Answers of M4</h2>\n<table><tr><th>in time</th><th>late</th><th>wrong ID</th><th>harmed</th>"
+            "<h2>Answers of M4</h2>\n<table><tr><th>in time</th><th>close</th><th>late</th><th>wrong "
+            "ID</th><th>harmed</th>"
             "<th>not sent</th><th>in time but not taken</th></tr>\n");
-        Write("<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr></table>\n",
-              answers.in_time, answers.late, answers.wrong_id, answers.harmed, answers.not_sent,
-              answers.not_taken);
+        Write(
+            "<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr></"
+            "table>\n",
+            answers.in_time, answers.close, answers.late, answers.wrong_id, answers.harmed, answers.not_sent,
+            answers.not_taken);
         const HostComplaints& log = m_facts.complaints;
         Write(
             "<p>The host's own log: {} setpoints not sent in time, {} answers missing, {} with a foreign ID, "

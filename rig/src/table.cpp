@@ -53,11 +53,12 @@ void WriteCommands(Output out, const RunFacts& facts, const Accounts& accounts) 
 }
 
 void WriteAnswers(Output out, const RunFacts& facts, const AnswerCounts& answers) {
-    fmt::format_to(
-        out,
-        "\nanswers of M4: {} in time, {} late, {} with a wrong ID, {} harmed, {} not sent; {} in time but "
-        "not taken\n",
-        answers.in_time, answers.late, answers.wrong_id, answers.harmed, answers.not_sent, answers.not_taken);
+    fmt::format_to(out,
+                   "\nanswers of M4: {} in time, {} close, {} late, {} with a wrong ID, {} harmed, {} not "
+                   "sent; {} in time but "
+                   "not taken\n",
+                   answers.in_time, answers.close, answers.late, answers.wrong_id, answers.harmed,
+                   answers.not_sent, answers.not_taken);
     fmt::format_to(
         out,
         "host's log: {} setpoints not sent in time, {} answers missing, {} with a foreign ID, {} receive "

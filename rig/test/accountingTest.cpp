@@ -184,9 +184,12 @@ TEST_F(Books, CountAnswersByFate) {
     m_setpoints[2].answer = AnswerFate::WrongSampleId;
     m_setpoints[3].answer = AnswerFate::Harmed;
     m_setpoints[4].answer = AnswerFate::NotSent;
-    for (std::size_t i : {2U, 3U, 4U, 5U, 7U}) m_checked[i].prior_answer = PriorAnswer::NotTaken;
+    m_setpoints[7].answer_sent =
+        m_setpoints[7].planned + 301us;  // 1 us less than the answer's travel is left
+    for (std::size_t i : {2U, 3U, 4U, 5U, 7U, 8U}) m_checked[i].prior_answer = PriorAnswer::NotTaken;
     const Accounts accounts = Make();
-    EXPECT_EQ(accounts.answers.in_time, 6U);
+    EXPECT_EQ(accounts.answers.in_time, 5U);
+    EXPECT_EQ(accounts.answers.close, 1U);
     EXPECT_EQ(accounts.answers.late, 1U);
     EXPECT_EQ(accounts.answers.wrong_id, 1U);
     EXPECT_EQ(accounts.answers.harmed, 1U);
