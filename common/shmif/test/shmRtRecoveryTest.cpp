@@ -2,7 +2,6 @@
 
 #include "shmRtFixture.hpp"
 
-#include <sys/stat.h>
 #include <thread>
 
 using namespace vosk::test;
@@ -147,9 +146,7 @@ TEST_F(ShmRt, WriterOfAFullSlotMovesAndRespectsTheNewSlot) {
         ShmReaderRT reader{m_shm, TOPIC};
         PutAndDie(9);
         std::this_thread::sleep_until(may_look);
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), limit));
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+        for (int i = 0; i < 3; ++i) EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), limit));
         Record taken{};
         EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
         EXPECT_EQ(taken, RecordOf(9));
@@ -207,26 +204,6 @@ TEST_F(ShmRt, ReaderMendsWhatAForeignOneLeavesBehind) {
     reader.reset();  // and the count stays at 0
     EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
     EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
-}
-
-TEST_F(ShmRt, ReaderThatAttachesWhileAnotherClosesIsCounted) {
-    struct Probe : ShmReaderRT {
-        using ShmReaderRT::ShmReaderRT;
-        std::uint32_t Count() const { return m_region->reader_count.load(); }
-    };
-    for (int i = 0; i < 300; ++i) {
-        auto first = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
-        std::atomic<bool> go{false};
-        std::thread closing{[&] {
-            go = true;
-            first.reset();
-        }};
-        while (!go) {
-        }
-        const Probe second{m_shm, TOPIC};
-        closing.join();
-        ASSERT_EQ(second.Count(), 1U) << i;
-    }
 }
 
 }  // namespace
