@@ -36,12 +36,13 @@ PacketReader::Result PacketReader::ReadLeader(Pieces pieces, std::chrono::nanose
         const Slot* next = m_source.NextInQueue();
         if (next != nullptr) {
             m_id = next->packet.SampleId();
+            m_component = next->packet.ComponentId();
             m_num_frames = next->packet.NumFrames();
             m_latest = {};
             m_next_frame = 1;
             Slot* leader = TakeFromQueue();
             if (leader != nullptr) return Deliver({{}, leader}, pieces);
-            if (IsHopeless()) return GiveUp();
+            if (m_source.IsSampleInWorkHopeless()) return GiveUp();
             m_num_frames = 0;
         }
         const Result read = ReadPacket({}, deadline);
@@ -78,7 +79,7 @@ PacketReader::Result PacketReader::ReadNextFrame(Pieces pieces, const Deadline& 
     for (;;) {
         Slot* queued = TakeFromQueue();
         if (queued != nullptr) return {{}, queued};
-        if (IsHopeless()) return GiveUp();
+        if (m_source.IsSampleInWorkHopeless()) return GiveUp();
         const Result read = ReadPacket(pieces, deadline);
         if (read.error || read.slot != nullptr) return read;
     }
@@ -102,6 +103,10 @@ PacketReader::Result PacketReader::ReadPacket(Pieces pieces, const Deadline& dea
         if (IsNextFrame(*slot)) return {{}, slot};
         if (IsRefutedBySampleInWork(*slot)) {
             Drop(slot, {});
+        } else if (const std::error_code misfit = m_layout.CheckSetup(*slot)) {
+            const bool between_samples = m_num_frames == 0 && m_source.Queue().empty();
+            if (between_samples && !m_source.IsStale(*slot)) return RefuseSampleOf(slot, misfit);
+            m_source.DropMisfit(slot);
         } else if (m_source.Enqueue(slot)) {
             return {};
         }
@@ -135,7 +140,10 @@ PacketReader::Result PacketReader::Deliver(const Result& found, Pieces pieces) n
     if (found.slot == nullptr) return found;
     ++m_next_frame;
     m_latest = std::max(m_latest, found.slot->packet.Timestamp());
-    const std::error_code error = m_layout.CheckSetup(*found.slot);
+    m_source.NoteProgress();
+    std::error_code error = m_layout.CheckSetup(*found.slot);
+    if (found.slot->packet.FrameNumber() == 1) m_cut = {m_num_frames, found.slot->Lspx().num_units};
+    if (!error) error = m_layout.CheckUnits(*found.slot, m_cut);
     if (error) {
         ++m_source.Counters().refused;
         LeaveSample();
@@ -148,6 +156,12 @@ PacketReader::Result PacketReader::Deliver(const Result& found, Pieces pieces) n
     }
     Scatter({found.slot->spill, found.slot->body_size}, pieces);
     return found;
+}
+
+PacketReader::Result PacketReader::RefuseSampleOf(Slot* slot, std::error_code error) noexcept {
+    ++m_source.Counters().refused;
+    m_source.SampleIsOver(slot->packet.SampleId(), slot->packet.Timestamp(), false);
+    return Drop(slot, error);
 }
 
 PacketReader::Result PacketReader::Drop(Slot* slot, std::error_code error) noexcept {
@@ -165,22 +179,24 @@ PacketReader::Result PacketReader::GiveUp() noexcept {
     return {qudex::RxErrc::sample_given_up};
 }
 
-bool PacketReader::IsHopeless() const noexcept {
-    return m_source.QueueIsFull() || m_source.QueueHoldsWholeSample();
-}
-
 bool PacketReader::IsNextFrame(const Slot& slot) const noexcept {
-    return m_num_frames != 0 && slot.packet.SampleId() == m_id && slot.packet.NumFrames() == m_num_frames &&
-           slot.packet.FrameNumber() == m_next_frame;
+    return m_num_frames != 0 && slot.packet.SampleId() == m_id && slot.packet.ComponentId() == m_component &&
+           slot.packet.NumFrames() == m_num_frames && slot.packet.FrameNumber() == m_next_frame;
 }
 
 bool PacketReader::IsRefutedBySampleInWork(const Slot& slot) noexcept {
     if (m_num_frames == 0 || slot.packet.SampleId() != m_id) return false;
-    const bool malformed = slot.packet.NumFrames() != m_num_frames;
-    const bool was_read = slot.packet.FrameNumber() < m_next_frame;
-    if (malformed) ++m_source.Counters().malformed;
-    if (was_read && !malformed) ++m_source.Counters().duplicate;
-    return malformed || was_read;
+    RxCounters& counters = m_source.Counters();
+    if (slot.packet.ComponentId() != m_component) {
+        ++counters.foreign;
+    } else if (slot.packet.NumFrames() != m_num_frames) {
+        ++counters.malformed;
+    } else if (slot.packet.FrameNumber() < m_next_frame) {
+        ++counters.duplicate;
+    } else {
+        return false;
+    }
+    return true;
 }
 
 Slot* PacketReader::TakeFromQueue() noexcept {

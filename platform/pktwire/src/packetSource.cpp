@@ -12,15 +12,17 @@ namespace {
 // Sample IDs run forward and wrap; two of one stream that lie this close are taken to be in order, two that
 // lie further apart to come from a sender that started anew.
 constexpr std::uint32_t ORDER_WINDOW = 16;
+// So many whole samples in a row can't all be late: the one that made them so was none of the stream.
+constexpr unsigned MAX_LATE_SAMPLES = 3;
 
 bool IsShortlyBefore(std::uint32_t id, std::uint32_t other) noexcept {
     const std::uint32_t distance = other - id;
     return distance != 0 && distance < ORDER_WINDOW;
 }
 
-bool IsSameFrame(const Slot& left, const Slot& right) noexcept {
-    return left.packet.SampleId() == right.packet.SampleId() &&
-           left.packet.FrameNumber() == right.packet.FrameNumber();
+// A sender that started anew may use IDs of the recent past, but its times go on.
+bool IsNewer(const Slot& slot, time_point latest) noexcept {
+    return latest != time_point{} && slot.packet.Timestamp() > latest;
 }
 
 }  // namespace
@@ -140,11 +142,14 @@ void PacketSource::Lift(std::span<Incoming> packets) noexcept {
 }
 
 bool PacketSource::Enqueue(Slot* slot) noexcept {
-    const bool stale = IsStale(*slot);
-    const bool duplicate = std::any_of(m_queue.begin(), m_queue.end(),
-                                       [slot](const Slot* other) { return IsSameFrame(*slot, *other); });
-    if (stale || duplicate) {
-        ++(stale ? m_counters.stale : m_counters.duplicate);
+    if (IsStale(*slot)) {
+        DropStale(slot);
+        return false;
+    }
+    for (const Slot* other : m_queue) {
+        std::uint64_t* conflict = Conflict(*slot, *other);
+        if (conflict == nullptr) continue;
+        ++*conflict;
         m_pool.Give(slot);
         return false;
     }
@@ -154,6 +159,36 @@ bool PacketSource::Enqueue(Slot* slot) noexcept {
     return true;
 }
 
+std::uint64_t* PacketSource::Conflict(const Slot& slot, const Slot& other) noexcept {
+    if (slot.packet.SampleId() != other.packet.SampleId()) return nullptr;
+    if (slot.packet.ComponentId() != other.packet.ComponentId()) return &m_counters.foreign;
+    if (slot.packet.NumFrames() != other.packet.NumFrames()) return &m_counters.malformed;
+    return slot.packet.FrameNumber() == other.packet.FrameNumber() ? &m_counters.duplicate : nullptr;
+}
+
+void PacketSource::DropMisfit(Slot* slot) noexcept {
+    ++m_counters.malformed;
+    ++m_misfits;
+    m_pool.Give(slot);
+}
+
+void PacketSource::DropStale(Slot* slot) noexcept {
+    ++m_counters.stale;
+    NoteLate(*slot);
+    m_pool.Give(slot);
+}
+
+void PacketSource::NoteLate(const Slot& slot) noexcept {
+    if (IsOver(slot)) return;
+    const std::uint32_t id = slot.packet.SampleId();
+    if (m_late.frames == 0 || id != m_late.id) {
+        m_late = {id, 0, IsShortlyBefore(m_late.id, id) ? m_late.whole : 0};
+    }
+    if (++m_late.frames != slot.packet.NumFrames() || ++m_late.whole < MAX_LATE_SAMPLES) return;
+    m_delivered.reset();
+    m_late = {};
+}
+
 void PacketSource::DropStaleFromQueue() noexcept {
     auto kept = m_queue.begin();
     for (Slot* slot : m_queue) {
@@ -161,8 +196,7 @@ void PacketSource::DropStaleFromQueue() noexcept {
             *kept++ = slot;
             continue;
         }
-        ++m_counters.stale;
-        m_pool.Give(slot);
+        DropStale(slot);
     }
     m_queue.erase(kept, m_queue.end());
     RecheckQueue();
@@ -195,20 +229,22 @@ void PacketSource::RecheckQueue() noexcept {
 void PacketSource::SampleIsOver(std::uint32_t id, time_point latest, bool delivered) noexcept {
     m_past[m_past_count % m_past.size()] = {id, latest};
     ++m_past_count;
-    if (delivered) m_delivered = PastSample{id, latest};
+    m_misfits = 0;
+    if (!delivered) return;
+    m_delivered = PastSample{id, latest};
+    m_late = {};
 }
 
 bool PacketSource::IsStale(const Slot& slot) const noexcept {
-    const std::uint32_t id = slot.packet.SampleId();
-    const time_point time = slot.packet.Timestamp();
-    // A sender that started anew may use IDs of the recent past, but its times go on.
-    const auto is_newer = [time](const PastSample& sample) {
-        return sample.latest != time_point{} && time > sample.latest;
-    };
-    if (m_delivered && IsShortlyBefore(id, m_delivered->id) && !is_newer(*m_delivered)) return true;
+    const bool late = m_delivered && IsShortlyBefore(slot.packet.SampleId(), m_delivered->id) &&
+                      !IsNewer(slot, m_delivered->latest);
+    return late || IsOver(slot);
+}
+
+bool PacketSource::IsOver(const Slot& slot) const noexcept {
     const auto past = std::span{m_past}.first(std::min(m_past_count, m_past.size()));
-    return std::any_of(past.begin(), past.end(), [&is_newer, id](const PastSample& sample) {
-        return sample.id == id && !is_newer(sample);
+    return std::any_of(past.begin(), past.end(), [&slot](const PastSample& sample) {
+        return sample.id == slot.packet.SampleId() && !IsNewer(slot, sample.latest);
     });
 }
 

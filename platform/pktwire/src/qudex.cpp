@@ -83,18 +83,26 @@ std::span<std::byte> BufferLayout::ExpectedPlace(std::uint16_t frame) const noex
     return m_buffer.subspan(piece.offset, piece.size);
 }
 
-std::error_code BufferLayout::Begin(const detail::Slot& slot) noexcept {
+std::error_code BufferLayout::Check(const detail::Slot& slot) const noexcept {
     const wire::QudexHeader& header = slot.Header();
+    if (header.num_frames > m_expected.size()) return RxErrc::frame_count;
     if (header.sample_size != 0 && header.sample_size != m_buffer.size()) return RxErrc::sample_size;
-    if (header.num_frames != m_expected_frames) ExpectEqualCut(header.num_frames);
-    m_as_expected = true;
+    const Piece piece{header.place, slot.body_size};
+    if (!IsInBuffer(piece)) return RxErrc::sample_size;
+    if (header.frame_number == 1 && piece.offset != 0) return RxErrc::frame_places;
+    const bool is_last = header.frame_number == header.num_frames;
+    if (is_last && piece.offset + piece.size != m_buffer.size()) return RxErrc::sample_size;
     return {};
+}
+
+void BufferLayout::Begin(const detail::Slot& slot) noexcept {
+    if (slot.packet.NumFrames() != m_expected_frames) ExpectEqualCut(slot.packet.NumFrames());
+    m_as_expected = true;
 }
 
 std::error_code BufferLayout::Place(const detail::Slot& slot, std::span<std::byte>& place) noexcept {
     const Piece piece{slot.Header().place, slot.body_size};
-    if (piece.offset > m_buffer.size() || piece.size > m_buffer.size() - piece.offset)
-        return RxErrc::sample_size;
+    if (!IsInBuffer(piece)) return RxErrc::sample_size;
     const std::size_t index = slot.packet.FrameNumber() - 1U;
     m_actual[index] = piece;
     m_as_expected = m_as_expected && piece == m_expected[index];
@@ -113,6 +121,10 @@ std::error_code BufferLayout::Finish() noexcept {
     if (end != m_buffer.size()) return RxErrc::sample_size;
     m_expected.swap(m_actual);
     return {};
+}
+
+bool BufferLayout::IsInBuffer(const Piece& piece) const noexcept {
+    return piece.offset <= m_buffer.size() && piece.size <= m_buffer.size() - piece.offset;
 }
 
 void BufferLayout::ExpectEqualCut(std::uint16_t frames) noexcept {

@@ -17,8 +17,7 @@ std::error_code SampleCollector::Collect(SampleLayout& layout, std::chrono::nano
     std::error_code error;
     Step step = TakeFromQueue(layout, error);
     while (step == Step::going_on) {
-        if (IsSampleInWork() && (m_source.QueueIsFull() || m_source.QueueHoldsWholeSample()))
-            return AbandonSample();
+        if (IsSampleInWork() && m_source.IsSampleInWorkHopeless()) return AbandonSample();
         if (!ExpectMissingFrames(layout)) return std::make_error_code(std::errc::no_buffer_space);
         error = m_source.Read(deadline);
         if (error) return error;
@@ -71,9 +70,11 @@ SampleCollector::Step SampleCollector::TakeFromBatch(SampleLayout& layout, std::
         if (slot == nullptr) continue;
         const bool is_ours = IsOfSampleInWork(*slot);
         if (!is_ours && m_source.IsStale(*slot)) {
-            Drop(batch[i], m_source.Counters().stale);
+            m_source.DropStale(std::exchange(batch[i].slot, nullptr));
         } else if (step == Step::going_on && (is_ours || !IsSampleInWork())) {
             step = Accept(layout, batch.subspan(i), error);
+        } else if (layout.Check(*slot)) {
+            m_source.DropMisfit(std::exchange(batch[i].slot, nullptr));
         } else {
             // Its turn comes later. The places in the caller's memory are needed for those whose turn it is.
             m_source.Lift(batch.subspan(i));
@@ -92,6 +93,10 @@ SampleCollector::Step SampleCollector::Accept(SampleLayout& layout, std::span<In
         if (error) return Refuse(std::exchange(packet.slot, nullptr));
     }
     const std::uint16_t frame = packet.slot->packet.FrameNumber();
+    if (packet.slot->packet.ComponentId() != m_component) {
+        Drop(packet, counters.foreign);
+        return Step::going_on;
+    }
     if (packet.slot->packet.NumFrames() != m_num_frames) {
         Drop(packet, counters.malformed);
         return Step::going_on;
@@ -116,6 +121,7 @@ SampleCollector::Step SampleCollector::Accept(SampleLayout& layout, std::span<In
     m_highest = std::max(m_highest, frame);
     m_latest = std::max(m_latest, packet.slot->packet.Timestamp());
     m_progress = true;
+    m_source.NoteProgress();
     Keep(std::exchange(packet.slot, nullptr));
     if (--m_missing != 0) return Step::going_on;
 
@@ -129,10 +135,13 @@ SampleCollector::Step SampleCollector::Accept(SampleLayout& layout, std::span<In
 std::error_code SampleCollector::Begin(SampleLayout& layout, const Slot& slot) noexcept {
     m_id = slot.packet.SampleId();
     m_latest = slot.packet.Timestamp();
-    if (slot.packet.NumFrames() > m_max_frames) return qudex::RxErrc::frame_count;
+    m_component = slot.packet.ComponentId();
+    const std::error_code error = layout.Check(slot);
+    if (error) return error;
     m_num_frames = slot.packet.NumFrames();
     m_missing = m_num_frames;
-    return layout.Begin(slot);
+    layout.Begin(slot);
+    return {};
 }
 
 SampleCollector::Step SampleCollector::Refuse(Slot* slot) noexcept {

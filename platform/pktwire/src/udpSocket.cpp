@@ -16,8 +16,9 @@ namespace pktwire {
 namespace {
 
 constexpr std::uint64_t MAX_BATCH = 64;
-// How long a sender waits for room in the socket buffer before it gives up a packet.
-constexpr std::chrono::milliseconds MAX_SEND_STALL{100};
+// How long one call waits for room in the socket buffer, all its packets together. The samples of a control
+// loop are worth nothing later, and the loop can't stand still for them.
+constexpr std::chrono::milliseconds MAX_SEND_STALL{1};
 
 std::error_code LastError() noexcept {
     return {errno, std::system_category()};
@@ -237,6 +238,7 @@ UdpTxSocket::UdpTxSocket(const Config& config, std::pmr::memory_resource* /*memo
 std::error_code UdpTxSocket::Send(std::span<mmsghdr> messages) noexcept {
     std::error_code result;
     bool retried = false;  // the first of `messages`, after a refusal
+    std::optional<std::chrono::steady_clock::time_point> stall_end;
     while (!messages.empty()) {
         const int sent = ::sendmmsg(m_fd.Get(), messages.data(), static_cast<unsigned>(messages.size()),
                                     MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -248,7 +250,9 @@ std::error_code UdpTxSocket::Send(std::span<mmsghdr> messages) noexcept {
         const std::error_code error = LastError();
         if (error == std::errc::interrupted) continue;
         if (error == std::errc::operation_would_block) {
-            if (WaitWritable()) return error;
+            const auto now = std::chrono::steady_clock::now();
+            if (!stall_end) stall_end = now + MAX_SEND_STALL;
+            if (now >= *stall_end || Poll(m_fd.Get(), POLLOUT, *stall_end - now)) return error;
             continue;
         }
         if (error != std::errc::connection_refused) return error;
@@ -258,10 +262,6 @@ std::error_code UdpTxSocket::Send(std::span<mmsghdr> messages) noexcept {
         retried = !retried;
     }
     return result;
-}
-
-std::error_code UdpTxSocket::WaitWritable() noexcept {
-    return Poll(m_fd.Get(), POLLOUT, MAX_SEND_STALL);
 }
 
 std::uint16_t UdpTxSocket::LocalPort() const {

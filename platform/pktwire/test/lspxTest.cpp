@@ -265,25 +265,35 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
             case 3:
                 datagrams.resize(15);
                 break;
-            default:
+            case 4:
                 datagrams[3][48] = std::byte{9};
+                break;
+            case 5:  // a short body
+                datagrams[3].resize(datagrams[3].size() - 2);
+                datagrams[3][35] = static_cast<std::byte>(datagrams[3].size() - 48);
+                break;
+            case 6:
+                datagrams[3][63] ^= std::byte{1};  // another first unit
+                break;
+            default:
+                datagrams[3][59] ^= std::byte{1};  // another count of units
         }
         return datagrams;
     };
-    for (int kind = 0; kind < 5; ++kind) {
+    for (int kind = 0; kind < 8; ++kind) {
         for (bool packet_by_packet : {false, true}) {
             Bench bench{stream};
             for (unsigned id = 1; id <= 5; ++id) {
                 bench.socket.Put(id == 3 ? fault(id, kind) : Cut(stream, id, Counting(600, id), Counting(4)));
             }
             std::vector<unsigned> good;
-            int errors = 0;
+            std::vector<std::error_code> errors;
             for (;;) {
                 const std::error_code error =
                     packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first;
                 if (error == std::errc::timed_out) break;
                 if (error) {
-                    ++errors;
+                    errors.push_back(error);
                     continue;
                 }
                 for (unsigned id = 1; id <= 5; ++id) {
@@ -292,7 +302,8 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
             }
             EXPECT_THAT(good, ElementsAre(1, 2, 4, 5))
                 << "fault " << kind << ", by packet " << packet_by_packet;
-            EXPECT_EQ(errors, 1);
+            ASSERT_EQ(errors.size(), 1U);
+            EXPECT_EQ(errors[0] == RxErrc::unit_count, kind > 4) << errors[0].message();
             EXPECT_EQ(bench.receiver.GetCounters().samples, 4U);
         }
     }
@@ -323,6 +334,14 @@ TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
         bench.socket.Put(Cut({.units = 3}, 2, Bytes(6), Bytes(4)));
         const std::error_code error = bench.ReceiveSample().first;
         EXPECT_FALSE(bench.ReceiveSample().first);
+        if (error == RxErrc::buffer_too_small) return error;  // a caller's matter, packet by packet
+
+        Bench by_packet{ours};
+        by_packet.socket.Put(Cut(theirs, 1, Bytes(theirs.PayloadSize()), Bytes(theirs.leader_info)));
+        by_packet.socket.Put(Cut({.units = 3}, 2, Bytes(6), Bytes(4)));
+        EXPECT_EQ(ReceivePacketByPacket(by_packet).first, error);
+        EXPECT_FALSE(ReceivePacketByPacket(by_packet).first);
+        EXPECT_EQ(by_packet.receiver.GetCounters().refused, 1U);
         return error;
     };
     EXPECT_EQ(answer({.endianness = lspx::BIG_ENDIAN_UNITS}), RxErrc::endianness);
@@ -333,12 +352,42 @@ TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
     EXPECT_EQ(answer({.units = 11}), RxErrc::buffer_too_small);
     EXPECT_EQ(answer({.num_frames = 6}), qudex::RxErrc::frame_count);
     EXPECT_EQ(lspx::make_error_code(RxErrc::buffer_too_small).value(), 13);
+}
 
-    Bench bench{ours};
-    auto datagrams = Cut(ours, 1, Counting(20), Bytes(4));
-    datagrams[2][63] = std::byte{9};  // another first unit
-    bench.socket.Put(datagrams);
-    EXPECT_EQ(bench.ReceiveSample().first, RxErrc::unit_count);
+TEST(LspxReceiver, StraysThatNoSampleCanHoldCostNothingInBothManners) {
+    const Stream stream;
+    const auto good = Cut(stream, 1, Counting(20), Bytes(4));
+    auto one_frame = Cut(stream, 100, Counting(20), Bytes(4))[0];
+    one_frame[23] = std::byte{1};
+    const std::vector<Bytes> strays{
+        one_frame, Cut({.num_frames = 6}, 101, Counting(20), Bytes(4))[2],
+        Cut({.endianness = lspx::BIG_ENDIAN_UNITS}, 102, Counting(20), Bytes(4))[0]};
+    for (bool packet_by_packet : {false, true}) {
+        Bench bench{stream};
+        for (std::size_t i = 0; i < good.size(); ++i) {
+            bench.socket.Put({good[i]});
+            if (i + 1 < good.size()) bench.socket.Put(strays);
+        }
+        EXPECT_FALSE(packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first);
+        EXPECT_EQ(bench.Content(20), Counting(20));
+        EXPECT_EQ(bench.receiver.GetCounters().malformed, 4 * strays.size());
+    }
+}
+
+TEST(LspxReceiver, PacketsOfAnotherSenderAreLeftOutInBothManners) {
+    const Stream stream;
+    auto ours = Cut(stream, 1, Counting(20), Bytes(4));
+    auto theirs = Cut(stream, 1, Counting(20, 99), Bytes(4));
+    for (bool packet_by_packet : {false, true}) {
+        Bench bench{stream};
+        for (std::size_t i = 0; i < ours.size(); ++i) {
+            theirs[i][7] = std::byte{1};  // component
+            bench.socket.Put({ours[i], theirs[i]});
+        }
+        EXPECT_FALSE(packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first);
+        EXPECT_EQ(bench.Content(20), Counting(20));
+        EXPECT_EQ(bench.receiver.GetCounters().foreign, 4U);
+    }
 }
 
 TEST(LspxReceiver, PacketCallsForAnotherKindSayOtherPacket) {

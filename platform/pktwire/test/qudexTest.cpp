@@ -34,9 +34,12 @@ qudex::Receiver::Config ReceiverConfig(std::uint16_t num_frames) {
 }
 
 // The datagrams of one sample.
-std::vector<Bytes> Cut(const Bytes& sample, std::uint16_t num_frames, unsigned id, time_point time = TIME) {
+std::vector<Bytes> Cut(const Bytes& sample, std::uint16_t num_frames, unsigned id, time_point time = TIME,
+                       std::uint16_t component = 0) {
     FakeTxSocket socket;
-    qudex::Sender sender{SenderConfig(num_frames), socket, nullptr};
+    auto config = SenderConfig(num_frames);
+    config.component_id = component;
+    qudex::Sender sender{config, socket, nullptr};
     sender.SetSampleId(id);
     EXPECT_FALSE(sender.SendSample(sample, time, {}));
     return socket.Take();
@@ -408,6 +411,73 @@ TEST(QudexReceiver, AForgedSampleOfTheFutureCostsOnlyItself) {
     auto ids = bench.ReceiveAll();
     ids.erase(std::remove(ids.begin(), ids.end(), 0U), ids.end());
     EXPECT_THAT(ids, ElementsAre(10, 11, 12, 13, 15, 16));
+}
+
+TEST(QudexReceiver, StraysThatNoSampleCanHoldCostNothing) {
+    const Bytes sample = Counting(60);
+    const auto good = Cut(sample, 6, 10);
+    const auto size_untold = [](Bytes datagram) {
+        datagram[42] = datagram[43] = std::byte{};
+        return datagram;
+    };
+    auto beyond = size_untold(Cut(sample, 6, 300)[2]);
+    beyond[31] = std::byte{51};
+    const std::vector<Bytes> strays{Cut(Counting(1), 1, 100)[0],  size_untold(Cut(Counting(1), 1, 101)[0]),
+                                    Cut(Counting(61), 1, 102)[0], size_untold(Cut(Counting(61), 1, 103)[0]),
+                                    Cut(sample, 7, 104)[1],       beyond};
+    Bench bench{6, sample.size()};
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        bench.socket.Put({good[i]});
+        if (i + 1 < good.size()) bench.socket.Put(strays);
+    }
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(10));
+    EXPECT_EQ(bench.Content(), sample);
+    EXPECT_EQ(bench.receiver.GetCounters().malformed, 5 * strays.size());
+}
+
+TEST(QudexReceiver, ASenderSetUpAnewWithinASampleIsToldOf) {
+    Bench bench{3, 30};
+    bench.socket.Put({Cut(Counting(30), 3, 1)[0]});
+    for (unsigned id = 2; id < 100; ++id) bench.socket.Put(Cut(Counting(30), 4, id));
+    EXPECT_EQ(bench.Receive(), RxErrc::sample_given_up);
+    EXPECT_EQ(bench.Receive(), RxErrc::frame_count);
+}
+
+TEST(QudexReceiver, FramesOfTwoSendersAreNeverMerged) {
+    const std::array<Bytes, 2> samples{Counting(30, 1), Counting(30, 99)};
+    Bench bench{3, 30};
+    // The last of these wait in the queue while the first are taken.
+    for (std::size_t id : {1U, 2U, 3U}) {
+        const auto ours = Cut(samples[0], 3, static_cast<unsigned>(id), TIME, 5);
+        const auto theirs = Cut(samples[1], 3, static_cast<unsigned>(id), TIME, 6);
+        bench.socket.Put({ours[0], theirs[1], theirs[0], ours[2], theirs[2], ours[1]});
+    }
+    for (unsigned id : {1U, 2U, 3U}) {
+        ASSERT_FALSE(bench.Receive());
+        EXPECT_EQ(bench.id, id);
+        EXPECT_THAT(samples, testing::Contains(bench.Content()));
+    }
+    EXPECT_GT(bench.receiver.GetCounters().foreign, 0U);
+}
+
+TEST(QudexReceiver, FollowsTheStreamAfterThreeSamplesThatAForgedOneMadeLate) {
+    const Bytes sample = Counting(30);
+    Bench bench{3, 30};
+    bench.socket.Put(Cut(sample, 3, 10));
+    bench.socket.Put(Cut(sample, 3, 26, TIME + 1h));
+    for (unsigned id = 11; id <= 17; ++id) {
+        bench.socket.Put(Cut(sample, 3, id));
+        bench.socket.Put(Cut(sample, 3, 10));  // was delivered, and stays over
+    }
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(10, 26, 14, 15, 16, 17));
+
+    // On two ways every sample comes twice, and the second ones make no run.
+    Bench twice{3, 30};
+    for (unsigned id = 1; id <= 10; ++id) {
+        twice.socket.Put(Cut(sample, 3, id + 3));
+        twice.socket.Put(Cut(sample, 3, id));
+    }
+    EXPECT_THAT(twice.ReceiveAll(), ElementsAre(4, 5, 6, 7, 8, 9, 10, 11, 12, 13));
 }
 
 TEST(QudexReceiver, ACallerWhoKeepsPacketsIsToldWhenNoneIsLeft) {

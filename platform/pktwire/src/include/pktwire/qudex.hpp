@@ -46,7 +46,8 @@ public:
 
     std::uint16_t ExpectedFrames() const noexcept override { return m_expected_frames; }
     std::span<std::byte> ExpectedPlace(std::uint16_t frame) const noexcept override;
-    std::error_code Begin(const detail::Slot& slot) noexcept override;
+    std::error_code Check(const detail::Slot& slot) const noexcept override;
+    void Begin(const detail::Slot& slot) noexcept override;
     std::error_code Place(const detail::Slot& slot, std::span<std::byte>& place) noexcept override;
     std::error_code Finish() noexcept override;
 
@@ -57,6 +58,7 @@ private:
         friend bool operator==(const Piece&, const Piece&) = default;
     };
     void ExpectEqualCut(std::uint16_t frames) noexcept;
+    bool IsInBuffer(const Piece& piece) const noexcept;
 
     std::uint16_t m_expected_frames;
     bool m_as_expected = true;  // all frames of the sample in work so far

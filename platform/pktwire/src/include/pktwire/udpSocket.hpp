@@ -39,7 +39,8 @@ public:
     virtual ~TxSocket() = default;
 
     // Sends all messages in order. After ECONNREFUSED, which tells of an earlier datagram, the rest is still
-    // sent and the code is returned at the end; any other error ends the call.
+    // sent and the code is returned at the end; any other error ends the call. Waits at most 1 ms in all for
+    // room to send.
     virtual std::error_code Send(std::span<mmsghdr> messages) noexcept = 0;
 };
 
@@ -120,8 +121,6 @@ public:
     std::uint16_t LocalPort() const;
 
 private:
-    std::error_code WaitWritable() noexcept;
-
     detail::FileDescriptor m_fd;
 };
 

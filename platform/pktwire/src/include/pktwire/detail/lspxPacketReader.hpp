@@ -39,11 +39,11 @@ private:
     // Takes away the packet that stands where the caller asked for one of another kind.
     Result Skip(const pktwire::detail::Deadline& deadline) noexcept;
     Result Deliver(const Result& found, Pieces pieces) noexcept;
+    // A packet between two samples that can't be part of one is the end of its sample.
+    Result RefuseSampleOf(pktwire::detail::Slot* slot, std::error_code error) noexcept;
     Result Drop(pktwire::detail::Slot* slot, std::error_code error) noexcept;
     Result GiveUp() noexcept;
 
-    // So much has come for later that what is missing won't come any more.
-    bool IsHopeless() const noexcept;
     bool IsNextFrame(const pktwire::detail::Slot& slot) const noexcept;
     bool IsRefutedBySampleInWork(const pktwire::detail::Slot& slot) noexcept;
     // The next frame, if it waits in the queue.
@@ -54,6 +54,8 @@ private:
     std::uint16_t m_num_frames = 0;  // of the sample in work, 0 for none
     std::uint32_t m_next_frame = 1;
     std::uint32_t m_id = 0;
+    std::uint16_t m_component = 0;
+    Cut m_cut{0, 0};  // as the leader tells it
     time_point m_latest{};
 };
 

@@ -23,8 +23,8 @@ struct RxCounters {
     std::uint64_t lost = 0;        // packets missing from samples given up
     std::uint64_t short_ones = 0;  // fewer bytes than the headers say
     std::uint64_t long_ones = 0;   // more bytes than the headers say
-    std::uint64_t foreign = 0;     // no QUDEX packet, another version or another topic
-    std::uint64_t malformed = 0;   // contradictory headers
+    std::uint64_t foreign = 0;     // no QUDEX packet, another version, topic or sender than the sample's
+    std::uint64_t malformed = 0;   // headers in contradiction to themselves, to the sample or to the set-up
     std::uint64_t checksum = 0;    // CRC that doesn't fit
     std::uint64_t duplicate = 0;   // packets that were there already
     std::uint64_t stale = 0;       // of a sample that is over
@@ -85,15 +85,22 @@ public:
 
     // Packets whose turn is yet to come, lifted, in order of arrival.
     std::pmr::vector<Slot*>& Queue() noexcept { return m_queue; }
-    // Queues a lifted packet; one that is over or there already is dropped and
-    // gives false.
+    // Queues a lifted packet that the caller's layout could take; one that is over, there already or at odds
+    // with the packets of its sample is dropped and gives false.
     bool Enqueue(Slot* slot) noexcept;
+    // Drops a packet that no layout could take, so that it can't crowd out a sample.
+    void DropMisfit(Slot* slot) noexcept;
+    void DropStale(Slot* slot) noexcept;
     void DropStaleFromQueue() noexcept;
     // The packet that tells which sample is next: the first that came, or one of a sample shortly before.
     const Slot* NextInQueue() const noexcept;
-    bool QueueIsFull() const noexcept { return m_queue.size() >= m_queue_limit; }
-    // Whether all packets of a sample wait in the queue.
-    bool QueueHoldsWholeSample() const noexcept { return m_whole_in_queue; }
+    // So much has come for others that what the sample in work lacks won't come any more: another sample is
+    // whole, the queue is full, or nothing but misfits comes, since the sender was set up anew.
+    bool IsSampleInWorkHopeless() const noexcept {
+        return m_whole_in_queue || m_queue.size() >= m_queue_limit || m_misfits >= MAX_MISFITS;
+    }
+    // A packet of the sample in work was taken.
+    void NoteProgress() noexcept { m_misfits = 0; }
     // Call after taking packets out of the queue.
     void RecheckQueue() noexcept;
 
@@ -112,11 +119,22 @@ private:
         std::uint32_t id = 0;
         time_point latest{};
     };
+    // Of samples that were dropped only for lying shortly before the one delivered.
+    struct LateRun {
+        std::uint32_t id = 0;    // of the latest
+        std::size_t frames = 0;  // of it, so far
+        unsigned whole = 0;      // samples, in ascending order
+    };
     static constexpr std::size_t IOVS = 3;  // headers, expected place, spill
+    static constexpr std::size_t MAX_MISFITS = 64;
 
     bool IsValid(const Incoming& packet, const mmsghdr& message) noexcept;
     bool ChecksumFits(const Incoming& packet) const noexcept;
     bool IsWholeInQueue(const Slot& slot) const noexcept;
+    // What is to be counted if the second packet keeps the first one out of its sample, else null.
+    std::uint64_t* Conflict(const Slot& slot, const Slot& other) noexcept;
+    bool IsOver(const Slot& slot) const noexcept;
+    void NoteLate(const Slot& slot) noexcept;
 
     const std::uint32_t m_topic;
     const bool m_ignore_checksum;
@@ -134,6 +152,8 @@ private:
     std::array<PastSample, 16> m_past{};
     std::size_t m_past_count = 0;
     std::optional<PastSample> m_delivered;
+    LateRun m_late;
+    std::size_t m_misfits = 0;  // in a row
     RxCounters m_counters;
 };
 

@@ -21,8 +21,11 @@ public:
     // Where the body of this frame will most likely belong; empty if nobody knows. The places of frames that
     // are not in yet never overlap those of frames that are.
     virtual std::span<std::byte> ExpectedPlace(std::uint16_t frame) const noexcept = 0;
-    // The first packet of a new sample is here, any of its frames. An error refuses the sample.
-    virtual std::error_code Begin(const Slot& slot) noexcept = 0;
+    // Whether this packet could be part of a sample that can be received here.
+    virtual std::error_code Check(const Slot& slot) const noexcept = 0;
+    // The first packet of a new sample is here, any of its frames, and passed the check. From now on this is
+    // the sample's cut.
+    virtual void Begin(const Slot& slot) noexcept = 0;
     // Where the body of this packet belongs, as large as the body. An error refuses the sample.
     virtual std::error_code Place(const Slot& slot, std::span<std::byte>& place) noexcept = 0;
     // All frames are in. An error refuses the sample.
@@ -75,6 +78,7 @@ private:
     std::uint16_t m_missing = 0;
     std::uint16_t m_highest = 0;  // frame number
     std::uint32_t m_id = 0;
+    std::uint16_t m_component = 0;
     time_point m_latest{};  // time stamp
     bool m_progress = false;
     EndPackets m_ends;
