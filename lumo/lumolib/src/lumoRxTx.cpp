@@ -27,11 +27,11 @@ public:
     }
 
     void Read(const char* key, Ipv4& field) const {
-        if (Has(key)) field = Ipv4{GetParam<std::string>(m_node, key)};
+        if (Has(key)) field = GetAddress(key);
     }
 
     void Read(const char* key, std::optional<Ipv4>& field) const {
-        if (Has(key)) field = Ipv4{GetParam<std::string>(m_node, key)};
+        if (Has(key)) field = GetAddress(key);
     }
 
     void ReadTopic(std::uint32_t& topic) const {
@@ -66,6 +66,15 @@ public:
 
 private:
     bool Has(const char* key) const { return m_node.IsMap() && m_node.Has(key); }
+
+    Ipv4 GetAddress(const char* key) const {
+        const auto text = GetParam<std::string>(m_node, key);
+        try {
+            return Ipv4{text};
+        } catch (const std::runtime_error& failure) {
+            LogAndThrow(fmt::format("ERR: {}.{}: {}", m_node.GetPath(), key, failure.what()));
+        }
+    }
 
     const PliConfigInstanceNode& m_node;
 };
@@ -187,6 +196,21 @@ void Describe(DescriptionRef description, const char* what, const PliConfigInsta
         fmt::format("{}: {}:{}, topic ID: {}", what, GetParam<std::string>(node, address_key), port, topic);
 }
 
+// What a stream met besides its samples, at the end of its life. Silent if that was nothing.
+void LogMishaps(const pktwire::UdpRxSocket::Config& udp_cfg, std::uint32_t topic,
+                const pktwire::RxCounters& met) noexcept try {
+    if (met.stale + met.given_up + met.refused + met.foreign + met.malformed == 0) return;
+    common::LogInfo(
+        "Receiver on {}:{}, topic ID: {}: {} packets, {} samples; samples given up: {}, refused: {}; "
+        "packets lost: {}, stale: {}, foreign: {}, malformed: {}, too short: {}, too long: {}, "
+        "of wrong checksum: {}, duplicate: {}",
+        TextOrNothing(udp_cfg.ip.listen), udp_cfg.udp.listen, topic, met.packets, met.samples, met.given_up,
+        met.refused, met.lost, met.stale, met.foreign, met.malformed, met.short_ones, met.long_ones,
+        met.checksum, met.duplicate);
+} catch (const std::exception&) {
+    // A line of the log is not worth the program's end.
+}
+
 }  // namespace
 
 Rx::Rx(const PliConfigInstanceNode& node, const pktwire::UdpRxSocket::Config& udp_cfg,
@@ -215,6 +239,10 @@ RxQudex::RxQudex(const PliConfigInstanceNode& node, const pktwire::UdpRxSocket::
              m_qudex_cfg.topic);
 }
 
+RxQudex::~RxQudex() {
+    if (m_receiver) LogMishaps(m_udp_cfg, m_qudex_cfg.topic, m_receiver->GetCounters());
+}
+
 RxLspx::RxLspx(const PliConfigInstanceNode& node, const pktwire::UdpRxSocket::Config& udp_cfg,
                const pktwire::qudex::Receiver::Config& qudex_cfg,
                const pktwire::lspx::Receiver::Config& lspx_cfg, std::pmr::memory_resource* memory,
@@ -227,6 +255,10 @@ RxLspx::RxLspx(const PliConfigInstanceNode& node, const pktwire::UdpRxSocket::Co
     });
     Describe(description, "LSPX receiver listening on", node, "listen_ip", m_udp_cfg.udp.listen,
              m_qudex_cfg.topic);
+}
+
+RxLspx::~RxLspx() {
+    LogMishaps(m_udp_cfg, m_qudex_cfg.topic, m_lspx_receiver->GetCounters());
 }
 
 Tx::Tx(const PliConfigInstanceNode& node, const pktwire::UdpTxSocket::Config& udp_cfg,

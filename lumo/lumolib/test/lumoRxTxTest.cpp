@@ -5,6 +5,7 @@
 #include <vosk/common/testing/logCapture.hpp>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -88,6 +89,10 @@ TEST(Endpoints, RefuseWhatTheyCannotWorkWithout) {
     ExpectRefused(tx("ip_dest: 127.0.0.1"), "Tx::Tx: udp_cfg.udp.dst is required");
     ExpectRefused(tx(TX + ", num_frames: 0"), "TxQudex::TxQudex: qudex_cfg.num_frames is required");
     ExpectRefused(tx(TX + ", frame_size: 0"), "TxLspx::TxLspx: lspx_cfg.frame_size is required");
+    ExpectRefused(rx("listen_udp: 1, listen_ip: localhost"),
+                  "ERR: node.listen_ip: not an IPv4 address: \"localhost\"");
+    ExpectRefused(tx("ip_dest: 1.2.3"), "ERR: node.ip_dest: not an IPv4 address: \"1.2.3\"");
+    ExpectRefused(tx(TX + ", ip_src: 1.2.3.256"), "ERR: node.ip_src: not an IPv4 address: \"1.2.3.256\"");
     ExpectRefused(rx(RX + ", qudex_topic: -1"), "ERR: node.qudex_topic must not be negative");
 }
 
@@ -137,6 +142,39 @@ TEST(RxQudex, NeedsAnAddressOnlyForTheDescription) {
     EXPECT_THROW((TestRxQudex{Node(no_address), description}), oru::configng::PliConfigNotFoundError);
     const TestRxQudex described{Node(RX), description};
     EXPECT_EQ(description, "QUDEX receiver listening on: 127.0.0.1:45117, topic ID: 0");
+}
+
+TEST(Receivers, TellAtTheirEndWhatTheyMetBesidesSamples) {
+    common::LogCapture capture;
+    const auto told = [&capture] {
+        const auto lines = capture.Lines();
+        return std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+            return line.level == log4cplus::INFO_LOG_LEVEL &&
+                   line.text.starts_with("Receiver on 127.0.0.1:45117, topic ID: 0: 1 packets, 0 samples;") &&
+                   line.text.find("foreign: 1, ") != std::string::npos;
+        });
+    };
+    TestTxLspx tx{"ip_dest: 127.0.0.1, udp_dest: 45117, qudex_topic: 5"};
+    std::array<std::byte, 8> buffer{};
+    {
+        TestRxQudex rx{Node(RX)};
+        std::array<gsl::span<const std::byte>, 1> headroom{};
+        ASSERT_FALSE(tx.QudexSender().SendPacket({headroom, 1}, {}, {}));
+        while (rx.m_receiver->GetCounters().packets == 0) rx.m_receiver->ReceiveSample(buffer, 1s);
+    }
+    EXPECT_EQ(told(), 1);
+    {
+        TestRxLspx rx{RX};
+        std::array<gsl::span<const std::byte>, 1> headroom{};
+        ASSERT_FALSE(tx.QudexSender().SendPacket({headroom, 1}, {}, {}));
+        while (rx.m_lspx_receiver->GetCounters().packets == 0) {
+            rx.m_lspx_receiver->ReceiveSample({}, buffer, {}, 1s);
+        }
+    }
+    EXPECT_EQ(told(), 2);
+    const std::size_t lines = capture.Lines().size();
+    { const TestRxQudex quiet{Node(RX)}; }
+    EXPECT_EQ(capture.Lines().size(), lines);
 }
 
 TEST(TxLspx, ReadsItsKeysOverTheDefaults) {

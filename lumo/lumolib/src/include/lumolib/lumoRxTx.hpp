@@ -45,12 +45,13 @@ protected:
 };
 
 // Keys: `qudex_topic`, `num_frames` (required), `buf_packets`, `checksum_force_ignore`. A description needs
-// `listen_ip`.
+// `listen_ip`. At the end of its life it logs what it met besides good samples, if anything.
 class RxQudex : public Rx {
 public:
     RxQudex(const oru::configng::PliConfigInstanceNode& node, const pktwire::UdpRxSocket::Config& udp_cfg,
             const pktwire::qudex::Receiver::Config& qudex_cfg, std::pmr::memory_resource* memory,
             DescriptionRef description);
+    ~RxQudex() override;
 
 protected:
     pktwire::qudex::Receiver::Config m_qudex_cfg;
@@ -64,6 +65,7 @@ public:
     RxLspx(const oru::configng::PliConfigInstanceNode& node, const pktwire::UdpRxSocket::Config& udp_cfg,
            const pktwire::qudex::Receiver::Config& qudex_cfg, const pktwire::lspx::Receiver::Config& lspx_cfg,
            std::pmr::memory_resource* memory, DescriptionRef description);
+    ~RxLspx() override;
 
 protected:
     pktwire::lspx::Receiver::Config m_lspx_cfg;
