@@ -230,21 +230,26 @@ TEST(Executor, LocksTheInputsOfTheModeAndNoOther) {
 
 // Two writers that take the inputs in opposite orders: locking one input after the other would end in a
 // deadlock.
+struct Mutexes {
+    std::shared_mutex u4;
+    std::shared_mutex gpao;
+};
+
 // A writer that holds one lock and blocks on the other: a pass that did the same in the other order would
 // hang.
-void PassBesideAWriter(std::shared_mutex& u4_mutex, std::shared_mutex& gpao_mutex,
-                       std::shared_mutex& outer_mutex, std::shared_mutex& inner_mutex) {
+void PassBesideAWriter(std::shared_mutex Mutexes::*outer_member, std::shared_mutex Mutexes::*inner_member) {
     Bench bench;
+    Mutexes mutexes;
     std::atomic<bool> running{true};
     std::thread writer{[&] {
         while (running) {
-            const std::unique_lock outer{outer_mutex};
-            const std::unique_lock inner{inner_mutex};
+            const std::unique_lock outer{mutexes.*outer_member};
+            const std::unique_lock inner{mutexes.*inner_member};
         }
     }};
     for (int pass = 0; pass < 200; ++pass) {
-        Executor::SharedLock u4_lock{u4_mutex, std::defer_lock};
-        Executor::SharedLock gpao_lock{gpao_mutex, std::defer_lock};
+        Executor::SharedLock u4_lock{mutexes.u4, std::defer_lock};
+        Executor::SharedLock gpao_lock{mutexes.gpao, std::defer_lock};
         bench->Step0_SetControlMode(TEL_DRIVEN);
         bench->Step2_CommandAssembly(u4_lock, gpao_lock, bench.u4_fs_tt,
                                      std::span<const float, INS_CMD_SIZE>{bench.gpao});
@@ -256,10 +261,8 @@ void PassBesideAWriter(std::shared_mutex& u4_mutex, std::shared_mutex& gpao_mute
 }
 
 TEST(Executor, LocksBothInputsWithoutADeadlock) {
-    std::shared_mutex u4_mutex;
-    std::shared_mutex gpao_mutex;
-    PassBesideAWriter(u4_mutex, gpao_mutex, u4_mutex, gpao_mutex);
-    PassBesideAWriter(u4_mutex, gpao_mutex, gpao_mutex, u4_mutex);
+    PassBesideAWriter(&Mutexes::u4, &Mutexes::gpao);
+    PassBesideAWriter(&Mutexes::gpao, &Mutexes::u4);
 }
 
 TEST(Executor, HoldsThePairsOfFieldStabilisationSideBySide) {
