@@ -1,14 +1,18 @@
 #pragma once
 
 // Turns fuzzer input into datagrams: raw ones, and ones that open with a true QUDEX magic, version and topic
-// so that the fuzzer spends its time behind these checks.
+// so that the fuzzer spends its time behind these checks. What was fed is kept, to hold against it what comes
+// out.
 
 #include "fakeSockets.hpp"
 
-#include <pktwire/detail/wire.hpp>
+#include <pktwire/detail/packet.hpp>
+
+#include <gsl/span>
 
 #include <cstdlib>
 #include <memory_resource>
+#include <set>
 
 namespace pktwire::test {
 
@@ -35,6 +39,7 @@ public:
         header.topic = topic;
         header.sample_id = (kind & 4U) != 0 ? Word() * 0x10001U : Byte();
         header.timestamp = time_point{std::chrono::nanoseconds{Byte()}};
+        header.component_id = (kind & 4U) != 0 ? 0U : Byte() % 2U;
         header.frame_number = Byte();
         header.num_frames = Byte();
         header.flags = kind >> 5U;
@@ -53,6 +58,69 @@ private:
     }
 
     std::span<const std::uint8_t> m_bytes;
+};
+
+template <class Header>
+Header HeaderAt(const Bytes& datagram, std::size_t offset) {
+    Header header;
+    std::memcpy(&header, datagram.data() + offset, sizeof(header));
+    return header;
+}
+
+// Puts datagrams into a socket and remembers them. A receiver may deliver a body only if it was fed.
+class Feed {
+public:
+    explicit Feed(FakeRxSocket& socket) : m_socket{socket} {}
+
+    void Put(const Bytes& datagram) {
+        m_socket.datagrams.push_back(datagram);
+        m_fed.push_back(datagram);
+    }
+    // A true sample, with what the network does to one: packets lost, or twice, or late.
+    void Put(const std::vector<Bytes>& sample, FuzzInput& input) {
+        std::vector<Bytes> datagrams = sample;
+        const std::uint8_t mishap = input.Byte();
+        const std::size_t at = input.Byte() % datagrams.size();
+        if (mishap % 4 == 1) datagrams.erase(datagrams.begin() + static_cast<std::ptrdiff_t>(at));
+        if (mishap % 4 == 2) datagrams.push_back(datagrams[at]);
+        if (mishap % 4 == 3) std::rotate(datagrams.begin(), datagrams.begin() + 1, datagrams.end());
+        for (const Bytes& datagram : datagrams) Put(datagram);
+    }
+
+    // Whether the content is made up of bodies that were fed for frames `first` to `last` of this packet's
+    // sample, each behind the one before. The bodies stand behind `head_size` bytes of a datagram and belong
+    // where `place_of` finds them to do.
+    template <class PlaceOf>
+    bool Holds(gsl::span<const std::byte> content, const qudex::Packet& packet, unsigned first, unsigned last,
+               std::size_t head_size, PlaceOf place_of) const {
+        std::set<std::size_t> ends{0};
+        for (unsigned frame = first; frame <= last; ++frame) {
+            std::set<std::size_t> next;
+            for (const Bytes& datagram : m_fed) {
+                if (datagram.size() < head_size || !IsFrame(datagram, packet, frame)) continue;
+                const std::size_t place = place_of(datagram);
+                const std::size_t size = datagram.size() - head_size;
+                if (ends.count(place) == 0 || size > content.size() - place) continue;
+                const auto part = content.subspan(place, size);
+                const auto body = datagram.begin() + static_cast<std::ptrdiff_t>(head_size);
+                if (std::equal(part.begin(), part.end(), body)) next.insert(place + size);
+            }
+            ends = std::move(next);
+        }
+        return ends.count(content.size()) != 0;
+    }
+
+private:
+    static bool IsFrame(const Bytes& datagram, const qudex::Packet& packet, unsigned frame) {
+        const auto header = HeaderAt<wire::QudexHeader>(datagram, 0);
+        return header.magic == wire::QUDEX_MAGIC && header.topic == packet.Topic() &&
+               header.sample_id == packet.SampleId() && header.component_id == packet.ComponentId() &&
+               header.num_frames == packet.NumFrames() && header.frame_number == frame &&
+               header.payload_size == datagram.size() - sizeof(header);
+    }
+
+    FakeRxSocket& m_socket;
+    std::vector<Bytes> m_fed;
 };
 
 // Memory for a receiver, taken from the system once for all runs. Callers' buffers are not in it, so that the

@@ -1,4 +1,5 @@
-// An LSPX receiver against datagrams of any content, order and size, by whole samples and packet by packet.
+// An LSPX receiver against datagrams of any content, order and size, by whole samples and packet by packet:
+// what it delivers was fed for that sample and lies where it belongs.
 
 #include "datagramFeed.hpp"
 
@@ -27,6 +28,29 @@ test::Bytes Datagram(test::FuzzInput& input, const lspx::Receiver::Config& confi
     return datagram;
 }
 
+std::vector<test::Bytes> TrueSample(test::FuzzInput& input, const lspx::Receiver::Config& config,
+                                    std::uint16_t max_frames, std::size_t room) {
+    test::FakeTxSocket socket;
+    qudex::Sender::Config qudex_config;
+    qudex_config.topic = 7;
+    qudex_config.component_id = input.Byte() % 2U;
+    qudex_config.num_frames = static_cast<std::uint16_t>(input.Byte() % max_frames + 3U);
+    qudex::Sender qudex_sender{qudex_config, socket, nullptr};
+    const auto units = static_cast<std::uint32_t>(room / config.data_unit_size + input.Byte() % 2U);
+    lspx::Sender sender{{.endianness = config.endianness,
+                         .leader_extended_info_size = config.leader_extended_info_size,
+                         .trailer_extended_info_size = config.trailer_extended_info_size,
+                         .frame_size = std::max(units, 1U),
+                         .leading_padding_size = config.leading_padding_size},
+                        qudex_sender};
+    const std::uint8_t id = input.Byte();
+    sender.SetSampleId(id);
+    const auto payload = test::Counting(std::size_t{std::max(units, 1U)} * config.data_unit_size, id);
+    sender.SendSample(test::Counting(config.leader_extended_info_size, id), payload,
+                      test::Counting(config.trailer_extended_info_size, id), {}, {}, {});
+    return socket.Take();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -42,6 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     config.leader_extended_info_size = config.trailer_extended_info_size = 4;
     config.leading_padding_size = input.Byte() % 4;
     config.data_unit_size = static_cast<std::uint8_t>(input.Byte() % 4 + 1);
+    test::Feed feed{socket};
     test::ReceiverMemory memory;
     lspx::Receiver receiver{
         config,
@@ -56,20 +81,51 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         builder.Append(gsl::span<std::byte>{bytes}.first(std::min(room, bytes.size())));
         return builder;
     };
+    const std::size_t head_size =
+        sizeof(wire::QudexHeader) + sizeof(wire::LspxHeader) + config.leading_padding_size;
+    const auto place_of = [&](const test::Bytes& datagram) {
+        const auto header = test::HeaderAt<wire::LspxHeader>(datagram, sizeof(wire::QudexHeader));
+        return (std::size_t{header.first_unit} - 1) * config.data_unit_size;
+    };
+    const auto holds_body = [&](gsl::span<const std::byte> body, const qudex::Packet& packet) {
+        const unsigned frame = packet.FrameNumber();
+        return feed.Holds(body, packet, frame, frame, head_size,
+                          [](const test::Bytes&) { return std::size_t{0}; });
+    };
     while (!input.IsEmpty()) {
         const std::uint8_t step = input.Byte();
-        for (int i = 0; i < step % 8; ++i) socket.datagrams.push_back(Datagram(input, config));
+        if ((step & 8U) != 0) {
+            feed.Put(TrueSample(input, config, qudex_config.num_frames, payload.size()), input);
+        }
+        for (int i = 0; i < step % 8; ++i) feed.Put(Datagram(input, config));
         if (step < 0x80) {
             auto [error, sample] = receiver.ReceiveSample(leader_info, payload, trailer_info, NOW);
             test::Require(!error == (sample.leader && sample.trailer));
             test::Require(error ||
                           std::size_t{sample.leader->NumUnits()} * config.data_unit_size <= payload.size());
+            if (error) continue;
+            const auto units = gsl::span<const std::byte>{payload}.first(
+                std::size_t{sample.leader->NumUnits()} * config.data_unit_size);
+            const qudex::Packet& leader = sample.leader->Qudex();
+            test::Require(feed.Holds(units, leader, 2, leader.NumFrames() - 1U, head_size, place_of));
+            test::Require(holds_body(leader_info, leader) &&
+                          holds_body(trailer_info, sample.trailer->Qudex()));
         } else if (step < 0xA0) {
-            receiver.ReceiveLeaderPacket(pieces(leader_info, step), NOW);
+            const auto leader = receiver.ReceiveLeaderPacket(pieces(leader_info, step), NOW);
+            test::Require(leader.error || holds_body(leader_info, leader.packet->Qudex()));
         } else if (step < 0xE0) {
-            receiver.ReceivePayloadPacket(pieces(payload, input.Word()), NOW);
+            const auto packet = receiver.ReceivePayloadPacket(pieces(payload, input.Word()), NOW);
+            if (packet.error) continue;
+            const qudex::Packet& frame = packet.packet->Qudex();
+            const std::uint32_t units = packet.packet->NumUnits();
+            const std::size_t share = lspx::detail::UnitsPerPacket(units, frame.NumFrames());
+            const std::size_t ahead = std::min<std::size_t>(share * (frame.FrameNumber() - 2U), units);
+            const std::size_t body_size = std::min(share, units - ahead) * config.data_unit_size;
+            test::Require(packet.packet->FirstUnit() == ahead + 1);
+            test::Require(holds_body(gsl::span<const std::byte>{payload}.first(body_size), frame));
         } else {
-            receiver.ReceiveTrailerPacket(pieces(trailer_info, step), NOW);
+            const auto trailer = receiver.ReceiveTrailerPacket(pieces(trailer_info, step), NOW);
+            test::Require(trailer.error || holds_body(trailer_info, trailer.packet->Qudex()));
         }
     }
     return 0;
