@@ -76,14 +76,18 @@ public:
         m_socket.datagrams.push_back(datagram);
         m_fed.push_back(datagram);
     }
-    // A true sample, with what the network does to one: packets lost, or twice, or late.
+    // A true sample, with what the network does to one: packets lost, twice, late or damaged.
     void Put(const std::vector<Bytes>& sample, FuzzInput& input) {
         std::vector<Bytes> datagrams = sample;
         const std::uint8_t mishap = input.Byte();
         const std::size_t at = input.Byte() % datagrams.size();
-        if (mishap % 4 == 1) datagrams.erase(datagrams.begin() + static_cast<std::ptrdiff_t>(at));
-        if (mishap % 4 == 2) datagrams.push_back(datagrams[at]);
-        if (mishap % 4 == 3) std::rotate(datagrams.begin(), datagrams.begin() + 1, datagrams.end());
+        if (mishap % 5 == 1) datagrams.erase(datagrams.begin() + static_cast<std::ptrdiff_t>(at));
+        if (mishap % 5 == 2) datagrams.push_back(datagrams[at]);
+        if (mishap % 5 == 3) std::rotate(datagrams.begin(), datagrams.begin() + 1, datagrams.end());
+        if (mishap % 5 == 4) {
+            const std::size_t headers = std::min<std::size_t>(datagrams[at].size(), 64);
+            datagrams[at][input.Byte() % headers] ^= std::byte{input.Byte()};
+        }
         for (const Bytes& datagram : datagrams) Put(datagram);
     }
 
