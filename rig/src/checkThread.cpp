@@ -30,11 +30,14 @@ void CheckThread::Finish() {
 }
 
 void CheckThread::Run() {
-    // Without the right to it the thread runs like any other, which costs precision but no result.
+    // While the run lasts it takes only what the peers leave, after it whatever there is. Without the right
+    // to either it runs like any other thread, which costs precision but no result.
     const sched_param none{};
     sched_setscheduler(0, SCHED_IDLE, &none);
+    bool in_run = true;
     for (;;) {
         const bool finishing = m_finishing;
+        if (finishing && std::exchange(in_run, false)) sched_setscheduler(0, SCHED_OTHER, &none);
         if (CheckSome()) continue;
         if (finishing) return;
         std::this_thread::sleep_for(std::chrono::milliseconds{5});
