@@ -269,7 +269,8 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
                 datagrams[3][48] = std::byte{9};
                 break;
             case 5:  // a short body
-                datagrams[3].resize(datagrams[3].size() - 2);
+                datagrams[3].pop_back();
+                datagrams[3].pop_back();
                 datagrams[3][35] = static_cast<std::byte>(datagrams[3].size() - 48);
                 break;
             case 6:
