@@ -12,11 +12,11 @@
 namespace vosk::bench {
 
 struct Row {
-    std::string what;         // "executor pass, managed_modes 500"
-    std::string against;      // "streaming the matrix twice"
-    std::string unit;         // "us"
-    double ours = 0.0;        // in `unit`
-    double reference = 0.0;   // in `unit`
+    std::string what;        // "executor pass, managed_modes 500"
+    std::string against;     // "streaming the matrix twice"
+    std::string unit;        // "us"
+    double ours = 0.0;       // in `unit`
+    double reference = 0.0;  // in `unit`
 };
 
 // One function a benchmark file; each is called once, in the order of the table.

@@ -10,5 +10,6 @@ find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 pkg_check_modules(cfitsio REQUIRED IMPORTED_TARGET cfitsio)
 pkg_check_modules(openblas REQUIRED IMPORTED_TARGET openblas)
+pkg_check_modules(highway REQUIRED IMPORTED_TARGET libhwy)
 pkg_check_modules(numa REQUIRED IMPORTED_TARGET numa)
 

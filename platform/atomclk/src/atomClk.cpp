@@ -19,6 +19,8 @@ ManualClock::ManualClock(AtomClk::time_point start) : m_now{start.time_since_epo
     AtomClk::m_manual.store(&m_now);
 }
 
-ManualClock::~ManualClock() { AtomClk::m_manual.store(nullptr); }
+ManualClock::~ManualClock() {
+    AtomClk::m_manual.store(nullptr);
+}
 
 }  // namespace atomclk

@@ -12,7 +12,9 @@ using Bytes = std::array<unsigned char, 8>;
 
 namespace {
 
-AtomClk::time_point At(AtomClk::rep count) { return AtomClk::time_point{AtomClk::duration{count}}; }
+AtomClk::time_point At(AtomClk::rep count) {
+    return AtomClk::time_point{AtomClk::duration{count}};
+}
 
 TEST(AtomClk, RunsForward) {
     const auto first = AtomClk::now();

@@ -68,7 +68,8 @@ public:
 private:
     constexpr void Store(AtomClk::time_point time) noexcept {
         auto count = static_cast<std::uint64_t>(time.time_since_epoch().count());
-        for (std::size_t i = m_bytes.size(); i-- > 0; count >>= 8U) m_bytes[i] = static_cast<std::byte>(count);
+        for (std::size_t i = m_bytes.size(); i-- > 0; count >>= 8U)
+            m_bytes[i] = static_cast<std::byte>(count);
     }
 
     std::array<std::byte, 8> m_bytes{};

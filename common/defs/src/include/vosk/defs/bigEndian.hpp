@@ -14,14 +14,23 @@ namespace vosk::defs {
 namespace detail {
 
 template <std::size_t Size>
-using UnsignedOfSize = std::conditional_t<
-    Size == 1, std::uint8_t,
-    std::conditional_t<Size == 2, std::uint16_t, std::conditional_t<Size == 4, std::uint32_t, std::uint64_t>>>;
+using UnsignedOfSize =
+    std::conditional_t<Size == 1, std::uint8_t,
+                       std::conditional_t<Size == 2, std::uint16_t,
+                                          std::conditional_t<Size == 4, std::uint32_t, std::uint64_t>>>;
 
-constexpr std::uint8_t SwapBytes(std::uint8_t value) noexcept { return value; }
-constexpr std::uint16_t SwapBytes(std::uint16_t value) noexcept { return __builtin_bswap16(value); }
-constexpr std::uint32_t SwapBytes(std::uint32_t value) noexcept { return __builtin_bswap32(value); }
-constexpr std::uint64_t SwapBytes(std::uint64_t value) noexcept { return __builtin_bswap64(value); }
+constexpr std::uint8_t SwapBytes(std::uint8_t value) noexcept {
+    return value;
+}
+constexpr std::uint16_t SwapBytes(std::uint16_t value) noexcept {
+    return __builtin_bswap16(value);
+}
+constexpr std::uint32_t SwapBytes(std::uint32_t value) noexcept {
+    return __builtin_bswap32(value);
+}
+constexpr std::uint64_t SwapBytes(std::uint64_t value) noexcept {
+    return __builtin_bswap64(value);
+}
 
 }  // namespace detail
 

@@ -7,8 +7,8 @@
 
 namespace vosk::defs {
 
-inline constexpr std::size_t M4_CMD_SIZE = 5352;  // an M4 command, and M4's feedback vectors
-inline constexpr std::size_t GPAO_CMD_SIZE = 52;  // a GPAO command in GPAO modal space
+inline constexpr std::size_t M4_CMD_SIZE = 5352;         // an M4 command, and M4's feedback vectors
+inline constexpr std::size_t GPAO_CMD_SIZE = 52;         // a GPAO command in GPAO modal space
 inline constexpr std::size_t WAVEFRONT_CMD_SIZE = 4868;  // two tip/tilt pairs and the high-order part
 inline constexpr std::size_t INS_CMD_SIZE = 4866;        // a command in INS modal space
 inline constexpr std::size_t HIGH_ORDER_SIZE = 4864;     // the high-order part of a wavefront command
