@@ -53,11 +53,6 @@ void WriteLog(log4cplus::LogLevel level, const std::string& text) {
     GetLogger().forcedLog(level, text);
 }
 
-void LogAndThrow(const std::string& text) {
-    WriteLog(log4cplus::ERROR_LOG_LEVEL, text);
-    throw std::runtime_error{text};
-}
-
 void SetupLogging(log4cplus::LogLevel level, const std::string& file) {
     TheOutput().Sink().WriteTo(file);
     TheOutput().SetLevel(level);

@@ -49,6 +49,10 @@ void LogError(fmt::format_string<Args...> format, Args&&... args) {
 }
 
 // Logs the text at ERROR and throws it: for set-up failures, which are both seen and thrown.
-[[noreturn]] void LogAndThrow(const std::string& text);
+template <class Error = std::runtime_error>
+[[noreturn]] void LogAndThrow(const std::string& text) {
+    WriteLog(log4cplus::ERROR_LOG_LEVEL, text);
+    throw Error{text};
+}
 
 }  // namespace vosk::common

@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/image_processing/roi.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using vosk::common::LogCapture;
+using vosk::image_processing::Roi;
+using vosk::image_processing::Window;
+
+constexpr double NOT_KNOWN = std::numeric_limits<double>::quiet_NaN();
+
+// The call fails with the text, which also stands in the log.
+void ExpectRefused(const std::function<void()>& make, const std::string& text) {
+    const LogCapture log;
+    try {
+        make();
+        FAIL() << "accepted, instead of: " << text;
+    } catch (const std::invalid_argument& error) {
+        EXPECT_EQ(error.what(), text);
+    }
+    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
+}
+
+TEST(Roi, KnowsItsSize) {
+    const Roi roi{10, 34, 20, 30, 240, 250, 1.5, 2.5};
+    EXPECT_EQ(roi.width, 24);
+    EXPECT_EQ(roi.height, 10);
+    EXPECT_EQ(roi.size, 240U);
+    EXPECT_EQ(roi.frame_width, 240);
+    EXPECT_EQ(roi.frame_height, 250);
+    EXPECT_EQ(roi.ref_x, 1.5);
+    EXPECT_EQ(roi.ref_y, 2.5);
+    EXPECT_EQ((Roi{0, 65535, 0, 65535, 65535, 65535, 0.0, 0.0}.size), 65535UL * 65535UL);
+}
+
+TEST(Roi, MayBeEmptyAndMayReachTheEdges) {
+    EXPECT_EQ((Roi{0, 0, 0, 0, 240, 240, 0.0, 0.0}.size), 0U);
+    EXPECT_EQ((Roi{240, 240, 10, 20, 240, 240, 0.0, 0.0}.size), 0U);
+    EXPECT_EQ((Roi{239, 240, 238, 240, 240, 240, 240.0, 240.0}.size), 2U);
+}
+
+TEST(Roi, RefusesCoordinatesThatRunBackOrLeaveTheFrame) {
+    ExpectRefused([] { Roi(5, 4, 1, 2, 10, 10, 0, 0); }, "Roi: invalid coordinates: (5..4),(1..2)");
+    ExpectRefused([] { Roi(1, 2, 5, 4, 10, 10, 0, 0); }, "Roi: invalid coordinates: (1..2),(5..4)");
+    ExpectRefused([] { Roi(0, 11, 0, 10, 10, 10, 0, 0); }, "Roi: invalid coordinates: (0..11),(0..10)");
+    ExpectRefused([] { Roi(0, 10, 0, 11, 10, 10, 0, 0); }, "Roi: invalid coordinates: (0..10),(0..11)");
+}
+
+TEST(Roi, RefusesAReferencePointOutsideTheFrame) {
+    const auto at = [](double x, double y) { return [=] { Roi(0, 1, 0, 1, 240, 200, x, y); }; };
+    ExpectRefused(at(240.001, 0), "Roi: invalid reference point: (240.001000,0.000000)");
+    ExpectRefused(at(-0.001, 0), "Roi: invalid reference point: (-0.001000,0.000000)");
+    ExpectRefused(at(1, 200.5), "Roi: invalid reference point: (1.000000,200.500000)");
+    ExpectRefused(at(1, -7), "Roi: invalid reference point: (1.000000,-7.000000)");
+    EXPECT_NO_THROW(at(240, 200)());
+    EXPECT_NO_THROW(at(NOT_KNOWN, NOT_KNOWN)());
+}
+
+TEST(Roi, TellsOfBadCoordinatesBeforeABadReferencePoint) {
+    ExpectRefused([] { Roi(5, 4, 1, 2, 10, 10, -1, 99); }, "Roi: invalid coordinates: (5..4),(1..2)");
+}
+
+TEST(Roi, GrowsAsFarAsTheFrameGoes) {
+    const Roi roi{0, 10, 5, 239, 240, 240, 3.0, 4.0};
+    EXPECT_EQ(roi.Enlarge(1), (Roi{0, 11, 4, 240, 240, 240, 3.0, 4.0}));
+    EXPECT_EQ(roi.Enlarge(7), (Roi{0, 17, 0, 240, 240, 240, 3.0, 4.0}));
+    EXPECT_EQ(roi.Enlarge(65535), (Roi{0, 240, 0, 240, 240, 240, 3.0, 4.0}));
+    EXPECT_EQ(roi.Enlarge(0), roi);
+}
+
+TEST(Window, MayFillTheFrameButNotLeaveIt) {
+    EXPECT_EQ((Window{0, 0, 2048, 2048, 2048, 2048}.size), 2048U * 2048U);
+    ExpectRefused([] { Window(1, 0, 2048, 2048, 2048, 2048); },
+                  "Window: invalid offsets: (1..2049),(0..2048)");
+    ExpectRefused([] { Window(0, 2000, 10, 49, 2048, 2048); },
+                  "Window: invalid offsets: (0..10),(2000..2049)");
+}
+
+TEST(Window, CountsItsFarEdgesIn16Bits) {
+    const Window window{65535, 65530, 2, 10, 2048, 2048};
+    EXPECT_EQ(window.XStop(), 1);
+    EXPECT_EQ(window.YStop(), 4);
+    EXPECT_EQ((Window{65535, 0, 2, 10}.XStop()), 1);
+}
+
+}  // namespace
