@@ -26,6 +26,9 @@ struct FloatVectorTT {
     std::span<const float, TIP_TILT_SIZE> AsSpan() const noexcept {
         return std::span<const float, TIP_TILT_SIZE>{reinterpret_cast<const float*>(this), TIP_TILT_SIZE};
     }
+    std::span<float, TIP_TILT_SIZE> AsSpan() noexcept {
+        return std::span<float, TIP_TILT_SIZE>{reinterpret_cast<float*>(this), TIP_TILT_SIZE};
+    }
 
     friend bool operator==(const FloatVectorTT&, const FloatVectorTT&) = default;
 };
@@ -94,6 +97,9 @@ struct MsOutputSample {
     defs::time_point timestamp{};
     defs::sample_id_t sample_id{};
     defs::FloatVectorTT tt{};
+
+    // What a resampler may compute on.
+    std::span<float, defs::TIP_TILT_SIZE> Values() noexcept { return tt.AsSpan(); }
 };
 
 }  // namespace vosk::lumo

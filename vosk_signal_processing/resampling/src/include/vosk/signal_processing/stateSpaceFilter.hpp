@@ -1,0 +1,122 @@
+#pragma once
+
+// A discrete linear filter as a stage of a chain: one output for each input, its time stamp and ID passed on.
+
+#include <vosk/signal_processing/resampling.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace vosk::signal_processing {
+
+namespace detail {
+
+// The state of a second-order filter at rest under an input of 1, that is, x of (I - A) x = B. None where
+// I - A is singular within the precision of the coefficients.
+inline std::optional<std::array<double, 2>> StateAtRest(std::span<const double, 4> a,
+                                                        std::span<const double, 2> b) {
+    constexpr double ROUNDING = 32 * std::numeric_limits<double>::epsilon();
+    const double determinant = (1.0 - a[0]) * (1.0 - a[3]) - a[1] * a[2];
+    const double scale = (1.0 + std::abs(a[0])) * (1.0 + std::abs(a[3])) + std::abs(a[1] * a[2]);
+    if (!(std::abs(determinant) > ROUNDING * scale)) return std::nullopt;
+    const std::array state{((1.0 - a[3]) * b[0] + a[1] * b[1]) / determinant,
+                           (a[2] * b[0] + (1.0 - a[0]) * b[1]) / determinant};
+    if (!std::isfinite(state[0]) || !std::isfinite(state[1])) return std::nullopt;
+    return state;
+}
+
+// A filter of the first order starts with its input itself as its state.
+inline std::optional<std::array<double, 1>> StateAtRest(std::span<const double, 1> /*a*/,
+                                                        std::span<const double, 1> /*b*/) {
+    return std::array{1.0};
+}
+
+}  // namespace detail
+
+// y = C x + D u, then x = A x + B u, in double, for each value u of a sample on its own: all share the
+// coefficients, each has its state x. Data never gets too old in it.
+template <ResamplerSample T, DataAccessorOf<T> A, std::size_t States, std::size_t Inputs, std::size_t Outputs>
+requires((States == 1 || States == 2) && Inputs == 1 && Outputs == 1) class StateSpaceFilter
+    : public StopIntervalResampler<T, A> {
+public:
+    // The matrices row after row. `initialize_state`: the states start as if the first input had always been
+    // there (order 1: as the first input), and not at 0; an order 2 that has no such state starts at 0.
+    StateSpaceFilter(std::span<const double, States * States> a, std::span<const double, States> b,
+                     std::span<const double, States> c, std::span<const double, 1> d, bool initialize_state)
+        : StopIntervalResampler<T, A>{atomclk::AtomClk::duration::zero()}, m_d{d[0]} {
+        std::copy(a.begin(), a.end(), m_a.begin());
+        std::copy(b.begin(), b.end(), m_b.begin());
+        std::copy(c.begin(), c.end(), m_c.begin());
+        const auto at_rest = detail::StateAtRest(a, b);
+        m_state_valid = !initialize_state || !at_rest;
+        m_state_at_rest = at_rest.value_or(State{});
+    }
+
+    bool HasSamples() override {
+        const std::lock_guard lock{m_mutex};
+        return m_has_sample && !this->IsTooOld(m_output);
+    }
+
+    void AddSample(const T& sample) override {
+        const std::lock_guard lock{m_mutex};
+        m_output = sample;
+        const auto values = A::Values(m_output);
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            const auto u = static_cast<double>(values[i]);
+            if (!m_state_valid) m_states[i] = AtRestUnder(u);
+            values[i] = static_cast<Value>(Step(m_states[i], u));
+        }
+        m_has_sample = true;
+        m_state_valid = true;
+    }
+
+    std::optional<T> GetSample() override {
+        const std::lock_guard lock{m_mutex};
+        if (this->IsTooOld(m_output)) return std::nullopt;
+        m_has_sample = false;
+        return m_output;
+    }
+
+private:
+    using State = std::array<double, States>;
+    using Value = typename decltype(A::Values(std::declval<T&>()))::value_type;
+    static constexpr std::size_t VALUES = decltype(A::Values(std::declval<T&>()))::extent;
+
+    State AtRestUnder(double u) const noexcept {
+        State x = m_state_at_rest;
+        for (double& element : x) element *= u;
+        return x;
+    }
+
+    // The output that belongs to the state before `u`.
+    double Step(State& x, double u) const noexcept {
+        double y = m_c[0] * x[0];
+        for (std::size_t j = 1; j < States; ++j) y += m_c[j] * x[j];
+        y += m_d * u;
+
+        State next;
+        for (std::size_t i = 0; i < States; ++i) {
+            next[i] = m_a[i * States] * x[0];
+            for (std::size_t j = 1; j < States; ++j) next[i] += m_a[i * States + j] * x[j];
+            next[i] += m_b[i] * u;
+        }
+        x = next;
+        return y;
+    }
+
+    // Constant after construction.
+    std::array<double, States * States> m_a{};
+    State m_b{};
+    State m_c{};
+    double m_d;
+    State m_state_at_rest{};  // under an input of 1
+    // All guarded by m_mutex.
+    std::array<State, VALUES> m_states{};  // one a value of the sample
+    T m_output{};
+    bool m_has_sample = false;
+    bool m_state_valid = false;  // false: the first input is to set it
+    std::mutex m_mutex;
+};
+
+}  // namespace vosk::signal_processing
