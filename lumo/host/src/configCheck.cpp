@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 #include <unistd.h>
-#include <lumolib/dataSyncManager.hpp>
 #include <lumolib/libMain.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/threadTable.hpp>
@@ -50,8 +49,7 @@ private:
     void CheckStreams(const PliConfigInstanceNode& cfg) {
         // Names of its own in shared memory, so that a running system isn't touched.
         lumo::LibMain library{fmt::format("/vosk_check_{}_", ::getpid())};
-        lumo::DataSyncManager::CreateInstance();
-        lumo::RuntimeMonitor::CreateInstance(m_config);
+        lumo::SetupRegistries(m_config);
         Try(cfg.Has(STATISTICS) ? cfg[STATISTICS] : cfg,
             [&] { lumo::RuntimeMonitor::EnableStatistics(cfg); });
         for (const auto sections :

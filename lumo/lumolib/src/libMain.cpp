@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <lumolib/dataSyncManager.hpp>
+#include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/statistics.hpp>
 #include <lumolib/threadTable.hpp>
@@ -47,6 +48,12 @@ int SetRTParameters() {
 #endif
 }
 
+void SetupRegistries(const gim::Config& config) {
+    DataSyncManager::CreateInstance();
+    ResamplerManager::CreateInstance(config, "resamplers");
+    RuntimeMonitor::CreateInstance(config);
+}
+
 LibMain::ShmSession::ShmSession(const std::string& name) : m_name{name} {
     common::shmif::ShmIf::Setup(m_name);
 }
@@ -65,8 +72,7 @@ LibMain::LibMain(const std::string& shm_prefix) : m_shm_session{shm_prefix} {
 
 void LibMain::SetupThreads(const gim::Config& config) {
     LogDebug("Setting up threads...");
-    DataSyncManager::CreateInstance();
-    RuntimeMonitor::CreateInstance(config);
+    SetupRegistries(config);
 
     const auto& document = config.GetDocument();
     if (!document) common::LogAndThrow("ERR: no configuration document is loaded");

@@ -92,6 +92,41 @@ void Thread::SetUpBuffer(const nodepin::MemPolicy& policy) {
         m_numa_buffer.get(), m_numa_buf_size, std::pmr::get_default_resource());
 }
 
+std::size_t Thread::SetupDiagnosticStreams(const PliConfigInstanceNode& node,
+                                           const pktwire::UdpTxSocket::Config& udp_cfg,
+                                           const pktwire::qudex::Sender::Config& qudex_cfg) {
+    if (!m_diagnostic_streams.empty()) {
+        LogWarn("Thread {}, diagnostic streams are already setup, ignoring!", m_name);
+        return 0;
+    }
+    if (!node.Has("diagnostic_streams")) return 0;
+    const PliConfigInstanceNode streams = node["diagnostic_streams"];
+    if (!streams.IsSequence()) return 0;
+    for (const auto& element : streams) {
+        std::string description;
+        m_diagnostic_streams.push_back(
+            std::make_shared<TxQudex>(element, udp_cfg, qudex_cfg, MemoryResource(), description));
+        LogDebug("Thread {}, inserted diagnostic stream: {}", m_name, description);
+    }
+    return m_diagnostic_streams.size();
+}
+
+void Thread::SendDiagnosticBytes(defs::sample_id_t sample_id, const atomclk::AtomClk::time_point& time,
+                                 gsl::span<const std::byte> sample,
+                                 const atomclk::AtomClk::time_point& log_time) {
+    for (const auto& stream : m_diagnostic_streams) {
+        pktwire::qudex::Sender& sender = stream->QudexSender();
+        sender.SetSampleId(sample_id);
+        const std::error_code error = sender.SendSample(sample, time, std::nullopt);
+        if (!IsSent(error)) {
+            LogWarn("{} ::SendSample(): {}", m_name, error.message());
+        } else if (common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
+            LogTrace("{} sent diagnostic sample at {}, sample_id = {}", m_name, GetTimeString(log_time),
+                     sample_id);
+        }
+    }
+}
+
 std::future<void> Thread::Start() {
     if (m_worker.joinable()) {
         LogAndThrow(fmt::format("Thread {} has been started and not been stopped since", m_name));

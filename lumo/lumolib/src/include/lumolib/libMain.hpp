@@ -25,6 +25,10 @@ namespace vosk::lumo {
 // it does nothing and returns 0: the shadow memory does not fit any machine's.
 int SetRTParameters();
 
+// Empties the registries in which threads meet and report, and reads the resamplers' definitions; what must
+// be done before a thread object is made. Part of LibMain::SetupThreads.
+void SetupRegistries(const gim::Config& config);
+
 class LibMain {
 public:
     // `shm_prefix` stands in front of the names of all shared-memory topics.

@@ -11,6 +11,9 @@
 #include <nodepin/nodepin.hpp>
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
+#include <vosk/defs/valueTypes.hpp>
+
+#include <lumolib/lumoRxTx.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -18,8 +21,11 @@
 #include <future>
 #include <memory>
 #include <memory_resource>
+#include <span>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <vector>
 
 namespace vosk::lumo {
 
@@ -61,6 +67,25 @@ protected:
 
     bool IsRunning() const noexcept { return common::IsRunning(m_running); }
 
+    // Opens the thread's diagnostic streams: copies of its samples on QUDEX streams of their own, for whoever
+    // wants to listen. Each element of the node's sequence `diagnostic_streams` is a stream, its keys (those
+    // of TxQudex) standing over the two configurations. For the constructor of the concrete thread; once,
+    // later calls are ignored. Returns how many were opened; throws on one that can't be.
+    std::size_t SetupDiagnosticStreams(const oru::configng::PliConfigInstanceNode& node,
+                                       const pktwire::UdpTxSocket::Config& udp_cfg,
+                                       const pktwire::qudex::Sender::Config& qudex_cfg);
+
+    // Sends the record's bytes on each diagnostic stream, dated `time`; `log_time` is for the log alone. A
+    // stream that fails is logged and keeps no other from its turn. For the worker, after the real work of
+    // its cycle; a muted thread leaves the call out.
+    template <class Sample>
+    void SendDiagnosticSample(defs::sample_id_t sample_id, const atomclk::AtomClk::time_point& time,
+                              const Sample& sample, const atomclk::AtomClk::time_point& log_time) {
+        static_assert(std::is_trivially_copyable_v<Sample>, "what goes out is the record's memory");
+        const auto bytes = std::as_bytes(std::span{&sample, 1});
+        SendDiagnosticBytes(sample_id, time, {bytes.data(), bytes.size()}, log_time);
+    }
+
     // Memory on the thread's node for what is allocated once, at set-up; null without a buffer.
     std::pmr::memory_resource* MemoryResource() const noexcept { return m_memory_resource.get(); }
 
@@ -68,8 +93,11 @@ private:
     void SetUpPlacement();
     void SetUpBuffer(const nodepin::MemPolicy& policy);
     void TryWork(std::promise<void>& started);
+    void SendDiagnosticBytes(defs::sample_id_t sample_id, const atomclk::AtomClk::time_point& time,
+                             gsl::span<const std::byte> sample, const atomclk::AtomClk::time_point& log_time);
 
-    // All constant after construction, but m_running and m_worker.
+    // All constant after construction, but m_running and m_worker; what the streams send with is the
+    // worker's.
     nodepin::NumaPolicies m_numa_policies;  // empty without a CPU or without NUMA
     std::unique_ptr<void, std::function<void(void*)>> m_numa_buffer;
     unsigned long m_numa_buf_size = 0;  // bytes
@@ -83,6 +111,7 @@ protected:
 
 private:
     std::unique_ptr<std::pmr::monotonic_buffer_resource> m_memory_resource;
+    std::vector<std::shared_ptr<TxQudex>> m_diagnostic_streams;  // in the order of the configuration
 
 protected:
     // Written by the controlling thread and by the worker at its end; read through IsRunning(), and by
