@@ -1,0 +1,234 @@
+#include <fmt/format.h>
+#include <vosk/common/assert.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/image_processing/centroiding.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+
+#include "brightest.hpp"
+#include "momentKernels.hpp"
+
+namespace vosk::image_processing {
+
+// The constructors' parameters have names of their own, as g++ warns of those that hide a member.
+CentroidingBase::CentroidingBase(std::size_t width, std::size_t height, double limit)
+    : img_width{width}, img_height{height}, img_size{width * height}, saturation{limit} {
+    if (!(saturation >= 0.0)) {
+        common::LogAndThrow<std::invalid_argument>(
+            fmt::format("Centroiding: saturation must not be negative: {}", saturation));
+    }
+    common::LogDebug("Centroiding: img_width: {}, img_height: {}, img_size: {}, saturation: {}", img_width,
+                     img_height, img_size, saturation);
+}
+
+void CentroidingBase::RefuseFrame() const {
+    common::LogAndThrow<std::invalid_argument>(
+        fmt::format("ForEachPixel: required frame size: {}", img_size));
+}
+
+void CentroidingBase::CheckInFrame(const Roi& roi) const {
+    VOSK_ASSERT(roi.x_stop <= img_width && roi.y_stop <= img_height);
+}
+
+void CentroidingBase::SetNothing() {
+    flux = 0.0;
+    x = 0.0;
+    y = 0.0;
+}
+
+void CentroidingBase::SetPosition(const Roi& roi, double cx, double cy) {
+    x = std::clamp(roi.x_start + cx - roi.ref_x, -saturation, saturation);
+    y = std::clamp(roi.y_start + cy - roi.ref_y, -saturation, saturation);
+}
+
+void CentroidingBase::SetFromMoments(const Roi& roi, const Moments& moments) {
+    if (moments.sum == 0.0) return SetNothing();
+    flux = moments.sum;
+    SetPosition(roi, moments.x / moments.sum, moments.y / moments.sum);
+}
+
+template <class T>
+void Centroiding<T>::ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
+                                 std::span<defs::Slope> slopes) {
+    VOSK_ASSERT(slopes.size() == rois.size());
+    CheckFrameSize(frame.size());
+    for (std::size_t i = 0; i < rois.size(); ++i) {
+        Compute(frame, rois[i]);
+        slopes[i] = {flux, x, y};
+    }
+}
+
+template <class T>
+template <class ManyMoments>
+void Centroiding<T>::ComputeByMoments(gsl::span<const T> frame, std::span<const Roi> rois,
+                                      std::span<defs::Slope> slopes, const ManyMoments& many_moments) {
+    VOSK_ASSERT(slopes.size() == rois.size());
+    CheckFrameSize(frame.size());
+    std::array<const T*, detail::MAX_BATCH> first_pixels;
+    std::array<Moments, detail::MAX_BATCH> moments;
+    for (std::size_t start = 0; start < rois.size();) {
+        const std::size_t width = rois[start].width;
+        const std::size_t height = rois[start].height;
+        std::size_t count = 0;
+        for (; count < detail::MAX_BATCH && start + count < rois.size(); ++count) {
+            const Roi& roi = rois[start + count];
+            if (roi.width != width || roi.height != height) break;
+            CheckInFrame(roi);
+            first_pixels[count] = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
+        }
+        if (count == 1) {
+            Compute(frame, rois[start]);
+            slopes[start] = {flux, x, y};
+        } else {
+            many_moments({{first_pixels.data(), count}, img_width, width, height}, moments.data());
+            for (std::size_t i = 0; i < count; ++i) {
+                SetFromMoments(rois[start + i], moments[i]);
+                slopes[start + i] = {flux, x, y};
+            }
+        }
+        start += count;
+    }
+}
+
+template <class T>
+struct CentroidingCOG<T>::Method {
+    void operator()(T pixel, double dx, double dy) {
+        const double value = pixel;
+        moments.sum += value;
+        moments.x += value * dx;
+        moments.y += value * dy;
+    }
+
+    Moments moments{};
+};
+
+template <class T>
+void CentroidingCOG<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
+    Method method;
+    this->ForEachPixel(method, frame, roi);
+    this->SetFromMoments(roi, method.moments);
+}
+
+template <class T>
+void CentroidingCOG<T>::ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
+                                    std::span<defs::Slope> slopes) {
+    this->ComputeByMoments(frame, rois, slopes, detail::ManyMoments);
+}
+
+template <class T>
+CentroidingTSH<T>::CentroidingTSH(std::size_t width, std::size_t height, double limit, float threshold)
+    : Centroiding<T>{width, height, limit}, treshold{threshold} {}
+
+template <class T>
+struct CentroidingTSH<T>::Method {
+    // Adds 0.0 for a pixel below the threshold, which changes no sum and takes no branch.
+    void operator()(T pixel, double dx, double dy) {
+        const double value = pixel >= threshold ? pixel : T{};
+        moments.sum += value;
+        moments.x += value * dx;
+        moments.y += value * dy;
+    }
+
+    float threshold;
+    Moments moments{};
+};
+
+template <class T>
+void CentroidingTSH<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
+    Method method{treshold};
+    this->ForEachPixel(method, frame, roi);
+    this->SetFromMoments(roi, method.moments);
+}
+
+template <class T>
+void CentroidingTSH<T>::ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
+                                    std::span<defs::Slope> slopes) {
+    this->ComputeByMoments(frame, rois, slopes, [this](const detail::RegionBatch& batch, Moments* moments) {
+        detail::ManyMomentsFrom(treshold, batch, moments);
+    });
+}
+
+template <class T>
+void CentroidingNBR<T>::SetNBrightest(std::size_t nbrightest, bool weight_pixels) {
+    if (nbrightest == 0) {
+        common::LogAndThrow<std::invalid_argument>("SetNBrightest: nbrightest must not be 0");
+    }
+    m_nbrightest = nbrightest;
+    m_weight_pixels = weight_pixels;
+}
+
+// Fills from the last element towards the first.
+template <class T>
+struct CentroidingNBR<T>::Method {
+    void operator()(T pixel, double dx, double dy) {
+        *--end = {pixel, dx, dy};
+        *--keys_end = detail::BrightnessKey(pixel);
+    }
+
+    Pixel* end;
+    std::int32_t* keys_end;
+};
+
+template <class T>
+void CentroidingNBR<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
+    this->CheckFrameSize(frame.size());
+    m_pixels.resize(roi.size);
+    m_keys.resize(roi.size);
+    Method method{m_pixels.data() + roi.size, m_keys.data() + roi.size};
+    this->ForEachPixel(method, frame, roi);
+    const std::size_t count = std::min(m_nbrightest, roi.size);
+    if (count == 0) return this->SetNothing();
+    SetFromRanked(roi, Rank(count));
+}
+
+// Puts the brightest pixels in front of the others.
+template <class T>
+std::span<const typename CentroidingNBR<T>::Pixel> CentroidingNBR<T>::Rank(std::size_t count) {
+    m_places.resize(m_keys.size());
+    m_ranked.resize(m_keys.size());
+    detail::FindBrightest(m_keys, count, m_places, m_ranked);
+    for (std::size_t i = 0; i < count; ++i) {
+        // A pixel that stood in front has been swapped with the one of that rank.
+        std::size_t place = m_places[i];
+        while (place < i) place = m_places[place];
+        std::swap(m_pixels[i], m_pixels[place]);
+    }
+    return {m_pixels.data(), count};
+}
+
+template <class T>
+void CentroidingNBR<T>::SetFromRanked(const Roi& roi, std::span<const Pixel> ranked) {
+    const auto weight = [&](std::size_t i) { return static_cast<double>(ranked.size() - i); };
+    double sum = 0.0;
+    double weighted_sum = 0.0;
+    for (std::size_t i = 0; i < ranked.size(); ++i) {
+        sum += ranked[i].value;
+        weighted_sum += weight(i) * ranked[i].value;
+    }
+    if (sum == 0.0) return this->SetNothing();
+    this->flux = sum;
+    double cx = 0.0;
+    double cy = 0.0;
+    for (std::size_t i = 0; i < ranked.size(); ++i) {
+        double share = 0.0;
+        if (!m_weight_pixels) {
+            share = ranked[i].value / sum;
+        } else if (weighted_sum != 0.0) {
+            share = weight(i) * ranked[i].value / weighted_sum;
+        }
+        cx += share * ranked[i].dx;
+        cy += share * ranked[i].dy;
+    }
+    this->SetPosition(roi, cx, cy);
+}
+
+template class Centroiding<float>;
+template class CentroidingCOG<float>;
+template class CentroidingTSH<float>;
+template class CentroidingNBR<float>;
+
+}  // namespace vosk::image_processing

@@ -1,0 +1,64 @@
+#include <fmt/format.h>
+#include <vosk/common/logger.hpp>
+#include <vosk/image_processing/centroidingFactory.hpp>
+
+#include <cstdint>
+
+namespace vosk::image_processing::factory {
+
+using oru::configng::PliConfigInstanceNode;
+
+namespace {
+
+constexpr double DEFAULT_SATURATION = 10.0;
+
+double ReadSaturation(const PliConfigInstanceNode& node) {
+    if (!node.Has("saturation")) return DEFAULT_SATURATION;
+    const auto saturation = node["saturation"].As<double>();
+    if (saturation >= 0.0) return saturation;
+    common::LogAndThrow(
+        fmt::format("CreateCentroidingAlgorithm saturation must not be negative: {}", saturation));
+}
+
+}  // namespace
+
+template <class T>
+std::unique_ptr<Centroiding<T>> CreateCentroiding(const PliConfigInstanceNode& node, const std::string& key,
+                                                  std::size_t img_width, std::size_t img_height) {
+    if (node.IsMap() && node.Has(key) && node[key].IsMap()) {
+        return CreateCentroidingAlgorithm<T>(node[key], img_width, img_height);
+    }
+    common::LogDebug("Using CentroidingCOG by default");
+    return std::make_unique<CentroidingCOG<T>>(img_width, img_height, DEFAULT_SATURATION);
+}
+
+template <class T>
+std::unique_ptr<Centroiding<T>> CreateCentroidingAlgorithm(const PliConfigInstanceNode& node,
+                                                           std::size_t img_width, std::size_t img_height) {
+    if (!node.IsMap()) common::LogAndThrow("CreateCentroidingAlgorithm node not a map");
+    const double saturation = ReadSaturation(node);
+    if (!node.Has("type")) common::LogAndThrow("CreateCentroidingAlgorithm node misconfigured");
+    const auto type = node["type"].As<std::string>();
+    if (type == "cog") return std::make_unique<CentroidingCOG<T>>(img_width, img_height, saturation);
+    if (type == "tsh") {
+        if (!node.Has("treshold")) common::LogAndThrow("CreateCentroidingAlgorithm treshold missing");
+        return std::make_unique<CentroidingTSH<T>>(img_width, img_height, saturation,
+                                                   node["treshold"].As<float>());
+    }
+    if (type == "nbr") {
+        if (!node.Has("nbrightest")) common::LogAndThrow("CreateCentroidingAlgorithm nbrightest missing");
+        const bool weight_pixels = !node.Has("weight_pixels") || node["weight_pixels"].As<bool>();
+        auto centroiding = std::make_unique<CentroidingNBR<T>>(img_width, img_height, saturation);
+        centroiding->SetNBrightest(node["nbrightest"].As<unsigned long>(), weight_pixels);
+        return centroiding;
+    }
+    common::LogAndThrow(fmt::format("CreateCentroidingAlgorithm could not create \"{}\"", type));
+}
+
+template std::unique_ptr<Centroiding<float>> CreateCentroiding<float>(const PliConfigInstanceNode&,
+                                                                      const std::string&, std::size_t,
+                                                                      std::size_t);
+template std::unique_ptr<Centroiding<float>> CreateCentroidingAlgorithm<float>(const PliConfigInstanceNode&,
+                                                                               std::size_t, std::size_t);
+
+}  // namespace vosk::image_processing::factory

@@ -1,0 +1,54 @@
+#pragma once
+
+// Replaces bad pixels of a cleaned frame by a weighted mean of their 3 x 3 neighbourhood, before the centroid
+// is taken. Constant after construction; a worker calls it for each of its regions.
+
+#include <oru/configng/pliConfig.hpp>
+#include <vosk/image_processing/roi.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vosk::image_processing {
+
+class bad_pixel_correction_block {
+public:
+    // Width and height are those of the cleaned frame; bad pixels are (x, y), none of them on its border. The
+    // weights are the kernel, row by row: 0 is up-left of the pixel, 4 the pixel itself. What breaks this is
+    // logged and thrown as std::runtime_error. Weights without a usable sum are taken, with a warning.
+    bad_pixel_correction_block(std::uint32_t width, std::uint32_t height,
+                               std::vector<std::pair<std::uint32_t, std::uint32_t>> bad_pixels,
+                               std::vector<float> pixel_weights);
+
+    // Repairs the bad pixels of the region in place, in the order of the list, so that one next to another
+    // sees its repaired value. `frame` is the whole cleaned frame, in which the pixels around the region must
+    // be cleaned too. Allocates nothing.
+    void work(std::span<float> frame, const Roi& roi) const;
+
+private:
+    const std::uint32_t m_width;  // also the row stride
+    const std::uint32_t m_height;
+    const std::vector<std::pair<std::uint32_t, std::uint32_t>> m_bad_pixels;
+    const std::vector<float> m_pixel_weights;
+    const float m_weight_sum;  // in single precision, from the first to the last
+};
+
+namespace factory {
+
+// From the map `node[key]`: two lists, `bad_pixels` of [x, y] and `pixel_weights`. Null when there is nothing
+// to correct: no such map, a list that is missing, no bad pixels, not 9 weights. The log tells which.
+std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrection(
+    const oru::configng::PliConfigInstanceNode& node, const std::string& key, std::size_t width,
+    std::size_t height);
+
+// From the map itself; anything but a map is logged and thrown as std::runtime_error.
+std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrectionAlgorithm(
+    const oru::configng::PliConfigInstanceNode& node, std::size_t width, std::size_t height);
+
+}  // namespace factory
+}  // namespace vosk::image_processing
