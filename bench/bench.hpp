@@ -26,6 +26,8 @@ std::vector<Row> BenchWaitUntil();
 std::vector<Row> BenchCommandLatency();
 std::vector<Row> BenchLspxReceive();
 std::vector<Row> BenchMailbox();
+std::vector<Row> BenchCentroiding();
+std::vector<Row> BenchFrameCleaning();
 
 // The value below which a fraction of the samples lies; the samples are reordered.
 template <class T>
@@ -42,5 +44,9 @@ double TimeUs(Work&& work) {
     work();
     return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
 }
+
+// Reads all elements, as fast as one core can: 8 independent sums of a vector each, as wide as the machine
+// has. Its sum means nothing.
+float Stream(const float* values, std::size_t count);
 
 }  // namespace vosk::bench

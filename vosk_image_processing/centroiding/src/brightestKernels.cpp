@@ -15,9 +15,9 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 // Plain loops: compilers make vectors of them, for each instruction set.
 std::size_t CountFrom(std::int32_t limit, std::span<const std::int32_t> keys) {
-    std::int32_t count = 0;
-    for (const std::int32_t key : keys) count += key >= limit ? 1 : 0;
-    return static_cast<std::size_t>(count);
+    std::uint32_t count = 0;
+    for (const std::int32_t key : keys) count += key >= limit ? 1U : 0U;
+    return count;
 }
 
 std::int32_t Limit(std::span<const std::int32_t> keys, std::size_t n) {

@@ -30,8 +30,10 @@ void CentroidingBase::RefuseFrame() const {
         fmt::format("ForEachPixel: required frame size: {}", img_size));
 }
 
-void CentroidingBase::CheckInFrame(const Roi& roi) const {
-    VOSK_ASSERT(roi.x_stop <= img_width && roi.y_stop <= img_height);
+void CentroidingBase::RefuseRoi(const Roi& roi) {
+    common::LogAndThrow<std::invalid_argument>(
+        fmt::format("ForEachPixel: ROI outside of the frame: ({}..{}),({}..{})", roi.x_start, roi.x_stop,
+                    roi.y_start, roi.y_stop));
 }
 
 void CentroidingBase::SetNothing() {
@@ -77,7 +79,7 @@ void Centroiding<T>::ComputeByMoments(gsl::span<const T> frame, std::span<const 
         for (; count < detail::MAX_BATCH && start + count < rois.size(); ++count) {
             const Roi& roi = rois[start + count];
             if (roi.width != width || roi.height != height) break;
-            CheckInFrame(roi);
+            CheckRoi(roi);
             first_pixels[count] = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
         }
         if (count == 1) {

@@ -45,11 +45,13 @@ public:
     double y{0.0};
 
 protected:
-    // Logs and throws std::invalid_argument unless a frame has the size.
+    // Both log and throw std::invalid_argument.
     void CheckFrameSize(std::size_t size) const {
         if (size != img_size) RefuseFrame();
     }
-    void CheckInFrame(const Roi& roi) const;
+    void CheckRoi(const Roi& roi) const {
+        if (roi.x_stop > img_width || roi.y_stop > img_height) RefuseRoi(roi);
+    }
 
     void SetNothing();
     // `cx` and `cy` are offsets from the region's start.
@@ -58,6 +60,7 @@ protected:
 
 private:
     [[noreturn]] void RefuseFrame() const;
+    [[noreturn]] static void RefuseRoi(const Roi& roi);
 };
 
 template <class T>
@@ -66,8 +69,8 @@ public:
     using CentroidingBase::CentroidingBase;
 
     // `frame` is the full frame, row by row. The result stands in `flux`, `x` and `y`. A frame of the wrong
-    // size is logged and thrown as std::invalid_argument, and the former result stays. The region must lie in
-    // the frame. A region without pixels, or whose sum is 0.0, gives a flux, x and y of 0.0.
+    // size or a region that reaches out of it is logged and thrown as std::invalid_argument, and the former
+    // result stays. A region without pixels, or whose sum is 0.0, gives a flux, x and y of 0.0.
     virtual void Compute(gsl::span<const T> frame, const Roi& roi) = 0;
 
     // The same for many regions of one frame, each result into the slope of its index. COG and TSH do regions
@@ -80,7 +83,7 @@ public:
     template <class Method>
     void ForEachPixel(Method& method, gsl::span<const T> frame, const Roi& roi) const {
         CheckFrameSize(frame.size());
-        CheckInFrame(roi);
+        CheckRoi(roi);
         const T* row = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
         for (std::size_t dy = 0; dy < roi.height; ++dy, row += img_width) {
             const auto row_offset = static_cast<double>(dy);
