@@ -22,11 +22,12 @@ function(vosk_program name)
   target_link_libraries(${name} PRIVATE vosk_flags ${arg_LINK})
 endfunction()
 
-# vosk_test(NAME SOURCES ... LINK ... [SERIAL]): a GoogleTest program, each of its tests known to ctest.
+# vosk_test(NAME SOURCES ... LINK ... [SERIAL]): a GoogleTest program, each of its tests known to ctest. The headers of
+# common/testing are at hand.
 # SERIAL keeps its tests from running beside others (real sockets at rate, threads against deadlines).
 function(vosk_test name)
   cmake_parse_arguments(arg "SERIAL" "" "SOURCES;LINK" ${ARGN})
-  vosk_program(${name} SOURCES ${arg_SOURCES} LINK ${arg_LINK} GTest::gmock GTest::gtest_main)
+  vosk_program(${name} SOURCES ${arg_SOURCES} LINK ${arg_LINK} vosk_testing GTest::gmock GTest::gtest_main)
   set(properties TIMEOUT 120)
   if(arg_SERIAL)
     list(APPEND properties RUN_SERIAL ON)

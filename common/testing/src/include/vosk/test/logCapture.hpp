@@ -1,6 +1,6 @@
 #pragma once
 
-// For tests: takes every log line of every logger, at every level, instead of the usual output while it
+// Takes every log line of every logger, at every level, instead of the usual output while it
 // lives. Synchronous: a line stands in Lines() when the call that wrote it has returned. One at a time.
 
 #include <log4cplus/appender.h>
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace vosk::common {
+namespace vosk::test {
 
 class LogCapture {
 public:
@@ -75,10 +75,10 @@ private:
     };
 
     // First, so that the usual output is set up and can be put back.
-    Level m_levels[2]{{GetLogger()}, {log4cplus::Logger::getRoot()}};
+    Level m_levels[2]{{common::GetLogger()}, {log4cplus::Logger::getRoot()}};
     log4cplus::Logger m_root = log4cplus::Logger::getRoot();
     log4cplus::SharedAppenderPtrList m_appenders;
     log4cplus::helpers::SharedObjectPtr<Sink> m_sink{new Sink};  // log4cplus counts its references
 };
 
-}  // namespace vosk::common
+}  // namespace vosk::test

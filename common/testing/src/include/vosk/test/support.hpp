@@ -1,0 +1,65 @@
+#pragma once
+
+// What tests of any layer say in the same words: an exception's text, a point in time, a condition waited
+// for, names and ports of this run alone.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomclk/atomClk.hpp>
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace vosk::test {
+
+// Long enough that only a fault reaches it, on a loaded machine and under a sanitizer too.
+inline constexpr std::chrono::seconds PATIENCE{30};
+
+// Whether the condition came true.
+template <class Condition>
+bool Eventually(Condition&& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds{200});
+    }
+    return true;
+}
+
+// The text of the exception that the call throws, which is to be an Error.
+template <class Error = std::exception, class Call>
+std::string TextOf(Call&& call) {
+    try {
+        static_cast<void>(std::forward<Call>(call)());
+    } catch (const Error& error) {
+        return error.what();
+    } catch (const std::exception& error) {
+        return std::string{"another exception: "} + error.what();
+    }
+    return "no exception";
+}
+
+// The point that long after the clock's epoch.
+inline atomclk::AtomClk::time_point At(std::chrono::nanoseconds since_epoch) {
+    return atomclk::AtomClk::time_point{since_epoch};
+}
+inline atomclk::AtomClk::time_point At(std::int64_t nanoseconds) {
+    return At(std::chrono::nanoseconds{nanoseconds});
+}
+
+// A name that no other test and no other run has, without a slash.
+inline std::string UniqueName() {
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    return "vosk_test_" + std::to_string(::getpid()) + "_" + (test != nullptr ? test->name() : "");
+}
+
+// UDP ports that other runs hardly use: 0 to 3.
+inline std::uint16_t UniquePort(int number = 0) {
+    return static_cast<std::uint16_t>(20000 + 4 * (::getpid() % 3000) + number);
+}
+
+}  // namespace vosk::test
