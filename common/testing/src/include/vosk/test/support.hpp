@@ -35,10 +35,9 @@ template <class Error = std::exception, class Call>
 std::string TextOf(Call&& call) {
     try {
         static_cast<void>(std::forward<Call>(call)());
-    } catch (const Error& error) {
-        return error.what();
     } catch (const std::exception& error) {
-        return std::string{"another exception: "} + error.what();
+        return (dynamic_cast<const Error*>(&error) != nullptr ? "" : "another exception: ") +
+               std::string{error.what()};
     }
     return "no exception";
 }
