@@ -32,8 +32,9 @@ using image_processing::Roi;
 
 constexpr std::uint16_t WIDTH = 840;
 constexpr std::uint16_t HEIGHT = 816;
-constexpr std::size_t SIDE = 32;   // regions by regions
-constexpr std::size_t PITCH = 24;  // from one to the next
+constexpr std::size_t SIDE = 32;  // regions by regions, side by side
+constexpr std::size_t LEFT = 36;  // of all regions
+constexpr std::size_t TOP = 24;
 constexpr double SATURATION = 10.0;
 constexpr float THRESHOLD = 12.0F;
 constexpr std::size_t BRIGHTEST = 20;
@@ -41,23 +42,26 @@ constexpr std::size_t BRIGHTEST = 20;
 std::vector<Roi> Regions(std::uint16_t size) {
     std::vector<Roi> rois;
     for (std::size_t i = 0; i < SIDE * SIDE; ++i) {
-        const auto left = static_cast<std::uint16_t>(36 + i % SIDE * PITCH);
-        const auto top = static_cast<std::uint16_t>(24 + i / SIDE * PITCH);
+        const auto left = static_cast<std::uint16_t>(LEFT + i % SIDE * size);
+        const auto top = static_cast<std::uint16_t>(TOP + i / SIDE * size);
         rois.emplace_back(left, static_cast<std::uint16_t>(left + size), top,
-                          static_cast<std::uint16_t>(top + size), WIDTH, HEIGHT, left + 12.0, top + 12.0);
+                          static_cast<std::uint16_t>(top + size), WIDTH, HEIGHT, left + size / 2.0,
+                          top + size / 2.0);
     }
     return rois;
 }
 
-// A spot a region on noise around zero, as a cleaned frame has.
-defs::AlignedFrame<float> CleanedFrame() {
+// A spot in the middle of each region on noise around zero, as a cleaned frame has.
+defs::AlignedFrame<float> CleanedFrame(std::size_t size) {
     defs::AlignedFrame<float> frame(std::size_t{WIDTH} * HEIGHT);
     std::mt19937 engine{1};
     std::normal_distribution<float> noise{0.0F, 4.0F};
+    const auto from_middle = [&](std::size_t at) {
+        return static_cast<float>(at % size) - static_cast<float>(size - 1) / 2.0F;
+    };
     for (std::size_t i = 0; i < frame.size(); ++i) {
-        const auto offset = [](std::size_t at) { return static_cast<float>(at % PITCH) - 11.5F; };
-        const float x = offset(i % WIDTH - 36);
-        const float y = offset(i / WIDTH);
+        const float x = from_middle(i % WIDTH + WIDTH * size - LEFT);
+        const float y = from_middle(i / WIDTH + HEIGHT * size - TOP);
         frame[i] = noise(engine) + 800.0F * std::exp(-0.2F * (x * x + y * y));
     }
     return frame;
@@ -120,7 +124,8 @@ struct Method {
     std::size_t repeats;
 };
 
-std::vector<Row> BenchMethod(const Method& method, std::uint16_t size, Frame frame) {
+std::vector<Row> BenchMethod(const Method& method, std::uint16_t size) {
+    const auto frame = CleanedFrame(size);
     const auto rois = Regions(size);
     std::vector<defs::Slope> slopes(rois.size());
     const double pixels = static_cast<double>(rois.size() * rois[0].size);
@@ -156,7 +161,6 @@ std::vector<Row> BenchMethod(const Method& method, std::uint16_t size, Frame fra
 }  // namespace
 
 std::vector<Row> BenchCentroiding() {
-    const auto frame = CleanedFrame();
     CentroidingCOG<float> cog{WIDTH, HEIGHT, SATURATION};
     CentroidingTSH<float> tsh{WIDTH, HEIGHT, SATURATION, THRESHOLD};
     CentroidingNBR<float> nbr{WIDTH, HEIGHT, SATURATION};
@@ -167,7 +171,7 @@ std::vector<Row> BenchCentroiding() {
     std::vector<Row> rows;
     for (const Method& method : methods) {
         for (const std::uint16_t size : {std::uint16_t{24}, std::uint16_t{8}}) {
-            for (Row& row : BenchMethod(method, size, frame)) rows.push_back(std::move(row));
+            for (Row& row : BenchMethod(method, size)) rows.push_back(std::move(row));
         }
     }
     return rows;

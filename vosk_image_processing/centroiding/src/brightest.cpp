@@ -8,6 +8,9 @@ namespace vosk::image_processing::detail {
 
 namespace {
 
+// Up to so many are ordered faster by looking at all pairs than by sorting.
+constexpr std::size_t FEW = 100;
+
 // Of more than n places, those above the limit and as many at the limit as there is room for.
 void KeepFirst(std::span<const std::int32_t> keys, std::int32_t limit, std::size_t n,
                std::span<std::uint32_t> places) {
@@ -33,9 +36,11 @@ void FindBrightest(std::span<const std::int32_t> keys, std::size_t n, std::span<
                                        static_cast<std::uint32_t>(keys[place]);
         return std::uint64_t{darkness} << 32U | place;
     };
-    std::transform(places.begin(), places.begin() + static_cast<std::ptrdiff_t>(n), ranked.begin(), rank);
-    std::sort(ranked.begin(), ranked.begin() + static_cast<std::ptrdiff_t>(n));
-    std::transform(ranked.begin(), ranked.begin() + static_cast<std::ptrdiff_t>(n), places.begin(),
+    const auto brightest = ranked.first(n);
+    std::transform(places.begin(), places.begin() + static_cast<std::ptrdiff_t>(n), brightest.begin(), rank);
+    if (n <= FEW) return OrderFew(brightest, places.data());
+    std::sort(brightest.begin(), brightest.end());
+    std::transform(brightest.begin(), brightest.end(), places.begin(),
                    [](std::uint64_t ranking) { return static_cast<std::uint32_t>(ranking); });
 }
 

@@ -52,14 +52,23 @@ std::size_t Collect(std::int32_t limit, std::span<const std::int32_t> keys, std:
     std::size_t i = 0;
     for (; i + lanes <= keys.size(); i += lanes) {
         const auto mask = hn::Not(hn::Gt(limits, hn::LoadU(d, keys.data() + i)));
-        if (hn::AllFalse(d, mask)) continue;
+        // A whole vector fits: no more places were found than keys looked at.
         const auto here = hn::Iota(p, static_cast<std::uint32_t>(i));
-        count += hn::CompressBlendedStore(here, hn::RebindMask(p, mask), p, places + count);
+        hn::StoreU(hn::Compress(here, hn::RebindMask(p, mask)), p, places + count);
+        count += hn::CountTrue(d, mask);
     }
     for (; i < keys.size(); ++i) {
         if (keys[i] >= limit) places[count++] = static_cast<std::uint32_t>(i);
     }
     return count;
+}
+
+void Order(std::span<const std::uint64_t> ranks, std::uint32_t* places) {
+    for (const std::uint64_t rank : ranks) {
+        std::uint64_t before = 0;
+        for (const std::uint64_t other : ranks) before += other < rank ? 1U : 0U;
+        places[before] = static_cast<std::uint32_t>(rank);
+    }
 }
 
 }  // namespace
@@ -71,6 +80,7 @@ namespace vosk::image_processing::detail {
 
 HWY_EXPORT(Limit);
 HWY_EXPORT(Collect);
+HWY_EXPORT(Order);
 
 std::int32_t FindLimit(std::span<const std::int32_t> keys, std::size_t n) {
     return HWY_DYNAMIC_DISPATCH(Limit)(keys, n);
@@ -78,6 +88,10 @@ std::int32_t FindLimit(std::span<const std::int32_t> keys, std::size_t n) {
 
 std::size_t PlacesFrom(std::int32_t limit, std::span<const std::int32_t> keys, std::uint32_t* places) {
     return HWY_DYNAMIC_DISPATCH(Collect)(limit, keys, places);
+}
+
+void OrderFew(std::span<const std::uint64_t> ranks, std::uint32_t* places) {
+    HWY_DYNAMIC_DISPATCH(Order)(ranks, places);
 }
 
 }  // namespace vosk::image_processing::detail

@@ -184,46 +184,35 @@ void CentroidingNBR<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
     this->ForEachPixel(method, frame, roi);
     const std::size_t count = std::min(m_nbrightest, roi.size);
     if (count == 0) return this->SetNothing();
-    SetFromRanked(roi, Rank(count));
-}
-
-// Puts the brightest pixels in front of the others.
-template <class T>
-std::span<const typename CentroidingNBR<T>::Pixel> CentroidingNBR<T>::Rank(std::size_t count) {
     m_places.resize(m_keys.size());
     m_ranked.resize(m_keys.size());
     detail::FindBrightest(m_keys, count, m_places, m_ranked);
-    for (std::size_t i = 0; i < count; ++i) {
-        // A pixel that stood in front has been swapped with the one of that rank.
-        std::size_t place = m_places[i];
-        while (place < i) place = m_places[place];
-        std::swap(m_pixels[i], m_pixels[place]);
-    }
-    return {m_pixels.data(), count};
+    SetFromBrightest(roi, count);
 }
 
 template <class T>
-void CentroidingNBR<T>::SetFromRanked(const Roi& roi, std::span<const Pixel> ranked) {
-    const auto weight = [&](std::size_t i) { return static_cast<double>(ranked.size() - i); };
+void CentroidingNBR<T>::SetFromBrightest(const Roi& roi, std::size_t count) {
+    const auto pixel = [&](std::size_t i) -> const Pixel& { return m_pixels[m_places[i]]; };
+    const auto weight = [&](std::size_t i) { return static_cast<double>(count - i); };
     double sum = 0.0;
     double weighted_sum = 0.0;
-    for (std::size_t i = 0; i < ranked.size(); ++i) {
-        sum += ranked[i].value;
-        weighted_sum += weight(i) * ranked[i].value;
+    for (std::size_t i = 0; i < count; ++i) {
+        sum += pixel(i).value;
+        weighted_sum += weight(i) * pixel(i).value;
     }
     if (sum == 0.0) return this->SetNothing();
     this->flux = sum;
     double cx = 0.0;
     double cy = 0.0;
-    for (std::size_t i = 0; i < ranked.size(); ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         double share = 0.0;
         if (!m_weight_pixels) {
-            share = ranked[i].value / sum;
+            share = pixel(i).value / sum;
         } else if (weighted_sum != 0.0) {
-            share = weight(i) * ranked[i].value / weighted_sum;
+            share = weight(i) * pixel(i).value / weighted_sum;
         }
-        cx += share * ranked[i].dx;
-        cy += share * ranked[i].dy;
+        cx += share * pixel(i).dx;
+        cy += share * pixel(i).dy;
     }
     this->SetPosition(roi, cx, cy);
 }

@@ -155,17 +155,17 @@ private:
         double dy;
     };
 
-    std::span<const Pixel> Rank(std::size_t count);
-    void SetFromRanked(const Roi& roi, std::span<const Pixel> ranked);
+    // Of the first pixels in m_places.
+    void SetFromBrightest(const Roi& roi, std::size_t count);
 
     std::size_t m_nbrightest{1};  // never 0
     bool m_weight_pixels{true};
 
     // Scratch, overwritten by every Compute. It grows to the largest region, and stays.
-    std::vector<Pixel> m_pixels;          // from the last pixel to the first, then the brightest in front
+    std::vector<Pixel> m_pixels;          // of the region, from the last to the first
     std::vector<std::int32_t> m_keys;     // of m_pixels: the larger, the brighter
-    std::vector<std::uint32_t> m_places;  // in m_pixels
-    std::vector<std::uint64_t> m_ranked;  // key and place in one, to be sorted
+    std::vector<std::uint32_t> m_places;  // in m_pixels; the brightest first
+    std::vector<std::uint64_t> m_ranked;  // key and place in one, to be ordered
 };
 
 extern template class Centroiding<float>;

@@ -1,0 +1,199 @@
+#include <vosk/image_processing/centroiding.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/support.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vosk::image_processing {
+namespace {
+
+constexpr std::uint16_t WIDTH = 12;
+constexpr std::uint16_t HEIGHT = 10;
+constexpr double NAN_VALUE = std::numeric_limits<double>::quiet_NaN();
+
+using test::TextOf;
+using Cog = CentroidingCOG<float>;
+using Tsh = CentroidingTSH<float>;
+using Nbr = CentroidingNBR<float>;
+using Frame = std::vector<float>;
+
+Frame Dark() {
+    return Frame(std::size_t{WIDTH} * HEIGHT);
+}
+
+float& At(Frame& frame, std::size_t column, std::size_t row) {
+    return frame[row * WIDTH + column];
+}
+
+// 6 x 4 pixels from column 3, row 2.
+Roi Region(double ref_x, double ref_y) {
+    return {3, 9, 2, 6, WIDTH, HEIGHT, ref_x, ref_y};
+}
+
+defs::Slope Compute(Centroiding<float>& centroiding, const Frame& frame, const Roi& roi) {
+    centroiding.Compute(frame, roi);
+    return {centroiding.flux, centroiding.x, centroiding.y};
+}
+
+// One of each, all of which see a single bright pixel alike.
+std::vector<std::unique_ptr<Centroiding<float>>> All(double saturation) {
+    std::vector<std::unique_ptr<Centroiding<float>>> all;
+    all.push_back(std::make_unique<Cog>(WIDTH, HEIGHT, saturation));
+    all.push_back(std::make_unique<Tsh>(WIDTH, HEIGHT, saturation, 0.5F));
+    auto nbr = std::make_unique<Nbr>(WIDTH, HEIGHT, saturation);
+    nbr->SetNBrightest(5, true);
+    all.push_back(std::move(nbr));
+    return all;
+}
+
+TEST(Centroiding, FindsASpotFromTheReferencePointAndClampsIt) {
+    Frame frame = Dark();
+    At(frame, 7, 3) = 4.0F;
+    for (const auto& centroiding : All(2.0)) {
+        EXPECT_EQ(Compute(*centroiding, frame, Region(6.5, 4.25)), (defs::Slope{4.0, 0.5, -1.25}));
+        EXPECT_EQ(Compute(*centroiding, frame, Region(0.0, 9.0)), (defs::Slope{4.0, 2.0, -2.0}));
+    }
+    for (const auto& centroiding : All(0.0)) {
+        EXPECT_EQ(Compute(*centroiding, frame, Region(0.0, 9.0)), (defs::Slope{4.0, 0.0, 0.0}));
+    }
+}
+
+TEST(Centroiding, GivesZeroesWhereThereIsNothing) {
+    const Frame dark = Dark();
+    Frame lit = Dark();
+    for (float& pixel : lit) pixel = 1.0F;
+    for (const auto& centroiding : All(2.0)) {
+        EXPECT_EQ(Compute(*centroiding, dark, Region(6.0, 4.0)), defs::Slope{});
+        for (const Roi& empty : {Roi{3, 3, 2, 6, WIDTH, HEIGHT, 1, 1}, Roi{3, 9, 2, 2, WIDTH, HEIGHT, 1, 1},
+                                 Roi{WIDTH, WIDTH, HEIGHT, HEIGHT, WIDTH, HEIGHT, 1, 1}}) {
+            Compute(*centroiding, lit, Region(6.0, 4.0));
+            EXPECT_EQ(Compute(*centroiding, lit, empty), defs::Slope{});
+        }
+    }
+}
+
+TEST(Centroiding, ShowsANanUnlessTheThresholdSkipsIt) {
+    Frame frame = Dark();
+    At(frame, 7, 3) = 4.0F;
+    At(frame, 4, 4) = std::numeric_limits<float>::quiet_NaN();
+    const auto all = All(2.0);
+    for (const std::size_t i : {0U, 2U}) {
+        const auto slope = Compute(*all[i], frame, Region(6.5, 4.0));
+        EXPECT_TRUE(std::isnan(slope.flux) && std::isnan(slope.x) && std::isnan(slope.y));
+    }
+    EXPECT_EQ(Compute(*all[1], frame, Region(6.5, 4.0)), (defs::Slope{4.0, 0.5, -1.0}));
+}
+
+TEST(CentroidingCOG, DividesByANegativeSum) {
+    Frame frame = Dark();
+    At(frame, 3, 2) = 1.0F;
+    At(frame, 5, 3) = -2.0F;
+    // Sum -1, moments -4 and -2.
+    Cog cog{WIDTH, HEIGHT, 10.0};
+    EXPECT_EQ(Compute(cog, frame, Region(3.0, 2.0)), (defs::Slope{-1.0, 4.0, 2.0}));
+}
+
+TEST(CentroidingTSH, TakesAPixelAtTheThresholdWhole) {
+    Frame frame = Dark();
+    At(frame, 3, 2) = 2.0F;
+    At(frame, 7, 2) = 6.0F;
+    At(frame, 8, 5) = std::nextafter(2.0F, 0.0F);
+    Tsh tsh{WIDTH, HEIGHT, 10.0, 2.0F};
+    EXPECT_EQ(Compute(tsh, frame, Region(3.0, 2.0)), (defs::Slope{8.0, 3.0, 0.0}));
+    Tsh blind{WIDTH, HEIGHT, 10.0, 7.0F};
+    EXPECT_EQ(Compute(blind, frame, Region(3.0, 2.0)), defs::Slope{});
+}
+
+TEST(CentroidingNBR, WeightsByRank) {
+    Frame frame = Dark();
+    At(frame, 4, 2) = 1.0F;
+    At(frame, 5, 3) = 2.0F;
+    At(frame, 7, 5) = 3.0F;
+    Nbr nbr{WIDTH, HEIGHT, 10.0};
+    nbr.SetNBrightest(2, true);
+    // Weights 2 and 1: shares 6/8 at (4, 3) and 2/8 at (2, 1).
+    EXPECT_EQ(Compute(nbr, frame, Region(3.0, 2.0)), (defs::Slope{5.0, 3.5, 2.5}));
+    nbr.SetNBrightest(1, false);
+    EXPECT_EQ(Compute(nbr, frame, Region(3.0, 2.0)), (defs::Slope{3.0, 4.0, 3.0}));
+    nbr.SetNBrightest(1000, false);
+    EXPECT_EQ(Compute(nbr, frame, Region(3.0, 2.0)).flux, 6.0);
+}
+
+TEST(CentroidingNBR, StaysAtTheStartWithoutAWeightedSum) {
+    Frame frame = Dark();
+    const Roi pair{3, 5, 2, 3, WIDTH, HEIGHT, 1.0, 2.5};
+    At(frame, 3, 2) = -2.0F;
+    At(frame, 4, 2) = 1.0F;
+    Nbr nbr{WIDTH, HEIGHT, 10.0};
+    nbr.SetNBrightest(2, true);
+    EXPECT_EQ(Compute(nbr, frame, pair), (defs::Slope{-1.0, 2.0, -0.5}));
+}
+
+TEST(CentroidingNBR, RefusesNoPixelsAndKeepsItsSettings) {
+    Nbr nbr{WIDTH, HEIGHT, 10.0};
+    nbr.SetNBrightest(7, false);
+    test::LogCapture log;
+    const std::string text = "SetNBrightest: nbrightest must not be 0";
+    EXPECT_EQ(TextOf<std::invalid_argument>([&] { nbr.SetNBrightest(0, true); }), text);
+    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
+    EXPECT_EQ(nbr.GetNBrightest(), 7U);
+    EXPECT_FALSE(nbr.GetWeightPixels());
+}
+
+TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
+    Frame frame = Dark();
+    At(frame, 7, 3) = 4.0F;
+    const Frame longer(frame.size() + 1);
+    const std::vector<Roi> outside{{0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0},
+                                   {0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0}};
+    const std::vector<Roi> pair(2, Region(7.0, 3.0));
+    std::vector<defs::Slope> slopes(2);
+    for (const auto& centroiding : All(2.0)) {
+        Compute(*centroiding, frame, Region(7.0, 2.0));
+        test::LogCapture log;
+        const std::string text = "ForEachPixel: required frame size: 120";
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->Compute(longer, Region(7.0, 3.0)); }),
+                  text);
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->ComputeMany(longer, pair, slopes); }),
+                  text);
+        EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 2);
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->Compute(frame, outside[0]); }),
+                  "ForEachPixel: ROI outside of the frame: (0..13),(0..1)");
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] {
+                      centroiding->ComputeMany(frame, {&outside[1], 1}, {slopes.data(), 1});
+                  }),
+                  "ForEachPixel: ROI outside of the frame: (0..1),(0..11)");
+        EXPECT_EQ(centroiding->flux, 4.0);
+        EXPECT_EQ(centroiding->y, 1.0);
+    }
+}
+
+TEST(Centroiding, RefusesASaturationThatIsNoRange) {
+    for (const auto& [saturation, text] : std::vector<std::pair<double, std::string>>{
+             {-0.5, "Centroiding: saturation must not be negative: -0.5"},
+             {NAN_VALUE, "Centroiding: saturation must not be negative: nan"}}) {
+        const double refused = saturation;
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] { return Cog{WIDTH, HEIGHT, refused}.flux; }), text);
+    }
+}
+
+TEST(Centroiding, TellsItsParameters) {
+    test::LogCapture log;
+    const Tsh tsh{WIDTH, HEIGHT, 10.0, 3.5F};
+    EXPECT_TRUE(log.Has(log4cplus::DEBUG_LOG_LEVEL,
+                        "Centroiding: img_width: 12, img_height: 10, img_size: 120, saturation: 10"));
+    EXPECT_EQ(tsh.treshold, 3.5F);
+    EXPECT_EQ(tsh.saturation, 10.0);
+}
+
+}  // namespace
+}  // namespace vosk::image_processing

@@ -1,0 +1,141 @@
+#include <vosk/image_processing/badPixelCorrection.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/node.hpp>
+#include <vosk/test/support.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vosk::image_processing {
+namespace {
+
+using Pixels = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
+using Weights = std::vector<float>;
+
+constexpr std::uint16_t WIDTH = 6;
+constexpr std::uint16_t HEIGHT = 5;
+const Weights NEIGHBOURS{1, 1, 1, 1, 0, 1, 1, 1, 1};
+const Roi WHOLE{0, WIDTH, 0, HEIGHT, WIDTH, HEIGHT, 0, 0};
+
+// Pixel i holds i * i.
+std::vector<float> Squares() {
+    std::vector<float> frame(std::size_t{WIDTH} * HEIGHT);
+    for (std::size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<float>(i * i);
+    return frame;
+}
+
+std::vector<float> Repaired(const Pixels& bad_pixels, const Weights& weights, const Roi& roi) {
+    std::vector<float> frame = Squares();
+    bad_pixel_correction_block{WIDTH, HEIGHT, bad_pixels, weights}.work(frame, roi);
+    return frame;
+}
+
+std::string ErrorOf(std::uint32_t x, std::uint32_t y, const Weights& weights) {
+    return test::TextOf<std::runtime_error>([&] {
+        return bad_pixel_correction_block{WIDTH, HEIGHT, {{x, y}}, weights};
+    });
+}
+
+TEST(BadPixelCorrection, TakesTheKernelRowByRow) {
+    // Each weight in a kernel of its own, divided by its sum of 1: the neighbour itself.
+    for (std::size_t i = 0; i < 9; ++i) {
+        Weights weights(9);
+        weights[i] = 1.0F;
+        const std::size_t neighbour = (1 + i / 3) * WIDTH + 1 + i % 3;
+        EXPECT_EQ(Repaired({{2, 2}}, weights, WHOLE)[2 * WIDTH + 2], Squares()[neighbour]) << i;
+    }
+    // 1 + 4 + 9 + 49 + 81 + 169 + 196 + 225 around pixel 8.
+    std::vector<float> expected = Squares();
+    expected[8] = 734.0F / 8.0F;
+    EXPECT_EQ(Repaired({{2, 1}}, NEIGHBOURS, WHOLE), expected);
+}
+
+TEST(BadPixelCorrection, UsesWhatItHasRepairedBefore) {
+    const auto left_first = Repaired({{2, 1}, {3, 1}}, NEIGHBOURS, WHOLE);
+    EXPECT_EQ(left_first[8], 734.0F / 8.0F);
+    // 4 + 9 + 16 + (8) + 100 + 196 + 225 + 256 around pixel 9.
+    EXPECT_EQ(left_first[9], (29.0F + 734.0F / 8.0F + 100.0F + 677.0F) / 8.0F);
+    EXPECT_NE(Repaired({{3, 1}, {2, 1}}, NEIGHBOURS, WHOLE), left_first);
+}
+
+TEST(BadPixelCorrection, RepairsOnlyInTheRegion) {
+    const Roi roi{2, 4, 1, 3, WIDTH, HEIGHT, 0, 0};
+    EXPECT_EQ(Repaired({{1, 1}, {4, 1}, {2, 3}}, NEIGHBOURS, roi), Squares());
+    const auto frame = Repaired({{2, 1}, {3, 2}}, NEIGHBOURS, roi);
+    EXPECT_NE(frame[8], Squares()[8]);
+    EXPECT_NE(frame[15], Squares()[15]);
+    EXPECT_EQ(Repaired({}, NEIGHBOURS, WHOLE), Squares());
+}
+
+TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernels) {
+    EXPECT_EQ(ErrorOf(1, 1, NEIGHBOURS), "no exception");
+    EXPECT_EQ(ErrorOf(WIDTH - 2, HEIGHT - 2, NEIGHBOURS), "no exception");
+    EXPECT_EQ(ErrorOf(0, 1, NEIGHBOURS), "ERR: Bad pixel X-value 0 out of range");
+    EXPECT_EQ(ErrorOf(1, 0, NEIGHBOURS), "ERR: Bad pixel Y-value 0 out of range");
+    EXPECT_EQ(ErrorOf(WIDTH - 1, 0, NEIGHBOURS), "ERR: Bad pixel X-value 5 out of range");
+    EXPECT_EQ(ErrorOf(1, HEIGHT - 1, NEIGHBOURS), "ERR: Bad pixel Y-value 4 out of range");
+    EXPECT_EQ(ErrorOf(0xFFFFFFFF, 1, NEIGHBOURS), "ERR: Bad pixel X-value 4294967295 out of range");
+    EXPECT_EQ(ErrorOf(0, 0, Weights(8)), "ERR: Only supplied 8 pixel weights");
+    EXPECT_EQ(ErrorOf(0, 0, Weights(10)), "ERR: Only supplied 10 pixel weights");
+}
+
+TEST(BadPixelCorrection, WarnsOfWeightsWithoutAUsableSum) {
+    test::LogCapture log;
+    const auto frame = Repaired({{2, 1}}, {1, 1, 1, 1, -8, 1, 1, 1, 1}, WHOLE);
+    EXPECT_TRUE(std::isinf(frame[8]));
+    EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
+                        "Bad pixel weights sum up to 0: repaired pixels will be infinite or no numbers"));
+}
+
+// What is made of the section `b` of the instance `a`, told as "made", "null" or the error, and the last line
+// of the log.
+std::pair<std::string, std::string> Made(const std::string& section) {
+    test::LogCapture log;
+    std::unique_ptr<bad_pixel_correction_block> block;
+    std::string outcome = test::TextOf<std::runtime_error>([&] {
+        block =
+            factory::CreateBadPixelCorrection(test::NodeOf("a: {" + section + "}")["a"], "b", WIDTH, HEIGHT);
+    });
+    if (outcome == "no exception") outcome = block ? "made" : "null";
+    const auto lines = log.Lines();
+    return {outcome, lines.empty() ? "" : lines.back().text};
+}
+
+TEST(BadPixelCorrectionFactory, TellsWhyThereIsNone) {
+    const std::string prefix = "CreateBadPixelCorrectionAlgorithm: ";
+    const std::string weights = "pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1]";
+    const auto null = [&](const std::string& text) {
+        return std::pair<std::string, std::string>{"null", prefix + text};
+    };
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], [4, 3]], " + weights + "}").first, "made");
+    EXPECT_EQ(Made("c: 1"), null("bad_pixel_correction not configured, skipping"));
+    EXPECT_EQ(Made("b: [1]"), null("bad_pixel_correction not configured, skipping"));
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]]}"), null("bad_pixel_correction misconfigured, skipping"));
+    EXPECT_EQ(Made("b: {" + weights + "}"), null("bad_pixel_correction misconfigured, skipping"));
+    EXPECT_EQ(Made("b: {bad_pixels: [], " + weights + "}"), null("no bad pixels, skipping"));
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]], pixel_weights: [1]}"), null("no bad pixels, skipping"));
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 4]], " + weights + "}").first,
+              "ERR: Bad pixel Y-value 4 out of range");
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], [2, 2, 2]], " + weights + "}").first,
+              prefix + "a.b.bad_pixels[1] has 3 values, not x and y");
+}
+
+TEST(BadPixelCorrectionFactory, RefusesANodeThatIsNoMap) {
+    test::LogCapture log;
+    const std::string text = "CreateBadPixelCorrectionAlgorithm node not a map";
+    EXPECT_EQ(test::TextOf<std::runtime_error>([] {
+                  return factory::CreateBadPixelCorrectionAlgorithm(test::NodeOf("a: 3")["a"], WIDTH, HEIGHT);
+              }),
+              text);
+    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
+}
+
+}  // namespace
+}  // namespace vosk::image_processing
