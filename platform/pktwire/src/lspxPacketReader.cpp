@@ -38,7 +38,7 @@ PacketReader::Result PacketReader::ReadLeader(Pieces pieces, std::chrono::nanose
             m_id = next->packet.SampleId();
             m_component = next->packet.ComponentId();
             m_num_frames = next->packet.NumFrames();
-            m_latest = {};
+            m_latest = next->packet.Timestamp();
             m_next_frame = 1;
             Slot* leader = TakeFromQueue();
             if (leader != nullptr) return Deliver({{}, leader}, pieces);
@@ -63,15 +63,19 @@ PacketReader::Result PacketReader::ReadTrailer(Pieces pieces, std::chrono::nanos
     const Result trailer = Deliver(ReadNextFrame(pieces, deadline), pieces);
     if (trailer.slot != nullptr) {
         ++m_source.Counters().samples;
-        m_source.SampleIsOver(m_id, m_latest, true);
-        m_num_frames = 0;
+        EndSample(true);
     }
     return trailer;
 }
 
 void PacketReader::LeaveSample() noexcept {
     if (m_num_frames == 0) return;
-    m_source.SampleIsOver(m_id, m_latest, false);
+    ++m_source.Counters().given_up;
+    EndSample(false);
+}
+
+void PacketReader::EndSample(bool delivered) noexcept {
+    m_source.SampleIsOver(m_id, m_latest, delivered);
     m_num_frames = 0;
 }
 
@@ -95,12 +99,14 @@ PacketReader::Result PacketReader::ReadPacket(Pieces pieces, const Deadline& dea
     Incoming& packet = m_source.Batch().front();
     Slot* slot = packet.slot;
     if (slot != nullptr) {
-        if (IsNextFrame(*slot) && slot->body_size <= packet.expected.size()) {
+        const bool is_next = IsNextFrame(*slot);
+        if (is_next) NoteReordered(m_source.Queue());
+        if (is_next && slot->body_size <= packet.expected.size()) {
             return {{}, std::exchange(packet.slot, nullptr), true};
         }
         m_source.Lift({&packet, 1});
         packet.slot = nullptr;
-        if (IsNextFrame(*slot)) return {{}, slot};
+        if (is_next) return {{}, slot};
         if (IsRefutedBySampleInWork(*slot)) {
             Drop(slot, {});
         } else if (const std::error_code misfit = m_layout.CheckSetup(*slot)) {
@@ -108,6 +114,7 @@ PacketReader::Result PacketReader::ReadPacket(Pieces pieces, const Deadline& dea
             if (between_samples && !m_source.IsStale(*slot)) return RefuseSampleOf(slot, misfit);
             m_source.DropMisfit(slot);
         } else if (m_source.Enqueue(slot)) {
+            if (m_num_frames != 0 && slot->packet.SampleId() != m_id) ++m_source.Counters().ahead;
             return {};
         }
     }
@@ -144,17 +151,18 @@ PacketReader::Result PacketReader::Deliver(const Result& found, Pieces pieces) n
     std::error_code error = m_layout.CheckSetup(*found.slot);
     if (found.slot->packet.FrameNumber() == 1) m_cut = {m_num_frames, found.slot->Lspx().num_units};
     if (!error) error = m_layout.CheckUnits(*found.slot, m_cut);
+    if (!error && !found.in_place && found.slot->body_size > SizeOf(pieces)) {
+        error = std::make_error_code(std::errc::message_size);
+    }
     if (error) {
         ++m_source.Counters().refused;
-        LeaveSample();
+        EndSample(false);
         return Drop(found.slot, error);
     }
     if (found.in_place) return found;
-    if (found.slot->body_size > SizeOf(pieces)) {
-        LeaveSample();
-        return Drop(found.slot, std::make_error_code(std::errc::message_size));
-    }
     Scatter({found.slot->spill, found.slot->body_size}, pieces);
+    // Where a leader's information goes is never known ahead of it.
+    if (found.slot->body_size != 0 && found.slot->packet.FrameNumber() != 1) ++m_source.Counters().copied;
     return found;
 }
 
@@ -174,7 +182,7 @@ PacketReader::Result PacketReader::GiveUp() noexcept {
                                        [this](const Slot* slot) { return slot->packet.SampleId() == m_id; });
     ++m_source.Counters().given_up;
     m_source.Counters().lost += m_num_frames - (m_next_frame - 1U) - static_cast<std::size_t>(waiting);
-    LeaveSample();
+    EndSample(false);
     m_source.DropStaleFromQueue();
     return {qudex::RxErrc::sample_given_up};
 }
@@ -199,11 +207,18 @@ bool PacketReader::IsRefutedBySampleInWork(const Slot& slot) noexcept {
     return true;
 }
 
+void PacketReader::NoteReordered(std::span<Slot* const> earlier) noexcept {
+    const bool behind_a_later_one = std::any_of(
+        earlier.begin(), earlier.end(), [this](const Slot* slot) { return slot->packet.SampleId() == m_id; });
+    if (behind_a_later_one) ++m_source.Counters().reordered;
+}
+
 Slot* PacketReader::TakeFromQueue() noexcept {
     auto& queue = m_source.Queue();
     const auto found =
         std::find_if(queue.begin(), queue.end(), [this](const Slot* slot) { return IsNextFrame(*slot); });
     if (found == queue.end()) return nullptr;
+    NoteReordered({queue.data(), static_cast<std::size_t>(found - queue.begin())});
     Slot* slot = *found;
     queue.erase(found);
     m_source.RecheckQueue();

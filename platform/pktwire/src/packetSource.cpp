@@ -153,7 +153,6 @@ bool PacketSource::Enqueue(Slot* slot) noexcept {
         m_pool.Give(slot);
         return false;
     }
-    ++m_counters.ahead;
     m_queue.push_back(slot);
     m_whole_in_queue = m_whole_in_queue || IsWholeInQueue(*slot);
     return true;
@@ -172,7 +171,8 @@ void PacketSource::DropMisfit(Slot* slot) noexcept {
     m_pool.Give(slot);
 }
 
-void PacketSource::DropStale(Slot* slot) noexcept {
+void PacketSource::DropStale(Slot* slot, const std::error_code& misfit) noexcept {
+    if (misfit && !IsOver(*slot)) return DropMisfit(slot);
     ++m_counters.stale;
     NoteLate(*slot);
     m_pool.Give(slot);
@@ -180,11 +180,17 @@ void PacketSource::DropStale(Slot* slot) noexcept {
 
 void PacketSource::NoteLate(const Slot& slot) noexcept {
     if (IsOver(slot)) return;
-    const std::uint32_t id = slot.packet.SampleId();
-    if (m_late.frames == 0 || id != m_late.id) {
-        m_late = {id, 0, IsShortlyBefore(m_late.id, id) ? m_late.whole : 0};
+    const qudex::Packet& packet = slot.packet;
+    const std::uint32_t id = packet.SampleId();
+    const bool same_stream =
+        m_late.num_frames == packet.NumFrames() && m_late.component == packet.ComponentId();
+    if (!same_stream || id != m_late.id) {
+        const bool goes_on = same_stream && IsShortlyBefore(m_late.id, id);
+        m_late = {id, packet.ComponentId(), packet.NumFrames(), 0, goes_on ? m_late.whole : 0};
     }
-    if (++m_late.frames != slot.packet.NumFrames() || ++m_late.whole < MAX_LATE_SAMPLES) return;
+    // In the order of their numbers, so that none counts twice.
+    if (packet.FrameNumber() != m_late.frames + 1) return;
+    if (++m_late.frames != packet.NumFrames() || ++m_late.whole < MAX_LATE_SAMPLES) return;
     m_delivered.reset();
     m_late = {};
 }

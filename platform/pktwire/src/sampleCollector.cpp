@@ -70,7 +70,7 @@ SampleCollector::Step SampleCollector::TakeFromBatch(SampleLayout& layout, std::
         if (slot == nullptr) continue;
         const bool is_ours = IsOfSampleInWork(*slot);
         if (!is_ours && m_source.IsStale(*slot)) {
-            m_source.DropStale(std::exchange(batch[i].slot, nullptr));
+            m_source.DropStale(std::exchange(batch[i].slot, nullptr), layout.Check(*slot));
         } else if (step == Step::going_on && (is_ours || !IsSampleInWork())) {
             step = Accept(layout, batch.subspan(i), error);
         } else if (layout.Check(*slot)) {
@@ -78,7 +78,9 @@ SampleCollector::Step SampleCollector::TakeFromBatch(SampleLayout& layout, std::
         } else {
             // Its turn comes later. The places in the caller's memory are needed for those whose turn it is.
             m_source.Lift(batch.subspan(i));
-            m_progress = m_source.Enqueue(std::exchange(batch[i].slot, nullptr)) || m_progress;
+            if (!m_source.Enqueue(std::exchange(batch[i].slot, nullptr))) continue;
+            ++m_source.Counters().ahead;
+            m_progress = true;
         }
     }
     return step;

@@ -2,7 +2,7 @@
 
 // Sockets without a kernel: a receiver is fed with datagrams from a list, a sender fills one.
 
-#include <pktwire/udpSocket.hpp>
+#include <pktwire/lspx.hpp>
 
 #include <algorithm>
 #include <cstring>
@@ -103,5 +103,32 @@ public:
 
     std::vector<Bytes> Take() { return std::exchange(datagrams, {}); }
 };
+
+// The datagrams of one sample.
+inline std::vector<Bytes> Cut(const qudex::Sender::Config& config, unsigned id, const Bytes& sample,
+                              std::optional<time_point> time, std::optional<std::uint16_t> extra = {}) {
+    FakeTxSocket socket;
+    qudex::Sender sender{config, socket, nullptr};
+    sender.SetSampleId(id);
+    sender.SendSample(sample, time, extra);
+    return socket.Take();
+}
+
+struct Parts {
+    Bytes leader_info;
+    Bytes payload;
+    Bytes trailer_info;
+};
+
+inline std::vector<Bytes> Cut(const qudex::Sender::Config& qudex_config, const lspx::Sender::Config& config,
+                              unsigned id, const Parts& parts, std::optional<time_point> time,
+                              lspx::Status status = lspx::Status::good) {
+    FakeTxSocket socket;
+    qudex::Sender qudex_sender{qudex_config, socket, nullptr};
+    lspx::Sender sender{config, qudex_sender};
+    sender.SetSampleId(id);
+    sender.SendSample(parts.leader_info, parts.payload, parts.trailer_info, time, {}, status);
+    return socket.Take();
+}
 
 }  // namespace pktwire::test

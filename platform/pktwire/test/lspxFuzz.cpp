@@ -3,8 +3,6 @@
 
 #include "datagramFeed.hpp"
 
-#include <pktwire/lspx.hpp>
-
 #include <array>
 
 using namespace pktwire;
@@ -30,25 +28,24 @@ test::Bytes Datagram(test::FuzzInput& input, const lspx::Receiver::Config& confi
 
 std::vector<test::Bytes> TrueSample(test::FuzzInput& input, const lspx::Receiver::Config& config,
                                     std::uint16_t max_frames, std::size_t room) {
-    test::FakeTxSocket socket;
     qudex::Sender::Config qudex_config;
     qudex_config.topic = 7;
     qudex_config.component_id = input.Byte() % 2U;
     qudex_config.num_frames = static_cast<std::uint16_t>(input.Byte() % max_frames + 3U);
-    qudex::Sender qudex_sender{qudex_config, socket, nullptr};
-    const auto units = static_cast<std::uint32_t>(room / config.data_unit_size + input.Byte() % 2U);
-    lspx::Sender sender{{.endianness = config.endianness,
-                         .leader_extended_info_size = config.leader_extended_info_size,
-                         .trailer_extended_info_size = config.trailer_extended_info_size,
-                         .frame_size = std::max(units, 1U),
-                         .leading_padding_size = config.leading_padding_size},
-                        qudex_sender};
+    const auto units = std::max<std::uint32_t>(
+        static_cast<std::uint32_t>(room / config.data_unit_size + input.Byte() % 2U), 1U);
     const std::uint8_t id = input.Byte();
-    sender.SetSampleId(id);
-    const auto payload = test::Counting(std::size_t{std::max(units, 1U)} * config.data_unit_size, id);
-    sender.SendSample(test::Counting(config.leader_extended_info_size, id), payload,
-                      test::Counting(config.trailer_extended_info_size, id), {}, {}, {});
-    return socket.Take();
+    return test::Cut(qudex_config,
+                     {.endianness = config.endianness,
+                      .leader_extended_info_size = config.leader_extended_info_size,
+                      .trailer_extended_info_size = config.trailer_extended_info_size,
+                      .frame_size = units,
+                      .leading_padding_size = config.leading_padding_size},
+                     id,
+                     {test::Counting(config.leader_extended_info_size, id),
+                      test::Counting(std::size_t{units} * config.data_unit_size, id),
+                      test::Counting(config.trailer_extended_info_size, id)},
+                     {});
 }
 
 }  // namespace

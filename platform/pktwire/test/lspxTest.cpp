@@ -1,4 +1,4 @@
-#include "fakeSockets.hpp"
+#include "guardedBuffer.hpp"
 
 #include <pktwire/lspx.hpp>
 
@@ -31,42 +31,35 @@ struct Stream {
 };
 
 std::vector<Bytes> Cut(const Stream& stream, unsigned id, const Bytes& payload, const Bytes& leader_info,
-                       lspx::Status status = lspx::Status::good) {
-    FakeTxSocket socket;
-    qudex::Sender::Config qudex_config;
-    qudex_config.topic = 7;
-    qudex_config.num_frames = stream.num_frames;
-    qudex::Sender qudex_sender{qudex_config, socket, nullptr};
+                       lspx::Status status = lspx::Status::good, time_point time = TIME) {
+    qudex::Sender::Config config;
+    config.topic = 7;
+    config.num_frames = stream.num_frames;
     const auto padding = FromHex("d1d2");
-    lspx::Sender sender{{lspx::OTHER_SOURCE, stream.endianness, stream.leader_info, stream.trailer_info,
-                         stream.units, stream.padding, padding},
-                        qudex_sender};
-    sender.SetSampleId(id);
-    EXPECT_FALSE(sender.SendSample(leader_info, payload, Bytes(stream.trailer_info), TIME, {}, status));
-    return socket.Take();
+    return test::Cut(config,
+                     {lspx::OTHER_SOURCE, stream.endianness, stream.leader_info, stream.trailer_info,
+                      stream.units, stream.padding, padding},
+                     id, {leader_info, payload, Bytes(stream.trailer_info)}, time, status);
+}
+
+using Pieces = std::array<gsl::span<std::byte>, 6>;
+
+auto Into(Pieces& entries, gsl::span<std::byte> piece) {
+    auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
+    builder.Append(piece);
+    return builder;
 }
 
 struct Bench {
-    static constexpr std::size_t GUARD = 32;
-
-    explicit Bench(const Stream& the_stream, std::size_t room = 0, std::size_t batch = 10)
+    explicit Bench(const Stream& the_stream, std::size_t room = 0)
         : stream{the_stream},
-          socket{batch},
           receiver{{stream.endianness, stream.leader_info, stream.trailer_info, stream.padding,
                     stream.unit_size, 2},
                    QudexReceiver(),
                    nullptr},
           leader_info(stream.leader_info),
-          memory((room != 0 ? room : stream.PayloadSize()) + 2 * GUARD),
+          buffer{room != 0 ? room : stream.PayloadSize()},
           trailer_info(stream.trailer_info) {}
-    ~Bench() {
-        for (std::size_t i = 0; i < GUARD; ++i) {
-            EXPECT_EQ(memory[i], std::byte{});
-            EXPECT_EQ(memory[memory.size() - 1 - i], std::byte{});
-        }
-    }
-    Bench(const Bench&) = delete;
-    Bench& operator=(const Bench&) = delete;
 
     lspx::Receiver::QudexReceiver QudexReceiver() {
         qudex::Receiver::Config config;
@@ -74,42 +67,24 @@ struct Bench {
         config.num_frames = stream.num_frames;
         return {new qudex::Receiver{config, socket, nullptr}, std::default_delete<qudex::Receiver>{}};
     }
-    gsl::span<std::byte> Payload() {
-        return gsl::span<std::byte>{memory}.subspan(GUARD, memory.size() - 2 * GUARD);
-    }
-    Bytes Content(std::size_t size) {
-        return {Payload().begin(), Payload().begin() + static_cast<std::ptrdiff_t>(size)};
-    }
+    Bytes Content(std::size_t size) { return buffer.Content(size); }
+    const RxCounters& Counters() const { return receiver.GetCounters(); }
     std::pair<std::error_code, lspx::Receiver::Sample> ReceiveSample() {
-        return receiver.ReceiveSample(leader_info, Payload(), trailer_info, 1h);
+        return receiver.ReceiveSample(leader_info, buffer.Get(), trailer_info, 1h);
     }
-    std::vector<unsigned> ReceiveAll() {
-        std::vector<unsigned> ids;
-        for (;;) {
-            auto [error, sample] = ReceiveSample();
-            if (error == std::errc::timed_out) return ids;
-            EXPECT_EQ(!error, sample.leader && sample.trailer);
-            ids.push_back(error ? 0 : sample.trailer->SampleId());
-        }
-    }
-
     Stream stream;
     FakeRxSocket socket;
     lspx::Receiver receiver;
     Bytes leader_info;
-    Bytes memory;
+    GuardedBuffer buffer;
     Bytes trailer_info;
 };
 
 // The reception that a caller writes who places the payload himself. Gives the error, and whether it was
 // whole.
 std::pair<std::error_code, bool> ReceivePacketByPacket(Bench& bench) {
-    std::array<gsl::span<std::byte>, 6> entries{};
-    const auto pieces = [&entries](gsl::span<std::byte> piece) {
-        auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
-        builder.Append(piece);
-        return builder;
-    };
+    Pieces entries{};
+    const auto pieces = [&entries](gsl::span<std::byte> piece) { return Into(entries, piece); };
     auto leader = bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h);
     while (leader.error == RxErrc::other_packet || leader.error == std::errc::message_size) {
         leader = bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h);
@@ -118,7 +93,7 @@ std::pair<std::error_code, bool> ReceivePacketByPacket(Bench& bench) {
     const std::uint32_t total = leader.packet->NumUnits();
     const std::uint16_t frames = leader.packet->NumFrames();
     const std::uint32_t per_packet = frames > 2 ? (total + frames - 3) / (frames - 2U) : 0;
-    auto rest = bench.Payload().first(std::size_t{total} * bench.stream.unit_size);
+    auto rest = bench.buffer.Get().first(std::size_t{total} * bench.stream.unit_size);
     std::uint32_t highest = 1;
     for (std::uint16_t index = 2; index < frames; ++index) {
         const auto chunk =
@@ -200,6 +175,10 @@ TEST(LspxSender, RefusesSpansOfOtherSizesThanConfigured) {
     EXPECT_THROW((lspx::Sender{{.frame_size = 3}, too_few}), std::runtime_error);
 }
 
+std::error_code Receive(Bench& bench, bool packet_by_packet) {
+    return packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first;
+}
+
 TEST(LspxReceiver, ReceivesCameraFramesWhereTheyBelongInBothManners) {
     const std::array<Stream, 4> streams{
         Stream{.num_frames = 206, .units = 783360, .leader_info = 8},
@@ -222,13 +201,13 @@ TEST(LspxReceiver, ReceivesCameraFramesWhereTheyBelongInBothManners) {
             EXPECT_EQ(sample.trailer->Timestamp(), TIME);
             EXPECT_TRUE(bench.Content(payload.size()) == payload && bench.leader_info == info);
         }
-        EXPECT_EQ(bench.receiver.GetCounters().copied, 0U);
-        EXPECT_EQ(bench.receiver.GetCounters().ahead, 0U);
         for (unsigned id = 3; id <= 4; ++id) {
-            std::fill(bench.Payload().begin(), bench.Payload().end(), std::byte{});
+            std::fill(bench.buffer.Get().begin(), bench.buffer.Get().end(), std::byte{});
             EXPECT_EQ(ReceivePacketByPacket(bench), (std::pair{std::error_code{}, true}));
             EXPECT_TRUE(bench.Content(payload.size()) == payload && bench.leader_info == info);
         }
+        const RxCounters& counters = bench.Counters();
+        EXPECT_EQ(counters.copied + counters.ahead + counters.reordered, 0U);
     }
 }
 
@@ -252,33 +231,17 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
     const Stream stream{.num_frames = 30, .units = 300};
     const auto fault = [&](unsigned id, int kind) {
         auto datagrams = Cut(stream, id, Counting(600, id), Counting(4));
-        switch (kind) {
-            case 0:
-                datagrams.erase(datagrams.begin());
-                break;
-            case 1:
-                datagrams.erase(datagrams.begin() + 14);
-                break;
-            case 2:
-                datagrams.pop_back();
-                break;
-            case 3:
-                datagrams.resize(15);
-                break;
-            case 4:
-                datagrams[3][48] = std::byte{9};
-                break;
-            case 5:  // a short body
-                datagrams[3].pop_back();
-                datagrams[3].pop_back();
-                datagrams[3][35] = static_cast<std::byte>(datagrams[3].size() - 48);
-                break;
-            case 6:
-                datagrams[3][63] ^= std::byte{1};  // another first unit
-                break;
-            default:
-                datagrams[3][59] ^= std::byte{1};  // another count of units
+        if (kind == 0) datagrams.erase(datagrams.begin());
+        if (kind == 1) datagrams.erase(datagrams.begin() + 14);
+        if (kind == 2) datagrams.pop_back();
+        if (kind == 3) datagrams.resize(15);
+        if (kind == 4) datagrams[3][48] = std::byte{9};  // version
+        if (kind == 5) {                                 // a short body
+            datagrams[3].resize(datagrams[3].size() - 2);
+            datagrams[3][35] = static_cast<std::byte>(datagrams[3].size() - 48);
         }
+        if (kind == 6) datagrams[3][63] ^= std::byte{1};  // another first unit
+        if (kind == 7) datagrams[3][59] ^= std::byte{1};  // another count of units
         return datagrams;
     };
     for (int kind = 0; kind < 8; ++kind) {
@@ -290,8 +253,7 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
             std::vector<unsigned> good;
             std::vector<std::error_code> errors;
             for (;;) {
-                const std::error_code error =
-                    packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first;
+                const std::error_code error = Receive(bench, packet_by_packet);
                 if (error == std::errc::timed_out) break;
                 if (error) {
                     errors.push_back(error);
@@ -305,7 +267,7 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
                 << "fault " << kind << ", by packet " << packet_by_packet;
             ASSERT_EQ(errors.size(), 1U);
             EXPECT_EQ(errors[0] == RxErrc::unit_count, kind > 4) << errors[0].message();
-            EXPECT_EQ(bench.receiver.GetCounters().samples, 4U);
+            EXPECT_EQ(bench.Counters().samples, 4U);
         }
     }
 }
@@ -321,9 +283,11 @@ TEST(LspxReceiver, RepairsReorderingInBothManners) {
     for (bool packet_by_packet : {false, true}) {
         Bench bench{stream};
         bench.socket.Put(datagrams);
-        EXPECT_FALSE(packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first);
+        EXPECT_FALSE(Receive(bench, packet_by_packet));
         EXPECT_EQ(bench.Content(600), payload);
-        EXPECT_EQ(bench.receiver.GetCounters().duplicate, 1U);
+        EXPECT_EQ(bench.Counters().duplicate, 1U);
+        EXPECT_EQ(bench.Counters().reordered, 12U);
+        EXPECT_EQ(bench.Counters().ahead, 0U);
     }
 }
 
@@ -342,7 +306,7 @@ TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
         by_packet.socket.Put(Cut({.units = 3}, 2, Bytes(6), Bytes(4)));
         EXPECT_EQ(ReceivePacketByPacket(by_packet).first, error);
         EXPECT_FALSE(ReceivePacketByPacket(by_packet).first);
-        EXPECT_EQ(by_packet.receiver.GetCounters().refused, 1U);
+        EXPECT_EQ(by_packet.Counters().refused, 1U);
         return error;
     };
     EXPECT_EQ(answer({.endianness = lspx::BIG_ENDIAN_UNITS}), RxErrc::endianness);
@@ -369,9 +333,9 @@ TEST(LspxReceiver, StraysThatNoSampleCanHoldCostNothingInBothManners) {
             bench.socket.Put({good[i]});
             if (i + 1 < good.size()) bench.socket.Put(strays);
         }
-        EXPECT_FALSE(packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first);
+        EXPECT_FALSE(Receive(bench, packet_by_packet));
         EXPECT_EQ(bench.Content(20), Counting(20));
-        EXPECT_EQ(bench.receiver.GetCounters().malformed, 4 * strays.size());
+        EXPECT_EQ(bench.Counters().malformed, 4 * strays.size());
     }
 }
 
@@ -385,9 +349,9 @@ TEST(LspxReceiver, PacketsOfAnotherSenderAreLeftOutInBothManners) {
             theirs[i][7] = std::byte{1};  // component
             bench.socket.Put({ours[i], theirs[i]});
         }
-        EXPECT_FALSE(packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first);
+        EXPECT_FALSE(Receive(bench, packet_by_packet));
         EXPECT_EQ(bench.Content(20), Counting(20));
-        EXPECT_EQ(bench.receiver.GetCounters().foreign, 4U);
+        EXPECT_EQ(bench.Counters().foreign, 4U);
     }
 }
 
@@ -396,13 +360,10 @@ TEST(LspxReceiver, PacketCallsForAnotherKindSayOtherPacket) {
     Bench bench{stream};
     bench.socket.Put(Cut(stream, 1, Counting(20), Bytes(4)));
     bench.socket.Put(Cut(stream, 2, Counting(20), Bytes(4)));
-    std::array<gsl::span<std::byte>, 6> entries{};
-    const auto pieces = [&](gsl::span<std::byte> piece) {
-        auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
-        builder.Append(piece);
-        return builder;
-    };
-    EXPECT_EQ(bench.receiver.ReceivePayloadPacket(pieces(bench.Payload()), 1h).error, RxErrc::other_packet);
+    Pieces entries{};
+    const auto pieces = [&entries](gsl::span<std::byte> piece) { return Into(entries, piece); };
+    EXPECT_EQ(bench.receiver.ReceivePayloadPacket(pieces(bench.buffer.Get()), 1h).error,
+              RxErrc::other_packet);
     EXPECT_EQ(ReceivePacketByPacket(bench).second, false);  // its leader is gone
     EXPECT_EQ(ReceivePacketByPacket(bench).second, true);
     EXPECT_EQ(ReceivePacketByPacket(bench).first, std::errc::timed_out);
@@ -418,6 +379,34 @@ TEST(LspxReceiver, PacketCallsForAnotherKindSayOtherPacket) {
     EXPECT_EQ(bench.receiver.ReceiveLeaderPacket(pieces(gsl::span<std::byte>{bench.leader_info}.first(3)), 1h)
                   .error,
               std::errc::message_size);
+    EXPECT_EQ(bench.Counters().refused, 1U);
+}
+
+TEST(LspxReceiver, ASampleThatTheCallerLeavesIsCounted) {
+    Bench bench{Stream{}};
+    Pieces entries{};
+    for (unsigned id = 1; id <= 2; ++id) bench.socket.Put(Cut(bench.stream, id, Counting(20), Bytes(4)));
+    ASSERT_FALSE(bench.receiver.ReceiveLeaderPacket(Into(entries, bench.leader_info), 1h).error);
+    EXPECT_FALSE(bench.ReceiveSample().first);
+    EXPECT_EQ(bench.Counters().given_up, 1U);
+    EXPECT_EQ(bench.Counters().samples, 1U);
+}
+
+TEST(LspxReceiver, FollowsASenderThatStartsAnewUnderTheIdOfALostSampleInBothManners) {
+    const Stream stream;
+    for (bool packet_by_packet : {false, true}) {
+        Bench bench{stream};
+        auto lost = Cut(stream, 1, Counting(20), Bytes(4));
+        lost.erase(lost.begin());
+        bench.socket.Put(lost);
+        bench.socket.Put(Cut(stream, 2, Counting(20, 2), Bytes(4)));
+        bench.socket.Put(Cut(stream, 1, Counting(20, 3), Bytes(4), lspx::Status::good, TIME + 1s));
+        EXPECT_EQ(Receive(bench, packet_by_packet), qudex::RxErrc::sample_given_up);
+        for (unsigned content : {2U, 3U}) {
+            EXPECT_FALSE(Receive(bench, packet_by_packet));
+            EXPECT_EQ(bench.Content(20), Counting(20, content)) << packet_by_packet;
+        }
+    }
 }
 
 }  // namespace

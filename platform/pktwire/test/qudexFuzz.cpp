@@ -3,23 +3,17 @@
 
 #include "datagramFeed.hpp"
 
-#include <pktwire/qudex.hpp>
-
 using namespace pktwire;
 
 namespace {
 
 std::vector<test::Bytes> TrueSample(test::FuzzInput& input, std::uint16_t max_frames, std::size_t size) {
-    test::FakeTxSocket socket;
     qudex::Sender::Config config;
     config.topic = 7;
     config.component_id = input.Byte() % 2U;
     config.num_frames = static_cast<std::uint16_t>(input.Byte() % max_frames + 1U);
-    qudex::Sender sender{config, socket, nullptr};
     const std::uint8_t id = input.Byte();
-    sender.SetSampleId(id);
-    sender.SendSample(test::Counting(size, id + input.Byte()), {}, {});
-    return socket.Take();
+    return test::Cut(config, id, test::Counting(size, id + input.Byte()), {});
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "fakeSockets.hpp"
+#include "guardedBuffer.hpp"
 
 #include <pktwire/detail/crc32c.hpp>
 #include <pktwire/qudex.hpp>
@@ -33,41 +33,19 @@ qudex::Receiver::Config ReceiverConfig(std::uint16_t num_frames) {
     return config;
 }
 
-// The datagrams of one sample.
 std::vector<Bytes> Cut(const Bytes& sample, std::uint16_t num_frames, unsigned id, time_point time = TIME,
                        std::uint16_t component = 0) {
-    FakeTxSocket socket;
     auto config = SenderConfig(num_frames);
     config.component_id = component;
-    qudex::Sender sender{config, socket, nullptr};
-    sender.SetSampleId(id);
-    EXPECT_FALSE(sender.SendSample(sample, time, {}));
-    return socket.Take();
+    return test::Cut(config, id, sample, time);
 }
 
-// A receiver with a guarded buffer: bytes around the sample must never change.
 struct Bench {
-    static constexpr std::size_t GUARD = 64;
+    explicit Bench(std::uint16_t num_frames, std::size_t sample_size)
+        : receiver{ReceiverConfig(num_frames), socket, nullptr}, buffer{sample_size} {}
 
-    explicit Bench(std::uint16_t num_frames, std::size_t sample_size, std::size_t batch = 10)
-        : socket{batch},
-          receiver{ReceiverConfig(num_frames), socket, nullptr},
-          memory(sample_size + 2 * GUARD) {}
-    ~Bench() {
-        for (std::size_t i = 0; i < GUARD; ++i) {
-            EXPECT_EQ(memory[i], std::byte{});
-            EXPECT_EQ(memory[memory.size() - 1 - i], std::byte{});
-        }
-    }
-    Bench(const Bench&) = delete;
-    Bench& operator=(const Bench&) = delete;
-
-    gsl::span<std::byte> Buffer() {
-        return gsl::span<std::byte>{memory}.subspan(GUARD, memory.size() - 2 * GUARD);
-    }
-    Bytes Content() { return {Buffer().begin(), Buffer().end()}; }
     std::error_code Receive() {
-        auto [error, handle] = receiver.ReceiveSample(Buffer(), 1h);
+        auto [error, handle] = receiver.ReceiveSample(buffer.Get(), 1h);
         EXPECT_EQ(handle.has_value(), !error);
         id = handle ? handle->first->SampleId() : 0;
         return error;
@@ -79,10 +57,12 @@ struct Bench {
             ids.push_back(id);
         return ids;
     }
+    Bytes Content() { return buffer.Content(); }
+    const RxCounters& Counters() const { return receiver.GetCounters(); }
 
     FakeRxSocket socket;
     qudex::Receiver receiver;
-    Bytes memory;
+    GuardedBuffer buffer;
     unsigned id = 0;
 };
 
@@ -99,7 +79,7 @@ TEST(Crc32c, GivesTheKnownValueInBothForms) {
     EXPECT_EQ(other.Value(), ~detail::Crc32cByTable(~0U, longer));
 }
 
-TEST(QudexSender, WritesTheHeaderByteByByte) {
+TEST(Qudex, HeaderIsWrittenByteByByteAndReadBack) {
     FakeTxSocket socket;
     auto config = SenderConfig(2);
     config.component_id = 0x0506;
@@ -107,7 +87,8 @@ TEST(QudexSender, WritesTheHeaderByteByByte) {
     qudex::Sender sender{config, socket, nullptr};
     sender.SetSampleId(0xA1A2A3A4);
     ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, 0xE1E2));
-    EXPECT_THAT(socket.Take(),
+    const auto datagrams = socket.Take();
+    EXPECT_THAT(datagrams,
                 ElementsAre(FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0001 0002 01020304"
                                     "00000000 00000002 e1e2 0000 00000003 00000000 c1 c2"),
                             FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0002 0002 01020304"
@@ -116,6 +97,18 @@ TEST(QudexSender, WritesTheHeaderByteByByte) {
     ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, {}));
     EXPECT_EQ(socket.Take().front()[11], std::byte{0xA5});
     EXPECT_EQ(sender.SendSample(FromHex("c1 c2"), TIME, {}), std::errc::message_size);
+
+    Bench bench{2, 3};
+    bench.socket.Put(datagrams);
+    const auto [error, handle] = bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns);
+    ASSERT_FALSE(error);
+    EXPECT_EQ(bench.Content(), FromHex("c1c2c3"));
+    EXPECT_EQ(handle->first->SampleId(), 0xA1A2A3A4U);
+    EXPECT_EQ(handle->first->Timestamp(), TIME);
+    EXPECT_EQ(handle->first->NumFrames(), 2U);
+    EXPECT_EQ(handle->first->ComponentId(), 0x0506U);
+    EXPECT_EQ(handle->second->FrameNumber(), 2U);
+    EXPECT_EQ(handle->second->Extra(), 0xE1E2U);
 }
 
 TEST(QudexSender, SendsPiecesOfAnySizeAsFramesInPlace) {
@@ -140,7 +133,7 @@ TEST(QudexSender, SendsPiecesOfAnySizeAsFramesInPlace) {
         EXPECT_EQ(bench.Content(), record);
     }
     // The second sample arrived where it belongs, since the first one taught the cut.
-    EXPECT_EQ(bench.receiver.GetCounters().copied, 2U);
+    EXPECT_EQ(bench.Counters().copied, 2U);
 
     std::array<gsl::span<const std::byte>, 1> entries{};
     EXPECT_EQ(sender.SendPacket(detail::IovsBuilder<const std::byte>{entries, 0}, TIME, {}),
@@ -159,24 +152,6 @@ TEST(QudexSender, SendsAllFramesAfterARefusalButNoneAfterAnotherError) {
     EXPECT_EQ(socket.Take().size(), 32U);
 }
 
-TEST(QudexReceiver, ReadsAHandWrittenSampleAndShowsItsHeader) {
-    Bench bench{2, 3};
-    bench.socket.Put({FromHex("51554458 01 00 0506 a1a2a3a4 1112131415161718 0001 0002 01020304"
-                              "00000000 00000002 0000 0000 00000000 00000000 c1 c2"),
-                      FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0002 0002 01020304"
-                              "00000002 00000001 e1e2 0000 00000000 00000000 c3")});
-    auto [error, handle] = bench.receiver.ReceiveSample(bench.Buffer(), 0ns);
-    ASSERT_FALSE(error);
-    EXPECT_EQ(bench.Content(), FromHex("c1c2c3"));
-    EXPECT_EQ(handle->first->SampleId(), 0xA1A2A3A4U);
-    EXPECT_EQ(handle->first->Timestamp(), TIME);
-    EXPECT_EQ(handle->first->NumFrames(), 2U);
-    EXPECT_EQ(handle->first->ComponentId(), 0x0506U);
-    EXPECT_FALSE(handle->first->Extra());
-    EXPECT_EQ(handle->second->FrameNumber(), 2U);
-    EXPECT_EQ(handle->second->Extra(), 0xE1E2U);
-}
-
 TEST(QudexReceiver, PutsFramesOfManySizesTogetherWithoutACopy) {
     for (std::uint16_t frames :
          {std::uint16_t{1}, std::uint16_t{3}, std::uint16_t{206}, std::uint16_t{943}}) {
@@ -187,8 +162,8 @@ TEST(QudexReceiver, PutsFramesOfManySizesTogetherWithoutACopy) {
             EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1, 2, 3))
                 << frames << " frames, " << size << " bytes";
             EXPECT_EQ(bench.Content(), sample);
-            EXPECT_EQ(bench.receiver.GetCounters().copied, 0U);
-            EXPECT_EQ(bench.receiver.GetCounters().ahead, 0U);
+            EXPECT_EQ(bench.Counters().copied, 0U);
+            EXPECT_EQ(bench.Counters().ahead, 0U);
         }
     }
 }
@@ -205,30 +180,20 @@ TEST(QudexReceiver, SurvivesEveryOrderOfTheFramesOfTwoSamples) {
         for (std::error_code error = bench.Receive(); error != std::errc::timed_out;
              error = bench.Receive()) {
             ids.push_back(bench.id);
-            if (error) {
-                EXPECT_EQ(error, RxErrc::sample_given_up);
-            } else {
-                EXPECT_EQ(bench.Content(), samples.at(bench.id - 1));
-            }
+            EXPECT_TRUE(error ? error == RxErrc::sample_given_up
+                              : bench.Content() == samples.at(bench.id - 1));
         }
         // The one that is begun first is lost if the other is whole before it; a sample all of which came
         // before its forerunner began makes that one late.
-        const auto last_at = [&](std::size_t first) {
-            std::size_t at = 0;
-            for (std::size_t i = 0; i < order.size(); ++i) {
-                if (order[i] / 3 == first / 3) at = i;
-            }
-            return at;
+        const auto last_at = [&order](std::size_t id) {
+            return std::find_if(order.rbegin(), order.rend(), [id](auto i) { return i / 3 == id - 1; });
         };
         const unsigned begun = order[0] < 3 ? 1 : 2;
-        const unsigned whole_first = last_at(0) < last_at(3) ? 1 : 2;
-        if (begun != whole_first) {
-            ASSERT_THAT(ids, ElementsAre(0, whole_first));
-        } else if (begun == 1) {
-            ASSERT_THAT(ids, ElementsAre(1, 2));
-        } else {
-            ASSERT_THAT(ids, ElementsAre(2));
-        }
+        const unsigned whole_first = last_at(1) > last_at(2) ? 1 : 2;
+        const auto expected = begun != whole_first ? std::vector<unsigned>{0, whole_first}
+                              : begun == 1         ? std::vector<unsigned>{1, 2}
+                                                   : std::vector<unsigned>{2};
+        ASSERT_EQ(ids, expected);
     } while (std::next_permutation(order.begin(), order.end()));
 }
 
@@ -244,8 +209,8 @@ TEST(QudexReceiver, ALostPacketCostsItsSampleAndNoOther) {
             }
             EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1, 0, 3, 4)) << frames << " frames, lost " << lost;
             EXPECT_EQ(bench.Content(), sample);
-            EXPECT_EQ(bench.receiver.GetCounters().given_up, 1U);
-            EXPECT_EQ(bench.receiver.GetCounters().lost, 1U);
+            EXPECT_EQ(bench.Counters().given_up, 1U);
+            EXPECT_EQ(bench.Counters().lost, 1U);
         }
     }
 }
@@ -260,11 +225,11 @@ TEST(QudexReceiver, RepairsReorderedAndDuplicatedPackets) {
     bench.socket.Put(datagrams);
     EXPECT_FALSE(bench.Receive());
     EXPECT_EQ(bench.Content(), sample);
-    EXPECT_EQ(bench.receiver.GetCounters().duplicate, 1U);
+    EXPECT_EQ(bench.Counters().duplicate, 1U);
     bench.socket.Put({datagrams[1]});
     EXPECT_EQ(bench.Receive(), std::errc::timed_out);
-    EXPECT_EQ(bench.receiver.GetCounters().stale, 1U);
-    EXPECT_GT(bench.receiver.GetCounters().reordered, 0U);
+    EXPECT_EQ(bench.Counters().stale, 1U);
+    EXPECT_GT(bench.Counters().reordered, 0U);
 }
 
 TEST(QudexReceiver, CountsBadPacketsByKindAndReceivesTheSampleAllTheSame) {
@@ -292,7 +257,7 @@ TEST(QudexReceiver, CountsBadPacketsByKindAndReceivesTheSampleAllTheSame) {
                       good[2]});
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(9));
     EXPECT_EQ(bench.Content(), sample);
-    const RxCounters& counters = bench.receiver.GetCounters();
+    const RxCounters& counters = bench.Counters();
     EXPECT_EQ(counters.short_ones, 3U);
     EXPECT_EQ(counters.long_ones, 1U);
     EXPECT_EQ(counters.foreign, 4U);
@@ -328,18 +293,14 @@ TEST(QudexReceiver, RefusesSamplesThatCannotBeReceivedAndGoesOn) {
     auto hostile = Cut(sample, 3, 6);
     hostile[0][28] = hostile[0][29] = hostile[0][30] = hostile[0][31] = std::byte{0xFF};
     EXPECT_EQ(refused(hostile), RxErrc::sample_size);
-    EXPECT_EQ(bench.receiver.GetCounters().refused, 6U);
+    EXPECT_EQ(bench.Counters().refused, 6U);
 }
 
 TEST(QudexReceiver, ChecksTheChecksumUnlessToldNotTo) {
     auto config = SenderConfig(2);
     config.checksum_enable = true;
-    FakeTxSocket tx;
-    qudex::Sender sender{config, tx, nullptr};
-    sender.SetSampleId(1);
     const Bytes sample = Counting(1001);
-    ASSERT_FALSE(sender.SendSample(sample, TIME, {}));
-    const auto good = tx.Take();
+    const auto good = test::Cut(config, 1, sample, TIME);
     auto flipped = good[1];
     flipped[60] ^= std::byte{4};
 
@@ -347,7 +308,7 @@ TEST(QudexReceiver, ChecksTheChecksumUnlessToldNotTo) {
     bench.socket.Put({good[0], flipped, good[1]});
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1));
     EXPECT_EQ(bench.Content(), sample);
-    EXPECT_EQ(bench.receiver.GetCounters().checksum, 1U);
+    EXPECT_EQ(bench.Counters().checksum, 1U);
 
     auto lenient = ReceiverConfig(2);
     lenient.checksum_force_ignore = true;
@@ -381,7 +342,7 @@ TEST(QudexReceiver, GoesOnWithTheSampleInWorkAfterATimeOut) {
 TEST(QudexReceiver, AFloodOfStrangersDoesNotHoldTheCaller) {
     Bench bench{3, 30};
     for (int i = 0; i < 1000; ++i) bench.socket.Put({Counting(100)});
-    EXPECT_EQ(bench.receiver.ReceiveSample(bench.Buffer(), 0ns).first, std::errc::timed_out);
+    EXPECT_EQ(bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns).first, std::errc::timed_out);
     EXPECT_GT(bench.socket.datagrams.size(), 900U);
 }
 
@@ -399,7 +360,7 @@ TEST(QudexReceiver, DropsLateSamplesButFollowsASenderThatStartsAnew) {
     bench.socket.Put(Cut(sample, 1, 0xFFFFFFFF, at(-51)));
     bench.socket.Put(Cut(sample, 1, 1, at(4)));
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(100, 102, 98, 0, 1));
-    EXPECT_EQ(bench.receiver.GetCounters().stale, 4U);
+    EXPECT_EQ(bench.Counters().stale, 4U);
 }
 
 TEST(QudexReceiver, AForgedSampleOfTheFutureCostsOnlyItself) {
@@ -432,7 +393,7 @@ TEST(QudexReceiver, StraysThatNoSampleCanHoldCostNothing) {
     }
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(10));
     EXPECT_EQ(bench.Content(), sample);
-    EXPECT_EQ(bench.receiver.GetCounters().malformed, 5 * strays.size());
+    EXPECT_EQ(bench.Counters().malformed, 5 * strays.size());
 }
 
 TEST(QudexReceiver, ASenderSetUpAnewWithinASampleIsToldOf) {
@@ -457,7 +418,7 @@ TEST(QudexReceiver, FramesOfTwoSendersAreNeverMerged) {
         EXPECT_EQ(bench.id, id);
         EXPECT_THAT(samples, testing::Contains(bench.Content()));
     }
-    EXPECT_GT(bench.receiver.GetCounters().foreign, 0U);
+    EXPECT_GT(bench.Counters().foreign, 0U);
 }
 
 TEST(QudexReceiver, FollowsTheStreamAfterThreeSamplesThatAForgedOneMadeLate) {
@@ -470,7 +431,29 @@ TEST(QudexReceiver, FollowsTheStreamAfterThreeSamplesThatAForgedOneMadeLate) {
         bench.socket.Put(Cut(sample, 3, 10));  // was delivered, and stays over
     }
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(10, 26, 14, 15, 16, 17));
+}
 
+TEST(QudexReceiver, LatePacketsThatMakeUpNoRunOfSamplesChangeNothing) {
+    const Bytes sample = Counting(30);
+    const auto frame_of = [&sample](unsigned id, std::uint16_t num_frames, std::uint16_t component = 0) {
+        return Cut(sample, num_frames, id, TIME, component)[0];
+    };
+    const std::vector<std::pair<const char*, std::vector<Bytes>>> cases{
+        {"copies of one frame", std::vector<Bytes>(20, frame_of(15, 3))},
+        {"samples of one frame that do not fit",
+         {Cut(Counting(1), 1, 13)[0], Cut(Counting(1), 1, 14)[0], Cut(Counting(1), 1, 15)[0]}},
+        {"frames of several cuts",
+         {frame_of(13, 1), frame_of(14, 2), Cut(sample, 2, 14)[1], frame_of(15, 1)}},
+        {"several senders", {frame_of(13, 1, 1), frame_of(14, 1, 2), frame_of(15, 1, 3)}}};
+    for (const auto& [name, strays] : cases) {
+        Bench bench{3, 30};
+        bench.socket.Put(Cut(sample, 3, 16));
+        for (int i = 0; i < 3; ++i) bench.socket.Put(strays);
+        bench.socket.Put(Cut(sample, 3, 12));  // late as well
+        bench.socket.Put(Cut(sample, 3, 17));
+        EXPECT_THAT(bench.ReceiveAll(), ElementsAre(16, 17)) << name;
+        EXPECT_EQ(bench.Counters().stale + bench.Counters().malformed, 3 * strays.size() + 3) << name;
+    }
     // On two ways every sample comes twice, and the second ones make no run.
     Bench twice{3, 30};
     for (unsigned id = 1; id <= 10; ++id) {
@@ -487,7 +470,7 @@ TEST(QudexReceiver, ACallerWhoKeepsPacketsIsToldWhenNoneIsLeft) {
     std::error_code error;
     for (unsigned id = 1; id < 100 && !error; ++id) {
         bench.socket.Put(Cut(sample, 1, id));
-        auto result = bench.receiver.ReceiveSample(bench.Buffer(), 0ns);
+        auto result = bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns);
         error = result.first;
         if (!error) held.push_back(std::move(*result.second));
     }

@@ -161,8 +161,8 @@ public:
         gsl::span<const std::byte> padding{};  // what the padding is filled with, repeated; empty: zeros
     };
 
-    // Sends through the QUDEX sender, which must live as long and have num_frames of 2 or more (3 to carry
-    // payload). Throws std::runtime_error on a configuration that can't work.
+    // Sends through the QUDEX sender, which must live as long and have num_frames of 3 or more: leader,
+    // payload, trailer. Throws std::runtime_error on a configuration that can't work.
     Sender(const Config& config, qudex::Sender& sender);
 
     // As qudex::Sender::SetSampleId.

@@ -28,7 +28,7 @@ public:
     Result ReadPayload(Pieces pieces, std::chrono::nanoseconds timeout) noexcept;
     Result ReadTrailer(Pieces pieces, std::chrono::nanoseconds timeout) noexcept;
 
-    // What is left of a sample that was begun is stale from now on.
+    // Gives up a sample that was not read to its trailer.
     void LeaveSample() noexcept;
 
 private:
@@ -43,9 +43,13 @@ private:
     Result RefuseSampleOf(pktwire::detail::Slot* slot, std::error_code error) noexcept;
     Result Drop(pktwire::detail::Slot* slot, std::error_code error) noexcept;
     Result GiveUp() noexcept;
+    // What is left of the sample in work is stale from now on.
+    void EndSample(bool delivered) noexcept;
 
     bool IsNextFrame(const pktwire::detail::Slot& slot) const noexcept;
     bool IsRefutedBySampleInWork(const pktwire::detail::Slot& slot) noexcept;
+    // The next frame was taken, and these came before it.
+    void NoteReordered(std::span<pktwire::detail::Slot* const> earlier) noexcept;
     // The next frame, if it waits in the queue.
     pktwire::detail::Slot* TakeFromQueue() noexcept;
 

@@ -90,7 +90,8 @@ public:
     bool Enqueue(Slot* slot) noexcept;
     // Drops a packet that no layout could take, so that it can't crowd out a sample.
     void DropMisfit(Slot* slot) noexcept;
-    void DropStale(Slot* slot) noexcept;
+    // Drops a stale packet. Only one that the caller's layout could take tells of a stream that started anew.
+    void DropStale(Slot* slot, const std::error_code& misfit = {}) noexcept;
     void DropStaleFromQueue() noexcept;
     // The packet that tells which sample is next: the first that came, or one of a sample shortly before.
     const Slot* NextInQueue() const noexcept;
@@ -121,9 +122,11 @@ private:
     };
     // Of samples that were dropped only for lying shortly before the one delivered.
     struct LateRun {
-        std::uint32_t id = 0;    // of the latest
-        std::size_t frames = 0;  // of it, so far
-        unsigned whole = 0;      // samples, in ascending order
+        std::uint32_t id = 0;          // of the latest
+        std::uint16_t component = 0;   // of all
+        std::uint16_t num_frames = 0;  // of each, 0 for no run
+        std::uint16_t frames = 0;      // of the latest so far, in the order of their numbers
+        unsigned whole = 0;            // samples, in ascending order
     };
     static constexpr std::size_t IOVS = 3;  // headers, expected place, spill
     static constexpr std::size_t MAX_MISFITS = 64;
