@@ -28,6 +28,7 @@ std::vector<Row> BenchLspxReceive();
 std::vector<Row> BenchMailbox();
 std::vector<Row> BenchCentroiding();
 std::vector<Row> BenchFrameCleaning();
+std::vector<Row> BenchResampling();
 
 // The value below which a fraction of the samples lies; the samples are reordered.
 template <class T>
@@ -47,6 +48,6 @@ double TimeUs(Work&& work) {
 
 // Reads all elements, as fast as one core can: 8 independent sums of a vector each, as wide as the machine
 // has. Its sum means nothing.
-float Stream(const float* values, std::size_t count);
+float StreamFloats(const float* values, std::size_t count);
 
 }  // namespace vosk::bench

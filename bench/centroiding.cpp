@@ -142,7 +142,7 @@ std::vector<Row> BenchMethod(const Method& method, std::uint16_t size) {
         [&] {
             for (std::size_t i = 0; i < rois.size(); ++i) method.reference(frame, rois[i], slopes[i]);
         },
-        [&] { sink = Stream(frame.data(), static_cast<std::size_t>(pixels)); }};
+        [&] { sink = StreamFloats(frame.data(), static_cast<std::size_t>(pixels)); }};
     std::vector<std::vector<double>> times(forms.size());
     for (std::size_t i = 0; i < method.repeats; ++i) {
         for (std::size_t form = 0; form < forms.size(); ++form) {

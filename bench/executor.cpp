@@ -65,7 +65,7 @@ std::vector<Row> BenchPass(std::uint32_t managed_modes, std::size_t repeats) {
     Pass pass{managed_modes, m2p};
 
     volatile float sink = 0.0F;
-    const auto stream = [&] { sink = Stream(m2p.data(), m2p.size()); };
+    const auto stream = [&] { sink = StreamFloats(m2p.data(), m2p.size()); };
     std::vector<double> ours;
     std::vector<double> once;
     std::vector<double> twice;

@@ -5,7 +5,7 @@ namespace vosk::bench {
 #if defined(__x86_64__)
 __attribute__((target_clones("avx512f", "avx2", "default")))
 #endif
-float Stream(const float* values, std::size_t count) {
+float StreamFloats(const float* values, std::size_t count) {
     using Lanes = float __attribute__((vector_size(64), aligned(4)));
     constexpr std::size_t LANES = sizeof(Lanes) / sizeof(float);
     constexpr std::size_t SUMS = 8;
