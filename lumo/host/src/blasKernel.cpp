@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <iterator>
+#include <stdexcept>
 #include <vector>
 
 namespace vosk::host {
 
 namespace {
 
+constexpr const char* AUTO = "auto";
 constexpr const char* KERNEL_VARIABLE = "OPENBLAS_CORETYPE";
 constexpr const char* RESTART_VARIABLE = "VOSK_BLAS_RESTARTED_FROM";  // the kernel that wasn't good enough
 
@@ -106,6 +108,11 @@ std::optional<std::string> ChooseBetterKernel(const std::string& loaded, const s
     return BestOf(best);
 }
 
+void VetBlasOption(const std::string& option) {
+    if (option == AUTO || LevelOf(option)) return;
+    throw std::invalid_argument{fmt::format("'{}' is no kernel of OpenBLAS that is known here", option)};
+}
+
 std::string LoadBestBlasKernel(const std::string& option, char** arguments) {
     const std::string loaded = ::openblas_get_corename();
     const std::string from = gim::Helper::GetEnvironment(RESTART_VARIABLE);
@@ -113,7 +120,7 @@ std::string LoadBestBlasKernel(const std::string& option, char** arguments) {
         return fmt::format("BLAS kernel {}, after a new start; OpenBLAS had taken {}", loaded, from);
     }
     std::string wanted = option.empty() ? gim::Helper::GetEnvironment(KERNEL_VARIABLE) : option;
-    if (option == "auto") wanted.clear();
+    if (option == AUTO) wanted.clear();
     const auto better = ChooseBetterKernel(loaded, wanted, ReadCpuFeatures());
     if (!better) return fmt::format("BLAS kernel {}", loaded);
     StartAgain(arguments, ChangedEnvironment({fmt::format("{}={}", KERNEL_VARIABLE, *better),

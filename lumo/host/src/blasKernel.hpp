@@ -22,6 +22,9 @@ CpuFeatures ReadCpuFeatures();
 std::optional<std::string> ChooseBetterKernel(const std::string& loaded, const std::string& wanted,
                                               const CpuFeatures& cpu);
 
+// Throws std::invalid_argument for an option that is neither "auto" nor the name of a known kernel.
+void VetBlasOption(const std::string& option);
+
 // Replaces the process by a new start of itself if there is a better kernel, and returns if there is none, or
 // if the process is that new start already. `option` is the user's: a kernel's name, "auto" to let the CPU
 // decide, or empty to follow OPENBLAS_CORETYPE. Call first of all, before there is a thread or an open file.

@@ -1,5 +1,6 @@
 #include "configCheck.hpp"
 
+#include "controlSocket.hpp"
 #include "hostSettings.hpp"
 
 #include <fmt/format.h>
@@ -26,6 +27,7 @@ namespace {
 constexpr const char* INSTANCE = "cfg";
 constexpr const char* HOST = "host";
 constexpr const char* STATISTICS = "statistics";
+constexpr const char* RESAMPLERS = "cfg.resamplers";
 
 class Check {
 public:
@@ -33,30 +35,49 @@ public:
 
     std::vector<Problem> Run() {
         const PliConfigInstanceNode& top = m_config.GetDocument()->Instances();
-        Try(top.Has(HOST) ? top[HOST] : top, [&] { ReadHostSettings(top); });
+        if (top.Has(HOST)) CheckHost(top[HOST]);
         if (!top.Has(INSTANCE)) {
             Add({top.GetWhere(), INSTANCE, "the document has no such node"});
-        } else if (!top[INSTANCE].IsMap()) {
-            Note(top[INSTANCE], {}, "must be a map");
-        } else {
+        } else if (top[INSTANCE].IsMap()) {
             CheckStreams(top[INSTANCE]);
+        } else if (top[INSTANCE].GetKind() != oru::configng::PliConfigNodeKind::UNDEFINED) {
+            AddFailure(top[INSTANCE], {}, "must be a map");
         }
-        NoteUnreadKeys();
+        AddUnreadKeys();
         return std::move(m_problems);
     }
 
 private:
+    void CheckHost(const PliConfigInstanceNode& host) {
+        HostSettings settings;
+        Try(host, [&] {
+            for (const HostKey& entry : HostKeys()) {
+                if (host.Has(entry.key)) Try(host[entry.key], [&] { entry.read(host[entry.key], settings); });
+            }
+        });
+        if (settings.control_socket)
+            Try(host["control_socket"], [&] { VetSocketPath(*settings.control_socket); });
+        if (settings.log_file) Try(host["log_file"], [&] { VetLogFile(*settings.log_file); });
+    }
+
     void CheckStreams(const PliConfigInstanceNode& cfg) {
         // Names of its own in shared memory, so that a running system isn't touched.
         lumo::LibMain library{fmt::format("/vosk_check_{}_", ::getpid())};
         lumo::SetupRegistries(m_config);
-        Try(cfg.Has(STATISTICS) ? cfg[STATISTICS] : cfg,
-            [&] { lumo::RuntimeMonitor::EnableStatistics(cfg); });
+        if (cfg.Has(STATISTICS)) CheckStatistics(cfg[STATISTICS]);
         for (const auto sections :
              {lumo::CameraAndCommandSections(), lumo::QudexSections(), lumo::FlowgraphSections()}) {
             for (const SectionEntry& section : sections) CheckSection(cfg, section);
         }
         m_threads.clear();
+    }
+
+    void CheckStatistics(const PliConfigInstanceNode& periods) {
+        Try(periods, [&] {
+            for (const std::string& name : periods.Keys()) {
+                Try(periods[name], [&] { lumo::RuntimeMonitor::EnableStatisticsOf(name, periods[name]); });
+            }
+        });
     }
 
     void CheckSection(const PliConfigInstanceNode& cfg, const SectionEntry& section) {
@@ -70,8 +91,9 @@ private:
     }
 
     void CheckStream(const StreamEntry& stream, const PliConfigInstanceNode& node) {
-        if (!stream.make) return Note(node, {}, "no thread of this build serves it");
         Try(node, [&] {
+            lumo::RequireSequence(node);
+            if (!stream.make) return AddUnserved(node);
             for (const PliConfigInstanceNode& element : lumo::ElementsUsed(stream, node)) {
                 Try(element, [&] { MakeThreads(stream, element); });
             }
@@ -82,7 +104,7 @@ private:
         stream.make(element, [&](std::unique_ptr<lumo::Thread> thread) {
             const auto [place, is_new] = m_threads.try_emplace(thread->GetName(), nullptr);
             place->second = std::move(thread);
-            if (!is_new) Note(element, {}, "replaces another thread of the name " + place->first);
+            if (!is_new) AddFailure(element, {}, "replaces another thread of the name " + place->first);
         });
     }
 
@@ -90,15 +112,22 @@ private:
         try {
             step();
         } catch (const PliConfigError& error) {
-            Note(node, error.Where(), error.what());
+            AddFailure(node, error.Where(), error.what());
         } catch (const std::exception& error) {
-            Note(node, {}, error.what());
+            AddFailure(node, {}, error.what());
         }
     }
 
-    void Note(const PliConfigInstanceNode& node, const std::string& where, const std::string& text) {
-        m_failed.push_back(node.GetPath());
+    void AddFailure(const PliConfigInstanceNode& node, const std::string& where, const std::string& text) {
+        m_unreached.push_back(node.GetPath());
         Add({where.empty() ? node.GetWhere() : where, node.GetPath(), text});
+    }
+
+    // Its thread would have read the keys below it, and taken up resamplers.
+    void AddUnserved(const PliConfigInstanceNode& stream) {
+        m_unreached.push_back(stream.GetPath());
+        m_unreached.push_back(RESAMPLERS);
+        Add({stream.GetWhere(), stream.GetPath(), "no thread of this build serves it", true});
     }
 
     // A section that two groups of streams share is looked at twice.
@@ -108,14 +137,13 @@ private:
         }
     }
 
-    // A key below a node that failed may only not have been reached.
     bool MayBeUnreached(const std::string& key) const {
-        return std::any_of(m_failed.begin(), m_failed.end(), [&](const std::string& path) {
+        return std::any_of(m_unreached.begin(), m_unreached.end(), [&](const std::string& path) {
             return key.starts_with(path + ".") || key.starts_with(path + "[") || key == path;
         });
     }
 
-    void NoteUnreadKeys() {
+    void AddUnreadKeys() {
         for (const PliConfigKey& key : UnreadKeys(*m_config.GetDocument())) {
             if (MayBeUnreached(key.path)) continue;
             Add({fmt::format("{}:{}", key.file, key.line), key.path, "nothing reads this key"});
@@ -124,7 +152,7 @@ private:
 
     const gim::Config& m_config;
     std::vector<Problem> m_problems;
-    std::vector<std::string> m_failed;  // paths of nodes that weren't read to the end
+    std::vector<std::string> m_unreached;  // paths of nodes that weren't read to the end
     std::map<std::string, std::unique_ptr<lumo::Thread>> m_threads;  // kept, so that they meet one another
 };
 
@@ -135,7 +163,8 @@ std::vector<Problem> CheckConfig(const gim::Config& config) {
 }
 
 std::string ToText(const Problem& problem) {
-    return fmt::format("{}: {}: {}", problem.where, problem.path, problem.text);
+    return fmt::format("{}: {}: {}{}", problem.where, problem.path, problem.is_note ? "note: " : "",
+                       problem.text);
 }
 
 }  // namespace vosk::host

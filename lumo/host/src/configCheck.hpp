@@ -15,6 +15,7 @@ struct Problem {
     std::string where;  // "vosk.yaml:12"
     std::string path;   // "cfg.m4.output[0]"
     std::string text;
+    bool is_note = false;  // nothing is wrong with the document, but not all of it has an effect
 
     friend bool operator==(const Problem&, const Problem&) = default;
 };
@@ -22,7 +23,7 @@ struct Problem {
 // In the order in which they were found. The document must be loaded.
 std::vector<Problem> CheckConfig(const gim::Config& config);
 
-// "vosk.yaml:12: cfg.m4.output[0]: no such file"
+// "vosk.yaml:12: cfg.m4.output[0]: no such file", and "note: " before the text of a note.
 std::string ToText(const Problem& problem);
 
 }  // namespace vosk::host

@@ -5,10 +5,12 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -19,7 +21,6 @@ namespace {
 
 constexpr int BACKLOG = 8;
 constexpr int MAX_READY = 32;
-constexpr std::size_t PIECE = 1024;  // bytes read from one client at a time
 
 [[noreturn]] void Refuse(const std::string& path, const std::string& reason) {
     throw std::runtime_error{fmt::format("control socket {}: {}", path, reason)};
@@ -47,9 +48,7 @@ UniqueFd MakeSocket(const std::string& path) {
 
 // A socket file without a listener is what a killed host leaves behind.
 void RemoveIfLeftBehind(const std::string& path, const sockaddr_un& address) {
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return;
-    if (!S_ISSOCK(status.st_mode)) Refuse(path, "there is a file of this name that is no socket");
+    if (::access(path.c_str(), F_OK) != 0) return;
     const UniqueFd probe = MakeSocket(path);
     const bool refused =
         ::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
@@ -60,8 +59,19 @@ void RemoveIfLeftBehind(const std::string& path, const sockaddr_un& address) {
 
 }  // namespace
 
+void VetSocketPath(const std::string& path) {
+    MakeAddress(path);
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+        Refuse(path, "there is a file of this name that is no socket");
+    }
+    const auto folder = std::filesystem::absolute(path).parent_path();
+    if (::access(folder.c_str(), W_OK | X_OK) != 0) RefuseWithErrno(path);
+}
+
 ControlSocket::ControlSocket(const std::string& path)
     : m_path{path}, m_listener{MakeSocket(path)}, m_epoll{::epoll_create1(EPOLL_CLOEXEC)} {
+    VetSocketPath(path);
     const sockaddr_un address = MakeAddress(path);
     RemoveIfLeftBehind(path, address);
     // The name must never be there with wider rights, not even for a moment.
@@ -70,16 +80,17 @@ ControlSocket::ControlSocket(const std::string& path)
     ::umask(former);
     if (bound != 0 || ::listen(m_listener.Get(), BACKLOG) != 0) RefuseWithErrno(path);
     epoll_event event{};
-    event.events = EPOLLIN;
     event.data.fd = m_listener.Get();
     if (::epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, m_listener.Get(), &event) != 0) RefuseWithErrno(path);
+    Listen(true);
 }
 
 ControlSocket::~ControlSocket() {
     ::unlink(m_path.c_str());
 }
 
-void ControlSocket::Serve(const Handler& handler) {
+void ControlSocket::Serve(const CommandHandler& handler) {
+    if (!m_listens) Listen(true);
     std::array<epoll_event, MAX_READY> ready{};
     const int count = ::epoll_wait(m_epoll.Get(), ready.data(), MAX_READY, 0);
     for (int i = 0; i < count; ++i) {
@@ -92,68 +103,35 @@ void ControlSocket::Serve(const Handler& handler) {
     }
 }
 
+void ControlSocket::Listen(bool on) {
+    epoll_event event{};
+    event.events = on ? EPOLLIN : 0U;
+    event.data.fd = m_listener.Get();
+    ::epoll_ctl(m_epoll.Get(), EPOLL_CTL_MOD, m_listener.Get(), &event);
+    m_listens = on;
+}
+
 void ControlSocket::AcceptClient() {
     UniqueFd fd{::accept4(m_listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
-    if (!fd.IsOpen()) return;
+    // Who can't be taken in, for want of descriptors or memory, must not keep the control thread from
+    // resting.
+    if (!fd.IsOpen()) return Listen(false);
     if (m_clients.size() == MAX_CLIENTS) {
         constexpr std::string_view REFUSAL = "error: too many clients\n";
         [[maybe_unused]] const auto sent = ::send(fd.Get(), REFUSAL.data(), REFUSAL.size(), MSG_NOSIGNAL);
         return;
     }
     const int key = fd.Get();
-    WaitFor(m_clients.emplace(key, Client{.fd = std::move(fd)}).first->second, EPOLLIN);
+    WaitFor(m_clients.try_emplace(key, std::move(fd)).first->second, EPOLLIN);
 }
 
-void ControlSocket::ServeClient(int fd, const Handler& handler) {
+void ControlSocket::ServeClient(int fd, const CommandHandler& handler) {
     Client& client = m_clients.at(fd);
-    const bool stays = Flush(client) && (!client.output.empty() || Read(client)) && Reply(client, handler);
-    if (!stays || (client.has_ended && client.output.empty())) {
+    if (!client.stream.Serve(handler)) {
         m_clients.erase(fd);
         return;
     }
-    WaitFor(client, client.output.empty() ? EPOLLIN : EPOLLOUT);
-}
-
-// All of these return false if the client is gone.
-
-bool ControlSocket::Read(Client& client) {
-    if (client.has_ended) return true;
-    std::array<char, PIECE> piece{};
-    const ssize_t count = ::recv(client.fd.Get(), piece.data(), piece.size(), 0);
-    if (count < 0) return errno == EAGAIN || errno == EINTR;
-    if (count == 0) {
-        client.has_ended = true;
-        // The last line may lack its end.
-        client.input.Append("\n");
-    } else if (!client.input.Append({piece.data(), static_cast<std::size_t>(count)})) {
-        client.has_ended = true;
-        client.input.Clear();
-        client.output = fmt::format("error: a line has at most {} bytes\n", MAX_LINE);
-        return Flush(client);
-    }
-    return true;
-}
-
-bool ControlSocket::Reply(Client& client, const Handler& handler) {
-    while (client.output.empty()) {
-        const auto line = client.input.TakeLine();
-        if (!line) return true;
-        client.output = handler(*line);
-        if (client.output.empty()) continue;
-        client.output += '\n';
-        if (!Flush(client)) return false;
-    }
-    return true;
-}
-
-bool ControlSocket::Flush(Client& client) {
-    while (!client.output.empty()) {
-        const ssize_t count =
-            ::send(client.fd.Get(), client.output.data(), client.output.size(), MSG_NOSIGNAL);
-        if (count < 0) return errno == EAGAIN || errno == EINTR;
-        client.output.erase(0, static_cast<std::size_t>(count));
-    }
-    return true;
+    WaitFor(client, client.stream.WaitsFor().events == POLLOUT ? EPOLLOUT : EPOLLIN);
 }
 
 void ControlSocket::WaitFor(Client& client, std::uint32_t events) {

@@ -2,12 +2,12 @@
 
 #include "statusReport.hpp"
 
-#include <fmt/format.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskHandoverManager.hpp>
+#include <lumolib/voskTelescopeStateManager.hpp>
 #include <vosk/common/logSetup.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/telegraf/telemSender.hpp>
@@ -17,7 +17,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <stdexcept>
 
 namespace vosk::host {
@@ -78,7 +77,8 @@ void StopSignals::Admit() {
 }
 
 Host::Host(const gim::Config& config, const HostSettings& settings, bool serve_stdin)
-    : m_library{settings.shm_prefix.value_or(DEFAULT_SHM_PREFIX)}, m_serve_stdin{serve_stdin} {
+    : m_library{settings.shm_prefix.value_or(DEFAULT_SHM_PREFIX)} {
+    if (serve_stdin) m_terminal.emplace(STDIN_FILENO, STDOUT_FILENO);
     TelemSender::m_default_telegraph_host_ip_addr = settings.telegraf_address;
     TelemSender::m_default_telegraph_port = settings.telegraf_port;
     lumo::ResetControlState();
@@ -111,32 +111,15 @@ void Host::Run(const StopSignals& signals) {
 void Host::WaitForWork(const StopSignals& signals) {
     const bool handover_runs = VoskHandoverManager::IsOnTheWay(m_state.handover_state);
     const auto wait = handover_runs ? LOOK_DURING_HANDOVER : LOOK_OTHERWISE;
-    // A negative descriptor is passed over.
+    const CommandHandler handler = [this](const std::string& line) { return Execute(line, *this); };
+    constexpr pollfd NOTHING{-1, 0, 0};
     std::array<pollfd, 3> sources{{{signals.GetFd(), POLLIN, 0},
-                                   {m_socket ? m_socket->GetFd() : -1, POLLIN, 0},
-                                   {m_serve_stdin ? STDIN_FILENO : -1, POLLIN, 0}}};
-    if (::poll(sources.data(), sources.size(), static_cast<int>(wait.count())) <= 0) return;
+                                   m_socket ? pollfd{m_socket->GetFd(), POLLIN, 0} : NOTHING,
+                                   m_terminal ? m_terminal->WaitsFor() : NOTHING}};
+    if (::poll(sources.data(), sources.size(), static_cast<int>(wait.count())) < 0) return;
     if (sources[0].revents != 0) return Stop();
-    if (sources[1].revents != 0)
-        m_socket->Serve([this](const std::string& line) { return Execute(line, *this); });
-    if (sources[2].revents != 0) ServeTerminal();
-}
-
-void Host::ServeTerminal() {
-    std::array<char, MAX_LINE> piece{};
-    const ssize_t count = ::read(STDIN_FILENO, piece.data(), piece.size());
-    if (count <= 0) {
-        m_serve_stdin = count < 0 && (errno == EINTR || errno == EAGAIN);
-        return;
-    }
-    if (!m_terminal_input.Append({piece.data(), static_cast<std::size_t>(count)})) {
-        m_terminal_input.Clear();
-        fmt::print("error: a line has at most {} bytes\n", MAX_LINE);
-    }
-    while (const auto line = m_terminal_input.TakeLine()) {
-        if (const std::string reply = Execute(*line, *this); !reply.empty()) fmt::print("{}\n", reply);
-    }
-    std::fflush(stdout);
+    if (m_socket) m_socket->Serve(handler);
+    if (sources[2].revents != 0 && !m_terminal->Serve(handler)) m_terminal.reset();
 }
 
 void Host::SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) {
@@ -172,6 +155,7 @@ std::string Host::Status() {
     const lumo::PerformanceData& performance = RuntimeMonitor::GetPerformanceData();
     host::Status status{.control = m_state,
                         .handover_running = VoskHandoverManager::IsOnTheWay(m_state.handover_state),
+                        .gp_centering = lumo::VoskTelescopeStateManager::GetGPCenteringEnabled(),
                         .record = RuntimeMonitor::GetStateData().GetTopicData(),
                         .threads_ended = {m_threads_ended.begin(), m_threads_ended.end()},
                         .streams = {},

@@ -3,11 +3,11 @@
 // The program around LibMain: sets it up, starts it, serves commands and watches the control state on the one
 // control thread, and stops it at a signal or on command.
 
+#include "commandStream.hpp"
 #include "commands.hpp"
 #include "controlSocket.hpp"
 #include "eventList.hpp"
 #include "hostSettings.hpp"
-#include "lineBuffer.hpp"
 
 #include <gim/config.hpp>
 #include <lumolib/libMain.hpp>
@@ -57,14 +57,12 @@ public:
 
 private:
     void WaitForWork(const StopSignals& signals);
-    void ServeTerminal();
     void LookAtControlState();
     void LookAtThreads();
 
     lumo::LibMain m_library;
     std::optional<ControlSocket> m_socket;
-    LineBuffer m_terminal_input;
-    bool m_serve_stdin;
+    std::optional<CommandStream> m_terminal;
     bool m_running = true;
     ControlState m_state;
     EventList m_events;

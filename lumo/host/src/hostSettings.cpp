@@ -1,19 +1,43 @@
 #include "hostSettings.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
+#include <system_error>
 
 namespace vosk::host {
 
+using oru::configng::PliConfigError;
 using oru::configng::PliConfigInstanceNode;
 
 namespace {
 
-std::optional<std::string> ReadText(const PliConfigInstanceNode& node, const char* key) {
-    if (!node.Has(key)) return std::nullopt;
-    return node[key].As<std::string>();
+template <std::optional<std::string> HostSettings::*Field>
+void ReadText(const PliConfigInstanceNode& value, HostSettings& settings) {
+    settings.*Field = value.As<std::string>();
+}
+
+void ReadShmPrefix(const PliConfigInstanceNode& value, HostSettings& settings) {
+    settings.shm_prefix = value.As<std::string>();
+    VetShmPrefix(*settings.shm_prefix);
+}
+
+void ReadLogLevel(const PliConfigInstanceNode& value, HostSettings& settings) {
+    settings.log_level = value.As<std::string>();
+    ParseLogLevel(*settings.log_level);
+}
+
+// An address without a port, or the reverse, would switch telemetry off without a word.
+void ReadTelegraf(const PliConfigInstanceNode& value, HostSettings& settings) {
+    settings.telegraf_address = value["address"].As<std::string>();
+    settings.telegraf_port = value["port"].As<unsigned short>();
+    if (!settings.telegraf_address.empty() && settings.telegraf_port != 0) return;
+    throw std::runtime_error{"an address and a port other than 0 are needed"};
 }
 
 template <class T>
@@ -23,18 +47,27 @@ std::optional<T> FirstOf(const std::optional<T>& first, const std::optional<T>& 
 
 }  // namespace
 
+std::span<const HostKey> HostKeys() {
+    static constexpr HostKey KEYS[] = {{"control_socket", ReadText<&HostSettings::control_socket>},
+                                       {"shm_prefix", ReadShmPrefix},
+                                       {"log_level", ReadLogLevel},
+                                       {"log_file", ReadText<&HostSettings::log_file>},
+                                       {"telegraf", ReadTelegraf}};
+    return KEYS;
+}
+
 HostSettings ReadHostSettings(const PliConfigInstanceNode& top) {
     HostSettings settings;
     if (!top.Has("host")) return settings;
-    const PliConfigInstanceNode node = top["host"];
-    settings.control_socket = ReadText(node, "control_socket");
-    settings.shm_prefix = ReadText(node, "shm_prefix");
-    settings.log_level = ReadText(node, "log_level");
-    settings.log_file = ReadText(node, "log_file");
-    if (settings.log_level) ParseLogLevel(*settings.log_level);
-    if (node.Has("telegraf")) {
-        settings.telegraf_address = node["telegraf"]["address"].As<std::string>();
-        settings.telegraf_port = node["telegraf"]["port"].As<unsigned short>();
+    const PliConfigInstanceNode host = top["host"];
+    for (const HostKey& entry : HostKeys()) {
+        if (!host.Has(entry.key)) continue;
+        const PliConfigInstanceNode value = host[entry.key];
+        try {
+            entry.read(value, settings);
+        } catch (const std::runtime_error& error) {
+            throw PliConfigError{fmt::format("{}: {}", value.GetPath(), error.what()), value.GetWhere()};
+        }
     }
     return settings;
 }
@@ -58,6 +91,24 @@ log4cplus::LogLevel ParseLogLevel(const std::string& name) {
     if (found != LEVELS.end()) return found->second;
     throw std::runtime_error{
         fmt::format("'{}' is no log level; there are trace, debug, info, warn and error", name)};
+}
+
+void VetShmPrefix(const std::string& prefix) {
+    constexpr std::size_t LONGEST = 200;  // of the 255 that a name may have
+    if (prefix.size() <= LONGEST && prefix.find('/', 1) == std::string::npos) return;
+    throw std::runtime_error{fmt::format(
+        "a prefix of names in shared memory has at most {} bytes and no slash but the first", LONGEST)};
+}
+
+void VetLogFile(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC);
+    if (fd != -1) {
+        ::close(fd);
+        return;
+    }
+    const auto folder = std::filesystem::absolute(path).parent_path();
+    if (errno == ENOENT && ::access(folder.c_str(), W_OK | X_OK) == 0) return;
+    throw std::runtime_error{fmt::format("log file {}: {}", path, std::system_category().message(errno))};
 }
 
 }  // namespace vosk::host

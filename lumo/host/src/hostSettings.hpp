@@ -14,6 +14,7 @@
 #include <oru/configng/pliConfig.hpp>
 
 #include <optional>
+#include <span>
 #include <string>
 
 namespace vosk::host {
@@ -30,7 +31,14 @@ struct HostSettings {
 inline constexpr const char* DEFAULT_SHM_PREFIX = "/vosk_";
 inline constexpr const char* DEFAULT_LOG_LEVEL = "info";
 
-// `top` is the top of the document. Throws the PliConfig exceptions and std::runtime_error.
+// A key of the node `host`. Reading its value throws std::runtime_error if it has no form that can be used.
+struct HostKey {
+    const char* key;
+    void (*read)(const oru::configng::PliConfigInstanceNode& value, HostSettings& settings);
+};
+std::span<const HostKey> HostKeys();
+
+// `top` is the top of the document. Throws PliConfigError, which says where.
 HostSettings ReadHostSettings(const oru::configng::PliConfigInstanceNode& top);
 
 // Each value of `command_line` that is there, and the others from `document`.
@@ -38,5 +46,11 @@ HostSettings Merge(const HostSettings& command_line, const HostSettings& documen
 
 // Throws std::runtime_error for a name that is no level.
 log4cplus::LogLevel ParseLogLevel(const std::string& name);
+
+// Throws std::runtime_error if no name of shared memory can begin like this.
+void VetShmPrefix(const std::string& prefix);
+
+// Throws std::runtime_error if nothing could be appended to this file now.
+void VetLogFile(const std::string& path);
 
 }  // namespace vosk::host

@@ -1,28 +1,33 @@
 #include "lineBuffer.hpp"
 
+#include <utility>
+
 namespace vosk::host {
 
-bool LineBuffer::Append(std::string_view piece) {
-    for (const char c : piece) {
-        m_begun = c == '\n' ? 0 : m_begun + 1;
-        if (m_begun > MAX_LINE) return false;
+void LineBuffer::Append(std::string_view piece) {
+    for (const char byte : piece) Append(byte);
+}
+
+void LineBuffer::Append(char byte) {
+    if (m_passes_over) {
+        m_passes_over = byte != '\n';
+    } else if (byte == '\n') {
+        if (m_begun.ends_with('\r')) m_begun.pop_back();
+        m_lines.push_back({.text = std::exchange(m_begun, {})});
+    } else if (m_begun.size() == MAX_LINE) {
+        m_begun.clear();
+        m_passes_over = true;
+        m_lines.push_back({.is_too_long = true});
+    } else {
+        m_begun += byte;
     }
-    m_bytes.append(piece);
-    return true;
 }
 
-std::optional<std::string> LineBuffer::TakeLine() {
-    const std::size_t end = m_bytes.find('\n');
-    if (end == std::string::npos) return std::nullopt;
-    std::string line = m_bytes.substr(0, end);
-    m_bytes.erase(0, end + 1);
-    if (line.ends_with('\r')) line.pop_back();
+std::optional<Line> LineBuffer::TakeLine() {
+    if (m_lines.empty()) return std::nullopt;
+    Line line = std::move(m_lines.front());
+    m_lines.pop_front();
     return line;
-}
-
-void LineBuffer::Clear() {
-    m_bytes.clear();
-    m_begun = 0;
 }
 
 }  // namespace vosk::host

@@ -1,9 +1,10 @@
 #pragma once
 
-// Cuts what arrives from a socket or a terminal into lines, and never grows beyond one line of the longest
-// length and one piece.
+// Cuts what arrives from a socket or a terminal into lines. Never grows beyond the lines of one piece and one
+// line of the longest length: take all lines before appending the next piece.
 
 #include <cstddef>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,20 +13,25 @@ namespace vosk::host {
 
 inline constexpr std::size_t MAX_LINE = 1024;  // bytes, without the newline
 
+struct Line {
+    std::string text{};  // without its end ("\n" or "\r\n")
+    bool is_too_long = false;
+};
+
 class LineBuffer {
 public:
-    // False, and nothing is kept of the piece, if a line in it is too long.
-    bool Append(std::string_view piece);
+    void Append(std::string_view piece);
 
-    // The next whole line, without its end ("\n" or "\r\n").
-    std::optional<std::string> TakeLine();
-
-    // Forgets everything, after a line that was too long.
-    void Clear();
+    // The next whole line. One that is too long comes without text, as soon as that shows; what follows up to
+    // its newline is passed over.
+    std::optional<Line> TakeLine();
 
 private:
-    std::string m_bytes;
-    std::size_t m_begun = 0;  // bytes behind the last newline
+    void Append(char byte);
+
+    std::deque<Line> m_lines;
+    std::string m_begun;  // bytes behind the last newline
+    bool m_passes_over = false;
 };
 
 }  // namespace vosk::host

@@ -16,6 +16,7 @@
 #include <vosk/common/logSetup.hpp>
 #include <vosk/common/logger.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -35,15 +36,32 @@ struct CommandLine {
     bool check_only = false;
 };
 
+// The text is good if `parse` takes it.
+template <class Parse>
+CLI::Validator Accepts(Parse parse) {
+    return {[parse](const std::string& text) {
+                try {
+                    parse(text);
+                    return std::string{};
+                } catch (const std::exception& error) {
+                    return std::string{error.what()};
+                }
+            },
+            ""};
+}
+
 void Describe(CLI::App& app, CommandLine& line) {
     app.add_option("CONFIG", line.document, "Configuration document");
     app.add_option("--control", line.settings.control_socket, "Path of the control socket");
-    app.add_option("--shm-prefix", line.settings.shm_prefix, "What the names in shared memory begin with");
-    app.add_option("--log-level", line.settings.log_level, "trace, debug, info, warn or error");
+    app.add_option("--shm-prefix", line.settings.shm_prefix, "What the names in shared memory begin with")
+        ->check(Accepts(VetShmPrefix));
+    app.add_option("--log-level", line.settings.log_level, "trace, debug, info, warn or error")
+        ->check(Accepts(ParseLogLevel));
     app.add_option("--log-file", line.settings.log_file,
                    "Where the log goes in the place of standard output");
     app.add_option("--blas-kernel", line.blas_kernel,
-                   "Kernel of OpenBLAS, or 'auto' to let the CPU decide against OPENBLAS_CORETYPE");
+                   "Kernel of OpenBLAS, or 'auto' to let the CPU decide against OPENBLAS_CORETYPE")
+        ->check(Accepts(VetBlasOption));
     app.add_flag("--stdin", line.serve_stdin, "Take commands from standard input though it is no terminal");
     CLI::App* check = app.add_subcommand("check", "Tell what is wrong with a document, run nothing");
     check->add_option("CONFIG", line.document, "Configuration document")->required();
@@ -69,7 +87,6 @@ void SetupLog(const HostSettings& settings) {
 }
 
 gim::Config LoadDocument(const std::string& name) {
-    if (name.empty()) throw std::runtime_error{"which configuration document? See --help"};
     gim::Config config;
     config.LoadFile(name);
     return config;
@@ -80,8 +97,10 @@ int Check(const gim::Config& config) {
     common::SetupLogging(log4cplus::OFF_LOG_LEVEL, "/dev/null");
     const auto problems = CheckConfig(config);
     for (const Problem& problem : problems) fmt::print("{}\n", ToText(problem));
-    if (problems.empty()) fmt::print("No problems.\n");
-    return problems.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+    const bool is_good =
+        std::all_of(problems.begin(), problems.end(), [](const Problem& problem) { return problem.is_note; });
+    if (is_good) fmt::print("No problems.\n");
+    return is_good ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int Run(const CommandLine& line, char** arguments) {
@@ -98,10 +117,15 @@ int Run(const CommandLine& line, char** arguments) {
     return EXIT_SUCCESS;
 }
 
-int Fail(const std::string& text) {
+// Must not throw, whatever has become of standard error.
+int Fail(const std::string& text, int exit_code) noexcept {
+    std::fputs(("vosk-host: " + text + '\n').c_str(), stderr);
+    return exit_code;
+}
+
+int FailSetUp(const std::string& text) {
     common::FlushLog();
-    fmt::print(stderr, "vosk-host: {}\n", text);
-    return EXIT_FAILURE;
+    return Fail(text, EXIT_FAILURE);
 }
 
 int Main(int argc, char** argv) {
@@ -118,17 +142,17 @@ int Main(int argc, char** argv) {
     } catch (const CLI::CallForHelp& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        fmt::print(stderr, "vosk-host: {}\n", error.what());
-        return EXIT_USAGE;
+        return Fail(error.what(), EXIT_USAGE);
     }
+    if (line.document.empty()) return Fail("which configuration document? See --help", EXIT_USAGE);
     try {
         return Run(line, argv);
     } catch (const oru::configng::PliConfigDocumentError& error) {
-        return Fail(error.what());  // which says where
+        return FailSetUp(error.what());  // which says where
     } catch (const oru::configng::PliConfigError& error) {
-        return Fail(fmt::format("{}: {}", error.Where(), error.what()));
+        return FailSetUp(fmt::format("{}: {}", error.Where(), error.what()));
     } catch (const std::exception& error) {
-        return Fail(error.what());
+        return FailSetUp(error.what());
     }
 }
 

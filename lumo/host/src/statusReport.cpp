@@ -71,9 +71,10 @@ std::string JsonList(const Items& items, Form form) {
 
 std::string RecordJson(const lumo::StateTopic& record) {
     return fmt::format(
-        R"("mode_change_in_progress":{},"gp_centering":{},"primary_gp":{},"m1_offload":{},"guiding":{})",
-        record.mode_change_in_progress, record.gp_centering, record.primary_gp, record.m1_offload,
-        record.guiding);
+        R"("mode_change_in_progress":{},"changed":{},"changed_time_ns":{},"primary_gp":{},"m1_offload":{},)"
+        R"("guiding":{})",
+        record.mode_change_in_progress, record.changed, JsonTime(record.time), record.primary_gp,
+        record.m1_offload, record.guiding);
 }
 
 std::string CommandsJson(const lumo::PerformanceTopic& commands) {
@@ -104,11 +105,11 @@ std::string FieldStabilisationJson(const lumo::FSTelemetryData& fs) {
 
 std::string ToJson(const Status& status) {
     return fmt::format(
-        R"({{"mode":{},"camera":{},"source":{},"handover_state":{},"handover_running":{},{},)"
+        R"({{"mode":{},"camera":{},"source":{},"handover_state":{},"handover_running":{},"gp_centering":{},{},)"
         R"("threads_ended":{},"streams":{},"commands":{},"wavefront":{},"fs":{},"log_dropped":{},"events":{}}})",
         JsonText(to_string(status.control.mode)), JsonText(to_string(status.control.camera)),
         JsonText(to_string(status.control.source)), status.control.handover_state, status.handover_running,
-        RecordJson(status.record), JsonList(status.threads_ended, JsonText),
+        status.gp_centering, RecordJson(status.record), JsonList(status.threads_ended, JsonText),
         JsonList(status.streams, StreamJson), CommandsJson(status.commands), WavefrontJson(status.wavefront),
         FieldStabilisationJson(status.field_stabilisation), status.log_dropped,
         JsonList(status.events, EventJson));

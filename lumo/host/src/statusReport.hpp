@@ -18,6 +18,7 @@ namespace vosk::host {
 struct Status {
     ControlState control;
     bool handover_running = false;           // M4 is on its way from one source to the other
+    bool gp_centering = true;                // what the threads go by; the record's is as last commanded
     lumo::StateTopic record;                 // of which mode and source are in `control` already
     std::vector<std::string> threads_ended;  // names of the threads that ended by themselves
     std::vector<lumo::StreamTopic> streams;

@@ -144,10 +144,22 @@ defs::Camera LibMain::GetActiveCameraFs() {
 
 void LibMain::MakeThreads(const PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections) {
     WalkStreams(cfg, sections, [this](const StreamEntry& entry, const PliConfigInstanceNode& stream) {
-        for (const auto& element : ElementsUsed(entry, stream)) {
-            entry.make(element, [this](std::unique_ptr<Thread> thread) { EnterThread(std::move(thread)); });
-        }
+        for (const auto& element : ElementsUsed(entry, stream)) MakeThreads(entry, element);
     });
+}
+
+// Not every failure names its place in the document.
+void LibMain::MakeThreads(const StreamEntry& entry, const PliConfigInstanceNode& element) try {
+    entry.make(element, [&](std::unique_ptr<Thread> thread) {
+        if (m_threads.contains(thread->GetName())) {
+            common::LogWarn("{}: {} replaces another thread of the name {}", element.GetWhere(),
+                            element.GetPath(), thread->GetName());
+        }
+        EnterThread(std::move(thread));
+    });
+} catch (const std::exception& error) {
+    common::LogError("{}: {}: {}", element.GetWhere(), element.GetPath(), error.what());
+    throw;
 }
 
 void LibMain::EnterThread(std::unique_ptr<Thread> thread) {

@@ -108,18 +108,19 @@ std::map<std::string, std::shared_ptr<Statistics>> RuntimeMonitor::StatisticsByN
 void RuntimeMonitor::EnableStatistics(const PliConfigInstanceNode& cfg) {
     if (!cfg.IsMap() || !cfg.Has("statistics")) return;
     const auto periods = cfg["statistics"];
+    for (const auto& name : periods.Keys()) EnableStatisticsOf(name, periods[name]);
+}
+
+void RuntimeMonitor::EnableStatisticsOf(const std::string& name, const PliConfigInstanceNode& period) {
     const auto by_name = GetInstance().StatisticsByName();
-    for (const auto& name : periods.Keys()) {
-        const auto found = by_name.find(name);
-        if (found == by_name.end())
-            common::LogAndThrow("ERR: " + periods[name].GetWhere() + ": no stream statistics " + name);
-        VOSK_ASSERT(found->second);
-        try {
-            found->second->Enable(GetTimeDurationParam<std::chrono::nanoseconds>(periods, name));
-        } catch (const std::exception& error) {
-            common::LogAndThrow("ERR: " + periods[name].GetWhere() + ": statistics of " + name + ": " +
-                                error.what());
-        }
+    const auto found = by_name.find(name);
+    if (found == by_name.end())
+        common::LogAndThrow("ERR: " + period.GetWhere() + ": no stream statistics " + name);
+    VOSK_ASSERT(found->second);
+    try {
+        found->second->Enable(ParseDuration<std::chrono::nanoseconds>(period.As<std::string>()));
+    } catch (const std::exception& error) {
+        common::LogAndThrow("ERR: " + period.GetWhere() + ": statistics of " + name + ": " + error.what());
     }
 }
 

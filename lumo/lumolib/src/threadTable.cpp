@@ -17,10 +17,6 @@ void Make(const PliConfigInstanceNode& node, const EnterThread& enter) {
     enter(std::make_unique<T>(node));
 }
 
-void RequireSequence(const PliConfigInstanceNode& stream) {
-    if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
-}
-
 void LogIfAny(const std::string& text) {
     if (!text.empty()) common::LogTrace("{}", text);
 }
@@ -72,6 +68,10 @@ std::span<const SectionEntry> FlowgraphSections() {
     return sections;
 }
 
+void RequireSequence(const PliConfigInstanceNode& stream) {
+    if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
+}
+
 void WalkStreams(const PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
                  const std::function<void(const StreamEntry&, const PliConfigInstanceNode&)>& visit) {
     for (const SectionEntry& section : sections) {
@@ -90,8 +90,8 @@ void WalkStreams(const PliConfigInstanceNode& cfg, std::span<const SectionEntry>
             if (stream.make) {
                 visit(stream, stream_node);
             } else {
-                common::LogWarn("{}.{}: no thread of this build serves it, skipping", section.key,
-                                stream.key);
+                common::LogWarn("{}: {}: no thread of this build serves it, skipping", stream_node.GetWhere(),
+                                stream_node.GetPath());
             }
         }
     }

@@ -82,6 +82,7 @@ private:
     };
 
     void MakeThreads(const oru::configng::PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections);
+    void MakeThreads(const StreamEntry& entry, const oru::configng::PliConfigInstanceNode& element);
 
     // By thread name; its order is that of starting, waiting and stopping. Unchanged after SetupThreads.
     std::map<std::string, std::unique_ptr<Thread>> m_threads;

@@ -37,6 +37,9 @@ public:
     // enables those. Throws std::runtime_error on a name that isn't there and on a period that isn't
     // positive.
     static void EnableStatistics(const oru::configng::PliConfigInstanceNode& cfg);
+    // One entry of that map.
+    static void EnableStatisticsOf(const std::string& name,
+                                   const oru::configng::PliConfigInstanceNode& period);
 
     static PerformanceData& GetPerformanceData();
     static StateData& GetStateData();

@@ -39,8 +39,11 @@ std::span<const SectionEntry> CameraAndCommandSections();
 std::span<const SectionEntry> QudexSections();
 std::span<const SectionEntry> FlowgraphSections();
 
+// Every stream, served or not, is one: std::runtime_error if not.
+void RequireSequence(const oru::configng::PliConfigInstanceNode& stream);
+
 // Calls `visit` for each stream of `sections` that the map `cfg` configures and this build serves, in the
-// order of the table. Throws std::runtime_error where a stream, served or not, is no sequence.
+// order of the table. Throws std::runtime_error where a stream is no sequence.
 void WalkStreams(
     const oru::configng::PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
     const std::function<void(const StreamEntry&, const oru::configng::PliConfigInstanceNode&)>& visit);
