@@ -56,36 +56,44 @@ std::optional<defs::sample_id_t> NumberBehind(const std::string& line, std::stri
     return number;
 }
 
-class FreePort {
-public:
-    FreePort() : m_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        if (m_socket < 0 || bind(m_socket, generic, length) != 0 ||
-            getsockname(m_socket, generic, &length) != 0)
-            ThrowSystemError("can't get a UDP port on the loopback interface");
-        m_port = ntohs(address.sin_port);
-    }
-    ~FreePort() { close(m_socket); }
-    FreePort(const FreePort&) = delete;
-    FreePort& operator=(const FreePort&) = delete;
+bool IsFree(std::uint16_t port) {
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    const bool free = bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    close(descriptor);
+    return free;
+}
 
-    std::uint16_t Get() const { return m_port; }
+std::string ShmPrefix() {
+    return fmt::format("vosk_rig_{}_", getpid());
+}
 
-private:
-    int m_socket;
-    std::uint16_t m_port = 0;
-};
+// A host that was killed leaves its names in shared memory behind.
+void RemoveShmOfHost() {
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored))
+        if (entry.path().filename().string().starts_with(ShmPrefix()))
+            std::filesystem::remove(entry, ignored);
+}
 
 }  // namespace
 
 Ports Ports::FindFree() {
-    // Held together, so that the four differ; given up together, for the host and M4 to take.
-    const std::array<FreePort, 4> ports{};
-    return {ports[0].Get(), ports[1].Get(), ports[2].Get(), ports[3].Get()};
+    // Below the range from which the system gives ports to sockets that ask for none, so that a free one
+    // stays free until the host or M4 takes it; each rig begins elsewhere.
+    constexpr int FIRST = 20'000;
+    constexpr int COUNT = 12'000;
+    std::array<std::uint16_t, 4> ports{};
+    std::size_t found = 0;
+    for (int i = 0; i < COUNT && found < ports.size(); ++i) {
+        const auto port = static_cast<std::uint16_t>(FIRST + (getpid() * 16 + i) % COUNT);
+        if (IsFree(port)) ports[found++] = port;
+    }
+    if (found < ports.size()) throw std::runtime_error("no free UDP port on the loopback interface");
+    return {ports[0], ports[1], ports[2], ports[3]};
 }
 
 std::string MakeHostDocument(const Scenario& scenario, const Ports& ports, const std::filesystem::path& basis,
@@ -179,12 +187,9 @@ HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
     const int log = open(m_files.log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (log < 0) ThrowSystemError(m_files.log.string());
     // Names of its own in shared memory, so that a second run beside this one does no harm.
-    const std::array<std::string, 6> words{m_files.program.string(),
-                                           m_files.document.string(),
-                                           "--control",
-                                           m_files.socket.string(),
-                                           "--shm-prefix",
-                                           fmt::format("/vosk_rig_{}_", getpid())};
+    const std::array<std::string, 6> words{
+        m_files.program.string(), m_files.document.string(),      "--control", m_files.socket.string(),
+        "--shm-prefix",           fmt::format("/{}", ShmPrefix())};
     std::array<char*, words.size() + 1> arguments{};
     for (std::size_t i = 0; i < words.size(); ++i) arguments[i] = const_cast<char*>(words[i].c_str());
     const int no_input = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -208,11 +213,8 @@ HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
 
 HostProcess::~HostProcess() {
     if (m_connection >= 0) close(m_connection);
-    if (!Running()) return;
-    kill(m_pid, SIGTERM);
-    if (WaitExit(3000ms)) return;
-    kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
+    EndByForce();
+    RemoveShmOfHost();
 }
 
 void HostProcess::WaitReady(std::chrono::milliseconds patience) {
@@ -307,6 +309,14 @@ void HostProcess::CheckExit() {
     int status = 0;
     if (waitpid(m_pid, &status, WNOHANG) != m_pid) return;
     m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void HostProcess::EndByForce() {
+    if (!Running()) return;
+    kill(m_pid, SIGTERM);
+    if (WaitExit(3000ms)) return;
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
 }
 
 void HostProcess::Terminate() {

@@ -109,6 +109,7 @@ public:
 
 private:
     void Connect();
+    void EndByForce();
     void CheckExit();
 
     Files m_files;
