@@ -184,7 +184,7 @@ void M4SaturationManagement::ScalingOfAbsoluteCommand(const std::span<const floa
     float scale = AtMostOne(scale_gap);
     if (scale_vel < scale) scale = scale_vel;
     std::copy(command.begin(), command.end(), setpoint.begin());
-    cblas_sscal(static_cast<blasint>(m_managed_modes), scale, setpoint.data(), 1);
+    common::math::ScaleVector(scale, setpoint.first(m_managed_modes));
     m_time_stats.end = AtomClk::now();
 }
 

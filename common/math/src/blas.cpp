@@ -5,17 +5,14 @@
 
 namespace vosk::common::math {
 
-namespace {
-
+// The library's versions differ in what a factor of 0 makes of values that are no numbers.
 void ScaleVector(float scale, std::span<float> values) {
     if (scale == 0.0F) {
-        std::fill(values.begin(), values.end(), 0.0F);  // also where a value is not a number
+        std::fill(values.begin(), values.end(), 0.0F);
     } else {
         cblas_sscal(static_cast<blasint>(values.size()), scale, values.data(), 1);
     }
 }
-
-}  // namespace
 
 void cblas_AddVectors(float alpha, std::span<const float> x, std::span<float> y) {
     VOSK_ASSERT(x.size() == y.size());

@@ -10,6 +10,7 @@ namespace {
 
 using vosk::common::math::cblas_AddVectors;
 using vosk::common::math::cblas_MultiplyMatrixByVector;
+using vosk::common::math::ScaleVector;
 
 const std::vector<float> A{1, 2, 3, 4, 5, 6};  // row-major: 2 x 3; column-major: 3 x 2
 constexpr float NAN_F = std::numeric_limits<float>::quiet_NaN();
@@ -44,6 +45,15 @@ TEST(AddVectors, AddsTheScaledVector) {
     std::vector<float> y{10, 20, 30};
     cblas_AddVectors(-2.0F, x, y);
     EXPECT_EQ(y, (std::vector<float>{8, 16, 24}));
+}
+
+TEST(ScaleVector, ZeroClearsWhatIsNoNumberToo) {
+    std::vector<float> values{NAN_F, std::numeric_limits<float>::infinity(), 3};
+    ScaleVector(0.0F, values);
+    EXPECT_EQ(values, (std::vector<float>{0, 0, 0}));
+    values = {2, -4};
+    ScaleVector(0.5F, values);
+    EXPECT_EQ(values, (std::vector<float>{1, -2}));
 }
 
 TEST(BlasDeathTest, StopsOnSizesThatDoNotFit) {

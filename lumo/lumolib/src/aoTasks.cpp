@@ -139,7 +139,7 @@ bool AoTasks::RunCycle() {
     m_time_stats.Clear();
     if (!m_synchronizer->Wait(m_running)) return false;
 
-    const Plan plan = ReceiveCommand();
+    Plan plan = ReceiveCommand();
     AssembleCommand();
     ClearInputs();
     SendSetpoint(plan);
@@ -162,33 +162,20 @@ AoTasks::Plan AoTasks::ReceiveCommand() {
     auto& handover = VoskHandoverManager::GetInstance();
     const std::shared_lock lock{m_ins_input->GetMutex()};
     const InsCmdData& command = m_ins_input->GetDataRef();
+    const bool valid = (command.flags & InsCmdData::VALID) != 0;
+    handover.RegisterCycle(mode, valid, [this] { m_executor.UpdateRefShape(); });
     time_point send_time;
     if (defs::IsInsDriven(mode)) {
-        const time_point command_time = m_ins_input->GetTimestamp();
-        DriveHandover(mode, command);
-        m_time_stats.t0 = command_time;
-        send_time = command_time + m_config.m4_send_delay;
+        m_time_stats.t0 = m_ins_input->GetTimestamp();
+        send_time = m_time_stats.t0 + m_config.m4_send_delay;
     } else {
-        send_time = CeilToNextInterval(m_time_stats.data_received + m_config.m4_send_delay,
-                                       m_m4_output->send_interval.load(), m_m4_output->send_offset.load());
         m_time_stats.t0 = m_time_stats.data_received;
-        handover.RegisterCcsCommandReceived(mode);
+        send_time = CeilToNextInterval(m_time_stats.t0 + m_config.m4_send_delay,
+                                       m_m4_output->send_interval.load(), m_m4_output->send_offset.load());
     }
     const AoCommandSource source = handover.GetM4CmdSource();
     m_executor.Step1_CommandSplitting(command.command);
     return {mode, source, send_time};
-}
-
-// The reference shape comes first: it must be in force when the command of this cycle is processed.
-void AoTasks::DriveHandover(VoskControlMode mode, const InsCmdData& command) {
-    auto& handover = VoskHandoverManager::GetInstance();
-    const int state = handover.GetState();
-    if (state == VoskHandoverManager::INS_CONTROL) return;
-    if (state == VoskHandoverManager::HANDOVER_UPDATE_REF_SHAPE) {
-        m_executor.UpdateRefShape();
-        handover.RegisterM4RefShapeUpdate();
-    }
-    handover.RegisterInsCommandReceived((command.flags & InsCmdData::VALID) != 0, mode);
 }
 
 // The executor locks what the mode needs; the locks go in reverse order at the end.
@@ -206,9 +193,16 @@ void AoTasks::ClearInputs() {
     m_gpao_input->ClearDataReady();
 }
 
-void AoTasks::SendSetpoint(const Plan& plan) {
+// Field stabilisation and GPAO are not checked where they enter, and a value that is no number lifts the
+// limits of all others: such a setpoint is kept back, and the cycle is one without a source.
+void AoTasks::SendSetpoint(Plan& plan) {
     const auto setpoint = m_executor.Step3_ProcessM4SetpointData();
     m_time_stats.process_m4_setpoint = AtomClk::now();
+    if (plan.source != AoCommandSource::NONE && !common::math::AllFinite(setpoint)) {
+        LogError("AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at {}",
+                 GetTimeString(plan.send_time));
+        plan.source = AoCommandSource::NONE;
+    }
     if (plan.source != AoCommandSource::NONE) {
         ++m_sample_id;
         m_m4_output->SetData(setpoint, plan.send_time, m_sample_id, AtomClk::now());
@@ -228,45 +222,51 @@ std::optional<std::span<float, defs::INS_CMD_SIZE>> AoTasks::ReceiveAndProcessAm
         m_executor.Step4d_NotProcessM4SetpointAppliedData();
         return {};
     }
-    const std::shared_lock lock{m_m4_input->GetMutex()};
-    const auto applied = ProcessAnswer(applied_time);
+    std::shared_lock lock{m_m4_input->GetMutex()};
+    const auto received_id = m_m4_input->GetSampleId();
+    const AnswerFault fault = FaultOfAnswer();
+    std::span<float, defs::INS_CMD_SIZE> applied = TakeAnswer(fault, applied_time);
     m_m4_input->ClearDataReady();
+    lock.unlock();
+    if (fault != AnswerFault::NONE) LogFault(fault, received_id);
     return applied;
 }
 
 // With the shared lock of M4InputDataSync held.
-std::span<float, defs::INS_CMD_SIZE> AoTasks::ProcessAnswer(time_point& applied_time) {
-    if (!m_m4_input->IsNewData()) {
-        const auto applied = m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
-        LogError(
-            "AoTasks::ReceiveAndProcessAmSetpointApplied(): no 'am:setpoint_applied' response from M4 at {}, "
-            "sample ID "
-            "= {}",
-            GetTimeString(AtomClk::now()), m_sample_id);
-        return applied;
-    }
-    const auto received_id = m_m4_input->GetSampleId();
-    if (received_id != m_sample_id) {
-        const auto applied = m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
-        LogError(
-            "AoTasks::ReceiveAndProcessAmSetpointApplied(): received 'am:setpoint_applied' response at {} "
-            "with "
-            "different sample ID then M4 command sent: {} vs {}",
-            GetTimeString(AtomClk::now()), m_sample_id, received_id);
-        return applied;
-    }
+AoTasks::AnswerFault AoTasks::FaultOfAnswer() const {
+    if (!m_m4_input->IsNewData()) return AnswerFault::MISSING;
+    if (m_m4_input->GetSampleId() != m_sample_id) return AnswerFault::OTHER_SAMPLE;
+    if (!common::math::AllFinite(m_m4_input->GetDataRef().setpoint)) return AnswerFault::NO_NUMBERS;
+    return AnswerFault::NONE;
+}
+
+// The same.
+std::span<float, defs::INS_CMD_SIZE> AoTasks::TakeAnswer(AnswerFault fault, time_point& applied_time) {
+    if (fault != AnswerFault::NONE) return m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
     const M4SetpointAppliedData& answer = m_m4_input->GetDataRef();
-    if (!common::math::AllFinite(answer.setpoint)) {
-        const auto applied = m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
-        LogError(
-            "AoTasks::ReceiveAndProcessAmSetpointApplied(): the 'am:setpoint_applied' response from M4 at {} "
-            "holds "
-            "values that are no numbers, sample ID = {}",
-            GetTimeString(AtomClk::now()), m_sample_id);
-        return applied;
-    }
     applied_time = answer.applied_time;
     return m_executor.Step4a_ProcessM4SetpointAppliedData(answer.setpoint);
+}
+
+// Without a lock: formatting takes longer than all that is done under it.
+void AoTasks::LogFault(AnswerFault fault, std::uint32_t received_id) const {
+    const std::string now = GetTimeString(AtomClk::now());
+    if (fault == AnswerFault::MISSING) {
+        LogError(
+            "AoTasks::ReceiveAndProcessAmSetpointApplied(): no 'am:setpoint_applied' response from M4 at {}, "
+            "sample ID = {}",
+            now, m_sample_id);
+    } else if (fault == AnswerFault::OTHER_SAMPLE) {
+        LogError(
+            "AoTasks::ReceiveAndProcessAmSetpointApplied(): received 'am:setpoint_applied' response at {} "
+            "with different sample ID then M4 command sent: {} vs {}",
+            now, m_sample_id, received_id);
+    } else {
+        LogError(
+            "AoTasks::ReceiveAndProcessAmSetpointApplied(): the 'am:setpoint_applied' response from M4 at {} "
+            "holds values that are no numbers, sample ID = {}",
+            now, m_sample_id);
+    }
 }
 
 void AoTasks::PublishApplied(const Plan& plan, std::span<float, defs::INS_CMD_SIZE> applied,
@@ -281,8 +281,7 @@ void AoTasks::PrintTimeStats() const {
     const TimeStats& stats = m_time_stats;
     LogTrace(
         "AoTasks processing timings (duration from t0):\n\tt0 = {}, data_received = +{}, process_m4_setpoint "
-        "= +{}, "
-        "m4_cmd_send = +{}, send_ao_m4_applied = +{}",
+        "= +{}, m4_cmd_send = +{}, send_ao_m4_applied = +{}",
         GetTimeString(stats.t0), GetTimeString(stats.data_received - stats.t0),
         GetTimeString(stats.process_m4_setpoint - stats.t0),
         SinceOrText(stats.m4_cmd_send, stats.t0, "[not sent]"),

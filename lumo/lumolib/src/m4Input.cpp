@@ -29,13 +29,15 @@ M4Input::M4Input(const oru::configng::PliConfigInstanceNode& node)
 
 void M4Input::Work(std::promise<void>& started) {
     started.set_value();
-    const auto buffer = gsl::as_writable_bytes(gsl::span{&m_payload, 1});
-    while (IsRunning()) {
-        ReceiveQudexOnce(
-            *m_receiver, buffer, m_timeout, [this](const auto& error, auto now) { OnError(error, now); },
-            [this](const auto& packet, auto now) { OnSample(packet, now); },
-            [this](auto now) { m_stream_state->RecordInvalidSample(now); });
-    }
+    while (IsRunning()) RunCycle();
+}
+
+void M4Input::RunCycle() {
+    ReceiveQudexOnce(
+        *m_receiver, gsl::as_writable_bytes(gsl::span{&m_payload, 1}), m_timeout,
+        [this](const auto& error, auto now) { OnError(error, now); },
+        [this](const auto& packet, auto now) { OnSample(packet, now); },
+        [this](auto now) { m_stream_state->RecordInvalidSample(now); });
 }
 
 void M4Input::OnError(const std::error_code& error, time_point now) {
@@ -64,12 +66,14 @@ M4FeedbackInput::M4FeedbackInput(const oru::configng::PliConfigInstanceNode& nod
 void M4FeedbackInput::Work(std::promise<void>& started) {
     const auto payload = std::make_unique<defs::M4Feedback::Payload>();
     started.set_value();
-    const auto buffer = gsl::as_writable_bytes(gsl::span{payload.get(), 1});
-    while (IsRunning()) {
-        ReceiveQudexOnce(
-            *m_receiver, buffer, m_timeout, [](const auto& error, auto) { OnError(error); },
-            [&](const auto& packet, auto) { OnSample(packet, *payload); }, [](auto) {});
-    }
+    while (IsRunning()) RunCycle(*payload);
+}
+
+void M4FeedbackInput::RunCycle(defs::M4Feedback::Payload& payload) {
+    ReceiveQudexOnce(
+        *m_receiver, gsl::as_writable_bytes(gsl::span{&payload, 1}), m_timeout,
+        [](const auto& error, auto) { OnError(error); },
+        [&](const auto& packet, auto) { OnSample(packet, payload); }, [](auto) {});
 }
 
 // The text of an error is made only where it is wanted.

@@ -1,15 +1,13 @@
-// M4Output, M4Input, M4FeedbackInput and AoWavefrontCmdInput as threads: the test plays AoTasks on one side
-// and the network's peers on the other.
+// M4Output as a thread, M4Input, M4FeedbackInput and AoWavefrontCmdInput cycle by cycle: the test plays
+// AoTasks on one side and the network's peers on the other.
 
 #include "testSupport.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomclk/atomClk.hpp>
-#include <bit>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstring>
 #include <gim/config.hpp>
@@ -23,27 +21,28 @@
 #include <mutex>
 #include <pktwire/detail/wire.hpp>
 #include <vosk/common/shmif/shmIf.hpp>
-#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/loopback.hpp>
 
 namespace vosk::lumo {
 namespace {
 
 using atomclk::AtomClk;
-using common::LogCapture;
 using defs::M4_CMD_SIZE;
 using defs::VoskControlMode;
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
 using test::Eventually;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using vosk::test::LogCapture;
+using vosk::test::TextOf;
 
 constexpr AtomClk::time_point START{std::chrono::hours{1}};
 
 class Streams : public ::testing::Test {
 protected:
     Streams() {
-        common::shmif::ShmIf::Setup("m4StreamsTest" + std::to_string(::getpid()) + "_");
+        common::shmif::ShmIf::Setup(vosk::test::UniqueName() + "_");
         DataSyncManager::CreateInstance();
         RuntimeMonitor::CreateInstance(gim::Config{});
         RuntimeMonitor::GetInstance().Reset();
@@ -51,8 +50,15 @@ protected:
     }
     ~Streams() override { common::shmif::ShmIf::Teardown(); }
 
-    static StreamTopic Figures(const std::shared_ptr<InputStreamState>& state) {
-        return state->GetTopicData();
+    template <class T, class... Args>
+    static std::shared_ptr<T> Get(Args... args) {
+        return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(T::InstanceTag::DEFAULT, args...);
+    }
+
+    // Valid and invalid samples of a stream so far.
+    static std::pair<std::uint32_t, std::uint32_t> Counts(const std::shared_ptr<InputStreamState>& state) {
+        const auto topic = state->GetTopicData();
+        return {topic.sample_count, topic.invalid_count};
     }
 };
 
@@ -118,9 +124,7 @@ protected:
         test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: \"2500 us\", "
                     "send_offset: \"250 us\", qudex_topic: 7}"),
         m_socket};
-    std::shared_ptr<M4OutputDataSync> m_sync =
-        DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
-            M4OutputDataSync::InstanceTag::DEFAULT, false);
+    std::shared_ptr<M4OutputDataSync> m_sync = Get<M4OutputDataSync>(false);
 };
 
 TEST_F(M4OutputTest, TellsItsGridAndSendsThreeSegmentsInPlace) {
@@ -200,23 +204,21 @@ protected:
         common::telegraf::TelemSender::m_default_telegraph_port = 0;
     }
 
-    // The lines of three setpoints, 2 ms and 4 ms apart, of which the last has the ID of a thinned sample.
+    // The lines of three setpoints, 10 us and 20 us apart, of which the last has the ID of a thinned sample.
     std::vector<std::string> Lines(int port) {
         common::telegraf::TelemSender::m_default_telegraph_port = port;
         const atomclk::ManualClock clock{START};
         RecordingSocket socket;
         RecordedM4Output thread{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9}"), socket};
-        const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
-            M4OutputDataSync::InstanceTag::DEFAULT, false);
+        const auto sync = Get<M4OutputDataSync>(false);
         thread.Start().get();
-        const std::array<float, M4_CMD_SIZE> setpoint{};
-        auto& monitor = RuntimeMonitor::GetInstance();
-        const auto before = monitor.m_m4_output_state->GetTopicData().sample_count;
-        for (const unsigned step : {1U, 2U, 3U}) {
-            const auto time = START - microseconds{40} + microseconds{step == 1 ? 0 : step == 2 ? 10 : 30};
-            sync->SetData(setpoint, time, 497 + step, AtomClk::now());
-            EXPECT_TRUE(Eventually(
-                [&] { return monitor.m_m4_output_state->GetTopicData().sample_count == before + step; }));
+        const auto state = RuntimeMonitor::GetInstance().m_m4_output_state;
+        auto sent = state->GetTopicData().sample_count;
+        unsigned id = 497;
+        for (const microseconds ago : {microseconds{40}, microseconds{30}, microseconds{10}}) {
+            sync->SetData(std::array<float, M4_CMD_SIZE>{}, START - ago, ++id, AtomClk::now());
+            ++sent;
+            EXPECT_TRUE(Eventually([&] { return state->GetTopicData().sample_count == sent; }));
         }
         thread.Stop();
         return Drain();
@@ -246,19 +248,20 @@ TEST_F(M4Telemetry, PublishesTheSendPeriodEachFiveHundredthSample) {
     EXPECT_THAT(Lines(0), ElementsAre());  // an agent without a port is none
 }
 
+// ---- Receivers, without their threads -------------------------------------------------------------------
+
 // A peer on the loopback interface that sends to a port of this test program's own.
 class Peer {
 public:
     explicit Peer(std::uint16_t num_frames)
-        : m_socket{SocketConfig(), nullptr}, m_sender{Config(num_frames), m_socket, nullptr} {}
+        : m_socket{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr},
+          m_sender{Config(num_frames), m_socket, nullptr} {}
 
-    static std::uint16_t Port() { return static_cast<std::uint16_t>(20000 + ::getpid() % 20000); }
-
-    static oru::configng::PliConfigInstanceNode ReceiverNode() {
+    static oru::configng::PliConfigInstanceNode ReceiverNode(const std::string& more = "") {
         return test::CfgOf(
-            "cfg: {busy: false, timeout: \"5 ms\", listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
+            "cfg: {busy: false, timeout: \"1000 ms\", listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
             "listen_udp: " +
-            std::to_string(Port()) + "}");
+            std::to_string(vosk::test::UniquePort()) + more + "}");
     }
 
     template <class Record>
@@ -267,15 +270,21 @@ public:
         ASSERT_FALSE(m_sender.SendSample(gsl::as_bytes(gsl::span{&record, 1}), time, {}));
     }
 
-    pktwire::qudex::Sender& Qudex() { return m_sender; }
+    void SendCommand(std::byte flags, const std::vector<float>& command, unsigned id,
+                     AtomClk::time_point time) {
+        pktwire::lspx::Sender::Config config{};
+        config.source = pktwire::lspx::OTHER_SOURCE;
+        config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
+        config.leader_extended_info_size = 4;
+        config.frame_size = static_cast<std::uint32_t>(command.size());
+        pktwire::lspx::Sender sender{config, m_sender};
+        const std::array<std::byte, 4> info{flags};
+        sender.SetSampleId(id);
+        ASSERT_FALSE(
+            sender.SendSample(info, gsl::as_bytes(gsl::span<const float>{command}), {}, time, {}, {}));
+    }
 
 private:
-    static pktwire::UdpTxSocket::Config SocketConfig() {
-        pktwire::UdpTxSocket::Config config{};
-        config.ip.dst = pktwire::Ipv4{"127.0.0.1"};
-        config.udp.dst = Port();
-        return config;
-    }
     static pktwire::qudex::Sender::Config Config(std::uint16_t num_frames) {
         pktwire::qudex::Sender::Config config{};
         config.topic = 7;
@@ -287,59 +296,60 @@ private:
     pktwire::qudex::Sender m_sender;
 };
 
+struct SteppedM4Input : M4Input {
+    using M4Input::M4Input;
+    using M4Input::RunCycle;
+};
+
 TEST_F(Streams, M4AnswersReachTheirObjectAndBrokenOnesAreCounted) {
     const LogCapture log;
-    M4Input thread{Peer::ReceiverNode()};
-    EXPECT_EQ(thread.GetDescription(),
-              "QUDEX receiver listening on: 127.0.0.1:" + std::to_string(Peer::Port()) + ", topic ID: 7");
-    thread.Start().get();
-    const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<M4InputDataSync>(
-        M4InputDataSync::InstanceTag::DEFAULT, false);
+    SteppedM4Input input{Peer::ReceiverNode()};
+    EXPECT_TRUE(input.GetDescription().starts_with("QUDEX receiver listening on: 127.0.0.1:"));
+    const auto sync = Get<M4InputDataSync>(false);
     const auto state = RuntimeMonitor::GetInstance().m_m4_input_state;
 
     Peer peer{3};
     defs::M4SetpointApplied::Payload payload;
     payload.setpoint[5351] = 6.25F;
     payload.applied_time = START;
-    payload.applied_sample_id = 41;
     peer.Send(payload, 40, START + microseconds{3});
-    ASSERT_TRUE(Eventually([&] { return sync->IsNewData(); }));
+    input.RunCycle();
     EXPECT_EQ(sync->GetSampleId(), 40U);
     EXPECT_EQ(sync->GetTimestamp(), START + microseconds{3});
     EXPECT_EQ(sync->GetDataRef().setpoint[5351], 6.25F);
     EXPECT_EQ(sync->GetDataRef().applied_time, START);
-    EXPECT_EQ(sync->GetDataRef().applied_sample_id, 41U);
 
     peer.Send(std::array<std::byte, 21431>{}, 42, START);  // one byte short
-    ASSERT_TRUE(Eventually([&] { return Figures(state).invalid_count == 1; }));
+    input.RunCycle();
+    EXPECT_EQ(Counts(state), std::pair(1U, 1U));
+    EXPECT_EQ(log.Lines().back().level, log4cplus::WARN_LOG_LEVEL);
+    EXPECT_TRUE(log.Lines().back().text.starts_with("M4Input::Work(): ReceiveSample: "));
     peer.Send(payload, 43, START);
-    ASSERT_TRUE(Eventually([&] { return Figures(state).sample_count == 2; }));
-    thread.Stop();
-    bool warned = false;
-    for (const auto& line : log.Lines()) {
-        warned |= line.level == log4cplus::WARN_LOG_LEVEL &&
-                  line.text.starts_with("M4Input::Work(): ReceiveSample: ");
-    }
-    EXPECT_TRUE(warned);
+    input.RunCycle();
+    EXPECT_EQ(Counts(state), std::pair(2U, 1U));
 }
+
+struct SteppedFeedbackInput : M4FeedbackInput {
+    using M4FeedbackInput::M4FeedbackInput;
+    using M4FeedbackInput::RunCycle;
+};
 
 TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
     const LogCapture log;
-    M4FeedbackInput thread{Peer::ReceiverNode()};
-    thread.Start().get();
-    const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<AoM4CapSensActDataSync>(
-        AoM4CapSensActDataSync::InstanceTag::DEFAULT);
+    SteppedFeedbackInput input{Peer::ReceiverNode()};
+    const auto sync = Get<AoM4CapSensActDataSync>();
     Peer peer{3};
-    defs::M4Feedback::Payload payload;
+    defs::M4Feedback::Payload sent;
+    defs::M4Feedback::Payload buffer;
     unsigned id = 0;
     for (const std::uint32_t counter : {0U, 5U, 6U, 8U, 9U}) {  // a 0 is forgotten; 7 is lost
-        payload.counter = counter;
-        payload.values[0] = static_cast<float>(counter);
-        peer.Send(payload, ++id, START);
-        ASSERT_TRUE(Eventually([&] { return sync->GetSampleId() == id; }));
+        sent.counter = counter;
+        sent.values[0] = static_cast<float>(counter);
+        peer.Send(sent, ++id, START);
+        input.RunCycle(buffer);
+        EXPECT_EQ(sync->GetSampleId(), id);
         EXPECT_EQ(sync->GetData().payload.values[0], static_cast<float>(counter));
     }
-    thread.Stop();
     std::vector<std::string> warnings;
     for (const auto& line : log.Lines()) {
         if (line.level == log4cplus::WARN_LOG_LEVEL) warnings.push_back(line.text);
@@ -350,97 +360,115 @@ TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
 
 class CommandInput : public Streams {
 protected:
-    ~CommandInput() override { m_thread.Stop(); }
-
-    void Send(unsigned id, bool valid) {
-        Send(id, valid, std::vector<float>(defs::WAVEFRONT_CMD_SIZE, static_cast<float>(id)), START);
+    // One cycle of the receiver, which has a command to receive.
+    void Receive(unsigned id, bool valid, const std::vector<float>& command, AtomClk::time_point time) {
+        m_ins->ClearDataReady();
+        m_output->ClearDataReady();
+        m_peer.SendCommand(std::byte{valid}, command, id, time);
+        m_input.RunCycle();
     }
 
-    void Send(unsigned id, bool valid, const std::vector<float>& command, AtomClk::time_point time) {
-        pktwire::lspx::Sender::Config config{};
-        config.source = pktwire::lspx::OTHER_SOURCE;
-        config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
-        config.leader_extended_info_size = 4;
-        config.frame_size = static_cast<std::uint32_t>(command.size());
-        pktwire::lspx::Sender sender{config, m_peer.Qudex()};
-        const std::array<std::byte, 4> info{std::byte{valid}};
-        sender.SetSampleId(id);
-        ASSERT_FALSE(
-            sender.SendSample(info, gsl::as_bytes(gsl::span<const float>{command}), {}, time, {}, {}));
-    }
+    struct Stepped : AoWavefrontCmdInput {
+        using AoWavefrontCmdInput::AoWavefrontCmdInput;
+        void RunCycle() { AoWavefrontCmdInput::RunCycle(m_buffers); }
+        Buffers m_buffers;
+    };
 
-    bool Counted(std::uint32_t valid, std::uint32_t invalid) {
-        return Eventually([&] {
-            const auto figures = RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state->GetTopicData();
-            return figures.sample_count == valid && figures.invalid_count == invalid;
-        });
-    }
-
+    atomclk::ManualClock m_clock{START};
     Peer m_peer{5};
-    AoWavefrontCmdInput m_thread{Peer::ReceiverNode()};
-    std::shared_ptr<AoTasksInsDataSync> m_ins =
-        DataSyncManager::GetInstance().GetOrRegisterDataSync<AoTasksInsDataSync>(
-            AoTasksInsDataSync::InstanceTag::DEFAULT, false);
-    std::shared_ptr<AoOutputDataSync> m_output =
-        DataSyncManager::GetInstance().GetOrRegisterDataSync<AoOutputDataSync>(
-            AoOutputDataSync::InstanceTag::DEFAULT, false);
+    Stepped m_input{Peer::ReceiverNode()};
+    std::shared_ptr<AoTasksInsDataSync> m_ins = Get<AoTasksInsDataSync>(false);
+    std::shared_ptr<AoOutputDataSync> m_output = Get<AoOutputDataSync>(false);
+    std::shared_ptr<InputStreamState> m_state = RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state;
 };
 
 TEST_F(CommandInput, EveryCommandWakesTheAoOutputAndValidOnesAoTasks) {
-    m_thread.Start().get();
+    const std::vector<float> command(defs::WAVEFRONT_CMD_SIZE, 1.0F);
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_SEQUENTIAL);
-    Send(1, true);
-    ASSERT_TRUE(Counted(1, 0));
+    Receive(1, true, command, START);
+    EXPECT_EQ(Counts(m_state), std::pair(1U, 0U));
     EXPECT_TRUE(m_ins->IsDataReady());
     EXPECT_EQ(m_ins->GetTimestamp(), START);
     EXPECT_EQ(m_ins->GetData().command[4867], 1.0F);
     EXPECT_EQ(m_output->GetData().command_time, START);
-    m_ins->ClearDataReady();
-    m_output->ClearDataReady();
+    EXPECT_EQ(m_output->GetSampleId(), 1U);
 
-    Send(2, false);
-    ASSERT_TRUE(Counted(1, 1));
+    Receive(2, false, command, START);
+    EXPECT_EQ(Counts(m_state), std::pair(1U, 1U));
+    EXPECT_TRUE(m_ins->IsNewData());
     EXPECT_FALSE(m_ins->IsDataReady());
     EXPECT_TRUE(m_output->IsDataReady());
-    EXPECT_EQ(m_ins->GetData().command[0], 2.0F);
-    EXPECT_EQ(m_ins->GetData().command[4867], 1.0F);
 
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
-    Send(3, true);
-    ASSERT_TRUE(Counted(2, 1));
+    Receive(3, true, command, START);
+    EXPECT_EQ(Counts(m_state), std::pair(2U, 1U));
     EXPECT_FALSE(m_ins->IsDataReady());
-    EXPECT_EQ(m_ins->GetData().command[1], 3.0F);
-    EXPECT_EQ(m_ins->GetData().command[2], 1.0F);
-    EXPECT_EQ(m_output->GetSampleId(), 3U);
+    EXPECT_TRUE(m_output->IsDataReady());
 }
 
-TEST_F(CommandInput, UnusableCommandsAreInvalidAndLeaveNoTrace) {
-    m_thread.Start().get();
+TEST_F(CommandInput, UnusableCommandsAreInvalidAndKeptFromAoTasks) {
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    const std::vector<float> whole(defs::WAVEFRONT_CMD_SIZE);
-    Send(1, true, std::vector<float>(defs::WAVEFRONT_CMD_SIZE - 1), START);
-    ASSERT_TRUE(Counted(0, 1));
-    unsigned id = 1;
-    for (const auto time :
-         {AtomClk::time_point::max(), AtomClk::time_point::min(), AtomClk::now() + std::chrono::minutes{1}}) {
-        Send(++id, true, whole, time);
+    const auto ending_in = [](float last) {
+        std::vector<float> command(defs::WAVEFRONT_CMD_SIZE);
+        command.back() = last;
+        return command;
+    };
+    using Float = std::numeric_limits<float>;
+    const std::string size = "it has another size";
+    const std::string number = "a value is no number";
+    const std::string time = "its time is out of range";
+    const AtomClk::time_point epoch{};
+    struct Case {
+        std::vector<float> command;
+        AtomClk::time_point time;
+        std::string fault;
+    };
+    const std::vector<Case> cases{
+        {std::vector<float>(defs::WAVEFRONT_CMD_SIZE - 1), START, size},
+        {ending_in(Float::infinity()), START, number},
+        {ending_in(Float::quiet_NaN()), START, number},
+        {ending_in(0), AtomClk::time_point::max(), time},
+        {ending_in(0), START + std::chrono::seconds{1} + nanoseconds{1}, time},
+        {ending_in(0), START + std::chrono::seconds{1}, ""},
+        {ending_in(0), AtomClk::time_point::min(), time},
+        {ending_in(0), epoch, time},  // stands for no time
+        {ending_in(0), epoch + nanoseconds{1}, ""},
+    };
+    unsigned id = 0;
+    for (const Case& test : cases) {
+        const LogCapture log;
+        const auto [valid, invalid] = Counts(m_state);
+        Receive(++id, true, test.command, test.time);
+        const bool usable = test.fault.empty();
+        EXPECT_EQ(Counts(m_state), std::pair(valid + (usable ? 1 : 0), invalid + (usable ? 0 : 1))) << id;
+        EXPECT_EQ(m_ins->IsNewData(), usable) << id;
+        EXPECT_EQ(m_output->IsDataReady(), test.fault != time) << id;
+        EXPECT_EQ(log.Has(log4cplus::WARN_LOG_LEVEL,
+                          "ReceiveSample: unusable wavefront command, sample_id = " + std::to_string(id) +
+                              ": " + test.fault),
+                  !usable);
     }
-    ASSERT_TRUE(Counted(0, 4));
-    auto spoilt = whole;
-    spoilt.back() = std::numeric_limits<float>::infinity();
-    Send(++id, true, spoilt, START);
-    ASSERT_TRUE(Counted(0, 5));
-    EXPECT_FALSE(m_output->IsNewData());
-    EXPECT_FALSE(m_ins->IsNewData());
-    Send(++id, true);
-    ASSERT_TRUE(Counted(1, 5));
-    EXPECT_EQ(m_ins->GetSampleId(), id);
 }
 
-TEST_F(Streams, CommandInputNeedsATopic) {
+TEST_F(CommandInput, ACommandThatIsTooLongIsAReceiveError) {
+    const LogCapture log;
+    Receive(1, true, std::vector<float>(defs::WAVEFRONT_CMD_SIZE + 1), START);
+    EXPECT_EQ(Counts(m_state), std::pair(0U, 1U));
+    EXPECT_FALSE(m_output->IsNewData());
+    EXPECT_EQ(log.Lines().back().level, log4cplus::WARN_LOG_LEVEL);
+    EXPECT_TRUE(log.Lines().back().text.starts_with("ReceiveSample: error: "));
+}
+
+TEST_F(Streams, CommandInputNeedsATopicAndTheOneFormOfItsBuffer) {
     EXPECT_THROW(AoWavefrontCmdInput{test::CfgOf(
                      "cfg: {busy: false, listen_udp: 1, listen_ip: 127.0.0.1, iface_name: lo}")},
                  oru::configng::PliConfigNotFoundError);
+    const auto refusal = [](const std::string& more) {
+        return TextOf<std::runtime_error>([&] { AoWavefrontCmdInput{Peer::ReceiverNode(more)}; });
+    };
+    EXPECT_EQ(refusal(", endianness: BE"), "ERR: cfg.endianness must be LE");
+    EXPECT_EQ(refusal(", data_unit_size: 2"), "ERR: cfg.data_unit_size must be 4");
+    EXPECT_EQ(refusal(", leader_extended_info_size: 0"), "ERR: cfg.leader_extended_info_size must be 4");
 }
 
 }  // namespace

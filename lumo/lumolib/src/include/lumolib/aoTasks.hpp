@@ -72,9 +72,12 @@ protected:
 private:
     struct Plan {
         defs::VoskControlMode mode;
-        defs::AoCommandSource source;
+        defs::AoCommandSource source;  // NONE also where the setpoint is kept back
         time_point send_time;
     };
+
+    // Why M4's answer counts as none.
+    enum class AnswerFault { NONE, MISSING, OTHER_SAMPLE, NO_NUMBERS };
 
     // One wake-up and all that follows from it. False: the thread was stopped while it waited for input.
     bool RunCycle();
@@ -82,11 +85,12 @@ private:
     Plan ReceiveCommand();
     void AssembleCommand();
     void ClearInputs();
-    void SendSetpoint(const Plan& plan);
+    void SendSetpoint(Plan& plan);
     void PublishApplied(const Plan& plan, std::span<float, defs::INS_CMD_SIZE> applied,
                         time_point applied_time);
-    void DriveHandover(defs::VoskControlMode mode, const InsCmdData& command);
-    std::span<float, defs::INS_CMD_SIZE> ProcessAnswer(time_point& applied_time);
+    AnswerFault FaultOfAnswer() const;
+    std::span<float, defs::INS_CMD_SIZE> TakeAnswer(AnswerFault fault, time_point& applied_time);
+    void LogFault(AnswerFault fault, std::uint32_t received_id) const;
 
     // Constant after construction.
     Config m_config;

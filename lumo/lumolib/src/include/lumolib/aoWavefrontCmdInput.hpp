@@ -1,7 +1,8 @@
 #pragma once
 
 // The thread that receives the wavefront commands of the instrument, the clock of the INS-driven modes. It
-// hands each command to AoTasks, and wakes the AO output with the command's time stamps, valid or not.
+// hands each command to AoTasks, and wakes the AO output with the command's time stamps, valid or not. One
+// that could do harm is kept from AoTasks, one without a usable time from both.
 
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/lumoRxTx.hpp>
@@ -21,22 +22,24 @@ public:
     explicit AoWavefrontCmdInput(const oru::configng::PliConfigInstanceNode& node);
 
 protected:
-    void Work(std::promise<void>& started) override;
-
-private:
-    using LeaderPacket = pktwire::lspx::Receiver::LeaderPacket;
-    using TrailerPacket = pktwire::lspx::Receiver::TrailerPacket;
-
     struct Buffers {
         defs::AoWavefrontCmdStream::ExtInfo::Header header{};
         defs::AoWavefrontCmdStream::Payload payload{};
     };
 
+    void Work(std::promise<void>& started) override;
+    // One receive call and what follows from it.
+    void RunCycle(Buffers& buffers);
+
+private:
+    using LeaderPacket = pktwire::lspx::Receiver::LeaderPacket;
+    using TrailerPacket = pktwire::lspx::Receiver::TrailerPacket;
+
     void OnError(const std::error_code& error, time_point now);
-    static const char* FaultOf(const LeaderPacket& leader, const TrailerPacket& trailer,
-                               const Buffers& buffers, time_point receive_time);
-    void OnFaultySample(defs::sample_id_t id, const char* fault, time_point now);
-    void OnSample(const TrailerPacket& trailer, const Buffers& buffers, time_point receive_time);
+    void OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, const Buffers& buffers,
+                  time_point receive_time);
+    static const char* FaultOf(const LeaderPacket& leader, const Buffers& buffers);
+    void OnFault(const char* fault, defs::sample_id_t id, time_point receive_time);
 
     const std::shared_ptr<AoTasksInsDataSync> m_ins_sync;
     const std::shared_ptr<AoOutputDataSync> m_output_sync;

@@ -24,6 +24,8 @@ public:
 
 protected:
     void Work(std::promise<void>& started) override;
+    // One receive call and what follows from it.
+    void RunCycle();
 
 private:
     void OnError(const std::error_code& error, time_point now);
@@ -42,6 +44,8 @@ public:
 
 protected:
     void Work(std::promise<void>& started) override;
+    // One receive call and what follows from it.
+    void RunCycle(defs::M4Feedback::Payload& payload);
 
 private:
     static void OnError(const std::error_code& error);

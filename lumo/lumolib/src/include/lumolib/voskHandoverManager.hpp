@@ -46,7 +46,22 @@ public:
     // The host's thread, as observer of the control mode.
     void ControlModeChangeCallback(defs::VoskControlMode from, defs::VoskControlMode to);
 
-    // The thread of AoTasks. Events that don't fit the state are dropped.
+    // The thread of AoTasks: one of its cycles, whose wavefront command is `valid` or not. Where the
+    // reference shape is due, `update_ref_shape()` comes first: it must be in force when that command is
+    // processed.
+    template <class UpdateRefShape>
+    void RegisterCycle(defs::VoskControlMode mode, bool valid, UpdateRefShape&& update_ref_shape) {
+        if (!defs::IsInsDriven(mode)) return RegisterCcsCommandReceived(mode);
+        const int state = GetState();
+        if (state == INS_CONTROL) return;
+        if (state == HANDOVER_UPDATE_REF_SHAPE) {
+            update_ref_shape();
+            RegisterM4RefShapeUpdate();
+        }
+        RegisterInsCommandReceived(valid, mode);
+    }
+
+    // The single events of a cycle. Those that don't fit the state are dropped.
     void RegisterM4RefShapeUpdate();
     void RegisterInsCommandReceived(bool valid, defs::VoskControlMode mode);
     void RegisterCcsCommandReceived(defs::VoskControlMode mode);

@@ -10,6 +10,9 @@
 
 namespace vosk::common::math {
 
+// values *= scale. A scale of 0 gives zeroes, also where a value is infinite or no number.
+void ScaleVector(float scale, std::span<float> values);
+
 // y += alpha * x. Precondition: x.size() == y.size().
 void cblas_AddVectors(float alpha, std::span<const float> x, std::span<float> y);
 
