@@ -1,6 +1,7 @@
 // vosk-rig: the bench telescope. Exit code 0 if the verdict of the run holds, 1 if it doesn't, 2 if the run
 // could not be made.
 
+#include "cameraFiles.hpp"
 #include "htmlReport.hpp"
 #include "run.hpp"
 
@@ -27,18 +28,30 @@ std::filesystem::path HostBesideRig() {
            "lumo/host/vosk-host";
 }
 
-int MakeData(const std::filesystem::path& directory, std::uint32_t modes) {
+struct DataOptions {
+    std::filesystem::path directory;
+    std::uint32_t modes = 200;
+    std::uint64_t seed = 1;
+    std::size_t subapertures = WfsGrid::MOST;
+};
+
+int MakeData(const DataOptions& options) {
+    const std::filesystem::path directory = std::filesystem::absolute(options.directory);
     Scenario scenario;
     scenario.name = "make-data";
-    scenario.host.managed_modes = modes;
-    const std::filesystem::path basis_file = std::filesystem::absolute(directory / "m2p.fits");
+    scenario.host.managed_modes = options.modes;
+    const std::filesystem::path basis_file = directory / "m2p.fits";
     std::filesystem::create_directories(directory);
-    const ModalBasis basis = MakeModalBasis(modes);
+    const ModalBasis basis = MakeModalBasis(options.modes);
     WriteModalBasis(basis_file, basis);
     const SaturationLimits limits = ChooseLimits(basis, scenario);
     WriteTextFile(directory / "host.yaml", MakeHostDocument(scenario, Ports{}, basis_file, limits));
-    fmt::print("{}: {} modes by {} actuators\n{}: a configuration for vosk-host\n", basis_file.string(),
-               modes, defs::M4_CMD_SIZE, (directory / "host.yaml").string());
+    WriteCameraFiles(directory, MakeCameraSet(options.seed, options.subapertures));
+    fmt::print(
+        "{}: {} modes by {} actuators\n{}: a configuration for vosk-host\n"
+        "{}: what the cameras of seed {} are like; set CFGPATH to {}\n",
+        basis_file.string(), options.modes, defs::M4_CMD_SIZE, (directory / "host.yaml").string(),
+        (directory / "cameras.yaml").string(), options.seed, directory.string());
     return 0;
 }
 
@@ -60,12 +73,15 @@ int Main(int argc, char** argv) {
     CLI::App app("The bench telescope: simulated peers around vosk-host, and a verdict on what they saw.");
     app.require_subcommand(1);
 
-    std::filesystem::path directory;
-    std::uint32_t modes = 200;
+    DataOptions data;
     CLI::App* make_data =
         app.add_subcommand("make-data", "Write calibration data and a configuration for the host");
-    make_data->add_option("directory", directory, "where to write")->required();
-    make_data->add_option("--modes", modes, "managed modes")->check(CLI::Range(2, 4866));
+    make_data->add_option("directory", data.directory, "where to write")->required();
+    make_data->add_option("--modes", data.modes, "managed modes")->check(CLI::Range(2, 4866));
+    make_data->add_option("--seed", data.seed, "which sensors the cameras have");
+    make_data
+        ->add_option("--subapertures", data.subapertures, "of the wavefront sensor, nearest to its middle")
+        ->check(CLI::Range(std::size_t{30}, WfsGrid::MOST));
 
     std::filesystem::path file;
     RunPaths paths;
@@ -79,7 +95,7 @@ int Main(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
 
-    if (make_data->parsed()) return MakeData(directory, modes);
+    if (make_data->parsed()) return MakeData(data);
     return RunScenario(file, std::move(paths), seconds);
 }
 

@@ -1,5 +1,7 @@
 #include "wavefront.hpp"
 
+#include "portableRandom.hpp"
+
 #include <cmath>
 #include <numbers>
 #include <random>
@@ -8,14 +10,6 @@ namespace vosk::rig {
 namespace {
 
 constexpr std::size_t NOISE_WINDOWS = 8192;
-
-// A mixing function of full period: neighbouring numbers give unrelated values.
-std::uint64_t Scatter(std::uint64_t number) {
-    number += 0x9E3779B97F4A7C15ULL;
-    number = (number ^ (number >> 30U)) * 0xBF58476D1CE4E5B9ULL;
-    number = (number ^ (number >> 27U)) * 0x94D049BB133111EBULL;
-    return number ^ (number >> 31U);
-}
 
 // Amplitude of an element of a command. Turbulence has its strength in the low modes; the exponent is that
 // of modal rms against mode number in a Kolmogorov atmosphere.

@@ -1,0 +1,101 @@
+#include "cameraFiles.hpp"
+
+#include "fitsImage.hpp"
+#include "htmlReport.hpp"
+#include "lisaReadout.hpp"
+
+#include <fmt/format.h>
+#include <yaml-cpp/yaml.h>
+#include <vosk/defs/sizes.hpp>
+
+#include <cmath>
+
+namespace vosk::rig {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* LISA_TABLE_FILE = "data/scrambling/lisa_descrambling_vector.fits";
+
+void WriteSensor(const fs::path& directory, const CameraSensor& sensor) {
+    const std::vector<std::size_t> axes{sensor.model.width, sensor.model.height};
+    WriteFitsImage<float>(directory / "dark.fits", sensor.Image(sensor.bias), axes);
+    WriteFitsImage<float>(directory / "flat.fits", sensor.Image(sensor.flat), axes);
+}
+
+void WriteGrid(const fs::path& directory, const WfsGrid& grid) {
+    std::vector<std::uint16_t> rois;
+    std::vector<float> references;
+    for (const Subaperture& sub : grid.subapertures) {
+        rois.insert(rois.end(), {sub.x_start, sub.x_stop, sub.y_start, sub.y_stop});
+        references.insert(references.end(), {sub.ref_x, sub.ref_y});
+    }
+    const std::size_t count = grid.subapertures.size();
+    WriteFitsImage<std::uint16_t>(directory / "rois.fits", rois, {4, count});
+    WriteFitsImage<float>(directory / "reference_points.fits", references, {2, count});
+    // The axes are those that the reader asks for. The values stand in the order in which it applies them:
+    // a run of GPAO_CMD_SIZE for each slope.
+    WriteFitsImage<float>(directory / "control_matrix.fits", MakeControlMatrix(grid, defs::GPAO_CMD_SIZE),
+                          {2 * count, defs::GPAO_CMD_SIZE});
+}
+
+// As YAML has it, whatever the directory is called.
+std::string Quoted(const fs::path& file) {
+    return YAML::Dump(YAML::Node(file.string()));
+}
+
+std::string BadPixelSection(const CameraSensor& sensor) {
+    std::string text =
+        "  bad_pixel_correction:\n    pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1]\n    bad_pixels:";
+    for (const BadPixel& pixel : sensor.bad_pixels)
+        text += fmt::format("\n      - [{}, {}]", pixel.x, pixel.y);
+    return text + "\n";
+}
+
+std::string SensorSection(const fs::path& directory, const CameraSensor& sensor) {
+    const std::string& name = sensor.model.name;
+    const fs::path data = directory / "data" / name;
+    // Five times the noise of a pixel without a spot.
+    const double background_rms = std::sqrt(double{sensor.model.read_noise} * sensor.model.read_noise +
+                                            double{sensor.model.gain} * sensor.model.background);
+    const double threshold = sensor.model.background + 5.0 * background_rms;
+    return fmt::format(
+        "{}:\n  noise_removal:\n    dark_path: {}\n    flat_path: {}\n"
+        "  centroiding_algorithm: {{type: tsh, treshold: {:.1f}}}\n{}",
+        name, Quoted(data / "dark.fits"), Quoted(data / "flat.fits"), threshold, BadPixelSection(sensor));
+}
+
+}  // namespace
+
+CameraSet MakeCameraSet(std::uint64_t seed, std::size_t subapertures) {
+    return {MakeSensor(LisaModel(), seed), MakeSensor(AliceModel(), seed), MakeSensor(MaranaModel(), seed),
+            MakeWfsGrid(subapertures, seed)};
+}
+
+std::string MakeCameraDocument(const fs::path& directory, const CameraSet& cameras) {
+    const fs::path lisa = directory / "data" / "lisa";
+    return fmt::format(
+               "# Sections for the cameras of a configuration document. LISA's descrambling vector is found "
+               "by\n"
+               "# its name, {}, if CFGPATH names this directory.\n",
+               LISA_TABLE_FILE) +
+           SensorSection(directory, cameras.lisa) +
+           fmt::format(
+               "  rois_path: {}\n  reference_points_path: {}\n  control_matrix_path: {}\n"
+               "  modes2tt_matrix: [1, 0, 0, 1]  # the first two modes are tip and tilt, in pixels\n",
+               Quoted(lisa / "rois.fits"), Quoted(lisa / "reference_points.fits"),
+               Quoted(lisa / "control_matrix.fits")) +
+           SensorSection(directory, cameras.alice) + SensorSection(directory, cameras.marana);
+}
+
+void WriteCameraFiles(const fs::path& directory, const CameraSet& cameras) {
+    const fs::path data = directory / "data";
+    const std::vector<std::uint32_t> table = MakeLisaDescramblingTable();
+    WriteFitsImage<std::uint32_t>(directory / LISA_TABLE_FILE, table, {table.size()});
+    for (const CameraSensor* sensor : {&cameras.lisa, &cameras.alice, &cameras.marana})
+        WriteSensor(data / sensor->model.name, *sensor);
+    WriteGrid(data / "lisa", cameras.grid);
+    WriteTextFile(directory / "cameras.yaml", MakeCameraDocument(directory, cameras));
+}
+
+}  // namespace vosk::rig

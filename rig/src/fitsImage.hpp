@@ -1,0 +1,26 @@
+#pragma once
+
+// Writes the rig's FITS images: beside the file and moved into place, so that an interrupted run leaves no
+// half of one.
+
+#include <vosk/common/fits.hpp>
+
+#include <filesystem>
+#include <span>
+#include <vector>
+
+namespace vosk::rig {
+
+// NAXIS1 first in `axes`. Missing directories are made. Throws std::runtime_error.
+template <class T>
+void WriteFitsImage(const std::filesystem::path& file, std::span<const T> values,
+                    const std::vector<std::size_t>& axes) {
+    const std::filesystem::path partial = file.string() + ".part";
+    {
+        const auto fits = common::Fits::FitsFileWrite(partial.string(), true);
+        common::Fits::WriteImg<T>(fits, values, axes);
+    }
+    std::filesystem::rename(partial, file);
+}
+
+}  // namespace vosk::rig
