@@ -1,5 +1,5 @@
-// M4Output as a thread, M4Input, M4FeedbackInput and AoWavefrontCmdInput cycle by cycle: the test plays
-// AoTasks on one side and the network's peers on the other.
+// M4Output, M4Input, M4FeedbackInput and AoWavefrontCmdInput, cycle by cycle without their threads: the test
+// plays AoTasks on one side and the network's peers on the other.
 
 #include "testSupport.hpp"
 
@@ -18,7 +18,6 @@
 #include <lumolib/m4Output.hpp>
 #include <lumolib/voskHandoverManager.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
-#include <mutex>
 #include <pktwire/detail/wire.hpp>
 #include <vosk/common/shmif/shmIf.hpp>
 #include <vosk/test/logCapture.hpp>
@@ -32,7 +31,6 @@ using defs::M4_CMD_SIZE;
 using defs::VoskControlMode;
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
-using test::Eventually;
 using ::testing::ElementsAre;
 using vosk::test::LogCapture;
 using vosk::test::TextOf;
@@ -67,85 +65,78 @@ protected:
 class RecordingSocket : public pktwire::TxSocket {
 public:
     std::error_code Send(std::span<mmsghdr> messages) noexcept override {
-        const std::lock_guard lock{m_mutex};
         for (const mmsghdr& message : messages) {
-            if (m_datagrams.size() + 1 >= fail_from) return std::make_error_code(error);
+            if (datagrams.size() + 1 >= fail_from) return std::make_error_code(error);
             std::string bytes;
             for (std::size_t i = 0; i < message.msg_hdr.msg_iovlen; ++i) {
                 const iovec& piece = message.msg_hdr.msg_iov[i];
                 bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
             }
-            m_datagrams.push_back(std::move(bytes));
+            datagrams.push_back(std::move(bytes));
         }
         return {};
     }
 
-    std::vector<std::string> Datagrams() const {
-        const std::lock_guard lock{m_mutex};
-        return m_datagrams;
-    }
-
-    std::size_t fail_from = std::string::npos;  // counts from 1; set before the thread runs
+    std::vector<std::string> datagrams;
+    std::size_t fail_from = std::string::npos;  // counts from 1
     std::errc error = std::errc::no_buffer_space;
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_datagrams;  // guarded by m_mutex
 };
 
-class RecordedM4Output : public M4Output {
+class SteppedM4Output : public M4Output {
 public:
-    RecordedM4Output(const oru::configng::PliConfigInstanceNode& node, pktwire::TxSocket& socket)
+    SteppedM4Output(const oru::configng::PliConfigInstanceNode& node, pktwire::TxSocket& socket)
         : M4Output{node} {
         m_sender = std::make_unique<pktwire::qudex::Sender>(m_qudex_cfg, socket, nullptr);
+        common::SetRunning(m_running, true);
+    }
+    ~SteppedM4Output() override { common::SetRunning(m_running, false); }
+
+    void Send(AtomClk::time_point send_time, defs::sample_id_t id) {
+        std::array<float, M4_CMD_SIZE> setpoint{};
+        setpoint[0] = 1.5F;
+        setpoint[1] = -2.0F;
+        setpoint[M4_CMD_SIZE - 1] = 4.0F;
+        const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
+            M4OutputDataSync::InstanceTag::DEFAULT, false);
+        sync->SetData(setpoint, send_time, id, AtomClk::now());
+        EXPECT_TRUE(RunCycle());
     }
 };
 
 class M4OutputTest : public Streams {
 protected:
-    void Start() { m_thread.Start().get(); }
-    ~M4OutputTest() override { m_thread.Stop(); }
-
-    void Handle(AtomClk::time_point send_time, defs::sample_id_t id) {
-        std::array<float, M4_CMD_SIZE> setpoint{};
-        setpoint[0] = 1.5F;
-        setpoint[1] = -2.0F;
-        setpoint[M4_CMD_SIZE - 1] = 4.0F;
-        m_sync->SetData(setpoint, send_time, id, AtomClk::now());
+    static std::uint32_t Sent() {
+        return RuntimeMonitor::GetInstance().m_m4_output_state->GetTopicData().sample_count;
     }
 
-    std::uint32_t Sent() const {
-        return RuntimeMonitor::GetInstance().m_m4_output_state->GetTopicData().sample_count;
+    pktwire::wire::QudexHeader Header(std::size_t datagram) const {
+        pktwire::wire::QudexHeader header;
+        std::memcpy(&header, m_socket.datagrams.at(datagram).data(), sizeof header);
+        return header;
     }
 
     atomclk::ManualClock m_clock{START};
     RecordingSocket m_socket;
-    RecordedM4Output m_thread{
+    SteppedM4Output m_output{
         test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: \"2500 us\", "
                     "send_offset: \"250 us\", qudex_topic: 7}"),
         m_socket};
-    std::shared_ptr<M4OutputDataSync> m_sync = Get<M4OutputDataSync>(false);
 };
 
 TEST_F(M4OutputTest, TellsItsGridAndSendsThreeSegmentsInPlace) {
-    EXPECT_EQ(m_sync->send_interval.load(), std::chrono::milliseconds{2});  // whole milliseconds
-    EXPECT_EQ(m_sync->send_offset.load(), microseconds{250});
-    Start();
-    Handle(START, 500);
-    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
-
-    const auto datagrams = m_socket.Datagrams();
-    ASSERT_EQ(datagrams.size(), 3U);
+    EXPECT_EQ(Get<M4OutputDataSync>(false)->send_interval.load(),
+              std::chrono::milliseconds{2});  // whole ones
+    EXPECT_EQ(Get<M4OutputDataSync>(false)->send_offset.load(), microseconds{250});
+    m_output.Send(START, 500);
+    ASSERT_EQ(m_socket.datagrams.size(), 3U);
     std::string record;
     constexpr std::array<std::size_t, 3> SIZES{7136, 7136, 7144};
     for (std::size_t i = 0; i < 3; ++i) {
-        ASSERT_EQ(datagrams[i].size(), sizeof(pktwire::wire::QudexHeader) + SIZES[i]);
-        pktwire::wire::QudexHeader header;
-        std::memcpy(&header, datagrams[i].data(), sizeof header);
-        EXPECT_EQ(header.sample_id, 500U);
-        EXPECT_EQ(AtomClk::time_point{header.timestamp}, START);
-        EXPECT_EQ(header.frame_number, i + 1);
-        record += datagrams[i].substr(sizeof header);
+        EXPECT_EQ(m_socket.datagrams[i].size(), sizeof(pktwire::wire::QudexHeader) + SIZES[i]);
+        EXPECT_EQ(Header(i).sample_id, 500U);
+        EXPECT_EQ(AtomClk::time_point{Header(i).timestamp}, START);
+        EXPECT_EQ(Header(i).frame_number, i + 1);
+        record += m_socket.datagrams[i].substr(sizeof(pktwire::wire::QudexHeader));
     }
     EXPECT_EQ(record.substr(0, 8), (std::string{"\x3f\xc0\0\0\xc0\0\0\0", 8}));
     EXPECT_EQ(record.substr(21404), (std::string{"\x40\x80\0\0\0\0\0\0\0\0\0\x01", 12}));
@@ -155,72 +146,57 @@ TEST_F(M4OutputTest, TellsItsGridAndSendsThreeSegmentsInPlace) {
 
 TEST_F(M4OutputTest, DropsASetpointOneNanosecondTooLate) {
     const LogCapture log;
-    Start();
-    Handle(START - microseconds{50} - nanoseconds{1}, 1);
-    const auto late =
-        "M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff = "
-        "+50 us, no data will be sent!";
-    ASSERT_TRUE(Eventually([&] { return log.Has(log4cplus::ERROR_LOG_LEVEL, late); }));
-    Handle(START - microseconds{50}, 2);
-    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
-    Handle({}, 3);  // no send time: at once, with the present time
-    ASSERT_TRUE(Eventually([this] { return Sent() == 2; }));
-    const auto datagrams = m_socket.Datagrams();
-    ASSERT_EQ(datagrams.size(), 6U);
-    pktwire::wire::QudexHeader header;
-    std::memcpy(&header, datagrams[3].data(), sizeof header);
-    EXPECT_EQ(AtomClk::time_point{header.timestamp}, START);
+    m_output.Send(START - microseconds{50} - nanoseconds{1}, 1);
+    EXPECT_EQ(Sent(), 0U);
+    EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL,
+                        "M4Output::Work(): Got 'am:setpoint' message with a send time that has already "
+                        "passed, diff = +50 us, no data will be sent!"));
+    m_output.Send(START - microseconds{50}, 2);
+    m_output.Send({}, 3);  // no send time: at once, with the present time
+    EXPECT_EQ(Sent(), 2U);
+    EXPECT_EQ(AtomClk::time_point{Header(3).timestamp}, START);
 }
 
 TEST_F(M4OutputTest, AnErrorOnASegmentEndsTheSampleButNotTheStream) {
     const LogCapture log;
     m_socket.fail_from = 2;
-    Start();
-    Handle(START, 1);
-    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));  // booked as sent
-    EXPECT_EQ(m_socket.Datagrams().size(), 1U);
+    m_output.Send(START, 1);
+    EXPECT_EQ(Sent(), 1U);  // booked as sent
+    EXPECT_EQ(m_socket.datagrams.size(), 1U);
     EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
                         "M4Output::Work(): SendPacket: " + std::make_error_code(m_socket.error).message()));
-    Handle(START, 2);
-    EXPECT_TRUE(Eventually([this] { return Sent() == 2; }));
+    m_output.Send(START, 2);
+    EXPECT_EQ(Sent(), 2U);
 }
 
 TEST_F(M4OutputTest, AnAbsentMirrorIsNoError) {
     const LogCapture log;
     m_socket.fail_from = 1;
     m_socket.error = std::errc::connection_refused;
-    Start();
-    Handle(START, 1);
-    ASSERT_TRUE(Eventually([this] { return Sent() == 1; }));
+    m_output.Send(START, 1);
+    EXPECT_EQ(Sent(), 1U);
     for (const auto& line : log.Lines()) EXPECT_LT(line.level, log4cplus::WARN_LOG_LEVEL) << line.text;
 }
 
 // With the address of a collector's agent, as a host that has one sets it.
 class M4Telemetry : public Streams {
 protected:
-    M4Telemetry() { common::telegraf::TelemSender::m_default_telegraph_host_ip_addr = "127.0.0.1"; }
+    using Sender = common::telegraf::TelemSender;
+    M4Telemetry() { Sender::m_default_telegraph_host_ip_addr = "127.0.0.1"; }
     ~M4Telemetry() override {
-        common::telegraf::TelemSender::m_default_telegraph_host_ip_addr.clear();
-        common::telegraf::TelemSender::m_default_telegraph_port = 0;
+        Sender::m_default_telegraph_host_ip_addr.clear();
+        Sender::m_default_telegraph_port = 0;
     }
 
     // The lines of three setpoints, 10 us and 20 us apart, of which the last has the ID of a thinned sample.
-    std::vector<std::string> Lines(int port) {
-        common::telegraf::TelemSender::m_default_telegraph_port = port;
+    static std::vector<std::string> Lines(int port) {
+        Sender::m_default_telegraph_port = port;
         const atomclk::ManualClock clock{START};
         RecordingSocket socket;
-        RecordedM4Output thread{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9}"), socket};
-        const auto sync = Get<M4OutputDataSync>(false);
-        thread.Start().get();
-        const auto state = RuntimeMonitor::GetInstance().m_m4_output_state;
-        auto sent = state->GetTopicData().sample_count;
-        unsigned id = 497;
-        for (const microseconds ago : {microseconds{40}, microseconds{30}, microseconds{10}}) {
-            sync->SetData(std::array<float, M4_CMD_SIZE>{}, START - ago, ++id, AtomClk::now());
-            ++sent;
-            EXPECT_TRUE(Eventually([&] { return state->GetTopicData().sample_count == sent; }));
-        }
-        thread.Stop();
+        SteppedM4Output output{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9}"), socket};
+        output.Send(START - microseconds{40}, 498);
+        output.Send(START - microseconds{30}, 499);
+        output.Send(START - microseconds{10}, 500);
         return Drain();
     }
 
@@ -247,8 +223,6 @@ TEST_F(M4Telemetry, PublishesTheSendPeriodEachFiveHundredthSample) {
                             "),rtc_performance=m4_output m4_time_since_last_send_stddev_ms=0.007"));
     EXPECT_THAT(Lines(0), ElementsAre());  // an agent without a port is none
 }
-
-// ---- Receivers, without their threads -------------------------------------------------------------------
 
 // A peer on the loopback interface that sends to a port of this test program's own.
 class Peer {

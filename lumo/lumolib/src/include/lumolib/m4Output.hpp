@@ -30,6 +30,8 @@ public:
 
 protected:
     void Work(std::promise<void>& started) override;
+    // One setpoint, from the wait for it to the report on it. False: the thread was stopped while it waited.
+    bool RunCycle();
 
 private:
     using time_point = atomclk::AtomClk::time_point;
@@ -39,8 +41,6 @@ private:
         time_point send_time;
     };
 
-    // One setpoint, from the wait for it to the report on it. False: the thread was stopped while it waited.
-    bool RunCycle();
     Setpoint TakeSetpoint();
     // Settles when the setpoint goes. False: too late, it is dropped.
     bool PlanSend(Setpoint& setpoint);
