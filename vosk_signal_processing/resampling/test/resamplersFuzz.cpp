@@ -2,6 +2,7 @@
 // the input tells how many bytes at its end are the samples' course.
 
 #include <oru/configng/pliConfigDocument.hpp>
+#include <vosk/common/logSetup.hpp>
 #include <vosk/defs/valueTypes.hpp>
 #include <vosk/signal_processing/resamplingFactory.hpp>
 
@@ -68,7 +69,7 @@ void Try(const PliConfigInstanceNode& definition, bool waitable, Bytes course) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    vosk::common::GetLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
+    vosk::common::SetupLogging(log4cplus::OFF_LOG_LEVEL, "/dev/null");
     return 0;
 }
 
