@@ -156,9 +156,11 @@ testing::AssertionResult AreSame(const defs::Slope& fast, const defs::Slope& pla
 }
 
 class FastForms : public testing::TestWithParam<std::int64_t> {
-protected:
+public:
     FastForms() { hwy::GetChosenTarget().Update(GetParam()); }
     ~FastForms() override { hwy::GetChosenTarget().DeInit(); }
+    FastForms(const FastForms&) = delete;
+    FastForms& operator=(const FastForms&) = delete;
 };
 
 TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
