@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
-#include <vosk/common/testing/logCapture.hpp>
-#include <vosk/image_processing/roi.hpp>
+#include <vosk/image_processing/pixelRange.hpp>
+#include <vosk/test/logCapture.hpp>
 
 #include <cstdint>
 #include <functional>
@@ -10,9 +10,10 @@
 
 namespace {
 
-using vosk::common::LogCapture;
+using vosk::image_processing::RangeOf;
 using vosk::image_processing::Roi;
 using vosk::image_processing::Window;
+using vosk::test::LogCapture;
 
 constexpr double NOT_KNOWN = std::numeric_limits<double>::quiet_NaN();
 
@@ -88,6 +89,36 @@ TEST(Window, CountsItsFarEdgesIn16Bits) {
     EXPECT_EQ(window.XStop(), 1);
     EXPECT_EQ(window.YStop(), 4);
     EXPECT_EQ((Window{65535, 0, 2, 10}.XStop()), 1);
+}
+
+TEST(PixelRange, IsTheRoiOrTheFrame) {
+    const auto frame = RangeOf({}, 10, 20, "Test");
+    EXPECT_EQ(frame.Width(), 10U);
+    EXPECT_EQ(frame.y_stop, 20U);
+    const auto roi = RangeOf(Roi{1, 10, 3, 20, 99, 99, 0, 0}, 10, 20, "Test");
+    EXPECT_EQ(roi.x_start, 1U);
+    EXPECT_EQ(roi.x_stop, 10U);
+    EXPECT_EQ(roi.y_start, 3U);
+    EXPECT_EQ(roi.y_stop, 20U);
+}
+
+TEST(PixelRange, OfAnEmptyRoiHasNoRowsWhereverItLies) {
+    const auto empty = RangeOf(Roi{50, 60, 70, 70, 99, 99, 0, 0}, 10, 20, "Test");
+    EXPECT_EQ(empty.y_start, empty.y_stop);
+    EXPECT_EQ(RangeOf(Roi{10, 10, 0, 20, 99, 99, 0, 0}, 10, 20, "Test").Width(), 0U);
+}
+
+TEST(PixelRange, RefusesARoiOfALargerFrame) {
+    ExpectRefused(
+        [] {
+            RangeOf(Roi{1, 11, 0, 20, 99, 99, 0, 0}, 10, 20, "Test");
+        },
+        "Test: ROI (1..11),(0..20) does not fit a frame of 10 x 20");
+    ExpectRefused(
+        [] {
+            RangeOf(Roi{1, 10, 0, 21, 99, 99, 0, 0}, 10, 20, "Test");
+        },
+        "Test: ROI (1..10),(0..21) does not fit a frame of 10 x 20");
 }
 
 }  // namespace

@@ -1,0 +1,203 @@
+#include <fmt/format.h>
+#include <vosk/common/fileSystem.hpp>
+#include <vosk/common/fits.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/image_processing/noiseRemoval.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+
+#include "rowCleaning.hpp"
+
+namespace vosk::image_processing {
+
+namespace {
+
+using common::Fits;
+using defs::AlignedFrame;
+
+void RequireSize(const char* what, std::size_t actual, std::size_t expected) {
+    if (actual == expected) return;
+    common::LogAndThrow<std::invalid_argument>(fmt::format("{}: {}, expected: {}", what, actual, expected));
+}
+
+void RequireFrameSize(std::size_t actual, std::size_t expected) {
+    RequireSize("RemoveNoise: unexpected frame size", actual, expected);
+}
+
+AlignedFrame<float> ReadImage(std::size_t width, std::size_t height, const std::string& path) {
+    using Traits = Fits::Traits<float>;
+    AlignedFrame<float> image(width * height);
+    const Fits::Handle file = Fits::FitsFile(common::FileSystem::FindFileOrThrow(path, {}));
+    Fits::ReadImgPriv(file, image.data(), image.size(), Traits::BITPIX, Traits::DATATYPE, {{width, height}});
+    return image;
+}
+
+// The pixels of the range that the window covers; empty at its start where there are none in a direction.
+PixelRange Overlap(const PixelRange& range, const Window& window) {
+    PixelRange overlap{std::max<std::size_t>(range.x_start, window.x_offset),
+                       std::min<std::size_t>(range.x_stop, window.XStop()),
+                       std::max<std::size_t>(range.y_start, window.y_offset),
+                       std::min<std::size_t>(range.y_stop, window.YStop())};
+    overlap.x_stop = std::max(overlap.x_start, overlap.x_stop);
+    overlap.y_stop = std::max(overlap.y_start, overlap.y_stop);
+    return overlap;
+}
+
+}  // namespace
+
+NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height,
+                                   const AlignedFrame<float>& master_bias, const AlignedFrame<float>& flat)
+    : m_master_bias{master_bias}, m_flat{flat} {
+    RequireSize("NoiseRemovalBase: unexpected master bias vector size", m_master_bias.size(), width * height);
+    RequireSize("NoiseRemovalBase: unexpected flat vector size", m_flat.size(), width * height);
+}
+
+NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const std::string& dark_path,
+                                   const std::string& flat_path)
+    : m_master_bias{ReadImage(width, height, dark_path)}, m_flat{ReadImage(width, height, flat_path)} {}
+
+void NoiseRemovalBase::CleanRow(const std::uint16_t* raw, double dynamic_bias, std::size_t first,
+                                std::size_t count, AlignedFrame<float>& cleaned) const {
+    CleanPixels(raw, m_master_bias.data() + first, m_flat.data() + first, dynamic_bias,
+                cleaned.data() + first, count);
+}
+
+LisaNoiseRemoval::LisaNoiseRemoval(const AlignedFrame<float>& master_bias, const AlignedFrame<float>& flat,
+                                   const std::optional<std::string>& scramble_path)
+    : NoiseRemovalBase{LisaGeometry::WIDTH, LisaGeometry::HEIGHT, master_bias, flat},
+      LisaDescrambler{scramble_path} {
+    FindDarkSums();
+}
+
+LisaNoiseRemoval::LisaNoiseRemoval(const std::string& dark_path, const std::string& flat_path,
+                                   const std::optional<std::string>& scramble_path)
+    : NoiseRemovalBase{LisaGeometry::WIDTH, LisaGeometry::HEIGHT, dark_path, flat_path},
+      LisaDescrambler{scramble_path} {
+    FindDarkSums();
+}
+
+void LisaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const std::optional<Window>&,
+                                   const std::optional<Roi>& roi) {
+    RequireFrameSize(frame.size(), m_scrambled_size);
+    const PixelRange range = RangeOf(roi, m_width, m_height, "RemoveNoise");
+    const std::uint16_t* const raw = frame.data();
+    double bias = 0.0;
+    std::size_t hint = 0;
+    for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
+        if (row == range.y_start || row % GROUP_ROWS == 0) bias = ComputeDynamicBias(raw, row / GROUP_ROWS);
+        ForEachPiece(row, range.x_start, range.x_stop, hint, [&](const Piece& piece) {
+            const std::size_t first = row * m_width + piece.x_start;
+            const std::size_t count = piece.x_stop - piece.x_start;
+            if (piece.is_run) {
+                CleanRow(raw + piece.source, bias, first, count, m_frame);
+            } else {
+                CleanScatteredPixels(raw, m_scramble.data() + first, m_master_bias.data() + first,
+                                     m_flat.data() + first, bias, m_frame.data() + first, count);
+            }
+        });
+    }
+}
+
+// In the order of the sum: row by row, in each the regions from the left.
+template <class Visit>
+void LisaNoiseRemoval::ForEachDarkPixel(std::size_t group, Visit&& visit) {
+    for (std::size_t row = group * GROUP_ROWS; row < (group + 1) * GROUP_ROWS; ++row) {
+        for (const auto& [offset, columns] : BIAS_REGIONS) {
+            const std::size_t first = row * LisaGeometry::WIDTH + offset;
+            for (std::size_t pixel = first; pixel < first + columns; ++pixel) visit(pixel);
+        }
+    }
+}
+
+double LisaNoiseRemoval::ComputeDynamicBias(const std::uint16_t* raw, std::size_t group) {
+    CachedBias& cached = m_bias_cache[group];
+    if (cached.generation != m_generation) cached = {m_generation, MeasureDynamicBias(raw, group)};
+    return cached.bias;
+}
+
+double LisaNoiseRemoval::MeasureDynamicBias(const std::uint16_t* raw, std::size_t group) const {
+    const auto count_at = [&](std::size_t pixel) { return raw[m_scramble[pixel]]; };
+    if (const auto& dark_sum = m_dark_sums[group]) {
+        std::uint32_t counts = 0;
+        ForEachDarkPixel(group, [&](std::size_t pixel) { counts += count_at(pixel); });
+        return (counts - *dark_sum) / DARK_PIXELS;
+    }
+    double sum = 0.0;
+    ForEachDarkPixel(group, [&](std::size_t pixel) {
+        sum += static_cast<double>(count_at(pixel));
+        sum -= static_cast<double>(m_master_bias[pixel]);
+    });
+    return sum / DARK_PIXELS;
+}
+
+// Where the master bias is a multiple of 2^-28 and below 2^17, as that of any real camera is, all sums over a
+// group's pixels are multiples of it too and below 2^25: they fit into the 53 bits of a double, nothing is
+// ever rounded, and the counts may be summed by themselves, as integers.
+void LisaNoiseRemoval::FindDarkSums() {
+    constexpr double UNIT = 0x1p-28;
+    static_assert(DARK_PIXELS * (0x1p16 + 0x1p17) < 0x1p25);
+    const auto is_exact = [](double bias) {
+        return std::abs(bias) < 0x1p17 && std::nearbyint(bias / UNIT) * UNIT == bias;
+    };
+    for (std::size_t group = 0; group < GROUPS; ++group) {
+        double sum = 0.0;
+        bool all_exact = true;
+        ForEachDarkPixel(group, [&](std::size_t pixel) {
+            const auto bias = static_cast<double>(m_master_bias[pixel]);
+            sum += bias;
+            all_exact = all_exact && is_exact(bias);
+        });
+        if (all_exact) m_dark_sums[group] = sum;
+    }
+}
+
+AliceNoiseRemoval::AliceNoiseRemoval(const AlignedFrame<float>& master_bias, const AlignedFrame<float>& flat)
+    : NoiseRemovalBase{WIDTH, HEIGHT, master_bias, flat}, m_frame(WIDTH * HEIGHT) {}
+
+AliceNoiseRemoval::AliceNoiseRemoval(const std::string& dark_path, const std::string& flat_path)
+    : NoiseRemovalBase{WIDTH, HEIGHT, dark_path, flat_path}, m_frame(WIDTH * HEIGHT) {}
+
+void AliceNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const std::optional<Window>&,
+                                    const std::optional<Roi>& roi) {
+    RequireFrameSize(frame.size(), WIDTH * HEIGHT);
+    const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
+    for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
+        const std::size_t first = row * WIDTH + range.x_start;
+        CleanRow(frame.data() + first, 0.0, first, range.Width(), m_frame);
+    }
+}
+
+MaranaNoiseRemoval::MaranaNoiseRemoval(const AlignedFrame<float>& master_bias,
+                                       const AlignedFrame<float>& flat)
+    : NoiseRemovalBase{WIDTH, HEIGHT, master_bias, flat}, m_frame(WIDTH * HEIGHT) {}
+
+MaranaNoiseRemoval::MaranaNoiseRemoval(const std::string& dark_path, const std::string& flat_path)
+    : NoiseRemovalBase{WIDTH, HEIGHT, dark_path, flat_path}, m_frame(WIDTH * HEIGHT) {}
+
+void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
+                                     const std::optional<Window>& window, const std::optional<Roi>& roi) {
+    RequireFrameSize(frame.size(), WIDTH * HEIGHT);
+    const Window read = window.value_or(Window{0, 0, WIDTH, HEIGHT});
+    if (read.size > frame.size()) {
+        common::LogAndThrow<std::invalid_argument>(
+            fmt::format("RemoveNoise: window of {} x {} does not fit in a frame of {} pixels", read.width,
+                        read.height, frame.size()));
+    }
+    const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
+    const PixelRange cleaned = Overlap(range, read);
+    for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
+        float* pixels = m_frame.data() + row * WIDTH;
+        if (row < cleaned.y_start || row >= cleaned.y_stop || cleaned.Width() == 0) {
+            std::fill(pixels + range.x_start, pixels + range.x_stop, 0.0F);
+            continue;
+        }
+        std::fill(pixels + range.x_start, pixels + cleaned.x_start, 0.0F);
+        const std::size_t packed = (row - read.y_offset) * read.width + (cleaned.x_start - read.x_offset);
+        CleanRow(frame.data() + packed, 0.0, row * WIDTH + cleaned.x_start, cleaned.Width(), m_frame);
+        std::fill(pixels + cleaned.x_stop, pixels + range.x_stop, 0.0F);
+    }
+}
+
+}  // namespace vosk::image_processing

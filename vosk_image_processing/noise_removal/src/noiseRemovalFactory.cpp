@@ -1,0 +1,46 @@
+#include <fmt/format.h>
+#include <vosk/common/logger.hpp>
+#include <vosk/image_processing/noiseRemovalFactory.hpp>
+
+#include <utility>
+
+namespace vosk::image_processing::factory {
+
+namespace {
+
+using oru::configng::PliConfigInstanceNode;
+
+// Of the master bias and of the flat field.
+std::pair<std::string, std::string> CalibrationPaths(const PliConfigInstanceNode& node,
+                                                     const std::string& key, const char* factory) {
+    if (!node.IsMap() || !node.Has(key) || !node[key].IsMap()) {
+        common::LogAndThrow(fmt::format("{} could not create \"{}\"", factory, key));
+    }
+    const PliConfigInstanceNode section = node[key];
+    if (!section.Has("dark_path") || !section.Has("flat_path")) {
+        common::LogAndThrow(fmt::format("{}: node misconfigured", factory));
+    }
+    return {section["dark_path"].As<std::string>(), section["flat_path"].As<std::string>()};
+}
+
+}  // namespace
+
+std::unique_ptr<LisaNoiseRemoval> CreateLisaNoiseRemoval(const PliConfigInstanceNode& node,
+                                                         const std::string& key) {
+    const auto [dark, flat] = CalibrationPaths(node, key, "CreateLisaNoiseRemoval");
+    return std::make_unique<LisaNoiseRemoval>(dark, flat, std::nullopt);
+}
+
+std::unique_ptr<AliceNoiseRemoval> CreateAliceNoiseRemoval(const PliConfigInstanceNode& node,
+                                                           const std::string& key) {
+    const auto [dark, flat] = CalibrationPaths(node, key, "CreateAliceNoiseRemoval");
+    return std::make_unique<AliceNoiseRemoval>(dark, flat);
+}
+
+std::unique_ptr<MaranaNoiseRemoval> CreateMaranaNoiseRemoval(const PliConfigInstanceNode& node,
+                                                             const std::string& key) {
+    const auto [dark, flat] = CalibrationPaths(node, key, "CreateMaranaNoiseRemoval");
+    return std::make_unique<MaranaNoiseRemoval>(dark, flat);
+}
+
+}  // namespace vosk::image_processing::factory

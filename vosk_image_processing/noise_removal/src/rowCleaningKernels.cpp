@@ -1,0 +1,145 @@
+#include "rowCleaning.hpp"
+
+// Highway compiles this file once for each instruction set.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "rowCleaningKernels.cpp"
+#include <hwy/foreach_target.h>
+#include <hwy/highway.h>
+
+#include <type_traits>
+
+HWY_BEFORE_NAMESPACE();
+namespace vosk::image_processing::HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128
+
+// Without vectors the plain loop does; Highway's own emulation would cut what overflows to the largest float.
+template <class Source>
+HWY_INLINE bool CleanInVectors(const Source&, const float*, const float*, double, float*, std::size_t) {
+    return false;
+}
+
+#else
+
+// Up to four counts, the first in the lowest bits.
+template <std::size_t COUNT>
+HWY_INLINE std::uint64_t Pack(const std::uint16_t* raw, const std::uint32_t* positions) {
+    std::uint64_t packed = 0;
+    for (std::size_t i = 0; i < COUNT; ++i) packed |= std::uint64_t{raw[positions[i]]} << (16 * i);
+    return packed;
+}
+
+// A vector of counts that lie apart, put together in registers: a detour through memory waits for the narrow
+// stores before the wide load, and the gather instructions of CPUs are no faster.
+template <class D>
+HWY_INLINE hn::Vec<D> Gather(D counts, const std::uint16_t* raw, const std::uint32_t* positions) {
+    constexpr std::size_t LANES = hn::MaxLanes(D());
+    if constexpr (HWY_HAVE_SCALABLE) {
+        std::uint16_t values[LANES];
+        for (std::size_t lane = 0; lane < hn::Lanes(counts); ++lane) values[lane] = raw[positions[lane]];
+        return hn::LoadU(counts, values);
+    } else if constexpr (LANES == 8) {
+        const hn::Repartition<std::uint64_t, D> quads;
+        const auto low = hn::Set(quads, Pack<4>(raw, positions));
+        const auto high = hn::Set(quads, Pack<4>(raw, positions + 4));
+        return hn::BitCast(counts, hn::InterleaveLower(quads, low, high));
+    } else {
+        using Word = std::conditional_t<LANES == 4, std::uint64_t, std::uint32_t>;
+        const hn::Repartition<Word, D> word;
+        return hn::BitCast(counts, hn::Set(word, static_cast<Word>(Pack<LANES>(raw, positions))));
+    }
+}
+
+// Whether there were enough pixels for it.
+template <class Source>
+HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, const float* flat,
+                               double dynamic_bias, float* cleaned, std::size_t count) {
+    const hn::CappedTag<double, 8> doubles;
+    const hn::Rebind<float, decltype(doubles)> floats;
+    const hn::Rebind<std::int32_t, decltype(doubles)> integers;
+    const hn::Rebind<std::uint16_t, decltype(doubles)> counts;
+    const std::size_t lanes = hn::Lanes(doubles);
+    if (count < lanes) return false;
+    const auto dynamic = hn::Set(doubles, dynamic_bias);
+    const auto clean = [&](std::size_t i) {
+        const auto raw = hn::PromoteTo(doubles, hn::PromoteTo(integers, source.Many(counts, i)));
+        const auto bias = hn::PromoteTo(doubles, hn::LoadU(floats, master_bias + i));
+        const auto gain = hn::PromoteTo(doubles, hn::LoadU(floats, flat + i));
+        const auto signal = hn::Sub(hn::Sub(raw, bias), dynamic);
+        hn::StoreU(hn::DemoteTo(floats, hn::Div(signal, gain)), floats, cleaned + i);
+    };
+    std::size_t i = 0;
+    for (; i + lanes <= count; i += lanes) clean(i);
+    if (i < count) clean(count - lanes);  // covers some pixels of the vector before again
+    return true;
+}
+
+#endif
+
+// Where the counts of a stretch of pixels come from: one, or a vector of them.
+struct InOrder {
+    const std::uint16_t* raw;
+
+    std::uint16_t One(std::size_t i) const { return raw[i]; }
+    template <class D>
+    HWY_INLINE auto Many(D counts, std::size_t i) const {
+        return hn::LoadU(counts, raw + i);
+    }
+};
+
+struct Scattered {
+    const std::uint16_t* raw;
+    const std::uint32_t* positions;
+
+    std::uint16_t One(std::size_t i) const { return raw[positions[i]]; }
+    template <class D>
+    HWY_INLINE auto Many(D counts, std::size_t i) const {
+        return Gather(counts, raw, positions + i);
+    }
+};
+
+template <class Source>
+HWY_INLINE void Clean(const Source& source, const float* master_bias, const float* flat, double dynamic_bias,
+                      float* cleaned, std::size_t count) {
+    if (CleanInVectors(source, master_bias, flat, dynamic_bias, cleaned, count)) return;
+    for (std::size_t i = 0; i < count; ++i) {
+        const double signal = static_cast<double>(source.One(i)) - static_cast<double>(master_bias[i]);
+        cleaned[i] = static_cast<float>((signal - dynamic_bias) / static_cast<double>(flat[i]));
+    }
+}
+
+void CleanPixels(const std::uint16_t* raw, const float* master_bias, const float* flat, double dynamic_bias,
+                 float* cleaned, std::size_t count) {
+    Clean(InOrder{raw}, master_bias, flat, dynamic_bias, cleaned, count);
+}
+
+void CleanScatteredPixels(const std::uint16_t* raw, const std::uint32_t* positions, const float* master_bias,
+                          const float* flat, double dynamic_bias, float* cleaned, std::size_t count) {
+    Clean(Scattered{raw, positions}, master_bias, flat, dynamic_bias, cleaned, count);
+}
+
+}  // namespace vosk::image_processing::HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace vosk::image_processing {
+
+HWY_EXPORT(CleanPixels);
+
+void CleanPixels(const std::uint16_t* raw, const float* master_bias, const float* flat, double dynamic_bias,
+                 float* cleaned, std::size_t count) {
+    HWY_DYNAMIC_DISPATCH(CleanPixels)(raw, master_bias, flat, dynamic_bias, cleaned, count);
+}
+
+HWY_EXPORT(CleanScatteredPixels);
+
+void CleanScatteredPixels(const std::uint16_t* raw, const std::uint32_t* positions, const float* master_bias,
+                          const float* flat, double dynamic_bias, float* cleaned, std::size_t count) {
+    HWY_DYNAMIC_DISPATCH(CleanScatteredPixels)
+    (raw, positions, master_bias, flat, dynamic_bias, cleaned, count);
+}
+
+}  // namespace vosk::image_processing
+#endif

@@ -1,0 +1,157 @@
+// ALICE and MARANA, whose raw frames lie in the order of the image.
+
+#include <gmock/gmock.h>
+#include <vosk/image_processing/noiseRemoval.hpp>
+#include <vosk/test/support.hpp>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "plainCleaning.hpp"
+
+namespace vosk::image_processing {
+namespace {
+
+using defs::AlignedFrame;
+using test::TextOf;
+
+template <class Removal>
+struct Camera {
+    static constexpr std::uint16_t WIDTH = Removal::WIDTH;
+    static constexpr std::uint16_t HEIGHT = Removal::HEIGHT;
+    static constexpr std::size_t SIZE = std::size_t{WIDTH} * HEIGHT;
+
+    Camera() {
+        std::generate(raw.begin(), raw.end(), [this] { return values.Raw(); });
+        std::generate(bias.begin(), bias.end(), [this] { return values.Bias(); });
+        std::generate(flat.begin(), flat.end(), [this] { return values.Flat(); });
+    }
+
+    // The window's pixels stand packed at the start of the raw frame; all others are cleaned to zero.
+    void Plain(const Window& window, const Roi& roi) {
+        const auto x_stop = static_cast<std::uint16_t>(window.x_offset + window.width);
+        const auto y_stop = static_cast<std::uint16_t>(window.y_offset + window.height);
+        for (std::size_t y = roi.y_start; y < roi.y_stop; ++y) {
+            for (std::size_t x = roi.x_start; x < roi.x_stop; ++x) {
+                const std::size_t i = y * WIDTH + x;
+                const bool is_read = x >= window.x_offset && x < x_stop && y >= window.y_offset && y < y_stop;
+                if (is_read) {
+                    const std::size_t packed = (y - window.y_offset) * window.width + (x - window.x_offset);
+                    expected[i] =
+                        static_cast<float>((static_cast<double>(raw[packed]) - static_cast<double>(bias[i])) /
+                                           static_cast<double>(flat[i]));
+                } else {
+                    expected[i] = 0.0F;
+                }
+            }
+        }
+    }
+
+    static Roi At(unsigned x_start, unsigned x_stop, unsigned y_start, unsigned y_stop) {
+        const auto cut = [](unsigned value) { return static_cast<std::uint16_t>(value); };
+        return {cut(x_start), cut(x_stop), cut(y_start), cut(y_stop), WIDTH, HEIGHT, 0.0, 0.0};
+    }
+
+    Values values{31};
+    AlignedFrame<std::uint16_t> raw = AlignedFrame<std::uint16_t>(SIZE);
+    AlignedFrame<float> bias = AlignedFrame<float>(SIZE);
+    AlignedFrame<float> flat = AlignedFrame<float>(SIZE);
+    AlignedFrame<float> expected = AlignedFrame<float>(SIZE);
+};
+
+using InOrder = OnEachInstructionSet;
+INSTANTIATE_TEST_SUITE_P(Targets, InOrder, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
+
+TEST_P(InOrder, AliceGivesTheBitsOfThePlainLoopForEveryRoi) {
+    Camera<AliceNoiseRemoval> camera;
+    AliceNoiseRemoval removal{camera.bias, camera.flat};
+    const Window all{0, 0, 240, 240};
+    for (const Roi& roi : {camera.At(0, 24, 0, 24), camera.At(216, 240, 216, 240), camera.At(239, 240, 3, 99),
+                           camera.At(1, 240, 239, 240), camera.At(7, 14, 7, 14), camera.At(9, 9, 0, 240),
+                           camera.At(0, 9, 8, 8), camera.At(0, 240, 0, 240)}) {
+        removal.RemoveNoise(camera.raw, Window{5, 5, 1, 1}, roi);
+        camera.Plain(all, roi);
+        ASSERT_EQ(Bits(removal.GetFrame()), Bits(camera.expected)) << roi.x_start << ' ' << roi.y_start;
+    }
+    for (std::uint16_t& count : camera.raw) ++count;
+    removal.RemoveNoise(camera.raw, {}, {});
+    camera.Plain(all, camera.At(0, 240, 0, 240));
+    EXPECT_EQ(Bits(removal.GetFrame()), Bits(camera.expected));
+}
+
+TEST_P(InOrder, MaranaGivesTheBitsOfThePlainLoopForEveryWindowAndRoi) {
+    using Marana = Camera<MaranaNoiseRemoval>;
+    Marana camera;
+    MaranaNoiseRemoval removal{camera.bias, camera.flat};
+    removal.RemoveNoise(camera.raw, {}, {});
+    camera.Plain({0, 0, 2048, 2048}, Marana::At(0, 2048, 0, 2048));
+    ASSERT_EQ(Bits(removal.GetFrame()), Bits(camera.expected)) << "without a window";
+    const Window windows[]{{0, 0, 2048, 2048},   {500, 600, 100, 80},
+                           {2000, 2000, 48, 48}, {0, 0, 1, 1},
+                           {510, 0, 3, 2048},    {0, 0, 0, 0},
+                           {500, 600, 0, 80},    {0, 0, 4000, 1000},
+                           {65535, 600, 3, 80},  {500, 65000, 100, 2000},
+                           {2000, 0, 65, 700}};
+    const Roi rois[]{Marana::At(520, 544, 610, 634), Marana::At(490, 515, 590, 615),
+                     Marana::At(590, 620, 670, 690), Marana::At(480, 650, 605, 606),
+                     Marana::At(100, 124, 100, 124), Marana::At(2030, 2048, 2030, 2048),
+                     Marana::At(0, 9, 0, 9),         Marana::At(505, 505, 0, 2048)};
+    for (const Window& window : windows) {
+        for (const Roi& roi : rois) {
+            removal.RemoveNoise(camera.raw, window, roi);
+            camera.Plain(window, roi);
+            const auto rows = [&](const AlignedFrame<float>& frame) {
+                return Bits({frame.begin() + (roi.y_start > 0 ? roi.y_start - 1 : 0) * 2048,
+                             frame.begin() + roi.y_stop * 2048});
+            };
+            ASSERT_EQ(rows(removal.GetFrame()), rows(camera.expected))
+                << "window " << window.x_offset << ' ' << window.y_offset << ' ' << window.width << " x "
+                << window.height << ", ROI " << roi.x_start << ' ' << roi.y_start;
+        }
+    }
+    EXPECT_EQ(Bits(removal.GetFrame()), Bits(camera.expected));
+}
+
+template <class Removal>
+std::string Failure(Removal& removal, gsl::span<const std::uint16_t> raw, const std::optional<Window>& window,
+                    const std::optional<Roi>& roi) {
+    return TextOf<std::invalid_argument>([&] {
+        removal.RemoveNoise(raw, window, roi);
+        return 0;
+    });
+}
+
+TEST(MaranaNoiseRemoval, RefusesAWindowOfMorePixelsThanARawFrameHolds) {
+    Camera<MaranaNoiseRemoval> camera;
+    MaranaNoiseRemoval removal{camera.bias, camera.flat};
+    EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 2049, 2048}, {}),
+              "RemoveNoise: window of 2049 x 2048 does not fit in a frame of 4194304 pixels");
+    EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 65535, 65535}, camera.At(0, 1, 0, 1)),
+              "RemoveNoise: window of 65535 x 65535 does not fit in a frame of 4194304 pixels");
+    EXPECT_THAT(removal.GetFrame(), testing::Each(0.0F));
+}
+
+TEST(NoiseRemoval, RefusesAnotherFrameBeforeAnythingElse) {
+    Camera<AliceNoiseRemoval> camera;
+    AliceNoiseRemoval removal{camera.bias, camera.flat};
+    EXPECT_EQ(Failure(removal, {camera.raw.data(), 57599}, {}, camera.At(0, 0, 0, 0)),
+              "RemoveNoise: unexpected frame size: 57599, expected: 57600");
+    EXPECT_EQ(Failure(removal, camera.raw, {}, Roi{230, 241, 0, 9, 840, 816, 0, 0}),
+              "RemoveNoise: ROI (230..241),(0..9) does not fit a frame of 240 x 240");
+    EXPECT_THAT(removal.GetFrame(), testing::Each(0.0F));
+}
+
+TEST(NoiseRemoval, ChecksTheMasterBiasBeforeTheFlat) {
+    const AlignedFrame<float> right(57600);
+    const AlignedFrame<float> wrong(57599);
+    const auto failure = [](const auto& bias, const auto& flat) {
+        return TextOf<std::invalid_argument>([&] { return AliceNoiseRemoval{bias, flat}.GetFrame().size(); });
+    };
+    EXPECT_EQ(failure(wrong, wrong),
+              "NoiseRemovalBase: unexpected master bias vector size: 57599, expected: 57600");
+    EXPECT_EQ(failure(right, wrong), "NoiseRemovalBase: unexpected flat vector size: 57599, expected: 57600");
+}
+
+}  // namespace
+}  // namespace vosk::image_processing

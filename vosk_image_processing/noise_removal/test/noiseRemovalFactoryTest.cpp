@@ -1,0 +1,121 @@
+#include <gmock/gmock.h>
+#include <vosk/common/fits.hpp>
+#include <vosk/image_processing/noiseRemovalFactory.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/node.hpp>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace vosk::image_processing;
+using testing::AllOf;
+using testing::HasSubstr;
+using vosk::common::Fits;
+using vosk::test::NodeOf;
+using vosk::test::TextOf;
+
+template <class T>
+void WriteImage(const std::string& path, std::size_t width, std::size_t height, T value) {
+    const std::vector<T> data(width * height, value);
+    Fits::WriteImg<T>(Fits::FitsFileWrite(path, true), data, {width, height});
+}
+
+class NoiseRemovalFactory : public testing::Test {
+protected:
+    NoiseRemovalFactory() {
+        WriteImage<float>(m_dark, 240, 240, 3.0F);
+        WriteImage<float>(m_flat, 240, 240, 2.0F);
+    }
+
+    auto Create() const {
+        return factory::CreateAliceNoiseRemoval(
+            NodeOf("noise_removal: {dark_path: " + m_dark + ", flat_path: " + m_flat + "}"), "noise_removal");
+    }
+    std::string Failure() const {
+        return TextOf([this] { return Create(); });
+    }
+
+    const vosk::test::TempDir m_dir;
+    const std::string m_dark = m_dir / "dark.fits";
+    const std::string m_flat = m_dir / "flat.fits";
+};
+
+TEST_F(NoiseRemovalFactory, TakesTheMasterBiasAndTheFlatFromTheirFiles) {
+    const auto removal = Create();
+    const std::vector<std::uint16_t> raw(57600, 10);
+    removal->RemoveNoise(raw, {}, {});
+    EXPECT_THAT(removal->GetFrame(), testing::Each(3.5F));
+}
+
+TEST_F(NoiseRemovalFactory, FindsTheTableOfLisaAtItsOnePlace) {
+    WriteImage<float>(m_dark, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 0.0F);
+    WriteImage<float>(m_flat, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 1.0F);
+    const auto node = NodeOf("nr: {dark_path: " + m_dark + ", flat_path: " + m_flat + "}");
+    const auto create = [&] { return factory::CreateLisaNoiseRemoval(node, "nr"); };
+    EXPECT_THAT(TextOf(create), HasSubstr("data/scrambling/lisa_descrambling_vector.fits not found"));
+    const std::vector<std::uint32_t> table(LisaGeometry::WIDTH * LisaGeometry::HEIGHT, 783359);
+    Fits::WriteImg<std::uint32_t>(Fits::FitsFileWrite(m_dir / LisaGeometry::TABLE, true), table,
+                                  {table.size()});
+    ::setenv("CFGPATH", m_dir.Path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe): one thread
+    const auto removal = create();
+    ::unsetenv("CFGPATH");  // NOLINT(concurrency-mt-unsafe): one thread
+    std::vector<std::uint16_t> raw(783360, 0);
+    raw.back() = 5;
+    removal->RemoveNoise(raw, {}, {});
+    EXPECT_THAT(removal->GetFrame(), testing::Each(0.0F));  // the columns without light see it as well
+}
+
+TEST_F(NoiseRemovalFactory, SaysWhatIsWrongWithTheConfiguration) {
+    const vosk::test::LogCapture log;
+    const auto expect = [&](const auto& create, const std::string& name) {
+        const std::string unusable = name + " could not create \"nr\"";
+        const std::string incomplete = name + ": node misconfigured";
+        const auto failure = [&](const auto& node) {
+            return TextOf<std::runtime_error>([&] { return create(node, "nr"); });
+        };
+        EXPECT_EQ(failure(NodeOf("other: 1")), unusable);
+        EXPECT_EQ(failure(NodeOf("nr: text")), unusable);
+        EXPECT_EQ(failure(NodeOf("nr: [dark_path, flat_path]")), unusable);
+        EXPECT_EQ(failure(NodeOf("top: text")["top"]), unusable);
+        EXPECT_EQ(failure(oru::configng::PliConfigInstanceNode{}), unusable);
+        EXPECT_EQ(failure(NodeOf("nr: {dark_path: a}")), incomplete);
+        EXPECT_EQ(failure(NodeOf("nr: {flat_path: a}")), incomplete);
+        EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, unusable));
+        EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, incomplete));
+        EXPECT_THAT(failure(NodeOf("nr: {dark_path: [a], flat_path: b}")), HasSubstr("nr.dark_path"));
+    };
+    expect(factory::CreateLisaNoiseRemoval, "CreateLisaNoiseRemoval");
+    expect(factory::CreateAliceNoiseRemoval, "CreateAliceNoiseRemoval");
+    expect(factory::CreateMaranaNoiseRemoval, "CreateMaranaNoiseRemoval");
+}
+
+TEST_F(NoiseRemovalFactory, RefusesFilesThatAreMissingOrOfAnotherTypeOrShapeOrCutShort) {
+    for (const std::string& path : {m_dark, m_flat}) {
+        std::filesystem::remove(path);
+        EXPECT_THAT(Failure(), AllOf(HasSubstr(path), HasSubstr("not found")));
+        WriteImage<double>(path, 240, 240, 1.0);
+        EXPECT_EQ(Failure(), "Fits: File has wrong image type, expected: -32 , acctual: -64");
+        WriteImage<float>(path, 120, 480, 1.0F);
+        EXPECT_EQ(Failure(),
+                  "Fits: Image size does not match for the 0th dimension, expected: 240, acctual: 120");
+        WriteImage<float>(path, 240, 241, 1.0F);
+        EXPECT_EQ(Failure(), "Fits: Provided buffer is too small, expected at least: 57840 , acctual: 57600");
+        WriteImage<float>(path, 240, 240, 2.0F);
+        std::filesystem::resize_file(path, 100'000);
+        EXPECT_THAT(Failure(), HasSubstr("Fits: Could not open " + path));
+        std::filesystem::resize_file(path, 0);
+        EXPECT_THAT(Failure(), HasSubstr("Fits: Could not open " + path));
+        m_dir.Put(std::filesystem::path{path}.filename(), "no image at all");
+        EXPECT_THAT(Failure(), HasSubstr("Fits: Could not open " + path));
+        WriteImage<float>(path, 240, 240, 2.0F);
+        EXPECT_NO_THROW(Create());
+    }
+}
+
+}  // namespace

@@ -1,0 +1,84 @@
+#pragma once
+
+// For tests: the values that cleaning must get right, and the plain forms that say what right is.
+
+#include <gtest/gtest.h>
+#include <hwy/targets.h>
+
+#include <vosk/defs/alignedFrame.hpp>
+
+#include <bit>
+#include <cstdint>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace vosk::image_processing {
+
+inline float PlainPixel(std::uint16_t raw, float master_bias, double dynamic_bias, float flat) {
+    const double count = raw;
+    const double bias = master_bias;
+    const double gain = flat;
+    const double signal = count - bias;
+    return static_cast<float>((signal - dynamic_bias) / gain);
+}
+
+// Ordinary values, and now and then one of those that arithmetic is likely to get wrong.
+class Values {
+public:
+    explicit Values(std::uint32_t seed) : m_random{seed} {}
+
+    std::uint16_t Raw() {
+        static constexpr std::uint16_t EDGES[]{0, 1, 32767, 32768, 65534, 65535};
+        return m_random() % 8 == 0 ? EDGES[m_random() % std::size(EDGES)]
+                                   : static_cast<std::uint16_t>(m_random());
+    }
+
+    float Bias() { return m_random() % 16 == 0 ? Special() : Real(80.0F, 120.0F); }
+    float Flat() { return m_random() % 16 == 0 ? Special() : Real(0.5F, 2.0F); }
+    float Real(float low, float high) { return std::uniform_real_distribution<float>{low, high}(m_random); }
+    std::mt19937& Random() { return m_random; }
+
+private:
+    float Special() {
+        using Limits = std::numeric_limits<float>;
+        static constexpr float SPECIAL[]{
+            0.0F,          -0.0F,          Limits::denorm_min(), -Limits::min() / 3.0F, Limits::min(),
+            Limits::max(), -Limits::max(), Limits::infinity(),   -Limits::infinity(),   Limits::quiet_NaN(),
+            1e-30F,        -7.0F};
+        return SPECIAL[m_random() % std::size(SPECIAL)];
+    }
+
+    std::mt19937 m_random;
+};
+
+// The bits, so that NaN equals itself and 0 does not equal -0.
+inline std::vector<std::uint32_t> Bits(const defs::AlignedFrame<float>& frame) {
+    std::vector<std::uint32_t> bits;
+    bits.reserve(frame.size());
+    for (const float pixel : frame) bits.push_back(std::bit_cast<std::uint32_t>(pixel));
+    return bits;
+}
+
+// A test is run with each instruction set that this CPU has, and with the plain fallback.
+class OnEachInstructionSet : public testing::TestWithParam<std::int64_t> {
+public:
+    static constexpr std::int64_t FALLBACK = 0;
+
+    static auto All() {
+        auto targets = hwy::SupportedAndGeneratedTargets();
+        targets.push_back(FALLBACK);
+        return testing::ValuesIn(targets);
+    }
+    static std::string Name(const testing::TestParamInfo<std::int64_t>& target) {
+        return target.param == FALLBACK ? "Fallback" : hwy::TargetName(target.param);
+    }
+
+protected:
+    OnEachInstructionSet() { hwy::GetChosenTarget().Update(GetParam()); }
+    ~OnEachInstructionSet() override { hwy::GetChosenTarget().DeInit(); }
+};
+
+}  // namespace vosk::image_processing

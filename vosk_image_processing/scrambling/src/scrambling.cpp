@@ -1,0 +1,88 @@
+#include <fmt/format.h>
+#include <vosk/common/fileSystem.hpp>
+#include <vosk/common/fits.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/image_processing/scrambling.hpp>
+
+#include <stdexcept>
+
+namespace vosk::image_processing {
+
+namespace {
+
+using common::Fits;
+
+// Two vectors of the widest kind: for less, a piece of its own is not worth the turn.
+constexpr std::uint32_t SHORTEST_RUN = 16;
+
+}  // namespace
+
+ScramblerBase::ScramblerBase(std::size_t width, std::size_t height, std::size_t scrambled_width,
+                             std::size_t scrambled_height, const defs::AlignedFrame<std::uint32_t>& scramble)
+    : m_width{width},
+      m_height{height},
+      m_size{width * height},
+      m_scrambled_size{scrambled_width * scrambled_height},
+      m_scramble{scramble} {
+    if (m_scramble.size() != m_size) {
+        common::LogAndThrow<std::invalid_argument>(fmt::format(
+            "ScramblerBase: unexpected scramble vector size: {}, expected: {}", m_scramble.size(), m_size));
+    }
+    CheckEntries({});
+    FindPieces();
+}
+
+ScramblerBase::ScramblerBase(std::size_t width, std::size_t height, std::size_t scrambled_width,
+                             std::size_t scrambled_height, const std::string& path)
+    : m_width{width},
+      m_height{height},
+      m_size{width * height},
+      m_scrambled_size{scrambled_width * scrambled_height},
+      m_scramble(m_size) {
+    const std::string found = common::FileSystem::FindFileOrThrow(path, {});
+    using Traits = Fits::Traits<std::uint32_t>;
+    Fits::ReadImgPriv(Fits::FitsFile(found), m_scramble.data(), m_size, Traits::BITPIX, Traits::DATATYPE,
+                      {{m_size}});
+    CheckEntries(" for: " + found);
+    FindPieces();
+}
+
+void ScramblerBase::CheckEntries(const std::string& source) const {
+    for (const std::uint32_t entry : m_scramble) {
+        if (entry < m_scrambled_size) continue;
+        common::LogAndThrow<std::invalid_argument>(
+            fmt::format("ScramblerBase: idx: {} out of range: 0..{}{}", entry, m_scrambled_size, source));
+    }
+}
+
+void ScramblerBase::FindPieces() {
+    m_row_pieces.reserve(m_height + 1);
+    for (std::size_t row = 0; row < m_height; ++row) {
+        m_row_pieces.push_back(m_pieces.size());
+        FindPiecesOfRow(row);
+    }
+    m_row_pieces.push_back(m_pieces.size());
+}
+
+void ScramblerBase::FindPiecesOfRow(std::size_t row) {
+    const std::uint32_t* const entries = m_scramble.data() + row * m_width;
+    for (std::uint32_t x = 0; x < m_width;) {
+        const std::uint32_t start = x++;
+        while (x < m_width && entries[x] == entries[x - 1] + 1) ++x;
+        const bool is_run = x - start >= SHORTEST_RUN;
+        const bool goes_on = !is_run && start != 0 && !m_pieces.back().is_run;
+        if (goes_on) {
+            m_pieces.back().x_stop = x;
+        } else {
+            m_pieces.push_back({start, x, entries[start], is_run});
+        }
+    }
+}
+
+void ScramblerBase::RequireScrambledSize(std::size_t size, const char* operation) const {
+    if (size == m_scrambled_size) return;
+    common::LogAndThrow<std::invalid_argument>(
+        fmt::format("{}: unexpected frame size: {}, expected: {}", operation, size, m_scrambled_size));
+}
+
+}  // namespace vosk::image_processing
