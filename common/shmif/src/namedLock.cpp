@@ -41,7 +41,12 @@ bool Take(sem_t* semaphore, const timespec& deadline) {
 
 NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit) : m_semaphore{Open(name)} {
     if (m_semaphore == SEM_FAILED) ThrowSystemError();
-    if (Take(m_semaphore, MonotonicDeadline(limit))) return;
+    try {
+        if (Take(m_semaphore, MonotonicDeadline(limit))) return;
+    } catch (...) {
+        ::sem_close(m_semaphore);
+        throw;
+    }
     LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: its holder is taken for dead.",
             name, std::chrono::duration_cast<std::chrono::milliseconds>(limit).count());
 }

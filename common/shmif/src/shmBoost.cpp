@@ -135,7 +135,7 @@ void ShmBaseBoost::Replace() try {
 }
 
 ShmBaseBoost::~ShmBaseBoost() {
-    if (m_valid) bip::message_queue::remove(m_name.c_str());
+    if (m_valid) RemoveIfStill(m_inode, m_name);
 }
 
 ShmWriterBoost::ShmWriterBoost(ShmIf& shm, const std::string& topic) {

@@ -94,6 +94,14 @@ TEST_F(ShmBoost, FirstWriterToCloseRemovesTheName) {
     second.TrySend(Message{}.data());
 }
 
+TEST_F(ShmBoost, QueueThatWasMadeUnderTheNameSinceStays) {
+    auto old = std::make_unique<ShmWriterBoost>(m_shm, TOPIC);
+    m_prefix.Remove(TOPIC);
+    const ShmWriterBoost successor{m_shm, TOPIC};
+    old.reset();
+    EXPECT_TRUE(m_prefix.Exists(TOPIC));
+}
+
 TEST_F(ShmBoost, QueueOfSmallerMessagesRefusesInWords) {
     const bip::message_queue small{bip::create_only, Name().c_str(), 10, sizeof(Message) - 1};
     ShmWriterBoost writer{m_shm, TOPIC};

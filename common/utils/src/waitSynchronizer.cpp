@@ -172,7 +172,9 @@ void WaitSynchronizerFlag::SetDataReady() {
 }
 
 void WaitSynchronizerFlag::ClearDataReady() {
-    m_data_ready.store(false, std::memory_order_release);
+    // A reader clears the flag before it looks at the data; were it to look first, a record written in
+    // between would be neither read nor waited for.
+    m_data_ready.store(false);
     WaitSynchronizerFlagBase::ClearDataReady();
 }
 

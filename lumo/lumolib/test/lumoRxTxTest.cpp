@@ -1,28 +1,32 @@
 #include <lumolib/lumoRxTx.hpp>
 
-#include <gtest/gtest.h>
-#include <oru/configng/pliConfigDocument.hpp>
-#include <vosk/common/testing/logCapture.hpp>
+#include <gmock/gmock.h>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/loopback.hpp>
+#include <vosk/test/node.hpp>
+#include <vosk/test/support.hpp>
 
-#include <algorithm>
 #include <array>
 #include <functional>
 #include <stdexcept>
 #include <string>
 
 using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using vosk::test::LogCapture;
 
 namespace vosk::lumo {
 namespace {
 
-using log4cplus::ERROR_LOG_LEVEL;
-using oru::configng::PliConfigInstanceNode;
+const std::string PORT = std::to_string(vosk::test::UniquePort());
+const std::string RX = "listen_ip: 127.0.0.1, iface_name: lo, listen_udp: " + PORT;
+const std::string TX = "ip_dest: 127.0.0.1, udp_dest: " + PORT;
 
-const std::string RX = "listen_ip: 127.0.0.1, listen_udp: 45117, iface_name: lo";
-const std::string TX = "ip_dest: 127.0.0.1, udp_dest: 45118";
-
-PliConfigInstanceNode Node(const std::string& keys) {
-    return oru::configng::PliConfigDocument::FromText("node: {" + keys + "}", "test").Instances()["node"];
+oru::configng::PliConfigInstanceNode Node(const std::string& keys) {
+    return vosk::test::NodeOf("node: {" + keys + "}")["node"];
 }
 
 struct TestRxLspx : RxLspx {
@@ -38,7 +42,8 @@ struct TestRxLspx : RxLspx {
 };
 
 struct TestRxQudex : RxQudex {
-    explicit TestRxQudex(const PliConfigInstanceNode& node, DescriptionRef description = std::nullopt)
+    explicit TestRxQudex(const oru::configng::PliConfigInstanceNode& node,
+                         DescriptionRef description = std::nullopt)
         : RxQudex{node, {}, {.num_frames = 3}, nullptr, description} {}
     using RxQudex::m_receiver;
 };
@@ -49,73 +54,55 @@ pktwire::qudex::Sender::Config QudexSenderDefaults() {
     return cfg;
 }
 
-pktwire::lspx::Sender::Config LspxSenderDefaults() {
-    pktwire::lspx::Sender::Config cfg;
-    cfg.source = 0x10;
-    cfg.endianness = 8;
-    cfg.frame_size = 2;
-    return cfg;
-}
-
 struct TestTxLspx : TxLspx {
     explicit TestTxLspx(const std::string& keys, DescriptionRef description = std::nullopt)
-        : TxLspx{Node(keys), {}, QudexSenderDefaults(), LspxSenderDefaults(), nullptr, description} {}
+        : TxLspx{Node(keys),
+                 {},
+                 QudexSenderDefaults(),
+                 {.source = 0x10, .endianness = 8, .frame_size = 2},
+                 nullptr,
+                 description} {}
     using TxLspx::m_lspx_cfg;
     using TxLspx::m_qudex_cfg;
     using TxLspx::m_udp_cfg;
 };
 
-// Both the log line and the exception say the same.
-void ExpectRefused(const std::function<void()>& make, const std::string& text) {
-    common::LogCapture capture;
-    try {
-        make();
-        FAIL() << "not refused: " << text;
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ(error.what(), text);
-    }
-    EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, text));
-}
-
-TEST(Endpoints, RefuseWhatTheyCannotWorkWithout) {
+TEST(Endpoints, RefuseWhatTheyCannotWorkWithoutInTheLogAndByException) {
     const auto rx = [](const std::string& keys) { return [keys] { TestRxLspx{keys}; }; };
     const auto tx = [](const std::string& keys) { return [keys] { TestTxLspx{keys}; }; };
-    ExpectRefused(rx("iface_name: lo"), "Rx::Rx: udp_cfg.udp.listen is required");
-    ExpectRefused(rx("listen_udp: 1, iface_name: lo, listen_ip: ''"),
-                  "Rx::Rx: udp_cfg.ip.listen is required");
-    ExpectRefused(rx("listen_udp: 45117"), "Rx::Rx: udp_cfg.iface_name is required");
-    ExpectRefused(rx(RX + ", num_frames: 0"), "RxQudex::RxQudex: qudex_cfg.num_frames is required");
-    ExpectRefused(tx("udp_dest: 1"), "Tx::Tx: udp_cfg.ip.dst is required");
-    ExpectRefused(tx("ip_dest: 127.0.0.1"), "Tx::Tx: udp_cfg.udp.dst is required");
-    ExpectRefused(tx(TX + ", num_frames: 0"), "TxQudex::TxQudex: qudex_cfg.num_frames is required");
-    ExpectRefused(tx(TX + ", frame_size: 0"), "TxLspx::TxLspx: lspx_cfg.frame_size is required");
-    ExpectRefused(rx("listen_udp: 1, listen_ip: localhost"),
-                  "ERR: node.listen_ip: not an IPv4 address: \"localhost\"");
-    ExpectRefused(tx("ip_dest: 1.2.3"), "ERR: node.ip_dest: not an IPv4 address: \"1.2.3\"");
-    ExpectRefused(tx(TX + ", ip_src: 1.2.3.256"), "ERR: node.ip_src: not an IPv4 address: \"1.2.3.256\"");
-    ExpectRefused(rx(RX + ", qudex_topic: -1"), "ERR: node.qudex_topic must not be negative");
-}
-
-TEST(Endpoints, NodeThatIsNoMapSetsNothing) {
-    const auto scalar = oru::configng::PliConfigDocument::FromText("node: 5", "test").Instances()["node"];
-    ExpectRefused([&scalar] { TestRxQudex{scalar}; }, "Rx::Rx: udp_cfg.udp.listen is required");
+    const std::pair<std::function<void()>, std::string> cases[] = {
+        {rx("iface_name: lo"), "Rx::Rx: udp_cfg.udp.listen is required"},
+        {[] { TestRxQudex{vosk::test::NodeOf("node: 5")["node"]}; },
+         "Rx::Rx: udp_cfg.udp.listen is required"},
+        {rx("listen_udp: 1, iface_name: lo, listen_ip: ''"), "Rx::Rx: udp_cfg.ip.listen is required"},
+        {rx("listen_udp: 45117"), "Rx::Rx: udp_cfg.iface_name is required"},
+        {rx(RX + ", num_frames: 0"), "RxQudex::RxQudex: qudex_cfg.num_frames is required"},
+        {tx("udp_dest: 1"), "Tx::Tx: udp_cfg.ip.dst is required"},
+        {tx("ip_dest: 127.0.0.1"), "Tx::Tx: udp_cfg.udp.dst is required"},
+        {tx(TX + ", num_frames: 0"), "TxQudex::TxQudex: qudex_cfg.num_frames is required"},
+        {tx(TX + ", frame_size: 0"), "TxLspx::TxLspx: lspx_cfg.frame_size is required"},
+        {rx("listen_udp: 1, listen_ip: localhost"),
+         "ERR: node.listen_ip: not an IPv4 address: \"localhost\""},
+        {tx(TX + ", ip_src: 1.2.3.256"), "ERR: node.ip_src: not an IPv4 address: \"1.2.3.256\""},
+        {rx(RX + ", qudex_topic: -1"), "ERR: node.qudex_topic must not be negative"}};
+    for (const auto& [make, text] : cases) {
+        const LogCapture log;
+        EXPECT_EQ(vosk::test::TextOf<std::runtime_error>(make), text);
+        EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, text)) << text;
+    }
 }
 
 TEST(Endpoints, TellWithWhichSettingsALayerCouldNotBeBuilt) {
-    common::LogCapture capture;
+    const LogCapture log;
     EXPECT_THROW(
         TestRxLspx{"listen_ip: 203.0.113.7, listen_udp: 45117, iface_name: lo, cpu: 1, busy_poll: 50"},
         std::runtime_error);
-    const auto lines = capture.Lines();
-    const auto line = std::find_if(lines.begin(), lines.end(), [](const auto& l) {
-        return l.level == ERROR_LOG_LEVEL &&
-               l.text.starts_with("Rx::Rx could not construct pktwire::UdpRxSocket, details = ");
-    });
-    ASSERT_NE(line, lines.end());
-    EXPECT_TRUE(line->text.ends_with(
-        ", m_udp_cfg.ip.listen = 203.0.113.7, m_udp_cfg.udp.listen = 45117, m_udp_cfg.iface_name = lo, "
-        "m_udp_cfg.rxbuf_size = 0, m_udp_cfg.incoming_cpu = 1, m_udp_cfg.busy_poll = 50"))
-        << line->text;
+    EXPECT_THAT(
+        log.Lines().back().text,
+        AllOf(StartsWith("Rx::Rx could not construct pktwire::UdpRxSocket, details = "),
+              EndsWith(", m_udp_cfg.ip.listen = 203.0.113.7, m_udp_cfg.udp.listen = 45117, "
+                       "m_udp_cfg.iface_name = lo, m_udp_cfg.rxbuf_size = 0, m_udp_cfg.incoming_cpu = 1, "
+                       "m_udp_cfg.busy_poll = 50")));
 }
 
 TEST(RxLspx, ReadsItsKeysOverTheDefaultsAndTakesTheQudexReceiverOver) {
@@ -123,7 +110,7 @@ TEST(RxLspx, ReadsItsKeysOverTheDefaultsAndTakesTheQudexReceiverOver) {
     const TestRxLspx rx{RX + ", cpu: -1, qudex_topic: 1234, checksum_force_ignore: true, endianness: Be, "
                              "leader_extended_info_size: 4, buf_samples: 3",
                         description};
-    EXPECT_EQ(description, "LSPX receiver listening on: 127.0.0.1:45117, topic ID: 1234");
+    EXPECT_EQ(description, "LSPX receiver listening on: 127.0.0.1:" + PORT + ", topic ID: 1234");
     EXPECT_EQ(rx.m_udp_cfg.incoming_cpu, std::nullopt);
     EXPECT_EQ(rx.m_udp_cfg.busy_poll, std::nullopt);
     EXPECT_EQ(rx.m_qudex_cfg.num_frames, 5);
@@ -136,45 +123,82 @@ TEST(RxLspx, ReadsItsKeysOverTheDefaultsAndTakesTheQudexReceiverOver) {
 }
 
 TEST(RxQudex, NeedsAnAddressOnlyForTheDescription) {
-    const std::string no_address = "listen_udp: 45117, iface_name: lo";
+    const std::string no_address = "iface_name: lo, listen_udp: " + PORT;
     EXPECT_NE(TestRxQudex{Node(no_address)}.m_receiver, nullptr);
     std::string description;
     EXPECT_THROW((TestRxQudex{Node(no_address), description}), oru::configng::PliConfigNotFoundError);
     const TestRxQudex described{Node(RX), description};
-    EXPECT_EQ(description, "QUDEX receiver listening on: 127.0.0.1:45117, topic ID: 0");
+    EXPECT_EQ(description, "QUDEX receiver listening on: 127.0.0.1:" + PORT + ", topic ID: 0");
 }
 
-TEST(Receivers, TellAtTheirEndWhatTheyMetBesidesSamples) {
-    common::LogCapture capture;
-    const auto told = [&capture] {
-        const auto lines = capture.Lines();
-        return std::count_if(lines.begin(), lines.end(), [](const auto& line) {
-            return line.level == log4cplus::INFO_LOG_LEVEL &&
-                   line.text.starts_with("Receiver on 127.0.0.1:45117, topic ID: 0: 1 packets, 0 samples;") &&
-                   line.text.find("foreign: 1, ") != std::string::npos;
-        });
-    };
-    TestTxLspx tx{"ip_dest: 127.0.0.1, udp_dest: 45117, qudex_topic: 5"};
-    std::array<std::byte, 8> buffer{};
-    {
-        TestRxQudex rx{Node(RX)};
-        std::array<gsl::span<const std::byte>, 1> headroom{};
-        ASSERT_FALSE(tx.QudexSender().SendPacket({headroom, 1}, {}, {}));
-        while (rx.m_receiver->GetCounters().packets == 0) rx.m_receiver->ReceiveSample(buffer, 1s);
-    }
-    EXPECT_EQ(told(), 1);
-    {
-        TestRxLspx rx{RX};
-        std::array<gsl::span<const std::byte>, 1> headroom{};
-        ASSERT_FALSE(tx.QudexSender().SendPacket({headroom, 1}, {}, {}));
-        while (rx.m_lspx_receiver->GetCounters().packets == 0) {
-            rx.m_lspx_receiver->ReceiveSample({}, buffer, {}, 1s);
+using Bytes = std::vector<std::byte>;
+
+// Keeps what is sent.
+struct TakingSocket : pktwire::TxSocket {
+    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
+        for (const mmsghdr& message : messages) {
+            datagrams.emplace_back();
+            for (const iovec& piece : std::span{message.msg_hdr.msg_iov, message.msg_hdr.msg_iovlen}) {
+                const auto* bytes = static_cast<const std::byte*>(piece.iov_base);
+                datagrams.back().insert(datagrams.back().end(), bytes, bytes + piece.iov_len);
+            }
         }
+        return {};
     }
-    EXPECT_EQ(told(), 2);
-    const std::size_t lines = capture.Lines().size();
-    { const TestRxQudex quiet{Node(RX)}; }
-    EXPECT_EQ(capture.Lines().size(), lines);
+    std::vector<Bytes> datagrams;
+};
+
+TEST(Receivers, TellAtTheirEndWhatTheyMetBesidesSamples) {
+    TakingSocket taken;
+    auto config = QudexSenderDefaults();
+    config.checksum_enable = true;
+    pktwire::qudex::Sender{config, taken, nullptr}.SendSample(Bytes(12), {}, {});
+    const Bytes& frame = taken.datagrams.front();
+    auto flipped = frame;
+    flipped.back() ^= std::byte{1};
+    auto foreign = frame;
+    foreign[0] = {};
+    auto longer = frame;
+    longer.push_back({});
+    const std::pair<const char*, std::vector<Bytes>> cases[] = {
+        {"of wrong checksum: 1, ", {flipped}},
+        {"too short: 1, ", {Bytes(frame.begin(), frame.end() - 1)}},
+        {"too long: 1, ", {longer}},
+        {"duplicate: 1, ", {frame, frame}},
+        {"foreign: 1, ", {foreign}}};
+    pktwire::UdpTxSocket tx{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr};
+    const auto told = [&tx](std::vector<Bytes> datagrams, auto make_receiver, auto receive) {
+        const LogCapture log;
+        {
+            auto endpoint = make_receiver();
+            for (Bytes& datagram : datagrams) {
+                iovec piece{datagram.data(), datagram.size()};
+                mmsghdr message{};
+                message.msg_hdr.msg_iov = &piece;
+                message.msg_hdr.msg_iovlen = 1;
+                EXPECT_FALSE(tx.Send({&message, 1}));
+            }
+            EXPECT_TRUE(vosk::test::Eventually([&] { return receive(*endpoint) == datagrams.size(); }));
+        }
+        return log.Lines().back().text;
+    };
+    Bytes buffer(12);
+    const auto make_qudex = [] { return std::make_unique<TestRxQudex>(Node(RX)); };
+    const auto receive_qudex = [&buffer](TestRxQudex& endpoint) {
+        endpoint.m_receiver->ReceiveSample(buffer, 0s);
+        return endpoint.m_receiver->GetCounters().packets;
+    };
+    const std::string line = "Receiver on 127.0.0.1:" + PORT + ", topic ID: 0: ";
+    for (const auto& [count, datagrams] : cases) {
+        EXPECT_THAT(told(datagrams, make_qudex, receive_qudex), AllOf(StartsWith(line), HasSubstr(count)));
+    }
+    EXPECT_THAT(told({}, make_qudex, receive_qudex), testing::Not(StartsWith(line)));
+    const auto make_lspx = [] { return std::make_unique<TestRxLspx>(RX); };
+    const auto receive_lspx = [&buffer](TestRxLspx& endpoint) {
+        endpoint.m_lspx_receiver->ReceiveSample({}, buffer, {}, 0s);
+        return endpoint.m_lspx_receiver->GetCounters().packets;
+    };
+    EXPECT_THAT(told({foreign}, make_lspx, receive_lspx), AllOf(StartsWith(line), HasSubstr("foreign: 1, ")));
 }
 
 TEST(TxLspx, ReadsItsKeysOverTheDefaults) {
@@ -182,7 +206,7 @@ TEST(TxLspx, ReadsItsKeysOverTheDefaults) {
     const TestTxLspx tx{TX + ", ip_time_to_live: 3, udp_checksum_enable: true, qudex_topic: 7, "
                              "component_id: 9, frame_size: 4866, trailer_extended_info_size: 2",
                         description};
-    EXPECT_EQ(description, "LSPX sender to: 127.0.0.1:45118, topic ID: 7");
+    EXPECT_EQ(description, "LSPX sender to: 127.0.0.1:" + PORT + ", topic ID: 7");
     EXPECT_EQ(tx.m_udp_cfg.ip.time_to_live, 3);
     EXPECT_TRUE(tx.m_udp_cfg.udp.checksum_enable);
     EXPECT_EQ(tx.m_qudex_cfg.component_id, 9);

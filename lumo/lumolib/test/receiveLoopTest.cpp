@@ -1,6 +1,7 @@
 #include <lumolib/receiveLoop.hpp>
 
 #include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
 #include <array>
 #include <memory>
@@ -8,125 +9,83 @@
 #include <string>
 #include <utility>
 
-using atomclk::AtomClk;
 using namespace std::chrono_literals;
 
 namespace vosk::lumo {
 namespace {
 
-const AtomClk::time_point NOW{AtomClk::duration{42}};
+const auto NOW = vosk::test::At(42);
 
 // A packet that notes when it is given back.
 struct Packet {
     std::string* events;
     char name;
+    ~Packet() { *events += name; }
 };
-
-struct GiveBack {
-    void operator()(const Packet* packet) const {
-        *packet->events += packet->name;
-        std::default_delete<const Packet>{}(packet);
-    }
-};
-
-using PacketPtr = std::unique_ptr<const Packet, GiveBack>;
 
 struct TestReceiver {
-    struct Handle {
-        PacketPtr first;
-        PacketPtr second;
+    struct Ends {
+        std::unique_ptr<Packet> first, second;
     };
-    struct Sample {
-        PacketPtr leader;
-        PacketPtr trailer;
+    struct Parts {
+        std::unique_ptr<Packet> leader, trailer;
     };
 
-    std::string& events;
-    std::error_code error{};
-    bool has_first = true;
-    bool has_second = true;
-
-    PacketPtr MakePacket(bool wanted, char name) {
-        return wanted ? PacketPtr{std::make_unique<Packet>(Packet{&events, name}).release()} : PacketPtr{};
+    std::unique_ptr<Packet> Make(char name) const {
+        return has.find(name) == has.npos ? nullptr : std::unique_ptr<Packet>{new Packet{events, name}};
     }
-
-    std::pair<std::error_code, std::optional<Handle>> ReceiveSample(gsl::span<std::byte>,
-                                                                    std::chrono::nanoseconds timeout) {
+    std::pair<std::error_code, std::optional<Ends>> ReceiveSample(gsl::span<std::byte>,
+                                                                  std::chrono::nanoseconds timeout) const {
         EXPECT_EQ(timeout, 500us);
-        std::optional<Handle> handle;
-        if (has_first) handle = Handle{MakePacket(true, '1'), MakePacket(has_second, '2')};
-        return {error, std::move(handle)};
+        std::optional<Ends> ends;
+        if (!has.empty()) ends = Ends{Make('1'), Make('2')};
+        return {error, std::move(ends)};
     }
-
-    std::pair<std::error_code, Sample> ReceiveSample(gsl::span<std::byte>, gsl::span<std::byte>,
-                                                     gsl::span<std::byte> trailer,
-                                                     std::chrono::nanoseconds timeout) {
+    std::pair<std::error_code, Parts> ReceiveSample(gsl::span<std::byte>, gsl::span<std::byte>,
+                                                    gsl::span<std::byte> trailer,
+                                                    std::chrono::nanoseconds timeout) const {
         EXPECT_EQ(timeout, 500us);
         EXPECT_TRUE(trailer.empty());
-        return {error, Sample{MakePacket(has_first, '1'), MakePacket(has_second, '2')}};
+        return {error, Parts{Make('1'), Make('2')}};
     }
+
+    std::error_code error;
+    std::string has;  // names of the packets that came
+    std::string* events;
 };
 
-std::string RunQudex(std::error_code error, bool has_sample) {
-    const atomclk::ManualClock clock{NOW};
-    std::string events;
-    TestReceiver receiver{.events = events, .error = error, .has_first = has_sample};
-    std::array<std::byte, 4> buffer{};
-    ReceiveQudexOnce(
-        receiver, buffer, 500us,
-        [&](const std::error_code& code, AtomClk::time_point now) {
-            EXPECT_EQ(code, error);
-            events += now == NOW ? 'E' : '?';
-        },
-        [&](const Packet& packet, AtomClk::time_point now) {
-            EXPECT_EQ(packet.name, '1');
-            events += now == NOW ? 'S' : '?';
-        },
-        [&](AtomClk::time_point now) { events += now == NOW ? 'N' : '?'; });
-    return events;
-}
-
-std::string RunLspx(std::error_code error, bool has_leader, bool has_trailer) {
-    const atomclk::ManualClock clock{NOW};
-    std::string events;
-    TestReceiver receiver{
-        .events = events, .error = error, .has_first = has_leader, .has_second = has_trailer};
-    std::array<std::byte, 4> buffer{};
-    ReceiveLspxOnce(
-        receiver, buffer, buffer, 500us,
-        [&](const std::error_code&, AtomClk::time_point now) { events += now == NOW ? 'E' : '?'; },
-        [&](const Packet& leader, const Packet& trailer, AtomClk::time_point now) {
-            EXPECT_EQ(leader.name, '1');
-            EXPECT_EQ(trailer.name, '2');
-            events += now == NOW ? 'S' : '?';
-        },
-        [&](AtomClk::time_point now) { events += now == NOW ? 'N' : '?'; });
-    return events;
-}
-
-const std::error_code IO_ERROR = std::make_error_code(std::errc::io_error);
-const std::error_code TIMED_OUT{ETIMEDOUT, std::system_category()};
-
 TEST(ReceiveCycle, TellsTheStreamWhatCameThenGivesThePacketsBackTheSecondFirst) {
-    EXPECT_EQ(RunQudex({}, true), "S21");
-    EXPECT_EQ(RunLspx({}, true, true), "S21");
-}
-
-TEST(ReceiveCycle, TimeOutIsSilent) {
-    EXPECT_EQ(RunQudex(TIMED_OUT, false), "");
-    EXPECT_EQ(RunQudex(std::make_error_code(std::errc::timed_out), false), "");
-    EXPECT_EQ(RunLspx(TIMED_OUT, false, false), "");
-}
-
-TEST(ReceiveCycle, ErrorGoesBeforeWhateverCameWithIt) {
-    EXPECT_EQ(RunQudex(IO_ERROR, true), "E21");
-    EXPECT_EQ(RunLspx(IO_ERROR, true, false), "E1");
-}
-
-TEST(ReceiveCycle, SampleThatIsNotWholeIsNone) {
-    EXPECT_EQ(RunQudex({}, false), "N");
-    EXPECT_EQ(RunLspx({}, true, false), "N1");
-    EXPECT_EQ(RunLspx({}, false, true), "N2");
+    const auto io_error = std::make_error_code(std::errc::io_error);
+    const std::error_code system_time_out{ETIMEDOUT, std::system_category()};
+    struct Case {
+        std::error_code error;
+        const char* has;
+        const char* qudex;  // events: E error, S sample, N nothing; packets given back
+        const char* lspx;
+    };
+    const Case cases[] = {{{}, "12", "S21", "S21"},
+                          {{}, "", "N", "N"},
+                          {{}, "1", "S1", "N1"},
+                          {io_error, "12", "E21", "E21"},
+                          {io_error, "1", "E1", "E1"},
+                          {system_time_out, "", "", ""},
+                          {std::make_error_code(std::errc::timed_out), "", "", ""}};
+    const atomclk::ManualClock clock{NOW};
+    for (const Case& expected : cases) {
+        std::string events;
+        const auto note = [&events](char what) {
+            return [&events, what](const auto&... args) {
+                EXPECT_EQ(std::get<sizeof...(args) - 1>(std::tie(args...)), NOW);
+                events += what;
+            };
+        };
+        const TestReceiver receiver{expected.error, expected.has, &events};
+        std::array<std::byte, 4> buffer{};
+        ReceiveQudexOnce(receiver, buffer, 500us, note('E'), note('S'), note('N'));
+        EXPECT_EQ(std::exchange(events, {}), expected.qudex) << expected.has;
+        ReceiveLspxOnce(receiver, buffer, buffer, 500us, note('E'), note('S'), note('N'));
+        EXPECT_EQ(events, expected.lspx) << expected.has;
+    }
 }
 
 }  // namespace

@@ -13,9 +13,11 @@ using Matrix = experimental::datatypes::PliMatrix2D<double>;
 
 namespace {
 
-// The library's own logger, below the host's root logger.
+// The library's own logger, below the host's root logger. In a program that set up no log, the text goes
+// nowhere, without a complaint by the log library.
 void LogDebug(const std::string& text) {
-    static const log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("oru.configng"));
+    static log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("oru.configng"));
+    if (logger.getAllAppenders().empty() && log4cplus::Logger::getRoot().getAllAppenders().empty()) return;
     if (logger.isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) logger.forcedLog(log4cplus::DEBUG_LOG_LEVEL, text);
 }
 

@@ -119,7 +119,8 @@ public:
 
     using QudexReceiver = std::unique_ptr<qudex::Receiver, std::function<void(qudex::Receiver*)>>;
 
-    // Throws std::runtime_error on a configuration that can't work.
+    // All packets live in the QUDEX receiver's memory; no other is needed here. Throws std::runtime_error on
+    // a configuration that can't work.
     Receiver(const Config& config, QudexReceiver receiver, std::pmr::memory_resource* memory);
 
     // Waits up to `timeout` for a whole sample. The payload may be shorter than its span: the leader's

@@ -1,0 +1,178 @@
+#include "endpointConfig.hpp"
+
+#include <strings.h>
+#include <vosk/common/logger.hpp>
+
+#include <lumolib/utilities.hpp>
+
+#include <cstdint>
+#include <stdexcept>
+
+namespace vosk::lumo {
+
+namespace {
+
+using common::LogAndThrow;
+using oru::configng::PliConfigInstanceNode;
+using pktwire::Ipv4;
+
+// Reads keys over defaults: a field changes only if the node is a map that holds its key.
+class Keys {
+public:
+    explicit Keys(const PliConfigInstanceNode& node) : m_node{node} {}
+
+    template <class T>
+    void Read(const char* key, T& field) const {
+        if (Has(key)) field = GetParam<T>(m_node, key);
+    }
+
+    void Read(const char* key, Ipv4& field) const {
+        if (Has(key)) field = GetAddress(key);
+    }
+
+    void Read(const char* key, std::optional<Ipv4>& field) const {
+        if (Has(key)) field = GetAddress(key);
+    }
+
+    void ReadTopic(std::uint32_t& topic) const {
+        if (!Has("qudex_topic")) return;
+        const int value = GetParam<int>(m_node, "qudex_topic");
+        if (value < 0) LogAndThrow(fmt::format("ERR: {}.qudex_topic must not be negative", m_node.GetPath()));
+        topic = static_cast<std::uint32_t>(value);
+    }
+
+    // A negative CPU means no CPU, here as in the thread's own placement.
+    void ReadCpu(std::optional<std::uint32_t>& cpu) const {
+        int value = -1;
+        Read("cpu", value);
+        if (value >= 0) cpu = static_cast<std::uint32_t>(value);
+    }
+
+    void ReadMicroseconds(const char* key, std::optional<std::int64_t>& field) const {
+        if (Has(key)) field = GetParam<int>(m_node, key);
+    }
+
+    // One text stands for one flag, any other for the other.
+    void ReadFlag(const char* key, const char* text, std::uint8_t flag, std::uint8_t other_flag,
+                  std::uint8_t& field) const {
+        if (!Has(key)) return;
+        field = ::strcasecmp(GetParam<std::string>(m_node, key).c_str(), text) == 0 ? flag : other_flag;
+    }
+
+    void ReadEndianness(std::uint8_t& endianness) const {
+        ReadFlag("endianness", "BE", pktwire::lspx::BIG_ENDIAN_UNITS, pktwire::lspx::LITTLE_ENDIAN_UNITS,
+                 endianness);
+    }
+
+private:
+    bool Has(const char* key) const { return m_node.IsMap() && m_node.Has(key); }
+
+    Ipv4 GetAddress(const char* key) const {
+        const auto text = GetParam<std::string>(m_node, key);
+        try {
+            return Ipv4{text};
+        } catch (const std::runtime_error& failure) {
+            LogAndThrow(fmt::format("ERR: {}.{}: {}", m_node.GetPath(), key, failure.what()));
+        }
+    }
+
+    const PliConfigInstanceNode& m_node;
+};
+
+template <class Value>
+std::string TextOrNothing(const std::optional<Value>& value) {
+    return value ? fmt::format("{}", *value) : std::string{};
+}
+
+}  // namespace
+
+std::string TextOrNothing(const std::optional<Ipv4>& address) {
+    return address ? std::string{*address} : std::string{};
+}
+
+std::string Details(const pktwire::UdpRxSocket::Config& cfg) {
+    return fmt::format(
+        ", m_udp_cfg.ip.listen = {}, m_udp_cfg.udp.listen = {}, m_udp_cfg.iface_name = {}, "
+        "m_udp_cfg.rxbuf_size = {}, m_udp_cfg.incoming_cpu = {}, m_udp_cfg.busy_poll = {}",
+        TextOrNothing(cfg.ip.listen), cfg.udp.listen, cfg.iface_name, cfg.rxbuf_size,
+        TextOrNothing(cfg.incoming_cpu), TextOrNothing(cfg.busy_poll));
+}
+
+std::string Details(const pktwire::UdpTxSocket::Config& cfg) {
+    return fmt::format(
+        ", m_udp_cfg.ip.dst = {}, m_udp_cfg.ip.src = {}, m_udp_cfg.ip.time_to_live = {}, "
+        "m_udp_cfg.udp.checksum_enable = {}, m_udp_cfg.udp.dst = {}, m_udp_cfg.udp.src = {}, "
+        "m_udp_cfg.txbuf_size = {}",
+        std::string{cfg.ip.dst}, TextOrNothing(cfg.ip.src), cfg.ip.time_to_live,
+        cfg.udp.checksum_enable ? 1 : 0, cfg.udp.dst, cfg.udp.src, cfg.txbuf_size);
+}
+
+pktwire::UdpRxSocket::Config ReadOver(pktwire::UdpRxSocket::Config cfg, const PliConfigInstanceNode& node) {
+    const Keys keys{node};
+    keys.Read("listen_udp", cfg.udp.listen);
+    keys.Read("listen_ip", cfg.ip.listen);
+    keys.Read("iface_name", cfg.iface_name);
+    keys.ReadCpu(cfg.incoming_cpu);
+    keys.Read("rxbuf_size", cfg.rxbuf_size);
+    keys.ReadMicroseconds("busy_poll", cfg.busy_poll);
+    return cfg;
+}
+
+pktwire::qudex::Receiver::Config ReadOver(pktwire::qudex::Receiver::Config cfg,
+                                          const PliConfigInstanceNode& node) {
+    const Keys keys{node};
+    keys.ReadTopic(cfg.topic);
+    keys.Read("num_frames", cfg.num_frames);
+    keys.Read("buf_packets", cfg.buf_packets);
+    keys.Read("checksum_force_ignore", cfg.checksum_force_ignore);
+    return cfg;
+}
+
+pktwire::lspx::Receiver::Config ReadOver(pktwire::lspx::Receiver::Config cfg,
+                                         const PliConfigInstanceNode& node) {
+    const Keys keys{node};
+    keys.ReadEndianness(cfg.endianness);
+    keys.Read("leader_extended_info_size", cfg.leader_extended_info_size);
+    keys.Read("trailer_extended_info_size", cfg.trailer_extended_info_size);
+    keys.Read("leading_padding_size", cfg.leading_padding_size);
+    keys.Read("data_unit_size", cfg.data_unit_size);
+    keys.Read("buf_samples", cfg.buf_samples);
+    return cfg;
+}
+
+pktwire::UdpTxSocket::Config ReadOver(pktwire::UdpTxSocket::Config cfg, const PliConfigInstanceNode& node) {
+    const Keys keys{node};
+    keys.Read("ip_dest", cfg.ip.dst);
+    keys.Read("ip_src", cfg.ip.src);
+    keys.Read("ip_time_to_live", cfg.ip.time_to_live);
+    keys.Read("udp_dest", cfg.udp.dst);
+    keys.Read("udp_src", cfg.udp.src);
+    keys.Read("udp_checksum_enable", cfg.udp.checksum_enable);
+    keys.Read("txbuf_size", cfg.txbuf_size);
+    return cfg;
+}
+
+pktwire::qudex::Sender::Config ReadOver(pktwire::qudex::Sender::Config cfg,
+                                        const PliConfigInstanceNode& node) {
+    const Keys keys{node};
+    keys.ReadTopic(cfg.topic);
+    keys.Read("component_id", cfg.component_id);
+    keys.Read("num_frames", cfg.num_frames);
+    keys.Read("qudex_checksum_enable", cfg.checksum_enable);
+    keys.Read("sample_size", cfg.sample_size);
+    keys.Read("niovs", cfg.niovs);
+    return cfg;
+}
+
+pktwire::lspx::Sender::Config ReadOver(pktwire::lspx::Sender::Config cfg, const PliConfigInstanceNode& node) {
+    const Keys keys{node};
+    keys.ReadFlag("source", "REAL", pktwire::lspx::REAL_SOURCE, pktwire::lspx::OTHER_SOURCE, cfg.source);
+    keys.ReadEndianness(cfg.endianness);
+    keys.Read("leader_extended_info_size", cfg.leader_extended_info_size);
+    keys.Read("trailer_extended_info_size", cfg.trailer_extended_info_size);
+    keys.Read("frame_size", cfg.frame_size);
+    keys.Read("leading_padding_size", cfg.leading_padding_size);
+    return cfg;
+}
+
+}  // namespace vosk::lumo
