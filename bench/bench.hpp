@@ -27,6 +27,7 @@ std::vector<Row> BenchCommandLatency();
 std::vector<Row> BenchLspxReceive();
 std::vector<Row> BenchMailbox();
 std::vector<Row> BenchCentroiding();
+std::vector<Row> BenchCleanAndCentroid();
 std::vector<Row> BenchFrameCleaning();
 std::vector<Row> BenchResampling();
 
