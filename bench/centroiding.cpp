@@ -150,6 +150,7 @@ std::vector<Row> BenchMethod(const Method& method, std::uint16_t size) {
         }
     }
     std::vector<double> ns;
+    ns.reserve(times.size());
     for (auto& samples : times) ns.push_back(1'000.0 * Percentile(samples, 0.1) / pixels);
 
     const auto what = fmt::format("{}, 1024 ROIs of {} x {}", method.name, size, size);

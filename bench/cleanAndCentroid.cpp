@@ -184,6 +184,7 @@ std::vector<Row> BenchCleanAndCentroid() {
         }
     }
     std::vector<double> ns;
+    ns.reserve(times.size());
     for (auto& samples : times)
         ns.push_back(1'000.0 * Percentile(samples, 0.1) / static_cast<double>(pixels));
 
