@@ -3,10 +3,8 @@
 #include "testSupport.hpp"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomclk/atomClk.hpp>
-#include <filesystem>
 #include <gim/config.hpp>
 #include <limits>
 #include <lumolib/aoTasks.hpp>
@@ -16,26 +14,40 @@
 #include <lumolib/voskTelescopeStateManager.hpp>
 #include <memory>
 #include <vosk/common/fits.hpp>
-#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/tempDir.hpp>
 
 namespace vosk::lumo {
 namespace {
 
 using atomclk::AtomClk;
-using common::LogCapture;
-using defs::AoCommandSource;
 using defs::M4_CMD_SIZE;
-using defs::VoskControlMode;
 using std::chrono::microseconds;
 using test::Eventually;
+using vosk::test::LogCapture;
+using enum defs::VoskControlMode;
 
 constexpr std::size_t MANAGED_MODES = 2;
 constexpr microseconds SEND_DELAY{1500};
+constexpr AtomClk::time_point APPLIED_TIME{microseconds{77}};
+constexpr float NAN_F = std::numeric_limits<float>::quiet_NaN();
 
 template <class T, class... Args>
 std::shared_ptr<T> Get(Args... args) {
     return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{}, args...);
 }
+
+bool Logged(const LogCapture& log, log4cplus::LogLevel level, const std::string& part) {
+    for (const auto& line : log.Lines()) {
+        if (line.level == level && line.text.find(part) != std::string::npos) return true;
+    }
+    return false;
+}
+
+struct Opened : AoTasks {
+    using AoTasks::AoTasks;
+    using AoTasks::m_sample_id;
+};
 
 class AoTasksTest : public ::testing::Test {
 protected:
@@ -43,31 +55,31 @@ protected:
         DataSyncManager::CreateInstance();
         RuntimeMonitor::CreateInstance(gim::Config{});
         ResetControlState();
-        std::filesystem::create_directories(m_directory);
         // Actuators 0 and 1 follow modes 0 and 1, the others stand still.
         std::vector<float> m2p(M4_CMD_SIZE * MANAGED_MODES);
         m2p[0] = 1.0F;
         m2p[3] = 1.0F;
-        const auto file = common::Fits::FitsFileWrite(M2pPath(), true, {});
-        common::Fits::WriteImg<float>(file, m2p, {MANAGED_MODES, M4_CMD_SIZE});
+        WriteM2p(m2p, MANAGED_MODES);
     }
 
     ~AoTasksTest() override {
         if (m_thread) m_thread->Stop();
-        std::filesystem::remove_all(m_directory);
     }
 
-    std::string M2pPath() const { return (m_directory / "m2p.fits").string(); }
+    void WriteM2p(const std::vector<float>& matrix, std::size_t modes) const {
+        common::Fits::WriteImg<float>(common::Fits::FitsFileWrite(m_m2p, true, {}), matrix,
+                                      {modes, M4_CMD_SIZE});
+    }
 
     // Far thresholds: what is commanded is what goes out.
     std::string Config(const std::string& response_timeout) const {
         return "cfg: {busy: false, m4_send_delay: \"1500 us\", m4_response_timeout: \"" + response_timeout +
-               "\", gpao_highest_mode: 10, delta_scaling: true, managed_modes: 2, m2p_path: " + M2pPath() +
+               "\", gpao_highest_mode: 10, delta_scaling: true, managed_modes: 2, m2p_path: " + m_m2p +
                ", threshold_velocity: 1e6, threshold_gap: 1e6}";
     }
 
     void Start(const std::string& response_timeout = "20000 ms") {
-        m_thread = std::make_unique<AoTasks>(test::CfgOf(Config(response_timeout)));
+        m_thread = std::make_unique<Opened>(test::CfgOf(Config(response_timeout)));
         m_ins = Get<AoTasksInsDataSync>(false);
         m_fs = Get<AoTasksFsDataSync>(false);
         m_m4_output = Get<M4OutputDataSync>(false);
@@ -78,7 +90,14 @@ protected:
         m_thread->Start().get();
     }
 
-    // A valid command, each element `value`, and the wait until its cycle is over.
+    // The same, with the first of the two commands of a handover behind it: the next one goes to M4.
+    void StartDrivenBy(defs::VoskControlMode mode, const std::string& response_timeout = "20000 ms") {
+        Start(response_timeout);
+        VoskTelescopeStateManager::SetCurrentControlMode(mode);
+        ASSERT_TRUE(RunCycle(0.0F));
+    }
+
+    // A valid command, each element `value`.
     void SendCommand(float value, AtomClk::time_point time = AtomClk::now()) {
         defs::AoWavefrontCmdStream::Payload payload;
         payload.command.fill(value);
@@ -87,15 +106,22 @@ protected:
         m_ins->SetData(payload, header, ++m_command_id, time);
     }
 
-    bool CycleEnds() {
-        const bool ended = Eventually([this] { return m_fs_ref->IsNewData(); });
-        m_fs_ref->ClearNewData();
-        return ended;
-    }
-
+    // One that nobody answers.
     bool RunCycle(float value) {
         SendCommand(value);
         return CycleEnds();
+    }
+
+    bool CycleEnds() {
+        return Eventually([this] { return IsCycleOver(); });
+    }
+
+    // Whether the last acts of a cycle were done since this was last so.
+    bool IsCycleOver() {
+        if (!m_fs_ref->IsNewData() || !m_gpao_applied->IsNewData()) return false;
+        m_fs_ref->ClearNewData();
+        m_gpao_applied->ClearNewData();
+        return true;
     }
 
     bool SetpointArrives() {
@@ -106,24 +132,22 @@ protected:
 
     // M4's answer, repeated: one that comes before AoTasks has begun to wait is forgotten.
     bool AnswerUntilCycleEnds(float value, std::uint32_t id) {
-        const bool ended = Eventually([&] {
+        return Eventually([&] {
             Answer(value, id);
-            return m_fs_ref->IsNewData();
+            return IsCycleOver();
         });
-        m_fs_ref->ClearNewData();
-        return ended;
     }
 
     void Answer(float value, std::uint32_t id) {
         defs::M4SetpointApplied::Payload payload;
         payload.setpoint.fill(value);
-        payload.applied_time = AtomClk::time_point{microseconds{77}};
+        payload.applied_time = APPLIED_TIME;
         m_m4_input->SetData(payload, id, AtomClk::now());
     }
 
-    std::filesystem::path m_directory =
-        std::filesystem::temp_directory_path() / ("aoTasksTest." + std::to_string(::getpid()));
-    std::unique_ptr<AoTasks> m_thread;
+    vosk::test::TempDir m_directory;
+    std::string m_m2p = m_directory / "m2p.fits";
+    std::unique_ptr<Opened> m_thread;
     std::shared_ptr<AoTasksInsDataSync> m_ins;
     std::shared_ptr<AoTasksFsDataSync> m_fs;
     std::shared_ptr<M4OutputDataSync> m_m4_output;
@@ -135,97 +159,126 @@ protected:
 };
 
 TEST_F(AoTasksTest, KeepsSetpointsBackUntilTheHandoverIsOver) {
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(1.0F));
+    const LogCapture log;
+    StartDrivenBy(INS_DRIVEN_CASCADE);
     EXPECT_EQ(VoskHandoverManager::GetInstance().GetState(), VoskHandoverManager::HANDOVER_WAIT_NEXT_INS_CMD);
     EXPECT_FALSE(m_m4_output->IsNewData());
     // The cycle is told to the AO output all the same, as one without a source.
     EXPECT_EQ(m_ao_applied->GetData().header.status, 0);
+    EXPECT_TRUE(Eventually([&] {
+        return Logged(log, log4cplus::TRACE_LOG_LEVEL, ", m4_cmd_send = +[not sent], send_ao_m4_applied = +");
+    }));
 
     // The command that completes the handover is the first that reaches M4.
     SendCommand(2.0F);
     ASSERT_TRUE(SetpointArrives());
     EXPECT_EQ(m_m4_output->GetSampleId(), 1U);
-    EXPECT_EQ(m_m4_output->GetDataRef().setpoint[2], 2.0F);
+    EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
     EXPECT_TRUE(AnswerUntilCycleEnds(2.0F, 1));
 }
 
 TEST_F(AoTasksTest, PlansSendTimeFromTheCommandAndPublishesWhatM4Applied) {
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(0.0F));
+    StartDrivenBy(INS_DRIVEN_CASCADE);
     const auto command_time = AtomClk::now();
     SendCommand(3.0F, command_time);
     ASSERT_TRUE(SetpointArrives());
-    EXPECT_EQ(m_m4_output->GetDataRef().send_time, command_time + SEND_DELAY);
+    EXPECT_EQ(m_m4_output->GetData().send_time, command_time + SEND_DELAY);
     EXPECT_FALSE(m_fs_ref->IsNewData());  // the cycle waits for the answer
 
     ASSERT_TRUE(AnswerUntilCycleEnds(2.5F, 1));
-    ASSERT_TRUE(Eventually([this] { return m_gpao_applied->IsNewData(); }));
     const auto applied = m_ao_applied->GetData();
     EXPECT_EQ(applied.payload.applied[4865], 2.5F);
     EXPECT_EQ(applied.header.status, 0x500);  // cascade, applied time given
-    EXPECT_EQ(AtomClk::time_point{applied.header.applied_time}, AtomClk::time_point{microseconds{77}});
+    EXPECT_EQ(AtomClk::time_point{applied.header.applied_time}, APPLIED_TIME);
     EXPECT_EQ(m_ao_applied->GetSampleId(), 1U);
     EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 2.5F);
     EXPECT_EQ(m_fs_ref->GetData(), (defs::FsRef{{3.0F, 3.0F}, {3.0F, 3.0F}, {2.5F, 2.5F}}));
 }
 
-TEST_F(AoTasksTest, MissingLateAndWrongAnswersCountAsZero) {
+TEST_F(AoTasksTest, MissingAndLateAnswersCountAsZero) {
     const LogCapture log;
-    Start("1 ms");
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(0.0F));
-    ASSERT_TRUE(RunCycle(4.0F));  // nobody answers
-    ASSERT_TRUE(Eventually([this] { return m_gpao_applied->IsNewData(); }));
-    EXPECT_EQ(m_ao_applied->GetData().header.status, 0x400);  // no applied time
-    EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-
-    Answer(4.0F, 1);  // too late: the next cycle forgets it
-    ASSERT_TRUE(RunCycle(5.0F));
-    EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-
-    std::size_t missing = 0;
-    for (const auto& line : log.Lines()) {
-        missing += line.level == log4cplus::ERROR_LOG_LEVEL &&
-                   line.text.find("no 'am:setpoint_applied' response from M4 at ") != std::string::npos;
+    StartDrivenBy(INS_DRIVEN_CASCADE, "1 ms");
+    const auto& ao_applied = m_ao_applied->GetDataRef();
+    for (const std::uint32_t id : {1U, 2U}) {
+        ASSERT_TRUE(RunCycle(4.0F));
+        EXPECT_EQ(m_gpao_applied->GetData().setpoint, (std::array<float, M4_CMD_SIZE>{}));
+        EXPECT_EQ(ao_applied.payload.applied, (std::array<float, defs::INS_CMD_SIZE>{}));
+        EXPECT_EQ(ao_applied.header.status, 0x400);
+        EXPECT_EQ(AtomClk::time_point{ao_applied.header.applied_time}, AtomClk::time_point{});
+        EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
+        EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL, "no 'am:setpoint_applied' response from M4 at "));
+        EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL, ", sample ID = " + std::to_string(id)));
+        Answer(4.0F, id);  // too late: the next cycle forgets it
     }
-    EXPECT_EQ(missing, 2U);
 }
 
-TEST_F(AoTasksTest, AnswerToAnotherSetpointIsRefusedByName) {
+TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZeroAndIsNamed) {
     const LogCapture log;
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(0.0F));
+    StartDrivenBy(INS_DRIVEN_CASCADE);
     SendCommand(1.0F);
     ASSERT_TRUE(SetpointArrives());
     ASSERT_TRUE(AnswerUntilCycleEnds(1.0F, 99));
     EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-    EXPECT_TRUE(Eventually([&] {
-        for (const auto& line : log.Lines()) {
-            if (line.text.ends_with("with different sample ID then M4 command sent: 1 vs 99")) return true;
-        }
-        return false;
-    }));
+    EXPECT_TRUE(
+        Logged(log, log4cplus::ERROR_LOG_LEVEL, "with different sample ID then M4 command sent: 1 vs 99"));
+
+    SendCommand(1.0F);
+    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(AnswerUntilCycleEnds(NAN_F, 2));
+    EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
+    EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL, "holds values that are no numbers, sample ID = 2"));
+    SendCommand(2.0F);
+    ASSERT_TRUE(SetpointArrives());
+    EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
+    ASSERT_TRUE(AnswerUntilCycleEnds(2.0F, 3));
+}
+
+TEST_F(AoTasksTest, ASetpointThatIsNoNumberIsKeptFromM4) {
+    const LogCapture log;
+    StartDrivenBy(INS_DRIVEN_CASCADE);
+    SendCommand(1.0F);
+    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(AnswerUntilCycleEnds(1.0F, 1));
+
+    m_fs->SetData(NAN_F, 0.0F, 1U, AtomClk::now());
+    ASSERT_TRUE(RunCycle(2.0F));  // nobody is waited for
+    EXPECT_FALSE(m_m4_output->IsNewData());
+    EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL,
+                       "AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at "));
+    EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 1.0F);  // what M4 still has
+    EXPECT_EQ(m_ao_applied->GetData().header.status, 0);
+
+    m_fs->SetData(0.5F, 0.0F, 2U, AtomClk::now());
+    SendCommand(3.0F);
+    ASSERT_TRUE(SetpointArrives());
+    EXPECT_EQ(m_m4_output->GetSampleId(), 2U);
+    EXPECT_EQ(m_m4_output->GetData().setpoint[0], 0.5F);
+    ASSERT_TRUE(AnswerUntilCycleEnds(3.0F, 2));
+}
+
+TEST_F(AoTasksTest, SampleIdsWrap) {
+    StartDrivenBy(INS_DRIVEN_CASCADE);
+    m_thread->m_sample_id = 0xFFFFFFFF;  // the thread waits for input
+    SendCommand(1.0F);
+    ASSERT_TRUE(SetpointArrives());
+    EXPECT_EQ(m_m4_output->GetSampleId(), 0U);
+    ASSERT_TRUE(AnswerUntilCycleEnds(5.0F, 0));
+    EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 5.0F);
 }
 
 TEST_F(AoTasksTest, ReferenceShapeIsWhatM4LastApplied) {
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(0.0F));
+    StartDrivenBy(INS_DRIVEN_CASCADE);
     SendCommand(1.0F);
     ASSERT_TRUE(SetpointArrives());
     ASSERT_TRUE(AnswerUntilCycleEnds(7.0F, 1));
     // Back and forth again: the next handover takes 7 as the shape to which commands are added.
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
+    VoskTelescopeStateManager::SetCurrentControlMode(TEL_DRIVEN);
+    VoskTelescopeStateManager::SetCurrentControlMode(INS_DRIVEN_CASCADE);
     ASSERT_TRUE(RunCycle(0.0F));
     SendCommand(1.0F);
     ASSERT_TRUE(SetpointArrives());
-    EXPECT_EQ(m_m4_output->GetDataRef().setpoint[2], 8.0F);
-    EXPECT_EQ(m_m4_output->GetDataRef().setpoint[M4_CMD_SIZE - 1], 7.0F);  // all of M4, not only the modes
+    EXPECT_EQ(m_m4_output->GetData().setpoint[2], 8.0F);
+    EXPECT_EQ(m_m4_output->GetData().setpoint[M4_CMD_SIZE - 1], 7.0F);  // all of M4, not only the modes
     ASSERT_TRUE(AnswerUntilCycleEnds(8.0F, 2));
     EXPECT_EQ(m_fs_ref->GetData().m4_tt, (defs::FloatVectorTT{1.0F, 1.0F}));
 }
@@ -237,7 +290,6 @@ TEST_F(AoTasksTest, TelescopeCyclesLeaveOnTheGridOfM4Output) {
     const auto before = AtomClk::now();
     m_fs->SetData(0.5F, 0.25F, 1U, AtomClk::now());
     ASSERT_TRUE(SetpointArrives());
-    EXPECT_EQ(VoskHandoverManager::GetInstance().GetM4CmdSource(), AoCommandSource::CCS);
     const auto data = m_m4_output->GetData();
     EXPECT_EQ((data.send_time.time_since_epoch() - microseconds{250}) % std::chrono::milliseconds{2},
               AtomClk::duration::zero());
@@ -248,11 +300,36 @@ TEST_F(AoTasksTest, TelescopeCyclesLeaveOnTheGridOfM4Output) {
     EXPECT_EQ(m_ao_applied->GetData().header.status, 0x300);
 }
 
-TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadAfterTheSetpoint) {
-    const LogCapture log;
+TEST_F(AoTasksTest, GpaoPacesTheCycleInItsModes) {
     Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::HIGH_ORDER_CASCADE);
-    m_fs->SetData(0.5F, 0.25F, 1U, AtomClk::now());
+    VoskTelescopeStateManager::SetCurrentControlMode(TEL_DRIVEN_WITH_GPAO_TT);
+    GpaoM4SetpointData command;
+    command.command.fill(1.25F);
+    Get<AoTasksGpaoDataSync>(false)->SetData(command, 1U, AtomClk::now());
+    ASSERT_TRUE(SetpointArrives());
+    EXPECT_EQ(m_m4_output->GetData().setpoint[0], 1.25F);
+    ASSERT_TRUE(AnswerUntilCycleEnds(1.25F, 1));
+    EXPECT_EQ(m_ao_applied->GetData().header.status, 0x300);
+}
+
+TEST_F(AoTasksTest, SequentialModeTellsItsSourceAndClearsTheReferenceItUsed) {
+    StartDrivenBy(INS_DRIVEN_SEQUENTIAL);
+    SendCommand(3.0F);
+    ASSERT_TRUE(SetpointArrives());
+    EXPECT_EQ(m_m4_output->GetData().setpoint[0], 3.0F);
+    ASSERT_TRUE(AnswerUntilCycleEnds(3.0F, 1));
+    EXPECT_EQ(m_fs_ref->GetData().tt_ref, defs::FloatVectorTT{});
+    EXPECT_EQ(m_ao_applied->GetData().header.status, 0x900);
+}
+
+TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadOnceSomebodyCommands) {
+    const LogCapture log;
+    StartDrivenBy(INS_DRIVEN_CASCADE);
+    VoskTelescopeStateManager::SetCurrentControlMode(HIGH_ORDER_CASCADE);
+    m_fs->SetData(0.5F, 0.25F, 1U, AtomClk::now());  // thrown away by the handback
+    ASSERT_TRUE(CycleEnds());
+    EXPECT_FALSE(m_m4_output->IsNewData());
+    m_fs->SetData(0.5F, 0.25F, 2U, AtomClk::now());
     ASSERT_TRUE(SetpointArrives());
     EXPECT_TRUE(Eventually([&] {
         Answer(0.0F, 1);
@@ -262,104 +339,30 @@ TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadAfterTheSetpoint) {
     }));
 }
 
-TEST_F(AoTasksTest, SequentialModeTellsItsSourceAndClearsTheReferenceItUsed) {
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_SEQUENTIAL);
-    ASSERT_TRUE(RunCycle(0.0F));
-    SendCommand(3.0F);
-    ASSERT_TRUE(SetpointArrives());
-    EXPECT_EQ(m_m4_output->GetDataRef().setpoint[0], 3.0F);
-    ASSERT_TRUE(AnswerUntilCycleEnds(3.0F, 1));
-    EXPECT_EQ(m_fs_ref->GetData().tt_ref, defs::FloatVectorTT{});
-    EXPECT_EQ(m_ao_applied->GetData().header.status, 0x900);
-}
-
-TEST_F(AoTasksTest, GpaoPacesTheCycleInItsModes) {
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN_WITH_GPAO_TT);
-    GpaoM4SetpointData command;
-    command.command.fill(1.25F);
-    Get<AoTasksGpaoDataSync>(false)->SetData(command, 1U, AtomClk::now());
-    ASSERT_TRUE(SetpointArrives());
-    EXPECT_EQ(m_m4_output->GetDataRef().setpoint[0], 1.25F);
-    ASSERT_TRUE(AnswerUntilCycleEnds(1.25F, 1));
-    EXPECT_EQ(m_ao_applied->GetData().header.status, 0x300);
-}
-
-TEST_F(AoTasksTest, AnAnswerThatIsNoNumberCountsAsZero) {
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(0.0F));
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
-    ASSERT_TRUE(AnswerUntilCycleEnds(std::numeric_limits<float>::quiet_NaN(), 1));
-    EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-    SendCommand(2.0F);
-    ASSERT_TRUE(SetpointArrives());
-    EXPECT_EQ(m_m4_output->GetDataRef().setpoint[2], 2.0F);
-    ASSERT_TRUE(AnswerUntilCycleEnds(2.0F, 2));
-}
-
-TEST_F(AoTasksTest, TellsItsTimesAtTrace) {
-    const LogCapture log;
-    Start();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(1.0F));  // nothing is sent yet
-    EXPECT_TRUE(Eventually([&] {
-        for (const auto& line : log.Lines()) {
-            if (line.text.find("AoTasks processing timings (duration from t0):\n\tt0 = ") == 0 &&
-                line.text.find(", m4_cmd_send = +[not sent], send_ao_m4_applied = +") != std::string::npos) {
-                return line.level == log4cplus::TRACE_LOG_LEVEL;
-            }
-        }
-        return false;
-    }));
-}
-
 TEST_F(AoTasksTest, StopEndsTheWaitForInputAndTheWaitForM4) {
-    Start("1 ms");
+    StartDrivenBy(INS_DRIVEN_CASCADE, "500 ms");
     m_thread->Stop();
     m_thread->Start().get();
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    ASSERT_TRUE(RunCycle(0.0F));
-    ASSERT_TRUE(RunCycle(1.0F));
-    m_thread->Stop();
 
     // The cycle that a stop interrupts is finished without an answer: the reference record still goes out.
-    Start("500 ms");
-    m_m4_output->ClearNewData();
+    m_ao_applied->ClearNewData();
     SendCommand(2.0F);
     ASSERT_TRUE(SetpointArrives());
-    m_ao_applied->ClearNewData();
     m_thread->Stop();
     EXPECT_TRUE(m_fs_ref->IsNewData());
     EXPECT_FALSE(m_ao_applied->IsNewData());
 }
 
-TEST_F(AoTasksTest, RefusesAMatrixOfAnotherShape) {
-    std::filesystem::remove(M2pPath());
-    EXPECT_THROW(
-        {
-            try {
-                AoTasks{test::CfgOf(Config("1 ms"))};
-            } catch (const std::runtime_error& error) {
-                EXPECT_TRUE(
-                    std::string{error.what()}.starts_with("ERR: Unable to load M2P FITS file: FileSystem: "));
-                throw;
-            }
-        },
-        std::runtime_error);
-    const std::vector<float> wrong(3 * M4_CMD_SIZE);
-    common::Fits::WriteImg<float>(common::Fits::FitsFileWrite(M2pPath(), true, {}), wrong, {3, M4_CMD_SIZE});
-    try {
-        AoTasks{test::CfgOf(Config("1 ms"))};
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(
-            error.what(),
-            "ERR: Unable to load M2P FITS file: , Fits: Image size does not match for the 0th dimension, "
-            "expected: 2, acctual: 3");
-    }
+TEST_F(AoTasksTest, RefusesAMatrixThatIsNotThereOrOfAnotherShape) {
+    const auto refusal = [this] {
+        return vosk::test::TextOf<std::runtime_error>([this] { AoTasks{test::CfgOf(Config("1 ms"))}; });
+    };
+    WriteM2p(std::vector<float>(3 * M4_CMD_SIZE), 3);
+    EXPECT_EQ(refusal(),
+              "ERR: Unable to load M2P FITS file: , Fits: Image size does not match for the 0th dimension, "
+              "expected: 2, acctual: 3");
+    std::filesystem::remove(m_m2p);
+    EXPECT_TRUE(refusal().starts_with("ERR: Unable to load M2P FITS file: FileSystem: "));
 }
 
 }  // namespace

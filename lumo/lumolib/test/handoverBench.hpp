@@ -8,8 +8,7 @@
 
 namespace vosk::lumo {
 
-class HandoverBench {
-public:
+struct HandoverBench {
     HandoverBench() {
         ResetControlState();
         RuntimeMonitor::GetStateData().ResetData();
@@ -19,32 +18,21 @@ public:
     HandoverBench& operator=(const HandoverBench&) = delete;
 
     // One cycle of AoTasks, as far as it concerns the handover; gives the source that it would send for.
-    defs::AoCommandSource RunCycle(bool valid = true, time_point send_time = time_point{}) {
+    defs::AoCommandSource RunCycle(bool valid = true, time_point send_time = {}) {
         const auto mode = VoskTelescopeStateManager::GetCurrentControlMode();
-        if (!defs::IsInsDriven(mode)) {
-            m_manager.RegisterCcsCommandReceived(mode);
-        } else if (const int state = m_manager.GetState(); state != VoskHandoverManager::INS_CONTROL) {
-            if (state == VoskHandoverManager::HANDOVER_UPDATE_REF_SHAPE) m_manager.RegisterM4RefShapeUpdate();
-            m_manager.RegisterInsCommandReceived(valid, mode);
-        }
-        const auto source = m_manager.GetM4CmdSource();
-        m_manager.RecordM4CommandSentTimestamp(send_time, mode, source);
+        manager.RegisterCycle(mode, valid, [this] { ++ref_shape_updates; });
+        const auto source = manager.GetM4CmdSource();
+        manager.RecordM4CommandSentTimestamp(send_time, mode, source);
         return source;
-    }
-
-    void RunCycles(int count) {
-        for (int i = 0; i < count; ++i) RunCycle();
     }
 
     static void SetMode(defs::VoskControlMode mode) {
         VoskTelescopeStateManager::SetCurrentControlMode(mode);
     }
-
-    int State() const { return m_manager.GetState(); }
-    defs::AoCommandSource Source() const { return m_manager.GetM4CmdSource(); }
     static StateTopic Record() { return RuntimeMonitor::GetStateData().GetTopicData(); }
 
-    VoskHandoverManager& m_manager = VoskHandoverManager::GetInstance();
+    VoskHandoverManager& manager = VoskHandoverManager::GetInstance();
+    int ref_shape_updates = 0;
 };
 
 }  // namespace vosk::lumo

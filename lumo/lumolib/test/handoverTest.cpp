@@ -1,8 +1,8 @@
 #include "handoverBench.hpp"
 
-#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/support.hpp>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,115 +10,60 @@
 #include <string>
 #include <vector>
 
-using vosk::common::LogCapture;
+using namespace std::chrono_literals;
 using vosk::lumo::HandoverBench;
-using vosk::lumo::time_point;
+using vosk::test::At;
+using vosk::test::LogCapture;
 using enum vosk::defs::VoskControlMode;
 using enum vosk::defs::AoCommandSource;
 using enum vosk::lumo::VoskHandoverManager::State;
 
 namespace {
 
-time_point At(std::int64_t microseconds) {
-    return time_point{std::chrono::microseconds{microseconds}};
-}
+constexpr auto INFO = log4cplus::INFO_LOG_LEVEL;
+constexpr auto DEBUG = log4cplus::DEBUG_LOG_LEVEL;
 
 class Handover : public testing::Test {
 protected:
-    void ExpectAt(int state, vosk::defs::AoCommandSource source) const {
-        EXPECT_EQ(m_bench.State(), state);
-        EXPECT_EQ(m_bench.Source(), source);
+    void ExpectAt(int state, vosk::defs::AoCommandSource source, bool in_progress) const {
+        EXPECT_EQ(m_manager.GetState(), state);
+        EXPECT_EQ(m_manager.GetM4CmdSource(), source);
         EXPECT_EQ(HandoverBench::Record().ao_cmd_source, source);
-    }
-
-    void GoToInsControl() {
-        HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-        m_bench.RunCycles(2);
-        ASSERT_EQ(m_bench.State(), INS_CONTROL);
+        EXPECT_EQ(HandoverBench::Record().mode_change_in_progress, in_progress);
     }
 
     HandoverBench m_bench;
+    vosk::lumo::VoskHandoverManager& m_manager = m_bench.manager;
 };
 
-TEST_F(Handover, FirstTelescopeCycleGivesControlWithoutAModeChange) {
-    ExpectAt(IDLE, OFF);
+TEST_F(Handover, GoesToTheInstrumentAndBackInStepsAndLogsEach) {
+    const LogCapture log;
+    ExpectAt(IDLE, OFF, false);
     EXPECT_EQ(m_bench.RunCycle(), CCS);
-    ExpectAt(IDLE, CCS);
-    EXPECT_FALSE(HandoverBench::Record().mode_change_in_progress);
-    EXPECT_EQ(HandoverBench::Record().control_mode, TEL_DRIVEN);
-}
+    ExpectAt(IDLE, CCS, false);
 
-TEST_F(Handover, GoesToTheInstrumentAndBackInSteps) {
-    m_bench.RunCycle();
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
-    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE);
-    EXPECT_TRUE(HandoverBench::Record().mode_change_in_progress);
-
-    auto& manager = m_bench.m_manager;
-    manager.RegisterInsCommandReceived(true, INS_DRIVEN_CASCADE);  // the reference shape comes first
-    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE);
-    manager.RegisterM4RefShapeUpdate();
-    ExpectAt(HANDOVER_WAIT_INS_CMD, NONE);
-    manager.RegisterInsCommandReceived(false, INS_DRIVEN_CASCADE);
-    manager.RegisterM4RefShapeUpdate();
-    ExpectAt(HANDOVER_WAIT_INS_CMD, NONE);
-    manager.RegisterInsCommandReceived(true, INS_DRIVEN_CASCADE);
-    ExpectAt(HANDOVER_WAIT_NEXT_INS_CMD, NONE);
-    manager.RegisterInsCommandReceived(false, INS_DRIVEN_CASCADE);
-    ExpectAt(HANDOVER_WAIT_NEXT_INS_CMD, NONE);
-    EXPECT_TRUE(HandoverBench::Record().mode_change_in_progress);
-    manager.RegisterInsCommandReceived(true, INS_DRIVEN_CASCADE);
-    ExpectAt(INS_CONTROL, INS);
-    EXPECT_FALSE(HandoverBench::Record().mode_change_in_progress);
+    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE, true);
+    m_manager.RegisterInsCommandReceived(true, INS_DRIVEN_CASCADE);  // the reference shape comes first
+    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE, true);
+    m_bench.RunCycle(false);
+    m_bench.RunCycle(false);
+    EXPECT_EQ(m_bench.ref_shape_updates, 1);
+    ExpectAt(HANDOVER_WAIT_INS_CMD, NONE, true);
+    m_bench.RunCycle(true);
+    m_bench.RunCycle(false);
+    ExpectAt(HANDOVER_WAIT_NEXT_INS_CMD, NONE, true);
+    m_bench.RunCycle(true);
+    m_manager.RegisterM4RefShapeUpdate();
+    ExpectAt(INS_CONTROL, INS, false);
 
     HandoverBench::SetMode(TEL_DRIVEN_WITH_GPAO_TT);
-    ExpectAt(HANDBACK_WAIT_CCS_CMD, NONE);
+    ExpectAt(HANDBACK_WAIT_CCS_CMD, NONE, true);
     EXPECT_EQ(m_bench.RunCycle(), NONE);
-    ExpectAt(HANDBACK_WAIT_NEXT_CCS_CMD, NONE);
-    EXPECT_TRUE(HandoverBench::Record().mode_change_in_progress);
+    ExpectAt(HANDBACK_WAIT_NEXT_CCS_CMD, NONE, true);
     EXPECT_EQ(m_bench.RunCycle(), CCS);
-    ExpectAt(IDLE, CCS);
-    EXPECT_FALSE(HandoverBench::Record().mode_change_in_progress);
-}
+    ExpectAt(IDLE, CCS, false);
 
-// The observers, which report the change complete, run before its record opens: the flag stays up until the
-// next handover ends.
-TEST_F(Handover, VariantsOfAModeNeedNoHandoverAndLeaveTheChangeOpen) {
-    LogCapture log;
-    const std::string text = "HandoverStateManager: changing control mode variant, no handover/handback";
-    m_bench.RunCycle();
-    HandoverBench::SetMode(HIGH_ORDER_CASCADE);
-    ExpectAt(IDLE, CCS);
-    EXPECT_EQ(log.Count(log4cplus::INFO_LOG_LEVEL, text), 1);
-    m_bench.RunCycles(3);
-    EXPECT_TRUE(HandoverBench::Record().mode_change_in_progress);
-
-    GoToInsControl();
-    EXPECT_FALSE(HandoverBench::Record().mode_change_in_progress);
-    HandoverBench::SetMode(INS_DRIVEN_CASCADE);
-    ExpectAt(INS_CONTROL, INS);
-    EXPECT_TRUE(HandoverBench::Record().mode_change_in_progress);
-    EXPECT_EQ(log.Count(log4cplus::INFO_LOG_LEVEL, text), 2);
-}
-
-TEST_F(Handover, AModeChangeInTheMiddleStartsTheOtherSequence) {
-    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-    m_bench.m_manager.RegisterM4RefShapeUpdate();
-    HandoverBench::SetMode(TEL_DRIVEN);
-    ExpectAt(HANDBACK_WAIT_CCS_CMD, NONE);
-    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE);
-}
-
-TEST_F(Handover, LogsEachStep) {
-    LogCapture log;
-    m_bench.RunCycle();
-    GoToInsControl();
-    HandoverBench::SetMode(HIGH_ORDER_CASCADE);
-    m_bench.RunCycles(2);
-
-    constexpr auto INFO = log4cplus::INFO_LOG_LEVEL;
-    constexpr auto DEBUG = log4cplus::DEBUG_LOG_LEVEL;
     const std::string prefix = "HandoverStateManager";
     std::vector<LogCapture::Line> lines;
     for (const auto& line : log.Lines()) {
@@ -141,45 +86,71 @@ TEST_F(Handover, LogsEachStep) {
     EXPECT_EQ(lines, expected);
 }
 
+// The observers, which report the change complete, run before its record opens: the flag stays up until the
+// next handover ends.
+TEST_F(Handover, VariantsOfAModeNeedNoHandoverAndLeaveTheChangeOpen) {
+    LogCapture log;
+    m_bench.RunCycle();
+    HandoverBench::SetMode(HIGH_ORDER_CASCADE);
+    m_bench.RunCycle();
+    ExpectAt(IDLE, CCS, true);
+    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
+    m_bench.RunCycle();
+    m_bench.RunCycle();
+    ExpectAt(INS_CONTROL, INS, false);
+    HandoverBench::SetMode(INS_DRIVEN_CASCADE);
+    ExpectAt(INS_CONTROL, INS, true);
+    EXPECT_EQ(log.Count(INFO, "HandoverStateManager: changing control mode variant, no handover/handback"),
+              2);
+}
+
+TEST_F(Handover, AModeChangeInTheMiddleStartsTheOtherSequence) {
+    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
+    m_manager.RegisterM4RefShapeUpdate();
+    HandoverBench::SetMode(TEL_DRIVEN);
+    ExpectAt(HANDBACK_WAIT_CCS_CMD, NONE, true);
+    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
+    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE, true);
+}
+
 TEST_F(Handover, TimesTheFirstCyclesOfEachHandoverOnce) {
     LogCapture log;
-    atomclk::ManualClock clock{At(1000)};
+    atomclk::ManualClock clock{At(1ms)};
     HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-    m_bench.RunCycle(true, At(1500));
-    m_bench.RunCycle(false, At(2500));
-    m_bench.RunCycle(true, At(3500));
-    m_bench.RunCycle(true, At(4500));
+    m_bench.RunCycle(true, At(1500us));
+    m_bench.RunCycle(false, At(2500us));
+    m_bench.RunCycle(true, At(3500us));
+    m_bench.RunCycle(true, At(4500us));
     const auto stats = [](const char* none, const char* ins) {
         return std::string{"\t-> Handover completed:\n\t\tTime to NONE cmd = "} + none +
                "\n\t\tTime to INS cmd = " + ins;
     };
-    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, stats("500 us", "2500 us")), 1);
+    EXPECT_EQ(log.Count(DEBUG, stats("500 us", "2500 us")), 1);
 
-    clock.Set(At(10'000));
+    clock.Set(At(10ms));
     HandoverBench::SetMode(TEL_DRIVEN);
-    m_bench.RunCycle(true, At(10'500));  // telescope cycles aren't timed
+    m_bench.RunCycle(true, At(10'500us));  // telescope cycles aren't timed
     HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-    m_bench.RunCycle(true, At(11'000));
-    m_bench.RunCycle(true, At(12'000));
-    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, stats("1000 us", "2000 us")), 1);
+    m_bench.RunCycle(true, At(11ms));
+    m_bench.RunCycle(true, At(12ms));
+    EXPECT_EQ(log.Count(DEBUG, stats("1000 us", "2000 us")), 1);
 }
 
 TEST_F(Handover, AnUnknownSourceIsStoredBeforeItThrows) {
     const auto unknown = static_cast<vosk::defs::AoCommandSource>(4);
-    EXPECT_THROW(m_bench.m_manager.SetM4CmdSource(unknown), std::runtime_error);
-    EXPECT_EQ(m_bench.Source(), unknown);
+    EXPECT_THROW(m_manager.SetM4CmdSource(unknown), std::runtime_error);
+    EXPECT_EQ(m_manager.GetM4CmdSource(), unknown);
 }
 
 TEST_F(Handover, ResetStartsAnewAndHearsOfModesOnce) {
-    GoToInsControl();
+    HandoverBench::SetMode(INS_DRIVEN_CASCADE);
+    m_bench.RunCycle();
     LogCapture log;
     vosk::lumo::ResetControlState();
-    EXPECT_EQ(m_bench.State(), IDLE);
-    EXPECT_EQ(m_bench.Source(), OFF);
+    EXPECT_EQ(m_manager.GetState(), IDLE);
+    EXPECT_EQ(m_manager.GetM4CmdSource(), OFF);
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
-    EXPECT_EQ(m_bench.State(), HANDOVER_UPDATE_REF_SHAPE);
-    EXPECT_EQ(log.Count(log4cplus::INFO_LOG_LEVEL,
-                        "HandoverStateManager: starting handover sequence, update M4 reference shape"),
+    EXPECT_EQ(log.Count(INFO, "HandoverStateManager: starting handover sequence, update M4 reference shape"),
               1);
 }
 

@@ -69,6 +69,8 @@ public:
 protected:
     void Work(std::promise<void>& started) override;
 
+    std::uint32_t m_sample_id = 0;  // of the last setpoint handed over; wraps. Worker thread only.
+
 private:
     struct Plan {
         defs::VoskControlMode mode;
@@ -109,7 +111,6 @@ private:
 
     // Worker thread only.
     ao_tasks::Executor m_executor;
-    std::uint32_t m_sample_id = 0;  // of the last setpoint handed over; wraps
 };
 
 }  // namespace vosk::lumo
