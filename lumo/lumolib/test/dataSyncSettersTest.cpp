@@ -4,7 +4,7 @@
 #include <vosk/defs/controlMode.hpp>
 #include <vosk/defs/wireRecords.hpp>
 
-#include <atomclk/atomClk.hpp>
+#include <vosk/test/support.hpp>
 
 #include <gtest/gtest.h>
 
@@ -20,16 +20,7 @@ namespace {
 using namespace vosk::lumo;
 using namespace vosk::defs;
 using Bytes = std::vector<unsigned char>;
-
-constexpr std::array ALL_MODES{
-    VoskControlMode::TEL_DRIVEN,         VoskControlMode::INS_DRIVEN_SEQUENTIAL,
-    VoskControlMode::INS_DRIVEN_CASCADE, VoskControlMode::TEL_DRIVEN_WITH_GPAO_TT,
-    VoskControlMode::HIGH_ORDER_CASCADE, VoskControlMode::HIGH_ORDER_CASCADE_WITH_GPAO_TT,
-};
-
-time_point At(std::int64_t count) {
-    return time_point{std::chrono::nanoseconds{count}};
-}
+using vosk::test::At;
 
 template <class Record>
 Bytes BytesOf(const Record& record) {
@@ -187,113 +178,73 @@ TEST_F(Setters, CapacitiveSensorsGoOutConvertedAndValid) {
     ExpectStamp(*sync, 3, At(0));
 }
 
-TEST_F(Setters, SimulationRecordStartsWithItsOnes) {
-    Bytes expected(1808);
-    for (std::size_t block = 0; block < 4; ++block) expected[32 + 444 * block + 11] = 1;
-    EXPECT_EQ(BytesOf(EcmWfSimDataSync{}.GetData()), expected);
-}
-
-// ---- The applied setpoint -------------------------------------------------------------------------------
-
-class AppliedSetpoint : public Setters {
-protected:
-    using CmdSource = AoM4SetpointApplied::ExtInfo::CmdSource;
-
-    void Set(float first, std::int64_t applied_time, CmdSource source, sample_id_t id) {
-        m_sync->SetData(Ramp<INS_CMD_SIZE>(first), At(applied_time), source, id);
-    }
-
-    void ExpectSent(float first, unsigned char applied_time, const Bytes& status) const {
-        EXPECT_EQ(m_sync->GetDataRef().payload.applied, Ramp<INS_CMD_SIZE>(first));
+TEST_F(Setters, AppliedSetpointAddsItsSourceToTheStatusIfNoTimeIsGiven) {
+    using enum AoM4SetpointApplied::ExtInfo::CmdSource;
+    const auto sync = std::make_unique<AoM4SetpointAppliedDataSync>();
+    sync->GetDataRef().header.receive_time = At(99);
+    sample_id_t id = 0;
+    const auto expect = [&](float payload, unsigned char applied_time, unsigned char status) {
+        EXPECT_EQ(sync->GetDataRef().payload.applied, Ramp<INS_CMD_SIZE>(payload));
         Bytes header(36);
         header[15] = applied_time;
-        Put(header, 32, status);
-        EXPECT_EQ(BytesOf(m_sync->GetDataRef().header), header);
-    }
-
-    std::unique_ptr<AoM4SetpointAppliedDataSync> m_sync = std::make_unique<AoM4SetpointAppliedDataSync>();
-};
-
-TEST_F(AppliedSetpoint, NamesItsSourceAndThatATimeIsGiven) {
-    m_sync->GetDataRef().header.receive_time = At(99);
-    Set(1.0F, 7, CmdSource::CCS, 3);
-    ExpectSent(1.0F, 7, {0x03, 0x00});
-    ExpectStamp(*m_sync, 3, At(5000));
-    Set(2.0F, 8, CmdSource::INS_CASCADE, 4);
-    ExpectSent(2.0F, 8, {0x05, 0x00});
-    Set(3.0F, 9, CmdSource::INS_SEQUENTIAL, 5);
-    ExpectSent(3.0F, 9, {0x09, 0x00});
-}
-
-TEST_F(AppliedSetpoint, WithoutATimeAddsItsSourceToTheStatus) {
-    Set(1.0F, 7, CmdSource::CCS, 3);
-    Set(2.0F, 0, CmdSource::INS_CASCADE, 4);
-    ExpectSent(2.0F, 0, {0x07, 0x00});
-    Set(3.0F, 0, CmdSource::INS_SEQUENTIAL, 5);
-    ExpectSent(3.0F, 0, {0x0F, 0x00});
-}
-
-TEST_F(AppliedSetpoint, WithoutASourceRepeatsTheLastPayloadWithStatusZero) {
-    Set(1.0F, 7, CmdSource::CCS, 3);
-    Set(2.0F, 8, CmdSource::NONE, 4);
-    ExpectSent(1.0F, 7, {0, 0});
-    ExpectStamp(*m_sync, 4, At(5000));
+        header[32] = status;
+        EXPECT_EQ(BytesOf(sync->GetDataRef().header), header);
+        ExpectStamp(*sync, id, At(5000));
+    };
+    sync->SetData(Ramp<INS_CMD_SIZE>(1.0F), At(7), CCS, ++id);
+    expect(1.0F, 7, 0x03);
+    sync->SetData(Ramp<INS_CMD_SIZE>(2.0F), At(8), INS_CASCADE, ++id);
+    expect(2.0F, 8, 0x05);
+    sync->SetData(Ramp<INS_CMD_SIZE>(3.0F), At(0), INS_SEQUENTIAL, ++id);
+    expect(3.0F, 0, 0x0D);
+    sync->SetData(Ramp<INS_CMD_SIZE>(4.0F), At(9), NONE, ++id);  // the last payload is repeated
+    expect(3.0F, 0, 0x00);
 }
 
 // ---- The inputs of AoTasks ------------------------------------------------------------------------------
 
-bool IsPace(VoskControlMode mode, std::initializer_list<int> modes) {
-    return std::ranges::find(modes, static_cast<int>(mode)) != modes.end();
-}
+// Each input is stored in every mode, and sets the pace in its own.
+TEST_F(Setters, EachModeHasOnePaceSetter) {
+    enum Pace { FS, INS, GPAO };
+    constexpr std::array PACES{FS, INS, INS, GPAO, FS, GPAO};
+    for (std::size_t i = 0; i < PACES.size(); ++i) {
+        const auto mode = static_cast<VoskControlMode>(i + 1);
+        SCOPED_TRACE(vosk::to_string(mode));
+        VoskTelescopeStateManager::SetCurrentControlMode(mode);
 
-class InEachMode : public Setters, public testing::WithParamInterface<VoskControlMode> {
-protected:
-    InEachMode() { VoskTelescopeStateManager::SetCurrentControlMode(GetParam()); }
+        AoTasksFsDataSync fs(false);
+        fs.SetData(1.0F, 2.0F, 3U);
+        EXPECT_EQ(fs.GetData(), (FloatVectorTT{1.0F, 2.0F}));
+        EXPECT_EQ(fs.IsDataReady(), PACES[i] == FS);
+        EXPECT_TRUE(fs.IsNewData());
+        ExpectStamp(fs, 3, At(0));
 
-    template <class Sync>
-    static void ExpectStored(const Sync& sync, bool woken) {
-        EXPECT_TRUE(sync.IsNewData());
-        EXPECT_EQ(const_cast<Sync&>(sync).IsDataReady(), woken);
-        ExpectStamp(sync, 3, At(0));
+        const auto gpao = std::make_unique<AoTasksGpaoDataSync>(false);
+        const auto command = std::make_unique<GpaoM4SetpointData>();
+        command->command = Ramp<INS_CMD_SIZE>(1.0F);
+        gpao->SetData(*command, 3U);
+        EXPECT_EQ(gpao->GetDataRef().command, command->command);
+        EXPECT_EQ(gpao->IsDataReady(), PACES[i] == GPAO);
+        EXPECT_TRUE(gpao->IsNewData());
+        ExpectStamp(*gpao, 3, At(0));
+
+        for (const std::uint8_t flags : std::array<std::uint8_t, 4>{0x00, 0x01, 0xFE, 0xFF}) {
+            const bool whole = PACES[i] == INS && (flags & 1U) != 0;
+            const auto ins = std::make_unique<AoTasksInsDataSync>(false);
+            const auto payload = std::make_unique<AoWavefrontCmdStream::Payload>();
+            payload->command = Ramp<WAVEFRONT_CMD_SIZE>(1.0F);
+            ins->GetDataRef().command = Ramp<WAVEFRONT_CMD_SIZE>(-9000.0F);
+            ins->SetData(*payload, AoWavefrontCmdStream::ExtInfo::Header{flags, {}}, 3U);
+            auto expected = whole ? payload->command : Ramp<WAVEFRONT_CMD_SIZE>(-9000.0F);
+            expected[0] = 1.0F;
+            expected[1] = 2.0F;
+            EXPECT_EQ(ins->GetDataRef().command, expected);
+            EXPECT_EQ(ins->GetDataRef().flags, flags);
+            EXPECT_EQ(ins->IsDataReady(), whole);
+            EXPECT_TRUE(ins->IsNewData());
+            ExpectStamp(*ins, 3, At(0));
+        }
     }
-};
-INSTANTIATE_TEST_SUITE_P(Setters, InEachMode, testing::ValuesIn(ALL_MODES),
-                         [](const auto& parameters) { return vosk::to_string(parameters.param); });
-
-TEST_P(InEachMode, WavefrontCommandIsStoredWholeOnlyWhereItIsThePace) {
-    for (const std::uint8_t flags : std::array<std::uint8_t, 4>{0x00, 0x01, 0xFE, 0xFF}) {
-        SCOPED_TRACE(static_cast<int>(flags));
-        const bool pace = IsPace(GetParam(), {2, 3}) && (flags & 1U) != 0;
-        const auto sync = std::make_unique<AoTasksInsDataSync>(false);
-        const auto payload = std::make_unique<AoWavefrontCmdStream::Payload>();
-        payload->command = Ramp<WAVEFRONT_CMD_SIZE>(1.0F);
-        sync->GetDataRef().command = Ramp<WAVEFRONT_CMD_SIZE>(-9000.0F);
-
-        sync->SetData(*payload, AoWavefrontCmdStream::ExtInfo::Header{flags, {}}, 3U);
-
-        auto expected = pace ? payload->command : Ramp<WAVEFRONT_CMD_SIZE>(-9000.0F);
-        expected[0] = 1.0F;
-        expected[1] = 2.0F;
-        EXPECT_EQ(sync->GetDataRef().command, expected);
-        EXPECT_EQ(sync->GetDataRef().flags, flags);
-        ExpectStored(*sync, pace);
-    }
-}
-
-TEST_P(InEachMode, FieldStabilizationTipTiltIsStoredAlways) {
-    AoTasksFsDataSync sync(false);
-    sync.SetData(1.0F, 2.0F, 3U);
-    EXPECT_EQ(sync.GetData(), (FloatVectorTT{1.0F, 2.0F}));
-    ExpectStored(sync, IsPace(GetParam(), {1, 5}));
-}
-
-TEST_P(InEachMode, GpaoCommandIsStoredAlways) {
-    const auto sync = std::make_unique<AoTasksGpaoDataSync>(false);
-    const auto command = std::make_unique<GpaoM4SetpointData>();
-    command->command = Ramp<INS_CMD_SIZE>(1.0F);
-    sync->SetData(*command, 3U);
-    EXPECT_EQ(sync->GetDataRef().command, command->command);
-    ExpectStored(*sync, IsPace(GetParam(), {4, 6}));
 }
 
 TEST_F(Setters, CoefficientsOfAnInactiveCameraChangeNothing) {

@@ -3,7 +3,8 @@
 // The setters of the exchange objects that do more than store a record. They run on the writer's thread,
 // under the object's exclusive lock, and allocate nothing. What comes from the wire is converted here, once,
 // so that the threads behind an object see host order only.
-// "Time given" below: the time stamp is the writer's even if it is 0; else 0 means the present time.
+// "Time given" below: the record is dated by the peer that it came from, and keeps the date even if that is
+// 0, no time. The others are made by threads of ours, and 0 means the present time.
 
 #include <lumolib/dataSync.hpp>
 #include <lumolib/dataSyncRecords.hpp>
