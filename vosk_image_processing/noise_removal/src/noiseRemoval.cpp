@@ -58,12 +58,6 @@ NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const 
                                    const std::string& flat_path)
     : m_master_bias{ReadImage(width, height, dark_path)}, m_flat{ReadImage(width, height, flat_path)} {}
 
-void NoiseRemovalBase::CleanRow(const std::uint16_t* raw, double dynamic_bias, std::size_t first,
-                                std::size_t count, AlignedFrame<float>& cleaned) const {
-    CleanPixels(raw, m_master_bias.data() + first, m_flat.data() + first, dynamic_bias,
-                cleaned.data() + first, count);
-}
-
 LisaNoiseRemoval::LisaNoiseRemoval(const AlignedFrame<float>& master_bias, const AlignedFrame<float>& flat,
                                    const std::optional<std::string>& scramble_path)
     : NoiseRemovalBase{LisaGeometry::WIDTH, LisaGeometry::HEIGHT, master_bias, flat},
@@ -83,6 +77,7 @@ void LisaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const s
     RequireFrameSize(frame.size(), m_scrambled_size);
     const PixelRange range = RangeOf(roi, m_width, m_height, "RemoveNoise");
     const std::uint16_t* const raw = frame.data();
+    RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
     double bias = 0.0;
     std::size_t hint = 0;
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
@@ -91,13 +86,13 @@ void LisaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const s
             const std::size_t first = row * m_width + piece.x_start;
             const std::size_t count = piece.x_stop - piece.x_start;
             if (piece.is_run) {
-                CleanRow(raw + piece.source, bias, first, count, m_frame);
+                cleaning.Add({raw + piece.source, nullptr, first, count, bias});
             } else {
-                CleanScatteredPixels(raw, m_scramble.data() + first, m_master_bias.data() + first,
-                                     m_flat.data() + first, bias, m_frame.data() + first, count);
+                cleaning.Add({raw, m_scramble.data() + first, first, count, bias});
             }
         });
     }
+    cleaning.Finish();
 }
 
 // In the order of the sum: row by row, in each the regions from the left.
@@ -118,18 +113,31 @@ double LisaNoiseRemoval::ComputeDynamicBias(const std::uint16_t* raw, std::size_
 }
 
 double LisaNoiseRemoval::MeasureDynamicBias(const std::uint16_t* raw, std::size_t group) const {
-    const auto count_at = [&](std::size_t pixel) { return raw[m_scramble[pixel]]; };
-    if (const auto& dark_sum = m_dark_sums[group]) {
-        std::uint32_t counts = 0;
-        ForEachDarkPixel(group, [&](std::size_t pixel) { counts += count_at(pixel); });
-        return (counts - *dark_sum) / DARK_PIXELS;
-    }
+    if (const auto& dark_sum = m_dark_sums[group])
+        return (SumDarkCounts(raw, group) - *dark_sum) / DARK_PIXELS;
     double sum = 0.0;
     ForEachDarkPixel(group, [&](std::size_t pixel) {
-        sum += static_cast<double>(count_at(pixel));
+        sum += static_cast<double>(raw[m_scramble[pixel]]);
         sum -= static_cast<double>(m_master_bias[pixel]);
     });
     return sum / DARK_PIXELS;
+}
+
+std::uint32_t LisaNoiseRemoval::SumDarkCounts(const std::uint16_t* raw, std::size_t group) const {
+    std::uint32_t sum = 0;
+    for (const auto& [offset, columns] : BIAS_REGIONS) {
+        std::size_t hint = 0;
+        for (std::size_t row = group * GROUP_ROWS; row < (group + 1) * GROUP_ROWS; ++row) {
+            ForEachPiece(row, offset, offset + columns, hint, [&](const Piece& piece) {
+                const std::uint32_t count = piece.x_stop - piece.x_start;
+                const std::uint32_t* const positions = m_scramble.data() + row * m_width + piece.x_start;
+                for (std::uint32_t i = 0; i < count; ++i) {
+                    sum += raw[piece.is_run ? piece.source + i : positions[i]];
+                }
+            });
+        }
+    }
+    return sum;
 }
 
 // Where the master bias is a multiple of 2^-28 and below 2^17, as that of any real camera is, all sums over a
@@ -163,10 +171,12 @@ void AliceNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const 
                                     const std::optional<Roi>& roi) {
     RequireFrameSize(frame.size(), WIDTH * HEIGHT);
     const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
+    RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
         const std::size_t first = row * WIDTH + range.x_start;
-        CleanRow(frame.data() + first, 0.0, first, range.Width(), m_frame);
+        cleaning.Add({frame.data() + first, nullptr, first, range.Width(), 0.0});
     }
+    cleaning.Finish();
 }
 
 MaranaNoiseRemoval::MaranaNoiseRemoval(const AlignedFrame<float>& master_bias,
@@ -187,6 +197,7 @@ void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
     }
     const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
     const PixelRange cleaned = Overlap(range, read);
+    RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
         float* pixels = m_frame.data() + row * WIDTH;
         if (row < cleaned.y_start || row >= cleaned.y_stop || cleaned.Width() == 0) {
@@ -195,9 +206,10 @@ void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
         }
         std::fill(pixels + range.x_start, pixels + cleaned.x_start, 0.0F);
         const std::size_t packed = (row - read.y_offset) * read.width + (cleaned.x_start - read.x_offset);
-        CleanRow(frame.data() + packed, 0.0, row * WIDTH + cleaned.x_start, cleaned.Width(), m_frame);
+        cleaning.Add({frame.data() + packed, nullptr, row * WIDTH + cleaned.x_start, cleaned.Width(), 0.0});
         std::fill(pixels + cleaned.x_stop, pixels + range.x_stop, 0.0F);
     }
+    cleaning.Finish();
 }
 
 }  // namespace vosk::image_processing

@@ -1,19 +1,51 @@
 #pragma once
 
-// The arithmetic of noise removal on a stretch of pixels, as vectors of whatever the CPU has. Each pixel is
-// rounded just as in a plain loop: all of it in double, one division, then to float.
+// The arithmetic of noise removal, in vectors of whatever the CPU has. Each pixel is rounded just as in a
+// plain loop: all of it in double, one division, then to float.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
 namespace vosk::image_processing {
 
-// cleaned[i] = (raw[i] - master_bias[i] - dynamic_bias) / flat[i]; a dynamic bias of 0.0 changes no bit.
-void CleanPixels(const std::uint16_t* raw, const float* master_bias, const float* flat, double dynamic_bias,
-                 float* cleaned, std::size_t count);
+// Pixels of one row of the cleaned frame.
+struct Stretch {
+    const std::uint16_t*
+        raw;  // the count of the first pixel, the others follow; with positions: the raw frame
+    const std::uint32_t* positions;  // null, or where in the raw frame each pixel's count is
+    std::size_t first;               // in the cleaned frame, as an index
+    std::size_t count;
+    double dynamic_bias;  // 0.0 changes no bit
+};
 
-// The same where the counts lie apart: raw[positions[i]] stands for raw[i].
-void CleanScatteredPixels(const std::uint16_t* raw, const std::uint32_t* positions, const float* master_bias,
-                          const float* flat, double dynamic_bias, float* cleaned, std::size_t count);
+// cleaned = (raw - master_bias - dynamic_bias) / flat, for each pixel of the stretches.
+void CleanStretches(const Stretch* stretches, std::size_t size, const float* master_bias, const float* flat,
+                    float* cleaned);
+
+// Collects stretches and cleans many at a time: those of a small ROI are so short that a call for each would
+// take as long as its pixels. The last are cleaned by Finish().
+class RowCleaning {
+public:
+    RowCleaning(const float* master_bias, const float* flat, float* cleaned)
+        : m_master_bias{master_bias}, m_flat{flat}, m_cleaned{cleaned} {}
+
+    void Add(const Stretch& stretch) {
+        if (m_size == m_stretches.size()) Finish();
+        m_stretches[m_size++] = stretch;
+    }
+
+    void Finish() {
+        CleanStretches(m_stretches.data(), m_size, m_master_bias, m_flat, m_cleaned);
+        m_size = 0;
+    }
+
+private:
+    const float* m_master_bias;
+    const float* m_flat;
+    float* m_cleaned;
+    std::size_t m_size{0};
+    std::array<Stretch, 32> m_stretches;  // the first m_size are set
+};
 
 }  // namespace vosk::image_processing

@@ -110,14 +110,19 @@ HWY_INLINE void Clean(const Source& source, const float* master_bias, const floa
     }
 }
 
-void CleanPixels(const std::uint16_t* raw, const float* master_bias, const float* flat, double dynamic_bias,
-                 float* cleaned, std::size_t count) {
-    Clean(InOrder{raw}, master_bias, flat, dynamic_bias, cleaned, count);
-}
-
-void CleanScatteredPixels(const std::uint16_t* raw, const std::uint32_t* positions, const float* master_bias,
-                          const float* flat, double dynamic_bias, float* cleaned, std::size_t count) {
-    Clean(Scattered{raw, positions}, master_bias, flat, dynamic_bias, cleaned, count);
+void CleanStretches(const Stretch* stretches, std::size_t size, const float* master_bias, const float* flat,
+                    float* cleaned) {
+    for (const Stretch* at = stretches; at != stretches + size; ++at) {
+        const auto clean = [&](const auto& source) {
+            Clean(source, master_bias + at->first, flat + at->first, at->dynamic_bias, cleaned + at->first,
+                  at->count);
+        };
+        if (at->positions == nullptr) {
+            clean(InOrder{at->raw});
+        } else {
+            clean(Scattered{at->raw, at->positions});
+        }
+    }
 }
 
 }  // namespace vosk::image_processing::HWY_NAMESPACE
@@ -126,19 +131,11 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace vosk::image_processing {
 
-HWY_EXPORT(CleanPixels);
+HWY_EXPORT(CleanStretches);
 
-void CleanPixels(const std::uint16_t* raw, const float* master_bias, const float* flat, double dynamic_bias,
-                 float* cleaned, std::size_t count) {
-    HWY_DYNAMIC_DISPATCH(CleanPixels)(raw, master_bias, flat, dynamic_bias, cleaned, count);
-}
-
-HWY_EXPORT(CleanScatteredPixels);
-
-void CleanScatteredPixels(const std::uint16_t* raw, const std::uint32_t* positions, const float* master_bias,
-                          const float* flat, double dynamic_bias, float* cleaned, std::size_t count) {
-    HWY_DYNAMIC_DISPATCH(CleanScatteredPixels)
-    (raw, positions, master_bias, flat, dynamic_bias, cleaned, count);
+void CleanStretches(const Stretch* stretches, std::size_t size, const float* master_bias, const float* flat,
+                    float* cleaned) {
+    HWY_DYNAMIC_DISPATCH(CleanStretches)(stretches, size, master_bias, flat, cleaned);
 }
 
 }  // namespace vosk::image_processing

@@ -5,15 +5,14 @@
 #include <gtest/gtest.h>
 #include <hwy/targets.h>
 
-#include <vosk/defs/alignedFrame.hpp>
-
 #include <bit>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <random>
+#include <span>
 #include <string>
-#include <vector>
 
 namespace vosk::image_processing {
 
@@ -54,12 +53,16 @@ private:
     std::mt19937 m_random;
 };
 
-// The bits, so that NaN equals itself and 0 does not equal -0.
-inline std::vector<std::uint32_t> Bits(const defs::AlignedFrame<float>& frame) {
-    std::vector<std::uint32_t> bits;
-    bits.reserve(frame.size());
-    for (const float pixel : frame) bits.push_back(std::bit_cast<std::uint32_t>(pixel));
-    return bits;
+// Equal in all bits, so that NaN equals itself and 0 does not equal -0.
+inline testing::AssertionResult SameBits(std::span<const float> actual, std::span<const float> expected) {
+    if (actual.size() == expected.size() &&
+        std::memcmp(actual.data(), expected.data(), actual.size_bytes()) == 0) {
+        return testing::AssertionSuccess();
+    }
+    if (actual.size() != expected.size()) return testing::AssertionFailure() << "sizes differ";
+    std::size_t i = 0;
+    while (std::bit_cast<std::uint32_t>(actual[i]) == std::bit_cast<std::uint32_t>(expected[i])) ++i;
+    return testing::AssertionFailure() << "pixel " << i << ": " << actual[i] << " instead of " << expected[i];
 }
 
 // A test is run with each instruction set that this CPU has, and with the plain fallback.

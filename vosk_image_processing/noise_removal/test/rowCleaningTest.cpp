@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -10,14 +11,14 @@
 namespace vosk::image_processing {
 namespace {
 
-using RowCleaning = OnEachInstructionSet;
-INSTANTIATE_TEST_SUITE_P(Targets, RowCleaning, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
+using CleanedStretch = OnEachInstructionSet;
+INSTANTIATE_TEST_SUITE_P(Targets, CleanedStretch, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
 constexpr float UNTOUCHED = -12345.0F;
 
 // Vectors of exactly their size, so that a sanitizer sees a read or a write beside them.
-struct Stretch {
-    explicit Stretch(std::size_t count, Values& values) {
+struct Pixels {
+    explicit Pixels(std::size_t count, Values& values) {
         for (std::size_t i = 0; i < count; ++i) {
             raw.push_back(values.Raw());
             positions.push_back(static_cast<std::uint32_t>(values.Random()() % count));
@@ -27,52 +28,73 @@ struct Stretch {
         cleaned.assign(count + 2, UNTOUCHED);
     }
 
+    // All but the first and the last pixel of the frame.
+    void Clean(const std::uint32_t* at, double dynamic_bias, std::vector<float>& frame) const {
+        const Stretch stretch{raw.data(), at, 0, raw.size(), dynamic_bias};
+        CleanStretches(&stretch, 1, master_bias.data(), flat.data(), frame.data() + 1);
+    }
+
     std::vector<std::uint16_t> raw;
     std::vector<std::uint32_t> positions;
     std::vector<float> master_bias;
     std::vector<float> flat;
-    defs::AlignedFrame<float> cleaned;  // with a pixel on each side
+    std::vector<float> cleaned;  // with a pixel on each side
 };
 
-TEST_P(RowCleaning, GivesTheBitsOfThePlainLoopForEveryLength) {
+TEST_P(CleanedStretch, GivesTheBitsOfThePlainLoopForEveryLength) {
     Values values{11};
     const double infinity = std::numeric_limits<double>::infinity();
     for (std::size_t count = 0; count < 70; ++count) {
         for (const double dynamic : {0.0, -3.25, 1e300, infinity, std::nan("")}) {
-            Stretch stretch{count, values};
-            auto expected = stretch.cleaned;
-            auto expected_scattered = stretch.cleaned;
+            Pixels pixels{count, values};
+            auto expected = pixels.cleaned;
+            auto expected_scattered = pixels.cleaned;
             for (std::size_t i = 0; i < count; ++i) {
-                expected[i + 1] =
-                    PlainPixel(stretch.raw[i], stretch.master_bias[i], dynamic, stretch.flat[i]);
-                expected_scattered[i + 1] = PlainPixel(stretch.raw[stretch.positions[i]],
-                                                       stretch.master_bias[i], dynamic, stretch.flat[i]);
+                expected[i + 1] = PlainPixel(pixels.raw[i], pixels.master_bias[i], dynamic, pixels.flat[i]);
+                expected_scattered[i + 1] = PlainPixel(pixels.raw[pixels.positions[i]], pixels.master_bias[i],
+                                                       dynamic, pixels.flat[i]);
             }
-            auto scattered = stretch.cleaned;
-            CleanPixels(stretch.raw.data(), stretch.master_bias.data(), stretch.flat.data(), dynamic,
-                        stretch.cleaned.data() + 1, count);
-            CleanScatteredPixels(stretch.raw.data(), stretch.positions.data(), stretch.master_bias.data(),
-                                 stretch.flat.data(), dynamic, scattered.data() + 1, count);
-            ASSERT_EQ(Bits(stretch.cleaned), Bits(expected)) << count << ", " << dynamic;
-            ASSERT_EQ(Bits(scattered), Bits(expected_scattered)) << count << ", " << dynamic;
+            auto scattered = pixels.cleaned;
+            pixels.Clean(nullptr, dynamic, pixels.cleaned);
+            pixels.Clean(pixels.positions.data(), dynamic, scattered);
+            ASSERT_TRUE(SameBits(pixels.cleaned, expected)) << count << ", " << dynamic;
+            ASSERT_TRUE(SameBits(scattered, expected_scattered)) << count << ", " << dynamic;
         }
     }
 }
 
 // Without a dynamic bias nothing is subtracted from a difference; subtracting 0.0 must come to the same.
-TEST_P(RowCleaning, WithoutADynamicBiasIsTheBareDifferenceOverTheFlat) {
+TEST_P(CleanedStretch, WithoutADynamicBiasIsTheBareDifferenceOverTheFlat) {
     Values values{12};
-    Stretch stretch{10'000, values};
-    auto expected = stretch.cleaned;
-    for (std::size_t i = 0; i < stretch.raw.size(); ++i) {
-        const double raw = stretch.raw[i];
-        const double bias = stretch.master_bias[i];
-        const double flat = stretch.flat[i];
+    Pixels pixels{10'000, values};
+    auto expected = pixels.cleaned;
+    for (std::size_t i = 0; i < pixels.raw.size(); ++i) {
+        const double raw = pixels.raw[i];
+        const double bias = pixels.master_bias[i];
+        const double flat = pixels.flat[i];
         expected[i + 1] = static_cast<float>((raw - bias) / flat);
     }
-    CleanPixels(stretch.raw.data(), stretch.master_bias.data(), stretch.flat.data(), 0.0,
-                stretch.cleaned.data() + 1, stretch.raw.size());
-    EXPECT_EQ(Bits(stretch.cleaned), Bits(expected));
+    pixels.Clean(nullptr, 0.0, pixels.cleaned);
+    EXPECT_TRUE(SameBits(pixels.cleaned, expected));
+}
+
+TEST(Cleaning, CleansEachStretchOnce) {
+    constexpr std::size_t COUNT = 100;
+    const std::vector<std::uint16_t> raw(COUNT, 8);
+    const std::vector<float> bias(COUNT, 1.0F);
+    const std::vector<float> flat(COUNT, 2.0F);
+    std::vector<float> cleaned(COUNT, UNTOUCHED);
+    RowCleaning cleaning{bias.data(), flat.data(), cleaned.data()};
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        cleaning.Add({raw.data() + i, nullptr, i, 1, static_cast<double>(i)});
+    }
+    cleaning.Finish();
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        EXPECT_EQ(cleaned[i], (7.0F - static_cast<float>(i)) / 2.0F) << i;
+    }
+    std::fill(cleaned.begin(), cleaned.end(), UNTOUCHED);
+    cleaning.Finish();
+    EXPECT_EQ(cleaned, std::vector<float>(COUNT, UNTOUCHED));
 }
 
 }  // namespace

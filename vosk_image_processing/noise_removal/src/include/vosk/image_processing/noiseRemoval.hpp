@@ -57,10 +57,6 @@ protected:
     NoiseRemovalBase(const NoiseRemovalBase&) = delete;
     NoiseRemovalBase& operator=(const NoiseRemovalBase&) = delete;
 
-    // Cleans `count` pixels from pixel `first` of the cleaned frame, whose counts start at `raw`.
-    void CleanRow(const std::uint16_t* raw, double dynamic_bias, std::size_t first, std::size_t count,
-                  defs::AlignedFrame<float>& cleaned) const;
-
     // Set in the constructors, constant afterwards.
     defs::AlignedFrame<float> m_master_bias;
     defs::AlignedFrame<float> m_flat;
@@ -100,6 +96,7 @@ private:
     // The dynamic bias of a group of rows, measured once a frame.
     double ComputeDynamicBias(const std::uint16_t* raw, std::size_t group);
     double MeasureDynamicBias(const std::uint16_t* raw, std::size_t group) const;
+    std::uint32_t SumDarkCounts(const std::uint16_t* raw, std::size_t group) const;
     void FindDarkSums();
     template <class Visit>
     static void ForEachDarkPixel(std::size_t group, Visit&& visit);

@@ -1,0 +1,128 @@
+// Any configuration and any calibration file either makes an object that works, or is refused. The first byte
+// says what the rest is: a document, or a piece of a file that is otherwise right.
+
+#include <log4cplus/nullappender.h>
+#include <unistd.h>
+#include <oru/configng/pliConfigDocument.hpp>
+#include <vosk/common/fits.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/image_processing/noiseRemovalFactory.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <span>
+#include <string>
+#include <vector>
+
+using namespace vosk::image_processing;
+using oru::configng::PliConfigDocument;
+using oru::configng::PliConfigInstanceNode;
+using vosk::common::Fits;
+namespace fs = std::filesystem;
+
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+class Files {
+public:
+    Files() {
+        fs::create_directories(m_dir);
+        const std::vector<float> image(AliceNoiseRemoval::WIDTH * AliceNoiseRemoval::HEIGHT, 1.5F);
+        Fits::WriteImg<float>(Fits::FitsFileWrite(Right("image"), true), image,
+                              {AliceNoiseRemoval::WIDTH, AliceNoiseRemoval::HEIGHT});
+        const std::vector<std::uint32_t> table(TABLE_SIZE, 3);
+        Fits::WriteImg<std::uint32_t>(Fits::FitsFileWrite(Right("table"), true), table, {TABLE_SIZE});
+    }
+    ~Files() { fs::remove_all(m_dir); }
+    Files(const Files&) = delete;
+    Files& operator=(const Files&) = delete;
+
+    std::string Right(const std::string& name) const { return (m_dir / (name + ".fits")).string(); }
+
+    // The right file with the bytes laid over it, from a place that the first two of them give; odd places
+    // cut it off behind them.
+    std::string Spoilt(const std::string& name, Bytes bytes) const {
+        std::ifstream right{Right(name), std::ios::binary};
+        std::string content{std::istreambuf_iterator<char>{right}, {}};
+        if (bytes.size() >= 2) {
+            const std::size_t place = (bytes[0] | bytes[1] << 8U) % content.size();
+            bytes = bytes.subspan(2);
+            const std::size_t end = place + std::min(bytes.size(), content.size() - place);
+            std::copy_n(bytes.begin(), end - place, content.begin() + static_cast<std::ptrdiff_t>(place));
+            if (place % 2 == 1) content.resize(end);
+        }
+        std::ofstream{m_dir / "spoilt.fits", std::ios::binary} << content;
+        return (m_dir / "spoilt.fits").string();
+    }
+
+    static constexpr std::size_t TABLE_SIZE = 16UL * 8;
+
+private:
+    const fs::path m_dir = fs::temp_directory_path() / ("calibrationFuzz" + std::to_string(::getpid()));
+};
+
+void Clean(NoiseRemovalBase& removal) {
+    const std::vector<std::uint16_t> raw(AliceNoiseRemoval::WIDTH * AliceNoiseRemoval::HEIGHT, 100);
+    removal.RemoveNoise(raw, {}, {});
+}
+
+template <class Make>
+void Try(Make make) {
+    try {
+        make();
+    } catch (const std::exception&) {
+        // What a set-up says of bad data.
+    }
+}
+
+void Configure(const PliConfigInstanceNode& node) {
+    Try([&] { factory::CreateLisaNoiseRemoval(node, "noise_removal"); });
+    Try([&] { factory::CreateAliceNoiseRemoval(node, "noise_removal"); });
+    Try([&] { factory::CreateMaranaNoiseRemoval(node, "noise_removal"); });
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    vosk::common::GetLogger().setAdditivity(false);
+    vosk::common::GetLogger().addAppender(log4cplus::SharedAppenderPtr{new log4cplus::NullAppender});
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const Files files;
+    if (size == 0) return 0;
+    const Bytes bytes{data + 1, size - 1};
+    switch (data[0] % 4) {
+        case 0:
+            Try([&] {
+                const auto document = PliConfigDocument::FromText({bytes.begin(), bytes.end()}, "fuzz.yaml");
+                Configure(document.Instances());
+                for (const auto& node : document.Instances()) Configure(node);
+            });
+            break;
+        case 1:
+            Try([&] {
+                AliceNoiseRemoval removal{files.Spoilt("image", bytes), files.Right("image")};
+                Clean(removal);
+            });
+            break;
+        case 2:
+            Try([&] {
+                AliceNoiseRemoval removal{files.Right("image"), files.Spoilt("image", bytes)};
+                Clean(removal);
+            });
+            break;
+        default:
+            Try([&] {
+                Descrambler<std::uint16_t, float> descrambler{16, 8, 20, 8, files.Spoilt("table", bytes)};
+                descrambler.Descramble(std::vector<std::uint16_t>(20UL * 8, 7));
+            });
+    }
+    return 0;
+}
