@@ -17,28 +17,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* LISA_TABLE_FILE = "data/scrambling/lisa_descrambling_vector.fits";
 
-void WriteSensor(const fs::path& directory, const CameraSensor& sensor) {
-    const std::vector<std::size_t> axes{sensor.model.width, sensor.model.height};
-    WriteFitsImage<float>(directory / "dark.fits", sensor.Image(sensor.bias), axes);
-    WriteFitsImage<float>(directory / "flat.fits", sensor.Image(sensor.flat), axes);
-}
-
-void WriteGrid(const fs::path& directory, const WfsGrid& grid) {
-    std::vector<std::uint16_t> rois;
-    std::vector<float> references;
-    for (const Subaperture& sub : grid.subapertures) {
-        rois.insert(rois.end(), {sub.x_start, sub.x_stop, sub.y_start, sub.y_stop});
-        references.insert(references.end(), {sub.ref_x, sub.ref_y});
-    }
-    const std::size_t count = grid.subapertures.size();
-    WriteFitsImage<std::uint16_t>(directory / "rois.fits", rois, {4, count});
-    WriteFitsImage<float>(directory / "reference_points.fits", references, {2, count});
-    // The axes are those that the reader asks for. The values stand in the order in which it applies them:
-    // a run of GPAO_CMD_SIZE for each slope.
-    WriteFitsImage<float>(directory / "control_matrix.fits", MakeControlMatrix(grid, defs::GPAO_CMD_SIZE),
-                          {2 * count, defs::GPAO_CMD_SIZE});
-}
-
 // As YAML has it, whatever the directory is called.
 std::string Quoted(const fs::path& file) {
     return YAML::Dump(YAML::Node(file.string()));
@@ -88,13 +66,37 @@ std::string MakeCameraDocument(const fs::path& directory, const CameraSet& camer
            SensorSection(directory, cameras.alice) + SensorSection(directory, cameras.marana);
 }
 
-void WriteCameraFiles(const fs::path& directory, const CameraSet& cameras) {
-    const fs::path data = directory / "data";
+void WriteSensorFiles(const fs::path& directory, const CameraSensor& sensor) {
+    const fs::path data = directory / "data" / sensor.model.name;
+    const std::vector<std::size_t> axes{sensor.model.width, sensor.model.height};
+    WriteFitsImage<float>(data / "dark.fits", sensor.Image(sensor.bias), axes);
+    WriteFitsImage<float>(data / "flat.fits", sensor.Image(sensor.flat), axes);
+    if (sensor.position.empty()) return;
     const std::vector<std::uint32_t> table = MakeLisaDescramblingTable();
     WriteFitsImage<std::uint32_t>(directory / LISA_TABLE_FILE, table, {table.size()});
+}
+
+void WriteGridFiles(const fs::path& directory, const WfsGrid& grid) {
+    const fs::path data = directory / "data" / "lisa";
+    std::vector<std::uint16_t> rois;
+    std::vector<float> references;
+    for (const Subaperture& sub : grid.subapertures) {
+        rois.insert(rois.end(), {sub.x_start, sub.x_stop, sub.y_start, sub.y_stop});
+        references.insert(references.end(), {sub.ref_x, sub.ref_y});
+    }
+    const std::size_t count = grid.subapertures.size();
+    WriteFitsImage<std::uint16_t>(data / "rois.fits", rois, {4, count});
+    WriteFitsImage<float>(data / "reference_points.fits", references, {2, count});
+    // The axes are those that the reader asks for. The values stand in the order in which it applies them:
+    // a run of GPAO_CMD_SIZE for each slope.
+    WriteFitsImage<float>(data / "control_matrix.fits", MakeControlMatrix(grid, defs::GPAO_CMD_SIZE),
+                          {2 * count, defs::GPAO_CMD_SIZE});
+}
+
+void WriteCameraFiles(const fs::path& directory, const CameraSet& cameras) {
     for (const CameraSensor* sensor : {&cameras.lisa, &cameras.alice, &cameras.marana})
-        WriteSensor(data / sensor->model.name, *sensor);
-    WriteGrid(data / "lisa", cameras.grid);
+        WriteSensorFiles(directory, *sensor);
+    WriteGridFiles(directory, cameras.grid);
     WriteTextFile(directory / "cameras.yaml", MakeCameraDocument(directory, cameras));
 }
 

@@ -32,6 +32,11 @@ CameraSet MakeCameraSet(std::uint64_t seed, std::size_t subapertures);
 // Files that are there already are replaced, each at once. Throws std::runtime_error.
 void WriteCameraFiles(const std::filesystem::path& directory, const CameraSet& cameras);
 
+// The parts of it: dark and flat of one camera and, if it scrambles, the descrambling vector; ROIs, reference
+// points and control matrix.
+void WriteSensorFiles(const std::filesystem::path& directory, const CameraSensor& sensor);
+void WriteGridFiles(const std::filesystem::path& directory, const WfsGrid& grid);
+
 // The content of cameras.yaml.
 std::string MakeCameraDocument(const std::filesystem::path& directory, const CameraSet& cameras);
 

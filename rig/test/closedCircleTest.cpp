@@ -1,0 +1,335 @@
+// Spots of known place and flux into the renderer, calibration files and raw frame into the image blocks,
+// centroids out: as far from where they are expected as the noise allows, and not further.
+
+#include "cameraFiles.hpp"
+#include "frameRenderer.hpp"
+#include "paperCentroid.hpp"
+#include "portableRandom.hpp"
+
+#include <gmock/gmock.h>
+#include <vosk/common/fits.hpp>
+#include <vosk/image_processing/badPixelCorrection.hpp>
+#include <vosk/image_processing/centroiding.hpp>
+#include <vosk/image_processing/noiseRemoval.hpp>
+
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <memory>
+
+namespace vosk::rig {
+namespace {
+
+using namespace image_processing;
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t SEED = 20;
+constexpr std::size_t BRIGHTEST = 20;
+// No single centroid is further off than this: one in 25 million is, by chance.
+constexpr double FAR = 5.5;
+
+bool Contains(const Roi& roi, const BadPixel& bad) {
+    return bad.x >= roi.x_start && bad.x < roi.x_stop && bad.y >= roi.y_start && bad.y < roi.y_stop;
+}
+
+// A camera of the rig, and the blocks that know it from its files alone.
+struct Bench {
+    std::shared_ptr<const CameraSensor> sensor;
+    std::unique_ptr<NoiseRemovalBase> cleaning;
+    std::vector<Roi> rois;
+    std::size_t bias_pixels = 0;  // that the dynamic bias of a group of rows is measured in
+    std::size_t sharing = 1;      // regions beside each other, which have the same dynamic bias
+    std::optional<ReadoutWindow> window;
+    std::uint64_t frames = 1;
+
+    bool IsClear(const Roi& roi) const {
+        return std::none_of(sensor->bad_pixels.begin(), sensor->bad_pixels.end(),
+                            [&](const BadPixel& bad) { return Contains(roi, bad); });
+    }
+};
+
+fs::path DataDirectory(const std::string& camera) {
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(test->test_suite_name()) + test->name() + camera;
+    std::replace(name.begin(), name.end(), '/', '_');
+    return fs::path(::testing::TempDir()) / name;
+}
+
+Roi CenteredRoi(std::size_t x, std::size_t y, std::size_t size, const CameraModel& model) {
+    const auto cut = [](std::size_t value) { return static_cast<std::uint16_t>(value); };
+    const double middle = static_cast<double>(size - 1) / 2.0;
+    return {cut(x),
+            cut(x + size),
+            cut(y),
+            cut(y + size),
+            cut(model.width),
+            cut(model.height),
+            static_cast<double>(x) + middle,
+            static_cast<double>(y) + middle};
+}
+
+template <class Cleaning, class... Paths>
+Bench MakeBench(const CameraModel& model, Paths... paths) {
+    Bench bench;
+    bench.sensor = std::make_shared<CameraSensor>(MakeSensor(model, SEED));
+    const fs::path directory = DataDirectory(model.name);
+    WriteSensorFiles(directory, *bench.sensor);
+    const fs::path data = directory / "data" / model.name;
+    bench.cleaning =
+        std::make_unique<Cleaning>((data / "dark.fits").string(), (data / "flat.fits").string(), paths...);
+    return bench;
+}
+
+Bench LisaBench() {
+    const fs::path directory = DataDirectory("lisa");
+    auto bench = MakeBench<LisaNoiseRemoval>(
+        LisaModel(), (directory / "data/scrambling/lisa_descrambling_vector.fits").string());
+    bench.bias_pixels = 160;
+    bench.sharing = WfsGrid::ACROSS;
+    WriteGridFiles(directory, MakeWfsGrid(WfsGrid::MOST, SEED));
+    const auto rois = common::Fits::ReadImg<std::uint16_t>(
+        common::Fits::FitsFile((directory / "data/lisa/rois.fits").string()), {{4, WfsGrid::MOST}});
+    const auto references = common::Fits::ReadImg<float>(
+        common::Fits::FitsFile((directory / "data/lisa/reference_points.fits").string()),
+        {{2, WfsGrid::MOST}});
+    for (std::size_t i = 0; i < WfsGrid::MOST; ++i) {
+        bench.rois.emplace_back(rois[4 * i], rois[4 * i + 1], rois[4 * i + 2], rois[4 * i + 3], 840, 816,
+                                references[2 * i], references[2 * i + 1]);
+    }
+    fs::remove_all(directory);
+    return bench;
+}
+
+Bench AliceBench() {
+    auto bench = MakeBench<AliceNoiseRemoval>(AliceModel());
+    for (std::size_t cell = 0; cell < 25; ++cell)
+        bench.rois.push_back(CenteredRoi(10 + cell % 5 * 44, 11 + cell / 5 * 44, 40, bench.sensor->model));
+    bench.frames = 24;
+    fs::remove_all(DataDirectory("alice"));
+    return bench;
+}
+
+Bench MaranaBench() {
+    auto bench = MakeBench<MaranaNoiseRemoval>(MaranaModel());
+    for (std::size_t cell = 0; cell < 64; ++cell)
+        bench.rois.push_back(CenteredRoi(701 + cell % 8 * 64, 902 + cell / 8 * 64, 48, bench.sensor->model));
+    bench.window = ReadoutWindow{690, 900, 530, 520};
+    bench.frames = 8;
+    fs::remove_all(DataDirectory("marana"));
+    return bench;
+}
+
+// Cleans a rendered frame region by region, as a camera thread does, and hands out each one's cleaned frame.
+void ForEachCleaned(Bench& bench, const std::vector<Spot>& spots,
+                    const std::function<void(std::size_t, defs::AlignedFrame<float>&)>& use) {
+    FrameRenderer renderer(bench.sensor, SEED);
+    std::vector<std::uint16_t> raw(bench.sensor->model.RawSize());
+    std::optional<Window> window;
+    if (bench.window) {
+        const auto cut = [](std::size_t value) { return static_cast<std::uint16_t>(value); };
+        window.emplace(cut(bench.window->x), cut(bench.window->y), cut(bench.window->width),
+                       cut(bench.window->height));
+    }
+    for (std::uint64_t frame = 0; frame < bench.frames; ++frame) {
+        if (bench.window) {
+            renderer.Render(frame, spots, *bench.window, raw);
+        } else {
+            renderer.Render(frame, spots, raw);
+        }
+        bench.cleaning->InvalidateCache();
+        for (std::size_t i = 0; i < bench.rois.size(); ++i) {
+            bench.cleaning->RemoveNoise(raw, window, bench.rois[i].Enlarge(1));
+            use(i, bench.cleaning->GetFrame());
+        }
+    }
+}
+
+// Deviations from what is expected, in units of the rms that the noise gives them.
+class Pulls {
+public:
+    // `sharing` is how many regions share a dynamic bias, and its error.
+    Pulls(std::string what, std::size_t sharing) : m_what(std::move(what)), m_sharing(sharing) {}
+
+    void Add(double found, const Quantity& expected) {
+        const double pull = (found - expected.value) / expected.rms;
+        EXPECT_LT(std::abs(pull), FAR) << m_what << ", number " << m_count;
+        m_sum += pull;
+        m_squares += pull * pull;
+        m_common += expected.common_share * static_cast<double>(m_sharing - 1);
+        m_count += 1.0;
+    }
+    // No bias that as many values could show.
+    void ExpectUnbiased() const {
+        EXPECT_GT(m_count, 100.0) << m_what;
+        EXPECT_LT(std::abs(m_sum), FAR * std::sqrt(m_count + m_common)) << m_what;
+    }
+    // The noise is what it is said to be: the mean of n squares is 1 within sqrt(2 / n).
+    void ExpectFullNoise() const {
+        EXPECT_NEAR(m_squares / m_count, 1.0, FAR * std::sqrt(2.0 / m_count)) << m_what;
+    }
+    // The noise is below its bound, and the bound within three times the noise.
+    void ExpectNoiseBelowBound() const {
+        EXPECT_LT(m_squares / m_count, 1.0 + FAR * std::sqrt(2.0 / m_count)) << m_what;
+        EXPECT_GT(m_squares / m_count, 1.0 / 9.0) << m_what;
+    }
+
+private:
+    const std::string m_what;
+    const std::size_t m_sharing;
+    double m_sum = 0.0;
+    double m_squares = 0.0;
+    double m_common = 0.0;
+    double m_count = 0.0;
+};
+
+// Five times the noise of the sky, above the sky.
+float Threshold(const CameraModel& model) {
+    return model.background +
+           5.0F * std::sqrt(model.read_noise * model.read_noise + model.gain * model.background);
+}
+
+class ClosedCircle : public ::testing::TestWithParam<Bench (*)()> {};
+
+TEST_P(ClosedCircle, FindsSpotsWhereTheyAreExpectedAndAsFluxAndNoiseSay) {
+    Bench bench = GetParam()();
+    const CameraModel& model = bench.sensor->model;
+    const float threshold = Threshold(model);
+    PortableRandom random(SEED);
+    std::vector<Spot> spots;
+    std::vector<Expected> all;
+    std::vector<Expected> bright;
+    for (const Roi& roi : bench.rois) {
+        // So near to the middle that the region holds all of the spot.
+        const double x = (roi.x_start + roi.x_stop - 1) / 2.0;
+        const double y = (roi.y_start + roi.y_stop - 1) / 2.0;
+        spots.push_back({x + random.Uniform(-2.5, 2.5), y + random.Uniform(-2.5, 2.5),
+                         model.spot_flux * random.Uniform(0.5, 1.5)});
+        const PaperCentroid paper(*bench.sensor, roi, spots.back(), bench.bias_pixels);
+        all.push_back(paper.OfAll());
+        bright.push_back(paper.From(threshold));
+        // The sky in the region pulls a plain centre of gravity to its middle.
+        const double sky = static_cast<double>(roi.size) * model.background;
+        EXPECT_NEAR(all.back().x.value,
+                    (spots.back().flux * spots.back().x + sky * x) / (spots.back().flux + sky), 1e-4);
+    }
+
+    CentroidingCOG<float> cog(model.width, model.height, 10.0);
+    CentroidingTSH<float> tsh(model.width, model.height, 10.0, threshold);
+    Pulls cog_position("COG position", bench.sharing);
+    Pulls cog_flux("COG flux", bench.sharing);
+    Pulls tsh_position("TSH position", bench.sharing);
+    Pulls tsh_flux("TSH flux", bench.sharing);
+    const auto judge = [&](std::size_t i, const CentroidingBase& found, const Expected& expected,
+                           Pulls& position, Pulls& flux) {
+        position.Add(found.x + bench.rois[i].ref_x, expected.x);
+        position.Add(found.y + bench.rois[i].ref_y, expected.y);
+        flux.Add(found.flux, expected.flux);
+    };
+    ForEachCleaned(bench, spots, [&](std::size_t i, const defs::AlignedFrame<float>& cleaned) {
+        if (!bench.IsClear(bench.rois[i])) return;
+        cog.Compute(cleaned, bench.rois[i]);
+        tsh.Compute(cleaned, bench.rois[i]);
+        judge(i, cog, all[i], cog_position, cog_flux);
+        judge(i, tsh, bright[i], tsh_position, tsh_flux);
+    });
+    for (const Pulls* pulls : {&cog_position, &cog_flux, &tsh_position, &tsh_flux}) {
+        pulls->ExpectUnbiased();
+        pulls->ExpectFullNoise();
+    }
+}
+
+// In the middle of a region all that could pull is symmetric: the sky, a threshold, a choice of the
+// brightest.
+TEST_P(ClosedCircle, FindsSpotsInTheMiddleWhereTheyAre) {
+    Bench bench = GetParam()();
+    const CameraModel& model = bench.sensor->model;
+    const float threshold = Threshold(model);
+    std::vector<Spot> spots;
+    std::vector<PaperCentroid> papers;
+    double brightest_rms = 0.0;
+    float dimmest = 2.0F;
+    for (const Roi& roi : bench.rois) {
+        spots.push_back(
+            {(roi.x_start + roi.x_stop - 1) / 2.0, (roi.y_start + roi.y_stop - 1) / 2.0, model.spot_flux});
+        papers.emplace_back(*bench.sensor, roi, spots.back(), bench.bias_pixels);
+        // The bound holds for all regions if it is that of the region with the least light.
+        const auto middle = static_cast<std::size_t>(spots.back().y) * model.Stride() +
+                            static_cast<std::size_t>(spots.back().x);
+        if (!bench.IsClear(roi) || bench.sensor->flat[middle] >= dimmest) continue;
+        dimmest = bench.sensor->flat[middle];
+        brightest_rms = papers.back().BrightestRmsBound(BRIGHTEST);
+    }
+
+    CentroidingCOG<float> cog(model.width, model.height, 10.0);
+    CentroidingTSH<float> tsh(model.width, model.height, 10.0, threshold);
+    CentroidingNBR<float> nbr(model.width, model.height, 10.0);
+    nbr.SetNBrightest(BRIGHTEST, true);
+    Pulls cog_pulls("COG", bench.sharing);
+    Pulls tsh_pulls("TSH", bench.sharing);
+    Pulls nbr_pulls("NBR", bench.sharing);
+    ForEachCleaned(bench, spots, [&](std::size_t i, const defs::AlignedFrame<float>& cleaned) {
+        const Roi& roi = bench.rois[i];
+        if (!bench.IsClear(roi)) return;
+        // Expected where the spot is; the rms alone is the estimator's.
+        const auto judge = [&](Centroiding<float>& estimator, const Expected& noise, Pulls& pulls) {
+            estimator.Compute(cleaned, roi);
+            pulls.Add(estimator.x + roi.ref_x, {spots[i].x, noise.x.rms, noise.x.common_share});
+            pulls.Add(estimator.y + roi.ref_y, {spots[i].y, noise.y.rms, noise.y.common_share});
+        };
+        judge(cog, papers[i].OfAll(), cog_pulls);
+        judge(tsh, papers[i].From(threshold), tsh_pulls);
+        judge(nbr, {{}, {0.0, brightest_rms, 0.0}, {0.0, brightest_rms, 0.0}}, nbr_pulls);
+    });
+    for (const Pulls* pulls : {&cog_pulls, &tsh_pulls, &nbr_pulls}) pulls->ExpectUnbiased();
+    cog_pulls.ExpectFullNoise();
+    tsh_pulls.ExpectFullNoise();
+    nbr_pulls.ExpectNoiseBelowBound();
+}
+
+std::string CameraName(const ::testing::TestParamInfo<Bench (*)()>& instance) {
+    if (instance.param == &LisaBench) return "Lisa";
+    return instance.param == &AliceBench ? "Alice" : "Marana";
+}
+
+INSTANTIATE_TEST_SUITE_P(Cameras, ClosedCircle, ::testing::Values(&LisaBench, &AliceBench, &MaranaBench),
+                         CameraName);
+
+TEST(ClosedCircleWithBadPixels, FindsSpotsOverRepairedPixels) {
+    Bench bench = LisaBench();
+    const CameraModel& model = bench.sensor->model;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> bad_pixels;
+    std::vector<Roi> rois;
+    std::vector<Spot> spots;
+    std::vector<Expected> expected;
+    for (const BadPixel& bad : bench.sensor->bad_pixels) {
+        bad_pixels.emplace_back(bad.x, bad.y);
+        const Roi surroundings = CenteredRoi(bad.x, bad.y, 1, model).Enlarge(40);
+        const bool is_alone =
+            std::count_if(bench.sensor->bad_pixels.begin(), bench.sensor->bad_pixels.end(),
+                          [&](const BadPixel& other) { return Contains(surroundings, other); }) == 1;
+        if (!is_alone || bad.x < 32 || bad.x > 808 || bad.y < 16 || bad.y > 800) continue;
+        // Right beside the spot's core, where an uncorrected pixel would spoil everything.
+        rois.push_back(CenteredRoi(bad.x - 10, bad.y - 11, 24, model));
+        spots.push_back({bad.x + 1.5, bad.y + 0.5, model.spot_flux});
+        PaperCentroid paper(*bench.sensor, rois.back(), spots.back(), bench.bias_pixels);
+        paper.Repair(bad);
+        expected.push_back(paper.OfAll());
+    }
+    ASSERT_GT(rois.size(), 15U);
+    bench.rois = rois;
+    bench.frames = 4;
+    const bad_pixel_correction_block correction(840, 816, bad_pixels, {1, 1, 1, 1, 0, 1, 1, 1, 1});
+    CentroidingCOG<float> cog(model.width, model.height, 10.0);
+    Pulls pulls("COG", bench.sharing);
+    ForEachCleaned(bench, spots, [&](std::size_t i, defs::AlignedFrame<float>& cleaned) {
+        correction.work(cleaned, bench.rois[i]);
+        cog.Compute(cleaned, bench.rois[i]);
+        pulls.Add(cog.x + bench.rois[i].ref_x, expected[i].x);
+        pulls.Add(cog.y + bench.rois[i].ref_y, expected[i].y);
+    });
+    pulls.ExpectUnbiased();
+    pulls.ExpectFullNoise();
+}
+
+}  // namespace
+}  // namespace vosk::rig
