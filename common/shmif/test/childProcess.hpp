@@ -1,7 +1,7 @@
 #pragma once
 
 // Helpers of the shared-memory tests: another process that can be told to go on or be killed, names that no
-// other test run uses, and a condition with a deadline.
+// other test run uses.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,6 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,18 +16,9 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <thread>
+#include <vosk/test/support.hpp>
 
 namespace vosk::test {
-
-inline bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{30};
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds{1});
-    }
-    return false;
-}
 
 // The two ends of what parent and child say to one another, a byte at a time.
 class Signals {
@@ -115,11 +105,6 @@ private:
 // A prefix of this process and test; what is left under it goes away with the fixture.
 class UniquePrefix {
 public:
-    UniquePrefix() {
-        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        m_prefix = "/vosk_test_" + std::to_string(::getpid()) + "_" + test->name() + "_";
-    }
-
     const std::string& Get() const { return m_prefix; }
     std::string NameOf(const std::string& topic) const { return m_prefix + topic; }
     bool Exists(const std::string& topic) const {
@@ -128,7 +113,7 @@ public:
     void Remove(const std::string& topic) const { ::shm_unlink(NameOf(topic).c_str()); }
 
 private:
-    std::string m_prefix;
+    const std::string m_prefix = std::string{"/"}.append(UniqueName()).append("_");
 };
 
 }  // namespace vosk::test

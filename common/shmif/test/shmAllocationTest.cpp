@@ -3,29 +3,10 @@
 
 #include "childProcess.hpp"
 
+#include <vosk/test/allocationCount.hpp>
+
 #include <array>
 #include <cstddef>
-#include <cstdlib>
-#include <new>
-
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-}  // namespace
-
-// None inlined, or the compiler sees a free() of memory that did not come from malloc().
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc{};
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -43,7 +24,7 @@ TEST(ShmDataPath, AllocatesNothing) {
         ShmReaderRT reader{shm, "mailbox"};
         ShmWriterBoost queue{shm, "queue"};
         std::array<std::byte, 64> record{};
-        const std::size_t before = allocations;
+        const std::size_t before = vosk::test::AllocationsOfThisThread();
         ASSERT_GT(before, 0U);
         for (int i = 0; i < 110; ++i) {  // more than the queue holds
             EXPECT_TRUE(writer.TimedSend(record.data(), 1ms));
@@ -54,7 +35,7 @@ TEST(ShmDataPath, AllocatesNothing) {
             EXPECT_TRUE(reader.TimedReceive(record.data(), 0us));
             queue.TrySend(record.data());
         }
-        EXPECT_EQ(allocations, before);
+        EXPECT_EQ(vosk::test::AllocationsOfThisThread(), before);
     }
     ShmIf::Teardown();
 }

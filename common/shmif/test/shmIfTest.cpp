@@ -5,10 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include <vosk/defs/shmRecords.hpp>
-
 #include <fcntl.h>
-#include <cstring>
 
 using namespace std::chrono_literals;
 using namespace vosk::common::shmif;
@@ -52,20 +49,6 @@ TEST(ShmIf, RegisteredTopicsLastUntilTeardown) {
     ShmIf::Teardown();
     EXPECT_THROW(shm.GetQueueType("my_loop"), std::runtime_error);
     EXPECT_EQ(shm.GetPrefix(), "");
-}
-
-// The slots of a WfsTopic stand in front of their count.
-TEST(ShmRecords, WfsTopicEndsWithTheCount) {
-    vosk::defs::WfsTopic topic;
-    topic.slopes.resize(3);
-    topic.slopes[2].y = 2.5;
-    std::uint64_t count = 0;
-    double y = 0.0;
-    const auto* bytes = reinterpret_cast<const char*>(&topic);
-    std::memcpy(&count, bytes + 26152, sizeof(count));
-    std::memcpy(&y, bytes + 16 + 2 * 24 + 16, sizeof(y));
-    EXPECT_EQ(count, 3U);
-    EXPECT_EQ(y, 2.5);
 }
 
 class RegionsLock : public ::testing::Test {

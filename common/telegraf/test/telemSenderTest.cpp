@@ -21,29 +21,19 @@ public:
     std::vector<std::string> m_lines;
 };
 
-template <class T>
-std::string LineOf(const T& value) {
+TEST(TelemSender, WritesOneFieldALineWithUpToSixteenDigits) {
     RecordingSender sender;
     sender.m_source = "s";
-    sender.RecordPoint("set", "tag", "field", value);
-    return sender.m_lines.at(0);
-}
-
-TEST(TelemSender, WritesOneFieldALine) {
-    RecordingSender sender;
-    sender.m_source = "s";
-    sender.RecordPoint("rtc_performance", "m4_output", "m4_time_since_last_send_max_ms", 1.25);
-    EXPECT_THAT(sender.m_lines, testing::ElementsAre("/oru/cs/vosk(s),rtc_performance=m4_output "
-                                                     "m4_time_since_last_send_max_ms=1.25"));
-}
-
-TEST(TelemSender, WritesNumbersInTheShortestOfSixteenDigits) {
-    const std::string head = "/oru/cs/vosk(s),set=tag field=";
-    EXPECT_EQ(LineOf(0.1), head + "0.1");
-    EXPECT_EQ(LineOf(1234567.125), head + "1234567.125");
-    EXPECT_EQ(LineOf(1.0 / 3.0), head + "0.3333333333333333");
-    EXPECT_EQ(LineOf(4294967295U), head + "4294967295");
-    EXPECT_EQ(LineOf(-7), head + "-7");
+    const auto line = [&sender](const auto& value) {
+        sender.RecordPoint("rtc_performance", "m4_output", "field", value);
+        return sender.m_lines.back();
+    };
+    const std::string head = "/oru/cs/vosk(s),rtc_performance=m4_output field=";
+    EXPECT_EQ(line(0.1), head + "0.1");
+    EXPECT_EQ(line(1234567.125), head + "1234567.125");
+    EXPECT_EQ(line(1.0 / 3.0), head + "0.3333333333333333");
+    EXPECT_EQ(line(4294967295U), head + "4294967295");
+    EXPECT_EQ(line(-7), head + "-7");
 }
 
 TEST(TelemSender, RefusesEmptyNamesOnlyOnceSetUp) {

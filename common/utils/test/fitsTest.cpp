@@ -3,7 +3,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
 
 #include <cstdlib>
 #include <filesystem>
@@ -19,21 +20,9 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 using vosk::common::Fits;
-namespace fs = std::filesystem;
+using vosk::test::TextOf;
 
 namespace {
-
-template <class Error>
-std::string TextOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Error& error) {
-        return error.what();
-    } catch (const std::exception& error) {
-        return std::string{"another exception: "} + error.what();
-    }
-    return "no exception";
-}
 
 std::vector<float> Ramp(std::size_t size) {
     std::vector<float> values(size);
@@ -43,10 +32,7 @@ std::vector<float> Ramp(std::size_t size) {
 
 class FitsFiles : public testing::Test {
 protected:
-    FitsFiles() { fs::remove_all(m_root); }
-    ~FitsFiles() override { fs::remove_all(m_root); }
-
-    std::string Path(const std::string& name) const { return (m_root / name).string(); }
+    std::string Path(const std::string& name) const { return m_directory / name; }
 
     // Writes the image into a new file and opens that for reading.
     template <class T>
@@ -55,7 +41,7 @@ protected:
         return Fits::FitsFile(Path("image.fits"));
     }
 
-    const fs::path m_root = fs::path{testing::TempDir()} / fmt::format("fitsTest{}", ::getpid());
+    const vosk::test::TempDir m_directory;
 };
 
 TEST_F(FitsFiles, CarryImagesOfEveryElementType) {
@@ -76,8 +62,7 @@ TEST_F(FitsFiles, CarryImagesOfEveryElementType) {
 // Big-endian, two's complement, NAXIS1 running fastest: checked without the library that wrote it.
 TEST_F(FitsFiles, HoldTheBytesThatTheFormatPrescribes) {
     Image(std::vector<std::uint16_t>{1, 0x1234, 0x8000, 0xffff}, {2, 2});
-    std::ifstream file{Path("image.fits"), std::ios::binary};
-    std::string bytes{std::istreambuf_iterator<char>{file}, {}};
+    const std::string bytes = m_directory.Content("image.fits");
     ASSERT_EQ(bytes.size(), 2U * 2880U);
     EXPECT_THAT(bytes, StartsWith("SIMPLE  =                    T"));
     EXPECT_THAT(bytes, HasSubstr("BITPIX  =                   16"));
@@ -115,8 +100,6 @@ TEST_F(FitsFiles, AreCheckedBeforeTheyAreRead) {
               "Fits: File has wrong image type, expected: -64 , acctual: -32");
     EXPECT_EQ(TextOf<std::invalid_argument>(read(39, -32, {{10, 4}})),
               "Fits: Provided buffer is too small, expected at least: 40 , acctual: 39");
-    EXPECT_EQ(TextOf<std::runtime_error>(read(40, -32, {{10, 4}})),
-              "Fits: Image size does not match for the 0th dimension, expected: 10, acctual: 4");
     EXPECT_EQ(TextOf<std::runtime_error>(read(40, -32, {{4, 11}})),
               "Fits: Image size does not match for the 1th dimension, expected: 11, acctual: 10");
     EXPECT_EQ(TextOf<std::runtime_error>(read(40, -32, {{4, 10, 1}})),
@@ -165,15 +148,6 @@ TEST_F(FitsFiles, CarryHeaderKeywords) {
               "Fits: Error getting the header key: NONE");
 }
 
-TEST_F(FitsFiles, WithoutAxesCountAsOneElement) {
-    static_cast<void>(Fits::FitsFileWrite(Path("empty.fits"), true));
-    const auto file = Fits::FitsFile(Path("empty.fits"));
-    EXPECT_THAT(Fits::ReadImgParams(file).first, ElementsAre());
-    float value = 0;
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { Fits::ReadImgPriv(file, &value, 0, 8, TFLOAT, {}); }),
-              "Fits: Provided buffer is too small, expected at least: 1 , acctual: 0");
-}
-
 TEST_F(FitsFiles, AreCreatedWithTheirDirectoriesReplacedOrKept) {
     const std::string path = Path("new/sub/image.fits");
     Fits::WriteImg<float>(Fits::FitsFileWrite(path, false), Ramp(4), {4});
@@ -187,11 +161,11 @@ TEST_F(FitsFiles, AreCreatedWithTheirDirectoriesReplacedOrKept) {
                            ", details: could not open the named file, "));
     EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite("/proc/no/image.fits", true); }),
                 StartsWith("Fits: Could not open/create /proc/no/image.fits, details: "));
-    std::ofstream{Path("text.fits")} << "no FITS at all";
+    m_directory.Put("text.fits", "no FITS at all");
     EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("text.fits"), false); }),
                 AllOf(StartsWith("Fits: Could not open/create " + Path("text.fits") + ", details: "),
                       HasSubstr("; it exists, but: ")));
-    EXPECT_EQ(fs::file_size(Path("text.fits")), 14U);
+    EXPECT_EQ(m_directory.Content("text.fits"), "no FITS at all");
 }
 
 TEST_F(FitsFiles, RefuseWritesThatDoNotFit) {
@@ -313,48 +287,28 @@ TEST_F(FitsFiles, TakeATableBesideTheirImage) {
     EXPECT_THAT(Fits::ReadTableParams(again, {}).first, ElementsAre(1, 2));
 }
 
-TEST_F(FitsFiles, TakeTheFirst64ColumnsOfATable) {
-    std::vector<std::pair<std::string, std::string>> columns;
-    for (int i = 0; i < 70; ++i) columns.emplace_back(fmt::format("c{}", i), "E");
-    const auto file = Fits::FitsFileWrite(Path("wide.fits"), true, "WIDE");
-    Fits::WriteTable(file, columns);
-    EXPECT_THAT(Fits::ReadTableParams(file, {}).first, ElementsAre(64, 0));
-}
-
-// Other readers take our files for valid, checksums included.
-class OtherReaders : public FitsFiles {
-protected:
-    OtherReaders() {
-        Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(12), {4, 3});
+TEST_F(FitsFiles, AreReadByAnotherReaderWithTheirChecksums) {
+    const auto runs = [](const std::string& command) {
+        return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+    };
+    const std::string python = runs("python3 -c 'import astropy'") ? "python3" : "/usr/bin/python3";
+    if (!runs(python + " -c 'import astropy'")) GTEST_SKIP() << "astropy is not installed";
+    Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(12), {4, 3});
+    {
         const auto file = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
         Fits::WriteTable(file, {{"a", "E"}});
         Fits::WriteColumnPriv(file, Ramp(3).data(), 3, TFLOAT, "a", 1);
     }
-
-    static bool Runs(const std::string& command) {
-        return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-    }
-};
-
-TEST_F(OtherReaders, FitsverifyFindsNoFault) {
-    if (!Runs("command -v fitsverify")) GTEST_SKIP() << "fitsverify is not installed";
-    EXPECT_TRUE(Runs("fitsverify -e -q " + Path("both.fits")));
-}
-
-TEST_F(OtherReaders, AstropyReadsTheValuesAndTheChecksums) {
-    const std::string python = Runs("python3 -c 'import astropy'") ? "python3" : "/usr/bin/python3";
-    if (!Runs(python + " -c 'import astropy'")) GTEST_SKIP() << "astropy is not installed";
-    const std::string script =
+    const std::string script = m_directory.Put(
+        "check.py",
         "import sys, warnings\n"
         "warnings.simplefilter('error')\n"
         "from astropy.io import fits\n"
         "with fits.open(sys.argv[1], checksum=True) as hdus:\n"
         "    assert all('CHECKSUM' in hdu.header and 'DATASUM' in hdu.header for hdu in hdus)\n"
-        "    assert hdus[0].data.shape == (3, 4)\n"
-        "    assert hdus[0].data[2][1] == 9.5\n"
-        "    assert list(hdus['TAB'].data['a']) == [0.5, 1.5, 2.5]\n";
-    std::ofstream{Path("check.py")} << script;
-    EXPECT_TRUE(Runs(python + " " + Path("check.py") + " " + Path("both.fits")));
+        "    assert hdus[0].data.shape == (3, 4) and hdus[0].data[2][1] == 9.5\n"
+        "    assert list(hdus['TAB'].data['a']) == [0.5, 1.5, 2.5]\n");
+    EXPECT_TRUE(runs(python + " " + script + " " + Path("both.fits")));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include <vosk/common/logSetup.hpp>
 #include <vosk/common/logger.hpp>
-#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -23,24 +25,19 @@
 namespace vosk::common {
 namespace {
 
-constexpr auto DEADLINE = std::chrono::seconds{20};
-
 class LoggerTest : public testing::Test {
 protected:
-    LoggerTest() { std::filesystem::remove(m_file); }
-    ~LoggerTest() override {
-        SetupLogging(log4cplus::WARN_LOG_LEVEL);
-        std::filesystem::remove(m_file);
-    }
+    ~LoggerTest() override { SetupLogging(log4cplus::WARN_LOG_LEVEL); }
 
     std::vector<std::string> FileLines() const {
-        std::ifstream in{m_file};
+        std::istringstream in{m_directory.Content("log")};
         std::vector<std::string> lines;
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
 
-    const std::string m_file = testing::TempDir() + "vosk_log_" + std::to_string(::getpid());
+    const test::TempDir m_directory;
+    const std::string m_file = m_directory / "log";
 };
 
 TEST_F(LoggerTest, WritesTimeLevelLoggerAndTextFromTheLevelOn) {
@@ -85,6 +82,9 @@ TEST_F(LoggerTest, KeepsTheOrderOfEachThread) {
 TEST_F(LoggerTest, RefusesAFileThatCannotBeOpenedAndStaysWhereItWas) {
     SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file);
     EXPECT_THROW(SetupLogging(log4cplus::INFO_LOG_LEVEL, "/no/such/directory/log"), std::runtime_error);
+    const std::string pipe = m_directory / "pipe";  // that nobody reads
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_THROW(SetupLogging(log4cplus::INFO_LOG_LEVEL, pipe), std::runtime_error);
     LogInfo("still here");
     FlushLog();
     EXPECT_EQ(FileLines().size(), 1U);
@@ -108,7 +108,7 @@ TEST_F(LoggerTest, WriterGoesOnAndLinesAreCountedWhenTheOutputBlocks) {
     std::uint64_t told_lost = 0;
     int last = -1;
     std::string text;
-    const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
+    const auto give_up = std::chrono::steady_clock::now() + test::PATIENCE;
     while (received + told_lost < LINES && std::chrono::steady_clock::now() < give_up) {
         char buffer[65536];
         const ssize_t got = ::read(pipe, buffer, sizeof(buffer));
@@ -179,19 +179,14 @@ TEST_F(LoggerTest, OutputThatNobodyReadsDoesNotKeepTheProcess) {
     }
 }
 
-TEST_F(LoggerTest, RefusesAPipeWithoutAReader) {
-    ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
-    EXPECT_THROW(SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file), std::runtime_error);
-}
-
 TEST(LogCapture, TakesEveryLineOfEveryLevelAndLogger) {
-    LogCapture capture;
+    test::LogCapture capture;
     LogTrace("{}", 1);
     log4cplus::Logger::getInstance("oru.configng").forcedLog(log4cplus::DEBUG_LOG_LEVEL, "below");
     EXPECT_THROW(LogAndThrow("ERR: bad"), std::runtime_error);
-    const std::vector<LogCapture::Line> expected{{log4cplus::TRACE_LOG_LEVEL, "1"},
-                                                 {log4cplus::DEBUG_LOG_LEVEL, "below"},
-                                                 {log4cplus::ERROR_LOG_LEVEL, "ERR: bad"}};
+    const std::vector<test::LogCapture::Line> expected{{log4cplus::TRACE_LOG_LEVEL, "1"},
+                                                       {log4cplus::DEBUG_LOG_LEVEL, "below"},
+                                                       {log4cplus::ERROR_LOG_LEVEL, "ERR: bad"}};
     EXPECT_EQ(capture.Lines(), expected);
 }
 

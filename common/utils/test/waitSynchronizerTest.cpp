@@ -1,6 +1,7 @@
 #include <vosk/common/waitSynchronizer.hpp>
 
 #include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -15,7 +16,6 @@ using namespace std::chrono_literals;
 namespace vosk::common {
 namespace {
 
-constexpr auto DEADLINE = 20s;
 const AtomClk::time_point LONG_PAST{AtomClk::duration{1}};
 
 // The waits of one synchroniser, run on a thread of their own; a wait that never ends fails the test and is
@@ -38,10 +38,6 @@ public:
         return result;
     }
 
-    std::future<bool> StartWait() {
-        return Start([](auto& synchronizer, const int& running) { return synchronizer.Wait(running); });
-    }
-
     void Stop() { SetRunning(m_running, false); }
 
 private:
@@ -51,12 +47,21 @@ private:
 };
 
 std::optional<bool> Result(std::future<bool>& wait) {
-    if (wait.wait_for(DEADLINE) != std::future_status::ready) return std::nullopt;
+    if (wait.wait_for(test::PATIENCE) != std::future_status::ready) return std::nullopt;
     return wait.get();
 }
 
 bool IsWaiting(std::future<bool>& wait) {
     return wait.wait_for(0s) == std::future_status::timeout;
+}
+
+// Of a wait that only sees what it is to see when it is notified.
+std::optional<bool> ResultOf(std::future<bool>& wait, WaitSynchronizer& synchronizer) {
+    test::Eventually([&] {
+        synchronizer.Notify();
+        return !IsWaiting(wait);
+    });
+    return Result(wait);
 }
 
 class WaitSynchronizerTest : public testing::TestWithParam<bool> {
@@ -137,9 +142,7 @@ TEST_P(WaitSynchronizerTest, StopEndsAWaitForATimeWithTheNextNotification) {
             return (synchronizer.*wait)(AtomClk::now() + 1h, running);
         });
         waiter.Stop();
-        const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
-        while (IsWaiting(result) && std::chrono::steady_clock::now() < give_up) m_synchronizer->Notify();
-        EXPECT_EQ(Result(result), false);
+        EXPECT_EQ(ResultOf(result, *m_synchronizer), false);
     }
 }
 
@@ -179,7 +182,8 @@ TEST_P(WaitSynchronizerTest, ClearingEndsAWaitForNotReady) {
 TEST_P(WaitSynchronizerTest, FlagsComeAndGoWhileAnotherThreadWaits) {
     WaitSynchronizerFlag last{m_synchronizer};
     Waiter waiter{m_synchronizer};
-    auto wait = waiter.StartWait();
+    auto wait =
+        waiter.Start([](auto& synchronizer, const int& running) { return synchronizer.Wait(running); });
     for (int i = 0; i < 5'000; ++i) {
         WaitSynchronizerFlag passing{m_synchronizer};
         m_synchronizer->Notify();
@@ -214,7 +218,7 @@ TEST(WaitUntil, GoesByAtomClkWhereTheSteadyClockDiffers) {
             return synchronizer.WaitUntil(start + 100us, running);
         });
         // Several sleeps of 100 us: were the wait to end with the first, it would be over now.
-        EXPECT_EQ(wait.wait_for(20ms), std::future_status::timeout);
+        EXPECT_EQ(wait.wait_for(3ms), std::future_status::timeout);
         clock.Set(start + 100us);
         EXPECT_EQ(Result(wait), true);
     }
@@ -227,7 +231,7 @@ TEST(WaitUntil, SleepsNoLongerThanToTheEndOfTheClocksRange) {
     auto wait = waiter.Start([](auto& sleeper, const int& running) {
         return sleeper.WaitUntil(AtomClk::time_point::max(), running);
     });
-    EXPECT_EQ(wait.wait_for(20ms), std::future_status::timeout);
+    EXPECT_EQ(wait.wait_for(3ms), std::future_status::timeout);
     clock.Set(AtomClk::time_point::max());
     EXPECT_EQ(Result(wait), true);
 }
@@ -241,18 +245,13 @@ TEST(WaitUntil, NotificationLetsASleeperSeeAClockThatWasMovedOn) {
         return sleeper.WaitUntil(AtomClk::time_point::max() - 1s, running) && AtomClk::now() > start;
     });
     clock.Set(AtomClk::time_point::max());
-    const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
-    while (IsWaiting(wait) && std::chrono::steady_clock::now() < give_up) synchronizer->Notify();
-    EXPECT_EQ(Result(wait), true);
+    EXPECT_EQ(ResultOf(wait, *synchronizer), true);
 }
 
 TEST(WaitSynchronizerFlagBase, RefusesToBeWithoutASynchronizer) {
-    try {
-        WaitSynchronizerFlag flag{std::shared_ptr<WaitSynchronizer>{}};
-        FAIL() << "a flag without a synchroniser was made";
-    } catch (const std::invalid_argument& error) {
-        EXPECT_STREQ(error.what(), "WaitSynchronizerFlagBase: synchronizer cannot be nullptr");
-    }
+    EXPECT_EQ(test::TextOf<std::invalid_argument>(
+                  [] { WaitSynchronizerFlag{std::shared_ptr<WaitSynchronizer>{}}; }),
+              "WaitSynchronizerFlagBase: synchronizer cannot be nullptr");
 }
 
 }  // namespace
