@@ -4,8 +4,9 @@
 #include <numa.h>
 #include <pthread.h>
 #include <sched.h>
-#include <oru/configng/pliConfigDocument.hpp>
-#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/node.hpp>
+#include <vosk/test/support.hpp>
 
 #include <array>
 #include <atomic>
@@ -25,11 +26,12 @@ namespace {
 using log4cplus::ERROR_LOG_LEVEL;
 using log4cplus::WARN_LOG_LEVEL;
 using oru::configng::PliConfigInstanceNode;
-
-constexpr auto DEADLINE = 20s;
+using vosk::test::Eventually;
+using vosk::test::LogCapture;
+using vosk::test::TextOf;
 
 PliConfigInstanceNode Node(const std::string& value) {
-    return oru::configng::PliConfigDocument::FromText("node: " + value, "test").Instances()["node"];
+    return vosk::test::NodeOf("node: " + value)["node"];
 }
 
 // A thread whose body is the test's; `m_running` and the synchroniser are open to it.
@@ -59,19 +61,8 @@ void RunUntilStopped(TestThread& thread, std::promise<void>& started) {
     }
 }
 
-void WaitUntilEnded(const TestThread& thread) {
-    const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
-    while (thread.IsRunning() && std::chrono::steady_clock::now() < give_up) std::this_thread::yield();
-    ASSERT_FALSE(thread.IsRunning());
-}
-
-std::string MessageOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "nothing thrown";
+bool Ends(const TestThread& thread) {
+    return Eventually([&thread] { return !thread.IsRunning(); });
 }
 
 TEST(Thread, RefusesABadNodeInTheLogAndByException) {
@@ -79,22 +70,18 @@ TEST(Thread, RefusesABadNodeInTheLogAndByException) {
         {"[1, 2]", "Thread Test, configuration not recognized"},
         {"{cpu: 0}", "Test: busy-waiting configuration not found (missing busy: true/false)"}};
     for (const auto& [config, text] : cases) {
-        common::LogCapture capture;
-        EXPECT_EQ(MessageOf([config = config] { TestThread{RunUntilStopped, config}; }), text);
+        LogCapture capture;
+        EXPECT_EQ(TextOf<std::runtime_error>([config = config] {
+                      TestThread{RunUntilStopped, config};
+                  }),
+                  text);
         EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, text));
     }
 }
 
-TEST(Thread, WithoutACpuHasNoBufferAndSaysNothing) {
-    common::LogCapture capture;
-    const TestThread thread{RunUntilStopped, "{busy: false, numa_buf_size: 4096}"};
-    EXPECT_EQ(thread.MemoryResource(), nullptr);
-    for (const auto& line : capture.Lines()) EXPECT_LT(line.level, WARN_LOG_LEVEL) << line.text;
-}
-
 TEST(Thread, WithACpuItsEndpointsAllocateFromTheNodesBuffer) {
     if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
-    common::LogCapture capture;
+    LogCapture capture;
     const TestThread thread{RunUntilStopped, "{busy: false, cpu: 0, numa_buf_size: 8192}"};
     ASSERT_NE(thread.MemoryResource(), nullptr);
     auto* first = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
@@ -118,34 +105,31 @@ TEST(Thread, WithACpuItsWorkerRunsThereAlone) {
     EXPECT_TRUE(CPU_ISSET(static_cast<unsigned>(cpu), &bound));
 }
 
-TEST(Thread, GoesOnWithoutABufferThatNoMemoryHolds) {
+TEST(Thread, GoesOnWithoutWhatTheMachineDoesNotAllow) {
     if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
-    common::LogCapture capture;
-    TestThread thread{RunUntilStopped, "{busy: false, cpu: 0, numa_buf_size: 4611686018427387904}"};
-    EXPECT_TRUE(capture.Has(
-        WARN_LOG_LEVEL,
-        "Thread Test, setting NUMA buffer has failed, code = 12, message = Cannot allocate memory"));
-    EXPECT_EQ(thread.MemoryResource(), nullptr);
-}
-
-TEST(Thread, GoesOnUnplacedOnACpuThatIsNotThere) {
-    if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
-    common::LogCapture capture;
-    TestThread thread{RunUntilStopped, "{busy: false, cpu: 1000, numa_buf_size: 4096}"};
-    EXPECT_TRUE(capture.Has(WARN_LOG_LEVEL, "Thread Test, CPU binding has failed"));
-    EXPECT_EQ(thread.MemoryResource(), nullptr);
-    thread.Start().get();
+    const std::pair<const char*, const char*> cases[] = {
+        {"{busy: false, cpu: 0, numa_buf_size: 4611686018427387904}",
+         "Thread Test, setting NUMA buffer has failed, code = 12, message = Cannot allocate memory"},
+        {"{busy: false, cpu: 1000, numa_buf_size: 4096}", "Thread Test, CPU binding has failed"}};
+    for (const auto& [config, text] : cases) {
+        LogCapture capture;
+        TestThread thread{RunUntilStopped, config};
+        EXPECT_TRUE(capture.Has(WARN_LOG_LEVEL, text));
+        EXPECT_EQ(thread.MemoryResource(), nullptr);
+        thread.Start().get();
+    }
 }
 
 TEST(Thread, TellsItsLifeInTheLog) {
-    common::LogCapture capture;
+    LogCapture capture;
     TestThread thread{[](TestThread& self, std::promise<void>& started) {
         started.set_value();
         self.m_synchronizer->Wait(self.m_running);
     }};
+    EXPECT_EQ(thread.MemoryResource(), nullptr);
     thread.Start().get();
     thread.Stop();
-    const std::vector<common::LogCapture::Line> life{
+    const std::vector<LogCapture::Line> life{
         {log4cplus::DEBUG_LOG_LEVEL, "Setting up Test thread"},
         {log4cplus::TRACE_LOG_LEVEL, "Thread Test: CPU = -1, busy waiting = 0"},
         {log4cplus::TRACE_LOG_LEVEL, "Starting thread Test: a test"},
@@ -166,73 +150,51 @@ TEST(Thread, CarriesItsNameCutToWhatTheSystemTakes) {
     EXPECT_STREQ(name.data(), "WfsLisa_WFS_GP1");
 }
 
-TEST(Thread, StopIsHarmlessBeforeStartAndTwice) {
-    TestThread thread{RunUntilStopped};
-    thread.Stop();
-    thread.Start().get();
-    thread.Stop();
-    thread.Stop();
-    EXPECT_FALSE(thread.IsRunning());
-}
-
 TEST(Thread, RunsAgainAfterStopButNotTwiceAtOnce) {
     TestThread thread{RunUntilStopped};
+    thread.Stop();  // harmless
     thread.Start().get();
-    EXPECT_EQ(MessageOf([&thread] { static_cast<void>(thread.Start()); }),
+    EXPECT_EQ(TextOf<std::runtime_error>([&thread] { return thread.Start(); }),
               "Thread Test has been started and not been stopped since");
     EXPECT_TRUE(thread.IsRunning());
+    thread.Stop();
     thread.Stop();
     thread.Start().get();
     EXPECT_TRUE(thread.IsRunning());
 }
 
 TEST(Thread, FailureBeforeTheHandshakeReachesTheOwner) {
-    common::LogCapture capture;
-    TestThread thread{[](TestThread&, std::promise<void>&) { throw std::runtime_error{"no topic"}; }};
-    auto ready = thread.Start();
-    EXPECT_EQ(MessageOf([&ready] { ready.get(); }), "no topic");
-    WaitUntilEnded(thread);
+    LogCapture capture;
+    TestThread failing{[](TestThread&, std::promise<void>&) { throw std::runtime_error{"no topic"}; }};
+    auto ready = failing.Start();
+    EXPECT_EQ(TextOf<std::runtime_error>([&ready] { ready.get(); }), "no topic");
+    EXPECT_TRUE(Ends(failing));
     EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, "Thread Test, caught an excepion, details = no topic"));
-    thread.Stop();
+
+    TestThread leaving{[](TestThread&, std::promise<void>&) {}};
+    ready = leaving.Start();
+    EXPECT_THROW(ready.get(), std::future_error);
+    EXPECT_TRUE(Ends(leaving));
 }
 
-TEST(Thread, FailureAfterTheHandshakeEndsTheThreadWithTwoLines) {
-    common::LogCapture capture;
-    TestThread thread{[](TestThread&, std::promise<void>& started) {
+TEST(Thread, FailureAfterTheHandshakeEndsTheThreadByItselfWithTwoLines) {
+    LogCapture capture;
+    bool fails = true;
+    TestThread thread{[&fails](TestThread& self, std::promise<void>& started) {
+        if (!fails) return RunUntilStopped(self, started);
         started.set_value();
         throw std::runtime_error{"wire cut"};
     }};
+    EXPECT_FALSE(thread.HasEndedByItself());
     thread.Start().get();
-    WaitUntilEnded(thread);
+    EXPECT_TRUE(Ends(thread));
     EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, "Thread Test, caught an excepion, details = wire cut"));
     EXPECT_TRUE(capture.Has(ERROR_LOG_LEVEL, "Problem detected in Test::Work(): wire cut"));
     thread.Stop();
-}
-
-TEST(Thread, LeavingWorkWithoutAHandshakeBreaksThePromise) {
-    TestThread thread{[](TestThread&, std::promise<void>&) {}};
-    auto ready = thread.Start();
-    EXPECT_THROW(ready.get(), std::future_error);
-    WaitUntilEnded(thread);
-}
-
-TEST(Thread, KnowsWhetherItEndedByItself) {
-    bool leaves = true;
-    TestThread thread{[&leaves](TestThread& self, std::promise<void>& started) {
-        if (!leaves) return RunUntilStopped(self, started);
-        started.set_value();
-        throw std::runtime_error{"no more"};
-    }};
-    EXPECT_FALSE(thread.HasEndedByItself());
-    thread.Start().get();
-    WaitUntilEnded(thread);
-    EXPECT_TRUE(thread.HasEndedByItself());
-    thread.Stop();
     EXPECT_TRUE(thread.HasEndedByItself());
 
-    leaves = false;
+    fails = false;
     thread.Start().get();
-    EXPECT_FALSE(thread.HasEndedByItself());
     thread.Stop();
     EXPECT_FALSE(thread.HasEndedByItself());
 }
@@ -265,20 +227,23 @@ TEST(Thread, WaitUntilGivesTheTimeOrAReadyFlagTheSameAnswer) {
     EXPECT_EQ(answers, 2);
 }
 
-class TestRxThread : public RxThread {
-public:
+struct TestRxThread : RxThread {
     explicit TestRxThread(const std::string& config) : RxThread{"Rx", Node(config), "", 7us} {}
     using RxThread::m_timeout;
     void Work(std::promise<void>&) override {}
 };
 
-class TestTxThread : public TxThread {
-public:
+struct TestTxThread : TxThread {
     explicit TestTxThread(const std::string& config) : TxThread{"Tx", Node(config), "", 8us, 9us} {}
     using TxThread::m_send_interval;
     using TxThread::m_send_offset;
     void Work(std::promise<void>&) override {}
 };
+
+template <class TestedThread>
+std::string RefusalOf(const std::string& key) {
+    return TextOf<std::runtime_error>([&key] { TestedThread{"{busy: false, " + key + "}"}; });
+}
 
 TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
     EXPECT_EQ(TestRxThread{"{busy: false}"}.m_timeout, 7us);
@@ -289,24 +254,20 @@ TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
     const TestTxThread given{"{busy: false, send_interval: 2 ms, send_offset: 1500 ns}"};
     EXPECT_EQ(given.m_send_interval, 2ms);
     EXPECT_EQ(given.m_send_offset, 2us);
-    common::LogCapture capture;
-    EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: -1 us}"}; }),
-              "ERR: node.timeout must not be negative");
-    EXPECT_EQ(MessageOf([] { TestRxThread{"{busy: false, timeout: 3600001 ms}"}; }),
-              "ERR: node.timeout is out of range");
-    EXPECT_EQ(MessageOf([] { TestTxThread{"{busy: false, send_interval: 3600001 ms}"}; }),
+    EXPECT_EQ(RefusalOf<TestRxThread>("timeout: -1 us"), "ERR: node.timeout must not be negative");
+    EXPECT_EQ(RefusalOf<TestRxThread>("timeout: 3600001 ms"), "ERR: node.timeout is out of range");
+    EXPECT_EQ(RefusalOf<TestTxThread>("send_interval: 3600001 ms"),
               "ERR: node.send_interval is out of range");
-    EXPECT_EQ(MessageOf([] { TestTxThread{"{busy: false, send_offset: -3600001 ms}"}; }),
-              "ERR: node.send_offset is out of range");
+    EXPECT_EQ(RefusalOf<TestTxThread>("send_offset: -3600001 ms"), "ERR: node.send_offset is out of range");
 }
 
 TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {
-    const auto at = [](std::int64_t ns) { return AtomClk::time_point{AtomClk::duration{ns}}; };
-    EXPECT_EQ(CeilToNextInterval(at(1'000'001), 0us, 250us), at(1'250'001));
-    EXPECT_EQ(CeilToNextInterval(at(1'000'000), 1000us, 0us), at(1'000'000));
-    EXPECT_EQ(CeilToNextInterval(at(1'000'001), 1000us, 0us), at(2'000'000));
-    EXPECT_EQ(CeilToNextInterval(at(1), 3ms, 250us), at(3'250'000));
-    EXPECT_EQ(CeilToNextInterval(at(1'800'000'000'000'000'001), 7us, 0us).time_since_epoch() % 7us, 0ns);
+    using vosk::test::At;
+    EXPECT_EQ(CeilToNextInterval(At(1'000'001), 0us, 250us), At(1'250'001));
+    EXPECT_EQ(CeilToNextInterval(At(1'000'000), 1000us, 0us), At(1'000'000));
+    EXPECT_EQ(CeilToNextInterval(At(1'000'001), 1000us, 0us), At(2'000'000));
+    EXPECT_EQ(CeilToNextInterval(At(1), 3ms, 250us), At(3'250'000));
+    EXPECT_EQ(CeilToNextInterval(At(1'800'000'000'000'000'001), 7us, 0us).time_since_epoch() % 7us, 0ns);
 }
 
 }  // namespace
