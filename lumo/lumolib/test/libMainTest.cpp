@@ -110,6 +110,19 @@ TEST_F(LibMainTest, EmptyDocumentMakesNoThread) {
     EXPECT_THROW(m_library.SetupThreads(ConfigOf("cfg: 5")), std::runtime_error);
 }
 
+TEST_F(LibMainTest, EmptiesTheRegistriesAndReadsTheResamplersBeforeItMakesAThread) {
+    const LogCapture log;
+    m_library.SetupThreads(ConfigOf(std::string{"cfg: {m4: {output: ["} + OUTPUT +
+                                    "]}, resamplers: [{id: r, definition: []}]}"));
+    std::vector<std::string> texts;
+    for (const auto& line : log.Lines()) texts.push_back(line.text);
+    texts.resize(5);
+    EXPECT_THAT(
+        texts,
+        ElementsAre("Setting up threads...", "DataSyncManager::Reset()", "ResamplerManager::Reset()",
+                    "ResamplerManager: found resampler configuration: r", "Setting up M4Output thread"));
+}
+
 TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemByName) {
     const LogCapture log;
     m_library.SetupThreads(ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(47002) +

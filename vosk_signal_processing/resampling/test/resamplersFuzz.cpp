@@ -25,7 +25,7 @@ constexpr std::size_t MAX_FACTOR = 1'000;
 // A chain moves as many samples at once as it is told to; more only takes time.
 bool MovesFew(const PliConfigInstanceNode& definition) {
     for (const auto& stage : definition) {
-        if (!stage.Has("outut_sample_rate")) continue;
+        if (stage["type"].As<std::string>() != "upsampler") continue;
         const auto input = stage["input_sample_rate"].As<unsigned long>();
         const auto output = stage["outut_sample_rate"].As<unsigned long>();
         if (output / input > MAX_FACTOR) return false;

@@ -16,7 +16,7 @@ TEST(StateSpaceFilter, FollowsTheRecursionForLongWithAStateForEachValue) {
     for (const Stage& stage : {Stage{"filter1"}, Stage{"filter2"}}) {
         const auto filter = MakeReal(stage);
         const auto model = MakeModel(stage);
-        for (unsigned k = 0; k < 1'000'000; ++k) {
+        for (unsigned k = 0; k < 300'000; ++k) {
             const auto tip = static_cast<float>(1000 * std::sin(k * 1e-7 * k));
             const auto tilt = static_cast<float>(std::cos(k / 3.0)) + 5e4F;
             filter->AddSample({At(k), k, {tip, tilt}});

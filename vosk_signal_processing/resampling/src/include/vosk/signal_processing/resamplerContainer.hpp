@@ -58,7 +58,7 @@ private:
         }
     }
 
-    const std::vector<std::unique_ptr<Resampler<T>>> m_resamplers;  // guarded by m_mutex, beyond their own
+    const std::vector<std::unique_ptr<Resampler<T>>> m_resamplers;  // called under m_mutex
     std::mutex m_mutex;
 };
 

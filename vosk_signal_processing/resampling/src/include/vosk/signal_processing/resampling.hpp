@@ -10,6 +10,7 @@
 #include <atomclk/atomClk.hpp>
 #include <vosk/common/logger.hpp>
 
+#include <chrono>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <string>
 #include <type_traits>
 #include <utility>
 

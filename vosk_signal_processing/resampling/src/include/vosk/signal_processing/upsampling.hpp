@@ -82,7 +82,7 @@ private:
         const auto older = A::Values(Older());
         const auto values = A::Values(output);
         for (std::size_t i = 0; i < values.size(); ++i) {
-            values[i] = static_cast<std::remove_reference_t<decltype(values[i])>>(
+            values[i] = static_cast<typename decltype(values)::element_type>(
                 std::lerp(static_cast<double>(older[i]), static_cast<double>(values[i]), t));
         }
     }
