@@ -32,17 +32,22 @@ void Print(const Row& row) {
 int main(int argc, char** argv) {
     using namespace vosk::bench;
     const std::vector<std::pair<std::string, std::function<std::vector<Row>()>>> benchmarks{
-        {"executor", BenchExecutor},       {"hand-off", BenchHandOff},
-        {"wait-until", BenchWaitUntil},    {"latency", BenchCommandLatency},
-        {"lspx", BenchLspxReceive},        {"mailbox", BenchMailbox},
-        {"centroiding", BenchCentroiding}, {"clean-and-centroid", BenchCleanAndCentroid},
+        {"executor", BenchExecutor},
+        {"hand-off", BenchHandOff},
+        {"wait-until", BenchWaitUntil},
+        {"latency", BenchCommandLatency},
+        {"lspx", BenchLspxReceive},
+        {"mailbox", BenchMailbox},
+        {"cleaning", BenchFrameCleaning},
+        {"centroiding", BenchCentroiding},
+        {"clean-and-centroid", BenchCleanAndCentroid},
         {"resampling", BenchResampling},
     };
 
     CLI::App app{"Measures the library against bare forms and limits of the machine, in one run"};
     std::string only;
     app.add_option("--only", only,
-                   "one of executor, hand-off, wait-until, latency, lspx, mailbox, centroiding, "
+                   "one of executor, hand-off, wait-until, latency, lspx, mailbox, cleaning, centroiding, "
                    "clean-and-centroid, resampling");
     CLI11_PARSE(app, argc, argv);
 
