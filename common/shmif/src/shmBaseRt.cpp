@@ -20,7 +20,6 @@ namespace vosk::common::shmif {
 namespace {
 
 constexpr mode_t REGION_PERMISSIONS = 0666;
-constexpr std::chrono::seconds LOOK_INTERVAL{1};
 constexpr const char* SIZE_MISMATCH = "Data size mismatch in shared memory";
 
 std::string SystemErrorText(int code) {
@@ -157,7 +156,7 @@ NamedLock ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::strin
     m_region = region;
     m_fd = fd.Release();
     m_valid = true;
-    m_next_look = std::chrono::steady_clock::now() + LOOK_INTERVAL;
+    m_next_look = std::chrono::steady_clock::now() + m_look_interval;
     return lock;
 }
 
@@ -173,7 +172,7 @@ ShmBaseRT::~ShmBaseRT() {
 
 bool ShmBaseRT::HasSuccessor(std::chrono::steady_clock::time_point now) noexcept {
     if (now < m_next_look) return false;
-    m_next_look = now + LOOK_INTERVAL;
+    m_next_look = now + m_look_interval;
     const auto status = StatOf(m_fd);
     return status && status->st_nlink == 0 && OpenExisting(m_name).IsOpen();
 }

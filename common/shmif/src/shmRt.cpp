@@ -75,7 +75,8 @@ bool RaiseTo(std::atomic<std::uint64_t>& read_seq, std::uint64_t taken) noexcept
 
 }  // namespace
 
-ShmWriterRT::ShmWriterRT(ShmIf& shm, const std::string& topic) {
+ShmWriterRT::ShmWriterRT(ShmIf& shm, const std::string& topic, std::chrono::nanoseconds look_interval)
+    : ShmBaseRT{look_interval} {
     const std::size_t size = GetSizeOrThrow(shm, topic, ShmType::SHM_RT);
     const NamedLock lock = CreateOrOpenShm(shm.GetPrefix(), topic, size);
     TakeOverSlot();
@@ -137,7 +138,8 @@ void ShmWriterRT::Put(const void* data) noexcept {
     Wake(m_region->reader_wake, ALL_WAITERS);
 }
 
-ShmReaderRT::ShmReaderRT(ShmIf& shm, const std::string& topic) {
+ShmReaderRT::ShmReaderRT(ShmIf& shm, const std::string& topic, std::chrono::nanoseconds look_interval)
+    : ShmBaseRT{look_interval} {
     const std::size_t size = GetSizeOrThrow(shm, topic, ShmType::SHM_RT);
     const NamedLock lock = CreateOrOpenShm(shm.GetPrefix(), topic, size);
     Attach();

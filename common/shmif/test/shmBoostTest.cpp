@@ -115,7 +115,7 @@ TEST_F(ShmBoost, TopicOfTheOtherKindIsRefused) {
 }
 
 TEST_F(ShmBoost, QueueThatWasNeverFinishedIsMadeAnew) {
-    for (std::size_t size : {0, 1, 20000}) {
+    for (std::size_t size : {1, 20000}) {
         std::ofstream{"/dev/shm" + Name(), std::ios::binary} << std::string(size, '\0');
         ShmWriterBoost writer{m_shm, TOPIC};
         writer.TrySend(Message{}.data());

@@ -52,7 +52,9 @@ protected:
         m_prefix.Remove(TOPIC);
     }
 
-    ShmWriterRT MakeWriter() { return {m_shm, TOPIC}; }
+    // Peers that look for a successor as soon as nobody answers.
+    ShmWriterRT MakeWriter() { return {m_shm, TOPIC, 0s}; }
+    ShmReaderRT MakeReader() { return {m_shm, TOPIC, 0s}; }
 
     // The bytes of the region, as a foreign program sees them.
     std::string ReadRegion() const {

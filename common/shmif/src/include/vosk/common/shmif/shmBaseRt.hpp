@@ -48,7 +48,10 @@ public:
     bool IsValid() const noexcept { return m_valid && m_region != nullptr && m_fd != -1; }
 
 protected:
-    ShmBaseRT() = default;
+    // How often at most a side that nobody answers looks for a successor of its region.
+    static constexpr std::chrono::nanoseconds LOOK_INTERVAL = std::chrono::seconds{1};
+
+    explicit ShmBaseRT(std::chrono::nanoseconds look_interval) noexcept : m_look_interval{look_interval} {}
 
     // Opens the region, or makes it; the size is that of the record. An unfinished region, whose creator was
     // killed, is finished. Throws std::runtime_error if the system refuses or the region is of another size;
@@ -57,7 +60,7 @@ protected:
     NamedLock CreateOrOpenShm(const std::string& prefix, const std::string& topic, std::size_t size);
 
     // True if another program has removed the name of this region and made a new one under it: whoever still
-    // holds the old one talks to nobody. Looks once a second at most, since it asks the system.
+    // holds the old one talks to nobody. Looks once a look interval at most, since it asks the system.
     bool HasSuccessor(std::chrono::steady_clock::time_point now) noexcept;
 
     // Gives up this region and opens the one that now has its name, under the lock of all regions. False,
@@ -75,6 +78,7 @@ private:
     bool NameIsStillOurs() const noexcept;
     void Unmap() noexcept;
 
+    const std::chrono::nanoseconds m_look_interval;
     std::chrono::steady_clock::time_point m_next_look{};
 };
 

@@ -14,7 +14,7 @@ namespace vosk::common::shmif {
 class ShmWriterRT : public ShmBaseRT {
 public:
     // Throws std::runtime_error for a topic that is unknown or no RT topic, and as CreateOrOpenShm.
-    ShmWriterRT(ShmIf& shm, const std::string& topic);
+    ShmWriterRT(ShmIf& shm, const std::string& topic, std::chrono::nanoseconds look_interval = LOOK_INTERVAL);
     ~ShmWriterRT() override;
 
     // Puts one record of the topic's size into the slot as soon as it is free. True: done, or nobody reads
@@ -40,7 +40,7 @@ class ShmReaderRT : public ShmBaseRT {
 public:
     // Attaches as the reader and frees the slot: a record written before is not read. Readers that were
     // killed are taken off the count. Throws as ShmWriterRT.
-    ShmReaderRT(ShmIf& shm, const std::string& topic);
+    ShmReaderRT(ShmIf& shm, const std::string& topic, std::chrono::nanoseconds look_interval = LOOK_INTERVAL);
     ~ShmReaderRT() override;
 
     // Copies the next record to `data`, which holds the topic's size. False: the limit passed, `data` is as
