@@ -169,20 +169,6 @@ TEST(Executor, EndsAPassInFourWays) {
     }
 }
 
-TEST(Executor, WorksOnTheFormerCommandIfNoneIsSplit) {
-    Bench bench;
-    bench.command = Ramp(1, WAVEFRONT_CMD_SIZE);
-    const Vector setpoint = bench.Setpoint(INS_DRIVEN_CASCADE);
-    bench->Step4d_NotProcessM4SetpointAppliedData();
-
-    bench.command = Vector(WAVEFRONT_CMD_SIZE);
-    bench->Step0_SetControlMode(INS_DRIVEN_CASCADE);
-    bench.Assemble();
-    const auto again = bench->Step3_ProcessM4SetpointData();
-    EXPECT_EQ(Vector(again.begin(), again.end()), setpoint);
-    EXPECT_EQ(again[2], 5.0F);
-}
-
 struct Mutexes {
     std::shared_mutex u4;
     std::shared_mutex gpao;

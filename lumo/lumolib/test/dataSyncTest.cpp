@@ -98,7 +98,6 @@ TEST(SyncDataAttribute, BasicSetterTakesThePresentTimeIfNoneIsGiven) {
 
 // ---- Waitable objects -----------------------------------------------------------------------------------
 
-using Waitable = DataSyncSingleWaitable<int, BasicDataSetter<int>>;
 using Triggered = DataSyncTrigger<int, ProbingTriggerSetter>;
 
 TEST(DataSyncTrigger, WakesOnlyWhereTheSetterSaysSoButIsNewAlways) {
@@ -116,32 +115,6 @@ TEST(DataSyncTrigger, WakesOnlyWhereTheSetterSaysSoButIsNewAlways) {
     EXPECT_FALSE(sync.IsDataReady());
     EXPECT_EQ(sync.GetData(), 6);
     EXPECT_THAT(probe.events, ElementsAre("set, locked", "set, locked"));
-}
-
-class WaitKinds : public testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(DataSync, WaitKinds, testing::Bool());
-
-TEST_P(WaitKinds, AWriteBetweenClearingAndWaitingEndsTheWaitAtOnce) {
-    const int running = 1;
-    Waitable sync(GetParam());
-    sync.SetData(5, 1U);
-    ASSERT_TRUE(sync.GetSynchronizer()->Wait(running));
-    sync.ClearDataReady();
-    sync.SetData(6, 2U);
-    EXPECT_TRUE(sync.GetSynchronizer()->Wait(running));
-    EXPECT_EQ(sync.GetData(), 6);
-}
-
-TEST_P(WaitKinds, ClearingWakesAThreadThatWaitsForNotReady) {
-    const int running = 1;
-    Waitable sync(GetParam());
-    sync.SetData(5, 1U);
-    auto waiter =
-        std::async(std::launch::async, [&] { return sync.GetSynchronizer()->WaitForNotReady(running); });
-    EXPECT_EQ(waiter.wait_for(1ms), std::future_status::timeout);
-    sync.ClearDataReady();
-    EXPECT_EQ(waiter.wait_for(PATIENCE), std::future_status::ready);
-    EXPECT_TRUE(waiter.get());
 }
 
 // ---- Writers and readers at the same time ---------------------------------------------------------------
@@ -200,6 +173,9 @@ TEST(DataSyncUnderLoad, UnderTheLockRecordIdAndTimeBelongTogether) {
     });
 }
 
+class WaitKinds : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(DataSync, WaitKinds, testing::Bool());
+
 TEST_P(WaitKinds, AWaitingReaderAlwaysComesToSeeTheLastWrite) {
     constexpr std::uint32_t GENERATIONS = 2000;
     int running = 1;
@@ -220,10 +196,10 @@ TEST_P(WaitKinds, AWaitingReaderAlwaysComesToSeeTheLastWrite) {
 
 // ---- Registry -------------------------------------------------------------------------------------------
 
-class FirstSync final : public Waitable {
+class FirstSync final : public DataSyncSingleWaitable<int, BasicDataSetter<int>> {
 public:
     enum class InstanceTag { ONE, TWO };
-    using Waitable::Waitable;
+    using DataSyncSingleWaitable::DataSyncSingleWaitable;
 };
 
 class SecondSync final : public DataSyncSingle<int, BasicDataSetter<int>> {

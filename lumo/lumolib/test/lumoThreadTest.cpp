@@ -79,18 +79,7 @@ TEST(Thread, RefusesABadNodeInTheLogAndByException) {
     }
 }
 
-TEST(Thread, WithACpuItsEndpointsAllocateFromTheNodesBuffer) {
-    if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
-    LogCapture capture;
-    const TestThread thread{RunUntilStopped, "{busy: false, cpu: 0, numa_buf_size: 8192}"};
-    ASSERT_NE(thread.MemoryResource(), nullptr);
-    auto* first = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
-    auto* second = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
-    EXPECT_EQ(second - first, 4096);
-    EXPECT_TRUE(capture.Has(log4cplus::DEBUG_LOG_LEVEL, "Thread Test, setting NUMA buffer, size = 8192"));
-}
-
-TEST(Thread, WithACpuItsWorkerRunsThereAlone) {
+TEST(Thread, WithACpuItsWorkerRunsThereAloneAndItsEndpointsAllocateFromTheNodesBuffer) {
     if (::numa_available() == -1) GTEST_SKIP() << "no NUMA here";
     const int cpu = ::sched_getcpu();
     cpu_set_t bound;
@@ -99,7 +88,11 @@ TEST(Thread, WithACpuItsWorkerRunsThereAlone) {
                           ::sched_getaffinity(0, sizeof(bound), &bound);
                           started.set_value();
                       },
-                      "{busy: false, cpu: " + std::to_string(cpu) + "}"};
+                      "{busy: false, numa_buf_size: 8192, cpu: " + std::to_string(cpu) + "}"};
+    ASSERT_NE(thread.MemoryResource(), nullptr);
+    auto* first = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
+    auto* second = static_cast<std::byte*>(thread.MemoryResource()->allocate(4096));
+    EXPECT_EQ(second - first, 4096);
     thread.Start().get();
     EXPECT_EQ(CPU_COUNT(&bound), 1);
     EXPECT_TRUE(CPU_ISSET(static_cast<unsigned>(cpu), &bound));
