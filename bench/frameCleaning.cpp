@@ -143,7 +143,7 @@ double PlainBias(const AlignedFrame<std::uint16_t>& raw, const AlignedFrame<floa
                  const AlignedFrame<std::uint32_t>& table, std::size_t group) {
     double sum = 0.0;
     for (std::size_t row = group * GROUP_ROWS; row < (group + 1) * GROUP_ROWS; ++row) {
-        for (const std::size_t offset : {0, 820}) {
+        for (const std::size_t offset : {0U, 820U}) {
             for (std::size_t i = row * WIDTH + offset; i < row * WIDTH + offset + 20; ++i) {
                 sum += raw[table[i]];
                 sum -= static_cast<double>(bias[i]);

@@ -50,7 +50,7 @@ public:
         std::ifstream right{Right(name), std::ios::binary};
         std::string content{std::istreambuf_iterator<char>{right}, {}};
         if (bytes.size() >= 2) {
-            const std::size_t place = (bytes[0] | bytes[1] << 8U) % content.size();
+            const std::size_t place = (bytes[0] + std::size_t{256} * bytes[1]) % content.size();
             bytes = bytes.subspan(2);
             const std::size_t end = place + std::min(bytes.size(), content.size() - place);
             std::copy_n(bytes.begin(), end - place, content.begin() + static_cast<std::ptrdiff_t>(place));

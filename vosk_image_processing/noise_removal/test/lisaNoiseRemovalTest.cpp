@@ -68,7 +68,7 @@ private:
         double sum = 0.0;
         std::size_t count = 0;
         for (std::size_t row = group * 4; row < group * 4 + 4; ++row) {
-            for (const std::size_t offset : {0, 820}) {
+            for (const std::size_t offset : {0U, 820U}) {
                 for (std::size_t i = row * WIDTH + offset; i < row * WIDTH + offset + 20; ++i, ++count) {
                     sum += static_cast<double>(raw[m_table[i]]);
                     sum -= static_cast<double>(m_bias[i]);
