@@ -319,38 +319,27 @@ TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
     EXPECT_EQ(lspx::make_error_code(RxErrc::buffer_too_small).value(), 13);
 }
 
-TEST(LspxReceiver, StraysThatNoSampleCanHoldCostNothingInBothManners) {
+TEST(LspxReceiver, StraysBetweenThePacketsOfASampleCostNothingInBothManners) {
     const Stream stream;
     const auto good = Cut(stream, 1, Counting(20), Bytes(4));
     auto one_frame = Cut(stream, 100, Counting(20), Bytes(4))[0];
     one_frame[23] = std::byte{1};
-    const std::vector<Bytes> strays{
+    const std::vector<Bytes> misfits{
         one_frame, Cut({.num_frames = 6}, 101, Counting(20), Bytes(4))[2],
         Cut({.endianness = lspx::BIG_ENDIAN_UNITS}, 102, Counting(20), Bytes(4))[0]};
+    auto of_another_sender = Cut(stream, 1, Counting(20, 99), Bytes(4));
+    for (Bytes& datagram : of_another_sender) datagram[7] = std::byte{1};  // component
     for (bool packet_by_packet : {false, true}) {
         Bench bench{stream};
         for (std::size_t i = 0; i < good.size(); ++i) {
             bench.socket.Put({good[i]});
-            if (i + 1 < good.size()) bench.socket.Put(strays);
+            if (i + 1 == good.size()) break;
+            bench.socket.Put(misfits);
+            bench.socket.Put({of_another_sender[i]});
         }
         EXPECT_FALSE(Receive(bench, packet_by_packet));
         EXPECT_EQ(bench.Content(20), Counting(20));
-        EXPECT_EQ(bench.Counters().malformed, 4 * strays.size());
-    }
-}
-
-TEST(LspxReceiver, PacketsOfAnotherSenderAreLeftOutInBothManners) {
-    const Stream stream;
-    auto ours = Cut(stream, 1, Counting(20), Bytes(4));
-    auto theirs = Cut(stream, 1, Counting(20, 99), Bytes(4));
-    for (bool packet_by_packet : {false, true}) {
-        Bench bench{stream};
-        for (std::size_t i = 0; i < ours.size(); ++i) {
-            theirs[i][7] = std::byte{1};  // component
-            bench.socket.Put({ours[i], theirs[i]});
-        }
-        EXPECT_FALSE(Receive(bench, packet_by_packet));
-        EXPECT_EQ(bench.Content(20), Counting(20));
+        EXPECT_EQ(bench.Counters().malformed, 4 * misfits.size());
         EXPECT_EQ(bench.Counters().foreign, 4U);
     }
 }
