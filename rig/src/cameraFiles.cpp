@@ -3,12 +3,11 @@
 #include "fitsImage.hpp"
 #include "htmlReport.hpp"
 #include "lisaReadout.hpp"
+#include "plainCentroid.hpp"
 
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
 #include <vosk/defs/sizes.hpp>
-
-#include <cmath>
 
 namespace vosk::rig {
 namespace {
@@ -33,14 +32,11 @@ std::string BadPixelSection(const CameraSensor& sensor) {
 std::string SensorSection(const fs::path& directory, const CameraSensor& sensor) {
     const std::string& name = sensor.model.name;
     const fs::path data = directory / "data" / name;
-    // Five times the noise of a pixel without a spot.
-    const double background_rms = std::sqrt(double{sensor.model.read_noise} * sensor.model.read_noise +
-                                            double{sensor.model.gain} * sensor.model.background);
-    const double threshold = sensor.model.background + 5.0 * background_rms;
     return fmt::format(
         "{}:\n  noise_removal:\n    dark_path: {}\n    flat_path: {}\n"
         "  centroiding_algorithm: {{type: tsh, treshold: {:.1f}}}\n{}",
-        name, Quoted(data / "dark.fits"), Quoted(data / "flat.fits"), threshold, BadPixelSection(sensor));
+        name, Quoted(data / "dark.fits"), Quoted(data / "flat.fits"), SpotThreshold(sensor.model),
+        BadPixelSection(sensor));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "cameraFiles.hpp"
 #include "htmlReport.hpp"
 #include "run.hpp"
+#include "showFrame.hpp"
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
@@ -68,6 +69,28 @@ int RunScenario(const std::filesystem::path& file, RunPaths paths, double second
     return Run(std::move(scenario), std::move(paths)).Execute() ? 0 : 1;
 }
 
+void AddShowFrameOptions(CLI::App& command, ShowFrameOptions& options) {
+    command.add_option("out", options.out, "the PNG file to write")->required();
+    command.add_option("--camera", options.camera, "lisa, alice or marana")
+        ->check(CLI::IsMember({"lisa", "alice", "marana"}));
+    command.add_option("--view", options.view, "cleaned, or raw as the camera delivers it")
+        ->check(CLI::IsMember({"cleaned", "raw"}));
+    command.add_option("--seed", options.seed, "of sensor, noise and spots, as for make-data");
+    command.add_option("--number", options.number, "of the frame");
+    command
+        .add_option("--motion", options.motion, "rms of the spots about their reference points, in pixels")
+        ->check(CLI::NonNegativeNumber);
+    command.add_option("--region", options.region, "what to show: X Y WIDTH HEIGHT, in pixels of the view");
+    command.add_option("--zoom", options.zoom, "picture pixels a frame pixel; else what fits a screen")
+        ->check(CLI::Range(1, 64));
+    command.add_option("--subapertures", options.subapertures, "of the wavefront sensor, as for make-data")
+        ->check(CLI::Range(std::size_t{1}, WfsGrid::MOST));
+    command
+        .add_option("--frame", options.frame,
+                    "a FITS file with a raw frame to show instead of a rendered one")
+        ->check(CLI::ExistingFile);
+}
+
 int Main(int argc, char** argv) {
     common::SetupLogging(log4cplus::WARN_LOG_LEVEL);
     CLI::App app("The bench telescope: simulated peers around vosk-host, and a verdict on what they saw.");
@@ -93,9 +116,17 @@ int Main(int argc, char** argv) {
     run->add_option("--data", paths.data, "directory for calibration data; else beside the former");
     run->add_option("--seconds", seconds, "length of the run instead of the scenario's")
         ->check(CLI::PositiveNumber);
+
+    ShowFrameOptions picture;
+    CLI::App* show_frame = app.add_subcommand("show-frame", "Draw a camera frame, its regions and its spots");
+    AddShowFrameOptions(*show_frame, picture);
     CLI11_PARSE(app, argc, argv);
 
     if (make_data->parsed()) return MakeData(data);
+    if (show_frame->parsed()) {
+        ShowFrame(picture);
+        return 0;
+    }
     return RunScenario(file, std::move(paths), seconds);
 }
 
