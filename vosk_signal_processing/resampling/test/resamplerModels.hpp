@@ -243,6 +243,7 @@ inline std::unique_ptr<Model> MakeModel(const Stage& stage) {
 inline std::unique_ptr<Resampler<Sample>> MakeReal(const std::vector<Stage>& chain) {
     if (chain.size() == 1) return MakeReal(chain.front());
     std::vector<std::unique_ptr<Resampler<Sample>>> stages;
+    stages.reserve(chain.size());
     for (const Stage& stage : chain) stages.push_back(MakeReal(stage));
     return std::make_unique<ResamplerContainer<Sample>>(std::move(stages));
 }
@@ -250,6 +251,7 @@ inline std::unique_ptr<Resampler<Sample>> MakeReal(const std::vector<Stage>& cha
 inline std::unique_ptr<Model> MakeModel(const std::vector<Stage>& chain) {
     if (chain.size() == 1) return MakeModel(chain.front());
     std::vector<std::unique_ptr<Model>> stages;
+    stages.reserve(chain.size());
     for (const Stage& stage : chain) stages.push_back(MakeModel(stage));
     return std::make_unique<ChainModel>(std::move(stages));
 }

@@ -124,6 +124,7 @@ std::unique_ptr<Resampler<T>> CreateResampler(const PliConfigInstanceNode& node,
     detail::RequireElements(node);
     if (node.GetSize() == 1) return CreateResamplerComponent<T, A>(node[0], waitable);
     std::vector<std::unique_ptr<Resampler<T>>> stages;
+    stages.reserve(node.GetSize());
     for (const auto& stage : node) stages.push_back(CreateResamplerComponent<T, A>(stage, false));
     return detail::Make<ResamplerContainer<T>>(waitable, std::move(stages));
 }
