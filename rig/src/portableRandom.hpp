@@ -25,7 +25,7 @@ constexpr double UnitInterval(std::uint64_t bits) noexcept {
 // Natural logarithm of a positive finite number, to some 15 digits.
 double PortableLog(double value);
 
-// The share of a normal distribution of mean 0 and rms 1 that lies below `value`, to some 14 digits.
+// The share of a normal distribution of mean 0 and rms 1 that lies below `value`, to within 1e-12.
 double PortableNormalShare(double value);
 
 class PortableRandom {

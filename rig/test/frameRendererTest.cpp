@@ -1,0 +1,163 @@
+#include "frameRenderer.hpp"
+
+#include "canvas.hpp"
+#include "frameView.hpp"
+#include "portableRandom.hpp"
+#include "renderRow.hpp"
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <stdexcept>
+
+namespace vosk::rig {
+namespace {
+
+std::shared_ptr<const CameraSensor> Sensor(const CameraModel& model) {
+    return std::make_shared<const CameraSensor>(MakeSensor(model, 1));
+}
+
+TEST(RenderRow, GivesTheCountsOfThePlainLoop) {
+    PortableRandom random(5);
+    for (const std::size_t count : {0U, 1U, 3U, 7U, 16U, 33U, 960U}) {
+        std::vector<std::vector<float>> fields(4, std::vector<float>(count));
+        for (std::size_t i = 0; i < count; ++i) {
+            fields[0][i] = static_cast<float>(std::pow(10.0, random.Uniform(-3.0, 6.0)));  // some saturate
+            fields[1][i] = i % 5 == 0 ? 0.0F : static_cast<float>(random.Uniform(0.5, 1.5));
+            fields[2][i] = static_cast<float>(random.Uniform(-20.0, 1000.0));  // some fall below 0
+            fields[3][i] = i % 2 == 0 ? static_cast<float>(random.Normal()) : 0.0F;
+        }
+        const RowLevels levels{4.0F, 0.5F, 1.7F, 9.0F};
+        std::vector<std::uint16_t> counts(count + 1, 7);
+        RenderRow({fields[0].data(), fields[1].data(), fields[2].data(), fields[3].data()}, levels, count,
+                  counts.data());
+        for (std::size_t i = 0; i < count; ++i) {
+            const float mean = (fields[0][i] + levels.background) * fields[1][i];
+            const float rms = std::sqrt(levels.read_variance + levels.gain * mean);
+            const float value = ((fields[2][i] + levels.offset) + mean) + rms * fields[3][i];
+            const float clipped = std::min(std::max(value, 0.0F), 65535.0F);
+            EXPECT_EQ(counts[i], static_cast<std::uint16_t>(std::nearbyint(clipped))) << count << ", " << i;
+        }
+        EXPECT_EQ(counts[count], 7);
+    }
+}
+
+TEST(SpotProfile, SharesLightAsAGaussianOverPixelsDoes) {
+    constexpr double RMS = 1.4;
+    const SpotProfile profile(RMS);
+    std::vector<float> shares(profile.Size());
+    PortableRandom random(1);
+    for (int i = 0; i < 200; ++i) {
+        const double center = i == 0 ? 100.0 : random.Uniform(-3.0, 1000.0);
+        const std::ptrdiff_t first = profile.Evaluate(center, shares);
+        double sum = 0.0;
+        double moment = 0.0;
+        for (std::size_t k = 0; k < shares.size(); ++k) {
+            const double left = static_cast<double>(first) + static_cast<double>(k) - 0.5 - center;
+            const auto below = [](double x) { return 0.5 * std::erfc(-x / (RMS * std::numbers::sqrt2)); };
+            // Between two places of 1/64 pixel, an interpolation errs by their squared distance / 8 times the
+            // curvature, which is 0.2 at most here.
+            EXPECT_NEAR(shares[k], below(left + 1.0) - below(left), 0.2 / 64 / 64 / 8 + 1e-6);
+            sum += shares[k];
+            moment += shares[k] * (left + 0.5);
+        }
+        EXPECT_NEAR(sum, 1.0, 1e-6);
+        EXPECT_NEAR(moment / sum, 0.0, 1e-5);
+    }
+}
+
+TEST(FrameRenderer, MakesTheSameFrameWheneverItIsAsked) {
+    const auto sensor = Sensor(AliceModel());
+    FrameRenderer one(sensor, 2);
+    FrameRenderer other(sensor, 2);
+    const std::vector<Spot> spots{{100.25, 50.5, 20000.0},
+                                  {-2.0, 239.5, 5000.0},
+                                  {1e300, 0.0, 1.0},
+                                  {std::numeric_limits<double>::quiet_NaN(), 3.0, 1.0}};
+    std::vector<std::uint16_t> first(57600);
+    std::vector<std::uint16_t> second(57600);
+    one.Render(8, spots, first);
+    one.Render(9, {}, second);
+    EXPECT_NE(first, second);
+    one.Render(8, spots, second);
+    EXPECT_EQ(first, second);
+    other.Render(8, spots, second);
+    EXPECT_EQ(first, second);
+    FrameRenderer(sensor, 3).Render(8, spots, second);
+    EXPECT_NE(first, second);
+}
+
+// Calibration files and frames are made apart from each other, perhaps on different machines.
+TEST(FrameRenderer, MakesTheSameFrameOnEveryMachine) {
+    std::vector<std::uint16_t> raw(783360);
+    FrameRenderer(Sensor(LisaModel()), 2).Render(3, std::vector<Spot>{{400.3, 300.7, 9000.0}}, raw);
+    std::uint64_t sum = 0;
+    for (const std::uint16_t count : raw) sum = Scatter(sum ^ count);
+    EXPECT_EQ(sum, 7264140182961277553U);
+}
+
+TEST(FrameRenderer, ReadsAWindowAsAPartOfTheWhole) {
+    const auto sensor = Sensor(AliceModel());
+    FrameRenderer renderer(sensor, 2);
+    const std::vector<Spot> spots{{60.0, 70.0, 20000.0}, {20.0, 20.0, 9000.0}};
+    std::vector<std::uint16_t> whole(57600);
+    std::vector<std::uint16_t> part(57600, 1);
+    renderer.Render(1, spots, whole);
+    renderer.Render(1, spots, {50, 60, 31, 17}, part);
+    for (std::size_t i = 0; i < part.size(); ++i)
+        EXPECT_EQ(part[i], i < 31 * 17 ? whole[(60 + i / 31) * 240 + 50 + i % 31] : 1);
+    // Nothing of the spot beside the window is left for the next frame.
+    renderer.Render(2, {}, part);
+    FrameRenderer(sensor, 2).Render(2, {}, whole);
+    EXPECT_EQ(part, whole);
+    EXPECT_THROW(renderer.Render(1, spots, {210, 0, 31, 1}, part), std::invalid_argument);
+    EXPECT_THROW(renderer.Render(1, spots, std::span(part).first(57599)), std::invalid_argument);
+    std::vector<std::uint16_t> raw(783360);
+    EXPECT_THROW(FrameRenderer(Sensor(LisaModel()), 2).Render(1, spots, {0, 0, 1, 1}, raw),
+                 std::invalid_argument);
+}
+
+// The prescan is overscan: the bias of its tap and the drift of its rows, and no light.
+TEST(FrameRenderer, FillsThePrescanWithBiasAndDrift) {
+    const auto sensor = Sensor(LisaModel());
+    const CameraModel& model = sensor->model;
+    FrameRenderer renderer(sensor, 2);
+    std::vector<std::uint16_t> raw(model.RawSize());
+    renderer.Render(5, std::vector<Spot>{{838.0, 100.0, 1e6}}, raw);
+    for (std::size_t row = 0; row < model.height; row += 17) {
+        double sum = 0.0;
+        for (std::size_t i = model.width; i < model.Stride(); ++i) {
+            const std::size_t place = row * model.Stride() + i;
+            sum += raw[sensor->position[place]] - double{sensor->bias[place]};
+        }
+        const double expected = renderer.Drift(5, row / FrameRenderer::GROUP_ROWS);
+        EXPECT_NEAR(sum / 120.0, expected, 5.0 * model.read_noise / std::sqrt(120.0)) << row;
+    }
+}
+
+TEST(DrawFrame, ShowsARegionEnlargedWithOutlinesAndMarks) {
+    FrameView view;
+    view.width = 30;
+    view.values.assign(30 * 20, 10.0F);
+    view.values[7 * 30 + 12] = 1000.0F;
+    view.region = {10, 20, 5, 15};
+    view.zoom = 8;
+    view.outlines = {{11, 15, 6, 10}};
+    const Canvas plain = DrawFrame(view);
+    EXPECT_EQ(plain.Width(), 80);
+    EXPECT_GT(plain.Height(), 80);
+    EXPECT_EQ(plain.At(2 * 8 + 4, 2 * 8 + 4), (Rgb{255, 255, 255}));
+    EXPECT_LT(plain.At(6 * 8 + 4, 2 * 8 + 4).red, 40);
+    EXPECT_GT(plain.At(8, 12).blue, plain.At(8, 12).red);
+    view.founds = {{12.0, 7.0, 1.0}};
+    const Rgb mark = DrawFrame(view).At(2 * 8 + 4, 2 * 8 + 4);
+    EXPECT_GT(mark.red, mark.green);
+    // An empty or undefined region is drawn too.
+    view.values.assign(30 * 20, std::numeric_limits<float>::quiet_NaN());
+    EXPECT_EQ(DrawFrame(view).Width(), 80);
+}
+
+}  // namespace
+}  // namespace vosk::rig
