@@ -153,6 +153,7 @@ void Thread::Stop() noexcept {
     if (!m_worker.joinable()) return;
     LogTrace("Stopping thread {}", m_name);
     m_worker.join();
+    m_failure = nullptr;
     LogTrace("Stopped thread {}", m_name);
 }
 
@@ -168,8 +169,9 @@ void Thread::TryWork(std::promise<void>& started) {
         Work(started);
     } catch (const std::runtime_error& failure) {
         LogError("Thread {}, caught an excepion, details = {}", m_name, failure.what());
+        m_failure = std::current_exception();
         try {
-            started.set_exception(std::current_exception());
+            started.set_exception(m_failure);
         } catch (const std::future_error&) {  // ready long since, so that nobody waits for the news
             LogError("Problem detected in {}::Work(): {}", m_name, failure.what());
         }

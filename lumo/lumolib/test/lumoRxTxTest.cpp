@@ -180,7 +180,8 @@ TEST(Receivers, TellAtTheirEndWhatTheyMetBesidesSamples) {
             }
             EXPECT_TRUE(vosk::test::Eventually([&] { return receive(*endpoint) == datagrams.size(); }));
         }
-        return log.Lines().back().text;
+        const auto lines = log.Lines();
+        return lines.empty() ? std::string{} : lines.back().text;
     };
     Bytes buffer(12);
     const auto make_qudex = [] { return std::make_unique<TestRxQudex>(Node(RX)); };

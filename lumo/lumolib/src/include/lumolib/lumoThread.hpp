@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <future>
 #include <memory>
@@ -120,6 +121,9 @@ protected:
 
 private:
     std::atomic<bool> m_has_ended_by_itself{false};
+    // Worker thread, and the controlling one after the join. The failure that the future hands over is
+    // deleted there, never by the worker while its owner may still read it.
+    std::exception_ptr m_failure;
     std::thread m_worker;  // controlling thread only
 };
 
