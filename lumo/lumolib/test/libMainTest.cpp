@@ -11,12 +11,12 @@
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskHandoverManager.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
-#include <vosk/common/testing/logCapture.hpp>
+#include <vosk/test/logCapture.hpp>
 
 namespace vosk::lumo {
 namespace {
 
-using common::LogCapture;
+using vosk::test::LogCapture;
 using defs::Camera;
 using defs::VoskControlMode;
 using ::testing::ElementsAre;
