@@ -16,11 +16,11 @@
 namespace vosk::lumo {
 namespace {
 
-using vosk::test::LogCapture;
 using defs::Camera;
 using defs::VoskControlMode;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using vosk::test::LogCapture;
 
 gim::Config ConfigOf(const std::string& text) {
     gim::Config config;
