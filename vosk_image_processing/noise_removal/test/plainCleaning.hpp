@@ -79,7 +79,6 @@ public:
         return target.param == FALLBACK ? "Fallback" : hwy::TargetName(target.param);
     }
 
-protected:
     OnEachInstructionSet() { hwy::GetChosenTarget().Update(GetParam()); }
     ~OnEachInstructionSet() override { hwy::GetChosenTarget().DeInit(); }
 };

@@ -183,7 +183,7 @@ TEST(Scrambler, TakesTheTableApartIntoRunsAndTheRest) {
 }
 
 TEST(Scrambler, NeedsOnePieceForARowOfNeighbours) {
-    Table table(100 * 3);
+    Table table(300);
     std::iota(table.begin(), table.end(), 0U);
     Pieces pieces{100, 3, 100, 3, table};
     pieces.Positions(1, 0, 100);

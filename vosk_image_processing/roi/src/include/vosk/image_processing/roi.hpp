@@ -9,6 +9,7 @@
 
 namespace vosk::image_processing {
 
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): few, and read best in this order
 struct Roi {
     // Empty ones are legal. The reference point need not lie in the ROI, but must lie in the frame, its far
     // edges included; a NaN stands for a reference point that is not known. Otherwise std::invalid_argument.
