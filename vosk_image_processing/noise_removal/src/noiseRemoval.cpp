@@ -189,13 +189,14 @@ MaranaNoiseRemoval::MaranaNoiseRemoval(const std::string& dark_path, const std::
 void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
                                      const std::optional<Window>& window, const std::optional<Roi>& roi) {
     RequireFrameSize(frame.size(), WIDTH * HEIGHT);
+    const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
+    if (range.y_start == range.y_stop) return;
     const Window read = window.value_or(Window{0, 0, WIDTH, HEIGHT});
     if (read.size > frame.size()) {
         common::LogAndThrow<std::invalid_argument>(
             fmt::format("RemoveNoise: window of {} x {} does not fit in a frame of {} pixels", read.width,
                         read.height, frame.size()));
     }
-    const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
     const PixelRange cleaned = Overlap(range, read);
     RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {

@@ -137,6 +137,7 @@ TEST(MaranaNoiseRemoval, RefusesAWindowOfMorePixelsThanARawFrameHolds) {
               "RemoveNoise: window of 2049 x 2048 does not fit in a frame of 4194304 pixels");
     EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 65535, 65535}, camera.At(0, 1, 0, 1)),
               "RemoveNoise: window of 65535 x 65535 does not fit in a frame of 4194304 pixels");
+    EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 2049, 2048}, camera.At(0, 9, 5, 5)), "no exception");
     EXPECT_TRUE(SameBits(removal.GetFrame(), camera.expected));
 }
 
