@@ -41,7 +41,8 @@ bool CommandStream::Read() {
     const ssize_t count = ::read(m_input, piece.data(), piece.size());
     if (count < 0) return IsPassing(errno);
     m_has_ended = count == 0;
-    m_lines.Append(m_has_ended ? "\n" : std::string_view{piece.data(), static_cast<std::size_t>(count)});
+    if (m_has_ended) m_lines.End();
+    m_lines.Append({piece.data(), static_cast<std::size_t>(count)});
     return true;
 }
 

@@ -119,7 +119,10 @@ void Host::WaitForWork(const StopSignals& signals) {
     if (::poll(sources.data(), sources.size(), static_cast<int>(wait.count())) < 0) return;
     if (sources[0].revents != 0) return Stop();
     if (m_socket) m_socket->Serve(handler);
-    if (sources[2].revents != 0 && !m_terminal->Serve(handler)) m_terminal.reset();
+    if (sources[2].revents != 0 && !m_terminal->Serve(handler)) {
+        common::LogInfo("No more commands from standard input.");
+        m_terminal.reset();
+    }
 }
 
 void Host::SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) {

@@ -8,6 +8,10 @@ void LineBuffer::Append(std::string_view piece) {
     for (const char byte : piece) Append(byte);
 }
 
+void LineBuffer::End() {
+    if (!m_begun.empty()) Append('\n');
+}
+
 void LineBuffer::Append(char byte) {
     if (m_passes_over) {
         m_passes_over = byte != '\n';

@@ -21,6 +21,8 @@ struct Line {
 class LineBuffer {
 public:
     void Append(std::string_view piece);
+    // The input is over, and with it its last line.
+    void End();
 
     // The next whole line. One that is too long comes without text, as soon as that shows; what follows up to
     // its newline is passed over.

@@ -68,6 +68,14 @@ void Describe(CLI::App& app, CommandLine& line) {
     check->callback([&line] { line.check_only = true; });
 }
 
+// Nothing else is ever to get the number of a standard descriptor that is closed.
+void OpenWhatIsClosed() {
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) == -1) [[maybe_unused]]
+            const int opened = ::open("/dev/null", O_RDWR);
+    }
+}
+
 // Both may be one file, as the log is too: nobody is to write over the others.
 void AppendToOutputs() {
     for (int fd : {STDOUT_FILENO, STDERR_FILENO}) {
@@ -129,6 +137,7 @@ int FailSetUp(const std::string& text) {
 }
 
 int Main(int argc, char** argv) {
+    OpenWhatIsClosed();
     AppendToOutputs();
     // A host in the background must not be stopped for looking at its terminal, nor end with who reads its
     // output.

@@ -5,7 +5,6 @@
 #include <stdexcept>
 
 using namespace vosk::host;
-using testing::HasSubstr;
 using testing::StartsWith;
 using vosk::defs::Camera;
 using vosk::defs::VoskControlMode;
@@ -20,49 +19,31 @@ public:
     MOCK_METHOD(void, Stop, (), (override));
 };
 
-using StrictTarget = testing::StrictMock<MockTarget>;
-
-TEST(Commands, SetModeWithAndWithoutCamera) {
-    StrictTarget target;
+TEST(Commands, DoWhatTheirWordsSay) {
+    testing::StrictMock<MockTarget> target;
     EXPECT_CALL(target, SetMode(VoskControlMode::INS_DRIVEN_CASCADE, std::optional{Camera::WFS_GP2}));
     EXPECT_CALL(target, SetMode(VoskControlMode::TEL_DRIVEN, std::optional<Camera>{}));
     EXPECT_CALL(target, SetCamera(Camera::IMG_PDS));
+    EXPECT_CALL(target, Status()).WillOnce(testing::Return("{}"));
+    EXPECT_CALL(target, Stop()).WillOnce(testing::Throw(std::runtime_error{"too late"}));
     EXPECT_EQ(Execute("mode INS_DRIVEN_CASCADE WFS_GP2", target), "ok");
     EXPECT_EQ(Execute("  mode\tTEL_DRIVEN ", target), "ok");
     EXPECT_EQ(Execute("camera IMG_PDS", target), "ok");
-}
-
-TEST(Commands, AnswerWithWhatWasAskedFor) {
-    StrictTarget target;
-    EXPECT_CALL(target, Status()).WillOnce(testing::Return("{}"));
-    EXPECT_CALL(target, Stop());
     EXPECT_EQ(Execute("status", target), "{}");
-    EXPECT_EQ(Execute("stop", target), "ok");
+    EXPECT_EQ(Execute("stop", target), "error: too late");
     EXPECT_THAT(Execute("help", target), StartsWith("ok: mode"));
-    EXPECT_EQ(Execute("", target), "");
     EXPECT_EQ(Execute(" \t ", target), "");
 }
 
-TEST(Commands, NothingHappensOnWhatIsNotUnderstood) {
-    StrictTarget target;
-    EXPECT_THAT(Execute("mode ins_driven_cascade", target), HasSubstr("INS_DRIVEN_SEQUENTIAL"));
+TEST(Commands, NothingHappensOnWhatIsNotUnderstoodNorDoItsBytesComeBack) {
+    testing::StrictMock<MockTarget> target;
+    EXPECT_THAT(Execute("mode ins_driven_cascade", target), StartsWith("error: 'ins_driven_cascade' is no"));
     EXPECT_THAT(Execute("mode TEL_DRIVEN WFS_GP9", target), StartsWith("error: 'WFS_GP9' is no camera"));
     EXPECT_THAT(Execute("mode", target), StartsWith("error: wrong number of words"));
     EXPECT_THAT(Execute("stop now", target), StartsWith("error: wrong number of words"));
-    EXPECT_THAT(Execute("Stop", target), StartsWith("error: 'Stop' is no command"));
-}
-
-TEST(Commands, ForeignBytesDontComeBack) {
-    StrictTarget target;
     const std::string reply = Execute(std::string("\x1b[2J\0\xff", 6) + std::string(1000, 'x'), target);
     EXPECT_THAT(reply, StartsWith("error: '?[2J??xxx"));
     EXPECT_LT(reply.size(), 150U);
-}
-
-TEST(Commands, FailureIsAReply) {
-    StrictTarget target;
-    EXPECT_CALL(target, Stop()).WillOnce(testing::Throw(std::runtime_error{"too late"}));
-    EXPECT_EQ(Execute("stop", target), "error: too late");
 }
 
 }  // namespace

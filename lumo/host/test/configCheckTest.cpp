@@ -1,6 +1,7 @@
 #include "../src/configCheck.hpp"
 
 #include <gmock/gmock.h>
+#include <vosk/test/tempDir.hpp>
 
 #include <vector>
 
@@ -23,47 +24,72 @@ std::vector<std::string> ProblemsOf(const std::string& document) {
 }
 
 TEST(ConfigCheck, PassesWhatCanRun) {
-    EXPECT_THAT(ProblemsOf("host: {log_level: warn}\n"
+    EXPECT_THAT(ProblemsOf("host: {log_level: warn, log_file: new.log, control_socket: /tmp/new.sock}\n"
                            "cfg:\n"
                            "  m4:\n"
                            "    output:\n"
                            "      - {busy: false, ip_dest: 127.0.0.1, udp_dest: 47999, qudex_topic: 1}\n"),
                 IsEmpty());
+    EXPECT_THAT(ProblemsOf("cfg:\n"), IsEmpty());
 }
 
 TEST(ConfigCheck, TellsAllProblemsEachWithItsPlace) {
     const auto problems = ProblemsOf(
-        "host:\n"
-        "  log_level: loud\n"
         "cfg:\n"
-        "  statistics: {no_such_stream: \"2 ms\"}\n"
+        "  statistics: {no_such_stream: \"2 ms\", m4: 2, m5: \"2 ms\"}\n"
         "  m4:\n"
         "    input: 5\n"
         "    output:\n"
         "      - {ip_dest: 127.0.0.1, udp_dest: 47999, qudex_topic: 1}\n"
         "  m44: {}\n"
         "  pfs: []\n"
+        "  m5: {output: 5}\n"
         "extra: 1\n");
     EXPECT_THAT(problems,
                 UnorderedElementsAre(
-                    AllOf(StartsWith("site.yaml:1: host: "), HasSubstr("'loud'")),
-                    AllOf(StartsWith("site.yaml:4: cfg.statistics: "), HasSubstr("no_such_stream")),
-                    StartsWith("site.yaml:6: cfg.m4.input: "),
-                    AllOf(StartsWith("site.yaml:8: cfg.m4.output[0]: "), HasSubstr("busy")),
-                    StartsWith("site.yaml:10: cfg.pfs: "), "site.yaml:9: cfg.m44: nothing reads this key",
-                    "site.yaml:11: extra: nothing reads this key"));
+                    AllOf(StartsWith("site.yaml:2: cfg.statistics.no_such_stream: "), HasSubstr("no stream")),
+                    AllOf(StartsWith("site.yaml:2: cfg.statistics.m4: "), HasSubstr("duration format")),
+                    StartsWith("site.yaml:4: cfg.m4.input: "),
+                    AllOf(StartsWith("site.yaml:6: cfg.m4.output[0]: "), HasSubstr("busy")),
+                    "site.yaml:7: cfg.m44: nothing reads this key", StartsWith("site.yaml:8: cfg.pfs: "),
+                    "site.yaml:9: cfg.m5.output: ERR: cfg.m5.output must be a sequence",
+                    "site.yaml:10: extra: nothing reads this key"));
 }
 
-TEST(ConfigCheck, FindsMisspeltKeys) {
-    EXPECT_THAT(ProblemsOf("cfg:\n"
-                           "  m4:\n"
-                           "    output:\n"
-                           "      - busy: false\n"
-                           "        ip_dest: 127.0.0.1\n"
-                           "        udp_dest: 47999\n"
-                           "        qudex_topic: 1\n"
-                           "        cpuu: 3\n"),
-                ElementsAre("site.yaml:8: cfg.m4.output[0].cpuu: nothing reads this key"));
+TEST(ConfigCheck, LooksAtEachKeyOfTheHost) {
+    const vosk::test::TempDir dir;
+    const std::string file = dir.Put("file", "");
+    EXPECT_THAT(ProblemsOf("host:\n"
+                           "  log_level: loud\n"
+                           "  log_file: " +
+                           file +
+                           "/log\n"
+                           "  shm_prefix: /a/b\n"
+                           "  control_socket: " +
+                           file +
+                           "\n"
+                           "  telegraf: {address: 127.0.0.1, port: 0}\n"
+                           "cfg:\n"),
+                UnorderedElementsAre(
+                    AllOf(StartsWith("site.yaml:2: host.log_level: "), HasSubstr("'loud'")),
+                    AllOf(StartsWith("site.yaml:3: host.log_file: "), HasSubstr("Not a directory")),
+                    AllOf(StartsWith("site.yaml:4: host.shm_prefix: "), HasSubstr("no slash")),
+                    AllOf(StartsWith("site.yaml:5: host.control_socket: "), HasSubstr("no socket")),
+                    AllOf(StartsWith("site.yaml:6: host.telegraf: "), HasSubstr("port other than 0"))));
+}
+
+// Its keys, and resamplers that it would have taken up, are no misspelt ones.
+TEST(ConfigCheck, AStreamThatNobodyServesIsANote) {
+    gim::Config config;
+    config.ParseText(
+        "cfg:\n"
+        "  resamplers: [{id: a, definition: [{type: zoh}]}]\n"
+        "  m5: {input: [{resampler: a}]}\n",
+        "site.yaml");
+    const auto problems = CheckConfig(config);
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_TRUE(problems[0].is_note);
+    EXPECT_EQ(ToText(problems[0]), "site.yaml:3: cfg.m5.input: note: no thread of this build serves it");
 }
 
 TEST(ConfigCheck, WantsTheInstanceNode) {

@@ -6,16 +6,13 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
 
 #include <fcntl.h>
-#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 using testing::HasSubstr;
@@ -23,24 +20,17 @@ using testing::StartsWith;
 
 namespace {
 
-constexpr std::chrono::seconds DEADLINE{60};
-
 class HostProgram : public ::testing::Test {
 protected:
-    HostProgram() {
-        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        m_base = testing::TempDir() + "vosk_host_" + std::to_string(::getpid()) + "_" + test->name();
-        WriteDocument("cfg: {}\n");
-    }
+    HostProgram() { WriteDocument("cfg: {}\n"); }
     ~HostProgram() override {
         if (m_pid > 0) {
             ::kill(m_pid, SIGKILL);
             ::waitpid(m_pid, nullptr, 0);
         }
-        for (const char* end : {".yaml", ".sock", ".out", ".err"}) ::unlink((m_base + end).c_str());
     }
 
-    void WriteDocument(const std::string& text) const { std::ofstream{m_base + ".yaml"} << text; }
+    void WriteDocument(const std::string& text) const { m_dir.Put("site.yaml", text); }
 
     void Start(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), VOSK_HOST_PROGRAM);
@@ -50,13 +40,16 @@ protected:
         m_pid = ::fork();
         if (m_pid != 0) return;
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        Redirect(STDOUT_FILENO, m_base + ".out");
-        Redirect(STDERR_FILENO, m_base + ".err");
+        Redirect(STDIN_FILENO, m_input, O_RDONLY);
+        Redirect(STDOUT_FILENO, m_output, O_WRONLY | O_CREAT | O_TRUNC);
+        Redirect(STDERR_FILENO, m_dir / "err", O_WRONLY | O_CREAT | O_TRUNC);
         ::execv(pointers[0], pointers.data());
         ::_exit(127);
     }
-    void StartWithSocket() {
-        Start({m_base + ".yaml", "--control", m_base + ".sock", "--shm-prefix", "/vosk_host_test_"});
+    void StartWithSocket(std::vector<std::string> arguments = {}) {
+        arguments.insert(arguments.begin(),
+                         {m_document, "--control", m_dir / "sock", "--shm-prefix", "/vosk_host_test_"});
+        Start(std::move(arguments));
     }
 
     int ExitCode() {
@@ -65,20 +58,23 @@ protected:
         m_pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
+    int ExitCodeOf(const std::vector<std::string>& arguments) {
+        Start(arguments);
+        return ExitCode();
+    }
 
-    std::string Output() const { return Read(m_base + ".out"); }
-    std::string Errors() const { return Read(m_base + ".err"); }
+    std::string Output() const { return m_dir.Content("out"); }
+    std::string Errors() const { return m_dir.Content("err"); }
 
     // The reply to one line, as soon as the host takes it.
     std::string Ask(const std::string& line) const {
-        const auto give_up = std::chrono::steady_clock::now() + DEADLINE;
-        while (std::chrono::steady_clock::now() < give_up) {
+        std::string reply;
+        vosk::test::Eventually([&] {
             const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
             sockaddr_un address{};
             address.sun_family = AF_UNIX;
-            const std::string path = m_base + ".sock";
+            const std::string path = m_dir / "sock";
             std::memcpy(address.sun_path, path.data(), path.size());
-            std::string reply;
             if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
                 ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
                 ::shutdown(fd, SHUT_WR);
@@ -86,22 +82,20 @@ protected:
                 while (::recv(fd, &byte, 1, 0) == 1) reply += byte;
             }
             ::close(fd);
-            if (!reply.empty()) return reply;
-            std::this_thread::sleep_for(std::chrono::milliseconds{10});
-        }
-        return "no reply";
+            return !reply.empty();
+        });
+        return reply;
     }
 
-    std::string m_base;
+    vosk::test::TempDir m_dir;
+    std::string m_document = m_dir / "site.yaml";
+    std::string m_input = "/dev/null";
+    std::string m_output = m_dir / "out";
     pid_t m_pid = -1;
 
 private:
-    static void Redirect(int fd, const std::string& file) {
-        ::dup2(::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), fd);
-    }
-    static std::string Read(const std::string& file) {
-        std::ifstream stream{file};
-        return {std::istreambuf_iterator<char>{stream}, {}};
+    static void Redirect(int fd, const std::string& file, int flags) {
+        ::dup2(::open(file.c_str(), flags | O_CLOEXEC, 0600), fd);
     }
 };
 
@@ -109,12 +103,12 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
     StartWithSocket();
     EXPECT_THAT(Ask("status"), StartsWith(R"({"mode":"TEL_DRIVEN","camera":"IMG_GP1","source":"OFF",)"));
     EXPECT_EQ(Ask("mode HIGH_ORDER_CASCADE"), "ok\n");  // a variant, which needs no handover
-    EXPECT_THAT(Ask("status"), HasSubstr(R"("handover_running":false,"mode_change_in_progress":true,)"));
+    EXPECT_THAT(Ask("status"),
+                HasSubstr(R"("handover_running":false,"gp_centering":true,"mode_change_in_progress":true,)"));
     EXPECT_EQ(Ask("mode INS_DRIVEN_CASCADE WFS_GP2"), "ok\n");
     const std::string status = Ask("status");
-    EXPECT_THAT(status,
-                StartsWith(R"({"mode":"INS_DRIVEN_CASCADE","camera":"WFS_GP2","source":"NONE",)"
-                           R"("handover_state":1,"handover_running":true,"mode_change_in_progress":true,)"));
+    EXPECT_THAT(status, StartsWith(R"({"mode":"INS_DRIVEN_CASCADE","camera":"WFS_GP2","source":"NONE",)"
+                                   R"("handover_state":1,"handover_running":true,)"));
     EXPECT_THAT(status, HasSubstr(R"("threads_ended":[],"streams":[)"));
     EXPECT_THAT(status, HasSubstr(R"({"name":"M4_OUTPUT","valid":false,"samples":0,"invalid":0,)"));
     EXPECT_THAT(status, HasSubstr(R"("text":"handover state 1"})"));
@@ -124,7 +118,7 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
     EXPECT_EQ(Ask("stop"), "ok\n");
     EXPECT_EQ(ExitCode(), 0);
     EXPECT_EQ(Errors(), "");
-    EXPECT_NE(::access((m_base + ".sock").c_str(), F_OK), 0);
+    EXPECT_NE(::access((m_dir / "sock").c_str(), F_OK), 0);
     const std::string log = Output();
     const std::size_t handover = log.find("starting handover sequence");
     EXPECT_NE(handover, std::string::npos);
@@ -141,30 +135,51 @@ TEST_F(HostProgram, StopsCleanlyAtASignal) {
     }
 }
 
+TEST_F(HostProgram, TakesCommandsFromStandardInput) {
+    m_input = m_dir.Put("in", "mode INS_DRIVEN_CASCADE\n" + std::string(3000, 'x') + "\nnonsense\nstop");
+    EXPECT_EQ(ExitCodeOf({m_document, "--stdin", "--log-level", "warn"}), 0);
+    EXPECT_THAT(Output(), StartsWith("ok\nerror: a line has at most 1024 bytes\nerror: 'nonsense' is no"));
+    EXPECT_EQ(Errors(), "");
+}
+
+TEST_F(HostProgram, RunsOnWhenItsOutputIsLost) {
+    m_input = m_dir.Put("in", "status\nstatus\n");
+    m_output = "/dev/full";
+    StartWithSocket({"--stdin"});
+    EXPECT_THAT(Ask("status"), StartsWith("{"));
+    EXPECT_EQ(Ask("stop"), "ok\n");
+    EXPECT_EQ(ExitCode(), 0);
+}
+
 TEST_F(HostProgram, SetUpFailureIsOneLine) {
     WriteDocument("cfg:\n  m4:\n    output:\n      - {ip_dest: 127.0.0.1}\n");
-    Start({m_base + ".yaml"});
-    EXPECT_EQ(ExitCode(), 1);
+    EXPECT_EQ(ExitCodeOf({m_document}), 1);
     const std::string errors = Errors();
     EXPECT_THAT(errors, StartsWith("vosk-host: "));
     EXPECT_EQ(errors.find('\n'), errors.size() - 1);
+    EXPECT_THAT(Output(), HasSubstr("site.yaml:4: cfg.m4.output[0]: "));
+    EXPECT_EQ(ExitCodeOf({m_dir / "nowhere"}), 1);
+    EXPECT_THAT(Errors(), HasSubstr("nowhere"));
+}
 
-    Start({m_base + ".nowhere"});
-    EXPECT_EQ(ExitCode(), 1);
-    EXPECT_THAT(Errors(), HasSubstr(".nowhere"));
-
-    Start({m_base + ".yaml", "--no-such-option"});
-    EXPECT_EQ(ExitCode(), 2);
+TEST_F(HostProgram, RefusesAWrongCommandLine) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{{},
+                                                                       {m_document, "--no-such-option"},
+                                                                       {m_document, "--log-level", "loud"},
+                                                                       {m_document, "--shm-prefix", "a/b"},
+                                                                       {m_document, "--blas-kernel", "x"}}) {
+        EXPECT_EQ(ExitCodeOf(arguments), 2) << testing::PrintToString(arguments);
+        EXPECT_THAT(Errors(), StartsWith("vosk-host: "));
+    }
 }
 
 TEST_F(HostProgram, CheckTellsAllAndRunsNothing) {
-    Start({"check", m_base + ".yaml"});
-    EXPECT_EQ(ExitCode(), 0);
-    EXPECT_EQ(Output(), "No problems.\n");
+    WriteDocument("cfg: {m5: {input: []}}\n");
+    EXPECT_EQ(ExitCodeOf({"check", m_document}), 0);
+    EXPECT_THAT(Output(), testing::EndsWith(": note: no thread of this build serves it\nNo problems.\n"));
 
     WriteDocument("cfg:\n  m4:\n    output:\n      - {ip_dest: 127.0.0.1}\n  m44: 1\n");
-    Start({"check", m_base + ".yaml"});
-    EXPECT_EQ(ExitCode(), 1);
+    EXPECT_EQ(ExitCodeOf({"check", m_document}), 1);
     EXPECT_THAT(Output(), HasSubstr(":4: cfg.m4.output[0]: "));
     EXPECT_THAT(Output(), HasSubstr(":5: cfg.m44: nothing reads this key\n"));
     EXPECT_EQ(Errors(), "");
