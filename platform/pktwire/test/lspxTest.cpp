@@ -237,7 +237,7 @@ TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
         if (kind == 3) datagrams.resize(15);
         if (kind == 4) datagrams[3][48] = std::byte{9};  // version
         if (kind == 5) {                                 // a short body
-            datagrams[3].resize(datagrams[3].size() - 2);
+            datagrams[3].erase(datagrams[3].end() - 2, datagrams[3].end());
             datagrams[3][35] = static_cast<std::byte>(datagrams[3].size() - 48);
         }
         if (kind == 6) datagrams[3][63] ^= std::byte{1};  // another first unit
