@@ -11,7 +11,7 @@
 
 #include <fstream>
 #include <map>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,10 +28,10 @@ std::map<std::string, std::vector<std::string>> KeysOfPage() {
         if (line.starts_with("## ")) section = line.substr(3);
         if (line.starts_with("LSPX ")) section = line.substr(0, line.find(" ("));
         if (!line.starts_with("| `")) continue;
-        const std::string cell = line.substr(2, line.find(" |", 2) - 2);
-        static const std::regex quoted{"`([^`]+)`"};
-        for (std::sregex_iterator it{cell.begin(), cell.end(), quoted}, end; it != end; ++it)
-            keys[section].push_back((*it)[1]);
+        std::istringstream cell{line.substr(0, line.find(" |", 2))};
+        std::getline(cell, line, '`');
+        for (std::string key; std::getline(cell, key, '`'); std::getline(cell, line, '`'))
+            keys[section].push_back(key);
     }
     return keys;
 }
