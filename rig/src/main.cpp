@@ -120,7 +120,11 @@ int Main(int argc, char** argv) {
     ShowFrameOptions picture;
     CLI::App* show_frame = app.add_subcommand("show-frame", "Draw a camera frame, its regions and its spots");
     AddShowFrameOptions(*show_frame, picture);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
 
     if (make_data->parsed()) return MakeData(data);
     if (show_frame->parsed()) {

@@ -17,9 +17,10 @@ std::size_t SizeFor(double rms) {
 
 SpotProfile::SpotProfile(double rms) : m_size(SizeFor(rms)), m_profiles((PHASES + 1) * m_size) {
     std::vector<double> profile(m_size);
+    const std::size_t before = m_size / 2 - 1;  // pixels in front of the one that the centre lies in
     for (std::size_t phase = 0; phase <= PHASES; ++phase) {
         const double center =
-            static_cast<double>(m_size / 2 - 1) + static_cast<double>(phase) / static_cast<double>(PHASES);
+            static_cast<double>(before) + static_cast<double>(phase) / static_cast<double>(PHASES);
         double sum = 0.0;
         for (std::size_t i = 0; i < m_size; ++i) {
             const double left = static_cast<double>(i) - 0.5 - center;

@@ -107,7 +107,7 @@ TEST(FrameRenderer, ReadsAWindowAsAPartOfTheWhole) {
     renderer.Render(1, spots, whole);
     renderer.Render(1, spots, {50, 60, 31, 17}, part);
     for (std::size_t i = 0; i < part.size(); ++i)
-        EXPECT_EQ(part[i], i < 31 * 17 ? whole[(60 + i / 31) * 240 + 50 + i % 31] : 1);
+        EXPECT_EQ(part[i], i < std::size_t{31} * 17 ? whole[(60 + i / 31) * 240 + 50 + i % 31] : 1);
     // Nothing of the spot beside the window is left for the next frame.
     renderer.Render(2, {}, part);
     FrameRenderer(sensor, 2).Render(2, {}, whole);
@@ -140,8 +140,8 @@ TEST(FrameRenderer, FillsThePrescanWithBiasAndDrift) {
 TEST(DrawFrame, ShowsARegionEnlargedWithOutlinesAndMarks) {
     FrameView view;
     view.width = 30;
-    view.values.assign(30 * 20, 10.0F);
-    view.values[7 * 30 + 12] = 1000.0F;
+    view.values.assign(600, 10.0F);
+    view.values[7 * view.width + 12] = 1000.0F;
     view.region = {10, 20, 5, 15};
     view.zoom = 8;
     view.outlines = {{11, 15, 6, 10}};
@@ -155,7 +155,7 @@ TEST(DrawFrame, ShowsARegionEnlargedWithOutlinesAndMarks) {
     const Rgb mark = DrawFrame(view).At(2 * 8 + 4, 2 * 8 + 4);
     EXPECT_GT(mark.red, mark.green);
     // An empty or undefined region is drawn too.
-    view.values.assign(30 * 20, std::numeric_limits<float>::quiet_NaN());
+    view.values.assign(600, std::numeric_limits<float>::quiet_NaN());
     EXPECT_EQ(DrawFrame(view).Width(), 80);
 }
 
