@@ -1,16 +1,20 @@
 // The reference page of the configuration against the code: a document that holds every key of the page, each
-// where the page puts it, leaves no key unread.
+// where the page puts it, leaves no key unread; and the page names every key that the sources hold.
 
 #include "../src/configCheck.hpp"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <vosk/common/fits.hpp>
+#include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,6 +22,24 @@
 using namespace vosk::host;
 
 namespace {
+
+// Whatever stands in the text between two of these, from the first on.
+std::vector<std::string> Between(char mark, const std::string& text) {
+    std::vector<std::string> found;
+    std::istringstream rest{text};
+    std::string piece;
+    std::getline(rest, piece, mark);
+    while (std::getline(rest, piece, mark)) {
+        found.push_back(piece);
+        std::getline(rest, piece, mark);
+    }
+    return found;
+}
+
+std::string ContentOf(const std::filesystem::path& file) {
+    std::ifstream stream{file};
+    return {std::istreambuf_iterator<char>{stream}, {}};
+}
 
 // The keys in the tables of the page, by the line that opens their section.
 std::map<std::string, std::vector<std::string>> KeysOfPage() {
@@ -28,17 +50,32 @@ std::map<std::string, std::vector<std::string>> KeysOfPage() {
         if (line.starts_with("## ")) section = line.substr(3);
         if (line.starts_with("LSPX ")) section = line.substr(0, line.find(" ("));
         if (!line.starts_with("| `")) continue;
-        std::istringstream cell{line.substr(0, line.find(" |", 2))};
-        std::getline(cell, line, '`');
-        for (std::string key; std::getline(cell, key, '`'); std::getline(cell, line, '`'))
+        for (const std::string& key : Between('`', line.substr(0, line.find(" |", 2))))
             keys[section].push_back(key);
     }
     return keys;
 }
 
+// Good values, in the short form of YAML.
+constexpr const char* VALUES =
+    R"({busy: false, cpu: -1, numa_buf_size: 0, timeout: 50 ms, send_interval: 2 ms, send_offset: 0 us,
+    listen_udp: 0, listen_ip: 127.0.0.1, iface_name: lo, rxbuf_size: 65536, busy_poll: 0,
+    qudex_topic: 7, num_frames: 3, buf_packets: 16, checksum_force_ignore: false, endianness: LE,
+    leader_extended_info_size: 4, trailer_extended_info_size: 0, leading_padding_size: 0,
+    data_unit_size: 4, buf_samples: 2, ip_dest: 127.0.0.1, udp_dest: 47999, ip_src: 127.0.0.1,
+    udp_src: 0, ip_time_to_live: 1, udp_checksum_enable: true, txbuf_size: 65536, component_id: 1,
+    qudex_checksum_enable: true, sample_size: 21408, niovs: 4, m4_send_delay: 1 ms,
+    m4_response_timeout: 1 ms, gpao_highest_mode: 52, delta_scaling: true, managed_modes: 2,
+    threshold_velocity: 0.1, threshold_gap: 0.2, shm_prefix: /page_test_, log_level: warn})";
+
 class ConfigurationPage : public testing::Test {
 protected:
     ConfigurationPage() {
+        const auto values = vosk::test::NodeOf(VALUES);
+        for (const std::string& key : values.Keys()) m_values[key] = values[key].As<std::string>();
+        m_values["m2p_path"] = m_dir / "m2p.fits";
+        m_values["control_socket"] = m_dir / "control";
+        m_values["log_file"] = m_dir / "log";
         const std::vector<float> projection(std::size_t{2} * 5352, 0.0F);
         vosk::common::Fits::WriteImg<float>(vosk::common::Fits::FitsFileWrite(m_dir / "m2p.fits", true),
                                             projection, {2, 5352});
@@ -59,50 +96,7 @@ protected:
 
     vosk::test::TempDir m_dir;
     std::map<std::string, std::vector<std::string>> m_page = KeysOfPage();
-    std::map<std::string, std::string> m_values{{"busy", "false"},
-                                                {"cpu", "-1"},
-                                                {"numa_buf_size", "0"},
-                                                {"timeout", "50 ms"},
-                                                {"send_interval", "2 ms"},
-                                                {"send_offset", "0 us"},
-                                                {"listen_udp", "0"},
-                                                {"listen_ip", "127.0.0.1"},
-                                                {"iface_name", "lo"},
-                                                {"rxbuf_size", "65536"},
-                                                {"busy_poll", "0"},
-                                                {"qudex_topic", "7"},
-                                                {"num_frames", "3"},
-                                                {"buf_packets", "16"},
-                                                {"checksum_force_ignore", "false"},
-                                                {"endianness", "LE"},
-                                                {"leader_extended_info_size", "4"},
-                                                {"trailer_extended_info_size", "0"},
-                                                {"leading_padding_size", "0"},
-                                                {"data_unit_size", "4"},
-                                                {"buf_samples", "2"},
-                                                {"ip_dest", "127.0.0.1"},
-                                                {"udp_dest", "47999"},
-                                                {"ip_src", "127.0.0.1"},
-                                                {"udp_src", "0"},
-                                                {"ip_time_to_live", "1"},
-                                                {"udp_checksum_enable", "true"},
-                                                {"txbuf_size", "65536"},
-                                                {"component_id", "1"},
-                                                {"qudex_checksum_enable", "true"},
-                                                {"sample_size", "21408"},
-                                                {"niovs", "4"},
-                                                {"m4_send_delay", "1 ms"},
-                                                {"m4_response_timeout", "1 ms"},
-                                                {"gpao_highest_mode", "52"},
-                                                {"delta_scaling", "true"},
-                                                {"managed_modes", "2"},
-                                                {"m2p_path", m_dir / "m2p.fits"},
-                                                {"threshold_velocity", "0.1"},
-                                                {"threshold_gap", "0.2"},
-                                                {"control_socket", m_dir / "control"},
-                                                {"shm_prefix", "/page_test_"},
-                                                {"log_level", "warn"},
-                                                {"log_file", m_dir / "log"}};
+    std::map<std::string, std::string> m_values;
 };
 
 TEST_F(ConfigurationPage, ListsNoKeyThatNobodyReads) {
@@ -133,6 +127,35 @@ TEST_F(ConfigurationPage, ListsNoKeyThatNobodyReads) {
     std::vector<std::string> problems;
     for (const Problem& problem : CheckConfig(config)) problems.push_back(ToText(problem));
     EXPECT_THAT(problems, testing::IsEmpty()) << document;
+}
+
+// The sources write keys as literals of small letters, digits and underscores; the few of that form that are
+// no keys, or keys that set-up reads from no document, are named below.
+TEST(ConfigurationPageText, NamesEveryKeyOfTheSources) {
+    constexpr const char* KEY_LETTERS = "abcdefghijklmnopqrstuvwxyz0123456789_";
+    std::string page = ContentOf(CONFIGURATION_PAGE);
+    std::set<std::string> named{"rtc_performance", "m4_output", "sent",     "received",
+                                "ecmwfsim",        "shm_topic", "resampler"};
+    for (const std::string& quoted : Between('`', page)) {
+        std::istringstream parts{quoted};
+        for (std::string part; std::getline(parts, part, '.');) named.insert(part);
+    }
+    std::vector<std::filesystem::path> sources{std::filesystem::path{SOURCES} /
+                                               "lumo/host/src/hostSettings.cpp"};
+    for (const auto& entry :
+         std::filesystem::directory_iterator{std::filesystem::path{SOURCES} / "lumo/lumolib/src"})
+        if (entry.path().extension() == ".cpp") sources.push_back(entry.path());
+    std::set<std::string> missing;
+    for (const auto& source : sources) {
+        if (source.filename() == "threadTable.cpp") continue;  // streams, with and without a thread
+        for (const std::string& literal : Between('"', ContentOf(source))) {
+            const bool may_be_key =
+                !literal.empty() && literal.find_first_not_of(KEY_LETTERS) == std::string::npos;
+            if (may_be_key && !named.contains(literal) && !literal.starts_with("m4_time_since_last_send"))
+                missing.insert(literal);
+        }
+    }
+    EXPECT_THAT(missing, testing::IsEmpty());
 }
 
 }  // namespace
