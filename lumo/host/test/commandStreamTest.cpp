@@ -11,7 +11,6 @@
 #include <vector>
 
 using namespace vosk::host;
-using testing::Contains;
 using testing::ElementsAre;
 
 namespace {

@@ -21,8 +21,7 @@ using testing::StartsWith;
 namespace {
 
 class HostProgram : public ::testing::Test {
-protected:
-    HostProgram() { WriteDocument("cfg: {}\n"); }
+public:
     ~HostProgram() override {
         if (m_pid > 0) {
             ::kill(m_pid, SIGKILL);
@@ -30,11 +29,15 @@ protected:
         }
     }
 
+protected:
+    HostProgram() { WriteDocument("cfg: {}\n"); }
+
     void WriteDocument(const std::string& text) const { m_dir.Put("site.yaml", text); }
 
     void Start(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), VOSK_HOST_PROGRAM);
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) pointers.push_back(argument.data());
         pointers.push_back(nullptr);
         m_pid = ::fork();

@@ -70,13 +70,14 @@ private:
 };
 
 class LibMainTest : public ::testing::Test {
+public:
+    ~LibMainTest() override { m_library.StopThreads(); }
+
 protected:
     LibMainTest() {
         ResetControlState();
         VoskTelescopeStateManager::SetActiveCameraFS(Camera::IMG_GP1);
     }
-
-    ~LibMainTest() override { m_library.StopThreads(); }
 
     OpenLibMain m_library{"libMainTest" + std::to_string(::getpid()) + "_"};
 };
