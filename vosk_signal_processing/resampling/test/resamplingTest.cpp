@@ -1,12 +1,9 @@
-// What the resamplers give, worked out on paper; what they refuse; waiting for them; two threads at once.
+// What the resamplers give, worked out on paper; what they refuse; when they notify.
 
 #include "resamplerModels.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
 
 using namespace std::chrono_literals;
 
@@ -145,56 +142,6 @@ TEST(WaitableResampler, TellsOfEachChangeAfterItAndKeepsNoStateOfItsOwn) {
         mailbox.AddSample({At(950), 3, {}});
     }
     EXPECT_FALSE(synchronizer->IsAnyFlagReady());
-}
-
-// Every word tells the number of its origin, so that a torn sample shows.
-struct Proof {
-    AtomClk::time_point timestamp{};
-    std::uint32_t sample_id{};
-    std::array<std::uint64_t, 8> words{};
-
-    static Proof Of(std::uint64_t origin) {
-        Proof proof{
-            At(static_cast<std::int64_t>(origin * 1'000'000)), static_cast<std::uint32_t>(origin), {}};
-        for (std::size_t i = 0; i < proof.words.size(); ++i) proof.words[i] = origin * (2 * i + 1);
-        return proof;
-    }
-};
-
-TEST(ResamplerContainer, OneProducerAndOneConsumerAtFullSpeedSeeWholeSamplesInOrder) {
-    constexpr std::uint64_t INPUTS = 100'000;
-    std::vector<std::unique_ptr<Resampler<Proof>>> stages;
-    stages.push_back(std::make_unique<IdentityResampler<Proof, NoDataAccessor<Proof>>>(0ns));
-    stages.push_back(std::make_unique<LerpUpsampler<Proof, NoDataAccessor<Proof>>>(1000, 4000, 0ns));
-    stages.push_back(
-        std::make_unique<SampleIdDecimatingDownsampler<Proof, NoDataAccessor<Proof>>>(4, 2, 0ns));
-    WaitableResamplerImplementation<ResamplerContainer<Proof>> chain{std::move(stages)};
-
-    std::atomic<bool> is_done{false};
-    std::thread producer{[&] {
-        for (std::uint64_t origin = 1; origin <= INPUTS; ++origin) chain.AddSample(Proof::Of(origin));
-        is_done = true;
-    }};
-    const int running = 1;
-    std::uint32_t id = 0;
-    std::uint64_t last_origin = 0;
-    std::uint64_t faults = 0;
-    int quiet = 0;  // looks at the chain since the producer's end; each may move a sample on by one stage
-    while (quiet < 4 && faults == 0) {
-        if (is_done) ++quiet;
-        chain.GetSynchronizer()->WaitUntil(AtomClk::now() + 1us, running);
-        if (!chain.HasSamples()) continue;
-        quiet = 0;
-        const Proof sample = chain.GetSample().value();
-        const std::uint64_t origin = sample.words[0];
-        const auto late = sample.timestamp - Proof::Of(origin).timestamp;
-        faults += sample.words != Proof::Of(origin).words || sample.sample_id != ++id ||
-                  origin < last_origin || late < 0ns || late > 750us;
-        last_origin = origin;
-    }
-    producer.join();
-    EXPECT_EQ(faults, 0U);
-    EXPECT_EQ(last_origin, INPUTS);  // the newest input is never lost
 }
 
 }  // namespace

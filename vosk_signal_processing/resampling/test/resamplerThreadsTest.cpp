@@ -1,0 +1,172 @@
+// Producer and consumer in a resampler at once, and a consumer that sleeps on two of them. For the thread
+// sanitizer too.
+
+#include <atomclk/atomClk.hpp>
+#include <vosk/signal_processing/resamplingFactory.hpp>
+#include <vosk/test/support.hpp>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace vosk::signal_processing::test {
+namespace {
+
+using atomclk::AtomClk;
+using vosk::test::At;
+using vosk::test::Eventually;
+using vosk::test::PATIENCE;
+
+constexpr auto PERIOD = 1ms;  // from input to input
+
+// Every word tells the number of its origin, so that a torn sample shows; so does every value, as far as a
+// resampler computes on it.
+struct Proof {
+    AtomClk::time_point timestamp{};
+    std::uint32_t sample_id{};
+    std::array<std::uint64_t, 8> words{};
+    std::array<float, 4> values{};
+
+    static Proof Of(std::uint64_t origin) {
+        Proof proof{At(PERIOD * origin), static_cast<std::uint32_t>(origin), {}, {}};
+        for (std::size_t i = 0; i < proof.words.size(); ++i) proof.words[i] = origin * (2 * i + 1);
+        for (std::size_t i = 0; i < proof.values.size(); ++i)
+            proof.values[i] = static_cast<float>(origin * (i + 1));
+        return proof;
+    }
+
+    std::span<float, 4> Values() { return values; }
+    double Origin() const { return static_cast<double>(words[0]); }
+    double Time() const {
+        return std::chrono::duration<double, std::milli>{timestamp.time_since_epoch()} / PERIOD;
+    }
+};
+
+using Opaque = NoDataAccessor<Proof>;
+using Accessed = DefaultDataAccessor<Proof, float>;
+using Stage = std::unique_ptr<Resampler<Proof>>;
+
+// A filter whose output is its input, Order inputs late.
+template <std::size_t Order>
+Stage MakeDelay() {
+    std::array<double, Order * Order> a{};
+    std::array<double, Order> b{};
+    std::array<double, Order> c{};
+    if (Order == 2) a[1] = 1.0;
+    b.back() = c.front() = 1.0;
+    return std::make_unique<StateSpaceFilter<Proof, Accessed, Order, 1, 1>>(a, b, c, std::array{0.0}, false);
+}
+
+Stage MakeChain() {
+    std::vector<Stage> stages;
+    stages.push_back(std::make_unique<IdentityResampler<Proof, Opaque>>(0ns));
+    stages.push_back(std::make_unique<LerpUpsampler<Proof, Opaque>>(1000, 4000, 0ns));
+    stages.push_back(std::make_unique<SampleIdDecimatingDownsampler<Proof, Opaque>>(4, 2, 0ns));
+    return std::make_unique<ResamplerContainer<Proof>>(std::move(stages));
+}
+
+struct Meeting {
+    const char* name;
+    Stage resampler;
+    bool is_renumbered;             // from 1 on, and not the number of its origin
+    double (*value)(const Proof&);  // the origin that the values are to tell
+};
+
+bool IsWhole(const Proof& sample, double value) {
+    bool is_whole = sample.words == Proof::Of(sample.words[0]).words;
+    for (std::size_t i = 0; i < sample.values.size(); ++i)
+        is_whole &= sample.values[i] == static_cast<float>(value * static_cast<double>(i + 1));
+    return is_whole;
+}
+
+TEST(TwoThreads, OneProducerAndOneConsumerAtFullSpeedSeeWholeSamplesInOrder) {
+    constexpr std::uint64_t FIRST = 3;
+    constexpr std::uint64_t LAST = 50'001;  // one that is due for every resampler
+    const auto origin = [](const Proof& sample) { return sample.Origin(); };
+    std::vector<Meeting> meetings;
+    meetings.push_back({"identity", std::make_unique<IdentityResampler<Proof, Opaque>>(0ns), false, origin});
+    meetings.push_back({"lerp", std::make_unique<LerpUpsampler<Proof, Accessed>>(1000, 4000, 0ns), true,
+                        [](const Proof& sample) { return sample.Time(); }});
+    meetings.push_back({"decimation",
+                        std::make_unique<SampleIdDecimatingDownsampler<Proof, Opaque>>(4, 2, 0ns), true,
+                        origin});
+    meetings.push_back({"filter of order 1", MakeDelay<1>(), false,
+                        [](const Proof& sample) { return sample.Origin() - 1; }});
+    meetings.push_back({"filter of order 2", MakeDelay<2>(), false,
+                        [](const Proof& sample) { return sample.Origin() - 2; }});
+    meetings.push_back({"chain", MakeChain(), true, origin});
+
+    for (const auto& [name, resampler, is_renumbered, value] : meetings) {
+        std::uint32_t outputs = 0;
+        for (std::uint64_t input = 1; input < FIRST; ++input) {  // fills the filters and the upsampler's line
+            resampler->AddSample(Proof::Of(input));
+            for (; resampler->HasSamples(); ++outputs) resampler->GetSample();
+        }
+        std::atomic<bool> is_done{false};
+        std::thread producer{[&, &to = *resampler] {
+            for (std::uint64_t input = FIRST; input <= LAST; ++input) to.AddSample(Proof::Of(input));
+            is_done = true;
+        }};
+        Proof last{};
+        std::uint64_t faults = 0;
+        int quiet = 0;  // looks since the producer's end; each may move a sample on by one stage of a chain
+        while (quiet < 4 && faults == 0) {
+            if (is_done) ++quiet;
+            if (!resampler->HasSamples()) continue;
+            quiet = 0;
+            const Proof sample = resampler->GetSample().value();
+            ++outputs;
+            faults += !IsWhole(sample, value(sample)) || sample.timestamp <= last.timestamp ||
+                      sample.sample_id != (is_renumbered ? outputs : sample.words[0]) ||
+                      sample.Time() - sample.Origin() > 0.75;
+            last = sample;
+        }
+        producer.join();
+        EXPECT_EQ(faults, 0U) << name << ": after number " << last.words[0];
+        EXPECT_EQ(last.words[0], LAST) << name;  // the newest input is never lost
+    }
+}
+
+// The sleep has no end of its own within the test's patience: without a notification it would outlast it.
+TEST(TwoThreads, AConsumerSleepsOnTwoResamplersByOneSynchronizer) {
+    for (const bool busy : {false, true}) {
+        const auto synchronizer = common::MakeWaitSynchronizer(busy);
+        using Mailbox = WaitableResamplerImplementation<IdentityResampler<Proof, Opaque>>;
+        std::array<Mailbox, 2> mailboxes{Mailbox{0ns}, Mailbox{0ns}};
+        for (Mailbox& mailbox : mailboxes) mailbox.ReplaceSynchronizer(synchronizer);
+        int running = 1;
+        std::array<std::atomic<std::uint64_t>, 2> taken{};
+        std::atomic<bool> has_ended{false};
+        std::thread consumer{[&] {
+            while (synchronizer->WaitUntil(AtomClk::now() + 2 * PATIENCE, running)) {
+                for (std::size_t i = 0; i < 2; ++i) {
+                    if (mailboxes[i].HasSamples()) taken[i] = mailboxes[i].GetSample()->words[0];
+                }
+            }
+            has_ended = true;
+        }};
+        // Again and again, as a notification between the consumer's look and its sleep is lost.
+        bool is_woken = true;
+        for (std::uint64_t origin = 1; origin <= 200 && is_woken; ++origin) {
+            const std::size_t i = origin % 3 == 0 ? 1 : 0;
+            is_woken = Eventually([&] {
+                mailboxes[i].AddSample(Proof::Of(origin));
+                return taken[i] == origin;
+            });
+        }
+        common::SetRunning(running, false);
+        EXPECT_TRUE(Eventually([&] {
+            synchronizer->Notify();
+            return has_ended.load();
+        }));
+        consumer.join();
+        EXPECT_TRUE(is_woken);
+    }
+}
+
+}  // namespace
+}  // namespace vosk::signal_processing::test
