@@ -1,9 +1,10 @@
-// Every resampler, and every chain of up to three of them, against its model under the same random course of
-// inputs, reads and time.
+// Every resampler, and every chain of up to three of them, each in its waitable form, against its model under
+// the same random course of inputs, reads and time; and none of it allocates.
 
 #include "resamplerModels.hpp"
 
 #include <gtest/gtest.h>
+#include <vosk/test/allocationCount.hpp>
 
 #include <random>
 
@@ -38,6 +39,7 @@ public:
                     if (Ask()) Read();
             }
         }
+        EXPECT_EQ(m_allocations, 0U);
     }
 
 private:
@@ -83,7 +85,7 @@ private:
             return Below(10) != 0 ? static_cast<float>(Below(1000)) / 7.0F : values[Below(std::size(values))];
         };
         m_sample = {At(NextTime()), NextId(), {any(), any()}};
-        m_real->AddSample(m_sample);
+        Counted([&] { m_real->AddSample(m_sample); });
         m_model->Add(m_sample);
     }
 
@@ -96,19 +98,29 @@ private:
 
     bool Ask() {
         const bool expected = m_model->Has();
-        EXPECT_EQ(m_real->HasSamples(), expected);
+        bool actual = false;
+        Counted([&] { actual = m_real->HasSamples(); });
+        EXPECT_EQ(actual, expected);
         return expected;
     }
 
     void Read() {
         const auto expected = m_model->Get();
-        const auto actual = m_real->GetSample();
+        std::optional<Sample> actual;
+        Counted([&] { actual = m_real->GetSample(); });
         ASSERT_EQ(actual.has_value(), expected.has_value());
         if (!expected) return;
         EXPECT_EQ(actual->timestamp, expected->timestamp);
         EXPECT_EQ(actual->sample_id, expected->sample_id);
         ExpectSame(actual->tt.tip, expected->tt.tip);
         ExpectSame(actual->tt.tilt, expected->tt.tilt);
+    }
+
+    template <class Operation>
+    void Counted(Operation&& operation) {
+        const auto before = vosk::test::AllocationsOfThisThread();
+        operation();
+        m_allocations += vosk::test::AllocationsOfThisThread() - before;
     }
 
     static void ExpectSame(float actual, float expected) {
@@ -122,6 +134,7 @@ private:
     Sample m_sample{At(START), 0, {}};
     std::unique_ptr<Resampler<Sample>> m_real;
     std::unique_ptr<Model> m_model;
+    std::size_t m_allocations = 0;
 };
 
 const std::vector<Stage> STAGES{

@@ -209,25 +209,29 @@ struct Stage {
     std::int64_t stop = 0;  // ns
 };
 
+// In their waitable form, which does all that the bare one does.
+template <class R, class... Args>
+std::unique_ptr<Resampler<Sample>> Make(Args&&... args) {
+    return std::make_unique<WaitableResamplerImplementation<R>>(std::forward<Args>(args)...);
+}
+
 template <std::size_t Order>
 std::unique_ptr<Resampler<Sample>> MakeFilter(const Filter& filter, bool initialize_state) {
     std::array<double, Order * Order> a{};
     for (std::size_t i = 0; i < a.size(); ++i) a[i] = filter.a[i / Order][i % Order];
     using Column = std::span<const double, Order>;
-    return std::make_unique<StateSpaceFilter<Sample, Accessed, Order, 1, 1>>(
+    return Make<StateSpaceFilter<Sample, Accessed, Order, 1, 1>>(
         a, Column{filter.b}, Column{filter.c}, std::span<const double, 1>{&filter.d, 1}, initialize_state);
 }
 
 inline std::unique_ptr<Resampler<Sample>> MakeReal(const Stage& stage) {
     const std::chrono::nanoseconds stop{stage.stop};
-    if (stage.kind == "identity") return std::make_unique<IdentityResampler<Sample, Opaque>>(stop);
-    if (stage.kind == "lerp")
-        return std::make_unique<LerpUpsampler<Sample, Accessed>>(stage.in, stage.out, stop);
-    if (stage.kind == "held")
-        return std::make_unique<LerpUpsampler<Sample, Opaque>>(stage.in, stage.out, stop);
+    if (stage.kind == "identity") return Make<IdentityResampler<Sample, Opaque>>(stop);
+    if (stage.kind == "lerp") return Make<LerpUpsampler<Sample, Accessed>>(stage.in, stage.out, stop);
+    if (stage.kind == "held") return Make<LerpUpsampler<Sample, Opaque>>(stage.in, stage.out, stop);
     if (stage.kind == "filter1") return MakeFilter<1>(FIRST_ORDER, false);
     if (stage.kind == "filter2") return MakeFilter<2>(SECOND_ORDER, false);
-    return std::make_unique<SampleIdDecimatingDownsampler<Sample, Opaque>>(stage.in, stage.out, stop);
+    return Make<SampleIdDecimatingDownsampler<Sample, Opaque>>(stage.in, stage.out, stop);
 }
 
 inline std::unique_ptr<Model> MakeModel(const Stage& stage) {
@@ -245,7 +249,7 @@ inline std::unique_ptr<Resampler<Sample>> MakeReal(const std::vector<Stage>& cha
     std::vector<std::unique_ptr<Resampler<Sample>>> stages;
     stages.reserve(chain.size());
     for (const Stage& stage : chain) stages.push_back(MakeReal(stage));
-    return std::make_unique<ResamplerContainer<Sample>>(std::move(stages));
+    return Make<ResamplerContainer<Sample>>(std::move(stages));
 }
 
 inline std::unique_ptr<Model> MakeModel(const std::vector<Stage>& chain) {

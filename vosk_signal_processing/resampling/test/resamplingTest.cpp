@@ -4,6 +4,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <vosk/test/logCapture.hpp>
+
+#include <functional>
+#include <tuple>
 
 using namespace std::chrono_literals;
 
@@ -11,6 +15,7 @@ namespace vosk::signal_processing::test {
 namespace {
 
 using ::testing::ElementsAre;
+using vosk::test::LogCapture;
 using vosk::test::TextOf;
 
 template <class R>
@@ -92,29 +97,84 @@ TEST(Downsampler, IsDueByIdOrByCountAndNumbersAnew) {
     EXPECT_EQ(downsampler.GetSample()->sample_id, 7U);  // each read takes a number
 }
 
-TEST(Resampler, BadArgumentsAreRefused) {
+// What comes out of a chain as inputs go in; the second input is number 2, and so on.
+struct Step {
+    std::int64_t at;  // ms, of the input
+    float value;
+    int reads;                                                            // at most
+    std::vector<std::tuple<std::int64_t, std::uint32_t, float>> outputs;  // us, number, value
+    std::int64_t now = 0;                                                 // ms, on the clock
+};
+
+TEST(ResamplerContainer, RunsAtThePaceOfItsEnd) {
+    const std::pair<std::vector<Stage>, std::vector<Step>> cases[] = {
+        // An input waits in the mailbox until the upsampler is spent, and gives way to a newer one.
+        {{{"identity"}, {"lerp", 250, 500}},
+         {{0, 10, 0, {}},
+          {4, 20, 0, {}},
+          {8, 30, 9, {{0, 1, 10}, {2000, 2, 10}, {8000, 3, 30}, {10000, 4, 40}}},
+          {12, 50, 1, {{12000, 5, 50}}},
+          {16, 0, 9, {{14000, 6, 60}, {16000, 7, 0}, {18000, 8, -25}}}}},
+        // Of four outputs an input, each second one.
+        {{{"lerp", 250, 1000}, {"decimation", 1000, 500}},
+         {{0, 10, 9, {{0, 1, 10}, {2000, 2, 10}}}, {4, 14, 9, {{4000, 3, 14}, {6000, 4, 16}}}}},
+        // The filter's state knows nothing of what was left out: y = x + u / 8, then x = 3 x / 4 + u / 4.
+        {{{"decimation", 1000, 500}, {"filter1"}},
+         {{0, 8, 9, {{0, 1, 1}}},
+          {1, 99, 9, {}},
+          {2, 16, 9, {{2000, 2, 4}}},
+          {3, 99, 9, {}},
+          {4, 0, 9, {{4000, 3, 5.5F}}}}},
+        {{{"filter1"}, {"lerp", 500, 1000}},
+         {{0, 8, 9, {{0, 1, 1}, {1000, 2, 1}}}, {2, 16, 9, {{2000, 3, 4}, {3000, 4, 5.5F}}}}},
+        // What has left a stage no longer ages in it; what waits in it does.
+        {{{"identity", 1, 1, 3'000'000}, {"identity"}},
+         {{0, 1, 0, {}, 2}, {4, 2, 9, {{0, 1, 1}}, 7}, {5, 3, 9, {{5000, 3, 3}}, 7}}},
+    };
+    for (const auto& [stages, steps] : cases) {
+        SCOPED_TRACE(stages.front().kind + ", " + stages.back().kind);
+        const auto chain = MakeReal(stages);
+        atomclk::ManualClock clock{At(0)};
+        std::uint32_t input = 0;
+        for (const Step& step : steps) {
+            clock.Set(At(1ms * step.now));
+            chain->AddSample({At(1ms * step.at), ++input, {step.value, 0.0F}});
+            std::vector<std::tuple<std::int64_t, std::uint32_t, float>> outputs;
+            for (int i = 0; i < step.reads && chain->HasSamples(); ++i) {
+                const Sample output = chain->GetSample().value();
+                outputs.emplace_back(output.timestamp.time_since_epoch() / 1us, output.sample_id,
+                                     output.tt.tip);
+            }
+            EXPECT_EQ(outputs, step.outputs) << "input " << input;
+        }
+    }
+}
+
+TEST(Resampler, BadArgumentsAreRefusedInTheLogAndByException) {
     using Lerp = LerpUpsampler<Sample, Opaque>;
     using Decimation = SampleIdDecimatingDownsampler<Sample, Opaque>;
-    EXPECT_EQ(TextOf<std::runtime_error>([] { IdentityResampler<Sample, Opaque>{-1ns}; }),
-              "StopIntervalResampler: stop interval must not be negative");
-    const auto lerp = [](std::size_t in, std::size_t out) {
-        return TextOf<std::runtime_error>([=] { Lerp{in, out, 0ns}; });
+    const auto lerp = [](std::size_t in, std::size_t out) { return [=] { Lerp{in, out, 0ns}; }; };
+    const auto decimation = [](std::size_t in, std::size_t out) { return [=] { Decimation{in, out, 0ns}; }; };
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[] { IdentityResampler<Sample, Opaque>{-1ns}; },
+         "StopIntervalResampler: stop interval must not be negative"},
+        {lerp(0, 0), "OutputRateResampler: output rate must not be 0"},
+        {lerp(1, 1'000'000'001), "OutputRateResampler: output rate must not be above 1000000000"},
+        {lerp(0, 1), "ExpectedInputRateResampler: expected input rate must not be 0"},
+        {lerp(2, 1), "LerpUpsampler: expected input rate is greater than output rate"},
+        {lerp(2, 5), "LerpUpsampler: output rate is not divisible by input rate"},
+        {decimation(1, 2), "SampleIdDecimatingDownsampler: output rate is greater than input rate"},
+        {decimation(0, 0), "SampleIdDecimatingDownsampler: output rate is 0"},
+        {decimation(5, 2), "SampleIdDecimatingDownsampler: input rate is not divisible by output rate"},
+        {[] { ResamplerContainer<Sample>{std::vector<std::unique_ptr<Resampler<Sample>>>(1)}; },
+         "ResamplerContainer: resampler is a nullptr"},
     };
-    EXPECT_EQ(lerp(0, 0), "OutputRateResampler: output rate must not be 0");
-    EXPECT_EQ(lerp(1, 1'000'000'001), "OutputRateResampler: output rate must not be above 1000000000");
-    EXPECT_EQ(lerp(0, 1), "ExpectedInputRateResampler: expected input rate must not be 0");
-    EXPECT_EQ(lerp(2, 1), "LerpUpsampler: expected input rate is greater than output rate");
-    EXPECT_EQ(lerp(2, 5), "LerpUpsampler: output rate is not divisible by input rate");
-    EXPECT_EQ(lerp(1, 1'000'000'000), "no exception");
-    const auto decimation = [](std::size_t in, std::size_t out) {
-        return TextOf<std::runtime_error>([=] { Decimation{in, out, 0ns}; });
-    };
-    EXPECT_EQ(decimation(1, 2), "SampleIdDecimatingDownsampler: output rate is greater than input rate");
-    EXPECT_EQ(decimation(0, 0), "SampleIdDecimatingDownsampler: output rate is 0");
-    EXPECT_EQ(decimation(5, 2), "SampleIdDecimatingDownsampler: input rate is not divisible by output rate");
-    std::vector<std::unique_ptr<Resampler<Sample>>> stages(1);
-    EXPECT_EQ(TextOf<std::runtime_error>([&] { ResamplerContainer<Sample>{std::move(stages)}; }),
-              "ResamplerContainer: resampler is a nullptr");
+    for (const auto& [construct, text] : cases) {
+        const LogCapture log;
+        EXPECT_EQ(TextOf<std::runtime_error>(construct), text);
+        EXPECT_EQ(log.Lines(), (std::vector{LogCapture::Line{log4cplus::ERROR_LOG_LEVEL, text}}));
+    }
+    EXPECT_NO_THROW(lerp(1, 1'000'000'000)());
 }
 
 // Looks at its flags within each notification, which hangs if the resampler is still locked then.
