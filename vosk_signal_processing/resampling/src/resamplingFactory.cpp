@@ -74,4 +74,18 @@ void RequireElements(const PliConfigInstanceNode& definition) {
     }
 }
 
+// What an upsampler has left moves on in one call where the stages behind it need that many for an output,
+// or where it is too old for them. The other side waits for the mutex meanwhile.
+void WarnOfLongMoves(const PliConfigInstanceNode& definition) {
+    constexpr std::size_t MOST_MOVED = 1'000;  // some 50 us
+    for (std::size_t i = 0; i + 1 < definition.GetSize(); ++i) {
+        const PliConfigInstanceNode stage = definition[i];
+        if (stage["type"].As<std::string>() != "upsampler") continue;
+        const Rates rates = ReadRates(stage);
+        if (rates.output / rates.input <= MOST_MOVED) continue;
+        common::LogWarn("{}: one call of the chain may move {} samples", stage.GetPath(),
+                        rates.output / rates.input);
+    }
+}
+
 }  // namespace vosk::signal_processing::factory::detail

@@ -99,6 +99,20 @@ TEST(ResamplingFactory, WhatCannotBeMadeIsRefusedInTheLogAndByException) {
                  oru::configng::PliConfigValueError);
 }
 
+TEST(ResamplingFactory, WarnsOfChainsThatMayMoveManySamplesAtOnce) {
+    const auto up = [](const std::string& output) {
+        return "{type: upsampler, name: lerp, input_sample_rate: 1, outut_sample_rate: " + output + "}";
+    };
+    const LogCapture log;
+    Create("[" + up("1000") + ", " + IDENTITY + ", " + up("1001") + "]");
+    Create("[" + up("1001") + "]");
+    EXPECT_TRUE(log.Lines().empty());
+    Create("[" + IDENTITY + ", " + up("1001") + ", " + IDENTITY + "]");
+    EXPECT_EQ(
+        log.Count(log4cplus::WARN_LOG_LEVEL, "definition[1]: one call of the chain may move 1001 samples"),
+        1);
+}
+
 TEST(ResamplingFactory, OpaqueSamplesHaveNoFilters) {
     EXPECT_EQ(TextOf<std::runtime_error>([] { return Create<Opaque>("[" + FIRST + "]"); }),
               "CreateResamplerComponent could not create filter: statespace");

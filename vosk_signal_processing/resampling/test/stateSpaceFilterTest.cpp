@@ -3,9 +3,14 @@
 #include "resamplerModels.hpp"
 
 #include <gtest/gtest.h>
+#include <vosk/test/logCapture.hpp>
+
+#include <random>
 
 namespace vosk::signal_processing::test {
 namespace {
+
+using vosk::test::LogCapture;
 
 float OutputFor(Resampler<Sample>& filter, float input) {
     filter.AddSample({At(1), 1, {input, 2 * input}});
@@ -57,12 +62,40 @@ TEST(StateSpaceFilter, SecondOrderStartsAtRestUnderItsFirstInput) {
     EXPECT_EQ(OutputFor(*MakeFilter<2>(SECOND_ORDER, false), 4.0F), 1.0F);
 }
 
-TEST(StateSpaceFilter, SecondOrderWithoutAStateAtRestStartsAtZero) {
+TEST(StateSpaceFilter, SecondOrderWithoutAStateAtRestWarnsAndStartsAtZero) {
     // Integrators, exact and but for rounding; coefficients beyond all measure.
     for (const Filter& shape : {Filter{{{1.0, 0.5}, {0.0, 1.0}}, {1.0, 1.0}, {1.0, 1.0}, 0.5},
                                 Filter{{{0.9, 0.1}, {0.1, 0.9}}, {1.0, 1.0}, {1.0, 1.0}, 0.5},
                                 Filter{{{1e200, 1.0}, {1.0, 1e200}}, {1.0, 1.0}, {1.0, 1.0}, 0.5}}) {
+        const LogCapture log;
+        EXPECT_EQ(OutputFor(*MakeFilter<2>(shape, false), 4.0F), 2.0F);
+        EXPECT_TRUE(log.Lines().empty());
         EXPECT_EQ(OutputFor(*MakeFilter<2>(shape, true), 4.0F), 2.0F);
+        EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, "StateSpaceFilter: no state at rest, starts at 0"), 1);
+    }
+}
+
+// What a step changes in the state at rest is rounding alone, also where the poles all but integrate.
+TEST(StateSpaceFilter, SecondOrderStateAtRestStaysUnderItsInput) {
+    std::mt19937_64 random{7};
+    std::uniform_real_distribution<double> any{-2.0, 2.0};
+    for (int i = 0; i < 100'000; ++i) {
+        const double pole = std::pow(10.0, -7.0 * std::abs(any(random)));  // the distance of one from 1
+        const double p = any(random);
+        const double q = any(random);
+        const double r = any(random);
+        // I - A has rows (p, q) and r (p, q), but for `pole`.
+        const std::array a{1.0 - p, -q, -r * p, 1.0 - r * q - pole};
+        const std::array b{any(random), i % 2 == 0 ? any(random) : 0.0};
+        const auto x = detail::StateAtRest(a, b);
+        if (!x) continue;
+        for (std::size_t row = 0; row < 2; ++row) {
+            const double* const of_row = &a[2 * row];
+            const double next = of_row[0] * (*x)[0] + of_row[1] * (*x)[1] + b[row];
+            const double size = (1.0 + std::abs(of_row[0])) * std::abs((*x)[0]) +
+                                (1.0 + std::abs(of_row[1])) * std::abs((*x)[1]) + std::abs(b[row]);
+            ASSERT_NEAR(next, (*x)[row], 1e-15 * size) << i;
+        }
     }
 }
 

@@ -50,6 +50,8 @@ void CheckCoefficients(const Coefficients& coefficients);
 [[noreturn]] void RefuseType(const std::string& type, const std::string& name);
 void RequireMap(const PliConfigInstanceNode& stage);
 void RequireElements(const PliConfigInstanceNode& definition);
+// Of a chain that was made.
+void WarnOfLongMoves(const PliConfigInstanceNode& definition);
 
 template <class R, class... Args>
 std::unique_ptr<Resampler<typename R::Sample>> Make(bool waitable, Args&&... args) {
@@ -126,6 +128,7 @@ std::unique_ptr<Resampler<T>> CreateResampler(const PliConfigInstanceNode& node,
     std::vector<std::unique_ptr<Resampler<T>>> stages;
     stages.reserve(node.GetSize());
     for (const auto& stage : node) stages.push_back(CreateResamplerComponent<T, A>(stage, false));
+    detail::WarnOfLongMoves(node);
     return detail::Make<ResamplerContainer<T>>(waitable, std::move(stages));
 }
 

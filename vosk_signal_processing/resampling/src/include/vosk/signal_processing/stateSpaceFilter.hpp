@@ -20,8 +20,15 @@ inline std::optional<std::array<double, 2>> StateAtRest(std::span<const double, 
     const double determinant = (1.0 - a[0]) * (1.0 - a[3]) - a[1] * a[2];
     const double scale = (1.0 + std::abs(a[0])) * (1.0 + std::abs(a[3])) + std::abs(a[1] * a[2]);
     if (!(std::abs(determinant) > ROUNDING * scale)) return std::nullopt;
-    const std::array state{((1.0 - a[3]) * b[0] + a[1] * b[1]) / determinant,
-                           (a[2] * b[0] + (1.0 - a[0]) * b[1]) / determinant};
+    // Elimination from the row of the larger first element: what is left of the equation is rounding of its
+    // terms, also where I - A is nearly singular.
+    std::array first{1.0 - a[0], -a[1], b[0]};
+    std::array second{-a[2], 1.0 - a[3], b[1]};
+    if (std::abs(second[0]) > std::abs(first[0])) std::swap(first, second);
+    const double share = second[0] / first[0];
+    std::array<double, 2> state{};
+    state[1] = (second[2] - share * first[2]) / (second[1] - share * first[1]);
+    state[0] = (first[2] - first[1] * state[1]) / first[0];
     if (!std::isfinite(state[0]) || !std::isfinite(state[1])) return std::nullopt;
     return state;
 }
@@ -41,7 +48,8 @@ requires((States == 1 || States == 2) && Inputs == 1 && Outputs == 1) class Stat
     : public StopIntervalResampler<T, A> {
 public:
     // The matrices row after row. `initialize_state`: the states start as if the first input had always been
-    // there (order 1: as the first input), and not at 0; an order 2 that has no such state starts at 0.
+    // there (order 1: as the first input), and not at 0; an order 2 that has no such state starts at 0, with
+    // a warning.
     StateSpaceFilter(std::span<const double, States * States> a, std::span<const double, States> b,
                      std::span<const double, States> c, std::span<const double, 1> d, bool initialize_state)
         : StopIntervalResampler<T, A>{atomclk::AtomClk::duration::zero()}, m_d{d[0]} {
@@ -51,6 +59,7 @@ public:
         const auto at_rest = detail::StateAtRest(a, b);
         m_state_valid = !initialize_state || !at_rest;
         m_state_at_rest = at_rest.value_or(State{});
+        if (initialize_state && !at_rest) common::LogWarn("StateSpaceFilter: no state at rest, starts at 0");
     }
 
     bool HasSamples() override {
