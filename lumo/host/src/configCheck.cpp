@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 #include <lumolib/libMain.hpp>
+#include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/threadTable.hpp>
 
@@ -27,7 +28,7 @@ namespace {
 constexpr const char* INSTANCE = "cfg";
 constexpr const char* HOST = "host";
 constexpr const char* STATISTICS = "statistics";
-constexpr const char* RESAMPLERS = "cfg.resamplers";
+constexpr const char* RESAMPLERS = "resamplers";
 
 class Check {
 public:
@@ -65,6 +66,7 @@ private:
         lumo::LibMain library{fmt::format("/vosk_check_{}_", ::getpid())};
         lumo::SetupRegistries(m_config);
         if (cfg.Has(STATISTICS)) CheckStatistics(cfg[STATISTICS]);
+        if (cfg.Has(RESAMPLERS)) CheckResamplers(cfg[RESAMPLERS]);
         for (const auto sections :
              {lumo::CameraAndCommandSections(), lumo::QudexSections(), lumo::FlowgraphSections()}) {
             for (const SectionEntry& section : sections) CheckSection(cfg, section);
@@ -80,14 +82,38 @@ private:
         });
     }
 
+    // What the library passes over without a word. The definitions themselves are looked into by threads.
+    void CheckResamplers(const PliConfigInstanceNode& sequence) {
+        Try(sequence, [&] {
+            lumo::RequireSequence(sequence);
+            std::map<std::string, PliConfigInstanceNode> elements;  // by their id
+            for (const PliConfigInstanceNode& element : sequence) {
+                if (const char* fault = lumo::ResamplerManager::FaultOf(element)) {
+                    AddFailure(element, {}, fmt::format("is passed over: it {}", fault));
+                    continue;
+                }
+                const auto id = element["id"].As<std::string>();
+                const auto [earlier, is_first] = elements.try_emplace(id, element);
+                if (is_first) continue;
+                AddFailure(earlier->second, {},
+                           fmt::format("is passed over: {} has the id {} too", element.GetWhere(), id));
+                earlier->second = element;
+            }
+        });
+    }
+
     void CheckSection(const PliConfigInstanceNode& cfg, const SectionEntry& section) {
         if (!cfg.Has(section.key)) return;
         const PliConfigInstanceNode node = cfg[section.key];
+        const auto problems_before = m_problems.size();
         Try(node, [&] {
             for (const StreamEntry& stream : section.streams) {
                 if (node.Has(stream.key)) CheckStream(stream, node[stream.key]);
             }
         });
+        // A thread that was not made has taken up no resampler.
+        if (m_problems.size() > problems_before)
+            m_unreached.push_back(fmt::format("{}.{}", INSTANCE, RESAMPLERS));
     }
 
     void CheckStream(const StreamEntry& stream, const PliConfigInstanceNode& node) {
@@ -123,10 +149,9 @@ private:
         Add({where.empty() ? node.GetWhere() : where, node.GetPath(), text});
     }
 
-    // Its thread would have read the keys below it, and taken up resamplers.
+    // Its thread would have read the keys below it.
     void AddUnserved(const PliConfigInstanceNode& stream) {
         m_unreached.push_back(stream.GetPath());
-        m_unreached.push_back(RESAMPLERS);
         Add({stream.GetWhere(), stream.GetPath(), "no thread of this build serves it", true});
     }
 

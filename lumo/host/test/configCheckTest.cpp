@@ -92,6 +92,33 @@ TEST(ConfigCheck, AStreamThatNobodyServesIsANote) {
     EXPECT_EQ(ToText(problems[0]), "site.yaml:3: cfg.m5.input: note: no thread of this build serves it");
 }
 
+// And those that a thread that fails would have taken up are not blamed for it.
+TEST(ConfigCheck, TellsOfResamplersThatArePassedOver) {
+    EXPECT_THAT(ProblemsOf("cfg:\n"
+                           "  resamplers:\n"
+                           "    - {id: a, definition: [{type: zoh}]}\n"
+                           "    - text\n"
+                           "    - {definition: [{type: zoh}]}\n"
+                           "    - {id: [1], definition: []}\n"
+                           "    - {id: b, definitoin: []}\n"
+                           "    - {id: a, definition: [{type: zoh}]}\n"
+                           "  m4: {output: [{ip_dest: 127.0.0.1}]}\n"),
+                ElementsAre("site.yaml:4: cfg.resamplers[1]: is passed over: it is no map",
+                            "site.yaml:5: cfg.resamplers[2]: is passed over: it has no id",
+                            "site.yaml:6: cfg.resamplers[3]: is passed over: it has an id that is no text",
+                            "site.yaml:7: cfg.resamplers[4]: is passed over: it has no definition",
+                            "site.yaml:3: cfg.resamplers[0]: is passed over: site.yaml:8 has the id a too",
+                            StartsWith("site.yaml:9: cfg.m4.output[0]: ")));
+    EXPECT_THAT(ProblemsOf("cfg:\n"
+                           "  resamplers: {id: a, definition: []}\n"),
+                ElementsAre("site.yaml:2: cfg.resamplers: ERR: cfg.resamplers must be a sequence"));
+    EXPECT_THAT(ProblemsOf("host: {log_level: loud}\n"
+                           "cfg:\n"
+                           "  resamplers: [{id: a, definition: [{type: zoh}]}]\n"),
+                ElementsAre(StartsWith("site.yaml:1: host.log_level: "),
+                            "site.yaml:3: cfg.resamplers[0].definition[0]: nothing reads this key"));
+}
+
 TEST(ConfigCheck, WantsTheInstanceNode) {
     EXPECT_THAT(ProblemsOf("other: 1\n"), testing::Contains(HasSubstr("cfg: the document has no such node")));
     EXPECT_THAT(ProblemsOf("cfg: [1]\n"), ElementsAre("site.yaml:1: cfg: must be a map"));

@@ -54,10 +54,17 @@ void ResamplerManager::CreateInstance(const gim::Config& config, const std::stri
     }
 }
 
+const char* ResamplerManager::FaultOf(const PliConfigInstanceNode& element) {
+    if (!element.IsMap()) return "is no map";
+    if (!element.Has("id")) return "has no id";
+    if (!element["id"].IsScalar()) return "has an id that is no text";
+    if (!element.Has("definition")) return "has no definition";
+    return nullptr;
+}
+
 void ResamplerManager::ReadConfigurations(const PliConfigInstanceNode& sequence) {
     for (const auto& element : sequence) {
-        if (!element.IsMap() || !element.Has("id") || !element.Has("definition")) continue;
-        if (!element["id"].IsScalar()) continue;
+        if (FaultOf(element) != nullptr) continue;
         const auto id = element["id"].As<ConfigurationId>();
         LogDebug("ResamplerManager: found resampler configuration: {}", id);
         m_configurations.insert_or_assign(id, element["definition"]);

@@ -34,6 +34,9 @@ public:
     // two definitions of one id the later counts.
     static void CreateInstance(const gim::Config& config, const std::string& key);
 
+    // Why this element of the sequence is passed over, such as "is no map"; null if it isn't.
+    static const char* FaultOf(const oru::configng::PliConfigInstanceNode& element);
+
     ResamplerManager(const ResamplerManager&) = delete;
     ResamplerManager& operator=(const ResamplerManager&) = delete;
 
