@@ -129,33 +129,65 @@ TEST_F(ConfigurationPage, ListsNoKeyThatNobodyReads) {
     EXPECT_THAT(problems, testing::IsEmpty()) << document;
 }
 
-// The sources write keys as literals of small letters, digits and underscores; the few of that form that are
-// no keys, or keys that set-up reads from no document, are named below.
-TEST(ConfigurationPageText, NamesEveryKeyOfTheSources) {
-    constexpr const char* KEY_LETTERS = "abcdefghijklmnopqrstuvwxyz0123456789_";
-    std::string page = ContentOf(CONFIGURATION_PAGE);
-    std::set<std::string> named{"rtc_performance", "m4_output", "sent",     "received",
-                                "ecmwfsim",        "shm_topic", "resampler"};
+using Words = std::set<std::string>;
+
+// What stands quoted in the page, each part of a path on its own.
+Words QuotedIn(const std::string& page) {
+    Words words;
     for (const std::string& quoted : Between('`', page)) {
         std::istringstream parts{quoted};
-        for (std::string part; std::getline(parts, part, '.');) named.insert(part);
+        for (std::string part; std::getline(parts, part, '.');) words.insert(part);
     }
-    std::vector<std::filesystem::path> sources{std::filesystem::path{SOURCES} /
-                                               "lumo/host/src/hostSettings.cpp"};
+    return words;
+}
+
+// Adds the literals of a source that have the form of keys: small letters, digits and underscores.
+void AddLiterals(const std::filesystem::path& source, Words& literals) {
+    constexpr const char* KEY_LETTERS = "abcdefghijklmnopqrstuvwxyz0123456789_";
+    for (const std::string& literal : Between('"', ContentOf(source))) {
+        if (!literal.empty() && literal.find_first_not_of(KEY_LETTERS) == std::string::npos)
+            literals.insert(literal);
+    }
+}
+
+Words LiteralsBelow(const std::string& directory) {
+    Words literals;
     for (const auto& entry :
-         std::filesystem::directory_iterator{std::filesystem::path{SOURCES} / "lumo/lumolib/src"})
-        if (entry.path().extension() == ".cpp") sources.push_back(entry.path());
-    std::set<std::string> missing;
-    for (const auto& source : sources) {
-        if (source.filename() == "threadTable.cpp") continue;  // streams, with and without a thread
-        for (const std::string& literal : Between('"', ContentOf(source))) {
-            const bool may_be_key =
-                !literal.empty() && literal.find_first_not_of(KEY_LETTERS) == std::string::npos;
-            if (may_be_key && !named.contains(literal) && !literal.starts_with("m4_time_since_last_send"))
-                missing.insert(literal);
-        }
+         std::filesystem::recursive_directory_iterator{std::filesystem::path{SOURCES} / directory}) {
+        const std::filesystem::path& file = entry.path();
+        if (file.filename() == "threadTable.cpp") continue;  // streams, with and without a thread
+        if (file.extension() == ".cpp" || file.extension() == ".hpp") AddLiterals(file, literals);
     }
-    EXPECT_THAT(missing, testing::IsEmpty());
+    return literals;
+}
+
+// The few of that form that are no keys, or keys that set-up reads from no document, are named here.
+TEST(ConfigurationPageText, NamesEveryKeyOfTheLibraryAndOfTheHost) {
+    Words named = QuotedIn(ContentOf(CONFIGURATION_PAGE));
+    named.insert({"rtc_performance", "m4_output", "sent", "received", "ecmwfsim", "shm_topic", "resampler"});
+    Words literals = LiteralsBelow("lumo/lumolib/src");
+    AddLiterals(std::filesystem::path{SOURCES} / "lumo/host/src/hostSettings.cpp", literals);
+    std::erase_if(literals, [&](const std::string& literal) {
+        return named.contains(literal) || literal.starts_with("m4_time_since_last_send");
+    });
+    EXPECT_THAT(literals, testing::IsEmpty());
+}
+
+TEST(ConfigurationPageText, NamesInItsSectionEveryKeyOfABlockAndNoOther) {
+    const std::string page = ContentOf(CONFIGURATION_PAGE);
+    auto tables = KeysOfPage();
+    for (const auto& [heading, sources] : std::map<std::string, std::string>{
+             {"`resamplers`", "vosk_signal_processing/resampling/src"},
+             {"`noise_removal`", "vosk_image_processing/noise_removal/src"},
+             {"`bad_pixel_correction`", "vosk_image_processing/image_processing_blocks/src"},
+             {"`centroiding_algorithm`", "vosk_image_processing/centroiding/src"}}) {
+        const std::size_t start = page.find("## " + heading);
+        ASSERT_NE(start, std::string::npos) << heading;
+        const Words literals = LiteralsBelow(sources);
+        EXPECT_THAT(QuotedIn(page.substr(start, page.find("\n## ", start) - start)),
+                    testing::IsSupersetOf(literals));
+        EXPECT_THAT(literals, testing::IsSupersetOf(Words{tables[heading].begin(), tables[heading].end()}));
+    }
 }
 
 }  // namespace
