@@ -11,6 +11,8 @@
 
 #include <array>
 #include <optional>
+#include <string>
+#include <vector>
 
 using namespace std::chrono_literals;
 
@@ -54,9 +56,9 @@ public:
     Listener() = default;
 
     std::string Stream(const std::string& keys = "") const {
-        return "{ip_dest: 127.0.0.1, qudex_topic: 8, udp_dest: " + std::to_string(m_socket.LocalPort()) +
-               keys + "}";
+        return "{ip_dest: 127.0.0.1, qudex_topic: 8, udp_dest: " + Port() + keys + "}";
     }
+    std::string Port() const { return std::to_string(m_socket.LocalPort()); }
 
     // What has come, if it is one whole record.
     std::optional<Record> Receive() {
@@ -109,14 +111,25 @@ TEST(DiagnosticStreams, EachListenerGetsTheRecordAsItStandsInMemory) {
 }
 
 TEST(DiagnosticStreams, AreSetUpOnceInTheOrderOfTheConfiguration) {
+    Listener listener;
     const LogCapture log;
-    TestThread thread{", diagnostic_streams: [{ip_dest: 127.0.0.1, udp_dest: 40001, qudex_topic: 5}]"};
-    EXPECT_TRUE(
-        log.Has(DEBUG_LOG_LEVEL,
-                "Thread FSInput, inserted diagnostic stream: QUDEX sender to: 127.0.0.1:40001, topic ID: 5"));
+    TestThread thread{", diagnostic_streams: [{ip_dest: 127.0.0.1, udp_dest: 40001, qudex_topic: 5}, " +
+                      listener.Stream() + "]"};
+    std::vector<std::string> inserted;
+    for (const auto& line : log.Lines()) {
+        if (line.level == DEBUG_LOG_LEVEL && line.text.find("diagnostic stream") != std::string::npos)
+            inserted.push_back(line.text);
+    }
+    const std::string prefix = "Thread FSInput, inserted diagnostic stream: QUDEX sender to: 127.0.0.1:";
+    EXPECT_EQ(inserted,
+              (std::vector{prefix + "40001, topic ID: 5", prefix + listener.Port() + ", topic ID: 8"}));
     EXPECT_EQ(thread.SetUp(), 0U);
     EXPECT_EQ(log.Count(WARN_LOG_LEVEL, "Thread FSInput, diagnostic streams are already setup, ignoring!"),
               1);
+    thread.SendDiagnosticSample(1, At(1), Record{}, At(1));
+    EXPECT_EQ(log.Count(TRACE_LOG_LEVEL, "FSInput sent diagnostic sample at 00:00:00.000000, sample_id = 1"),
+              2);  // none was added by the second call
+    EXPECT_TRUE(listener.Receive());
     EXPECT_EQ(vosk::test::TextOf<std::runtime_error>(
                   [] { return TestThread{", diagnostic_streams: [{ip_dest: 127.0.0.1}]"}.m_streams; }),
               "Tx::Tx: udp_cfg.udp.dst is required");
@@ -139,8 +152,13 @@ TEST(DiagnosticStreams, AListenerThatIsNotThereIsNoFailure) {
     const std::string gone = Listener{}.Stream();
     TestThread thread{", diagnostic_streams: [" + gone + "]"};
     const LogCapture log;
-    for (unsigned id = 1; id <= 3; ++id) thread.SendDiagnosticSample(id, At(id), Record{}, At(id));
-    for (const auto& line : log.Lines()) EXPECT_EQ(line.level, TRACE_LOG_LEVEL) << line.text;
+    std::vector<LogCapture::Line> sent;
+    for (unsigned id = 1; id <= 3; ++id) {
+        thread.SendDiagnosticSample(id, At(id), Record{}, At(id));
+        sent.push_back({TRACE_LOG_LEVEL, "FSInput sent diagnostic sample at 00:00:00.000000, sample_id = " +
+                                             std::to_string(id)});
+    }
+    EXPECT_EQ(log.Lines(), sent);
 }
 
 TEST(DiagnosticStreams, NothingIsAllocatedForASample) {

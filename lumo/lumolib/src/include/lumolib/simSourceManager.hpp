@@ -19,7 +19,6 @@ public:
     using WfsTopic = defs::WfsTopic;
 
     CentroidSimulator() = default;
-    virtual ~CentroidSimulator() = default;
     CentroidSimulator(const CentroidSimulator&) = delete;
     CentroidSimulator& operator=(const CentroidSimulator&) = delete;
 
@@ -32,6 +31,9 @@ public:
     // For the host, with a text that host and simulator agree on.
     virtual void ConfigureSim(const std::string& config);
     virtual void StartSim();
+
+    // Last, so that the table of virtual operations begins with GetSimCentroids.
+    virtual ~CentroidSimulator() = default;
 };
 
 }  // namespace simulation
