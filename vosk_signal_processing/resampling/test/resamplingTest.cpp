@@ -18,13 +18,6 @@ using ::testing::ElementsAre;
 using vosk::test::LogCapture;
 using vosk::test::TextOf;
 
-template <class R>
-std::vector<Sample> TakeAll(R& resampler) {
-    std::vector<Sample> outputs;
-    while (resampler.HasSamples()) outputs.push_back(*resampler.GetSample());
-    return outputs;
-}
-
 TEST(Resampler, DataIsReadableUpToTheStopIntervalAndNotAtIt) {
     atomclk::ManualClock clock{At(5'000'000)};
     IdentityResampler<Sample, Opaque> mailbox{1'000'000ns};
@@ -41,73 +34,39 @@ TEST(Resampler, DataIsReadableUpToTheStopIntervalAndNotAtIt) {
     EXPECT_EQ(mailbox.GetSample()->sample_id, 8);
 }
 
-TEST(LerpUpsampler, ExtrapolatesTheLineThroughTheLastTwoInputs) {
-    LerpUpsampler<Sample, Accessed> upsampler{100, 1000, 0ns};
-    EXPECT_FALSE(upsampler.HasSamples());
-    EXPECT_FALSE(upsampler.GetSample());
-    upsampler.AddSample({At(1'000), 50, {2.0F, -1.0F}});
-    auto outputs = TakeAll(upsampler);
-    ASSERT_EQ(outputs.size(), 10U);
-    for (unsigned i = 0; i < 10; ++i) {
-        EXPECT_EQ(outputs[i].timestamp, At(1'000 + 1'000'000 * i));
-        EXPECT_EQ(outputs[i].sample_id, i + 1);
-        EXPECT_EQ(outputs[i].tt, (defs::FloatVectorTT{2.0F, -1.0F}));
-    }
-    upsampler.AddSample({At(10'001'000), 51, {3.0F, -2.0F}});
-    outputs = TakeAll(upsampler);
-    ASSERT_EQ(outputs.size(), 10U);
-    for (unsigned i = 0; i < 10; ++i) {
-        EXPECT_FLOAT_EQ(outputs[i].tt.tip, 3.0F + 0.1F * static_cast<float>(i));
-        EXPECT_FLOAT_EQ(outputs[i].tt.tilt, -2.0F - 0.1F * static_cast<float>(i));
-    }
-    EXPECT_EQ(outputs[0].tt, (defs::FloatVectorTT{3.0F, -2.0F}));
-}
+using Outputs = std::vector<std::tuple<std::int64_t, std::uint32_t, float>>;  // us, number, value
 
-TEST(LerpUpsampler, SkipsWhatADelayUsedUpAndHoldsThePhaseOfASlowConsumer) {
-    LerpUpsampler<Sample, Accessed> upsampler{100, 1000, 0ns};
-    upsampler.AddSample({At(0), 1, {}});
-    EXPECT_EQ(TakeAll(upsampler).size(), 10U);
-    upsampler.AddSample({At(13'000'000), 2, {}});  // late by three outputs
-    EXPECT_EQ(TakeAll(upsampler).size(), 7U);
-    upsampler.AddSample({At(33'000'000), 3, {}});  // by a whole input
-    EXPECT_EQ(upsampler.GetSample()->timestamp, At(33'000'000));
-    for (int i = 0; i < 3; ++i) upsampler.GetSample();
-    upsampler.AddSample({At(43'000'000), 4, {}});  // four outputs taken
-    EXPECT_EQ(upsampler.GetSample()->timestamp, At(47'000'000));
-}
-
-TEST(Downsampler, IsDueByIdOrByCountAndNumbersAnew) {
-    SampleIdDecimatingDownsampler<Sample, Opaque> downsampler{1000, 100, 0ns};
-    const auto reads = [&](std::uint32_t first, std::uint32_t last) {
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> outputs;  // input ID, by its time, and output ID
-        for (std::uint32_t id = first; id <= last; ++id) {
-            downsampler.AddSample({At(id), id, {}});
-            for (const Sample& sample : TakeAll(downsampler)) {
-                outputs.emplace_back(sample.timestamp.time_since_epoch().count(), sample.sample_id);
-            }
-        }
-        return outputs;
-    };
-    EXPECT_THAT(reads(1, 25), ElementsAre(std::pair{1U, 1U}, std::pair{11U, 2U}, std::pair{21U, 3U}));
-    EXPECT_THAT(reads(40, 42), ElementsAre(std::pair{40U, 4U}));  // a gap
-    EXPECT_THAT(reads(1, 12), ElementsAre(std::pair{8U, 5U}));    // a restart of the sender
-    downsampler.AddSample({At(99), 99, {}});
-    downsampler.AddSample({At(100), 100, {}});
-    EXPECT_EQ(downsampler.GetSample()->timestamp, At(100));
-    EXPECT_EQ(downsampler.GetSample()->sample_id, 7U);  // each read takes a number
-}
-
-// What comes out of a chain as inputs go in; the second input is number 2, and so on.
+// An input, and what comes out after it.
 struct Step {
-    std::int64_t at;  // ms, of the input
+    std::int64_t at;  // ms
     float value;
-    int reads;                                                            // at most
-    std::vector<std::tuple<std::int64_t, std::uint32_t, float>> outputs;  // us, number, value
-    std::int64_t now = 0;                                                 // ms, on the clock
+    int reads;  // at most
+    Outputs outputs;
+    std::uint32_t id = 0;  // 0: the next one
+    std::int64_t now = 0;  // ms, on the clock
 };
 
-TEST(ResamplerContainer, RunsAtThePaceOfItsEnd) {
+TEST(Resampler, GivesWhatWasWorkedOutOnPaper) {
     const std::pair<std::vector<Stage>, std::vector<Step>> cases[] = {
+        // On time; late by two outputs and a bit; late by a whole input; read too slowly.
+        {{{"lerp", 100, 400}},
+         {{0, 2, 9, {{0, 1, 2}, {2500, 2, 2}, {5000, 3, 2}, {7500, 4, 2}}},
+          {10, 3, 9, {{10000, 5, 3}, {12500, 6, 3.25F}, {15000, 7, 3.5F}, {17500, 8, 3.75F}}},
+          {26, 7, 9, {{31000, 9, 9}, {33500, 10, 10}}},
+          {46, 7, 1, {{46000, 11, 7}}},
+          {56, 11, 9, {{58500, 12, 12}, {61000, 13, 13}, {63500, 14, 14}}}}},
+        // Read late; a gap in the numbers; a sender that starts anew.
+        {{{"decimation", 300, 100}},
+         {{1, 5, 9, {{1000, 1, 5}}},
+          {2, 0, 9, {}},
+          {3, 0, 9, {}},
+          {4, 6, 0, {}},
+          {5, 7, 9, {{5000, 2, 7}}},
+          {6, 0, 9, {}},
+          {40, 8, 9, {{40000, 3, 8}}, 40},
+          {41, 0, 9, {}, 1},
+          {42, 0, 9, {}},
+          {43, 9, 9, {{43000, 4, 9}}}}},
         // An input waits in the mailbox until the upsampler is spent, and gives way to a newer one.
         {{{"identity"}, {"lerp", 250, 500}},
          {{0, 10, 0, {}},
@@ -129,25 +88,28 @@ TEST(ResamplerContainer, RunsAtThePaceOfItsEnd) {
          {{0, 8, 9, {{0, 1, 1}, {1000, 2, 1}}}, {2, 16, 9, {{2000, 3, 4}, {3000, 4, 5.5F}}}}},
         // What has left a stage no longer ages in it; what waits in it does.
         {{{"identity", 1, 1, 3'000'000}, {"identity"}},
-         {{0, 1, 0, {}, 2}, {4, 2, 9, {{0, 1, 1}}, 7}, {5, 3, 9, {{5000, 3, 3}}, 7}}},
+         {{0, 1, 0, {}, 0, 2}, {4, 2, 9, {{0, 1, 1}}, 0, 7}, {5, 3, 9, {{5000, 3, 3}}, 0, 7}}},
     };
     for (const auto& [stages, steps] : cases) {
-        SCOPED_TRACE(stages.front().kind + ", " + stages.back().kind);
-        const auto chain = MakeReal(stages);
+        SCOPED_TRACE(stages.front().kind + " to " + stages.back().kind);
+        const auto resampler = MakeReal(stages);
+        EXPECT_FALSE(resampler->HasSamples());
         atomclk::ManualClock clock{At(0)};
-        std::uint32_t input = 0;
+        std::uint32_t id = 0;
         for (const Step& step : steps) {
             clock.Set(At(1ms * step.now));
-            chain->AddSample({At(1ms * step.at), ++input, {step.value, 0.0F}});
-            std::vector<std::tuple<std::int64_t, std::uint32_t, float>> outputs;
-            for (int i = 0; i < step.reads && chain->HasSamples(); ++i) {
-                const Sample output = chain->GetSample().value();
+            id = step.id == 0 ? id + 1 : step.id;
+            resampler->AddSample({At(1ms * step.at), id, {step.value, 0.0F}});
+            Outputs outputs;
+            for (int i = 0; i < step.reads && resampler->HasSamples(); ++i) {
+                const Sample output = resampler->GetSample().value();
                 outputs.emplace_back(output.timestamp.time_since_epoch() / 1us, output.sample_id,
                                      output.tt.tip);
             }
-            EXPECT_EQ(outputs, step.outputs) << "input " << input;
+            EXPECT_EQ(outputs, step.outputs) << "input at " << step.at;
         }
     }
+    EXPECT_FALSE(MakeReal(Stage{"lerp"})->GetSample());  // before the first input
 }
 
 TEST(Resampler, BadArgumentsAreRefusedInTheLogAndByException) {
