@@ -69,13 +69,6 @@ Stage MakeChain() {
     return std::make_unique<ResamplerContainer<Proof>>(std::move(stages));
 }
 
-struct Meeting {
-    const char* name;
-    Stage resampler;
-    bool is_renumbered;             // from 1 on, and not the number of its origin
-    double (*value)(const Proof&);  // the origin that the values are to tell
-};
-
 bool IsWhole(const Proof& sample, double value) {
     bool is_whole = sample.words == Proof::Of(sample.words[0]).words;
     for (std::size_t i = 0; i < sample.values.size(); ++i)
@@ -83,52 +76,49 @@ bool IsWhole(const Proof& sample, double value) {
     return is_whole;
 }
 
-TEST(TwoThreads, OneProducerAndOneConsumerAtFullSpeedSeeWholeSamplesInOrder) {
+// `value`: the origin that the values are to tell. `is_renumbered`: from 1 on, and not like the origin.
+void Meet(const char* name, Stage resampler, bool is_renumbered, double (*value)(const Proof&)) {
     constexpr std::uint64_t FIRST = 3;
     constexpr std::uint64_t LAST = 50'001;  // one that is due for every resampler
-    const auto origin = [](const Proof& sample) { return sample.Origin(); };
-    std::vector<Meeting> meetings;
-    meetings.push_back({"identity", std::make_unique<IdentityResampler<Proof, Opaque>>(0ns), false, origin});
-    meetings.push_back({"lerp", std::make_unique<LerpUpsampler<Proof, Accessed>>(1000, 4000, 0ns), true,
-                        [](const Proof& sample) { return sample.Time(); }});
-    meetings.push_back({"decimation",
-                        std::make_unique<SampleIdDecimatingDownsampler<Proof, Opaque>>(4, 2, 0ns), true,
-                        origin});
-    meetings.push_back({"filter of order 1", MakeDelay<1>(), false,
-                        [](const Proof& sample) { return sample.Origin() - 1; }});
-    meetings.push_back({"filter of order 2", MakeDelay<2>(), false,
-                        [](const Proof& sample) { return sample.Origin() - 2; }});
-    meetings.push_back({"chain", MakeChain(), true, origin});
-
-    for (const auto& [name, resampler, is_renumbered, value] : meetings) {
-        std::uint32_t outputs = 0;
-        for (std::uint64_t input = 1; input < FIRST; ++input) {  // fills the filters and the upsampler's line
-            resampler->AddSample(Proof::Of(input));
-            for (; resampler->HasSamples(); ++outputs) resampler->GetSample();
-        }
-        std::atomic<bool> is_done{false};
-        std::thread producer{[&, &to = *resampler] {
-            for (std::uint64_t input = FIRST; input <= LAST; ++input) to.AddSample(Proof::Of(input));
-            is_done = true;
-        }};
-        Proof last{};
-        std::uint64_t faults = 0;
-        int quiet = 0;  // looks since the producer's end; each may move a sample on by one stage of a chain
-        while (quiet < 4 && faults == 0) {
-            if (is_done) ++quiet;
-            if (!resampler->HasSamples()) continue;
-            quiet = 0;
-            const Proof sample = resampler->GetSample().value();
-            ++outputs;
-            faults += !IsWhole(sample, value(sample)) || sample.timestamp <= last.timestamp ||
-                      sample.sample_id != (is_renumbered ? outputs : sample.words[0]) ||
-                      sample.Time() - sample.Origin() > 0.75;
-            last = sample;
-        }
-        producer.join();
-        EXPECT_EQ(faults, 0U) << name << ": after number " << last.words[0];
-        EXPECT_EQ(last.words[0], LAST) << name;  // the newest input is never lost
+    std::uint32_t outputs = 0;
+    for (std::uint64_t input = 1; input < FIRST; ++input) {  // fills the filters and the upsampler's line
+        resampler->AddSample(Proof::Of(input));
+        for (; resampler->HasSamples(); ++outputs) resampler->GetSample();
     }
+    std::atomic<bool> is_done{false};
+    std::thread producer{[&] {
+        for (std::uint64_t input = FIRST; input <= LAST; ++input) resampler->AddSample(Proof::Of(input));
+        is_done = true;
+    }};
+    Proof last{};
+    std::uint64_t faults = 0;
+    int quiet = 0;  // looks since the producer's end; each may move a sample on by one stage of a chain
+    while (quiet < 4 && faults == 0) {
+        if (is_done) ++quiet;
+        if (!resampler->HasSamples()) continue;
+        quiet = 0;
+        const Proof sample = resampler->GetSample().value();
+        ++outputs;
+        faults += !IsWhole(sample, value(sample)) || sample.timestamp <= last.timestamp ||
+                  sample.sample_id != (is_renumbered ? outputs : sample.words[0]) ||
+                  sample.Time() - sample.Origin() > 0.75;
+        last = sample;
+    }
+    producer.join();
+    EXPECT_EQ(faults, 0U) << name << ": after number " << last.words[0];
+    EXPECT_EQ(last.words[0], LAST) << name;  // the newest input is never lost
+}
+
+TEST(TwoThreads, OneProducerAndOneConsumerAtFullSpeedSeeWholeSamplesInOrder) {
+    const auto origin = [](const Proof& sample) { return sample.Origin(); };
+    Meet("identity", std::make_unique<IdentityResampler<Proof, Opaque>>(0ns), false, origin);
+    Meet("lerp", std::make_unique<LerpUpsampler<Proof, Accessed>>(1000, 4000, 0ns), true,
+         [](const Proof& sample) { return sample.Time(); });
+    Meet("decimation", std::make_unique<SampleIdDecimatingDownsampler<Proof, Opaque>>(4, 2, 0ns), true,
+         origin);
+    Meet("filter of order 1", MakeDelay<1>(), false, [](const Proof& sample) { return sample.Origin() - 1; });
+    Meet("filter of order 2", MakeDelay<2>(), false, [](const Proof& sample) { return sample.Origin() - 2; });
+    Meet("chain", MakeChain(), true, origin);
 }
 
 // The sleep has no end of its own within the test's patience: without a notification it would outlast it.
