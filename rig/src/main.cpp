@@ -104,7 +104,7 @@ int Main(int argc, char** argv) {
     make_data->add_option("--seed", data.seed, "which sensors the cameras have");
     make_data
         ->add_option("--subapertures", data.subapertures, "of the wavefront sensor, nearest to its middle")
-        ->check(CLI::Range(std::size_t{30}, WfsGrid::MOST));
+        ->check(CLI::Range(WfsGrid::FEWEST, WfsGrid::MOST));
 
     std::filesystem::path file;
     RunPaths paths;

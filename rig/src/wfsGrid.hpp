@@ -23,6 +23,7 @@ struct WfsGrid {
     static constexpr std::size_t ACROSS = 32;
     static constexpr std::size_t PITCH = 24;  // pixels
     static constexpr std::size_t MOST = ACROSS * ACROSS;
+    static constexpr std::size_t FEWEST = 43;  // that tell as many modes apart as the host reconstructs
 
     std::vector<Subaperture> subapertures;  // row by row
 };
