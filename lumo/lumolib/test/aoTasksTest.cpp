@@ -2,7 +2,7 @@
 
 #include "testSupport.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomclk/atomClk.hpp>
 #include <gim/config.hpp>
@@ -22,8 +22,12 @@ namespace {
 
 using atomclk::AtomClk;
 using defs::M4_CMD_SIZE;
+using log4cplus::ERROR_LOG_LEVEL;
 using std::chrono::microseconds;
 using test::Eventually;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using vosk::test::LogCapture;
 using enum defs::VoskControlMode;
 
@@ -35,13 +39,6 @@ constexpr float NAN_F = std::numeric_limits<float>::quiet_NaN();
 template <class T, class... Args>
 std::shared_ptr<T> Get(Args... args) {
     return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{}, args...);
-}
-
-bool Logged(const LogCapture& log, log4cplus::LogLevel level, const std::string& part) {
-    for (const auto& line : log.Lines()) {
-        if (line.level == level && line.text.find(part) != std::string::npos) return true;
-    }
-    return false;
 }
 
 struct Opened : AoTasks {
@@ -112,6 +109,12 @@ protected:
         return CycleEnds();
     }
 
+    // One whose setpoint, of the ID, M4 answers.
+    bool RunCycle(float command, float applied, std::uint32_t id) {
+        SendCommand(command);
+        return SetpointArrives() && AnswerUntilCycleEnds(applied, id);
+    }
+
     bool CycleEnds() {
         return Eventually([this] { return IsCycleOver(); });
     }
@@ -165,16 +168,13 @@ TEST_F(AoTasksTest, KeepsSetpointsBackUntilTheHandoverIsOver) {
     EXPECT_FALSE(m_m4_output->IsNewData());
     // The cycle is told to the AO output all the same, as one without a source.
     EXPECT_EQ(m_ao_applied->GetData().header.status, 0);
-    EXPECT_TRUE(Eventually([&] {
-        return Logged(log, log4cplus::TRACE_LOG_LEVEL, ", m4_cmd_send = +[not sent], send_ao_m4_applied = +");
-    }));
+    EXPECT_TRUE(Eventually(
+        [&] { return !log.Texts(", m4_cmd_send = +[not sent], send_ao_m4_applied = +").empty(); }));
 
     // The command that completes the handover is the first that reaches M4.
-    SendCommand(2.0F);
-    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(RunCycle(2.0F, 2.0F, 1));
     EXPECT_EQ(m_m4_output->GetSampleId(), 1U);
     EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
-    EXPECT_TRUE(AnswerUntilCycleEnds(2.0F, 1));
 }
 
 TEST_F(AoTasksTest, PlansSendTimeFromTheCommandAndPublishesWhatM4Applied) {
@@ -206,8 +206,8 @@ TEST_F(AoTasksTest, MissingAndLateAnswersCountAsZero) {
         EXPECT_EQ(ao_applied.header.status, 0x400);
         EXPECT_EQ(AtomClk::time_point{ao_applied.header.applied_time}, AtomClk::time_point{});
         EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-        EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL, "no 'am:setpoint_applied' response from M4 at "));
-        EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL, ", sample ID = " + std::to_string(id)));
+        EXPECT_THAT(log.Texts(", sample ID = " + std::to_string(id), ERROR_LOG_LEVEL),
+                    ElementsAre(HasSubstr("no 'am:setpoint_applied' response from M4 at ")));
         Answer(4.0F, id);  // too late: the next cycle forgets it
     }
 }
@@ -215,71 +215,54 @@ TEST_F(AoTasksTest, MissingAndLateAnswersCountAsZero) {
 TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZeroAndIsNamed) {
     const LogCapture log;
     StartDrivenBy(INS_DRIVEN_CASCADE);
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
-    ASSERT_TRUE(AnswerUntilCycleEnds(1.0F, 99));
+    ASSERT_TRUE(RunCycle(1.0F, 1.0F, 99));
     EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-    EXPECT_TRUE(
-        Logged(log, log4cplus::ERROR_LOG_LEVEL, "with different sample ID then M4 command sent: 1 vs 99"));
-
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
-    ASSERT_TRUE(AnswerUntilCycleEnds(NAN_F, 2));
+    ASSERT_TRUE(RunCycle(1.0F, NAN_F, 2));
     EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
-    EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL, "holds values that are no numbers, sample ID = 2"));
-    SendCommand(2.0F);
-    ASSERT_TRUE(SetpointArrives());
+    EXPECT_THAT(log.Texts("", ERROR_LOG_LEVEL),
+                ElementsAre(HasSubstr("with different sample ID then M4 command sent: 1 vs 99"),
+                            HasSubstr("holds values that are no numbers, sample ID = 2")));
+    ASSERT_TRUE(RunCycle(2.0F, 2.0F, 3));
     EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
-    ASSERT_TRUE(AnswerUntilCycleEnds(2.0F, 3));
 }
 
 TEST_F(AoTasksTest, ASetpointThatIsNoNumberIsKeptFromM4) {
     const LogCapture log;
     StartDrivenBy(INS_DRIVEN_CASCADE);
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
-    ASSERT_TRUE(AnswerUntilCycleEnds(1.0F, 1));
-
+    ASSERT_TRUE(RunCycle(1.0F, 1.0F, 1));
     m_fs->SetData(NAN_F, 0.0F, 1U, AtomClk::now());
     ASSERT_TRUE(RunCycle(2.0F));  // nobody is waited for
     EXPECT_FALSE(m_m4_output->IsNewData());
-    EXPECT_TRUE(Logged(log, log4cplus::ERROR_LOG_LEVEL,
-                       "AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at "));
+    EXPECT_THAT(log.Texts("", ERROR_LOG_LEVEL),
+                ElementsAre(StartsWith(
+                    "AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at ")));
     EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 1.0F);  // what M4 still has
     EXPECT_EQ(m_ao_applied->GetData().header.status, 0);
 
     m_fs->SetData(0.5F, 0.0F, 2U, AtomClk::now());
-    SendCommand(3.0F);
-    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(RunCycle(3.0F, 3.0F, 2));
     EXPECT_EQ(m_m4_output->GetSampleId(), 2U);
     EXPECT_EQ(m_m4_output->GetData().setpoint[0], 0.5F);
-    ASSERT_TRUE(AnswerUntilCycleEnds(3.0F, 2));
 }
 
 TEST_F(AoTasksTest, SampleIdsWrap) {
     StartDrivenBy(INS_DRIVEN_CASCADE);
     m_thread->m_sample_id = 0xFFFFFFFF;  // the thread waits for input
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(RunCycle(1.0F, 5.0F, 0));
     EXPECT_EQ(m_m4_output->GetSampleId(), 0U);
-    ASSERT_TRUE(AnswerUntilCycleEnds(5.0F, 0));
     EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 5.0F);
 }
 
 TEST_F(AoTasksTest, ReferenceShapeIsWhatM4LastApplied) {
     StartDrivenBy(INS_DRIVEN_CASCADE);
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
-    ASSERT_TRUE(AnswerUntilCycleEnds(7.0F, 1));
+    ASSERT_TRUE(RunCycle(1.0F, 7.0F, 1));
     // Back and forth again: the next handover takes 7 as the shape to which commands are added.
     VoskTelescopeStateManager::SetCurrentControlMode(TEL_DRIVEN);
     VoskTelescopeStateManager::SetCurrentControlMode(INS_DRIVEN_CASCADE);
     ASSERT_TRUE(RunCycle(0.0F));
-    SendCommand(1.0F);
-    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(RunCycle(1.0F, 8.0F, 2));
     EXPECT_EQ(m_m4_output->GetData().setpoint[2], 8.0F);
     EXPECT_EQ(m_m4_output->GetData().setpoint[M4_CMD_SIZE - 1], 7.0F);  // all of M4, not only the modes
-    ASSERT_TRUE(AnswerUntilCycleEnds(8.0F, 2));
     EXPECT_EQ(m_fs_ref->GetData().m4_tt, (defs::FloatVectorTT{1.0F, 1.0F}));
 }
 
@@ -314,10 +297,8 @@ TEST_F(AoTasksTest, GpaoPacesTheCycleInItsModes) {
 
 TEST_F(AoTasksTest, SequentialModeTellsItsSourceAndClearsTheReferenceItUsed) {
     StartDrivenBy(INS_DRIVEN_SEQUENTIAL);
-    SendCommand(3.0F);
-    ASSERT_TRUE(SetpointArrives());
+    ASSERT_TRUE(RunCycle(3.0F, 3.0F, 1));
     EXPECT_EQ(m_m4_output->GetData().setpoint[0], 3.0F);
-    ASSERT_TRUE(AnswerUntilCycleEnds(3.0F, 1));
     EXPECT_EQ(m_fs_ref->GetData().tt_ref, defs::FloatVectorTT{});
     EXPECT_EQ(m_ao_applied->GetData().header.status, 0x900);
 }
@@ -334,7 +315,7 @@ TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadOnceSomebodyCommands) {
     EXPECT_TRUE(Eventually([&] {
         Answer(0.0F, 1);
         return log.Has(
-            log4cplus::ERROR_LOG_LEVEL,
+            ERROR_LOG_LEVEL,
             "Thread AoTasks, caught an excepion, details = Invalid control mode and/or AO command source.");
     }));
 }

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <atomclk/atomClk.hpp>
-#include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstring>
 #include <gim/config.hpp>
 #include <limits>
@@ -22,6 +21,8 @@
 #include <vosk/common/shmif/shmIf.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/loopback.hpp>
+#include <vosk/test/messageQueue.hpp>
+#include <vosk/test/recordingSocket.hpp>
 
 namespace vosk::lumo {
 namespace {
@@ -29,13 +30,21 @@ namespace {
 using atomclk::AtomClk;
 using defs::M4_CMD_SIZE;
 using defs::VoskControlMode;
+using log4cplus::WARN_LOG_LEVEL;
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
 using ::testing::ElementsAre;
+using ::testing::StartsWith;
 using vosk::test::LogCapture;
+using vosk::test::RecordingSocket;
 using vosk::test::TextOf;
 
 constexpr AtomClk::time_point START{std::chrono::hours{1}};
+
+template <class T, class... Args>
+std::shared_ptr<T> Get(Args... args) {
+    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(T::InstanceTag::DEFAULT, args...);
+}
 
 class Streams : public ::testing::Test {
 protected:
@@ -48,11 +57,6 @@ protected:
     }
     ~Streams() override { common::shmif::ShmIf::Teardown(); }
 
-    template <class T, class... Args>
-    static std::shared_ptr<T> Get(Args... args) {
-        return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(T::InstanceTag::DEFAULT, args...);
-    }
-
     // Valid and invalid samples of a stream so far.
     static std::pair<std::uint32_t, std::uint32_t> Counts(const std::shared_ptr<InputStreamState>& state) {
         const auto topic = state->GetTopicData();
@@ -60,45 +64,19 @@ protected:
     }
 };
 
-// What a sender hands to the network, one string of bytes a datagram. Fails from the datagram that it is
-// told.
-class RecordingSocket : public pktwire::TxSocket {
-public:
-    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
-        for (const mmsghdr& message : messages) {
-            if (datagrams.size() + 1 >= fail_from) return std::make_error_code(error);
-            std::string bytes;
-            for (std::size_t i = 0; i < message.msg_hdr.msg_iovlen; ++i) {
-                const iovec& piece = message.msg_hdr.msg_iov[i];
-                bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
-            }
-            datagrams.push_back(std::move(bytes));
-        }
-        return {};
-    }
-
-    std::vector<std::string> datagrams;
-    std::size_t fail_from = std::string::npos;  // counts from 1
-    std::errc error = std::errc::no_buffer_space;
-};
-
 class SteppedM4Output : public M4Output {
 public:
-    SteppedM4Output(const oru::configng::PliConfigInstanceNode& node, pktwire::TxSocket& socket)
-        : M4Output{node} {
+    SteppedM4Output(const std::string& keys, pktwire::TxSocket& socket)
+        : M4Output{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9, " + keys + "}")} {
         m_sender = std::make_unique<pktwire::qudex::Sender>(m_qudex_cfg, socket, nullptr);
         common::SetRunning(m_running, true);
     }
     ~SteppedM4Output() override { common::SetRunning(m_running, false); }
 
     void Send(AtomClk::time_point send_time, defs::sample_id_t id) {
-        std::array<float, M4_CMD_SIZE> setpoint{};
-        setpoint[0] = 1.5F;
-        setpoint[1] = -2.0F;
-        setpoint[M4_CMD_SIZE - 1] = 4.0F;
-        const auto sync = DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
-            M4OutputDataSync::InstanceTag::DEFAULT, false);
-        sync->SetData(setpoint, send_time, id, AtomClk::now());
+        std::array<float, M4_CMD_SIZE> setpoint{1.5F, -2.0F};
+        setpoint.back() = 4.0F;
+        Get<M4OutputDataSync>(false)->SetData(setpoint, send_time, id, AtomClk::now());
         EXPECT_TRUE(RunCycle());
     }
 };
@@ -117,10 +95,7 @@ protected:
 
     atomclk::ManualClock m_clock{START};
     RecordingSocket m_socket;
-    SteppedM4Output m_output{
-        test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: \"2500 us\", "
-                    "send_offset: \"250 us\", qudex_topic: 7}"),
-        m_socket};
+    SteppedM4Output m_output{"send_interval: 2500 us, send_offset: 250 us, qudex_topic: 7", m_socket};
 };
 
 TEST_F(M4OutputTest, TellsItsGridAndSendsThreeSegmentsInPlace) {
@@ -161,10 +136,9 @@ TEST_F(M4OutputTest, AnErrorOnASegmentEndsTheSampleButNotTheStreamAndAnAbsentMir
     m_socket.fail_from = 2;
     for (const auto error : {std::errc::no_buffer_space, std::errc::connection_refused}) {
         const LogCapture log;
-        m_socket.error = error;
+        m_socket.error = std::make_error_code(error);
         m_output.Send(START, 1);
-        EXPECT_EQ(log.Has(log4cplus::WARN_LOG_LEVEL,
-                          "M4Output::Work(): SendPacket: " + std::make_error_code(error).message()),
+        EXPECT_EQ(log.Has(WARN_LOG_LEVEL, "M4Output::Work(): SendPacket: " + m_socket.error.message()),
                   error == std::errc::no_buffer_space);
     }
     EXPECT_EQ(Sent(), 2U);  // booked as sent
@@ -179,22 +153,17 @@ std::vector<std::string> TelemetryLines(int port) {
     TelemSender::m_default_telegraph_port = port;
     const atomclk::ManualClock clock{START};
     RecordingSocket socket;
-    SteppedM4Output output{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9}"), socket};
+    SteppedM4Output output{"", socket};
     output.Send(START - microseconds{40}, 498);
     output.Send(START - microseconds{30}, 499);
     output.Send(START - microseconds{10}, 500);
     TelemSender::m_default_telegraph_host_ip_addr.clear();
     TelemSender::m_default_telegraph_port = 0;
 
-    namespace bip = boost::interprocess;
     const std::string prefix = common::shmif::ShmIf{}.GetPrefix();
-    bip::message_queue queue{bip::open_only, (prefix + "vosk_telemetry_queue").c_str()};
     std::vector<std::string> lines;
-    std::string message(queue.get_max_msg_size(), '\0');
-    bip::message_queue::size_type size = 0;
-    unsigned priority = 0;
-    while (queue.try_receive(message.data(), message.size(), size, priority)) {
-        const std::string line{message.c_str()};
+    for (const std::string& message : vosk::test::Drain(prefix + "vosk_telemetry_queue")) {
+        const std::string line{message.c_str()};  // without its padding
         lines.push_back(line.substr(line.find(')')));
     }
     return lines;
@@ -254,14 +223,16 @@ private:
     pktwire::qudex::Sender m_sender;
 };
 
-struct SteppedM4Input : M4Input {
-    using M4Input::M4Input;
-    using M4Input::RunCycle;
+// A receiver whose cycles the test runs.
+template <class Input>
+struct Stepped : Input {
+    using Input::Input;
+    using Input::RunCycle;
 };
 
 TEST_F(Streams, M4AnswersReachTheirObjectAndBrokenOnesAreCounted) {
     const LogCapture log;
-    SteppedM4Input input{Peer::ReceiverNode()};
+    Stepped<M4Input> input{Peer::ReceiverNode()};
     EXPECT_TRUE(input.GetDescription().starts_with("QUDEX receiver listening on: 127.0.0.1:"));
     const auto sync = Get<M4InputDataSync>(false);
     const auto state = RuntimeMonitor::GetInstance().m_m4_input_state;
@@ -280,21 +251,15 @@ TEST_F(Streams, M4AnswersReachTheirObjectAndBrokenOnesAreCounted) {
     peer.Send(std::array<std::byte, 21431>{}, 42, START);  // one byte short
     input.RunCycle();
     EXPECT_EQ(Counts(state), std::pair(1U, 1U));
-    EXPECT_EQ(log.Lines().back().level, log4cplus::WARN_LOG_LEVEL);
-    EXPECT_TRUE(log.Lines().back().text.starts_with("M4Input::Work(): ReceiveSample: "));
+    EXPECT_THAT(log.Texts("", WARN_LOG_LEVEL), ElementsAre(StartsWith("M4Input::Work(): ReceiveSample: ")));
     peer.Send(payload, 43, START);
     input.RunCycle();
     EXPECT_EQ(Counts(state), std::pair(2U, 1U));
 }
 
-struct SteppedFeedbackInput : M4FeedbackInput {
-    using M4FeedbackInput::M4FeedbackInput;
-    using M4FeedbackInput::RunCycle;
-};
-
 TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
     const LogCapture log;
-    SteppedFeedbackInput input{Peer::ReceiverNode()};
+    Stepped<M4FeedbackInput> input{Peer::ReceiverNode()};
     const auto sync = Get<AoM4CapSensActDataSync>();
     Peer peer{3};
     defs::M4Feedback::Payload sent;
@@ -308,12 +273,9 @@ TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
         EXPECT_EQ(sync->GetSampleId(), id);
         EXPECT_EQ(sync->GetData().payload.values[0], static_cast<float>(counter));
     }
-    std::vector<std::string> warnings;
-    for (const auto& line : log.Lines()) {
-        if (line.level == log4cplus::WARN_LOG_LEVEL) warnings.push_back(line.text);
-    }
-    EXPECT_THAT(warnings, ElementsAre("M4FeedbackInput::Work(): difference in counter value: ( 7 != 8 )",
-                                      "M4FeedbackInput::Work(): difference in counter value: ( 8 != 9 )"));
+    EXPECT_THAT(log.Texts("", WARN_LOG_LEVEL),
+                ElementsAre("M4FeedbackInput::Work(): difference in counter value: ( 7 != 8 )",
+                            "M4FeedbackInput::Work(): difference in counter value: ( 8 != 9 )"));
 }
 
 class CommandInput : public Streams {
@@ -326,7 +288,7 @@ protected:
         m_input.RunCycle();
     }
 
-    struct Stepped : AoWavefrontCmdInput {
+    struct SteppedInput : AoWavefrontCmdInput {
         using AoWavefrontCmdInput::AoWavefrontCmdInput;
         void RunCycle() { AoWavefrontCmdInput::RunCycle(m_buffers); }
         Buffers m_buffers;
@@ -334,7 +296,7 @@ protected:
 
     atomclk::ManualClock m_clock{START};
     Peer m_peer{5};
-    Stepped m_input{Peer::ReceiverNode()};
+    SteppedInput m_input{Peer::ReceiverNode()};
     std::shared_ptr<AoTasksInsDataSync> m_ins = Get<AoTasksInsDataSync>(false);
     std::shared_ptr<AoOutputDataSync> m_output = Get<AoOutputDataSync>(false);
     std::shared_ptr<InputStreamState> m_state = RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state;
@@ -360,44 +322,41 @@ TEST_F(CommandInput, EveryCommandWakesTheAoOutputAndValidOnesAoTasks) {
 
 TEST_F(CommandInput, UnusableCommandsAreInvalidAndKeptFromAoTasks) {
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    const auto ending_in = [](float last) {
-        std::vector<float> command(defs::WAVEFRONT_CMD_SIZE);
-        command.back() = last;
-        return command;
-    };
     using Float = std::numeric_limits<float>;
-    const std::string size = "it has another size";
+    constexpr std::size_t SIZE = defs::WAVEFRONT_CMD_SIZE;
     const std::string number = "a value is no number";
     const std::string time = "its time is out of range";
     const AtomClk::time_point epoch{};
     struct Case {
-        std::vector<float> command;
+        std::size_t size;
+        float last;  // value of the command
         AtomClk::time_point time;
         std::string fault;
     };
     const std::vector<Case> cases{
-        {std::vector<float>(defs::WAVEFRONT_CMD_SIZE - 1), START, size},
-        {ending_in(Float::infinity()), START, number},
-        {ending_in(Float::quiet_NaN()), START, number},
-        {ending_in(0), AtomClk::time_point::max(), time},
-        {ending_in(0), START + std::chrono::seconds{1} + nanoseconds{1}, time},
-        {ending_in(0), START + std::chrono::seconds{1}, ""},
-        {ending_in(0), AtomClk::time_point::min(), time},
-        {ending_in(0), epoch, time},  // stands for no time
-        {ending_in(0), epoch + nanoseconds{1}, ""},
+        {SIZE - 1, 0, START, "it has another size"},
+        {SIZE, Float::infinity(), START, number},
+        {SIZE, Float::quiet_NaN(), START, number},
+        {SIZE, 0, AtomClk::time_point::max(), time},
+        {SIZE, 0, START + std::chrono::seconds{1} + nanoseconds{1}, time},
+        {SIZE, 0, START + std::chrono::seconds{1}, ""},
+        {SIZE, 0, AtomClk::time_point::min(), time},
+        {SIZE, 0, epoch, time},  // stands for no time
+        {SIZE, 0, epoch + nanoseconds{1}, ""},
     };
     unsigned id = 0;
     for (const Case& test : cases) {
         const LogCapture log;
         const auto [valid, invalid] = Counts(m_state);
-        Receive(++id, true, test.command, test.time);
+        std::vector<float> command(test.size);
+        command.back() = test.last;
+        Receive(++id, true, command, test.time);
         const bool usable = test.fault.empty();
         EXPECT_EQ(Counts(m_state), std::pair(valid + (usable ? 1 : 0), invalid + (usable ? 0 : 1))) << id;
         EXPECT_EQ(m_ins->IsNewData(), usable) << id;
         EXPECT_EQ(m_output->IsDataReady(), test.fault != time) << id;
-        EXPECT_EQ(log.Has(log4cplus::WARN_LOG_LEVEL,
-                          "ReceiveSample: unusable wavefront command, sample_id = " + std::to_string(id) +
-                              ": " + test.fault),
+        EXPECT_EQ(log.Has(WARN_LOG_LEVEL, "ReceiveSample: unusable wavefront command, sample_id = " +
+                                              std::to_string(id) + ": " + test.fault),
                   !usable);
     }
 }
@@ -407,8 +366,7 @@ TEST_F(CommandInput, ACommandThatIsTooLongIsAReceiveError) {
     Receive(1, true, std::vector<float>(defs::WAVEFRONT_CMD_SIZE + 1), START);
     EXPECT_EQ(Counts(m_state), std::pair(0U, 1U));
     EXPECT_FALSE(m_output->IsNewData());
-    EXPECT_EQ(log.Lines().back().level, log4cplus::WARN_LOG_LEVEL);
-    EXPECT_TRUE(log.Lines().back().text.starts_with("ReceiveSample: error: "));
+    EXPECT_THAT(log.Texts("", WARN_LOG_LEVEL), ElementsAre(StartsWith("ReceiveSample: error: ")));
 }
 
 TEST_F(Streams, CommandInputNeedsATopicAndTheOneFormOfItsBuffer) {

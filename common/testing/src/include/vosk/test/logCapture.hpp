@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vosk::test {
@@ -47,6 +49,17 @@ public:
     }
 
     bool Has(log4cplus::LogLevel level, const std::string& text) const { return Count(level, text) > 0; }
+
+    // The texts that hold `part`, of the level or of any.
+    std::vector<std::string> Texts(std::string_view part,
+                                   std::optional<log4cplus::LogLevel> level = std::nullopt) const {
+        std::vector<std::string> texts;
+        for (const Line& line : Lines()) {
+            if (line.level == level.value_or(line.level) && line.text.find(part) != std::string::npos)
+                texts.push_back(line.text);
+        }
+        return texts;
+    }
 
 private:
     class Sink : public log4cplus::Appender {
