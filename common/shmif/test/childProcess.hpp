@@ -102,6 +102,24 @@ private:
     pid_t m_pid;
 };
 
+// A process that makes what `make` gives, and holds it until it is killed.
+template <class Make>
+class Holder {
+public:
+    explicit Holder(Make make)
+        : m_child{[make](Signals& signals) {
+              const auto held = make();
+              signals.TellParent();
+              signals.AwaitParent();
+              return true;
+          }} {
+        m_child.GetSignals().AwaitChild();
+    }
+
+private:
+    ChildProcess m_child;
+};
+
 // A prefix of this process and test; what is left under it goes away with the fixture.
 class UniquePrefix {
 public:

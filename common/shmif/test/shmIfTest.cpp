@@ -70,13 +70,7 @@ protected:
 
 TEST_F(RegionsLock, IsTakenOverFromAKilledHolder) {
     {
-        vosk::test::ChildProcess child{[&](vosk::test::Signals& signals) {
-            const NamedLock lock{m_name.c_str(), 10s};
-            signals.TellParent();
-            signals.AwaitParent();
-            return true;
-        }};
-        child.GetSignals().AwaitChild();
+        const vosk::test::Holder holder{[&] { return std::make_unique<NamedLock>(m_name.c_str(), 10s); }};
         EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
         EXPECT_EQ(Value(), 0);
     }

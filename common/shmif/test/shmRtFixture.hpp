@@ -32,13 +32,23 @@ inline Record RecordOf(std::uint64_t value) {
     return record;
 }
 
-// A wake that is lost costs one limit, so a side that must not miss a record for long takes short ones.
-inline bool ReceiveSoon(ShmReaderRT& reader, Record& record) {
-    return Eventually([&] { return reader.TimedReceive(record.data(), 1ms); });
+// Of records that hold the value in each word.
+inline bool Send(ShmWriterRT& writer, std::uint64_t value, std::chrono::microseconds limit = 0us) {
+    return writer.TimedSend(RecordOf(value).data(), limit);
 }
 
-inline bool SendSoon(ShmWriterRT& writer, const Record& record) {
-    return Eventually([&] { return writer.TimedSend(record.data(), 1ms); });
+// The value of the record that is there, or 0.
+inline std::uint64_t Take(ShmReaderRT& reader, std::chrono::microseconds limit = 0us) {
+    Record record{};
+    if (!reader.TimedReceive(record.data(), limit)) return 0;
+    EXPECT_EQ(record, RecordOf(record[0]));
+    return record[0];
+}
+
+// A wake that is lost costs one limit, so a side that must not miss a record for long takes short ones.
+inline bool TakeSoon(ShmReaderRT& reader, std::uint64_t value) {
+    std::uint64_t taken = 0;
+    return Eventually([&] { return (taken = Take(reader, 1ms)) != 0; }) && taken == value;
 }
 
 class ShmRt : public ::testing::Test {
@@ -94,14 +104,11 @@ protected:
 
     // A writer that leaves its record in the slot when it is killed.
     void PutAndDie(std::uint64_t value) {
-        ChildProcess child{[&](Signals& signals) {
-            ShmWriterRT writer{m_shm, TOPIC};
-            writer.TrySend(RecordOf(value).data());
-            signals.TellParent();
-            signals.AwaitParent();
-            return true;
+        const Holder holder{[&] {
+            auto writer = std::make_unique<ShmWriterRT>(m_shm, TOPIC);
+            writer->TrySend(RecordOf(value).data());
+            return writer;
         }};
-        child.GetSignals().AwaitChild();
     }
 
     bool Exists() const { return m_prefix.Exists(TOPIC); }

@@ -21,36 +21,26 @@ TEST_F(ShmRt, RegionWhoseCreatorDiedIsFinished) {
 TEST_F(ShmRt, KilledReaderIsForgottenByTheNext) {
     ShmWriterRT writer = MakeWriter();
     {
-        ChildProcess child{[&](Signals& signals) {
-            ShmReaderRT reader{m_shm, TOPIC};
-            signals.TellParent();
-            signals.AwaitParent();
-            return true;
-        }};
-        child.GetSignals().AwaitChild();
-        EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+        const Holder holder{[&] { return std::make_unique<ShmReaderRT>(m_shm, TOPIC); }};
+        EXPECT_TRUE(Send(writer, 1));
     }
     EXPECT_EQ(ReaderCount(), 1U);
-    EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+    EXPECT_FALSE(Send(writer, 2, 1ms));
     {
         ShmReaderRT reader{m_shm, TOPIC};
         EXPECT_EQ(ReaderCount(), 1U);
-        Record taken{};
-        EXPECT_FALSE(reader.TimedReceive(taken.data(), 0us));  // the old record isn't for this reader
-        EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
-        EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
-        EXPECT_EQ(taken, RecordOf(3));
+        EXPECT_EQ(Take(reader), 0U);  // the old record isn't for this reader
+        EXPECT_TRUE(Send(writer, 3));
+        EXPECT_EQ(Take(reader), 3U);
     }
-    EXPECT_TRUE(writer.TimedSend(RecordOf(4).data(), GENEROUS));  // nobody there, no wait
+    EXPECT_TRUE(Send(writer, 4, GENEROUS));  // nobody there, no wait
 }
 
 TEST_F(ShmRt, ReaderGoesOnWithTheNextWriterAfterAKill) {
     auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
     for (std::uint64_t value = 1; value <= 3; ++value) {
         PutAndDie(value);
-        Record taken{};
-        EXPECT_TRUE(reader->TimedReceive(taken.data(), 0us));
-        EXPECT_EQ(taken, RecordOf(value));
+        EXPECT_EQ(Take(*reader), value);
     }
 }
 
@@ -58,17 +48,17 @@ TEST_F(ShmRt, RecordThatAPlainReaderLeavesIsWrittenOverAfterOneLimit) {
     ShmWriterRT writer = MakeWriter();
     {
         ShmReaderRT reader{m_shm, TOPIC};
-        EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));  // this reader is only slow
+        EXPECT_TRUE(Send(writer, 1));
+        EXPECT_FALSE(Send(writer, 2, 1ms));
+        EXPECT_FALSE(Send(writer, 2, 1ms));  // this reader is only slow
         AttachPlainReader();
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 0us));
-        EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
+        EXPECT_FALSE(Send(writer, 2));
+        EXPECT_FALSE(Send(writer, 2, 1ms));
         EXPECT_EQ(WriteSeq(), 1U);
-        EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 1ms));
+        EXPECT_TRUE(Send(writer, 3, 1ms));
         EXPECT_EQ(WriteSeq(), 2U);
-        EXPECT_FALSE(writer.TimedSend(RecordOf(4).data(), 1ms));  // now it has a record to take
-        EXPECT_FALSE(writer.TimedSend(RecordOf(4).data(), 1ms));
+        EXPECT_FALSE(Send(writer, 4, 1ms));  // now it has a record to take
+        EXPECT_FALSE(Send(writer, 4, 1ms));
     }
 }
 
@@ -81,14 +71,12 @@ TEST_F(ShmRt, ReaderFollowsARestartedWriter) {
         ShmWriterRT writer{m_shm, TOPIC};
         signals.TellParent();
         for (;;) {
-            writer.TimedSend(RecordOf(5).data(), 1ms);
+            Send(writer, 5, 1ms);
             std::this_thread::sleep_for(1ms);
         }
     }};
     child.GetSignals().AwaitChild();
-    Record taken{};
-    EXPECT_TRUE(Eventually([&] { return reader.TimedReceive(taken.data(), 10ms); }));
-    EXPECT_EQ(taken, RecordOf(5));
+    EXPECT_TRUE(TakeSoon(reader, 5));
     EXPECT_EQ(ReaderCount(), 1U);
 }
 
@@ -103,8 +91,7 @@ TEST_F(ShmRt, WriterFollowsARestartedReader) {
         ChildProcess child{[&](Signals& signals) {
             ShmReaderRT reader{m_shm, TOPIC};
             signals.TellParent();
-            Record taken{};
-            const bool is_read = ReceiveSoon(reader, taken) && taken == RecordOf(6);
+            const bool is_read = TakeSoon(reader, 6);
             signals.AwaitParent();
             return is_read;
         }};
@@ -123,18 +110,15 @@ TEST_F(ShmRt, WriterOfAFullSlotMovesAndRespectsTheNewSlot) {
     for (const auto limit : {0us, 1000us}) {
         ShmWriterRT writer = MakeWriter();
         ShmReaderRT old_reader{m_shm, TOPIC};
-        ASSERT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
+        ASSERT_TRUE(Send(writer, 1));
         AttachPlainReader();
         m_prefix.Remove(TOPIC);
         ShmReaderRT reader{m_shm, TOPIC};
         PutAndDie(9);
-        for (int i = 0; i < 3; ++i) EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), limit));
-        Record taken{};
-        EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
-        EXPECT_EQ(taken, RecordOf(9));
-        EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
-        EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
-        EXPECT_EQ(taken, RecordOf(3));
+        for (int i = 0; i < 3; ++i) EXPECT_FALSE(Send(writer, 2, limit));
+        EXPECT_EQ(Take(reader), 9U);
+        EXPECT_TRUE(Send(writer, 3));
+        EXPECT_EQ(Take(reader), 3U);
     }
 }
 
@@ -142,19 +126,17 @@ TEST_F(ShmRt, NextWriterLeavesTheRecordOfASlowReader) {
     ShmReaderRT reader{m_shm, TOPIC};
     PutAndDie(1);
     ShmWriterRT writer = MakeWriter();
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
-    Record taken{};
-    EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
-    EXPECT_EQ(taken, RecordOf(1));
-    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(Send(writer, 2, 1ms));
+    EXPECT_EQ(Take(reader), 1U);
+    EXPECT_TRUE(Send(writer, 2));
 }
 
 TEST_F(ShmRt, NextWriterGivesUpARecordThatAPlainReaderMayHaveFound) {
     PutAndDie(1);
     AttachPlainReader();
     ShmWriterRT writer = MakeWriter();
-    EXPECT_FALSE(writer.TimedSend(RecordOf(2).data(), 1ms));
-    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 1ms));
+    EXPECT_FALSE(Send(writer, 2, 1ms));
+    EXPECT_TRUE(Send(writer, 2, 1ms));
 }
 
 TEST_F(ShmRt, ReaderThatClosesLateLowersNothing) {
@@ -162,31 +144,28 @@ TEST_F(ShmRt, ReaderThatClosesLateLowersNothing) {
     auto first = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
     ShmReaderRT second{m_shm, TOPIC};
     EXPECT_EQ(ReaderCount(), 2U);
-    Record taken{};
-    EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
-    EXPECT_TRUE(second.TimedReceive(taken.data(), 0us));
+    EXPECT_TRUE(Send(writer, 1));
+    EXPECT_EQ(Take(second), 1U);
     first.reset();
-    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
-    EXPECT_TRUE(second.TimedReceive(taken.data(), 0us));
-    EXPECT_EQ(taken, RecordOf(2));
+    EXPECT_TRUE(Send(writer, 2));
+    EXPECT_EQ(Take(second), 2U);
 }
 
 TEST_F(ShmRt, ReaderMendsWhatAForeignOneLeavesBehind) {
     ShmWriterRT writer = MakeWriter();
     auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
-    Record taken{};
-    EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), 0us));
-    EXPECT_TRUE(reader->TimedReceive(taken.data(), 0us));
+    EXPECT_TRUE(Send(writer, 1));
+    EXPECT_EQ(Take(*reader), 1U);
     SetRegionAt<std::uint32_t>(56, 0);  // as if the foreign one had been counted
     SetRegionAt<std::uint64_t>(64, 0);  // what it last took
-    EXPECT_FALSE(reader->TimedReceive(taken.data(), 0us));
+    EXPECT_EQ(Take(*reader), 0U);
     EXPECT_EQ(ReaderCount(), 1U);
     EXPECT_EQ(ReadSeq(), 1U);
 
     SetRegionAt<std::uint32_t>(56, 0);
     reader.reset();  // and the count stays at 0
-    EXPECT_TRUE(writer.TimedSend(RecordOf(2).data(), 0us));
-    EXPECT_TRUE(writer.TimedSend(RecordOf(3).data(), 0us));
+    EXPECT_TRUE(Send(writer, 2));
+    EXPECT_TRUE(Send(writer, 3));
 }
 
 }  // namespace

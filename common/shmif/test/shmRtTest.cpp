@@ -22,25 +22,24 @@ TEST_F(ShmRt, RecordStandsInTheSlotUntilTaken) {
     ShmWriterRT writer = MakeWriter();
     ShmReaderRT reader{m_shm, TOPIC};
     EXPECT_EQ(ReaderCount(), 1U);
-    EXPECT_TRUE(writer.TimedSend(RecordOf(7).data(), 0us));
+    EXPECT_TRUE(Send(writer, 7));
     EXPECT_EQ(WriteSeq(), 1U);
     EXPECT_EQ(ReadSeq(), 0U);
     EXPECT_EQ(RegionAt<std::uint64_t>(80), 7U);
-    EXPECT_FALSE(writer.TimedSend(RecordOf(8).data(), 0us));
-    EXPECT_FALSE(writer.TimedSend(RecordOf(8).data(), 2ms));
+    EXPECT_FALSE(Send(writer, 8));
+    EXPECT_FALSE(Send(writer, 8, 2ms));
 
-    Record taken{};
-    EXPECT_TRUE(reader.TimedReceive(taken.data(), 0us));
-    EXPECT_EQ(taken, RecordOf(7));
+    EXPECT_EQ(Take(reader), 7U);
     EXPECT_EQ(ReadSeq(), 1U);
-    EXPECT_FALSE(reader.TimedReceive(taken.data(), 0us));
-    EXPECT_EQ(taken, RecordOf(7));
-    EXPECT_TRUE(writer.TimedSend(RecordOf(8).data(), 0us));
+    Record untouched = RecordOf(9);
+    EXPECT_FALSE(reader.TimedReceive(untouched.data(), 0us));
+    EXPECT_EQ(untouched, RecordOf(9));
+    EXPECT_TRUE(Send(writer, 8));
 }
 
 TEST_F(ShmRt, SendsNothingToNobody) {
     ShmWriterRT writer = MakeWriter();
-    EXPECT_TRUE(writer.TimedSend(RecordOf(1).data(), GENEROUS));
+    EXPECT_TRUE(Send(writer, 1, GENEROUS));
     EXPECT_EQ(WriteSeq(), 0U);
     writer.TrySend(RecordOf(2).data());
     EXPECT_EQ(WriteSeq(), 1U);
@@ -67,15 +66,14 @@ TEST_F(ShmRt, HandsEveryRecordToAnotherProcessWhole) {
     ChildProcess child{[&](Signals& signals) {
         ShmReaderRT reader{m_shm, TOPIC};
         signals.TellParent();
-        Record record{};
         for (std::uint64_t expected = 1; expected <= COUNT; ++expected) {
-            if (!ReceiveSoon(reader, record) || record != RecordOf(expected)) return false;
+            if (!TakeSoon(reader, expected)) return false;
         }
         return true;
     }};
     child.GetSignals().AwaitChild();
     for (std::uint64_t value = 1; value <= COUNT; ++value) {
-        ASSERT_TRUE(SendSoon(writer, RecordOf(value)));
+        ASSERT_TRUE(Eventually([&] { return Send(writer, value, 1ms); }));
     }
     EXPECT_TRUE(child.Succeeds());
 }
@@ -84,9 +82,9 @@ TEST_F(ShmRt, LeavingReaderWakesTheWaitingWriter) {
     auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
     ChildProcess child{[&](Signals& signals) {
         ShmWriterRT writer{m_shm, TOPIC};
-        writer.TimedSend(RecordOf(1).data(), 0us);
+        Send(writer, 1);
         signals.TellParent();
-        return writer.TimedSend(RecordOf(2).data(), 100s);  // longer than the test may take
+        return Send(writer, 2, 100s);  // longer than the test may take
     }};
     child.GetSignals().AwaitChild();
     ASSERT_TRUE(Eventually([&] { return WriteSeq() == 1 && child.IsAsleep(); }));

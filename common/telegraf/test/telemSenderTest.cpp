@@ -2,18 +2,15 @@
 
 #include <gmock/gmock.h>
 
-#include <unistd.h>
-#include <boost/interprocess/ipc/message_queue.hpp>
-
-#include <vector>
+#include <vosk/test/messageQueue.hpp>
+#include <vosk/test/support.hpp>
 
 using namespace vosk::common::telegraf;
 namespace bip = boost::interprocess;
 
 namespace {
 
-class RecordingSender final : public TelemSender {
-public:
+struct RecordingSender final : TelemSender {
     bool IsSetup() const override { return m_is_setup; }
     void Send(const std::string& line) override { m_lines.push_back(line); }
 
@@ -52,20 +49,10 @@ protected:
     SHMTelemSenderTest() { vosk::common::shmif::ShmIf::Setup(m_prefix); }
     ~SHMTelemSenderTest() override { vosk::common::shmif::ShmIf::Teardown(); }
 
-    // All that is in the queue, as the draining program takes it.
-    std::vector<std::string> Drain() const {
-        bip::message_queue queue{bip::open_only, (m_prefix + "vosk_telemetry_queue").c_str()};
-        std::vector<std::string> messages;
-        std::string message(queue.get_max_msg_size(), '?');
-        bip::message_queue::size_type size = 0;
-        unsigned int priority = 0;
-        while (queue.try_receive(message.data(), message.size(), size, priority)) {
-            messages.push_back(message.substr(0, size));
-        }
-        return messages;
-    }
+    std::vector<std::string> Drain() const { return vosk::test::Drain(m_queue); }
 
-    std::string m_prefix = "/vosk_telem_test_" + std::to_string(::getpid()) + "_";
+    const std::string m_prefix = "/" + vosk::test::UniqueName() + "_";
+    const std::string m_queue = m_prefix + "vosk_telemetry_queue";
 };
 
 TEST_F(SHMTelemSenderTest, FillsOneZeroPaddedMessageALine) {
@@ -94,13 +81,12 @@ TEST_F(SHMTelemSenderTest, DropsWhatDoesNotFit) {
 }
 
 TEST_F(SHMTelemSenderTest, AQueueOfOtherMessagesEndsTheTelemetryAndNothingElse) {
-    const std::string name = m_prefix + "vosk_telemetry_queue";
-    bip::message_queue foreign{bip::create_only, name.c_str(), 10, 255};
+    const bip::message_queue foreign{bip::create_only, m_queue.c_str(), 10, 255};
     SHMTelemSender sender;
     sender.Setup("set", "tag", "");
     EXPECT_NO_THROW(sender.Send("line"));
     EXPECT_FALSE(sender.IsSetup());
-    bip::message_queue::remove(name.c_str());
+    bip::message_queue::remove(m_queue.c_str());
 }
 
 }  // namespace
