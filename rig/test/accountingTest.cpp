@@ -39,10 +39,7 @@ protected:
         }
     }
 
-    template <class Duration>
-    static time_point At(Duration offset) {
-        return time_point{100s + std::chrono::nanoseconds{offset}};
-    }
+    static time_point At(std::chrono::nanoseconds offset) { return time_point{100s + offset}; }
 
     // The setpoint of this command never came; `made` tells whether a sample ID was spent on it.
     enum class Made { Yes, No };

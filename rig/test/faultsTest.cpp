@@ -1,6 +1,7 @@
 #include "faultySocket.hpp"
 
 #include <gmock/gmock.h>
+#include <vosk/test/recordingSocket.hpp>
 
 #include <set>
 #include <string>
@@ -10,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
+using vosk::test::RecordingSocket;
 
 Scenario WithRule(const FaultRule& rule) {
     Scenario scenario;
@@ -38,41 +39,19 @@ TEST(FaultGenerator, HarmsTheSameSamplesInEveryRun) {
 TEST(FaultGenerator, AnotherRulesWindowShiftsNoChoice) {
     const FaultRule drops{.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 0.02};
     Scenario both = WithRule(drops);
-    both.faults.push_back({.stream = Stream::Feedback,
-                           .kind = FaultKind::Corrupt,
-                           .share = 1.0,
-                           .from = Seconds{100.0},
-                           .to = Seconds{101.0}});
+    both.faults.push_back(
+        {.stream = Stream::Feedback, .kind = FaultKind::Corrupt, .share = 1.0, .from = 100s, .to = 101s});
     EXPECT_EQ(HarmedSamples(both, Stream::Feedback), HarmedSamples(WithRule(drops), Stream::Feedback));
 }
 
 TEST(FaultGenerator, KeepsToItsWindow) {
-    const Scenario scenario = WithRule({.stream = Stream::Feedback,
-                                        .kind = FaultKind::Drop,
-                                        .share = 1.0,
-                                        .from = Seconds{1.0},
-                                        .to = Seconds{2.0}});
+    const Scenario scenario =
+        WithRule({.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 1.0, .from = 1s, .to = 2s});
     FaultGenerator generator(scenario, Stream::Feedback);
     EXPECT_FALSE(generator.Next(Seconds{0.999}));
     EXPECT_TRUE(generator.Next(Seconds{1.0}));
     EXPECT_FALSE(generator.Next(Seconds{2.0}));
 }
-
-// Keeps what is sent, as text.
-class RecordingSocket final : public pktwire::TxSocket {
-public:
-    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
-        for (const mmsghdr& message : messages) {
-            std::string packet;
-            for (std::size_t i = 0; i < message.msg_hdr.msg_iovlen; ++i)
-                packet.append(static_cast<const char*>(message.msg_hdr.msg_iov[i].iov_base),
-                              message.msg_hdr.msg_iov[i].iov_len);
-            packets.push_back(packet);
-        }
-        return {};
-    }
-    std::vector<std::string> packets;
-};
 
 // Sends the packets "ab", "cd", "ef", each in two pieces.
 void SendThree(pktwire::TxSocket& socket) {
@@ -92,9 +71,9 @@ std::vector<std::string> PacketsUnder(FaultKind kind, std::uint64_t dice) {
     FaultySocket faulty(recording);
     faulty.Arm({kind, 0us, dice});
     SendThree(faulty);
-    EXPECT_TRUE(recording.packets.empty());
+    EXPECT_TRUE(recording.datagrams.empty());
     faulty.Release();
-    return recording.packets;
+    return recording.datagrams;
 }
 
 TEST(FaultySocket, HarmsThePacketThatTheDiceName) {
@@ -121,14 +100,14 @@ TEST(FaultySocket, PassesPacketsThroughUnlessArmed) {
     RecordingSocket recording;
     FaultySocket faulty(recording);
     SendThree(faulty);
-    EXPECT_THAT(recording.packets, UnorderedElementsAre("ab", "cd", "ef"));
+    EXPECT_THAT(recording.datagrams, ElementsAre("ab", "cd", "ef"));
     faulty.Release();
     faulty.Arm({FaultKind::Drop, 0us, 0});
     SendThree(faulty);
     faulty.Release();
-    recording.packets.clear();
+    recording.datagrams.clear();
     SendThree(faulty);
-    EXPECT_THAT(recording.packets, ElementsAre("ab", "cd", "ef"));
+    EXPECT_THAT(recording.datagrams, ElementsAre("ab", "cd", "ef"));
 }
 
 }  // namespace

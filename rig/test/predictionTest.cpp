@@ -1,6 +1,6 @@
 #include "prediction.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cmath>
 #include <limits>
@@ -8,6 +8,8 @@
 
 namespace vosk::rig {
 namespace {
+
+using ::testing::ElementsAre;
 
 // Two modes. Actuator 0 moves with the first, actuator 1 with twice the second, the others stand still: all
 // positions can be worked out on paper.
@@ -17,19 +19,6 @@ ModalBasis TwoModes() {
     basis.matrix[3] = 2.0F;
     return basis;
 }
-
-struct Fixture {
-    explicit Fixture(SaturationLimits limits, bool delta)
-        : projection(TwoModes()), saturation(limits, delta, 2, projection.Rounding()) {}
-
-    Limitations Limit(const std::vector<float>& command, const std::vector<float>& applied) const {
-        return saturation.Limit(projection.Project(command), projection.Project(applied),
-                                DistanceOf(command, applied));
-    }
-
-    ProjectionMatrix projection;
-    SaturationModel saturation;
-};
 
 TEST(ProjectionMatrix, ProjectsSeveralVectorsAsOne) {
     const ProjectionMatrix projection(TwoModes());
@@ -53,99 +42,86 @@ TEST(AssembleCommand, TakesTipTiltFromTheSecondPairInSequentialModeOnly) {
     const M4Vector out(assembled.data(), defs::M4_CMD_SIZE);
 
     AssembleCommand(wire, defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, out);
-    EXPECT_EQ(assembled[0], 3.0F);
-    EXPECT_EQ(assembled[1], 4.0F);
-    EXPECT_EQ(assembled[2], 5.0F);
-    EXPECT_EQ(assembled[4865], 4868.0F);
-    EXPECT_EQ(assembled[4866], 0.0F);
-    EXPECT_EQ(assembled[5351], 0.0F);
-
+    const std::vector<std::size_t> places{0, 1, 2, 4865, 4866, 5351};
+    const auto found = [&] {
+        std::vector<float> values;
+        for (const std::size_t place : places) values.push_back(assembled[place]);
+        return values;
+    };
+    EXPECT_THAT(found(), ElementsAre(3, 4, 5, 4868, 0, 0));
     AssembleCommand(wire, defs::VoskControlMode::INS_DRIVEN_CASCADE, out);
-    EXPECT_EQ(assembled[0], 0.0F);
-    EXPECT_EQ(assembled[1], 0.0F);
-    EXPECT_EQ(assembled[2], 5.0F);
+    EXPECT_THAT(found(), ElementsAre(0, 0, 5, 4868, 0, 0));
 }
 
-TEST(SaturationModel, DeltaPassesASmallStepExactly) {
-    const Fixture fixture({10.0F, 100.0F}, true);
-    const Limitations limits = fixture.Limit({3.0F, 1.0F}, {1.0F, 0.5F});
-    ASSERT_EQ(limits.count, 1U);
-    EXPECT_EQ(limits.values[0].factor, 1.0);
-    EXPECT_EQ(limits.values[0].tolerance, 0.0);
-    EXPECT_FALSE(limits.values[0].velocity_limited);
+Limitations Limit(const SaturationLimits& limits, bool delta, const std::vector<float>& command,
+                  const std::vector<float>& applied) {
+    const ProjectionMatrix projection(TwoModes());
+    return SaturationModel(limits, delta, 2, projection.Rounding())
+        .Limit(projection.Project(command), projection.Project(applied), DistanceOf(command, applied));
 }
 
-TEST(SaturationModel, DeltaHalvesAStepOfTwiceTheLimit) {
-    // Steps: actuator 0 by 2, actuator 1 by 2 * 4 = 8; the limit is 4.
-    const Fixture fixture({4.0F, 100.0F}, true);
-    const Limitations limits = fixture.Limit({3.0F, 5.0F}, {1.0F, 1.0F});
-    ASSERT_EQ(limits.count, 1U);
-    EXPECT_DOUBLE_EQ(limits.values[0].factor, 0.5);
-    EXPECT_TRUE(limits.values[0].velocity_limited);
-}
-
-TEST(SaturationModel, DeltaLandsOnTheGapFromTheLargestPosition) {
-    // From 2 and 6, a step of 1 and 8, would lead to 14; the gap at 10 leaves (10 - 6) / 8 of it.
-    const Fixture fixture({20.0F, 10.0F}, true);
-    const Limitations limits = fixture.Limit({3.0F, 7.0F}, {2.0F, 3.0F});
-    ASSERT_EQ(limits.count, 1U);
-    EXPECT_DOUBLE_EQ(limits.values[0].factor, 0.5);
-    EXPECT_TRUE(limits.values[0].gap_limited);
-}
-
-TEST(SaturationModel, DeltaStepsBackFromBeyondTheGap) {
-    // At 12 with the gap at 10 and a step of 4 outwards: (10 - 12) / 4.
-    const Fixture fixture({20.0F, 10.0F}, true);
-    const Limitations limits = fixture.Limit({0.0F, 8.0F}, {0.0F, 6.0F});
-    ASSERT_EQ(limits.count, 1U);
-    EXPECT_DOUBLE_EQ(limits.values[0].factor, -0.5);
-}
-
-TEST(SaturationModel, DeltaAllowsBothOutcomesOnTheVeryEdgeOfTheGap) {
-    const Fixture fixture({20.0F, 10.0F}, true);
-    EXPECT_EQ(fixture.Limit({0.0F, 5.0F}, {0.0F, 1.0F}).count, 2U);
-}
-
-TEST(SaturationModel, AbsoluteScalesTheWholeCommand) {
-    // Commanded 2 and 20, gap 10: one half. The step of 20 with a limit of 5 gives a quarter, and that
-    // counts.
-    const std::vector<float> command{2.0F, 10.0F};
-    const std::vector<float> nowhere{0.0F, 0.0F};
-    EXPECT_DOUBLE_EQ(Fixture({100.0F, 10.0F}, false).Limit(command, nowhere).values[0].factor, 0.5);
-    const Limitation by_step = Fixture({5.0F, 10.0F}, false).Limit(command, nowhere).values[0];
-    EXPECT_DOUBLE_EQ(by_step.factor, 0.25);
-    EXPECT_TRUE(by_step.velocity_limited);
-    EXPECT_FALSE(by_step.gap_limited);
-    EXPECT_DOUBLE_EQ(Fixture({5.0F, 10.0F}, false).Limit(nowhere, nowhere).values[0].factor, 1.0);
+TEST(SaturationModel, GivesTheFactorsWorkedOutOnPaper) {
+    constexpr bool DELTA = true;
+    constexpr bool ABSOLUTE = false;
+    struct Case {
+        std::string what;
+        bool delta;
+        SaturationLimits limits;  // of velocity and gap
+        std::vector<float> command;
+        std::vector<float> applied;
+        double factor;
+        bool velocity_limited;
+        bool gap_limited;
+    };
+    const std::vector<Case> cases{
+        {"a small step passes", DELTA, {10, 100}, {3, 1}, {1, 0.5}, 1.0, false, false},
+        {"a step of 2 and 8 at a limit of 4", DELTA, {4, 100}, {3, 5}, {1, 1}, 0.5, true, false},
+        {"from 2 and 6 a step of 1 and 8: the gap at 10 leaves 10 - 6",
+         DELTA,
+         {20, 10},
+         {3, 7},
+         {2, 3},
+         0.5,
+         false,
+         true},
+        {"at 12 a step of 4 outwards: back to 10", DELTA, {20, 10}, {0, 8}, {0, 6}, -0.5, false, true},
+        {"commanded 20, gap 10", ABSOLUTE, {100, 10}, {2, 10}, {0, 0}, 0.5, false, true},
+        {"a step of 20, limit 5, counts more", ABSOLUTE, {5, 10}, {2, 10}, {0, 0}, 0.25, true, false},
+        {"commanded nowhere", ABSOLUTE, {5, 10}, {0, 0}, {0, 0}, 1.0, false, false}};
+    for (const Case& test : cases) {
+        const Limitations limits = Limit(test.limits, test.delta, test.command, test.applied);
+        ASSERT_EQ(limits.count, 1U) << test.what;
+        EXPECT_DOUBLE_EQ(limits.values[0].factor, test.factor) << test.what;
+        EXPECT_EQ(limits.values[0].velocity_limited, test.velocity_limited) << test.what;
+        EXPECT_EQ(limits.values[0].gap_limited, test.gap_limited) << test.what;
+    }
+    EXPECT_EQ(Limit({10, 100}, DELTA, {3, 1}, {1, 0.5}).values[0].tolerance, 0.0);
+    EXPECT_EQ(Limit({20, 10}, DELTA, {0, 5}, {0, 1}).count, 2U);  // on the very edge of the gap either goes
 }
 
 TEST(SaturationModel, MatchesWithinRoundingOnly) {
-    const Fixture fixture({4.0F, 100.0F}, true);
+    const ProjectionMatrix projection(TwoModes());
+    const SaturationModel saturation({4, 100}, true, 2, projection.Rounding());
     std::vector<float> command(defs::M4_CMD_SIZE, 0.25F);
     std::vector<float> applied(defs::M4_CMD_SIZE, 0.0F);
+    std::vector<float> setpoint = command;
     command[0] = 3.0F;
     command[1] = 5.0F;
-    applied[0] = 1.0F;
-    applied[1] = 1.0F;
-    const Limitation limitation = fixture.Limit(command, applied).values[0];
-    std::vector<float> setpoint = command;
-    setpoint[0] = 2.0F;
-    setpoint[1] = 3.0F;
-    const auto matches = [&] {
-        return fixture.saturation.Matches(ConstM4Vector(setpoint), ConstM4Vector(command),
-                                          ConstM4Vector(applied), limitation);
+    applied[0] = applied[1] = 1.0F;
+    const Limitation limitation = Limit({4, 100}, true, command, applied).values[0];
+    const auto matches = [&](float first, float second) {
+        setpoint[0] = first;
+        setpoint[1] = second;
+        return saturation.Matches(ConstM4Vector(setpoint), ConstM4Vector(command), ConstM4Vector(applied),
+                                  limitation);
     };
-    EXPECT_TRUE(matches());
-    setpoint[1] = 3.0F + 1e-6F;
-    EXPECT_TRUE(matches());
-    setpoint[1] = 3.01F;
-    EXPECT_FALSE(matches());
-    setpoint[1] = std::numeric_limits<float>::quiet_NaN();
-    EXPECT_FALSE(matches());
+    EXPECT_TRUE(matches(2.0F, 3.0F));
+    EXPECT_TRUE(matches(2.0F, 3.0F + 1e-6F));
+    EXPECT_FALSE(matches(2.0F, 3.01F));
+    EXPECT_FALSE(matches(2.0F, std::numeric_limits<float>::quiet_NaN()));
     // Behind the managed modes nothing may change, not by a bit.
-    setpoint[1] = 3.0F;
     setpoint[5351] = std::nextafter(0.25F, 1.0F);
-    EXPECT_FALSE(matches());
+    EXPECT_FALSE(matches(2.0F, 3.0F));
 }
 
 TEST(ModalBasis, IsTipTiltAndNormalised) {

@@ -3,8 +3,8 @@
 #include "svgPlot.hpp"
 
 #include <gmock/gmock.h>
+#include <vosk/test/tempDir.hpp>
 
-#include <filesystem>
 #include <limits>
 #include <stdexcept>
 
@@ -68,18 +68,16 @@ TEST(HostStatus, IsReadFromTheHostsJson) {
 }
 
 TEST(HostComplaints, AreCountedByKind) {
-    const auto file = std::filesystem::temp_directory_path() / "rig-complaints-test.log";
-    WriteTextFile(
-        file,
+    const test::TempDir directory;
+    const HostComplaints complaints = ReadComplaints(directory.Put(
+        "host.log",
         "ERROR M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff "
         "= +70 us, no data will be sent!\n"
         "ERROR AoTasks::ReceiveAndProcessAmSetpointApplied(): no 'am:setpoint_applied' response from M4 at "
         "12:00:00.000000, sample ID = 4\n"
         "ERROR AoTasks::ReceiveAndProcessAmSetpointApplied(): received 'am:setpoint_applied' response at "
         "12:00:00.000000 with different sample ID then M4 command sent: 4 vs 3\n"
-        "INFO something else\n");
-    const HostComplaints complaints = ReadComplaints(file);
-    std::filesystem::remove(file);
+        "INFO something else\n"));
     EXPECT_EQ(complaints.unsent_setpoints, 1U);
     EXPECT_EQ(complaints.missing_answers, 1U);
     EXPECT_EQ(complaints.foreign_answers, 1U);
