@@ -31,6 +31,11 @@ using enum VoskControlMode;
 
 constexpr float NO_LIMIT = 1e30F;
 
+struct Mutexes {
+    std::shared_mutex u4;
+    std::shared_mutex gpao;
+};
+
 // An executor with its inputs, whose one managed mode (tip) moves all actuators alike.
 class Bench {
 public:
@@ -40,14 +45,16 @@ public:
               vosk::ao_tasks::M4SaturationManagement::Config{true, 1, Vector(M4_CMD_SIZE, 1.0F),
                                                              threshold_velocity, NO_LIMIT})} {}
 
-    Executor& Get() { return *m_executor; }
     Executor* operator->() { return m_executor.get(); }
 
-    void Assemble() {
-        Executor::SharedLock u4_lock{m_u4_mutex, std::defer_lock};
-        Executor::SharedLock gpao_lock{m_gpao_mutex, std::defer_lock};
+    // Gives which of the two inputs were locked.
+    std::pair<bool, bool> Assemble() { return Assemble(m_mutexes); }
+    std::pair<bool, bool> Assemble(Mutexes& mutexes) {
+        Executor::SharedLock u4_lock{mutexes.u4, std::defer_lock};
+        Executor::SharedLock gpao_lock{mutexes.gpao, std::defer_lock};
         m_executor->Step2_CommandAssembly(u4_lock, gpao_lock, u4_fs_tt,
                                           std::span<const float, INS_CMD_SIZE>{gpao});
+        return {u4_lock.owns_lock(), gpao_lock.owns_lock()};
     }
 
     void Split() { m_executor->Step1_CommandSplitting(std::span<const float, WAVEFRONT_CMD_SIZE>{command}); }
@@ -73,8 +80,7 @@ public:
 
 private:
     std::unique_ptr<Executor> m_executor;
-    std::shared_mutex m_u4_mutex;
-    std::shared_mutex m_gpao_mutex;
+    Mutexes m_mutexes;
 };
 
 Vector Ramp(float first, std::size_t size = M4_CMD_SIZE) {
@@ -169,20 +175,12 @@ TEST(Executor, EndsAPassInFourWays) {
     }
 }
 
-struct Mutexes {
-    std::shared_mutex u4;
-    std::shared_mutex gpao;
-};
-
-// Steps 0 and 2; gives which inputs were locked.
+// Steps 0 and 2 of a pass that ends there.
 std::pair<bool, bool> LockedInputs(Bench& bench, Mutexes& mutexes, VoskControlMode mode) {
-    Executor::SharedLock u4_lock{mutexes.u4, std::defer_lock};
-    Executor::SharedLock gpao_lock{mutexes.gpao, std::defer_lock};
     bench->Step0_SetControlMode(mode);
-    bench->Step2_CommandAssembly(u4_lock, gpao_lock, bench.u4_fs_tt,
-                                 std::span<const float, INS_CMD_SIZE>{bench.gpao});
+    const auto locked = bench.Assemble(mutexes);
     bench->ResetState();
-    return {u4_lock.owns_lock(), gpao_lock.owns_lock()};
+    return locked;
 }
 
 TEST(Executor, LocksTheInputsOfTheModeAndNoOther) {
