@@ -23,6 +23,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using vosk::test::LogCapture;
 using vosk::test::TextOf;
+using vosk::test::UniquePort;
 
 gim::Config ConfigOf(const std::string& text) {
     gim::Config config;
@@ -34,13 +35,6 @@ std::vector<std::string> ThreadNames(const LibMain& library) {
     std::vector<std::string> names;
     for (const auto& [name, thread] : library.GetThreads()) names.push_back(name);
     return names;
-}
-
-std::vector<std::string> LinesStartingWith(const LogCapture& log, const std::string& start) {
-    std::vector<std::string> texts;
-    for (const auto& line : log.Lines())
-        if (line.text.starts_with(start)) texts.push_back(line.text);
-    return texts;
 }
 
 // The library with threads of the test's own beside those of the document.
@@ -97,11 +91,9 @@ TEST_F(LibMainTest, EmptyDocumentMakesNoThread) {
         m_library.StartThreads();
         m_library.StopThreads();
         const bool is_skipped = std::string{text} == "cfg:";
-        EXPECT_EQ(LinesStartingWith(log, "M4/M5/PFS/MS config invalid or missing, skipping..").size(),
+        EXPECT_EQ(log.Texts("M4/M5/PFS/MS config invalid or missing, skipping..").size(), is_skipped);
+        EXPECT_EQ(log.Texts("GNU Radio Input/Output config invalid or missing, skipping..").size(),
                   is_skipped);
-        EXPECT_EQ(
-            LinesStartingWith(log, "GNU Radio Input/Output config invalid or missing, skipping..").size(),
-            is_skipped);
     }
     EXPECT_THROW(m_library.SetupThreads(gim::Config{}), std::runtime_error);
     EXPECT_THROW(m_library.SetupThreads(ConfigOf("cfg: 5")), std::runtime_error);
@@ -117,8 +109,7 @@ TEST_F(LibMainTest, EmptiesTheRegistriesAndReadsTheResamplersBeforeItMakesAThrea
     const LogCapture log;
     m_library.SetupThreads(ConfigOf(std::string{"cfg: {m4: {output: ["} + OUTPUT +
                                     "]}, resamplers: [{id: r, definition: []}]}"));
-    std::vector<std::string> texts;
-    for (const auto& line : log.Lines()) texts.push_back(line.text);
+    std::vector<std::string> texts = log.Texts("");
     texts.resize(5);
     EXPECT_THAT(
         texts,
@@ -128,8 +119,9 @@ TEST_F(LibMainTest, EmptiesTheRegistriesAndReadsTheResamplersBeforeItMakesAThrea
 
 TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemByName) {
     const LogCapture log;
-    m_library.SetupThreads(ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(47002) +
-                                    "]}, m4: {output: [" + OUTPUT + "], input: [" + Receiver(47003) + "]}}"));
+    m_library.SetupThreads(ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(UniquePort(0)) +
+                                    "]}, m4: {output: [" + OUTPUT + "], input: [" + Receiver(UniquePort(1)) +
+                                    "]}}"));
     EXPECT_THAT(ThreadNames(m_library), ElementsAre("AoWfCmdInput", "M4Input", "M4Output"));
     m_library.StartThreads();
     m_library.StopThreads();
@@ -137,7 +129,7 @@ TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemByName) 
     m_library.StopThreads();
 
     std::vector<std::string> order;
-    for (const std::string& text : LinesStartingWith(log, "Starting thread "))
+    for (const std::string& text : log.Texts("Starting thread "))
         order.push_back(text.substr(16, text.find(':') - 16));
     EXPECT_THAT(order,
                 ElementsAre("AoWfCmdInput", "M4Input", "M4Output", "AoWfCmdInput", "M4Input", "M4Output"));
@@ -199,15 +191,15 @@ TEST_F(LibMainTest, AllThreadsTogetherHaveThreeSecondsToReport) {
 
 TEST_F(LibMainTest, ALaterThreadOfANameReplacesTheEarlierOneAndIsToldOf) {
     const LogCapture log;
-    m_library.SetupThreads(
-        ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(47004) + ", " + Receiver(47005) + "]}}"));
+    m_library.SetupThreads(ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(UniquePort(0)) + ", " +
+                                    Receiver(UniquePort(1)) + "]}}"));
     EXPECT_THAT(ThreadNames(m_library), ElementsAre("AoWfCmdInput"));
     EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
                         "test.yaml:1: cfg.ao.wavefront_cmd_stream[1] replaces another thread of the name "
                         "AoWfCmdInput"));
     m_library.StartThreads();
-    EXPECT_EQ(LinesStartingWith(log, "Started thread ").size(), 1U);
-    EXPECT_THAT(LinesStartingWith(log, "Started thread ")[0], HasSubstr(":47005"));
+    EXPECT_EQ(log.Texts("Started thread ").size(), 1U);
+    EXPECT_THAT(log.Texts("Started thread ")[0], HasSubstr(":" + std::to_string(UniquePort(1))));
     m_library.StopThreads();
 }
 
@@ -240,10 +232,9 @@ TEST_F(LibMainTest, SimulationWantsFourTopics) {
 TEST_F(LibMainTest, ModeIsSwitchedBeforeTheCamera) {
     const LogCapture log;
     m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, Camera::WFS_GP2);
-    EXPECT_THAT(LinesStartingWith(log, "Changing "),
-                ElementsAre("Changing VOSK Control Mode to INS_DRIVEN_CASCADE.",
-                            "Changing Active Camera FS to WFS_GP2."));
-    EXPECT_THAT(LinesStartingWith(log, "VoskTelescopeStateManager::"),
+    EXPECT_THAT(log.Texts("Changing "), ElementsAre("Changing VOSK Control Mode to INS_DRIVEN_CASCADE.",
+                                                    "Changing Active Camera FS to WFS_GP2."));
+    EXPECT_THAT(log.Texts("VoskTelescopeStateManager::"),
                 ElementsAre(HasSubstr("Control Mode change TEL_DRIVEN -> INS_DRIVEN_CASCADE"),
                             HasSubstr("Active camera FS change IMG_GP1 -> WFS_GP2")));
     EXPECT_EQ(m_library.GetControlMode(), VoskControlMode::INS_DRIVEN_CASCADE);
@@ -256,7 +247,7 @@ TEST_F(LibMainTest, APresentModeIsNoChangeAndAWrongOneIsRefused) {
     const LogCapture log;
     m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, Camera::WFS_GP2);
     EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP2);
-    EXPECT_THAT(LinesStartingWith(log, "HandoverStateManager"), ElementsAre());
+    EXPECT_THAT(log.Texts("HandoverStateManager"), ElementsAre());
     EXPECT_THROW(m_library.SetVoskMode(static_cast<VoskControlMode>(7), {}), std::runtime_error);
     EXPECT_EQ(m_library.GetControlMode(), VoskControlMode::INS_DRIVEN_CASCADE);
 }

@@ -39,9 +39,8 @@ class TestThread : public Thread {
 public:
     using Body = std::function<void(TestThread&, std::promise<void>&)>;
 
-    explicit TestThread(Body body, const std::string& config = "{busy: false}",
-                        const std::string& name = "Test")
-        : Thread{name, Node(config), "a test"}, m_body{std::move(body)} {}
+    explicit TestThread(Body body, const std::string& config = "{busy: false}")
+        : Thread{"Test", Node(config), "a test"}, m_body{std::move(body)} {}
     ~TestThread() override { Stop(); }
 
     using Thread::IsRunning;
@@ -84,8 +83,10 @@ TEST(Thread, WithACpuItsWorkerRunsThereAloneAndItsEndpointsAllocateFromTheNodesB
     const int cpu = ::sched_getcpu();
     cpu_set_t bound;
     CPU_ZERO(&bound);
-    TestThread thread{[&bound](TestThread&, std::promise<void>& started) {
+    std::array<char, 16> name{};
+    TestThread thread{[&](TestThread&, std::promise<void>& started) {
                           ::sched_getaffinity(0, sizeof(bound), &bound);
+                          ::pthread_getname_np(::pthread_self(), name.data(), name.size());
                           started.set_value();
                       },
                       "{busy: false, numa_buf_size: 8192, cpu: " + std::to_string(cpu) + "}"};
@@ -96,6 +97,7 @@ TEST(Thread, WithACpuItsWorkerRunsThereAloneAndItsEndpointsAllocateFromTheNodesB
     thread.Start().get();
     EXPECT_EQ(CPU_COUNT(&bound), 1);
     EXPECT_TRUE(CPU_ISSET(static_cast<unsigned>(cpu), &bound));
+    EXPECT_STREQ(name.data(), "Test");
 }
 
 TEST(Thread, GoesOnWithoutWhatTheMachineDoesNotAllow) {
@@ -130,17 +132,6 @@ TEST(Thread, TellsItsLifeInTheLog) {
         {log4cplus::TRACE_LOG_LEVEL, "Stopping thread Test"},
         {log4cplus::TRACE_LOG_LEVEL, "Stopped thread Test"}};
     EXPECT_EQ(capture.Lines(), life);
-}
-
-TEST(Thread, CarriesItsNameCutToWhatTheSystemTakes) {
-    std::array<char, 16> name{};
-    TestThread thread{[&name](TestThread&, std::promise<void>& started) {
-                          ::pthread_getname_np(::pthread_self(), name.data(), name.size());
-                          started.set_value();
-                      },
-                      "{busy: false}", "WfsLisa_WFS_GP1_b"};
-    thread.Start().get();
-    EXPECT_STREQ(name.data(), "WfsLisa_WFS_GP1");
 }
 
 TEST(Thread, RunsAgainAfterStopButNotTwiceAtOnce) {
@@ -193,31 +184,21 @@ TEST(Thread, FailureAfterTheHandshakeEndsTheThreadByItselfWithTwoLines) {
 }
 
 TEST(Thread, StopEndsAWorkerInAnyOfItsWaits) {
-    for (const char* config : {"{busy: false}", "{busy: true}"}) {
-        TestThread waiting{[](TestThread& thread, std::promise<void>& started) {
-                               started.set_value();
-                               thread.m_synchronizer->Wait(thread.m_running);
-                           },
-                           config};
-        TestThread sleeping{RunUntilStopped, config};
-        waiting.Start().get();
-        sleeping.Start().get();
-        waiting.Stop();
-        sleeping.Stop();
-    }
-}
-
-TEST(Thread, WaitUntilGivesTheTimeOrAReadyFlagTheSameAnswer) {
-    std::atomic<int> answers{0};
-    TestThread thread{[&answers](TestThread& self, std::promise<void>& started) {
-        answers += self.WaitUntil(AtomClk::now() - 1s) ? 1 : 0;
-        common::WaitSynchronizerFlag flag{self.m_synchronizer};
-        flag.SetDataReady();
-        answers += self.WaitUntil(AtomClk::now() + 1h) ? 1 : 0;
+    const auto wait = [](TestThread& thread, std::promise<void>& started) {
         started.set_value();
-    }};
-    thread.Start().get();
-    EXPECT_EQ(answers, 2);
+        thread.m_synchronizer->Wait(thread.m_running);
+    };
+    const auto sleep = [](TestThread& thread, std::promise<void>& started) {
+        EXPECT_TRUE(thread.WaitUntil(AtomClk::now() - 1s));
+        RunUntilStopped(thread, started);
+    };
+    for (const char* config : {"{busy: false}", "{busy: true}"}) {
+        for (const TestThread::Body& body : {TestThread::Body{wait}, TestThread::Body{sleep}}) {
+            TestThread thread{body, config};
+            thread.Start().get();
+            thread.Stop();
+        }
+    }
 }
 
 struct TestRxThread : RxThread {
