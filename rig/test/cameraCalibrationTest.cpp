@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <vosk/common/fits.hpp>
 #include <vosk/defs/sizes.hpp>
+#include <vosk/test/tempDir.hpp>
 
 #include <yaml-cpp/yaml.h>
 
@@ -137,7 +138,8 @@ TEST(CameraFiles, StandInTheFormsThatTheHostReads) {
     // What the others lack is not looked at here.
     CameraSet cameras{MakeSensor(LisaModel(), 1), MakeSensor(AliceModel(), 1), MakeSensor(AliceModel(), 1),
                       MakeWfsGrid(100, 1)};
-    const std::filesystem::path directory = std::filesystem::path(::testing::TempDir()) / "camera files: all";
+    const test::TempDir temporary;
+    const std::filesystem::path directory = temporary.Path() / "camera files: all";
     WriteCameraFiles(directory, cameras);
     using Axes = std::vector<std::size_t>;
     const auto form = [](const std::filesystem::path& file) {
@@ -153,7 +155,6 @@ TEST(CameraFiles, StandInTheFormsThatTheHostReads) {
     const YAML::Node document = YAML::LoadFile((directory / "cameras.yaml").string());
     EXPECT_EQ(document["lisa"]["rois_path"].as<std::string>(), (directory / "data/lisa/rois.fits").string());
     EXPECT_EQ(document["lisa"]["bad_pixel_correction"]["bad_pixels"].size(), cameras.lisa.bad_pixels.size());
-    std::filesystem::remove_all(directory);
 }
 
 }  // namespace

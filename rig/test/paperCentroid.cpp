@@ -116,18 +116,4 @@ double PaperCentroid::BrightestRmsBound(std::size_t n) const {
     return rms / flux;
 }
 
-void PaperCentroid::Repair(const BadPixel& bad) {
-    const auto at = [this](std::size_t x, std::size_t y) -> Pixel& {
-        return m_pixels[(y - m_roi.y_start) * m_roi.width + (x - m_roi.x_start)];
-    };
-    const std::array<double, 3> lost = at(bad.x, bad.y).weights;
-    at(bad.x, bad.y).weights = {0.0, 0.0, 0.0};
-    for (std::size_t y = bad.y - 1; y <= bad.y + 1; ++y) {
-        for (std::size_t x = bad.x - 1; x <= bad.x + 1; ++x) {
-            if (x == bad.x && y == bad.y) continue;
-            for (std::size_t k = 0; k < 3; ++k) at(x, y).weights[k] += lost[k] / 8.0;
-        }
-    }
-}
-
 }  // namespace vosk::rig

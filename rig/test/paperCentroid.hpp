@@ -46,12 +46,8 @@ public:
     // and the rms of a sum is at most the sum of the rms.
     double BrightestRmsBound(std::size_t n) const;
 
-    // A pixel replaced by the mean of its eight neighbours, all within the region.
-    void Repair(const BadPixel& pixel);
-
 private:
-    // How a pixel's value enters flux, first moment in x and first moment in y: by 1, its column and its row,
-    // and for a neighbour of a repaired pixel by its share of that one too.
+    // A pixel's value enters flux, first moment in x and first moment in y by 1, its column and its row.
     struct Pixel {
         double mean;
         double rms;

@@ -74,8 +74,6 @@ protected:
     atomclk::ManualClock m_clock{At(5000)};
 };
 
-// ---- Plain setters --------------------------------------------------------------------------------------
-
 TEST_F(Setters, M4SetpointIsMarkedValid) {
     const auto sync = std::make_unique<M4OutputDataSync>(false);
     EXPECT_EQ(sync->GetDataRef().valid, 0U);
@@ -112,17 +110,14 @@ TEST_F(Setters, GpaoAppliedSetpointIsZeroBehindItsData) {
 }
 
 TEST_F(Setters, PfsMeasurementIsNarrowedByGuideProbe) {
-    const auto put_double = [](Bytes& bytes, std::size_t offset, unsigned char high, unsigned char next) {
-        Put(bytes, offset, {high, next, 0, 0, 0, 0, 0, 0});
-    };
     Bytes wire(312, 0);
     for (std::size_t probe = 0; probe < 3; ++probe) {
-        const auto step = static_cast<unsigned char>(16 * probe);  // doubles the value
-        put_double(wire, 44 + 88 * probe, 0x3F, static_cast<unsigned char>(0xC0 + step));  // 0.125
-        put_double(wire, 52 + 88 * probe, 0xBF, static_cast<unsigned char>(0xC0 + step));  // -0.125
-        put_double(wire, 76 + 88 * probe, 0x40, static_cast<unsigned char>(0x00 + step));  // 2
+        const auto step = static_cast<unsigned char>(16 * probe);                     // doubles the value
+        Put(wire, 44 + 88 * probe, {0x3F, static_cast<unsigned char>(0xC0 + step)});  // 0.125
+        Put(wire, 52 + 88 * probe, {0xBF, static_cast<unsigned char>(0xC0 + step)});  // -0.125
+        Put(wire, 76 + 88 * probe, {0x40, step});                                     // 2
     }
-    put_double(wire, 304, 0x40, 0x08);  // 3
+    Put(wire, 304, {0x40, 0x08});  // 3
     PfsInputDataSync sync;
     sync.SetData(*FromBytes<vosk::pfs::PFSTargetData>(wire), 3U, At(8));
     const PfsInputData data = sync.GetData();
@@ -200,8 +195,6 @@ TEST_F(Setters, AppliedSetpointAddsItsSourceToTheStatusIfNoTimeIsGiven) {
     sync->SetData(Ramp<INS_CMD_SIZE>(4.0F), At(9), NONE, ++id);  // the last payload is repeated
     expect(3.0F, 0, 0x00);
 }
-
-// ---- The inputs of AoTasks ------------------------------------------------------------------------------
 
 // Each input is stored in every mode, and sets the pace in its own.
 TEST_F(Setters, EachModeHasOnePaceSetter) {

@@ -37,8 +37,6 @@ bool IsFree(std::shared_mutex& mutex) {
         .get();
 }
 
-// ---- Attributes -----------------------------------------------------------------------------------------
-
 struct Probe {
     std::vector<std::string> events;
     std::shared_mutex* mutex = nullptr;
@@ -96,8 +94,6 @@ TEST(SyncDataAttribute, BasicSetterTakesThePresentTimeIfNoneIsGiven) {
     EXPECT_EQ(attribute.GetTimestamp(), At(-1));
 }
 
-// ---- Waitable objects -----------------------------------------------------------------------------------
-
 using Triggered = DataSyncTrigger<int, ProbingTriggerSetter>;
 
 TEST(DataSyncTrigger, WakesOnlyWhereTheSetterSaysSoButIsNewAlways) {
@@ -116,8 +112,6 @@ TEST(DataSyncTrigger, WakesOnlyWhereTheSetterSaysSoButIsNewAlways) {
     EXPECT_EQ(sync.GetData(), 6);
     EXPECT_THAT(probe.events, ElementsAre("set, locked", "set, locked"));
 }
-
-// ---- Writers and readers at the same time ---------------------------------------------------------------
 
 // Every word is the generation, so that a torn copy shows.
 struct Generation {
@@ -193,8 +187,6 @@ TEST_P(WaitKinds, AWaitingReaderAlwaysComesToSeeTheLastWrite) {
     vosk::common::SetRunning(running, false);
     EXPECT_EQ(reader.get(), GENERATIONS);
 }
-
-// ---- Registry -------------------------------------------------------------------------------------------
 
 class FirstSync final : public DataSyncSingleWaitable<int, BasicDataSetter<int>> {
 public:

@@ -58,12 +58,6 @@ TEST(Node, OutlivesItsDocument) {
     EXPECT_EQ(kept.GetPath(), "cfg.a[1]");
 }
 
-template <class T>
-concept TakesAsIndex = requires(const PliConfigInstanceNode& node, T index) {
-    node[index];
-};
-static_assert(TakesAsIndex<int> && TakesAsIndex<std::size_t> && !TakesAsIndex<bool> && !TakesAsIndex<char>);
-
 TEST(Node, TellsWhatItLacks) {
     const auto cfg = vosk::test::NodeOf("cfg: {list: [1, 2], text: x, nothing: }")["cfg"];
     EXPECT_EQ(cfg.GetSize(), 3U);

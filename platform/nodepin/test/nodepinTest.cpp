@@ -1,44 +1,39 @@
 #include <nodepin/nodepin.hpp>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
+#include <vosk/test/support.hpp>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
+#include <system_error>
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using vosk::test::TextOf;
 
 namespace {
 
 constexpr int NO_SUCH_CPU = 1023;
 constexpr std::size_t SIZE = 100'000;  // no whole number of pages
 
-// A CPU that this process may use, and its node if the machine knows nodes.
-int SomeCpu() {
-    return ::sched_getcpu();
-}
-
-std::string NameOfThisThread() {
-    std::array<char, 16> name{};
-    ::pthread_getname_np(::pthread_self(), name.data(), name.size());
-    return name.data();
-}
-
 TEST(MakeThread, KeepsTheFirst15CharactersOfTheName) {
-    std::string name;
+    std::array<char, 16> name{};
     nodepin::MakeThread("WfsLisa_WFS_GP1_camera", {}, [&name, movable_only = std::make_unique<int>()] {
-        name = NameOfThisThread();
+        ::pthread_getname_np(::pthread_self(), name.data(), name.size());
     }).join();
-    EXPECT_EQ(name, "WfsLisa_WFS_GP1");
+    EXPECT_STREQ(name.data(), "WfsLisa_WFS_GP1");
 }
 
 TEST(MakeThread, BindsTheNewThreadOnly) {
-    const int cpu = SomeCpu();
+    const int cpu = ::sched_getcpu();
     cpu_set_t before;
     ASSERT_EQ(::sched_getaffinity(0, sizeof(before), &before), 0);
     cpu_set_t bound;
@@ -69,13 +64,9 @@ TEST(MakeThread, TellsTheCreatorWhyAndNeverRunsTheBody) {
     nodepin::NumaPolicies policies;
     policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(NO_SUCH_CPU);
     bool ran = false;
-    try {
-        nodepin::MakeThread("lost", policies, [&ran] { ran = true; });
-        FAIL() << "a thread was bound to a CPU that is not there";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), EINVAL);
-        EXPECT_NE(std::string{error.what()}.find("lost: binding it to its CPU"), std::string::npos);
-    }
+    EXPECT_THAT(
+        TextOf<std::system_error>([&] { nodepin::MakeThread("lost", policies, [&ran] { ran = true; }); }),
+        AllOf(HasSubstr("lost: binding it to its CPU"), EndsWith(std::strerror(EINVAL))));
     EXPECT_FALSE(ran);
 }
 
@@ -85,7 +76,7 @@ TEST(GetNodeOfCpu, KnowsNoNodeOfACpuThatIsNotThere) {
 }
 
 TEST(Allocate, GivesLockableMemoryOnTheNodeOfTheCpu) {
-    const auto node = nodepin::GetNodeOfCpu(SomeCpu());
+    const auto node = nodepin::GetNodeOfCpu(::sched_getcpu());
     if (!node) GTEST_SKIP() << "no NUMA here";
     std::error_code error = std::make_error_code(std::errc::io_error);
     void* memory = nodepin::Allocate(SIZE, nodepin::MemPolicy::MakeBindNode(*node), error);
