@@ -1,6 +1,6 @@
 #include "accounting.hpp"
 
-#include <gmock/gmock.h>
+#include <vosk/test/support.hpp>
 
 namespace vosk::rig {
 namespace {

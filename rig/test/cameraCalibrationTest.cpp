@@ -2,16 +2,14 @@
 #include "lisaReadout.hpp"
 #include "portableRandom.hpp"
 
-#include <gmock/gmock.h>
 #include <vosk/common/fits.hpp>
 #include <vosk/defs/sizes.hpp>
+#include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
 #include <yaml-cpp/yaml.h>
 
-#include <cmath>
 #include <numbers>
-#include <stdexcept>
 
 namespace vosk::rig {
 namespace {

@@ -6,17 +6,14 @@
 #include "paperCentroid.hpp"
 #include "portableRandom.hpp"
 
-#include <gmock/gmock.h>
 #include <vosk/common/fits.hpp>
 #include <vosk/image_processing/badPixelCorrection.hpp>
 #include <vosk/image_processing/centroiding.hpp>
 #include <vosk/image_processing/noiseRemoval.hpp>
+#include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
-#include <cmath>
 #include <filesystem>
-#include <functional>
-#include <memory>
 
 namespace vosk::rig {
 namespace {

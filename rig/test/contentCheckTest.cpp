@@ -1,8 +1,6 @@
 #include "contentCheck.hpp"
 
-#include <gtest/gtest.h>
-
-#include <memory>
+#include <vosk/test/support.hpp>
 
 namespace vosk::rig {
 namespace {

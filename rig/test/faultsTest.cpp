@@ -1,10 +1,9 @@
 #include "faultySocket.hpp"
 
-#include <gmock/gmock.h>
 #include <vosk/test/recordingSocket.hpp>
+#include <vosk/test/support.hpp>
 
 #include <set>
-#include <string>
 
 namespace vosk::rig {
 namespace {

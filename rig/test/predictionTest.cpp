@@ -1,10 +1,6 @@
 #include "prediction.hpp"
 
-#include <gmock/gmock.h>
-
-#include <cmath>
-#include <limits>
-#include <numeric>
+#include <vosk/test/support.hpp>
 
 namespace vosk::rig {
 namespace {

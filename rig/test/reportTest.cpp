@@ -2,11 +2,8 @@
 #include "htmlReport.hpp"
 #include "svgPlot.hpp"
 
-#include <gmock/gmock.h>
+#include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
-
-#include <limits>
-#include <stdexcept>
 
 namespace vosk::rig {
 namespace {

@@ -1,9 +1,6 @@
 #include "scenario.hpp"
 
-#include <gmock/gmock.h>
 #include <vosk/test/support.hpp>
-
-#include <stdexcept>
 
 namespace vosk::rig {
 namespace {

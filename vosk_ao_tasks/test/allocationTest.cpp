@@ -3,14 +3,10 @@
 #include <vosk/ao_tasks/executor.hpp>
 #include <vosk/test/allocationCount.hpp>
 
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
-#include <array>
-#include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <span>
-#include <vector>
 
 namespace {
 

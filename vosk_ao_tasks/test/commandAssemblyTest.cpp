@@ -2,14 +2,6 @@
 #include <vosk/ao_tasks/commandSplitting.hpp>
 #include <vosk/test/support.hpp>
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cstddef>
-#include <numeric>
-#include <stdexcept>
-#include <string>
-
 namespace {
 
 using vosk::ao_tasks::CommandAssembly;

@@ -3,22 +3,11 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/test/logCapture.hpp>
 
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstddef>
-#include <functional>
 #include <iterator>
-#include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <span>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace {
 

@@ -2,18 +2,7 @@
 #include <vosk/common/math/blas.hpp>
 #include <vosk/test/support.hpp>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstddef>
-#include <limits>
-#include <memory>
 #include <random>
-#include <span>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -1,13 +1,6 @@
 #include <vosk/defs/byteOrder.hpp>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstring>
-#include <memory>
-#include <vector>
+#include <vosk/test/support.hpp>
 
 namespace {
 

@@ -1,9 +1,6 @@
 #include <vosk/defs/controlMode.hpp>
 
-#include <gtest/gtest.h>
 #include <vosk/test/support.hpp>
-
-#include <stdexcept>
 
 using namespace vosk::defs;
 using vosk::to_string;

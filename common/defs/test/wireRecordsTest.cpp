@@ -1,13 +1,7 @@
 #include <vosk/defs/valueTypes.hpp>
 #include <vosk/defs/wireRecords.hpp>
 
-#include <gtest/gtest.h>
 #include <vosk/test/support.hpp>
-
-#include <array>
-#include <cstring>
-#include <memory>
-#include <vector>
 
 namespace {
 

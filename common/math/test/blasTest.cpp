@@ -1,10 +1,7 @@
 #include <vosk/common/math/blas.hpp>
 #include <vosk/common/math/finite.hpp>
 
-#include <gtest/gtest.h>
-
-#include <limits>
-#include <vector>
+#include <vosk/test/support.hpp>
 
 namespace {
 

@@ -3,8 +3,6 @@
 // Helpers of the shared-memory tests: another process that can be told to go on or be killed, names that no
 // other test run uses.
 
-#include <gtest/gtest.h>
-
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,9 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
-#include <stdexcept>
-#include <string>
 #include <vosk/test/support.hpp>
 
 namespace vosk::test {

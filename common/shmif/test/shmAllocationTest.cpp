@@ -5,9 +5,6 @@
 
 #include <vosk/test/allocationCount.hpp>
 
-#include <array>
-#include <cstddef>
-
 namespace {
 
 using namespace std::chrono_literals;

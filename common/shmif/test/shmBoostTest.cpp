@@ -3,15 +3,12 @@
 
 #include "childProcess.hpp"
 
-#include <gmock/gmock.h>
 #include <vosk/test/messageQueue.hpp>
+#include <vosk/test/support.hpp>
 
-#include <array>
 #include <boost/interprocess/mapped_region.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
-#include <cstdint>
 #include <fstream>
-#include <memory>
 
 namespace bip = boost::interprocess;
 using namespace vosk::common::shmif;

@@ -3,7 +3,7 @@
 #include "../src/namedLock.hpp"
 #include "childProcess.hpp"
 
-#include <gmock/gmock.h>
+#include <vosk/test/support.hpp>
 
 #include <fcntl.h>
 

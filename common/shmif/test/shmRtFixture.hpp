@@ -7,11 +7,6 @@
 #include "childProcess.hpp"
 
 #include <fcntl.h>
-#include <array>
-#include <cstring>
-#include <memory>
-#include <stdexcept>
-#include <string>
 
 namespace vosk::test {
 

@@ -2,8 +2,6 @@
 
 #include "shmRtFixture.hpp"
 
-#include <thread>
-
 using namespace vosk::test;
 
 namespace {

@@ -1,6 +1,6 @@
 #include "shmRtFixture.hpp"
 
-#include <gmock/gmock.h>
+#include <vosk/test/support.hpp>
 
 using namespace vosk::test;
 

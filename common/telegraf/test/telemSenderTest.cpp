@@ -1,7 +1,5 @@
 #include <vosk/common/telegraf/telemSender.hpp>
 
-#include <gmock/gmock.h>
-
 #include <vosk/test/messageQueue.hpp>
 #include <vosk/test/support.hpp>
 

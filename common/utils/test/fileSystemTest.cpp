@@ -1,12 +1,10 @@
 #include <vosk/common/fileSystem.hpp>
 
-#include <gtest/gtest.h>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
 using vosk::common::FileSystem;
 namespace fs = std::filesystem;

@@ -1,18 +1,12 @@
 #include <vosk/common/fits.hpp>
 
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <numeric>
-#include <string>
-#include <vector>
 
 using testing::AllOf;
 using testing::ElementsAre;

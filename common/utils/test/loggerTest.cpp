@@ -4,22 +4,15 @@
 #include <vosk/test/tempDir.hpp>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
 
 namespace vosk::common {
 namespace {

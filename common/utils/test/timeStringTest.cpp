@@ -1,6 +1,6 @@
 #include <vosk/common/timeString.hpp>
 
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
 using namespace std::chrono_literals;
 

@@ -1,14 +1,8 @@
 #include <vosk/common/waitSynchronizer.hpp>
 
-#include <gtest/gtest.h>
 #include <vosk/test/support.hpp>
 
-#include <atomic>
-#include <chrono>
 #include <future>
-#include <optional>
-#include <stdexcept>
-#include <thread>
 
 using atomclk::AtomClk;
 using namespace std::chrono_literals;

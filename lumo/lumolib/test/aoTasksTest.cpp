@@ -2,17 +2,15 @@
 
 #include "testSupport.hpp"
 
-#include <gmock/gmock.h>
+#include <vosk/test/support.hpp>
 
 #include <atomclk/atomClk.hpp>
 #include <gim/config.hpp>
-#include <limits>
 #include <lumolib/aoTasks.hpp>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskHandoverManager.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
-#include <memory>
 #include <vosk/common/fits.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/tempDir.hpp>

@@ -6,14 +6,7 @@
 
 #include <vosk/test/support.hpp>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
 #include <bit>
-#include <cstring>
-#include <memory>
-#include <vector>
 
 namespace {
 

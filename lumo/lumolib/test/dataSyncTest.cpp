@@ -5,22 +5,9 @@
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 

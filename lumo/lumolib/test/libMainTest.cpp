@@ -2,9 +2,8 @@
 
 #include "testSupport.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
+#include <vosk/test/support.hpp>
 
 #include <gim/config.hpp>
 #include <lumolib/libMain.hpp>

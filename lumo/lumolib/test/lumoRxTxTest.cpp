@@ -1,15 +1,10 @@
 #include <lumolib/lumoRxTx.hpp>
 
-#include <gmock/gmock.h>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/loopback.hpp>
 #include <vosk/test/node.hpp>
 #include <vosk/test/recordingSocket.hpp>
 #include <vosk/test/support.hpp>
-
-#include <functional>
-#include <stdexcept>
-#include <string>
 
 using namespace std::chrono_literals;
 using testing::AllOf;

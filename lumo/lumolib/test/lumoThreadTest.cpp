@@ -1,21 +1,11 @@
 #include <lumolib/lumoThread.hpp>
 
-#include <gtest/gtest.h>
 #include <numa.h>
 #include <pthread.h>
 #include <sched.h>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
-
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 using atomclk::AtomClk;
 using namespace std::chrono_literals;

@@ -3,14 +3,10 @@
 
 #include "testSupport.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
-#include <array>
 #include <atomclk/atomClk.hpp>
-#include <cstring>
 #include <gim/config.hpp>
-#include <limits>
 #include <lumolib/aoWavefrontCmdInput.hpp>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/m4Input.hpp>

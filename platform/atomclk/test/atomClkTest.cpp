@@ -1,10 +1,8 @@
 #include <atomclk/atomClk.hpp>
 
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
-#include <array>
 #include <bit>
-#include <limits>
 
 using atomclk::AtomClk;
 using Transport = atomclk::detail::TransportTimepoint<0>;

@@ -1,14 +1,9 @@
 #include <oru/configng/pliConfigDocument.hpp>
 
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
-
-#include <string>
-#include <vector>
 
 using namespace oru::configng;
 using testing::ElementsAre;

@@ -1,17 +1,10 @@
 #include <oru/configng/pliConfigDocument.hpp>
 
-#include <gmock/gmock.h>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
 
-#include <cmath>
-#include <functional>
 #include <iterator>
-#include <limits>
-#include <string>
-#include <utility>
-#include <vector>
 
 using namespace oru::configng;
 using testing::HasSubstr;

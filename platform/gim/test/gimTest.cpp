@@ -1,7 +1,7 @@
 #include <gim/config.hpp>
 #include <gim/helper.hpp>
 
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
 #include <cstdlib>

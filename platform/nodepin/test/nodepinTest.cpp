@@ -1,6 +1,5 @@
 #include <nodepin/nodepin.hpp>
 
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -8,10 +7,7 @@
 #include <unistd.h>
 #include <vosk/test/support.hpp>
 
-#include <array>
 #include <cerrno>
-#include <cstring>
-#include <memory>
 #include <system_error>
 
 using testing::AllOf;

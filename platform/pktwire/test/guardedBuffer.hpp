@@ -2,7 +2,7 @@
 
 #include "fakeSockets.hpp"
 
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
 namespace pktwire::test {
 

@@ -2,10 +2,8 @@
 
 #include <pktwire/lspx.hpp>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <vosk/test/support.hpp>
 
-#include <array>
 #include <fstream>
 
 using namespace pktwire;

@@ -2,9 +2,7 @@
 
 #include "qudexBench.hpp"
 
-#include <gmock/gmock.h>
-
-#include <array>
+#include <vosk/test/support.hpp>
 
 using namespace pktwire;
 using namespace pktwire::test;

@@ -2,11 +2,9 @@
 
 #include <pktwire/lspx.hpp>
 
-#include <gmock/gmock.h>
 #include <vosk/test/allocationCount.hpp>
 #include <vosk/test/loopback.hpp>
-
-#include <array>
+#include <vosk/test/support.hpp>
 
 using namespace pktwire;
 using namespace pktwire::test;

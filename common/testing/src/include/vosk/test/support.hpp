@@ -1,18 +1,33 @@
 #pragma once
 
-// What tests of any layer say in the same words: an exception's text, a point in time, a condition waited
-// for, names and ports of this run alone.
+// What every test has at hand: GoogleTest and the common parts of the standard library, which no test needs
+// to name again; and what tests of any layer say in the same words: an exception's text, a point in time, a
+// condition waited for, names and ports of this run alone.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomclk/atomClk.hpp>
+#include <atomic>
 #include <chrono>
+#include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <numeric>
+#include <optional>
+#include <span>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace vosk::test {
 

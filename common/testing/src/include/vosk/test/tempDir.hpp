@@ -2,14 +2,13 @@
 
 // An empty directory of a test's own, which goes away with what is in it.
 
-#include <gtest/gtest.h>
 #include <cstdlib>
+#include <vosk/test/support.hpp>
 
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <system_error>
 
 namespace vosk::test {
