@@ -6,9 +6,7 @@ namespace vosk::rig {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using namespace testing;
 
 // A run of ten valid commands, 2 ms apart from second 100 on, all under INS control and all answered. Each
 // test takes something away.

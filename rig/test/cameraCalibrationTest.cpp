@@ -8,7 +8,6 @@
 #include <vosk/test/tempDir.hpp>
 
 #include <yaml-cpp/yaml.h>
-
 #include <numbers>
 
 namespace vosk::rig {

@@ -8,9 +8,7 @@
 namespace vosk::rig {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
+using namespace testing;
 
 TEST(EscapeHtml, LeavesNothingThatHtmlWouldRead) {
     EXPECT_EQ(EscapeHtml("<b a=\"1\" c='2'>&</b>"), "&lt;b a=&quot;1&quot; c=&#39;2&#39;&gt;&amp;&lt;/b&gt;");

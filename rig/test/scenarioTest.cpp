@@ -6,8 +6,7 @@ namespace vosk::rig {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
+using namespace testing;
 
 TEST(Scenario, ReadsWhatItSaysAndKeepsDefaultsForTheRest) {
     const Scenario scenario = ParseScenario(R"(

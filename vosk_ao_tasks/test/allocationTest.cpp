@@ -3,10 +3,9 @@
 #include <vosk/ao_tasks/executor.hpp>
 #include <vosk/test/allocationCount.hpp>
 
-#include <vosk/test/support.hpp>
-
 #include <mutex>
 #include <shared_mutex>
+#include <vosk/test/support.hpp>
 
 namespace {
 

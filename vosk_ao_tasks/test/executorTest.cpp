@@ -3,11 +3,10 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/test/logCapture.hpp>
 
-#include <vosk/test/support.hpp>
-
 #include <iterator>
 #include <mutex>
 #include <shared_mutex>
+#include <vosk/test/support.hpp>
 
 namespace {
 

@@ -13,9 +13,7 @@
 namespace bip = boost::interprocess;
 using namespace vosk::common::shmif;
 using testing::ElementsAre;
-using vosk::test::ChildProcess;
-using vosk::test::Drain;
-using vosk::test::Signals;
+using namespace vosk::test;
 
 namespace {
 

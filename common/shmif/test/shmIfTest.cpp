@@ -9,8 +9,7 @@
 
 using namespace std::chrono_literals;
 using namespace vosk::common::shmif;
-using testing::HasSubstr;
-using testing::ThrowsMessage;
+using namespace testing;
 
 namespace {
 

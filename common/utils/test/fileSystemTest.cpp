@@ -1,10 +1,9 @@
 #include <vosk/common/fileSystem.hpp>
 
-#include <vosk/test/support.hpp>
-#include <vosk/test/tempDir.hpp>
-
 #include <cstdlib>
 #include <filesystem>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
 
 using vosk::common::FileSystem;
 namespace fs = std::filesystem;

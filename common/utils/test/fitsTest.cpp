@@ -1,18 +1,13 @@
 #include <vosk/common/fits.hpp>
 
 #include <fmt/format.h>
-#include <vosk/test/support.hpp>
-#include <vosk/test/tempDir.hpp>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 using vosk::common::Fits;
 using vosk::test::TextOf;
 

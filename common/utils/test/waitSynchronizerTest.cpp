@@ -1,8 +1,7 @@
 #include <vosk/common/waitSynchronizer.hpp>
 
-#include <vosk/test/support.hpp>
-
 #include <future>
+#include <vosk/test/support.hpp>
 
 using atomclk::AtomClk;
 using namespace std::chrono_literals;

@@ -23,9 +23,7 @@ using defs::M4_CMD_SIZE;
 using log4cplus::ERROR_LOG_LEVEL;
 using std::chrono::microseconds;
 using test::Eventually;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
+using namespace testing;
 using vosk::test::LogCapture;
 using enum defs::VoskControlMode;
 

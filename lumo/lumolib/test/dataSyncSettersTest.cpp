@@ -1,12 +1,10 @@
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
 
+#include <bit>
 #include <vosk/defs/controlMode.hpp>
 #include <vosk/defs/wireRecords.hpp>
-
 #include <vosk/test/support.hpp>
-
-#include <bit>
 
 namespace {
 

@@ -2,20 +2,18 @@
 #include <lumolib/dataSyncManager.hpp>
 
 #include <atomclk/atomClk.hpp>
-#include <vosk/test/logCapture.hpp>
-#include <vosk/test/support.hpp>
-
 #include <future>
 #include <mutex>
 #include <shared_mutex>
+#include <vosk/test/logCapture.hpp>
+#include <vosk/test/support.hpp>
 
 namespace {
 
 using namespace vosk::lumo;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using vosk::test::At;
-using vosk::test::PATIENCE;
+using namespace vosk::test;
 
 // From another thread, as the owner of a lock may not try it again.
 bool IsFree(std::shared_mutex& mutex) {

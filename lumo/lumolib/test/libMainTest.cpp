@@ -18,11 +18,8 @@ namespace {
 using defs::Camera;
 using defs::VoskControlMode;
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using vosk::test::LogCapture;
-using vosk::test::TextOf;
-using vosk::test::UniquePort;
+using namespace testing;
+using namespace vosk::test;
 
 gim::Config ConfigOf(const std::string& text) {
     gim::Config config;

@@ -7,10 +7,7 @@
 #include <vosk/test/support.hpp>
 
 using namespace std::chrono_literals;
-using testing::AllOf;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 using vosk::test::LogCapture;
 
 namespace vosk::lumo {

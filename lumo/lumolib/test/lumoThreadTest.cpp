@@ -16,9 +16,7 @@ namespace {
 using log4cplus::ERROR_LOG_LEVEL;
 using log4cplus::WARN_LOG_LEVEL;
 using oru::configng::PliConfigInstanceNode;
-using vosk::test::Eventually;
-using vosk::test::LogCapture;
-using vosk::test::TextOf;
+using namespace vosk::test;
 
 PliConfigInstanceNode Node(const std::string& value) {
     return vosk::test::NodeOf("node: " + value)["node"];
@@ -226,8 +224,7 @@ TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
 }
 
 TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {
-    using vosk::test::At;
-    EXPECT_EQ(CeilToNextInterval(At(1'000'001), 0us, 250us), At(1'250'001));
+        EXPECT_EQ(CeilToNextInterval(At(1'000'001), 0us, 250us), At(1'250'001));
     EXPECT_EQ(CeilToNextInterval(At(1'000'000), 1000us, 0us), At(1'000'000));
     EXPECT_EQ(CeilToNextInterval(At(1'000'001), 1000us, 0us), At(2'000'000));
     EXPECT_EQ(CeilToNextInterval(At(1), 3ms, 250us), At(3'250'000));

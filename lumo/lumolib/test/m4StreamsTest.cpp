@@ -29,11 +29,8 @@ using defs::VoskControlMode;
 using log4cplus::WARN_LOG_LEVEL;
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
-using vosk::test::LogCapture;
-using vosk::test::RecordingSocket;
-using vosk::test::TextOf;
+using namespace testing;
+using namespace vosk::test;
 
 constexpr AtomClk::time_point START{std::chrono::hours{1}};
 

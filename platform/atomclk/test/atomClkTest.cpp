@@ -1,8 +1,7 @@
 #include <atomclk/atomClk.hpp>
 
-#include <vosk/test/support.hpp>
-
 #include <bit>
+#include <vosk/test/support.hpp>
 
 using atomclk::AtomClk;
 using Transport = atomclk::detail::TransportTimepoint<0>;

@@ -6,8 +6,7 @@
 #include <vosk/test/tempDir.hpp>
 
 using namespace oru::configng;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 

@@ -1,10 +1,9 @@
 #include <oru/configng/pliConfigDocument.hpp>
 
+#include <iterator>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
-
-#include <iterator>
 
 using namespace oru::configng;
 using testing::HasSubstr;
@@ -14,8 +13,7 @@ using Shape = std::optional<std::pair<unsigned long, unsigned long>>;
 
 namespace {
 
-using vosk::test::LogCapture;
-using vosk::test::TextOf;
+using namespace vosk::test;
 
 PliConfigInstanceNode Value(const std::string& text) {
     return vosk::test::NodeOf("v: " + text)["v"];

@@ -1,10 +1,9 @@
 #include <gim/config.hpp>
 #include <gim/helper.hpp>
 
+#include <cstdlib>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
-
-#include <cstdlib>
 
 // The order of the search is tried with the callers of FindFile, in common.
 TEST(Config, IsLoadedByNameAndKeptWhenTheNextIsUnusable) {

@@ -5,14 +5,11 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
-#include <vosk/test/support.hpp>
-
 #include <cerrno>
 #include <system_error>
+#include <vosk/test/support.hpp>
 
-using testing::AllOf;
-using testing::EndsWith;
-using testing::HasSubstr;
+using namespace testing;
 using vosk::test::TextOf;
 
 namespace {

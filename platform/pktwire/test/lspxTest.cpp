@@ -2,9 +2,8 @@
 
 #include <pktwire/lspx.hpp>
 
-#include <vosk/test/support.hpp>
-
 #include <fstream>
+#include <vosk/test/support.hpp>
 
 using namespace pktwire;
 using namespace pktwire::test;

@@ -8,15 +8,13 @@
 
 using namespace pktwire;
 using namespace pktwire::test;
-using testing::HasSubstr;
-using testing::ThrowsMessage;
+using namespace testing;
 
 namespace {
 
 constexpr std::chrono::nanoseconds LONG = 30s;
 
-using vosk::test::Listening;
-using vosk::test::SendingTo;
+using namespace vosk::test;
 
 TEST(Ipv4, ReadsDottedTextOnly) {
     EXPECT_EQ(std::string(Ipv4{}), "");

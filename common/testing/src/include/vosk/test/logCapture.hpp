@@ -6,14 +6,13 @@
 #include <log4cplus/appender.h>
 #include <log4cplus/spi/loggingevent.h>
 
-#include <vosk/common/logger.hpp>
-
 #include <algorithm>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+#include <vosk/common/logger.hpp>
 
 namespace vosk::test {
 
