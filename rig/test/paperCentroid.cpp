@@ -93,27 +93,4 @@ Expected PaperCentroid::From(double threshold) const {
     return {quantity(0, 1.0), quantity(1, sums.mean[0]), quantity(2, sums.mean[0])};
 }
 
-double PaperCentroid::ThresholdFor(double count) const {
-    double low = -1e3;
-    double high = 1e6;
-    for (int step = 0; step < 50; ++step) {
-        const double middle = 0.5 * (low + high);
-        double above = 0.0;
-        for (const Pixel& pixel : m_pixels) above += UpperTail((middle - pixel.mean) / pixel.rms);
-        (above > count ? low : high) = middle;
-    }
-    return 0.5 * (low + high);
-}
-
-double PaperCentroid::BrightestRmsBound(std::size_t n) const {
-    double flux = 0.0;
-    double rms = 0.0;
-    for (std::size_t count = 1; count <= n; ++count) {
-        const Sums sums = SumFrom(ThresholdFor(static_cast<double>(count)));
-        flux += sums.mean[0];
-        rms += std::sqrt(std::max(sums.variance[1], sums.variance[2]));
-    }
-    return rms / flux;
-}
-
 }  // namespace vosk::rig

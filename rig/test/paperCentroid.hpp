@@ -41,11 +41,6 @@ public:
     Expected OfAll() const { return From(-1e9); }
     Expected From(double threshold) const;
 
-    // A bound on the rms of x and y over the n brightest, weighted by rank, of a spot in the middle. Rank
-    // weighting adds up the sums over the 1, 2, .. n brightest; each of them is a sum from a threshold on,
-    // and the rms of a sum is at most the sum of the rms.
-    double BrightestRmsBound(std::size_t n) const;
-
 private:
     // A pixel's value enters flux, first moment in x and first moment in y by 1, its column and its row.
     struct Pixel {
@@ -63,7 +58,6 @@ private:
     };
 
     Sums SumFrom(double threshold) const;
-    double ThresholdFor(double count) const;
 
     image_processing::Roi m_roi;
     double m_common_variance;
