@@ -17,7 +17,7 @@ protected:
     Books() {
         m_scenario.expect.min_setpoints = 0;
         m_scenario.expect.max_exceptions = 0.5;
-        m_modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(-50ms), At(-40ms)}};
+        m_facts.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(-50ms), At(-40ms)}};
         for (std::size_t i = 0; i < COMMANDS; ++i) {
             m_commands.push_back(
                 {i, At(2ms * i), At(2ms * i + 10us), static_cast<defs::sample_id_t>(i), true, {}});
@@ -55,14 +55,12 @@ protected:
         m_facts.commands = m_commands;
         m_facts.setpoints = m_setpoints;
         m_facts.checked = m_checked;
-        m_facts.modes = m_modes;
         if (!m_facts.host_exit) m_facts.host_exit = 0;
         return MakeAccounts(m_scenario, m_facts);
     }
 
     Scenario m_scenario;
     RunFacts m_facts;
-    std::vector<ModeTimeline::Change> m_modes;
     std::vector<CommandRecord> m_commands;
     std::vector<SetpointRecord> m_setpoints;
     std::vector<CheckedSetpoint> m_checked;
@@ -129,7 +127,7 @@ TEST_F(Books, PutTheRigsOwnHarmDownToTheRig) {
 }
 
 TEST_F(Books, LeaveOutWhatTheHandoverThrowsAwayButNoMore) {
-    m_modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(1ms), At(3ms)}};
+    m_facts.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(1ms), At(3ms)}};
     // Commands 0 and 1 were sent before the host said yes; 2 is thrown away.
     for (int i = 0; i < 3; ++i) TakeAway(0, Made::No);
     const Accounts accounts = Make();

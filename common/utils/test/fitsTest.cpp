@@ -30,6 +30,13 @@ protected:
         return Fits::FitsFile(Path("image.fits"));
     }
 
+    void WriteImageAndTable() const {
+        Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(12), {4, 3});
+        const auto file = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
+        Fits::WriteTable(file, {{"a", "E"}});
+        EXPECT_EQ(Fits::WriteColumnPriv(file, Ramp(3).data(), 3, TFLOAT, "a", 1), 3U);
+    }
+
     const vosk::test::TempDir m_directory;
 };
 
@@ -265,15 +272,10 @@ TEST_F(FitsFiles, RefuseALogicalColumnWithAnUndefinedEntry) {
 }
 
 TEST_F(FitsFiles, TakeATableBesideTheirImage) {
-    Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(4), {4});
-    {
-        const auto file = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
-        Fits::WriteTable(file, {{"a", "E"}});
-        EXPECT_EQ(Fits::WriteColumnPriv(file, Ramp(2).data(), 2, TFLOAT, "a", 1), 2U);
-    }
-    EXPECT_EQ(Fits::ReadImg<float>(Fits::FitsFile(Path("both.fits"))), Ramp(4));
+    WriteImageAndTable();
+    EXPECT_EQ(Fits::ReadImg<float>(Fits::FitsFile(Path("both.fits"))), Ramp(12));
     const auto again = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
-    EXPECT_THAT(Fits::ReadTableParams(again, {}).first, ElementsAre(1, 2));
+    EXPECT_THAT(Fits::ReadTableParams(again, {}).first, ElementsAre(1, 3));
 }
 
 TEST_F(FitsFiles, AreReadByAnotherReaderWithTheirChecksums) {
@@ -282,12 +284,7 @@ TEST_F(FitsFiles, AreReadByAnotherReaderWithTheirChecksums) {
     };
     const std::string python = runs("python3 -c 'import astropy'") ? "python3" : "/usr/bin/python3";
     if (!runs(python + " -c 'import astropy'")) GTEST_SKIP() << "astropy is not installed";
-    Fits::WriteImg<float>(Fits::FitsFileWrite(Path("both.fits"), true), Ramp(12), {4, 3});
-    {
-        const auto file = Fits::FitsFileWrite(Path("both.fits"), false, "TAB");
-        Fits::WriteTable(file, {{"a", "E"}});
-        Fits::WriteColumnPriv(file, Ramp(3).data(), 3, TFLOAT, "a", 1);
-    }
+    WriteImageAndTable();
     const std::string script = m_directory.Put(
         "check.py",
         "import sys, warnings\n"

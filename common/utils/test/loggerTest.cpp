@@ -123,12 +123,17 @@ TEST_F(LoggerTest, WriterGoesOnAndLinesAreCountedWhenTheOutputBlocks) {
     ::close(pipe);
 }
 
-TEST_F(LoggerTest, CountsLinesThatCouldNotBeWritten) {
+TEST_F(LoggerTest, CountsLinesThatCouldNotBeWrittenAndTellsOfThem) {
     SetupLogging(log4cplus::INFO_LOG_LEVEL, "/dev/full");
     const auto dropped_before = DroppedLogLines();
     LogInfo("lost");
     FlushLog();
     EXPECT_EQ(DroppedLogLines(), dropped_before + 1);
+    SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file);
+    LogInfo("here again");
+    FlushLog();
+    EXPECT_THAT(FileLines(), testing::UnorderedElementsAre(testing::HasSubstr("1 log lines lost"),
+                                                           testing::HasSubstr("here again")));
 }
 
 TEST_F(LoggerTest, LosesNothingAtExit) {
