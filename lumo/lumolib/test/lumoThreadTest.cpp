@@ -224,7 +224,7 @@ TEST(RxTxThread, ReadTheirTimesOverTheDefaults) {
 }
 
 TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {
-        EXPECT_EQ(CeilToNextInterval(At(1'000'001), 0us, 250us), At(1'250'001));
+    EXPECT_EQ(CeilToNextInterval(At(1'000'001), 0us, 250us), At(1'250'001));
     EXPECT_EQ(CeilToNextInterval(At(1'000'000), 1000us, 0us), At(1'000'000));
     EXPECT_EQ(CeilToNextInterval(At(1'000'001), 1000us, 0us), At(2'000'000));
     EXPECT_EQ(CeilToNextInterval(At(1), 3ms, 250us), At(3'250'000));
