@@ -1,6 +1,7 @@
 #include <vosk/ao_tasks/executor.hpp>
 #include <vosk/common/assert.hpp>
 #include <vosk/common/logger.hpp>
+#include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 
 #include <algorithm>
@@ -66,6 +67,11 @@ std::span<float, defs::M4_CMD_SIZE> Executor::Step3_ProcessM4SetpointData() {
     m_time_stats.saturation_end = AtomClk::now();
     m_state = State::STEP3;
     return m_setpoint;
+}
+
+bool Executor::IsSetpointFinite() const {
+    VOSK_ASSERT(m_state == State::STEP3);
+    return common::math::AllFinite(m_assembled_command) && common::math::AllFinite(m_setpoint);
 }
 
 std::span<float, defs::INS_CMD_SIZE> Executor::Step4a_ProcessM4SetpointAppliedData(

@@ -198,7 +198,7 @@ void AoTasks::ClearInputs() {
 void AoTasks::SendSetpoint(Plan& plan) {
     const auto setpoint = m_executor.Step3_ProcessM4SetpointData();
     m_time_stats.process_m4_setpoint = AtomClk::now();
-    if (plan.source != AoCommandSource::NONE && !common::math::AllFinite(setpoint)) {
+    if (plan.source != AoCommandSource::NONE && !m_executor.IsSetpointFinite()) {
         LogError("AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at {}",
                  GetTimeString(plan.send_time));
         plan.source = AoCommandSource::NONE;

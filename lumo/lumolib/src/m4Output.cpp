@@ -67,19 +67,23 @@ bool M4Output::RunCycle() {
     const auto synchronizer = m_sync->GetSynchronizer();
     if (!synchronizer->Wait(m_running)) return false;
 
-    Setpoint setpoint = TakeSetpoint();
-    if (!PlanSend(setpoint)) return true;
+    auto setpoint = TakeSetpoint();
+    if (!setpoint || !PlanSend(*setpoint)) return true;
     const defs::FloatVectorTT tip_tilt{m_wire.setpoint[0], m_wire.setpoint[1]};
-    if (!WaitUntil(setpoint.send_time)) return false;
-    SendSegments(setpoint);
-    PublishSendPeriod(setpoint);
-    Report(setpoint, tip_tilt);
+    if (!WaitUntil(setpoint->send_time)) return false;
+    SendSegments(*setpoint);
+    PublishSendPeriod(*setpoint);
+    Report(*setpoint, tip_tilt);
     return true;
 }
 
 // The bytes are swapped here, ahead of the wait, so that little is left to do when the moment has come.
-M4Output::Setpoint M4Output::TakeSetpoint() {
+std::optional<M4Output::Setpoint> M4Output::TakeSetpoint() {
     const std::shared_lock lock{m_sync->GetMutex()};
+    if (!m_sync->IsNewData()) {
+        m_sync->ClearDataReady();
+        return {};
+    }
     const M4SetpointData& data = m_sync->GetDataRef();
     const Setpoint setpoint{m_sync->GetSampleId(), data.send_time};
     defs::ToWireOrder(data.setpoint, m_wire.setpoint);

@@ -150,7 +150,8 @@ protected:
 };
 
 // The first point at or after `time` of the grid that is anchored at the clock's epoch, plus the offset. All
-// users of one interval so fall on one grid. Without an interval, `time` plus the offset.
+// users of one interval so fall on one grid. Without an interval, `time` plus the offset. Whoever takes
+// `time` from a packet bounds it first: the sum must not pass the end of the clock.
 template <class Clock, class Duration, class Interval, class Offset>
 std::chrono::time_point<Clock, Duration> CeilToNextInterval(
     const std::chrono::time_point<Clock, Duration>& time, Interval interval, Offset offset) {

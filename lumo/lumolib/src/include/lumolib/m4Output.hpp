@@ -13,6 +13,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/common/telegraf/telemSender.hpp>
 #include <vosk/defs/valueTypes.hpp>
@@ -41,7 +42,8 @@ private:
         time_point send_time;
     };
 
-    Setpoint TakeSetpoint();
+    // Nothing: the notification came late, of a setpoint that an earlier cycle has taken.
+    std::optional<Setpoint> TakeSetpoint();
     // Settles when the setpoint goes. False: too late, it is dropped.
     bool PlanSend(Setpoint& setpoint);
     void SendSegments(const Setpoint& setpoint);

@@ -50,6 +50,10 @@ public:
     // The setpoint to send: assembled command plus reference shape, limited.
     std::span<float, defs::M4_CMD_SIZE> Step3_ProcessM4SetpointData();
 
+    // After step 3: whether command and setpoint hold numbers only. The setpoint alone does not tell, as the
+    // limits turn infinite values into zeroes.
+    bool IsSetpointFinite() const;
+
     // M4 answered with the right sample. The result of 4a to 4c is what M4 applied, reference shape removed.
     std::span<float, defs::INS_CMD_SIZE> Step4a_ProcessM4SetpointAppliedData(
         std::span<const float, defs::M4_CMD_SIZE> applied);
