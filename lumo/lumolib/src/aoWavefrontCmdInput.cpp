@@ -6,6 +6,8 @@
 #include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 
+#include <span>
+
 namespace vosk::lumo {
 
 namespace {
@@ -37,6 +39,15 @@ void CheckForm(const pktwire::lspx::Receiver::Config& config, const std::string&
     if (config.data_unit_size != sizeof(float)) refuse(".data_unit_size must be 4");
     if (config.leader_extended_info_size != sizeof(defs::AoWavefrontCmdStream::ExtInfo::Header))
         refuse(".leader_extended_info_size must be 4");
+}
+
+// 0 is no time, and one far ahead would keep AoTasks, M4Output and the AO output waiting for it.
+bool IsUsable(time_point command_time, time_point receive_time) {
+    return command_time > time_point{} && command_time <= receive_time + MAX_TIME_AHEAD;
+}
+
+bool IsValid(const defs::AoWavefrontCmdStream::ExtInfo::Header& header) {
+    return (header.flags & defs::AoWavefrontCmdStream::ExtInfo::VALID) != 0;
 }
 
 }  // namespace
@@ -73,21 +84,24 @@ void AoWavefrontCmdInput::OnError(const std::error_code& error, time_point now) 
     m_stream_state->RecordInvalidSample(now);
 }
 
-// The AO output is woken by every command that tells a usable time. A time far ahead would keep AoTasks and
-// M4Output waiting for it; 0 is none.
-void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPacket& trailer,
-                                   const Buffers& buffers, time_point receive_time) {
-    const time_point command_time = trailer.Timestamp();
+// A command that could do harm goes on as one whose valid bit is clear, and one without a usable time as one
+// that was sent when it came: the AO output keeps its beat, and field stabilisation its reference.
+void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, Buffers& buffers,
+                                   time_point receive_time) {
     const auto id = trailer.SampleId();
-    if (command_time <= time_point{} || command_time > receive_time + MAX_TIME_AHEAD)
-        return OnFault("its time is out of range", id, receive_time);
+    const bool has_time = IsUsable(trailer.Timestamp(), receive_time);
+    const time_point command_time = has_time ? trailer.Timestamp() : receive_time;
+    if (IsValid(buffers.header)) {
+        const char* fault = has_time ? FaultOf(leader, buffers) : "its time is out of range";
+        if (fault) {
+            common::LogWarn("ReceiveSample: unusable wavefront command, sample_id = {}: {}", id, fault);
+            buffers.header.flags &= static_cast<std::uint8_t>(~defs::AoWavefrontCmdStream::ExtInfo::VALID);
+        }
+    }
 
-    const char* fault = FaultOf(leader, buffers);
-    if (!fault) m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
+    if (HoldsPair(leader, buffers)) m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
     m_output_sync->SetData(AoWavefrontCmdTimestamps{command_time, receive_time}, id, atomclk::AtomClk::now());
-    if (fault) return OnFault(fault, id, receive_time);
-
-    const bool valid = (buffers.header.flags & defs::AoWavefrontCmdStream::ExtInfo::VALID) != 0;
+    const bool valid = IsValid(buffers.header);
     if (valid) {
         m_statistics->Update(command_time, receive_time);
         m_stream_state->RecordValidSample(receive_time);
@@ -107,9 +121,10 @@ const char* AoWavefrontCmdInput::FaultOf(const LeaderPacket& leader, const Buffe
     return nullptr;
 }
 
-void AoWavefrontCmdInput::OnFault(const char* fault, defs::sample_id_t id, time_point receive_time) {
-    common::LogWarn("ReceiveSample: unusable wavefront command, sample_id = {}: {}", id, fault);
-    m_stream_state->RecordInvalidSample(receive_time);
+// The two values that are kept whatever the mode and the valid bit.
+bool AoWavefrontCmdInput::HoldsPair(const LeaderPacket& leader, const Buffers& buffers) {
+    return leader.NumUnits() == buffers.payload.command.size() &&
+           common::math::AllFinite(std::span{buffers.payload.command}.first<defs::TIP_TILT_SIZE>());
 }
 
 }  // namespace vosk::lumo

@@ -59,6 +59,8 @@ protected:
 
 class SteppedM4Output : public M4Output {
 public:
+    using M4Output::RunCycle;
+
     SteppedM4Output(const std::string& keys, pktwire::TxSocket& socket)
         : M4Output{test::CfgOf("cfg: {busy: false, ip_dest: 127.0.0.1, udp_dest: 9, " + keys + "}")} {
         m_sender = std::make_unique<pktwire::qudex::Sender>(m_qudex_cfg, socket, nullptr);
@@ -121,6 +123,11 @@ TEST_F(M4OutputTest, DropsASetpointOneNanosecondTooLate) {
                         "passed, diff = +50 us, no data will be sent!"));
     m_output.Send(START - microseconds{50}, 2);
     m_output.Send({}, 3);  // no send time: at once, with the present time
+    // A writer that notifies only after its setpoint was taken.
+    common::WaitSynchronizerFlagBase& flag = *Get<M4OutputDataSync>(false);
+    flag.SetDataReady();
+    EXPECT_TRUE(m_output.RunCycle());
+    EXPECT_FALSE(flag.IsDataReady());
     EXPECT_EQ(Sent(), 2U);
     EXPECT_EQ(AtomClk::time_point{Header(3).timestamp}, START);
 }
@@ -313,7 +320,8 @@ TEST_F(CommandInput, EveryCommandWakesTheAoOutputAndValidOnesAoTasks) {
     EXPECT_TRUE(m_output->IsDataReady());
 }
 
-TEST_F(CommandInput, UnusableCommandsAreInvalidAndKeptFromAoTasks) {
+// The pair in front and the beat of the AO output go on, whatever is wrong with the rest of a command.
+TEST_F(CommandInput, UnusableCommandsCountAsInvalidOnes) {
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
     using Float = std::numeric_limits<float>;
     constexpr std::size_t SIZE = defs::WAVEFRONT_CMD_SIZE;
@@ -322,35 +330,52 @@ TEST_F(CommandInput, UnusableCommandsAreInvalidAndKeptFromAoTasks) {
     const AtomClk::time_point epoch{};
     struct Case {
         std::size_t size;
-        float last;  // value of the command
+        float first;  // value of the command
+        float last;
+        bool valid;  // as the instrument says
         AtomClk::time_point time;
         std::string fault;
+        bool keeps_pair = true;
     };
     const std::vector<Case> cases{
-        {SIZE - 1, 0, START, "it has another size"},
-        {SIZE, Float::infinity(), START, number},
-        {SIZE, Float::quiet_NaN(), START, number},
-        {SIZE, 0, AtomClk::time_point::max(), time},
-        {SIZE, 0, START + std::chrono::seconds{1} + nanoseconds{1}, time},
-        {SIZE, 0, START + std::chrono::seconds{1}, ""},
-        {SIZE, 0, AtomClk::time_point::min(), time},
-        {SIZE, 0, epoch, time},  // stands for no time
-        {SIZE, 0, epoch + nanoseconds{1}, ""},
+        {SIZE - 1, 1, 0, true, START, "it has another size", false},
+        {SIZE, 2, Float::infinity(), true, START, number},
+        {SIZE, Float::quiet_NaN(), 0, true, START, number, false},
+        {SIZE, 3, Float::quiet_NaN(), false, START, ""},
+        {SIZE, 4, 0, true, AtomClk::time_point::max(), time},
+        {SIZE, 5, 0, true, START + std::chrono::seconds{1} + nanoseconds{1}, time},
+        {SIZE, 6, 0, true, START + std::chrono::seconds{1}, ""},
+        {SIZE, 7, 0, true, AtomClk::time_point::min(), time},
+        {SIZE, 8, 0, true, epoch, time},  // stands for no time
+        {SIZE, 9, 0, false, epoch, ""},
+        {SIZE, 10, 0, true, epoch + nanoseconds{1}, ""},
     };
     unsigned id = 0;
     for (const Case& test : cases) {
+        SCOPED_TRACE(++id);
         const LogCapture log;
         const auto [valid, invalid] = Counts(m_state);
         std::vector<float> command(test.size);
+        command.front() = test.first;
         command.back() = test.last;
-        Receive(++id, true, command, test.time);
-        const bool usable = test.fault.empty();
-        EXPECT_EQ(Counts(m_state), std::pair(valid + (usable ? 1 : 0), invalid + (usable ? 0 : 1))) << id;
-        EXPECT_EQ(m_ins->IsNewData(), usable) << id;
-        EXPECT_EQ(m_output->IsDataReady(), test.fault != time) << id;
+        Receive(id, test.valid, command, test.time);
+        const bool used = test.valid && test.fault.empty();
+        EXPECT_EQ(Counts(m_state), std::pair(valid + (used ? 1 : 0), invalid + (used ? 0 : 1)));
+        EXPECT_EQ(m_ins->IsDataReady(), used);
+        EXPECT_EQ(m_ins->IsNewData(), test.keeps_pair);
+        const InsCmdData stored = m_ins->GetData();
+        EXPECT_EQ(stored.command[0] == test.first, test.keeps_pair);
+        // Nobody downstream waits for a time that is none.
+        const bool has_time = test.time > epoch && test.time <= START + std::chrono::seconds{1};
+        EXPECT_TRUE(m_output->IsDataReady());
+        EXPECT_EQ(m_output->GetData().command_time, has_time ? test.time : START);
+        if (test.keeps_pair) {
+            EXPECT_EQ(stored.flags, used ? 1U : 0U);
+            EXPECT_EQ(m_ins->GetTimestamp(), m_output->GetData().command_time);
+        }
         EXPECT_EQ(log.Has(WARN_LOG_LEVEL, "ReceiveSample: unusable wavefront command, sample_id = " +
                                               std::to_string(id) + ": " + test.fault),
-                  !usable);
+                  !test.fault.empty());
     }
 }
 

@@ -2,7 +2,7 @@
 
 // The thread that receives the wavefront commands of the instrument, the clock of the INS-driven modes. It
 // hands each command to AoTasks, and wakes the AO output with the command's time stamps, valid or not. One
-// that could do harm is kept from AoTasks, one without a usable time from both.
+// that could do harm counts as not valid.
 
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/lumoRxTx.hpp>
@@ -36,10 +36,10 @@ private:
     using TrailerPacket = pktwire::lspx::Receiver::TrailerPacket;
 
     void OnError(const std::error_code& error, time_point now);
-    void OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, const Buffers& buffers,
+    void OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, Buffers& buffers,
                   time_point receive_time);
     static const char* FaultOf(const LeaderPacket& leader, const Buffers& buffers);
-    void OnFault(const char* fault, defs::sample_id_t id, time_point receive_time);
+    static bool HoldsPair(const LeaderPacket& leader, const Buffers& buffers);
 
     const std::shared_ptr<AoTasksInsDataSync> m_ins_sync;
     const std::shared_ptr<AoOutputDataSync> m_output_sync;
