@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <stdexcept>
 
 namespace vosk::image_processing {
 
@@ -15,7 +16,7 @@ constexpr std::size_t KERNEL_SIZE = 9;
 
 void CheckCoordinate(const char* axis, std::uint32_t value, std::uint32_t extent) {
     if (value > 0 && std::uint64_t{value} + 1 < extent) return;
-    common::LogAndThrow(fmt::format("ERR: Bad pixel {}-value {} out of range", axis, value));
+    throw std::runtime_error{fmt::format("ERR: Bad pixel {}-value {} out of range", axis, value)};
 }
 
 }  // namespace
@@ -29,7 +30,7 @@ bad_pixel_correction_block::bad_pixel_correction_block(
       m_pixel_weights{std::move(pixel_weights)},
       m_weight_sum{std::accumulate(m_pixel_weights.begin(), m_pixel_weights.end(), 0.0F)} {
     if (m_pixel_weights.size() != KERNEL_SIZE) {
-        common::LogAndThrow(fmt::format("ERR: Only supplied {} pixel weights", m_pixel_weights.size()));
+        throw std::runtime_error{fmt::format("ERR: Only supplied {} pixel weights", m_pixel_weights.size())};
     }
     for (const auto& [x, y] : m_bad_pixels) {
         CheckCoordinate("X", x, m_width);
@@ -60,16 +61,26 @@ void bad_pixel_correction_block::work(std::span<float> frame, const Roi& roi) co
 namespace factory {
 
 using oru::configng::PliConfigInstanceNode;
+using oru::configng::PliConfigTypeError;
+using oru::configng::PliConfigValueError;
 
 namespace {
 
+const PliConfigInstanceNode& RequireSequence(const PliConfigInstanceNode& node) {
+    if (node.IsSequence()) return node;
+    throw PliConfigTypeError(
+        fmt::format("CreateBadPixelCorrectionAlgorithm: {} must be a sequence", node.GetPath()),
+        node.GetWhere());
+}
+
 std::vector<std::pair<std::uint32_t, std::uint32_t>> ReadPixels(const PliConfigInstanceNode& list) {
     std::vector<std::pair<std::uint32_t, std::uint32_t>> pixels;
-    for (const auto& pixel : list) {
-        if (pixel.GetSize() != 2) {
-            common::LogAndThrow(
+    for (const auto& pixel : RequireSequence(list)) {
+        if (RequireSequence(pixel).GetSize() != 2) {
+            throw PliConfigValueError(
                 fmt::format("CreateBadPixelCorrectionAlgorithm: {} has {} values, not x and y",
-                            pixel.GetPath(), pixel.GetSize()));
+                            pixel.GetPath(), pixel.GetSize()),
+                pixel.GetWhere());
         }
         pixels.emplace_back(pixel[0].As<unsigned int>(), pixel[1].As<unsigned int>());
     }
@@ -78,7 +89,7 @@ std::vector<std::pair<std::uint32_t, std::uint32_t>> ReadPixels(const PliConfigI
 
 std::vector<float> ReadWeights(const PliConfigInstanceNode& list) {
     std::vector<float> weights;
-    for (const auto& weight : list) weights.push_back(weight.As<float>());
+    for (const auto& weight : RequireSequence(list)) weights.push_back(weight.As<float>());
     return weights;
 }
 

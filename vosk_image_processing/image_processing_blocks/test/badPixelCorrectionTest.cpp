@@ -74,7 +74,8 @@ TEST(BadPixelCorrection, RepairsOnlyInTheRegion) {
     EXPECT_EQ(Repaired({}, NEIGHBOURS, WHOLE), Squares());
 }
 
-TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernels) {
+TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernelsAndLeavesTheLogToItsMaker) {
+    const test::LogCapture log;
     EXPECT_EQ(ErrorOf(1, 1, NEIGHBOURS), "no exception");
     EXPECT_EQ(ErrorOf(WIDTH - 2, HEIGHT - 2, NEIGHBOURS), "no exception");
     EXPECT_EQ(ErrorOf(0, 1, NEIGHBOURS), "ERR: Bad pixel X-value 0 out of range");
@@ -84,6 +85,7 @@ TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernels) {
     EXPECT_EQ(ErrorOf(0xFFFFFFFF, 1, NEIGHBOURS), "ERR: Bad pixel X-value 4294967295 out of range");
     EXPECT_EQ(ErrorOf(0, 0, Weights(8)), "ERR: Only supplied 8 pixel weights");
     EXPECT_EQ(ErrorOf(0, 0, Weights(10)), "ERR: Only supplied 10 pixel weights");
+    EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(BadPixelCorrection, WarnsOfWeightsWithoutAUsableSum) {
@@ -123,8 +125,23 @@ TEST(BadPixelCorrectionFactory, TellsWhyThereIsNone) {
     EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]], pixel_weights: [1]}"), null("no bad pixels, skipping"));
     EXPECT_EQ(Made("b: {bad_pixels: [[1, 4]], " + weights + "}").first,
               "ERR: Bad pixel Y-value 4 out of range");
-    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], [2, 2, 2]], " + weights + "}").first,
-              prefix + "a.b.bad_pixels[1] has 3 values, not x and y");
+    const std::vector<std::pair<std::string, std::string>> odd_lists{
+        {"bad_pixels: {a: [1, 1]}, " + weights, "a.b.bad_pixels must be a sequence"},
+        {"bad_pixels: 3, " + weights, "a.b.bad_pixels must be a sequence"},
+        {"bad_pixels: [[1, 1], {x: 2, y: 2}], " + weights, "a.b.bad_pixels[1] must be a sequence"},
+        {"bad_pixels: [[1, 1], 2], " + weights, "a.b.bad_pixels[1] must be a sequence"},
+        {"bad_pixels: [[1, 1], [2, 2, 2]], " + weights, "a.b.bad_pixels[1] has 3 values, not x and y"},
+        {"bad_pixels: [[1, 1]], pixel_weights: {a: 1}", "a.b.pixel_weights must be a sequence"}};
+    for (const auto& [section, text] : odd_lists) {
+        const auto node = test::NodeOf("\na: {b: {" + section + "}}")["a"];
+        try {
+            factory::CreateBadPixelCorrection(node, "b", WIDTH, HEIGHT);
+            ADD_FAILURE() << section;
+        } catch (const oru::configng::PliConfigError& error) {
+            EXPECT_EQ(error.what(), prefix + text);
+            EXPECT_EQ(error.Where(), node["b"].GetWhere());
+        }
+    }
 }
 
 TEST(BadPixelCorrectionFactory, RefusesANodeThatIsNoMap) {

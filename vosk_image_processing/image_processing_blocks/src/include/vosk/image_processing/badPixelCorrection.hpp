@@ -20,7 +20,7 @@ class bad_pixel_correction_block {
 public:
     // Width and height are those of the cleaned frame; bad pixels are (x, y), none of them on its border. The
     // weights are the kernel, row by row: 0 is up-left of the pixel, 4 the pixel itself. What breaks this is
-    // logged and thrown as std::runtime_error. Weights without a usable sum are taken, with a warning.
+    // thrown as std::runtime_error, without a log. Weights without a usable sum are taken, with a warning.
     bad_pixel_correction_block(std::uint32_t width, std::uint32_t height,
                                std::vector<std::pair<std::uint32_t, std::uint32_t>> bad_pixels,
                                std::vector<float> pixel_weights);
@@ -46,7 +46,8 @@ std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrection(
     const oru::configng::PliConfigInstanceNode& node, const std::string& key, std::size_t width,
     std::size_t height);
 
-// From the map itself; anything but a map is logged and thrown as std::runtime_error.
+// From the map itself; anything but a map is logged and thrown as std::runtime_error. Lists that are none are
+// PliConfigTypeErrors.
 std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrectionAlgorithm(
     const oru::configng::PliConfigInstanceNode& node, std::size_t width, std::size_t height);
 
