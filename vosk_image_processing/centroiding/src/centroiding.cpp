@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "brightest.hpp"
+#include "instructionSet.hpp"
 #include "momentKernels.hpp"
 
 namespace vosk::image_processing {
@@ -24,6 +25,11 @@ CentroidingBase::CentroidingBase(std::size_t width, std::size_t height, double l
     }
     common::LogDebug("Centroiding: img_width: {}, img_height: {}, img_size: {}, saturation: {}", img_width,
                      img_height, img_size, saturation);
+    ChooseInstructionSet();
+}
+
+void CentroidingBase::CheckRois(std::span<const Roi> rois) const {
+    for (const Roi& roi : rois) CheckRoi(roi);
 }
 
 void CentroidingBase::RefuseFrame() const {
@@ -59,6 +65,7 @@ void Centroiding<T>::ComputeMany(gsl::span<const T> frame, std::span<const Roi> 
                                  std::span<defs::Slope> slopes) {
     VOSK_ASSERT(slopes.size() == rois.size());
     CheckFrameSize(frame.size());
+    CheckRois(rois);
     for (std::size_t i = 0; i < rois.size(); ++i) {
         Compute(frame, rois[i]);
         slopes[i] = {flux, x, y};
@@ -71,6 +78,7 @@ void Centroiding<T>::ComputeByMoments(gsl::span<const T> frame, std::span<const 
                                       std::span<defs::Slope> slopes, const ManyMoments& many_moments) {
     VOSK_ASSERT(slopes.size() == rois.size());
     CheckFrameSize(frame.size());
+    CheckRois(rois);
     std::array<const T*, detail::MAX_BATCH> first_pixels;
     std::array<Moments, detail::MAX_BATCH> moments;
     for (std::size_t start = 0; start < rois.size();) {
@@ -80,7 +88,6 @@ void Centroiding<T>::ComputeByMoments(gsl::span<const T> frame, std::span<const 
         for (; count < detail::MAX_BATCH && start + count < rois.size(); ++count) {
             const Roi& roi = rois[start + count];
             if (roi.width != width || roi.height != height) break;
-            CheckRoi(roi);
             first_pixels[count] = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
         }
         if (count == 1) {
@@ -190,6 +197,7 @@ struct CentroidingNBR<T>::Method {
 template <class T>
 void CentroidingNBR<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
     this->CheckFrameSize(frame.size());
+    this->CheckRoi(roi);  // before the scratch grows to the size of a region that no frame has
     m_pixels.resize(roi.size);
     m_keys.resize(roi.size);
     Method method{m_pixels.data() + roi.size, m_keys.data() + roi.size};

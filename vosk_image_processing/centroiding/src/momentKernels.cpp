@@ -15,9 +15,9 @@ namespace {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-#if HWY_TARGET == HWY_SCALAR
+#if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128 || HWY_HAVE_SCALABLE
 
-// The plain form: region by region.
+// The plain form: region by region. Also where the width of vectors is known at run time only.
 template <class Keep>
 void Sum(const RegionBatch& batch, Keep keep, Moments* moments) {
     for (const float* row : batch.first_pixels) {

@@ -153,25 +153,36 @@ TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
     Frame frame = Dark();
     At(frame, 7, 3) = 4.0F;
     const Frame longer(frame.size() + 1);
-    const std::vector<Roi> outside{{0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0},
-                                   {0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0}};
     const std::vector<Roi> pair(2, Region(7.0, 3.0));
-    std::vector<defs::Slope> slopes(2);
+    const std::string outside = "ForEachPixel: ROI outside of the frame: ";
+    const std::vector<std::pair<Roi, std::string>> refused{
+        {{0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0}, outside + "(0..13),(0..1)"},
+        {{0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0}, outside + "(0..1),(0..11)"},
+        {{1, 7, 8, 12, 12, 12, 0, 0}, outside + "(1..7),(8..12)"},  // as large as the others
+        // The scratch of such a region would not fit into any memory.
+        {{0, 65535, 0, 65535, 65535, 65535, 0, 0}, outside + "(0..65535),(0..65535)"}};
+    const std::vector<defs::Slope> untouched(3, defs::Slope{1.0, 2.0, 3.0});
+    std::vector<defs::Slope> slopes = untouched;
     for (const auto& centroiding : All(2.0)) {
         Compute(*centroiding, frame, Region(7.0, 2.0));
         test::LogCapture log;
         const std::string text = "ForEachPixel: required frame size: 120";
         EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->Compute(longer, Region(7.0, 3.0)); }),
                   text);
-        EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->ComputeMany(longer, pair, slopes); }),
+        EXPECT_EQ(TextOf<std::invalid_argument>([&] {
+                      centroiding->ComputeMany(longer, pair, {slopes.data(), 2});
+                  }),
                   text);
         EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 2);
-        EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->Compute(frame, outside[0]); }),
-                  "ForEachPixel: ROI outside of the frame: (0..13),(0..1)");
-        EXPECT_EQ(TextOf<std::invalid_argument>([&] {
-                      centroiding->ComputeMany(frame, {&outside[1], 1}, {slopes.data(), 1});
-                  }),
-                  "ForEachPixel: ROI outside of the frame: (0..1),(0..11)");
+        for (const auto& [roi, error] : refused) {
+            const std::vector<Roi> last_bad{pair[0], pair[1], roi};
+            EXPECT_EQ(TextOf<std::invalid_argument>([&, at = roi] { centroiding->Compute(frame, at); }),
+                      error);
+            EXPECT_EQ(
+                TextOf<std::invalid_argument>([&] { centroiding->ComputeMany(frame, last_bad, slopes); }),
+                error);
+            EXPECT_EQ(slopes, untouched);
+        }
         EXPECT_EQ(centroiding->flux, 4.0);
         EXPECT_EQ(centroiding->y, 1.0);
     }

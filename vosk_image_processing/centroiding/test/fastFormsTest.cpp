@@ -3,7 +3,6 @@
 #include <vosk/image_processing/centroiding.hpp>
 
 #include <gtest/gtest.h>
-#include <hwy/targets.h>
 
 #include <bit>
 #include <cmath>
@@ -16,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "onEachInstructionSet.hpp"
 #include "plainCentroid.hpp"
 
 namespace vosk::image_processing {
@@ -155,13 +155,8 @@ testing::AssertionResult AreSame(const defs::Slope& fast, const defs::Slope& pla
                                        << plain.flux << " at " << plain.x << ", " << plain.y;
 }
 
-class FastForms : public testing::TestWithParam<std::int64_t> {
-public:
-    FastForms() { hwy::GetChosenTarget().Update(GetParam()); }
-    ~FastForms() override { hwy::GetChosenTarget().DeInit(); }
-    FastForms(const FastForms&) = delete;
-    FastForms& operator=(const FastForms&) = delete;
-};
+using FastForms = OnEachInstructionSet;
+INSTANTIATE_TEST_SUITE_P(Targets, FastForms, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
 TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
     Engine engine{7};
@@ -190,8 +185,11 @@ TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, FastForms, testing::ValuesIn(hwy::SupportedAndGeneratedTargets()),
-                         [](const auto& target) { return std::string{hwy::TargetName(target.param)}; });
+TEST(Centroiding, KnowsTheInstructionSetBeforeItsFirstFrame) {
+    hwy::GetChosenTarget().DeInit();
+    const CentroidingCOG<float> cog{WIDTH, HEIGHT, SATURATION};
+    EXPECT_TRUE(hwy::GetChosenTarget().IsInitialized());
+}
 
 }  // namespace
 }  // namespace vosk::image_processing

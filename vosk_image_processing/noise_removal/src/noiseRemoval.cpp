@@ -8,6 +8,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "instructionSet.hpp"
 #include "rowCleaning.hpp"
 
 namespace vosk::image_processing {
@@ -52,11 +53,14 @@ NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height,
     : m_master_bias{master_bias}, m_flat{flat} {
     RequireSize("NoiseRemovalBase: unexpected master bias vector size", m_master_bias.size(), width * height);
     RequireSize("NoiseRemovalBase: unexpected flat vector size", m_flat.size(), width * height);
+    ChooseInstructionSet();
 }
 
 NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const std::string& dark_path,
                                    const std::string& flat_path)
-    : m_master_bias{ReadImage(width, height, dark_path)}, m_flat{ReadImage(width, height, flat_path)} {}
+    : m_master_bias{ReadImage(width, height, dark_path)}, m_flat{ReadImage(width, height, flat_path)} {
+    ChooseInstructionSet();
+}
 
 LisaNoiseRemoval::LisaNoiseRemoval(const AlignedFrame<float>& master_bias, const AlignedFrame<float>& flat,
                                    const std::optional<std::string>& scramble_path)

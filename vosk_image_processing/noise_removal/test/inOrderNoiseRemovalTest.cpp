@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "onEachInstructionSet.hpp"
 #include "plainCleaning.hpp"
 
 namespace vosk::image_processing {
@@ -149,6 +150,13 @@ TEST(NoiseRemoval, RefusesAnotherFrameBeforeAnythingElse) {
     EXPECT_EQ(Failure(removal, camera.raw, {}, Roi{230, 241, 0, 9, 840, 816, 0, 0}),
               "RemoveNoise: ROI (230..241),(0..9) does not fit a frame of 240 x 240");
     EXPECT_TRUE(SameBits(removal.GetFrame(), camera.expected));
+}
+
+TEST(NoiseRemoval, KnowsTheInstructionSetBeforeItsFirstFrame) {
+    hwy::GetChosenTarget().DeInit();
+    const AlignedFrame<float> zeroes(57600);
+    const AliceNoiseRemoval removal{zeroes, zeroes};
+    EXPECT_TRUE(hwy::GetChosenTarget().IsInitialized());
 }
 
 TEST(NoiseRemoval, ChecksTheMasterBiasBeforeTheFlat) {

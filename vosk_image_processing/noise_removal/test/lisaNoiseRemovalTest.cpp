@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "onEachInstructionSet.hpp"
 #include "plainCleaning.hpp"
 
 namespace vosk::image_processing {

@@ -3,7 +3,6 @@
 // For tests: the values that cleaning must get right, and the plain forms that say what right is.
 
 #include <gtest/gtest.h>
-#include <hwy/targets.h>
 
 #include <bit>
 #include <cstdint>
@@ -12,7 +11,6 @@
 #include <limits>
 #include <random>
 #include <span>
-#include <string>
 
 namespace vosk::image_processing {
 
@@ -64,23 +62,5 @@ inline testing::AssertionResult SameBits(std::span<const float> actual, std::spa
     while (std::bit_cast<std::uint32_t>(actual[i]) == std::bit_cast<std::uint32_t>(expected[i])) ++i;
     return testing::AssertionFailure() << "pixel " << i << ": " << actual[i] << " instead of " << expected[i];
 }
-
-// A test is run with each instruction set that this CPU has, and with the plain fallback.
-class OnEachInstructionSet : public testing::TestWithParam<std::int64_t> {
-public:
-    static constexpr std::int64_t FALLBACK = 0;
-
-    static auto All() {
-        auto targets = hwy::SupportedAndGeneratedTargets();
-        targets.push_back(FALLBACK);
-        return testing::ValuesIn(targets);
-    }
-    static std::string Name(const testing::TestParamInfo<std::int64_t>& target) {
-        return target.param == FALLBACK ? "Fallback" : hwy::TargetName(target.param);
-    }
-
-    OnEachInstructionSet() { hwy::GetChosenTarget().Update(GetParam()); }
-    ~OnEachInstructionSet() override { hwy::GetChosenTarget().DeInit(); }
-};
 
 }  // namespace vosk::image_processing

@@ -5,6 +5,7 @@
 #include <limits>
 #include <vector>
 
+#include "onEachInstructionSet.hpp"
 #include "plainCleaning.hpp"
 #include "rowCleaning.hpp"
 

@@ -45,13 +45,14 @@ public:
     double y{0.0};
 
 protected:
-    // Both log and throw std::invalid_argument.
+    // All log and throw std::invalid_argument.
     void CheckFrameSize(std::size_t size) const {
         if (size != img_size) RefuseFrame();
     }
     void CheckRoi(const Roi& roi) const {
         if (roi.x_stop > img_width || roi.y_stop > img_height) RefuseRoi(roi);
     }
+    void CheckRois(std::span<const Roi> rois) const;
 
     void SetNothing();
     // `cx` and `cy` are offsets from the region's start.
@@ -73,7 +74,8 @@ public:
     // result stays. A region without pixels, or whose sum is 0.0, gives a flux, x and y of 0.0.
     virtual void Compute(gsl::span<const T> frame, const Roi& roi) = 0;
 
-    // The same for many regions of one frame, each result into the slope of its index. COG and TSH do regions
+    // The same for many regions of one frame, each result into the slope of its index; a region that reaches
+    // out of the frame is refused before the first result. COG and TSH do regions
     // of equal size that follow one another side by side, some four times as fast and with the same bits; a
     // worker does best with 16 and more at a time, few enough for their pixels to stay in its cache.
     virtual void ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
