@@ -83,7 +83,7 @@ Readout TapReadout() {
         const std::size_t step = line * STEPS + (STEPS - COLUMNS) + column;
         return static_cast<std::uint32_t>(step * 2 * TAPS + tap + (is_upper ? TAPS : 0));
     };
-    return {"taps by turns", position, false};
+    return {"taps by turns", position, true};
 }
 
 Readout RandomReadout() {

@@ -89,10 +89,10 @@ void LisaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const s
         ForEachPiece(row, range.x_start, range.x_stop, hint, [&](const Piece& piece) {
             const std::size_t first = row * m_width + piece.x_start;
             const std::size_t count = piece.x_stop - piece.x_start;
-            if (piece.is_run) {
-                cleaning.Add({raw + piece.source, nullptr, first, count, bias});
+            if (piece.step != 0) {
+                cleaning.Add({raw + piece.source, nullptr, piece.step, first, count, bias});
             } else {
-                cleaning.Add({raw, m_scramble.data() + first, first, count, bias});
+                cleaning.Add({raw, m_scramble.data() + first, 0, first, count, bias});
             }
         });
     }
@@ -136,7 +136,8 @@ std::uint32_t LisaNoiseRemoval::SumDarkCounts(const std::uint16_t* raw, std::siz
                 const std::uint32_t count = piece.x_stop - piece.x_start;
                 const std::uint32_t* const positions = m_scramble.data() + row * m_width + piece.x_start;
                 for (std::uint32_t i = 0; i < count; ++i) {
-                    sum += raw[piece.is_run ? piece.source + i : positions[i]];
+                    const auto steps = i * static_cast<std::uint32_t>(piece.step);
+                    sum += raw[piece.step != 0 ? piece.source + steps : positions[i]];
                 }
             });
         }
@@ -178,7 +179,7 @@ void AliceNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const 
     RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
         const std::size_t first = row * WIDTH + range.x_start;
-        cleaning.Add({frame.data() + first, nullptr, first, range.Width(), 0.0});
+        cleaning.Add({frame.data() + first, nullptr, 1, first, range.Width(), 0.0});
     }
     cleaning.Finish();
 }
@@ -211,7 +212,8 @@ void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
         }
         std::fill(pixels + range.x_start, pixels + cleaned.x_start, 0.0F);
         const std::size_t packed = (row - read.y_offset) * read.width + (cleaned.x_start - read.x_offset);
-        cleaning.Add({frame.data() + packed, nullptr, row * WIDTH + cleaned.x_start, cleaned.Width(), 0.0});
+        cleaning.Add(
+            {frame.data() + packed, nullptr, 1, row * WIDTH + cleaned.x_start, cleaned.Width(), 0.0});
         std::fill(pixels + cleaned.x_stop, pixels + range.x_stop, 0.0F);
     }
     cleaning.Finish();

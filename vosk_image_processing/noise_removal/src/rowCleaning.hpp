@@ -3,6 +3,8 @@
 // The arithmetic of noise removal, in vectors of whatever the CPU has. Each pixel is rounded just as in a
 // plain loop: all of it in double, one division, then to float.
 
+#include <vosk/image_processing/scrambling.hpp>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,10 +13,12 @@ namespace vosk::image_processing {
 
 // Pixels of one row of the cleaned frame.
 struct Stretch {
-    const std::uint16_t*
-        raw;  // the count of the first pixel, the others follow; with positions: the raw frame
+    const std::uint16_t* raw;        // the count of the first pixel; with positions: the raw frame
     const std::uint32_t* positions;  // null, or where in the raw frame each pixel's count is
-    std::size_t first;               // in the cleaned frame, as an index
+    // Without positions, from a count to the next: 1, TAP_STEP or -TAP_STEP. From each count on at least so
+    // many values can be read.
+    std::ptrdiff_t step;
+    std::size_t first;  // in the cleaned frame, as an index
     std::size_t count;
     double dynamic_bias;  // 0.0 changes no bit
 };

@@ -11,7 +11,23 @@
 HWY_BEFORE_NAMESPACE();
 namespace vosk::image_processing::HWY_NAMESPACE {
 
-namespace hn = hwy::HWY_NAMESPACE;
+// Where the counts of a stretch of pixels come from.
+struct InOrder {
+    const std::uint16_t* raw;
+    std::uint16_t operator[](std::size_t i) const { return raw[i]; }
+};
+
+template <std::ptrdiff_t STEP>
+struct OfATap {
+    const std::uint16_t* raw;
+    std::uint16_t operator[](std::size_t i) const { return raw[static_cast<std::ptrdiff_t>(i) * STEP]; }
+};
+
+struct Scattered {
+    const std::uint16_t* raw;
+    const std::uint32_t* positions;
+    std::uint16_t operator[](std::size_t i) const { return raw[positions[i]]; }
+};
 
 #if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128
 
@@ -22,6 +38,36 @@ HWY_INLINE bool CleanInVectors(const Source&, const float*, const float*, double
 }
 
 #else
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+template <class D, class V>
+HWY_INLINE hn::Vec<D> Widen(D doubles, V counts) {
+    return hn::PromoteTo(doubles, hn::PromoteTo(hn::Rebind<std::int32_t, D>(), counts));
+}
+
+template <class D>
+HWY_INLINE hn::Vec<D> Load(D doubles, const InOrder& source, std::size_t i) {
+    return Widen(doubles, hn::LoadU(hn::Rebind<std::uint16_t, D>(), source.raw + i));
+}
+
+// The counts between a tap's pixel and its next make two words: the pixel is the lowest part of the first.
+template <class D, std::ptrdiff_t STEP>
+HWY_INLINE hn::Vec<D> Load(D doubles, const OfATap<STEP>& source, std::size_t i) {
+    static_assert(TAP_STEP * sizeof(std::uint16_t) == 2 * sizeof(std::uint64_t));
+    const hn::RebindToUnsigned<D> words;
+    const hn::Repartition<std::uint16_t, decltype(words)> counts;
+    const std::size_t lanes = hn::Lanes(words);
+    const std::size_t leftmost = STEP > 0 ? i : i + lanes - 1;
+    const std::uint16_t* const raw = source.raw + static_cast<std::ptrdiff_t>(leftmost) * STEP;
+    const auto low = hn::BitCast(words, hn::LoadU(counts, raw));
+    const auto high = hn::BitCast(words, hn::LoadU(counts, raw + hn::Lanes(counts)));
+    const auto pixels = hn::And(hn::ConcatEven(words, high, low), hn::Set(words, 0xFFFF));
+    const auto ordered = STEP > 0 ? pixels : hn::Reverse(words, pixels);
+    // In the lowest bits of 2^52 an integer is a double, all but a subtraction.
+    const auto base = hn::Set(doubles, 0x1p52);
+    return hn::Sub(hn::BitCast(doubles, hn::Or(ordered, hn::BitCast(words, base))), base);
+}
 
 // Up to four counts, the first in the lowest bits.
 template <std::size_t COUNT>
@@ -52,19 +98,22 @@ HWY_INLINE hn::Vec<D> Gather(D counts, const std::uint16_t* raw, const std::uint
     }
 }
 
+template <class D>
+HWY_INLINE hn::Vec<D> Load(D doubles, const Scattered& source, std::size_t i) {
+    return Widen(doubles, Gather(hn::Rebind<std::uint16_t, D>(), source.raw, source.positions + i));
+}
+
 // Whether there were enough pixels for it.
 template <class Source>
 HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, const float* flat,
                                double dynamic_bias, float* cleaned, std::size_t count) {
     const hn::CappedTag<double, 8> doubles;
     const hn::Rebind<float, decltype(doubles)> floats;
-    const hn::Rebind<std::int32_t, decltype(doubles)> integers;
-    const hn::Rebind<std::uint16_t, decltype(doubles)> counts;
     const std::size_t lanes = hn::Lanes(doubles);
     if (count < lanes) return false;
     const auto dynamic = hn::Set(doubles, dynamic_bias);
     const auto clean = [&](std::size_t i) {
-        const auto raw = hn::PromoteTo(doubles, hn::PromoteTo(integers, source.Many(counts, i)));
+        const auto raw = Load(doubles, source, i);
         const auto bias = hn::PromoteTo(doubles, hn::LoadU(floats, master_bias + i));
         const auto gain = hn::PromoteTo(doubles, hn::LoadU(floats, flat + i));
         const auto signal = hn::Sub(hn::Sub(raw, bias), dynamic);
@@ -78,34 +127,12 @@ HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, c
 
 #endif
 
-// Where the counts of a stretch of pixels come from: one, or a vector of them.
-struct InOrder {
-    const std::uint16_t* raw;
-
-    std::uint16_t One(std::size_t i) const { return raw[i]; }
-    template <class D>
-    HWY_INLINE auto Many(D counts, std::size_t i) const {
-        return hn::LoadU(counts, raw + i);
-    }
-};
-
-struct Scattered {
-    const std::uint16_t* raw;
-    const std::uint32_t* positions;
-
-    std::uint16_t One(std::size_t i) const { return raw[positions[i]]; }
-    template <class D>
-    HWY_INLINE auto Many(D counts, std::size_t i) const {
-        return Gather(counts, raw, positions + i);
-    }
-};
-
 template <class Source>
 HWY_INLINE void Clean(const Source& source, const float* master_bias, const float* flat, double dynamic_bias,
                       float* cleaned, std::size_t count) {
     if (CleanInVectors(source, master_bias, flat, dynamic_bias, cleaned, count)) return;
     for (std::size_t i = 0; i < count; ++i) {
-        const double signal = static_cast<double>(source.One(i)) - static_cast<double>(master_bias[i]);
+        const double signal = static_cast<double>(source[i]) - static_cast<double>(master_bias[i]);
         cleaned[i] = static_cast<float>((signal - dynamic_bias) / static_cast<double>(flat[i]));
     }
 }
@@ -117,10 +144,14 @@ void CleanStretches(const Stretch* stretches, std::size_t size, const float* mas
             Clean(source, master_bias + at->first, flat + at->first, at->dynamic_bias, cleaned + at->first,
                   at->count);
         };
-        if (at->positions == nullptr) {
-            clean(InOrder{at->raw});
-        } else {
+        if (at->positions != nullptr) {
             clean(Scattered{at->raw, at->positions});
+        } else if (at->step == TAP_STEP) {
+            clean(OfATap<TAP_STEP>{at->raw});
+        } else if (at->step == -TAP_STEP) {
+            clean(OfATap<-TAP_STEP>{at->raw});
+        } else {
+            clean(InOrder{at->raw});
         }
     }
 }

@@ -30,9 +30,17 @@ struct Pixels {
     }
 
     // All but the first and the last pixel of the frame.
-    void Clean(const std::uint32_t* at, double dynamic_bias, std::vector<float>& frame) const {
-        const Stretch stretch{raw.data(), at, 0, raw.size(), dynamic_bias};
+    void Clean(const std::uint16_t* counts, const std::uint32_t* at, std::ptrdiff_t step, double dynamic_bias,
+               std::vector<float>& frame) const {
+        const Stretch stretch{counts, at, step, 0, raw.size(), dynamic_bias};
         CleanStretches(&stretch, 1, master_bias.data(), flat.data(), frame.data() + 1);
+    }
+    // The same pixels, as one of several taps delivers them.
+    void CleanTap(std::ptrdiff_t step, double dynamic_bias, std::vector<float>& frame) const {
+        std::vector<std::uint16_t> counts(raw.size() * TAP_STEP, 0xFFFF);
+        std::uint16_t* const first = counts.data() + (step > 0 || raw.empty() ? 0 : counts.size() - TAP_STEP);
+        for (std::size_t i = 0; i < raw.size(); ++i) first[static_cast<std::ptrdiff_t>(i) * step] = raw[i];
+        Clean(first, nullptr, step, dynamic_bias, frame);
     }
 
     std::vector<std::uint16_t> raw;
@@ -56,9 +64,15 @@ TEST_P(CleanedStretch, GivesTheBitsOfThePlainLoopForEveryLength) {
                                                        dynamic, pixels.flat[i]);
             }
             auto scattered = pixels.cleaned;
-            pixels.Clean(nullptr, dynamic, pixels.cleaned);
-            pixels.Clean(pixels.positions.data(), dynamic, scattered);
+            auto to_right = pixels.cleaned;
+            auto to_left = pixels.cleaned;
+            pixels.Clean(pixels.raw.data(), nullptr, 1, dynamic, pixels.cleaned);
+            pixels.Clean(pixels.raw.data(), pixels.positions.data(), 0, dynamic, scattered);
+            pixels.CleanTap(TAP_STEP, dynamic, to_right);
+            pixels.CleanTap(-TAP_STEP, dynamic, to_left);
             ASSERT_TRUE(SameBits(pixels.cleaned, expected)) << count << ", " << dynamic;
+            ASSERT_TRUE(SameBits(to_right, expected)) << count << ", " << dynamic;
+            ASSERT_TRUE(SameBits(to_left, expected)) << count << ", " << dynamic;
             ASSERT_TRUE(SameBits(scattered, expected_scattered)) << count << ", " << dynamic;
         }
     }
@@ -75,7 +89,7 @@ TEST_P(CleanedStretch, WithoutADynamicBiasIsTheBareDifferenceOverTheFlat) {
         const double flat = pixels.flat[i];
         expected[i + 1] = static_cast<float>((raw - bias) / flat);
     }
-    pixels.Clean(nullptr, 0.0, pixels.cleaned);
+    pixels.Clean(pixels.raw.data(), nullptr, 1, 0.0, pixels.cleaned);
     EXPECT_TRUE(SameBits(pixels.cleaned, expected));
 }
 
@@ -87,7 +101,7 @@ TEST(Cleaning, CleansEachStretchOnce) {
     std::vector<float> cleaned(COUNT, UNTOUCHED);
     RowCleaning cleaning{bias.data(), flat.data(), cleaned.data()};
     for (std::size_t i = 0; i < COUNT; ++i) {
-        cleaning.Add({raw.data() + i, nullptr, i, 1, static_cast<double>(i)});
+        cleaning.Add({raw.data() + i, nullptr, 1, i, 1, static_cast<double>(i)});
     }
     cleaning.Finish();
     for (std::size_t i = 0; i < COUNT; ++i) {

@@ -4,6 +4,7 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/image_processing/scrambling.hpp>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace vosk::image_processing {
@@ -66,17 +67,30 @@ void ScramblerBase::FindPieces() {
 
 void ScramblerBase::FindPiecesOfRow(std::size_t row) {
     const std::uint32_t* const entries = m_scramble.data() + row * m_width;
+    const auto difference = [&](std::uint32_t x) { return entries[x] - entries[x - 1]; };
     for (std::uint32_t x = 0; x < m_width;) {
         const std::uint32_t start = x++;
-        while (x < m_width && entries[x] == entries[x - 1] + 1) ++x;
-        const bool is_run = x - start >= SHORTEST_RUN;
-        const bool goes_on = !is_run && start != 0 && !m_pieces.back().is_run;
+        while (x < m_width && difference(x) == difference(start + 1)) ++x;
+        const std::int32_t step = StepOf({entries + start, entries + x});
+        // What is no run may end with the first pixel of one.
+        if (step == 0 && x - start > 1 && x < m_width) --x;
+        const bool goes_on = step == 0 && start != 0 && m_pieces.back().step == 0;
         if (goes_on) {
             m_pieces.back().x_stop = x;
         } else {
-            m_pieces.push_back({start, x, entries[start], is_run});
+            m_pieces.push_back({start, x, entries[start], step});
         }
     }
+}
+
+// 0 unless the entries, which go on in equal steps, are a run.
+std::int32_t ScramblerBase::StepOf(std::span<const std::uint32_t> run) const {
+    if (run.size() < SHORTEST_RUN) return 0;
+    const auto step = static_cast<std::int32_t>(run[1] - run[0]);
+    if (step == 1) return step;
+    const std::size_t last = std::max(run.front(), run.back());
+    const bool is_of_a_tap = step == TAP_STEP || step == -TAP_STEP;
+    return is_of_a_tap && last + TAP_STEP <= m_scrambled_size ? step : 0;
 }
 
 void ScramblerBase::RequireScrambledSize(std::size_t size, const char* operation) const {

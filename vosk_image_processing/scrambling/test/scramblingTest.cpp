@@ -7,6 +7,7 @@
 #include <vosk/test/tempDir.hpp>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <numeric>
 #include <random>
@@ -137,25 +138,27 @@ class Pieces : public ScramblerBase {
 public:
     using ScramblerBase::ScramblerBase;
 
-    // Positions of a stretch, as its pieces give them, and the number of pieces.
+    // Positions of a stretch, as its pieces give them, and the steps of the pieces.
     std::vector<std::uint32_t> Positions(std::size_t row, std::size_t x_start, std::size_t x_stop) {
         std::vector<std::uint32_t> positions;
-        m_count = 0;
+        m_steps.clear();
         std::size_t x = x_start;
         ForEachPiece(row, x_start, x_stop, m_hint, [&](const Piece& piece) {
-            ++m_count;
+            m_steps.push_back(piece.step);
             EXPECT_EQ(piece.x_start, x);
             EXPECT_GT(piece.x_stop, piece.x_start);
             for (; x < piece.x_stop; ++x) {
                 const auto offset = static_cast<std::uint32_t>(x - piece.x_start);
-                positions.push_back(piece.is_run ? piece.source + offset : m_scramble[row * m_width + x]);
+                positions.push_back(piece.step != 0
+                                        ? piece.source + offset * static_cast<std::uint32_t>(piece.step)
+                                        : m_scramble[row * m_width + x]);
             }
         });
         return positions;
     }
 
     std::size_t m_hint = 0;
-    std::size_t m_count = 0;
+    std::vector<std::int32_t> m_steps;
 };
 
 TEST(Scrambler, TakesTheTableApartIntoRunsAndTheRest) {
@@ -165,10 +168,9 @@ TEST(Scrambler, TakesTheTableApartIntoRunsAndTheRest) {
     std::mt19937 random{5};
     for (std::size_t i = 0; i < table.size();) {  // runs of 1 to 50, also across the ends of rows
         const std::size_t length = std::min<std::size_t>(1 + random() % 50, table.size() - i);
-        const auto start = static_cast<std::uint32_t>(random() % (table.size() - 50));
-        std::iota(table.begin() + static_cast<std::ptrdiff_t>(i),
-                  table.begin() + static_cast<std::ptrdiff_t>(i + length), start);
-        i += length;
+        auto position = static_cast<std::uint32_t>(400 + random() % (table.size() - 800));
+        const auto step = static_cast<std::uint32_t>(std::array{1, 8, -8}[random() % 3]);
+        for (const std::size_t end = i + length; i < end; ++i, position += step) table[i] = position;
     }
     Pieces pieces{WIDTH, HEIGHT, WIDTH, HEIGHT, table};
     for (int trial = 0; trial < 5000; ++trial) {
@@ -182,16 +184,40 @@ TEST(Scrambler, TakesTheTableApartIntoRunsAndTheRest) {
     }
 }
 
-TEST(Scrambler, NeedsOnePieceForARowOfNeighbours) {
-    Table table(300);
-    std::iota(table.begin(), table.end(), 0U);
-    Pieces pieces{100, 3, 100, 3, table};
-    pieces.Positions(1, 0, 100);
-    EXPECT_EQ(pieces.m_count, 1U);
-    std::reverse(table.begin(), table.end());
-    Pieces scattered{100, 3, 100, 3, table};
-    scattered.Positions(1, 0, 100);
-    EXPECT_EQ(scattered.m_count, 1U);
+TEST(Scrambler, TakesSixteenPixelsInEqualStepsForARun) {
+    using Steps = std::vector<std::int32_t>;
+    struct Case {
+        std::uint32_t length;
+        std::uint32_t first;
+        std::int32_t step;
+        Steps pieces;
+    };
+    constexpr std::size_t RAW_SIZE = 1000;
+    const Steps rest{0};
+    const std::vector<Case> cases{{15, 500, 1, rest},
+                                  {16, 500, 1, {0, 1, 0}},
+                                  {16, 500, -1, rest},
+                                  {16, 500, 2, rest},
+                                  {16, 500, 0, rest},
+                                  {15, 500, 8, rest},
+                                  {16, 500, 8, {0, 8, 0}},
+                                  {15, 500, -8, rest},
+                                  {16, 500, -8, {0, -8, 0}},
+                                  {16, RAW_SIZE - 16, 1, {0, 1, 0}},
+                                  // Eight values from the last one on are the last of the raw buffer.
+                                  {16, RAW_SIZE - 128, 8, {0, 8, 0}},
+                                  {16, RAW_SIZE - 127, 8, rest},
+                                  {16, RAW_SIZE - 8, -8, {0, -8, 0}},
+                                  {16, RAW_SIZE - 7, -8, rest}};
+    for (const Case& at : cases) {
+        Table table{70};  // before the run, then behind it
+        for (std::uint32_t i = 0; i < at.length; ++i)
+            table.push_back(at.first + i * static_cast<std::uint32_t>(at.step));
+        table.insert(table.end(), {90, 20});
+        Pieces pieces{table.size(), 1, RAW_SIZE, 1, table};
+        pieces.Positions(0, 0, table.size());
+        EXPECT_EQ(pieces.m_steps, at.pieces) << at.length << " from " << at.first << " by " << at.step;
+    }
 }
 
 }  // namespace

@@ -15,10 +15,15 @@
 #include <cstdint>
 #include <gsl/span>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 namespace vosk::image_processing {
+
+// Where eight taps are clocked together, they take turns in the raw buffer: the pixels of each lie so far
+// apart.
+inline constexpr std::int32_t TAP_STEP = 8;
 
 class ScramblerBase {
 public:
@@ -37,7 +42,10 @@ protected:
         std::uint32_t x_start;
         std::uint32_t x_stop;
         std::uint32_t source;  // of its first pixel, in the raw buffer
-        bool is_run;           // its pixels are neighbours in the raw buffer too
+        // From a pixel to the next in the raw buffer: 1 for neighbours; TAP_STEP or -TAP_STEP for those of
+        // one tap, from each of which on the raw buffer holds TAP_STEP values; 0 where the table has to be
+        // asked.
+        std::int32_t step;
     };
 
     // Calls visit(piece) for the pieces, cut to size, that make up the columns x_start to x_stop of a row.
@@ -61,9 +69,10 @@ private:
     void CheckEntries(const std::string& source) const;
     void FindPieces();
     void FindPiecesOfRow(std::size_t row);
+    std::int32_t StepOf(std::span<const std::uint32_t> run) const;
 
-    // The table in short: where it runs in neighbours, a piece says as much as all its entries, which then
-    // need not be read.
+    // The table in short: where it goes on in equal steps, a piece says as much as all its entries, which
+    // then need not be read.
     std::vector<Piece> m_pieces;            // row by row
     std::vector<std::size_t> m_row_pieces;  // the first piece of each row, and the end
 };
@@ -80,7 +89,9 @@ void ScramblerBase::ForEachPiece(std::size_t row, std::size_t x_start, std::size
     for (std::size_t x = x_start; x < x_stop; x = piece++->x_stop) {
         const auto begin = static_cast<std::uint32_t>(x);
         const auto end = static_cast<std::uint32_t>(std::min<std::size_t>(piece->x_stop, x_stop));
-        visit(Piece{begin, end, piece->source + (begin - piece->x_start), piece->is_run});
+        const std::uint32_t source =
+            piece->source + (begin - piece->x_start) * static_cast<std::uint32_t>(piece->step);
+        visit(Piece{begin, end, source, piece->step});
     }
 }
 
