@@ -1,6 +1,7 @@
 #include "brightest.hpp"
 
 #include <algorithm>
+#include <numeric>
 
 #include "brightestKernels.hpp"
 
@@ -8,8 +9,9 @@ namespace vosk::image_processing::detail {
 
 namespace {
 
-// Up to so many are ordered faster by looking at all pairs than by sorting.
-constexpr std::size_t FEW = 100;
+// So few keys are put in order faster than the brightest are found among them.
+constexpr std::size_t SMALL = 64;
+static_assert(SMALL <= FEW);
 
 // Of more than n places, those above the limit and as many at the limit as there is room for.
 void KeepFirst(std::span<const std::int32_t> keys, std::int32_t limit, std::size_t n,
@@ -22,26 +24,33 @@ void KeepFirst(std::span<const std::int32_t> keys, std::int32_t limit, std::size
     }
 }
 
-}  // namespace
-
-void FindBrightest(std::span<const std::int32_t> keys, std::size_t n, std::span<std::uint32_t> places,
-                   std::span<std::uint64_t> ranked) {
-    const std::int32_t limit = FindLimit(keys, n);
-    const std::size_t found = PlacesFrom(limit, keys, places.data());
-    if (found > n) KeepFirst(keys, limit, n, places.first(found));
-
+void SortPlaces(std::span<const std::int32_t> keys, std::span<std::uint32_t> places,
+                std::span<std::uint64_t> ranked) {
     // A rank that grows with the place and shrinks with the key: larger keys first, then smaller places.
     const auto rank = [&](std::uint32_t place) {
         const std::uint32_t darkness = static_cast<std::uint32_t>(std::numeric_limits<std::int32_t>::max()) -
                                        static_cast<std::uint32_t>(keys[place]);
         return std::uint64_t{darkness} << 32U | place;
     };
-    const auto brightest = ranked.first(n);
-    std::transform(places.begin(), places.begin() + static_cast<std::ptrdiff_t>(n), brightest.begin(), rank);
-    if (n <= FEW) return OrderFew(brightest, places.data());
-    std::sort(brightest.begin(), brightest.end());
-    std::transform(brightest.begin(), brightest.end(), places.begin(),
+    std::transform(places.begin(), places.end(), ranked.begin(), rank);
+    std::sort(ranked.begin(), ranked.end());
+    std::transform(ranked.begin(), ranked.end(), places.begin(),
                    [](std::uint64_t ranking) { return static_cast<std::uint32_t>(ranking); });
+}
+
+}  // namespace
+
+void FindBrightest(std::span<const std::int32_t> keys, std::size_t n, std::span<std::uint32_t> places,
+                   std::span<std::uint64_t> ranked) {
+    if (keys.size() <= SMALL) {
+        std::iota(places.begin(), places.end(), 0U);
+        return OrderFew(keys, places);
+    }
+    const std::int32_t limit = FindLimit(keys, n);
+    const std::size_t found = PlacesFrom(limit, keys, places.data());
+    if (found > n) KeepFirst(keys, limit, n, places.first(found));
+    if (n <= FEW) return OrderFew(keys, places.first(n));
+    SortPlaces(keys, places.first(n), ranked.first(n));
 }
 
 }  // namespace vosk::image_processing::detail

@@ -1,6 +1,8 @@
 #include "brightestKernels.hpp"
 
 #include <algorithm>
+#include <array>
+#include <limits>
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "src/brightestKernels.cpp"
@@ -63,12 +65,44 @@ std::size_t Collect(std::int32_t limit, std::span<const std::int32_t> keys, std:
     return count;
 }
 
-void Order(std::span<const std::uint64_t> ranks, std::uint32_t* places) {
-    for (const std::uint64_t rank : ranks) {
-        std::uint64_t before = 0;
-        for (const std::uint64_t other : ranks) before += other < rank ? 1U : 0U;
-        places[before] = static_cast<std::uint32_t>(rank);
+void Order(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) {
+    const hn::CappedTag<std::int32_t, 16> d;
+    using V = hn::Vec<decltype(d)>;
+    const std::size_t lanes = hn::Lanes(d);
+    const V one = hn::Set(d, 1);
+    // Filled up to whole vectors with what comes before nothing.
+    std::array<std::int32_t, FEW> own;
+    std::array<std::int32_t, FEW> ranks;
+    const std::size_t size = places.size();
+    const std::size_t blocks = (size + lanes - 1) / lanes;
+    for (std::size_t i = 0; i < size; ++i) own[i] = keys[places[i]];
+    std::fill(own.begin() + size, own.begin() + blocks * lanes, std::numeric_limits<std::int32_t>::min());
+
+    for (std::size_t block = 0; block < blocks; ++block) {
+        const V these = hn::LoadU(d, own.data() + block * lanes);
+        // Of equal keys the earlier one comes first: for those, one less is enough to be larger.
+        const V lower = hn::Sub(these, one);
+        V before = hn::Zero(d);  // how many come before these
+        const auto count = [&](std::int32_t other, V limits) HWY_ATTR {
+            before = hn::IfThenElse(hn::Gt(hn::Set(d, other), limits), hn::Add(before, one), before);
+        };
+        for (std::size_t others = 0; others < blocks; ++others) {
+            const std::int32_t* const other = own.data() + others * lanes;
+            if (others == block) {
+                for (std::size_t i = 0; i < lanes; ++i) {
+                    const auto is_earlier = hn::Gt(hn::Iota(d, 0), hn::Set(d, static_cast<std::int32_t>(i)));
+                    count(other[i], hn::IfThenElse(is_earlier, lower, these));
+                }
+            } else {
+                const V limits = others < block ? lower : these;
+                for (std::size_t i = 0; i < lanes; ++i) count(other[i], limits);
+            }
+        }
+        hn::StoreU(before, d, ranks.data() + block * lanes);
     }
+    std::array<std::uint32_t, FEW> ordered;
+    for (std::size_t i = 0; i < size; ++i) ordered[static_cast<std::size_t>(ranks[i])] = places[i];
+    std::copy_n(ordered.begin(), size, places.begin());
 }
 
 }  // namespace
@@ -90,8 +124,8 @@ std::size_t PlacesFrom(std::int32_t limit, std::span<const std::int32_t> keys, s
     return HWY_DYNAMIC_DISPATCH(Collect)(limit, keys, places);
 }
 
-void OrderFew(std::span<const std::uint64_t> ranks, std::uint32_t* places) {
-    HWY_DYNAMIC_DISPATCH(Order)(ranks, places);
+void OrderFew(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) {
+    HWY_DYNAMIC_DISPATCH(Order)(keys, places);
 }
 
 }  // namespace vosk::image_processing::detail

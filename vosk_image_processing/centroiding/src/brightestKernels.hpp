@@ -15,8 +15,10 @@ std::int32_t FindLimit(std::span<const std::int32_t> keys, std::size_t n);
 // all keys.
 std::size_t PlacesFrom(std::int32_t limit, std::span<const std::int32_t> keys, std::uint32_t* places);
 
-// Writes the lower halves of the ranks in ascending order of the ranks, all of which differ. Looks at each
-// pair, without a branch: for few.
-void OrderFew(std::span<const std::uint64_t> ranks, std::uint32_t* places);
+inline constexpr std::size_t FEW = 112;  // whole vectors
+
+// Puts at most FEW places in the order of their keys: the largest first, equal ones as they
+// were. Looks at each pair, without a branch. No key is the smallest integer.
+void OrderFew(std::span<const std::int32_t> keys, std::span<std::uint32_t> places);
 
 }  // namespace vosk::image_processing::detail

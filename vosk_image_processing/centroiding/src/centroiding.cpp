@@ -88,7 +88,9 @@ void Centroiding<T>::ComputeByMoments(gsl::span<const T> frame, std::span<const 
         for (; count < detail::MAX_BATCH && start + count < rois.size(); ++count) {
             const Roi& roi = rois[start + count];
             if (roi.width != width || roi.height != height) break;
-            first_pixels[count] = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
+            // An empty one, which may lie behind the last pixel, is not looked at.
+            const std::size_t first = std::size_t{roi.y_start} * img_width + roi.x_start;
+            first_pixels[count] = frame.data() + (roi.size == 0 ? 0 : first);
         }
         if (count == 1) {
             Compute(frame, rois[start]);
@@ -185,40 +187,50 @@ void CentroidingNBR<T>::SetNBrightest(std::size_t nbrightest, bool weight_pixels
 // Fills from the last element towards the first.
 template <class T>
 struct CentroidingNBR<T>::Method {
-    void operator()(T pixel, double dx, double dy) {
-        *--end = {pixel, dx, dy};
-        *--keys_end = detail::BrightnessKey(pixel);
-    }
+    void operator()(T pixel, double /*dx*/, double /*dy*/) { *--end = detail::BrightnessKey(pixel); }
 
-    Pixel* end;
-    std::int32_t* keys_end;
+    std::int32_t* end;
 };
 
 template <class T>
 void CentroidingNBR<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
     this->CheckFrameSize(frame.size());
     this->CheckRoi(roi);  // before the scratch grows to the size of a region that no frame has
-    m_pixels.resize(roi.size);
     m_keys.resize(roi.size);
-    Method method{m_pixels.data() + roi.size, m_keys.data() + roi.size};
+    m_places.resize(roi.size);
+    m_ranked.resize(roi.size);
+    m_pixels.reserve(roi.size);
+    Method method{m_keys.data() + roi.size};
     this->ForEachPixel(method, frame, roi);
     const std::size_t count = std::min(m_nbrightest, roi.size);
     if (count == 0) return this->SetNothing();
-    m_places.resize(m_keys.size());
-    m_ranked.resize(m_keys.size());
     detail::FindBrightest(m_keys, count, m_places, m_ranked);
-    SetFromBrightest(roi, count);
+    TakePixels(frame, roi, count);
+    SetFromBrightest(roi);
 }
 
 template <class T>
-void CentroidingNBR<T>::SetFromBrightest(const Roi& roi, std::size_t count) {
-    const auto pixel = [&](std::size_t i) -> const Pixel& { return m_pixels[m_places[i]]; };
+void CentroidingNBR<T>::TakePixels(gsl::span<const T> frame, const Roi& roi, std::size_t count) {
+    const T* const first = frame.data() + std::size_t{roi.y_start} * this->img_width + roi.x_start;
+    const auto last = static_cast<std::uint32_t>(roi.size - 1);
+    m_pixels.resize(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::uint32_t position = last - m_places[i];
+        const std::uint32_t dy = position / roi.width;
+        const std::uint32_t dx = position - dy * roi.width;
+        m_pixels[i] = {first[dy * this->img_width + dx], static_cast<double>(dx), static_cast<double>(dy)};
+    }
+}
+
+template <class T>
+void CentroidingNBR<T>::SetFromBrightest(const Roi& roi) {
+    const std::size_t count = m_pixels.size();
     const auto weight = [&](std::size_t i) { return static_cast<double>(count - i); };
     double sum = 0.0;
     double weighted_sum = 0.0;
     for (std::size_t i = 0; i < count; ++i) {
-        sum += pixel(i).value;
-        weighted_sum += weight(i) * pixel(i).value;
+        sum += m_pixels[i].value;
+        weighted_sum += weight(i) * m_pixels[i].value;
     }
     if (sum == 0.0) return this->SetNothing();
     this->flux = sum;
@@ -227,12 +239,12 @@ void CentroidingNBR<T>::SetFromBrightest(const Roi& roi, std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
         double share = 0.0;
         if (!m_weight_pixels) {
-            share = pixel(i).value / sum;
+            share = m_pixels[i].value / sum;
         } else if (weighted_sum != 0.0) {
-            share = weight(i) * pixel(i).value / weighted_sum;
+            share = weight(i) * m_pixels[i].value / weighted_sum;
         }
-        cx += share * pixel(i).dx;
-        cy += share * pixel(i).dy;
+        cx += share * m_pixels[i].dx;
+        cy += share * m_pixels[i].dy;
     }
     this->SetPosition(roi, cx, cy);
 }

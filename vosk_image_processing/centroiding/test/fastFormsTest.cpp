@@ -61,7 +61,14 @@ std::vector<Content> Contents() {
         {"a NaN", With(Limits::quiet_NaN())},
         {"a negative NaN", With(-Limits::quiet_NaN())},
         {"an infinity", With(Limits::infinity())},
-        {"a negative infinity", With(-Limits::infinity())}};
+        {"a negative infinity", With(-Limits::infinity())},
+        {"infinities of both signs",
+         [](Engine& engine) {
+             return engine() % 40 == 0 ? std::copysign(Limits::infinity(), Noise(engine)) : Noise(engine);
+         }},
+        {"zeroes of both signs", [](Engine& engine) {
+             return engine() % 16 == 0 ? Noise(engine) : std::copysign(0.0F, Noise(engine));
+         }}};
 }
 
 Roi At(unsigned left, unsigned top, unsigned width, unsigned height) {
@@ -83,9 +90,9 @@ std::vector<Roi> Regions(unsigned width, unsigned height, std::size_t count, Eng
     return rois;
 }
 
-constexpr std::pair<unsigned, unsigned> SIZES[]{{1, 1},   {1, 9},  {9, 1},         {2, 3}, {3, 2},
-                                                {4, 4},   {5, 7},  {8, 8},         {0, 4}, {4, 0},
-                                                {24, 24}, {11, 6}, {WIDTH, HEIGHT}};
+constexpr std::pair<unsigned, unsigned> SIZES[]{{1, 1},   {1, 9},  {9, 1},  {2, 3},         {3, 2},
+                                                {4, 4},   {5, 7},  {8, 8},  {0, 4},         {4, 0},
+                                                {24, 24}, {11, 6}, {13, 5}, {WIDTH, HEIGHT}};
 
 // Every batch length up to one more than a full batch, each of them of one size; then a mixture.
 std::vector<std::vector<Roi>> Batches(Engine& engine) {
@@ -135,8 +142,8 @@ std::vector<Method> Methods() {
     methods.push_back(MakeNbr(1, true));
     methods.push_back(MakeNbr(20, true));
     methods.push_back(MakeNbr(20, false));
-    methods.push_back(MakeNbr(100, true));
-    methods.push_back(MakeNbr(101, false));
+    methods.push_back(MakeNbr(112, true));
+    methods.push_back(MakeNbr(113, false));
     methods.push_back(MakeNbr(WIDTH * HEIGHT + 1, true));
     return methods;
 }

@@ -86,6 +86,7 @@ public:
     void ForEachPixel(Method& method, gsl::span<const T> frame, const Roi& roi) const {
         CheckFrameSize(frame.size());
         CheckRoi(roi);
+        if (roi.size == 0) return;  // it may lie behind the last pixel
         const T* row = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
         for (std::size_t dy = 0; dy < roi.height; ++dy, row += img_width) {
             const auto row_offset = static_cast<double>(dy);
@@ -134,7 +135,8 @@ private:
 };
 
 // The centre of gravity of the n brightest pixels, weighted by rank or not. NaN counts as brighter than all
-// else. Of equal pixels those later in raster order are ranked higher.
+// else, and 0.0 as brighter than -0.0, which makes no difference to the result. Of pixels that are equal in
+// their bits those later in raster order are ranked higher.
 template <class T>
 class CentroidingNBR final : public Centroiding<T> {
 public:
@@ -157,16 +159,17 @@ private:
         double dy;
     };
 
-    // Of the first pixels in m_places.
-    void SetFromBrightest(const Roi& roi, std::size_t count);
+    // The first of m_places into m_pixels.
+    void TakePixels(gsl::span<const T> frame, const Roi& roi, std::size_t count);
+    void SetFromBrightest(const Roi& roi);
 
     std::size_t m_nbrightest{1};  // never 0
     bool m_weight_pixels{true};
 
     // Scratch, overwritten by every Compute. It grows to the largest region, and stays.
-    std::vector<Pixel> m_pixels;          // of the region, from the last to the first
-    std::vector<std::int32_t> m_keys;     // of m_pixels: the larger, the brighter
-    std::vector<std::uint32_t> m_places;  // in m_pixels; the brightest first
+    std::vector<std::int32_t> m_keys;     // of the region, its last pixel first: the larger, the brighter
+    std::vector<std::uint32_t> m_places;  // in m_keys; the brightest first
+    std::vector<Pixel> m_pixels;          // the brightest
     std::vector<std::uint64_t> m_ranked;  // key and place in one, to be ordered
 };
 
