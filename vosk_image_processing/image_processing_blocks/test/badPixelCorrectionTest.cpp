@@ -65,6 +65,27 @@ TEST(BadPixelCorrection, UsesWhatItHasRepairedBefore) {
     EXPECT_NE(Repaired({{3, 1}, {2, 1}}, NEIGHBOURS, WHOLE), left_first);
 }
 
+// Values with which another order, a wider sum or a fused product would round differently.
+TEST(BadPixelCorrection, RoundsEachProductAndSumInTurn) {
+    const std::vector<float> ones(9, 1.0F);
+    const std::vector<float> cancelling{1e8F, 1.0F, -1e8F, 1.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F};
+    const float little = 0x1p-12F;
+    struct Case {
+        std::vector<float> pixels;
+        Weights weights;
+        float repaired;
+    };
+    for (const Case& at : std::vector<Case>{{cancelling, ones, 1.0F / 9.0F},
+                                            {ones, cancelling, 1.0F},
+                                            {{-1.0F - 2.0F * little, 1.0F + little, 0, 0, 0, 0, 0, 0, 0},
+                                             {1.0F, 1.0F + little, 0, 0, 0, 0, 0, 0, 0},
+                                             0.0F}}) {
+        std::vector<float> frame = at.pixels;
+        bad_pixel_correction_block{3, 3, {{1, 1}}, at.weights}.work(frame, {0, 3, 0, 3, 3, 3, 0, 0});
+        EXPECT_EQ(frame[4], at.repaired);
+    }
+}
+
 TEST(BadPixelCorrection, RepairsOnlyInTheRegion) {
     const Roi roi{2, 4, 1, 3, WIDTH, HEIGHT, 0, 0};
     EXPECT_EQ(Repaired({{1, 1}, {4, 1}, {2, 3}}, NEIGHBOURS, roi), Squares());

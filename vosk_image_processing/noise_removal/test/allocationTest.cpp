@@ -20,6 +20,7 @@ AlignedFrame<float> Ones(std::size_t size) {
 void ExpectNoAllocation(NoiseRemovalBase& removal, std::size_t raw_size) {
     const AlignedFrame<std::uint16_t> raw(raw_size, 7);
     const float* const pixels = removal.GetFrame().data();
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(pixels) % 32, 0U);
     const std::size_t before = vosk::test::AllocationsOfThisThread();
     ASSERT_GT(before, 0U);
     for (int frame = 0; frame < 3; ++frame) {
@@ -29,6 +30,22 @@ void ExpectNoAllocation(NoiseRemovalBase& removal, std::size_t raw_size) {
     }
     EXPECT_EQ(vosk::test::AllocationsOfThisThread(), before);
     EXPECT_EQ(removal.GetFrame().data(), pixels);
+}
+
+template <class T>
+void ExpectAlignment() {
+    std::vector<AlignedFrame<T>> frames;  // all at once, so that none gets the place of another
+    for (std::size_t size = 1; size < 200; size += 3) {
+        frames.emplace_back(size);
+        frames.back().push_back(T{});
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(frames.back().data()) % 32, 0U) << size;
+    }
+}
+
+TEST(AlignedFrame, StartsOn32BytesAlsoAfterItHasGrown) {
+    ExpectAlignment<std::uint16_t>();
+    ExpectAlignment<std::uint32_t>();
+    ExpectAlignment<float>();
 }
 
 TEST(NoiseRemoval, AllocatesNothingWhileItCleans) {

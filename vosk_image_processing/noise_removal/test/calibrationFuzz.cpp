@@ -37,6 +37,14 @@ public:
                               {AliceNoiseRemoval::WIDTH, AliceNoiseRemoval::HEIGHT});
         const std::vector<std::uint32_t> table(TABLE_SIZE, 3);
         Fits::WriteImg<std::uint32_t>(Fits::FitsFileWrite(Right("table"), true), table, {TABLE_SIZE});
+        // By turns neighbours, a tap to the right, one to the left and pixels apart.
+        std::vector<std::uint32_t> lisa(LisaGeometry::WIDTH * LisaGeometry::HEIGHT);
+        for (std::uint32_t i = 0; i < lisa.size(); ++i) {
+            const std::uint32_t x = i % 50;
+            const std::uint32_t offset[]{x, 8 * x, 400 - 8 * x, x * x};
+            lisa[i] = i + offset[i / 50 % 4];
+        }
+        Fits::WriteImg<std::uint32_t>(Fits::FitsFileWrite(Right("lisa"), true), lisa, {lisa.size()});
     }
     ~Files() { fs::remove_all(m_dir); }
     Files(const Files&) = delete;
@@ -71,6 +79,16 @@ void Clean(NoiseRemovalBase& removal) {
     removal.RemoveNoise(raw, {}, {});
 }
 
+// The rows that a spoilt table may change, in vectors.
+void CleanLisa(const std::string& table) {
+    using Frame = vosk::defs::AlignedFrame<float>;
+    static const Frame ones(LisaGeometry::WIDTH * LisaGeometry::HEIGHT, 1.0F);
+    LisaNoiseRemoval removal{ones, ones, table};
+    const std::vector<std::uint16_t> raw(LisaGeometry::SCRAMBLED_WIDTH * LisaGeometry::SCRAMBLED_HEIGHT, 100);
+    removal.RemoveNoise(raw, {}, Roi{0, 840, 0, 32, 840, 816, 0.0, 0.0});
+    removal.RemoveNoise(raw, {}, Roi{300, 324, 5, 29, 840, 816, 0.0, 0.0});
+}
+
 template <class Make>
 void Try(Make make) {
     try {
@@ -98,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const Files files;
     if (size == 0) return 0;
     const Bytes bytes{data + 1, size - 1};
-    switch (data[0] % 4) {
+    switch (data[0] % 5) {
         case 0:
             Try([&] {
                 const auto document = PliConfigDocument::FromText({bytes.begin(), bytes.end()}, "fuzz.yaml");
@@ -117,6 +135,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 AliceNoiseRemoval removal{files.Right("image"), files.Spoilt("image", bytes)};
                 Clean(removal);
             });
+            break;
+        case 3:
+            Try([&] { CleanLisa(files.Spoilt("lisa", bytes)); });
             break;
         default:
             Try([&] {

@@ -33,10 +33,8 @@ protected:
         WriteImage<float>(m_flat, 240, 240, 2.0F);
     }
 
-    auto Create() const {
-        return factory::CreateAliceNoiseRemoval(
-            NodeOf("noise_removal: {dark_path: " + m_dark + ", flat_path: " + m_flat + "}"), "noise_removal");
-    }
+    auto Node() const { return NodeOf("nr: {dark_path: " + m_dark + ", flat_path: " + m_flat + "}"); }
+    auto Create() const { return factory::CreateAliceNoiseRemoval(Node(), "nr"); }
     std::string Failure() const {
         return TextOf([this] { return Create(); });
     }
@@ -47,28 +45,49 @@ protected:
 };
 
 TEST_F(NoiseRemovalFactory, TakesTheMasterBiasAndTheFlatFromTheirFiles) {
-    const auto removal = Create();
-    const std::vector<std::uint16_t> raw(57600, 10);
-    removal->RemoveNoise(raw, {}, {});
-    EXPECT_THAT(removal->GetFrame(), testing::Each(3.5F));
+    const auto expect = [](NoiseRemovalBase& removal) {
+        const std::vector<std::uint16_t> raw(removal.GetFrame().size(), 10);
+        removal.RemoveNoise(raw, {}, {});
+        EXPECT_THAT(removal.GetFrame(), testing::Each(3.5F));
+    };
+    expect(*Create());
+    WriteImage<float>(m_dark, 2048, 2048, 3.0F);
+    WriteImage<float>(m_flat, 2048, 2048, 2.0F);
+    expect(*factory::CreateMaranaNoiseRemoval(Node(), "nr"));
 }
 
 TEST_F(NoiseRemovalFactory, FindsTheTableOfLisaAtItsOnePlace) {
-    WriteImage<float>(m_dark, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 0.0F);
-    WriteImage<float>(m_flat, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 1.0F);
-    const auto node = NodeOf("nr: {dark_path: " + m_dark + ", flat_path: " + m_flat + "}");
-    const auto create = [&] { return factory::CreateLisaNoiseRemoval(node, "nr"); };
+    WriteImage<float>(m_dark, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 3.0F);
+    WriteImage<float>(m_flat, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 2.0F);
+    const auto create = [&] { return factory::CreateLisaNoiseRemoval(Node(), "nr"); };
     EXPECT_THAT(TextOf(create), HasSubstr("data/scrambling/lisa_descrambling_vector.fits not found"));
-    const std::vector<std::uint32_t> table(LisaGeometry::WIDTH * LisaGeometry::HEIGHT, 783359);
+    // The last count for all pixels that see light, the first for those that don't.
+    std::vector<std::uint32_t> table(LisaGeometry::WIDTH * LisaGeometry::HEIGHT, 783359);
+    const auto is_dark = [](std::size_t i) { return i % 840 < 20 || i % 840 >= 820; };
+    for (std::size_t i = 0; i < table.size(); ++i) table[i] = is_dark(i) ? 0 : table[i];
     Fits::WriteImg<std::uint32_t>(Fits::FitsFileWrite(m_dir / LisaGeometry::TABLE, true), table,
                                   {table.size()});
     ::setenv("CFGPATH", m_dir.Path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe): one thread
     const auto removal = create();
     ::unsetenv("CFGPATH");  // NOLINT(concurrency-mt-unsafe): one thread
     std::vector<std::uint16_t> raw(783360, 0);
-    raw.back() = 5;
+    raw.front() = 4;
+    raw.back() = 15;
     removal->RemoveNoise(raw, {}, {});
-    EXPECT_THAT(removal->GetFrame(), testing::Each(0.0F));  // the columns without light see it as well
+    const auto& frame = removal->GetFrame();
+    for (std::size_t i = 0; i < frame.size(); ++i) {
+        ASSERT_EQ(frame[i], is_dark(i) ? 0.0F : ((15.0F - 3.0F) - (4.0F - 3.0F)) / 2.0F) << i;
+    }
+}
+
+TEST_F(NoiseRemovalFactory, RefusesTransposedImages) {
+    for (const std::string& path : {m_flat, m_dark}) {
+        WriteImage<float>(m_dark, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 3.0F);
+        WriteImage<float>(m_flat, LisaGeometry::WIDTH, LisaGeometry::HEIGHT, 2.0F);
+        WriteImage<float>(path, LisaGeometry::HEIGHT, LisaGeometry::WIDTH, 1.0F);
+        EXPECT_EQ(TextOf([&] { return factory::CreateLisaNoiseRemoval(Node(), "nr"); }),
+                  "Fits: Image size does not match for the 0th dimension, expected: 840, acctual: 816");
+    }
 }
 
 TEST_F(NoiseRemovalFactory, SaysWhatIsWrongWithTheConfiguration) {
