@@ -2,6 +2,7 @@
 
 #include <vosk/common/logger.hpp>
 
+#include "fileDescriptor.hpp"
 #include "namedLock.hpp"
 
 #include <fcntl.h>
@@ -24,30 +25,6 @@ constexpr const char* SIZE_MISMATCH = "Data size mismatch in shared memory";
 
 std::string SystemErrorText(int code) {
     return std::system_category().message(code);
-}
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) noexcept : m_fd{fd} {}
-    FileDescriptor(FileDescriptor&& other) noexcept : m_fd{other.Release()} {}
-    FileDescriptor& operator=(FileDescriptor&&) = delete;
-    ~FileDescriptor() { Close(); }
-
-    bool IsOpen() const noexcept { return m_fd != -1; }
-    int Get() const noexcept { return m_fd; }
-    int Release() noexcept { return std::exchange(m_fd, -1); }
-    void Close() noexcept {
-        if (IsOpen()) ::close(Release());
-    }
-
-private:
-    int m_fd;
-};
-
-std::optional<struct stat> StatOf(int fd) noexcept {
-    struct stat status {};
-    if (::fstat(fd, &status) != 0) return std::nullopt;
-    return status;
 }
 
 RtRegion* Map(int fd, std::size_t region_size) noexcept {
@@ -79,12 +56,6 @@ void Initialise(RtRegion& region, std::size_t data_size) {
 
 bool IsUnfinished(const RtRegion& region) {
     return region.data_size == 0 && region.open_count.load() == 0;
-}
-
-// A process killed between its last count and the removal of the name leaves a count that no close would
-// take to 0 again.
-void RepairOpenCount(RtRegion& region) {
-    if (static_cast<std::int32_t>(region.open_count.load()) <= 0) region.open_count.store(1);
 }
 
 // Touching a page behind the end of a file kills the process: a region is mapped only if it is long enough.
@@ -147,8 +118,6 @@ NamedLock ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::strin
     } else if (region->data_size != size) {
         ::munmap(region, region_size);
         Abandon(fd, name, false, SIZE_MISMATCH);
-    } else {
-        RepairOpenCount(*region);
     }
     m_name = name;
     m_data_size = size;

@@ -1,5 +1,6 @@
 #include <vosk/common/shmif/shmRt.hpp>
 
+#include "fileDescriptor.hpp"
 #include "namedLock.hpp"
 
 #include <fcntl.h>
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <utility>
 
 namespace vosk::common::shmif {
 
@@ -25,22 +25,14 @@ void Wake(std::atomic<std::uint32_t>& word, int waiters) noexcept {
 }
 
 // Ends by a wake, by a signal or at the limit; the caller looks at the region in each case.
-void Sleep(std::atomic<std::uint32_t>& word, SteadyClock::duration limit) noexcept {
-    const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(limit);
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(whole);
+void Sleep(std::atomic<std::uint32_t>& word, std::chrono::microseconds limit) noexcept {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
     const timespec relative{.tv_sec = seconds.count(),
-                            .tv_nsec = std::chrono::nanoseconds{whole - seconds}.count()};
+                            .tv_nsec = std::chrono::nanoseconds{limit - seconds}.count()};
     ::syscall(SYS_futex, &word, FUTEX_WAIT, word.load(), &relative, nullptr, 0);
 }
 
 // Each reader holds a shared lock on its open region, which the system takes back when the process ends.
-struct flock WholeFile(short type) noexcept {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    return lock;
-}
-
 void MarkAsAlive(int fd) noexcept {
     auto lock = WholeFile(F_RDLCK);
     ::fcntl(fd, F_OFD_SETLK, &lock);
@@ -88,7 +80,7 @@ ShmWriterRT::~ShmWriterRT() {
 
 bool ShmWriterRT::TimedSend(const void* data, std::chrono::microseconds timeout) {
     const auto start = SteadyClock::now();
-    bool slot_is_ours = std::exchange(m_give_up_record, false);
+    const bool may_wait = timeout > timeout.zero();
     for (;;) {
         const std::uint32_t readers = m_region->reader_count.load();
         m_readers_at_put = std::min(m_readers_at_put, readers);
@@ -96,19 +88,18 @@ bool ShmWriterRT::TimedSend(const void* data, std::chrono::microseconds timeout)
             FollowReader(start);
             return true;
         }
-        slot_is_ours = slot_is_ours || m_region->SlotIsFree();
-        if (slot_is_ours) {
+        if (m_region->SlotIsFree() || (may_wait && m_give_up_record)) {
             Put(data);
             m_readers_at_put = readers;
             return true;
         }
-        const bool may_wait = timeout > timeout.zero();
         const auto elapsed = may_wait ? SteadyClock::now() - start : SteadyClock::duration::zero();
-        if (elapsed >= timeout) {
-            if (!FollowReader(start)) m_give_up_record = may_wait && readers > m_readers_at_put;
+        // In microseconds: a limit that stands for "as long as it takes" has no place in nanoseconds.
+        if (std::chrono::floor<std::chrono::microseconds>(elapsed) >= timeout) {
+            if (!FollowReader(start) && may_wait) m_give_up_record = readers > m_readers_at_put;
             return false;
         }
-        Sleep(m_region->writer_wake, timeout - elapsed);
+        Sleep(m_region->writer_wake, timeout - std::chrono::ceil<std::chrono::microseconds>(elapsed));
     }
 }
 
@@ -133,6 +124,7 @@ bool ShmWriterRT::FollowReader(SteadyClock::time_point now) noexcept {
 }
 
 void ShmWriterRT::Put(const void* data) noexcept {
+    m_give_up_record = false;
     std::memcpy(m_region->Slot(), data, m_data_size);
     m_region->write_seq.fetch_add(1);
     Wake(m_region->reader_wake, ALL_WAITERS);
@@ -172,7 +164,7 @@ bool ShmReaderRT::TimedReceive(void* data, std::chrono::nanoseconds limit) {
             FollowWriter(start);
             return false;
         }
-        Sleep(m_region->reader_wake, limit - elapsed);
+        Sleep(m_region->reader_wake, std::chrono::floor<std::chrono::microseconds>(limit - elapsed));
     }
 }
 

@@ -16,6 +16,17 @@ TEST_F(ShmRt, RegionWhoseCreatorDiedIsFinished) {
     EXPECT_FALSE(Exists());
 }
 
+TEST_F(ShmRt, CountThatAKilledProcessLeftStays) {
+    for (std::uint32_t count : {0U, 7U, ~0U}) {
+        const ShmWriterRT writer = MakeWriter();
+        SetRegionAt(60, count);
+        const ShmReaderRT reader{m_shm, TOPIC};
+        EXPECT_EQ(OpenCount(), count);
+        SetRegionAt(60, 2U);  // taken to 0 by the last of the two
+    }
+    EXPECT_FALSE(Exists());
+}
+
 TEST_F(ShmRt, KilledReaderIsForgottenByTheNext) {
     ShmWriterRT writer = MakeWriter();
     {
@@ -52,6 +63,7 @@ TEST_F(ShmRt, RecordThatAPlainReaderLeavesIsWrittenOverAfterOneLimit) {
         AttachPlainReader();
         EXPECT_FALSE(Send(writer, 2));
         EXPECT_FALSE(Send(writer, 2, 1ms));
+        EXPECT_FALSE(Send(writer, 2));  // who does not wait writes over nothing
         EXPECT_EQ(WriteSeq(), 1U);
         EXPECT_TRUE(Send(writer, 3, 1ms));
         EXPECT_EQ(WriteSeq(), 2U);

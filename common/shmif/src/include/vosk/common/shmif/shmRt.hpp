@@ -20,7 +20,7 @@ public:
     // Puts one record of the topic's size into the slot as soon as it is free. True: done, or nobody reads
     // and nothing was written. False: the limit passed and the record is lost.
     // A record that a reader found when it attached may never be taken, if that reader does not free the slot
-    // itself; after one whole limit of waiting for such a record the next call writes over it.
+    // itself; after one whole limit of waiting for such a record the next call with a limit writes over it.
     bool TimedSend(const void* data, std::chrono::microseconds timeout);
 
     // Writes whether or not the last record was taken: for the simulation outputs, whose reader takes what it
@@ -33,7 +33,7 @@ private:
     bool FollowReader(std::chrono::steady_clock::time_point now) noexcept;
 
     std::uint32_t m_readers_at_put = 0;  // of these, one was there when the record in the slot was written
-    bool m_give_up_record = false;
+    bool m_give_up_record = false;       // the next call that may wait writes over the record in the slot
 };
 
 class ShmReaderRT : public ShmBaseRT {
