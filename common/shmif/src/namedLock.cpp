@@ -3,9 +3,11 @@
 #include <vosk/common/logger.hpp>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
 #include <ctime>
+#include <string>
 #include <utility>
 
 namespace vosk::common::shmif {
@@ -16,8 +18,10 @@ namespace {
     throw boost::interprocess::interprocess_exception{boost::interprocess::error_info{errno}};
 }
 
-sem_t* Open(const char* name) noexcept {
-    return ::sem_open(name, O_CREAT, 0644, 1);
+// The C library keeps a semaphore in a shared-memory object that is named after it.
+FileDescriptor OpenFileOf(const char* name) {
+    const std::string file = std::string{"/sem."} + (name + (name[0] == '/' ? 1 : 0));
+    return FileDescriptor{::shm_open(file.c_str(), O_RDWR, 0)};
 }
 
 timespec MonotonicDeadline(std::chrono::nanoseconds limit) {
@@ -28,8 +32,9 @@ timespec MonotonicDeadline(std::chrono::nanoseconds limit) {
     return timespec{.tv_sec = seconds.count(), .tv_nsec = (deadline - seconds).count()};
 }
 
-// False if the deadline passed.
-bool Take(sem_t* semaphore, const timespec& deadline) {
+// False if the limit passed.
+bool Take(sem_t* semaphore, std::chrono::nanoseconds limit) {
+    const timespec deadline = MonotonicDeadline(limit);
     while (::sem_clockwait(semaphore, CLOCK_MONOTONIC, &deadline) != 0) {
         if (errno == ETIMEDOUT) return false;
         if (errno != EINTR) ThrowSystemError();
@@ -37,37 +42,73 @@ bool Take(sem_t* semaphore, const timespec& deadline) {
     return true;
 }
 
+// 1 again, and never 2, with which it would lock no more: after a take-over the former holder may still come
+// back and give it up once more.
+void GiveBack(sem_t* semaphore) noexcept {
+    int value = 0;
+    if (::sem_getvalue(semaphore, &value) != 0 || value == 0) ::sem_post(semaphore);
+}
+
+bool TryLock(const FileDescriptor& file) noexcept {
+    auto lock = WholeFile(F_WRLCK);
+    return ::fcntl(file.Get(), F_OFD_SETLK, &lock) == 0;
+}
+
+// False if the system refuses.
+bool Lock(const FileDescriptor& file) noexcept {
+    auto lock = WholeFile(F_WRLCK);
+    while (::fcntl(file.Get(), F_OFD_SETLKW, &lock) != 0) {
+        if (errno != EINTR) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
-NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit) : m_semaphore{Open(name)} {
-    if (m_semaphore == SEM_FAILED) ThrowSystemError();
-    try {
-        if (Take(m_semaphore, MonotonicDeadline(limit))) return;
-    } catch (...) {
-        ::sem_close(m_semaphore);
-        throw;
+NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit)
+    : m_semaphore{OpenSemaphore(name)}, m_file{m_semaphore ? OpenFileOf(name) : FileDescriptor{-1}} {
+    if (!m_file.IsOpen()) ThrowSystemError();
+    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
+    for (bool told = false; !Take(m_semaphore.get(), limit); told = true) {
+        if (TryLock(m_file)) {
+            LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: its holder is gone.",
+                    name, milliseconds);
+            return;
+        }
+        if (!told) {
+            LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: waiting on.", name,
+                    milliseconds);
+        }
     }
-    LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: its holder is taken for dead.",
-            name, std::chrono::duration_cast<std::chrono::milliseconds>(limit).count());
+    if (Lock(m_file)) return;  // at once, unless another has taken over in the meantime
+    const int code = errno;
+    GiveBack(m_semaphore.get());
+    errno = code;
+    ThrowSystemError();
 }
 
-NamedLock::NamedLock(NamedLock&& other) noexcept : m_semaphore{std::exchange(other.m_semaphore, nullptr)} {}
+NamedLock::NamedLock(Semaphore taken, FileDescriptor locked) noexcept
+    : m_semaphore{std::move(taken)}, m_file{std::move(locked)} {}
+
+NamedLock::Semaphore NamedLock::OpenSemaphore(const char* name) noexcept {
+    sem_t* semaphore = ::sem_open(name, O_CREAT, 0644, 1);
+    return Semaphore{semaphore == SEM_FAILED ? nullptr : semaphore};
+}
 
 std::optional<NamedLock> NamedLock::TryTake(const char* name) noexcept {
-    sem_t* semaphore = Open(name);
-    if (semaphore == SEM_FAILED) return std::nullopt;
-    if (::sem_trywait(semaphore) == 0) return NamedLock{semaphore};
-    ::sem_close(semaphore);
-    return std::nullopt;
+    Semaphore semaphore = OpenSemaphore(name);
+    if (!semaphore) return std::nullopt;
+    FileDescriptor file = OpenFileOf(name);
+    if (!file.IsOpen() || !TryLock(file) || ::sem_trywait(semaphore.get()) != 0) return std::nullopt;
+    return NamedLock{std::move(semaphore), std::move(file)};
 }
 
+// The semaphore first: while the file is locked no other holder of ours looks at its value to raise it.
 NamedLock::~NamedLock() {
-    if (m_semaphore == nullptr) return;
-    // After a take-over the former holder may still come back and give the lock up once more: whoever finds
-    // it free leaves it at 1.
-    int value = 0;
-    if (::sem_getvalue(m_semaphore, &value) != 0 || value == 0) ::sem_post(m_semaphore);
-    ::sem_close(m_semaphore);
+    if (!m_semaphore) return;
+    GiveBack(m_semaphore.get());
+    auto unlock = WholeFile(F_UNLCK);  // for a process forked meanwhile as well, which has the file open, too
+    ::fcntl(m_file.Get(), F_OFD_SETLK, &unlock);
 }
 
 }  // namespace vosk::common::shmif

@@ -6,6 +6,9 @@
 #include <vosk/test/support.hpp>
 
 #include <fcntl.h>
+#include <atomic>
+#include <thread>
+#include <vosk/test/logCapture.hpp>
 
 using namespace std::chrono_literals;
 using namespace vosk::common::shmif;
@@ -55,6 +58,7 @@ protected:
     RegionsLock() : m_name{m_prefix.NameOf("lock")} {}
     ~RegionsLock() override { ::sem_unlink(m_name.c_str()); }
 
+    // As any other program sees it.
     int Value() const {
         sem_t* semaphore = ::sem_open(m_name.c_str(), 0);
         int value = -1;
@@ -62,29 +66,58 @@ protected:
         ::sem_close(semaphore);
         return value;
     }
+    void Post() const {
+        sem_t* semaphore = ::sem_open(m_name.c_str(), 0);
+        ::sem_post(semaphore);
+        ::sem_close(semaphore);
+    }
+
+    void Lose() const {
+        const vosk::test::Holder holder{[&] { return std::make_unique<NamedLock>(m_name.c_str(), 10s); }};
+        EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
+        EXPECT_EQ(Value(), 0);
+    }
 
     vosk::test::UniquePrefix m_prefix;
     std::string m_name;
 };
 
-TEST_F(RegionsLock, IsTakenOverFromAKilledHolder) {
-    {
-        const vosk::test::Holder holder{[&] { return std::make_unique<NamedLock>(m_name.c_str(), 10s); }};
+TEST_F(RegionsLock, IsTakenOverFromAKilledHolderByOneAtATime) {
+    const vosk::test::LogCapture log;
+    Lose();
+    std::atomic<int> inside = 0;
+    std::atomic<int> done = 0;
+    // The first stays until both others have waited for longer than their limit.
+    const auto enter = [&] {
+        const NamedLock lock{m_name.c_str(), 1ms};
+        EXPECT_EQ(++inside, 1);
         EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
-        EXPECT_EQ(Value(), 0);
-    }
-    {
-        const NamedLock first{m_name.c_str(), 1ms};
-        const NamedLock second{m_name.c_str(), 1ms};
-        EXPECT_EQ(Value(), 0);
-    }
-    EXPECT_EQ(Value(), 1);  // and not 2, with which it would lock no more
-    {
-        const auto free = NamedLock::TryTake(m_name.c_str());
-        EXPECT_TRUE(free);
-        EXPECT_EQ(Value(), 0);
-    }
+        EXPECT_TRUE(vosk::test::Eventually(
+            [&] { return done > 0 || inside > 1 || log.Texts("waiting on").size() == 2; }));
+        ++done;
+        --inside;
+    };
+    { const std::jthread threads[] = {std::jthread{enter}, std::jthread{enter}, std::jthread{enter}}; }
+    EXPECT_EQ(log.Texts("its holder is gone").size(), 1U);
     EXPECT_EQ(Value(), 1);
+    EXPECT_TRUE(NamedLock::TryTake(m_name.c_str()));
+    EXPECT_EQ(Value(), 1);
+}
+
+TEST_F(RegionsLock, FormerHolderThatComesBackLetsNobodyIn) {
+    Lose();
+    auto successor = std::make_unique<NamedLock>(m_name.c_str(), 1ms);
+    Post();
+    EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
+    EXPECT_EQ(Value(), 1);
+    std::atomic<bool> is_given_back = false;
+    const std::jthread waiter{[&] {
+        const NamedLock lock{m_name.c_str(), 10s};
+        EXPECT_TRUE(is_given_back);
+    }};
+    EXPECT_TRUE(vosk::test::Eventually([&] { return Value() == 0; }));
+    is_given_back = true;
+    successor.reset();
 }
 
 }  // namespace
