@@ -3,12 +3,14 @@
 
 #include "childProcess.hpp"
 
+#include <vosk/test/logCapture.hpp>
 #include <vosk/test/messageQueue.hpp>
 #include <vosk/test/support.hpp>
 
 #include <boost/interprocess/mapped_region.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 #include <fstream>
+#include <mutex>
 
 namespace bip = boost::interprocess;
 using namespace vosk::common::shmif;
@@ -20,16 +22,23 @@ namespace {
 constexpr const char* TOPIC = "queue";
 using Message = std::array<std::uint64_t, 4>;
 
-// Takes the queue's own lock, as a process does that is killed inside an operation.
-void LeaveQueueLocked(const std::string& name) {
-    using Header = bip::ipcdetail::mq_hdr_t<bip::offset_ptr<void>>;
-    using Impl = bip::ipcdetail::managed_open_or_create_impl<bip::shared_memory_object, 0, true, false>;
-    bip::shared_memory_object memory{bip::open_only, name.c_str(), bip::read_write};
-    bip::mapped_region region{memory, bip::read_write};
-    auto* header = static_cast<char*>(region.get_address()) + Impl::ManagedOpenOrCreateUserOffset;
-    reinterpret_cast<Header*>(header)->m_mutex.lock();
-    ::_exit(0);
-}
+// The queue's own lock, which Boost hides.
+class InnerLock {
+public:
+    explicit InnerLock(const std::string& name)
+        : m_region{bip::shared_memory_object{bip::open_only, name.c_str(), bip::read_write},
+                   bip::read_write} {}
+
+    auto& Get() {
+        using Header = bip::ipcdetail::mq_hdr_t<bip::offset_ptr<void>>;
+        using Impl = bip::ipcdetail::managed_open_or_create_impl<bip::shared_memory_object, 0, true, false>;
+        auto* header = static_cast<char*>(m_region.get_address()) + Impl::ManagedOpenOrCreateUserOffset;
+        return reinterpret_cast<Header*>(header)->m_mutex;
+    }
+
+private:
+    bip::mapped_region m_region;
+};
 
 class ShmBoost : public ::testing::Test {
 protected:
@@ -42,12 +51,38 @@ protected:
         m_prefix.Remove(TOPIC);
     }
 
+    // Leaves the queue locked, as a process does that is killed inside an operation.
     void KillAHolder() const {
-        ChildProcess child{[&](Signals&) -> bool {
-            LeaveQueueLocked(Name());
+        ChildProcess child{[&](Signals&) {
+            InnerLock{Name()}.Get().lock();
             return true;
         }};
         ASSERT_TRUE(child.Succeeds());
+    }
+
+    std::unique_ptr<bip::message_queue> MakeQueue() const {
+        m_prefix.Remove(TOPIC);
+        return std::make_unique<bip::message_queue>(bip::create_only, Name().c_str(), 10, sizeof(Message));
+    }
+    void PutFile(const std::string& bytes) const {
+        m_prefix.Remove(TOPIC);
+        std::ofstream{"/dev/shm" + Name(), std::ios::binary} << bytes;
+    }
+    void PutRegion() const {
+        RtRegion region{};
+        region.data_size = 8;
+        PutFile(std::string(reinterpret_cast<const char*>(&region), sizeof(region)) + std::string(8, '\0'));
+    }
+
+    // How many messages were lost until the log said so.
+    static int LoseUntil(ShmWriterBoost& writer, const LogCapture& log, const char* text) {
+        int lost = 0;
+        EXPECT_TRUE(Eventually([&] {
+            writer.TrySend(Message{1}.data());
+            ++lost;
+            return !log.Texts(text).empty();
+        }));
+        return lost;
     }
 
     static std::string BytesOf(const Message& message) {
@@ -103,44 +138,64 @@ TEST_F(ShmBoost, TopicOfTheOtherKindIsRefused) {
 
 TEST_F(ShmBoost, QueueThatWasNeverFinishedIsMadeAnew) {
     for (std::size_t size : {1, 20000}) {
-        std::ofstream{"/dev/shm" + Name(), std::ios::binary} << std::string(size, '\0');
+        PutFile(std::string(size, '\0'));
         ShmWriterBoost writer{m_shm, TOPIC};
         writer.TrySend(Message{}.data());
         EXPECT_EQ(Drain(Name()).size(), 1U) << size;
     }
 }
 
-TEST_F(ShmBoost, QueueLockedByAKilledProcessIsMadeAnew) {
+TEST_F(ShmBoost, LockHeldByALiveProcessCostsTheMessagesSentMeanwhile) {
     ShmWriterBoost writer{m_shm, TOPIC};
-    KillAHolder();
-    writer.TrySend(Message{1}.data());  // lost
+    {
+        InnerLock held{Name()};
+        const std::lock_guard lock{held.Get()};
+        for (int i = 0; i < 3; ++i) writer.TrySend(Message{1}.data());
+    }
     writer.TrySend(Message{2}.data());
     EXPECT_THAT(Drain(Name()), ElementsAre(BytesOf({2})));
 }
 
-TEST_F(ShmBoost, QueueThatARestartedCollectorHasMadeIsTaken) {
-    ShmWriterBoost writer{m_shm, TOPIC};
-    KillAHolder();
-    m_prefix.Remove(TOPIC);
-    bip::message_queue queue{bip::create_only, Name().c_str(), 10, sizeof(Message)};
-    writer.TrySend(Message{1}.data());  // lost
-    writer.TrySend(Message{2}.data());
-    EXPECT_THAT(Drain(queue), ElementsAre(BytesOf({2})));
+// By what has the name when the lock has been refused for long enough.
+TEST_F(ShmBoost, QueueLockedByAKilledProcessIsReplaced) {
+    std::unique_ptr<bip::message_queue> restarted;
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"the queue itself", [] {}},
+        {"nothing", [&] { m_prefix.Remove(TOPIC); }},
+        {"a restarted collector's queue", [&] { restarted = MakeQueue(); }},
+    };
+    for (const auto& [name, put] : cases) {
+        const LogCapture log;
+        ShmWriterBoost writer{m_shm, TOPIC};
+        KillAHolder();
+        put();
+        LoseUntil(writer, log, "is replaced");
+        writer.TrySend(Message{2}.data());
+        EXPECT_THAT(Drain(Name()), ElementsAre(BytesOf({2}))) << name;
+    }
 }
 
-TEST_F(ShmBoost, LostMessageIsAllThatANameTakenByOthersCosts) {
+TEST_F(ShmBoost, SuccessorThatIsNoQueueYetHoldsNobodyUp) {
+    const LogCapture log;
     ShmWriterBoost writer{m_shm, TOPIC};
     KillAHolder();
-    m_prefix.Remove(TOPIC);
-    RtRegion region{};
-    region.data_size = 8;
-    std::ofstream{"/dev/shm" + Name(), std::ios::binary}
-        << std::string(reinterpret_cast<const char*>(&region), sizeof(region)) + std::string(8, '\0');
-    EXPECT_NO_THROW(writer.TrySend(Message{1}.data()));
-    m_prefix.Remove(TOPIC);
-    writer.TrySend(Message{2}.data());  // lost too, and the queue made anew
-    writer.TrySend(Message{3}.data());
-    EXPECT_THAT(Drain(Name()), ElementsAre(BytesOf({3})));
+    PutRegion();
+    LoseUntil(writer, log, "the old one is kept");
+    for (int i = 0; i < 3; ++i) writer.TrySend(Message{1}.data());
+    EXPECT_EQ(log.Texts("the old one is kept").size(), 1U);
+    PutFile({});
+    EXPECT_GT(LoseUntil(writer, log, "was left unfinished"), 3);  // one, if that send had waited for the end
+    writer.TrySend(Message{2}.data());
+    EXPECT_THAT(Drain(Name()), ElementsAre(BytesOf({2})));
+}
+
+TEST_F(ShmBoost, FullQueueIsLeftForItsSuccessor) {
+    ShmWriterBoost writer{m_shm, TOPIC};
+    for (int i = 0; i < 100; ++i) writer.TrySend(Message{1}.data());
+    const auto restarted = MakeQueue();
+    writer.TrySend(Message{1}.data());  // lost
+    writer.TrySend(Message{2}.data());
+    EXPECT_THAT(Drain(*restarted), ElementsAre(BytesOf({2})));
 }
 
 }  // namespace

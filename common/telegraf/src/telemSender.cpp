@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 namespace vosk::common::telegraf {
 
@@ -42,9 +43,10 @@ void SHMTelemSender::Send(const std::string& line) {
     std::fill(std::copy(line.begin(), line.end(), m_message.begin()), m_message.end(), '\0');
     try {
         m_queue.TrySend(m_message.data());
+        m_refusal_told = false;
     } catch (const std::runtime_error& error) {
-        m_active = false;
-        LogWarn("Telemetry of {} ends here, its queue is not usable: {}", m_tag, error.what());
+        if (std::exchange(m_refusal_told, true)) return;
+        LogWarn("Telemetry of {} is dropped, its queue is not usable: {}", m_tag, error.what());
     }
 }
 

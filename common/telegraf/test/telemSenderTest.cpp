@@ -1,5 +1,6 @@
 #include <vosk/common/telegraf/telemSender.hpp>
 
+#include <vosk/test/logCapture.hpp>
 #include <vosk/test/messageQueue.hpp>
 #include <vosk/test/support.hpp>
 
@@ -78,12 +79,25 @@ TEST_F(SHMTelemSenderTest, DropsWhatDoesNotFit) {
     EXPECT_EQ(Drain().size(), 100U);
 }
 
-TEST_F(SHMTelemSenderTest, AQueueOfOtherMessagesEndsTheTelemetryAndNothingElse) {
-    const bip::message_queue foreign{bip::create_only, m_queue.c_str(), 10, 255};
+TEST_F(SHMTelemSenderTest, QueueOfShorterMessagesCostsLinesUntilItIsPutRight) {
+    const vosk::test::LogCapture log;
+    const auto make_queue = [&](std::size_t size) {
+        bip::message_queue::remove(m_queue.c_str());
+        return bip::message_queue{bip::create_only, m_queue.c_str(), 10, size};
+    };
+    const auto foreign = make_queue(255);
     SHMTelemSender sender;
     sender.Setup("set", "tag", "");
-    EXPECT_NO_THROW(sender.Send("line"));
-    EXPECT_FALSE(sender.IsSetup());
+    for (std::size_t told : {1U, 2U}) {
+        auto shorter = make_queue(255);
+        for (int i = 0; i < 12; ++i) sender.Send("lost");  // more than the right one holds
+        EXPECT_EQ(log.Texts("Telemetry of tag is dropped").size(), told);
+        EXPECT_TRUE(sender.IsSetup());
+        auto right = make_queue(256);
+        sender.Send("lost");
+        sender.Send("line");
+        EXPECT_EQ(vosk::test::Drain(right).size(), 1U);
+    }
     bip::message_queue::remove(m_queue.c_str());
 }
 

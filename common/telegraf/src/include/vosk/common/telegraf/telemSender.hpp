@@ -64,15 +64,16 @@ public:
     bool IsSetup() const override { return m_active; }
 
     // A line fills one message from its start, the rest zero. A line that is too long is dropped with a WARN,
-    // and one for which the queue has no room is dropped without. A queue that can't be used ends the
-    // telemetry of this sender with a WARN, never the thread whose figures it carries. Waits at most half a
-    // second, once, for a collector that was killed inside the queue's lock.
+    // and one for which the queue has no room is dropped without. A queue that can't be used drops it too,
+    // with one WARN until a line gets through again. Waits a millisecond at most, and only while somebody
+    // holds the queue's lock.
     void Send(const std::string& line) override;
 
 private:
     shmif::ShmIf m_shm;
     shmif::ShmWriterBoost m_queue;
     bool m_active = false;
+    bool m_refusal_told = false;
     std::vector<char> m_message;  // of the topic's size
 };
 
