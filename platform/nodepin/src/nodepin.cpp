@@ -68,13 +68,16 @@ std::optional<int> GetNodeOfCpu(int cpu) noexcept {
     return node < 0 ? std::nullopt : std::optional{node};
 }
 
+// Where all memory to come is locked, a mapping that may be used gets its pages at once, from the caller's
+// node: it may be used only once it is bound.
 void* Allocate(std::size_t size, const MemPolicy& policy, std::error_code& error) noexcept {
-    void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const memory = ::mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         error = LastError();
         return nullptr;
     }
     error = policy.ApplyToMemory(memory, size);
+    if (!error && ::mprotect(memory, size, PROT_READ | PROT_WRITE) != 0) error = LastError();
     if (!error) return memory;
     ::munmap(memory, size);
     return nullptr;
