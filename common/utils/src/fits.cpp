@@ -1,5 +1,7 @@
 #include <vosk/common/fits.hpp>
 
+#include <vosk/common/logger.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -163,13 +165,13 @@ Fits::Handle Fits::FitsFile(const std::string& path, const std::optional<std::st
 Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
                                  const std::optional<std::string>& extension) {
     Handle handle = MakeHandle(false, extension);
-    std::string unusable;  // why an existing file couldn't be opened
     if (!overwrite) {
         const int status = OpenToWrite(*handle, path);
         if (status == 0) return handle;
         const std::string reason = ReadStatus(status);
         std::error_code ignored;  // a file that can't be looked for is told of below
-        if (std::filesystem::exists(path, ignored)) unusable = "; it exists, but: " + reason;
+        if (std::filesystem::exists(path, ignored))
+            LogError("Fits: {} exists and can't be opened: {}", path, reason);
         handle = MakeHandle(false, extension);
     }
     if (const auto parent = std::filesystem::path{path}.parent_path(); !parent.empty()) {
@@ -181,8 +183,7 @@ Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
     ffdhdu(handle->fptr, nullptr, &status);
     ffpcks(handle->fptr, &status);
     if (status != 0) {
-        throw std::runtime_error("Fits: Could not open/create " + path + ", details: " + ReadStatus(status) +
-                                 unusable);
+        throw std::runtime_error("Fits: Could not open/create " + path + ", details: " + ReadStatus(status));
     }
     return handle;
 }
