@@ -59,7 +59,7 @@ Statistics::Statistics(unsigned long stream_id)
 
 void Statistics::Enable(std::chrono::nanoseconds nominal_period) {
     if (nominal_period.count() <= 0) {
-        throw std::invalid_argument("ERR: Nominal period of stream statistics must be positive");
+        throw std::invalid_argument("Nominal period of stream statistics must be positive");
     }
     const std::lock_guard lock(m_mutex);
     m_nominal_period = nominal_period;
