@@ -111,13 +111,15 @@ TEST_F(RegionsLock, FormerHolderThatComesBackLetsNobodyIn) {
     EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
     EXPECT_EQ(Value(), 1);
     std::atomic<bool> is_given_back = false;
-    const std::jthread waiter{[&] {
+    std::jthread waiter{[&] {
         const NamedLock lock{m_name.c_str(), 10s};
         EXPECT_TRUE(is_given_back);
     }};
     EXPECT_TRUE(vosk::test::Eventually([&] { return Value() == 0; }));
     is_given_back = true;
     successor.reset();
+    waiter.join();
+    EXPECT_EQ(Value(), 1);  // and not 2, with which it would lock no more
 }
 
 }  // namespace
