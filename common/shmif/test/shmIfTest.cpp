@@ -3,16 +3,15 @@
 #include "../src/namedLock.hpp"
 #include "childProcess.hpp"
 
+#include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 
 #include <fcntl.h>
-#include <atomic>
-#include <thread>
-#include <vosk/test/logCapture.hpp>
 
 using namespace std::chrono_literals;
 using namespace vosk::common::shmif;
 using namespace testing;
+using namespace vosk::test;
 
 namespace {
 
@@ -73,17 +72,17 @@ protected:
     }
 
     void Lose() const {
-        const vosk::test::Holder holder{[&] { return std::make_unique<NamedLock>(m_name.c_str(), 10s); }};
+        const Holder holder{[&] { return std::make_unique<NamedLock>(m_name.c_str(), 10s); }};
         EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
         EXPECT_EQ(Value(), 0);
     }
 
-    vosk::test::UniquePrefix m_prefix;
+    UniquePrefix m_prefix;
     std::string m_name;
 };
 
 TEST_F(RegionsLock, IsTakenOverFromAKilledHolderByOneAtATime) {
-    const vosk::test::LogCapture log;
+    const LogCapture log;
     Lose();
     std::atomic<int> inside = 0;
     std::atomic<int> done = 0;
@@ -92,8 +91,8 @@ TEST_F(RegionsLock, IsTakenOverFromAKilledHolderByOneAtATime) {
         const NamedLock lock{m_name.c_str(), 1ms};
         EXPECT_EQ(++inside, 1);
         EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
-        EXPECT_TRUE(vosk::test::Eventually(
-            [&] { return done > 0 || inside > 1 || log.Texts("waiting on").size() == 2; }));
+        EXPECT_TRUE(
+            Eventually([&] { return done > 0 || inside > 1 || log.Texts("waiting on").size() == 2; }));
         ++done;
         --inside;
     };
@@ -115,7 +114,7 @@ TEST_F(RegionsLock, FormerHolderThatComesBackLetsNobodyIn) {
         const NamedLock lock{m_name.c_str(), 10s};
         EXPECT_TRUE(is_given_back);
     }};
-    EXPECT_TRUE(vosk::test::Eventually([&] { return Value() == 0; }));
+    EXPECT_TRUE(Eventually([&] { return Value() == 0; }));
     is_given_back = true;
     successor.reset();
     waiter.join();
