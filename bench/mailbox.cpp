@@ -110,23 +110,39 @@ std::vector<double> MailboxRoundTrips(std::chrono::milliseconds limit) {
         });
 }
 
+// The library gives a queue's lock one millisecond: a holder that is off its core for longer is asked again.
+template <class Operation>
+void UntilLocked(const Operation& operation) {
+    for (;;) {
+        try {
+            return operation();
+        } catch (const bip::interprocess_exception& error) {
+            if (error.get_error_code() != bip::timeout_when_locking_error) throw;
+        }
+    }
+}
+
 Link SleepingQueueLink(bip::message_queue& out, bip::message_queue& in) {
-    return {[&out](const GpaoTopicIn& record) { out.send(&record, sizeof(record), 0); },
+    return {[&out](const GpaoTopicIn& record) { UntilLocked([&] { out.send(&record, sizeof(record), 0); }); },
             [&in](GpaoTopicIn& record) {
                 bip::message_queue::size_type size = 0;
                 unsigned int priority = 0;
-                in.receive(&record, sizeof(record), size, priority);
+                UntilLocked([&] { in.receive(&record, sizeof(record), size, priority); });
             }};
 }
 
 Link SpinningQueueLink(bip::message_queue& out, bip::message_queue& in) {
     return {[&out](const GpaoTopicIn& record) {
-                while (!out.try_send(&record, sizeof(record), 0)) continue;
+                UntilLocked([&] {
+                    while (!out.try_send(&record, sizeof(record), 0)) continue;
+                });
             },
             [&in](GpaoTopicIn& record) {
                 bip::message_queue::size_type size = 0;
                 unsigned int priority = 0;
-                while (!in.try_receive(&record, sizeof(record), size, priority)) continue;
+                UntilLocked([&] {
+                    while (!in.try_receive(&record, sizeof(record), size, priority)) continue;
+                });
             }};
 }
 
