@@ -137,7 +137,7 @@ TEST_F(ShmBoost, TopicOfTheOtherKindIsRefused) {
 }
 
 TEST_F(ShmBoost, QueueThatWasNeverFinishedIsMadeAnew) {
-    for (std::size_t size : {1, 20000}) {
+    for (const std::size_t size : {1U, 20000U}) {
         PutFile(std::string(size, '\0'));
         ShmWriterBoost writer{m_shm, TOPIC};
         writer.TrySend(Message{}.data());

@@ -148,7 +148,7 @@ bool AoTasks::RunCycle() {
     const auto applied = ReceiveAndProcessAmSetpointApplied(plan.send_time + m_config.m4_response_timeout,
                                                             plan.source, applied_time);
     if (applied) PublishApplied(plan, *applied, applied_time);
-    m_fs_ref->SetData(FsRefOf(m_executor), 0, AtomClk::now());
+    m_fs_ref->SetData(FsRefOf(m_executor), 0U, AtomClk::now());
     if (applied) m_gpao_applied->SetData(*applied, m_sample_id, AtomClk::now());
     PrintTimeStats();
     return true;

@@ -92,8 +92,9 @@ TEST(Document, ReadsAFileAndNamesItInErrors) {
                                      {pipe, pipe + ": is no file"},
                                      {"/no/such.yaml", "/no/such.yaml: can't be opened: No such file"},
                                      {"/dev/zero", "/dev/zero: is no file"}}) {
-        EXPECT_THAT(vosk::test::TextOf<PliConfigDocumentError>([&] { PliConfigDocument::FromFile(file); }),
-                    testing::StartsWith(text));
+        EXPECT_THAT(
+            vosk::test::TextOf<PliConfigDocumentError>([&file = file] { PliConfigDocument::FromFile(file); }),
+            testing::StartsWith(text));
     }
 }
 
