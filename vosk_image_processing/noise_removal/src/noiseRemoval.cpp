@@ -53,12 +53,14 @@ NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height,
     : m_master_bias{master_bias}, m_flat{flat} {
     RequireSize("NoiseRemovalBase: unexpected master bias vector size", m_master_bias.size(), width * height);
     RequireSize("NoiseRemovalBase: unexpected flat vector size", m_flat.size(), width * height);
+    m_is_ordinary = IsOrdinary(m_master_bias, m_flat);
     ChooseInstructionSet();
 }
 
 NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const std::string& dark_path,
                                    const std::string& flat_path)
     : m_master_bias{ReadImage(width, height, dark_path)}, m_flat{ReadImage(width, height, flat_path)} {
+    m_is_ordinary = IsOrdinary(m_master_bias, m_flat);
     ChooseInstructionSet();
 }
 
@@ -81,7 +83,7 @@ void LisaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const s
     RequireFrameSize(frame.size(), m_scrambled_size);
     const PixelRange range = RangeOf(roi, m_width, m_height, "RemoveNoise");
     const std::uint16_t* const raw = frame.data();
-    RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
+    RowCleaning cleaning{{m_master_bias.data(), m_flat.data(), m_is_ordinary}, m_frame.data()};
     double bias = 0.0;
     std::size_t hint = 0;
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
@@ -176,7 +178,7 @@ void AliceNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame, const 
                                     const std::optional<Roi>& roi) {
     RequireFrameSize(frame.size(), WIDTH * HEIGHT);
     const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
-    RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
+    RowCleaning cleaning{{m_master_bias.data(), m_flat.data(), m_is_ordinary}, m_frame.data()};
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
         const std::size_t first = row * WIDTH + range.x_start;
         cleaning.Add({frame.data() + first, nullptr, 1, first, range.Width(), 0.0});
@@ -203,7 +205,7 @@ void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
                         read.height, frame.size()));
     }
     const PixelRange cleaned = Overlap(range, read);
-    RowCleaning cleaning{m_master_bias.data(), m_flat.data(), m_frame.data()};
+    RowCleaning cleaning{{m_master_bias.data(), m_flat.data(), m_is_ordinary}, m_frame.data()};
     for (std::size_t row = range.y_start; row < range.y_stop; ++row) {
         float* pixels = m_frame.data() + row * WIDTH;
         if (row < cleaned.y_start || row >= cleaned.y_stop || cleaned.Width() == 0) {

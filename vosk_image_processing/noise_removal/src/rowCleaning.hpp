@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace vosk::image_processing {
 
@@ -23,16 +24,26 @@ struct Stretch {
     double dynamic_bias;  // 0.0 changes no bit
 };
 
+struct Calibration {
+    const float* master_bias;
+    const float* flat;
+    bool is_ordinary;  // as IsOrdinary says of both; a dynamic bias measured with it is finite then
+};
+
+// Whether no quotient can leave the range of a double, or its flat's reciprocal that of a float: so for any
+// real camera.
+bool IsOrdinary(std::span<const float> master_bias, std::span<const float> flat);
+
 // cleaned = (raw - master_bias - dynamic_bias) / flat, for each pixel of the stretches.
-void CleanStretches(const Stretch* stretches, std::size_t size, const float* master_bias, const float* flat,
+void CleanStretches(const Stretch* stretches, std::size_t size, const Calibration& calibration,
                     float* cleaned);
 
 // Collects stretches and cleans many at a time: those of a small ROI are so short that a call for each would
 // take as long as its pixels. The last are cleaned by Finish().
 class RowCleaning {
 public:
-    RowCleaning(const float* master_bias, const float* flat, float* cleaned)
-        : m_master_bias{master_bias}, m_flat{flat}, m_cleaned{cleaned} {}
+    RowCleaning(const Calibration& calibration, float* cleaned)
+        : m_calibration{calibration}, m_cleaned{cleaned} {}
 
     void Add(const Stretch& stretch) {
         if (m_size == m_stretches.size()) Finish();
@@ -40,13 +51,12 @@ public:
     }
 
     void Finish() {
-        CleanStretches(m_stretches.data(), m_size, m_master_bias, m_flat, m_cleaned);
+        CleanStretches(m_stretches.data(), m_size, m_calibration, m_cleaned);
         m_size = 0;
     }
 
 private:
-    const float* m_master_bias;
-    const float* m_flat;
+    Calibration m_calibration;
     float* m_cleaned;
     std::size_t m_size{0};
     std::array<Stretch, 32> m_stretches;  // the first m_size are set

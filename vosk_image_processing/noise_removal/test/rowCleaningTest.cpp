@@ -23,8 +23,9 @@ struct Pixels {
         for (std::size_t i = 0; i < count; ++i) {
             raw.push_back(values.Raw());
             positions.push_back(static_cast<std::uint32_t>(values.Random()() % count));
-            master_bias.push_back(values.Bias());
-            flat.push_back(values.Flat());
+            // Each second length is that of an ordinary calibration.
+            master_bias.push_back(count % 2 == 0 ? values.Bias() : values.Real(80.0F, 120.0F));
+            flat.push_back(count % 2 == 0 ? values.Flat() : values.Real(0.5F, 2.0F));
         }
         cleaned.assign(count + 2, UNTOUCHED);
     }
@@ -33,7 +34,8 @@ struct Pixels {
     void Clean(const std::uint16_t* counts, const std::uint32_t* at, std::ptrdiff_t step, double dynamic_bias,
                std::vector<float>& frame) const {
         const Stretch stretch{counts, at, step, 0, raw.size(), dynamic_bias};
-        CleanStretches(&stretch, 1, master_bias.data(), flat.data(), frame.data() + 1);
+        const bool is_ordinary = std::abs(dynamic_bias) < 1e30 && IsOrdinary(master_bias, flat);
+        CleanStretches(&stretch, 1, {master_bias.data(), flat.data(), is_ordinary}, frame.data() + 1);
     }
     // The same pixels, as one of several taps delivers them.
     void CleanTap(std::ptrdiff_t step, double dynamic_bias, std::vector<float>& frame) const {
@@ -56,6 +58,7 @@ TEST_P(CleanedStretch, GivesTheBitsOfThePlainLoopForEveryLength) {
     for (std::size_t count = 0; count < 70; ++count) {
         for (const double dynamic : {0.0, -3.25, 1e300, infinity, std::nan("")}) {
             Pixels pixels{count, values};
+            ASSERT_TRUE(count % 2 == 0 || IsOrdinary(pixels.master_bias, pixels.flat));
             auto expected = pixels.cleaned;
             auto expected_scattered = pixels.cleaned;
             for (std::size_t i = 0; i < count; ++i) {
@@ -93,13 +96,43 @@ TEST_P(CleanedStretch, WithoutADynamicBiasIsTheBareDifferenceOverTheFlat) {
     EXPECT_TRUE(SameBits(pixels.cleaned, expected));
 }
 
+// Quotients at and beside the points where rounding turns, to float and to double: the ordinary case divides
+// by way of a reciprocal.
+TEST_P(CleanedStretch, RoundsAnOrdinaryQuotientAsADivisionDoes) {
+    Values values{13};
+    constexpr std::size_t COUNT = 64;
+    const std::vector<std::uint16_t> raw(COUNT);
+    const std::vector<float> bias(COUNT);
+    std::vector<float> flat(COUNT);
+    std::vector<float> cleaned(COUNT);
+    std::vector<float> expected(COUNT);
+    for (int round = 0; round < 2000; ++round) {
+        // A float and half of its last bit, times a flat: exact in double.
+        const float quotient = values.Real(1.0F, 2.0F);
+        const float gain =
+            std::ldexp(values.Real(1.0F, 2.0F), static_cast<int>(values.Random()() % 200) - 100);
+        double signal = (quotient + 0x1p-24) * gain;
+        for (int beside = 0; beside < round % 3; ++beside)
+            signal = std::nextafter(signal, (round % 2) * 1e40);
+        for (std::size_t i = 0; i < COUNT; ++i) {
+            flat[i] = i % 2 == 0 ? gain : std::ldexp(values.Real(-2.0F, 2.0F), 3);
+            if (flat[i] == 0.0F) flat[i] = 1.0F;
+            expected[i] = PlainPixel(raw[i], bias[i], -signal, flat[i]);
+        }
+        ASSERT_TRUE(IsOrdinary(bias, flat));
+        const Stretch stretch{raw.data(), nullptr, 1, 0, COUNT, -signal};
+        CleanStretches(&stretch, 1, {bias.data(), flat.data(), true}, cleaned.data());
+        ASSERT_TRUE(SameBits(cleaned, expected)) << signal << " / " << gain;
+    }
+}
+
 TEST(Cleaning, CleansEachStretchOnce) {
     constexpr std::size_t COUNT = 100;
     const std::vector<std::uint16_t> raw(COUNT, 8);
     const std::vector<float> bias(COUNT, 1.0F);
     const std::vector<float> flat(COUNT, 2.0F);
     std::vector<float> cleaned(COUNT, UNTOUCHED);
-    RowCleaning cleaning{bias.data(), flat.data(), cleaned.data()};
+    RowCleaning cleaning{{bias.data(), flat.data(), false}, cleaned.data()};
     for (std::size_t i = 0; i < COUNT; ++i) {
         cleaning.Add({raw.data() + i, nullptr, 1, i, 1, static_cast<double>(i)});
     }

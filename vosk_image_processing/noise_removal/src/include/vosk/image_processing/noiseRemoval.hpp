@@ -60,6 +60,7 @@ protected:
     // Set in the constructors, constant afterwards.
     defs::AlignedFrame<float> m_master_bias;
     defs::AlignedFrame<float> m_flat;
+    bool m_is_ordinary;  // both hold nothing but what a real camera's do, which is cleaned faster
 };
 
 // LISA: a scrambled raw frame of 960 x 816, cleaned 840 x 816. Its outermost columns see no light; the mean
