@@ -1,7 +1,7 @@
 #pragma once
 
 // The arithmetic of noise removal, in vectors of whatever the CPU has. Each pixel is rounded just as in a
-// plain loop: all of it in double, one division, then to float.
+// plain loop: all of it in double, one division (or what gives its bits), then to float.
 
 #include <vosk/image_processing/scrambling.hpp>
 

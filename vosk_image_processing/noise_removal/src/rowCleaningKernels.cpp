@@ -117,17 +117,18 @@ struct Division {
 
 #if HWY_TARGET <= HWY_AVX3
 
-// The same bits in two thirds of the time, where nothing leaves the range of doubles. The reciprocal is taken
-// from 14 bits to 42, a first quotient has these, its remainder is exact (24 bits times 53 less something
-// near), and so the second quotient is off by 2^-84 before it is rounded. The exact quotient of 53 bits by 24
-// cannot lie closer than 2^-78 to a point where the rounding turns.
+// The same bits in two thirds of the time, where nothing leaves the range of doubles. A guess of the
+// reciprocal, right to 11.7 bits, is brought to 46; a first quotient has these; its remainder is exact (24
+// bits times 53 less something near), and so the second quotient is off by 2^-90 before it is rounded. The
+// exact quotient of 53 bits by 24 cannot lie closer than 2^-78 to a point where the rounding turns.
 struct OrdinaryDivision {
     template <class D, class V, class F>
     static HWY_INLINE V Quotient(D doubles, V signal, F flat) {
         const auto gain = hn::PromoteTo(doubles, flat);
         const auto guess = hn::PromoteTo(doubles, hn::ApproximateReciprocal(flat));
         const auto error = hn::NegMulAdd(gain, guess, hn::Set(doubles, 1.0));
-        const auto reciprocal = hn::MulAdd(hn::MulAdd(error, error, error), guess, guess);
+        const auto series = hn::MulAdd(hn::MulAdd(error, error, error), error, error);
+        const auto reciprocal = hn::MulAdd(series, guess, guess);
         const auto quotient = hn::Mul(signal, reciprocal);
         return hn::MulAdd(hn::NegMulAdd(gain, quotient, signal), reciprocal, quotient);
     }

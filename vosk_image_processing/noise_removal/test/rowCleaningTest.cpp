@@ -96,33 +96,30 @@ TEST_P(CleanedStretch, WithoutADynamicBiasIsTheBareDifferenceOverTheFlat) {
     EXPECT_TRUE(SameBits(pixels.cleaned, expected));
 }
 
-// Quotients at and beside the points where rounding turns, to float and to double: the ordinary case divides
-// by way of a reciprocal.
+// The ordinary case divides by way of a reciprocal. Quotients of signals just below 2 and flats close to a
+// power of two lie as near as any to the points where rounding turns, in double and in float.
 TEST_P(CleanedStretch, RoundsAnOrdinaryQuotientAsADivisionDoes) {
-    Values values{13};
     constexpr std::size_t COUNT = 64;
     const std::vector<std::uint16_t> raw(COUNT);
     const std::vector<float> bias(COUNT);
-    std::vector<float> flat(COUNT);
+    std::vector<float> flat;
+    for (std::size_t i = 0; i < COUNT; ++i) flat.push_back(2.0F - static_cast<float>(i) * 0x1p-23F);
+    flat[0] = std::ldexp(flat[1], -100);
+    ASSERT_TRUE(IsOrdinary(bias, flat));
     std::vector<float> cleaned(COUNT);
     std::vector<float> expected(COUNT);
-    for (int round = 0; round < 2000; ++round) {
-        // A float and half of its last bit, times a flat: exact in double.
-        const float quotient = values.Real(1.0F, 2.0F);
-        const float gain =
-            std::ldexp(values.Real(1.0F, 2.0F), static_cast<int>(values.Random()() % 200) - 100);
-        double signal = (quotient + 0x1p-24) * gain;
-        for (int beside = 0; beside < round % 3; ++beside)
-            signal = std::nextafter(signal, (round % 2) * 1e40);
-        for (std::size_t i = 0; i < COUNT; ++i) {
-            flat[i] = i % 2 == 0 ? gain : std::ldexp(values.Real(-2.0F, 2.0F), 3);
-            if (flat[i] == 0.0F) flat[i] = 1.0F;
-            expected[i] = PlainPixel(raw[i], bias[i], -signal, flat[i]);
+    for (int j = -2000; j < 2000; ++j) {
+        for (const float gain : {flat[1], flat[5], flat[63]}) {
+            const double turn = (1.0 + (2 * j + 1) * 0x1p-24) * gain;
+            for (const double signal : {std::nextafter(turn, 0.0), turn, std::nextafter(turn, 4.0)}) {
+                for (std::size_t i = 0; i < COUNT; ++i) {
+                    expected[i] = PlainPixel(raw[i], bias[i], -signal, flat[i]);
+                }
+                const Stretch stretch{raw.data(), nullptr, 1, 0, COUNT, -signal};
+                CleanStretches(&stretch, 1, {bias.data(), flat.data(), true}, cleaned.data());
+                ASSERT_TRUE(SameBits(cleaned, expected)) << signal << " / " << gain;
+            }
         }
-        ASSERT_TRUE(IsOrdinary(bias, flat));
-        const Stretch stretch{raw.data(), nullptr, 1, 0, COUNT, -signal};
-        CleanStretches(&stretch, 1, {bias.data(), flat.data(), true}, cleaned.data());
-        ASSERT_TRUE(SameBits(cleaned, expected)) << signal << " / " << gain;
     }
 }
 
