@@ -118,7 +118,7 @@ struct Division {
 #if HWY_TARGET <= HWY_AVX3
 
 // The same bits in two thirds of the time, where nothing leaves the range of doubles. A guess of the
-// reciprocal, right to 11.7 bits, is brought to 46; a first quotient has these; its remainder is exact (24
+// reciprocal, right to 11.4 bits, is brought to 45; a first quotient has these; its remainder is exact (24
 // bits times 53 less something near), and so the second quotient is off by 2^-90 before it is rounded. The
 // exact quotient of 53 bits by 24 cannot lie closer than 2^-78 to a point where the rounding turns.
 struct OrdinaryDivision {
