@@ -1,6 +1,6 @@
 #include <vosk/common/timeString.hpp>
 
-#include <time.h>
+#include <ctime>
 
 #include <fmt/format.h>
 

@@ -163,7 +163,7 @@ std::vector<std::string> TelemetryLines(int port) {
     const std::string prefix = common::shmif::ShmIf{}.GetPrefix();
     std::vector<std::string> lines;
     for (const std::string& message : vosk::test::Drain(prefix + "vosk_telemetry_queue")) {
-        const std::string line{message.c_str()};  // without its padding
+        const std::string line = message.substr(0, message.find('\0'));  // without its padding
         lines.push_back(line.substr(line.find(')')));
     }
     return lines;

@@ -1,6 +1,6 @@
 #include <atomclk/atomClk.hpp>
 
-#include <time.h>
+#include <ctime>
 
 namespace atomclk {
 
