@@ -1,4 +1,4 @@
-// The filter against its model, and what it starts from.
+// What the filter starts from; its recursion is held against its model with the other resamplers.
 
 #include "resamplerModels.hpp"
 
@@ -17,38 +17,11 @@ float OutputFor(Resampler<Sample>& filter, float input) {
     return filter.GetSample()->tt.tip;
 }
 
-TEST(StateSpaceFilter, FollowsTheRecursionForLongWithAStateForEachValue) {
-    for (const Stage& stage : {Stage{"filter1"}, Stage{"filter2"}}) {
-        const auto filter = MakeReal(stage);
-        const auto model = MakeModel(stage);
-        for (unsigned k = 0; k < 300'000; ++k) {
-            const auto tip = static_cast<float>(1000 * std::sin(k * 1e-7 * k));
-            const auto tilt = static_cast<float>(std::cos(k / 3.0)) + 5e4F;
-            filter->AddSample({At(k), k, {tip, tilt}});
-            model->Add({At(k), k, {tip, tilt}});
-            ASSERT_TRUE(filter->HasSamples());
-            const auto output = filter->GetSample();
-            ASSERT_EQ(output->tt, model->Get()->tt) << k;
-            ASSERT_EQ(output->timestamp, At(k));
-            ASSERT_EQ(output->sample_id, k);
-        }
-        EXPECT_FALSE(filter->HasSamples());
-        EXPECT_EQ(filter->GetSample()->tt, model->Get()->tt);  // again, on request
-    }
-}
-
-TEST(StateSpaceFilter, PassesTheInputThroughWithoutStates) {
-    const auto filter = MakeFilter<1>({{{0.0}}, {0.0}, {0.0}, 1.0}, false);
-    for (const float input : {1.5F, -2.0F, 1e-42F}) EXPECT_EQ(OutputFor(*filter, input), input);
-}
-
-TEST(StateSpaceFilter, FirstOrderStartsAtItsInputOrAtZero) {
-    const Filter low_pass{{{0.75}}, {0.25}, {1.0}, 0.0};
-    const auto initialized = MakeFilter<1>(low_pass, true);
-    const auto plain = MakeFilter<1>(low_pass, false);
-    for (int k = 0; k < 100; ++k) EXPECT_EQ(OutputFor(*initialized, 8.0F), 8.0F);
-    EXPECT_EQ(OutputFor(*plain, 8.0F), 0.0F);
-    EXPECT_EQ(OutputFor(*plain, 8.0F), 2.0F);
+TEST(StateSpaceFilter, FirstOrderStartsAtItsInput) {
+    const auto low_pass = MakeFilter<1>({{{0.75}}, {0.25}, {1.0}, 0.0}, true);
+    for (int k = 0; k < 100; ++k) EXPECT_EQ(OutputFor(*low_pass, 8.0F), 8.0F);
+    const auto passing = MakeFilter<1>({{{0.0}}, {0.0}, {0.0}, 1.0}, false);
+    for (const float input : {1.5F, -2.0F, 1e-42F}) EXPECT_EQ(OutputFor(*passing, input), input);
     // The input itself, also where it is no state at rest.
     EXPECT_EQ(OutputFor(*MakeFilter<1>({{{1.0}}, {3.0}, {1.0}, 0.0}, true), 8.0F), 8.0F);
 }
@@ -60,6 +33,10 @@ TEST(StateSpaceFilter, SecondOrderStartsAtRestUnderItsFirstInput) {
     EXPECT_FLOAT_EQ(first, static_cast<float>((0.5 * 0.37 + 2.0 * 0.31) / 0.27 * 4.0 + 0.25 * 4.0));
     for (int k = 0; k < 1000; ++k) EXPECT_FLOAT_EQ(OutputFor(*filter, 4.0F), first);
     EXPECT_EQ(OutputFor(*MakeFilter<2>(SECOND_ORDER, false), 4.0F), 1.0F);
+    // Poles so slow that their product alone would pass for rounding.
+    constexpr double SLOW = 0x1p-26;
+    const Filter slow{{{1.0 - SLOW, 0.0}, {0.0, 1.0 - SLOW}}, {SLOW, SLOW}, {1.0, 2.0}, 0.0};
+    EXPECT_EQ(OutputFor(*MakeFilter<2>(slow, true), 4.0F), 12.0F);
 }
 
 TEST(StateSpaceFilter, SecondOrderWithoutAStateAtRestWarnsAndStartsAtZero) {
@@ -88,7 +65,8 @@ TEST(StateSpaceFilter, SecondOrderStateAtRestStaysUnderItsInput) {
         const std::array a{1.0 - p, -q, -r * p, 1.0 - r * q - pole};
         const std::array b{any(random), i % 2 == 0 ? any(random) : 0.0};
         const auto x = detail::StateAtRest(a, b);
-        if (!x) continue;
+        if (!x && std::abs(p * pole) < 1e-13) continue;  // the determinant, which rounding may make 0
+        ASSERT_TRUE(x) << i;
         for (std::size_t row = 0; row < 2; ++row) {
             const double* const of_row = &a[2 * row];
             const double next = of_row[0] * (*x)[0] + of_row[1] * (*x)[1] + b[row];

@@ -7,20 +7,19 @@
 namespace vosk::signal_processing {
 
 // An output is due with the first input, and after it with the input whose ID lies input_rate / output_rate
-// on or that is so many inputs later, whichever comes first: a gap in the IDs counts as inputs that were
-// lost. What is read is the newest input, numbered anew with each read, from 1.
+// on or beyond, or that is so many inputs later, whichever comes first: a gap in the IDs counts as inputs
+// that were lost. What is read is the newest input, numbered anew with each read, from 1.
 template <ResamplerSample T, class A>
 class SampleIdDecimatingDownsampler : public StopIntervalResampler<T, A> {
 public:
     // Rates in samples per second. Refused with std::runtime_error: an output rate of 0, one above the input
     // rate, and an input rate that is no multiple of it.
-    SampleIdDecimatingDownsampler(std::size_t input_rate, std::size_t output_rate,
-                                  atomclk::AtomClk::duration stop_interval)
+    SampleIdDecimatingDownsampler(std::size_t input_rate, std::size_t output_rate, Duration stop_interval)
         : StopIntervalResampler<T, A>{stop_interval}, m_decimation{DecimationOf(input_rate, output_rate)} {}
 
     bool HasSamples() override {
         const std::lock_guard lock{m_mutex};
-        return m_has_sample && !this->IsTooOld(m_sample);
+        return this->IsDue(m_sample);
     }
 
     void AddSample(const T& sample) override {
@@ -29,17 +28,16 @@ public:
         if (m_input_count >= m_decimation || sample.sample_id >= m_next_sample_id) {
             m_input_count = 0;
             m_next_sample_id = sample.sample_id + static_cast<std::uint32_t>(m_decimation);
-            m_has_sample = true;
+            m_sample.has_value = true;
         }
-        m_sample = sample;
+        m_sample.sample = sample;
     }
 
     std::optional<T> GetSample() override {
         const std::lock_guard lock{m_mutex};
-        if (this->IsTooOld(m_sample)) return std::nullopt;
-        m_has_sample = false;
-        m_sample.sample_id = ++m_output_sample_id;
-        return m_sample;
+        auto output = this->Take(m_sample);
+        if (output) output->sample_id = ++m_output_sample_id;
+        return output;
     }
 
 private:
@@ -56,11 +54,10 @@ private:
 
     const std::size_t m_decimation;  // inputs an output
     // All guarded by m_mutex.
-    T m_sample{};  // the newest input
-    bool m_has_sample = false;
-    std::uint32_t m_output_sample_id = 0;  // of the last output
-    std::uint32_t m_next_sample_id = 0;    // of the input with which the next output is due at the latest
-    std::uint64_t m_input_count = 0;       // since the last output became due
+    typename StopIntervalResampler<T, A>::Slot m_sample;  // the newest input
+    std::uint32_t m_output_sample_id = 0;                 // of the last output
+    std::uint32_t m_next_sample_id = 0;                   // from this ID on the next output is due
+    std::uint64_t m_input_count = 0;                      // since the last output became due
     std::mutex m_mutex;
 };
 

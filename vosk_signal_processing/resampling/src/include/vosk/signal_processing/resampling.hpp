@@ -4,8 +4,8 @@
 // pushes samples, the consumer pulls them, and a resampler decides what the consumer sees. Here the contract
 // of all resamplers and the simplest one; built at set-up, from configuration (resamplingFactory.hpp).
 //
-// Threads: one producer and one consumer. Each operation holds the resampler's mutex for a few copies; none
-// allocates or logs after construction.
+// Threads: one producer and one consumer. Each operation of a stage holds its mutex for a few copies, that of
+// a chain for all that it moves (resamplerContainer.hpp); none allocates or logs after construction.
 
 #include <atomclk/atomClk.hpp>
 #include <vosk/common/logger.hpp>
@@ -24,6 +24,8 @@
 
 namespace vosk::signal_processing {
 
+using Duration = atomclk::AtomClk::duration;
+
 // A small record with its time stamp, its ID, and a payload.
 template <class T>
 concept ResamplerSample = std::is_trivially_copyable_v<T> && std::default_initializable<T> &&
@@ -37,8 +39,9 @@ template <class T>
 struct NoDataAccessor {};
 
 // For a sample whose Values() are an array of Value: a resampler may compute on them, one by one.
-template <class T, class Value>
+template <class T, class V>
 struct DefaultDataAccessor {
+    using Value = V;
     static constexpr std::size_t SIZE = decltype(std::declval<T&>().Values())::extent;
 
     static std::span<Value, SIZE> Values(T& sample) noexcept { return sample.Values(); }
@@ -75,7 +78,7 @@ constexpr std::int64_t Multiply(std::int64_t a, std::int64_t b) noexcept {
 
 // Whole nanoseconds from sample to sample at a rate in samples per second; `what` names the rate where it
 // is 0, which is refused.
-inline std::chrono::nanoseconds IntervalOf(std::size_t rate, const char* what) {
+inline Duration IntervalOf(std::size_t rate, const char* what) {
     constexpr std::size_t NS_PER_SECOND = 1'000'000'000;
     if (rate == 0) common::LogAndThrow(std::string{what} + " must not be 0");
     return std::chrono::nanoseconds{static_cast<std::int64_t>(NS_PER_SECOND / rate)};
@@ -111,10 +114,13 @@ public:
 // Data stops flowing at a fixed time after its origin, however late it arrives.
 template <ResamplerSample T, class A>
 class StopIntervalResampler : public Resampler<T> {
-public:
-    using Duration = atomclk::AtomClk::duration;
-
 protected:
+    // A sample, and whether it is still to be read. It stays to be read again.
+    struct Slot {
+        T sample{};
+        bool has_value = false;
+    };
+
     // 0: data never gets too old. Negative: std::runtime_error.
     explicit StopIntervalResampler(Duration stop_interval) : m_stop_interval{stop_interval} {
         if (stop_interval < Duration::zero()) {
@@ -128,6 +134,15 @@ protected:
         return stop <= atomclk::AtomClk::now().time_since_epoch().count();
     }
 
+    bool IsDue(const Slot& slot) const noexcept { return slot.has_value && !IsTooOld(slot.sample); }
+
+    // Empty, and the slot as it was, if the sample is too old.
+    std::optional<T> Take(Slot& slot) const noexcept {
+        if (IsTooOld(slot.sample)) return std::nullopt;
+        slot.has_value = false;
+        return slot.sample;
+    }
+
     const Duration m_stop_interval;
 };
 
@@ -135,15 +150,15 @@ template <ResamplerSample T, class A>
 class OutputRateResampler : public StopIntervalResampler<T, A> {
 protected:
     // Refused with std::runtime_error: a rate of 0, and one above a sample each nanosecond.
-    OutputRateResampler(std::size_t output_rate, atomclk::AtomClk::duration stop_interval)
+    OutputRateResampler(std::size_t output_rate, Duration stop_interval)
         : StopIntervalResampler<T, A>{stop_interval},
           m_output_interval{detail::IntervalOf(output_rate, "OutputRateResampler: output rate")} {
-        if (m_output_interval == atomclk::AtomClk::duration::zero()) {
+        if (m_output_interval == Duration::zero()) {
             common::LogAndThrow("OutputRateResampler: output rate must not be above 1000000000");
         }
     }
 
-    const atomclk::AtomClk::duration m_output_interval;
+    const Duration m_output_interval;
 };
 
 template <ResamplerSample T, class A>
@@ -151,12 +166,12 @@ class ExpectedInputRateResampler : public OutputRateResampler<T, A> {
 protected:
     // A rate of 0 is refused with std::runtime_error.
     ExpectedInputRateResampler(std::size_t expected_input_rate, std::size_t output_rate,
-                               atomclk::AtomClk::duration stop_interval)
+                               Duration stop_interval)
         : OutputRateResampler<T, A>{output_rate, stop_interval},
           m_expected_input_interval{
               detail::IntervalOf(expected_input_rate, "ExpectedInputRateResampler: expected input rate")} {}
 
-    const atomclk::AtomClk::duration m_expected_input_interval;
+    const Duration m_expected_input_interval;
 };
 
 // A mailbox for one sample, which passes unchanged; the newest input takes the place of one not read. Read
@@ -164,31 +179,25 @@ protected:
 template <ResamplerSample T, class A>
 class IdentityResampler : public StopIntervalResampler<T, A> {
 public:
-    explicit IdentityResampler(atomclk::AtomClk::duration stop_interval)
-        : StopIntervalResampler<T, A>{stop_interval} {}
+    explicit IdentityResampler(Duration stop_interval) : StopIntervalResampler<T, A>{stop_interval} {}
 
     bool HasSamples() override {
         const std::lock_guard lock{m_mutex};
-        return m_has_sample && !this->IsTooOld(m_sample);
+        return this->IsDue(m_sample);
     }
 
     void AddSample(const T& sample) override {
         const std::lock_guard lock{m_mutex};
-        m_sample = sample;
-        m_has_sample = true;
+        m_sample = {sample, true};
     }
 
     std::optional<T> GetSample() override {
         const std::lock_guard lock{m_mutex};
-        if (this->IsTooOld(m_sample)) return std::nullopt;
-        m_has_sample = false;
-        return m_sample;
+        return this->Take(m_sample);
     }
 
 private:
-    // All guarded by m_mutex.
-    T m_sample{};
-    bool m_has_sample = false;
+    typename StopIntervalResampler<T, A>::Slot m_sample;  // guarded by m_mutex
     std::mutex m_mutex;
 };
 

@@ -23,7 +23,6 @@ using oru::configng::PliConfigInstanceNode;
 
 namespace detail {
 
-using Duration = atomclk::AtomClk::duration;
 using Matrix = oru::experimental::datatypes::PliMatrix2D<double>;
 
 struct Rates {
@@ -50,7 +49,7 @@ void CheckCoefficients(const Coefficients& coefficients);
 [[noreturn]] void RefuseType(const std::string& type, const std::string& name);
 void RequireMap(const PliConfigInstanceNode& stage);
 void RequireElements(const PliConfigInstanceNode& definition);
-// Of a chain that was made.
+// Call after the stages were made: it trusts their rates.
 void WarnOfLongMoves(const PliConfigInstanceNode& definition);
 
 template <class R, class... Args>

@@ -13,13 +13,15 @@ namespace vosk::signal_processing {
 namespace detail {
 
 // The state of a second-order filter at rest under an input of 1, that is, x of (I - A) x = B. None where
-// I - A is singular within the precision of the coefficients.
+// I - A is singular within the rounding of the coefficients: an integrator.
 inline std::optional<std::array<double, 2>> StateAtRest(std::span<const double, 4> a,
                                                         std::span<const double, 2> b) {
-    constexpr double ROUNDING = 32 * std::numeric_limits<double>::epsilon();
+    constexpr double ROUNDING = 4 * std::numeric_limits<double>::epsilon();
     const double determinant = (1.0 - a[0]) * (1.0 - a[3]) - a[1] * a[2];
-    const double scale = (1.0 + std::abs(a[0])) * (1.0 + std::abs(a[3])) + std::abs(a[1] * a[2]);
-    if (!(std::abs(determinant) > ROUNDING * scale)) return std::nullopt;
+    // What a relative change of each coefficient does to the determinant.
+    const double slope = std::abs(1.0 - a[0]) * (1.0 + std::abs(a[3])) +
+                         std::abs(1.0 - a[3]) * (1.0 + std::abs(a[0])) + 2.0 * std::abs(a[1] * a[2]);
+    if (!(std::abs(determinant) > ROUNDING * slope)) return std::nullopt;
     // Elimination from the row of the larger first element: what is left of the equation is rounding of its
     // terms, also where I - A is nearly singular.
     std::array first{1.0 - a[0], -a[1], b[0]};
@@ -33,16 +35,11 @@ inline std::optional<std::array<double, 2>> StateAtRest(std::span<const double, 
     return state;
 }
 
-// A filter of the first order starts with its input itself as its state.
-inline std::optional<std::array<double, 1>> StateAtRest(std::span<const double, 1> /*a*/,
-                                                        std::span<const double, 1> /*b*/) {
-    return std::array{1.0};
-}
-
 }  // namespace detail
 
 // y = C x + D u, then x = A x + B u, in double, for each value u of a sample on its own: all share the
-// coefficients, each has its state x. Data never gets too old in it.
+// coefficients, each has its state x. Data never gets too old in it
+// (the stop interval is 0).
 template <ResamplerSample T, DataAccessorOf<T> A, std::size_t States, std::size_t Inputs, std::size_t Outputs>
 requires((States == 1 || States == 2) && Inputs == 1 && Outputs == 1) class StateSpaceFilter
     : public StopIntervalResampler<T, A> {
@@ -52,14 +49,17 @@ public:
     // a warning.
     StateSpaceFilter(std::span<const double, States * States> a, std::span<const double, States> b,
                      std::span<const double, States> c, std::span<const double, 1> d, bool initialize_state)
-        : StopIntervalResampler<T, A>{atomclk::AtomClk::duration::zero()}, m_d{d[0]} {
+        : StopIntervalResampler<T, A>{Duration::zero()}, m_d{d[0]} {
         std::copy(a.begin(), a.end(), m_a.begin());
         std::copy(b.begin(), b.end(), m_b.begin());
         std::copy(c.begin(), c.end(), m_c.begin());
-        const auto at_rest = detail::StateAtRest(a, b);
-        m_state_valid = !initialize_state || !at_rest;
-        m_state_at_rest = at_rest.value_or(State{});
-        if (initialize_state && !at_rest) common::LogWarn("StateSpaceFilter: no state at rest, starts at 0");
+        if (!initialize_state) return;
+        if (const auto first_state = FirstStateUnderOne(a, b)) {
+            m_first_state = *first_state;
+            m_state_valid = false;
+        } else {
+            common::LogWarn("StateSpaceFilter: no state at rest, starts at 0");
+        }
     }
 
     bool HasSamples() override {
@@ -73,8 +73,8 @@ public:
         const auto values = A::Values(m_output);
         for (std::size_t i = 0; i < values.size(); ++i) {
             const auto u = static_cast<double>(values[i]);
-            if (!m_state_valid) m_states[i] = AtRestUnder(u);
-            values[i] = static_cast<Value>(Step(m_states[i], u));
+            if (!m_state_valid) m_state[i] = FirstStateUnder(u);
+            values[i] = static_cast<typename A::Value>(Step(m_state[i], u));
         }
         m_has_sample = true;
         m_state_valid = true;
@@ -89,11 +89,18 @@ public:
 
 private:
     using State = std::array<double, States>;
-    using Value = typename decltype(A::Values(std::declval<T&>()))::value_type;
-    static constexpr std::size_t VALUES = decltype(A::Values(std::declval<T&>()))::extent;
 
-    State AtRestUnder(double u) const noexcept {
-        State x = m_state_at_rest;
+    static std::optional<State> FirstStateUnderOne(std::span<const double, States * States> a,
+                                                   std::span<const double, States> b) {
+        if constexpr (States == 1) {
+            return State{1.0};
+        } else {
+            return detail::StateAtRest(a, b);
+        }
+    }
+
+    State FirstStateUnder(double u) const noexcept {
+        State x = m_first_state;
         for (double& element : x) element *= u;
         return x;
     }
@@ -119,12 +126,12 @@ private:
     State m_b{};
     State m_c{};
     double m_d;
-    State m_state_at_rest{};  // under an input of 1
+    State m_first_state{};  // under an input of 1
     // All guarded by m_mutex.
-    std::array<State, VALUES> m_states{};  // one a value of the sample
+    std::array<State, A::SIZE> m_state{};  // one a value of the sample
     T m_output{};
     bool m_has_sample = false;
-    bool m_state_valid = false;  // false: the first input is to set it
+    bool m_state_valid = true;  // false: the first input is to set it
     std::mutex m_mutex;
 };
 

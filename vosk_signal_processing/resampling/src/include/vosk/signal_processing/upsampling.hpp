@@ -19,7 +19,7 @@ class LerpUpsampler : public ExpectedInputRateResampler<T, A> {
 public:
     // Rates in samples per second. Refused with std::runtime_error: an output rate below the input rate or
     // no multiple of it, and what the bases refuse.
-    LerpUpsampler(std::size_t input_rate, std::size_t output_rate, atomclk::AtomClk::duration stop_interval)
+    LerpUpsampler(std::size_t input_rate, std::size_t output_rate, Duration stop_interval)
         : ExpectedInputRateResampler<T, A>{input_rate, output_rate, stop_interval},
           m_upsampling_factor{output_rate / input_rate},
           m_output_index{m_upsampling_factor} {
@@ -38,9 +38,13 @@ public:
 
     void AddSample(const T& sample) override {
         const std::lock_guard lock{m_mutex};
-        if (m_newest == NONE) m_samples[0] = sample;
-        m_newest = m_newest == 1 ? 0 : 1;
-        m_samples[m_newest] = sample;
+        if (m_newest == NONE) {
+            m_samples = {sample, sample};
+            m_newest = 1;
+        } else {
+            m_newest = 1 - m_newest;
+            m_samples[m_newest] = sample;
+        }
 
         const auto step = detail::Subtract(Nanoseconds(sample), Nanoseconds(Older()));
         const auto covered =
@@ -58,7 +62,7 @@ public:
         T output = m_samples[m_newest];
         const auto offset =
             detail::Multiply(this->m_output_interval.count(), static_cast<std::int64_t>(m_output_index));
-        output.timestamp = TimePoint{atomclk::AtomClk::duration{detail::Add(Nanoseconds(output), offset)}};
+        output.timestamp = TimePoint{Duration{detail::Add(Nanoseconds(output), offset)}};
         output.sample_id = ++m_output_sample_id;
         if constexpr (DataAccessorOf<A, T>) Extrapolate(output);
         ++m_output_index;
@@ -82,7 +86,7 @@ private:
         const auto older = A::Values(Older());
         const auto values = A::Values(output);
         for (std::size_t i = 0; i < values.size(); ++i) {
-            values[i] = static_cast<typename decltype(values)::element_type>(
+            values[i] = static_cast<typename A::Value>(
                 std::lerp(static_cast<double>(older[i]), static_cast<double>(values[i]), t));
         }
     }
