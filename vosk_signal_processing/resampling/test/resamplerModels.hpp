@@ -202,12 +202,21 @@ private:
     std::vector<std::unique_ptr<Model>> m_stages;
 };
 
+enum class Kind { IDENTITY, DECIMATION, LERP, HELD, FILTER1, FILTER2 };
+
 struct Stage {
-    std::string kind;  // "identity", "decimation", "lerp", "held", "filter1", "filter2"
+    Kind kind = Kind::IDENTITY;
     std::size_t in = 1;
     std::size_t out = 1;
     std::int64_t stop = 0;  // ns
 };
+
+// For GoogleTest, which finds it by its name.
+inline void PrintTo(const Stage& stage, std::ostream* out) {
+    constexpr const char* NAMES[] = {"identity", "decimation", "lerp", "held", "filter1", "filter2"};
+    *out << NAMES[static_cast<std::size_t>(stage.kind)] << ' ' << stage.in << " -> " << stage.out << ", "
+         << stage.stop;
+}
 
 // In their waitable form, which does all that the bare one does.
 template <class R, class... Args>
@@ -226,24 +235,24 @@ std::unique_ptr<Resampler<Sample>> MakeFilter(const Filter& filter, bool initial
 
 inline std::unique_ptr<Resampler<Sample>> MakeReal(const Stage& stage) {
     const std::chrono::nanoseconds stop{stage.stop};
-    if (stage.kind == "identity") return Make<IdentityResampler<Sample, Opaque>>(stop);
-    if (stage.kind == "lerp") return Make<LerpUpsampler<Sample, Accessed>>(stage.in, stage.out, stop);
-    if (stage.kind == "held") return Make<LerpUpsampler<Sample, Opaque>>(stage.in, stage.out, stop);
-    if (stage.kind == "filter1") return MakeFilter<1>(FIRST_ORDER, false);
-    if (stage.kind == "filter2") return MakeFilter<2>(SECOND_ORDER, false);
+    if (stage.kind == Kind::IDENTITY) return Make<IdentityResampler<Sample, Opaque>>(stop);
+    if (stage.kind == Kind::LERP) return Make<LerpUpsampler<Sample, Accessed>>(stage.in, stage.out, stop);
+    if (stage.kind == Kind::HELD) return Make<LerpUpsampler<Sample, Opaque>>(stage.in, stage.out, stop);
+    if (stage.kind == Kind::FILTER1) return MakeFilter<1>(FIRST_ORDER, false);
+    if (stage.kind == Kind::FILTER2) return MakeFilter<2>(SECOND_ORDER, false);
     return Make<SampleIdDecimatingDownsampler<Sample, Opaque>>(stage.in, stage.out, stop);
 }
 
 inline std::unique_ptr<Model> MakeModel(const Stage& stage) {
-    if (stage.kind == "identity") return std::make_unique<IdentityModel>(stage.stop);
-    if (stage.kind == "filter1") return std::make_unique<FilterModel>(FIRST_ORDER);
-    if (stage.kind == "filter2") return std::make_unique<FilterModel>(SECOND_ORDER);
-    if (stage.kind == "decimation")
+    if (stage.kind == Kind::IDENTITY) return std::make_unique<IdentityModel>(stage.stop);
+    if (stage.kind == Kind::FILTER1) return std::make_unique<FilterModel>(FIRST_ORDER);
+    if (stage.kind == Kind::FILTER2) return std::make_unique<FilterModel>(SECOND_ORDER);
+    if (stage.kind == Kind::DECIMATION)
         return std::make_unique<DecimationModel>(stage.in / stage.out, stage.stop);
-    return std::make_unique<LerpModel>(stage.in, stage.out, stage.kind == "held", stage.stop);
+    return std::make_unique<LerpModel>(stage.in, stage.out, stage.kind == Kind::HELD, stage.stop);
 }
 
-// The bare stage of a chain of one.
+// Without a container for a chain of one.
 inline std::unique_ptr<Resampler<Sample>> MakeReal(const std::vector<Stage>& chain) {
     if (chain.size() == 1) return MakeReal(chain.front());
     std::vector<std::unique_ptr<Resampler<Sample>>> stages;
@@ -258,6 +267,17 @@ inline std::unique_ptr<Model> MakeModel(const std::vector<Stage>& chain) {
     stages.reserve(chain.size());
     for (const Stage& stage : chain) stages.push_back(MakeModel(stage));
     return std::make_unique<ChainModel>(std::move(stages));
+}
+
+using Outputs = std::vector<std::tuple<std::int64_t, std::uint32_t, float>>;  // us, number, value
+
+inline Outputs ReadDue(Resampler<Sample>& resampler, int most) {
+    Outputs outputs;
+    for (int i = 0; i < most && resampler.HasSamples(); ++i) {
+        const Sample output = resampler.GetSample().value();
+        outputs.emplace_back(Ns(output.timestamp) / 1000, output.sample_id, output.tt.tip);
+    }
+    return outputs;
 }
 
 }  // namespace vosk::signal_processing::test
