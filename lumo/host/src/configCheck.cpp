@@ -30,6 +30,14 @@ constexpr const char* HOST = "host";
 constexpr const char* STATISTICS = "statistics";
 constexpr const char* RESAMPLERS = "resamplers";
 
+// Why no thread can use an element that the library has stored; null if one can.
+const char* FaultOfStored(const PliConfigInstanceNode& element) {
+    if (element["id"].As<std::string>().empty()) return "no thread can name it: its id is empty";
+    const PliConfigInstanceNode definition = element["definition"];
+    if (definition.IsSequence() && definition.GetSize() != 0) return nullptr;
+    return "no thread can use it: its definition is no sequence of stages";
+}
+
 class Check {
 public:
     explicit Check(const gim::Config& config) : m_config{config} {}
@@ -82,8 +90,9 @@ private:
         });
     }
 
-    // What the library passes over without a word. The definitions themselves are looked into by threads.
+    // What the library passes over without a word. The stages themselves are looked into by threads.
     void CheckResamplers(const PliConfigInstanceNode& sequence) {
+        if (sequence.GetKind() == oru::configng::PliConfigNodeKind::UNDEFINED) return;  // as if left out
         Try(sequence, [&] {
             lumo::RequireSequence(sequence);
             std::map<std::string, PliConfigInstanceNode> elements;  // by their id
@@ -92,10 +101,12 @@ private:
                     AddFailure(element, {}, fmt::format("is passed over: it {}", fault));
                     continue;
                 }
+                m_definitions.push_back(element["definition"].GetPath());
+                if (const char* fault = FaultOfStored(element)) AddUseless(element, fault);
                 const auto id = element["id"].As<std::string>();
                 const auto [earlier, is_first] = elements.try_emplace(id, element);
                 if (is_first) continue;
-                AddFailure(earlier->second, {},
+                AddUseless(earlier->second,
                            fmt::format("is passed over: {} has the id {} too", element.GetWhere(), id));
                 earlier->second = element;
             }
@@ -113,7 +124,7 @@ private:
         });
         // A thread that was not made has taken up no resampler.
         if (m_problems.size() > problems_before)
-            m_unreached.push_back(fmt::format("{}.{}", INSTANCE, RESAMPLERS));
+            m_unreached.insert(m_unreached.end(), m_definitions.begin(), m_definitions.end());
     }
 
     void CheckStream(const StreamEntry& stream, const PliConfigInstanceNode& node) {
@@ -149,6 +160,12 @@ private:
         Add({where.empty() ? node.GetWhere() : where, node.GetPath(), text});
     }
 
+    // Of a resampler; nobody looks into its definition.
+    void AddUseless(const PliConfigInstanceNode& element, const std::string& text) {
+        m_unreached.push_back(element["definition"].GetPath());
+        Add({element.GetWhere(), element.GetPath(), text});
+    }
+
     // Its thread would have read the keys below it.
     void AddUnserved(const PliConfigInstanceNode& stream) {
         m_unreached.push_back(stream.GetPath());
@@ -177,7 +194,8 @@ private:
 
     const gim::Config& m_config;
     std::vector<Problem> m_problems;
-    std::vector<std::string> m_unreached;  // paths of nodes that weren't read to the end
+    std::vector<std::string> m_unreached;    // paths of nodes that weren't read to the end
+    std::vector<std::string> m_definitions;  // paths of what the threads may look into
     std::map<std::string, std::unique_ptr<lumo::Thread>> m_threads;  // kept, so that they meet one another
 };
 

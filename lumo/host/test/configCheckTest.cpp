@@ -93,7 +93,8 @@ TEST(ConfigCheck, AStreamThatNobodyServesIsANote) {
 }
 
 // And those that a thread that fails would have taken up are not blamed for it.
-TEST(ConfigCheck, TellsOfResamplersThatArePassedOver) {
+TEST(ConfigCheck, TellsOfResamplersThatNoThreadCanUse) {
+    const std::string no_stages = ": no thread can use it: its definition is no sequence of stages";
     EXPECT_THAT(ProblemsOf("cfg:\n"
                            "  resamplers:\n"
                            "    - {id: a, definition: [{type: zoh}]}\n"
@@ -102,21 +103,28 @@ TEST(ConfigCheck, TellsOfResamplersThatArePassedOver) {
                            "    - {id: [1], definition: []}\n"
                            "    - {id: b, definitoin: []}\n"
                            "    - {id: a, definition: [{type: zoh}]}\n"
+                           "    - {id: '', definition: [{type: zoh}]}\n"
+                           "    - {id: c, definition: {type: zoh}, extra: 1}\n"
+                           "    - {id: d, definition: []}\n"
                            "  m4: {output: [{ip_dest: 127.0.0.1}]}\n"),
                 ElementsAre("site.yaml:4: cfg.resamplers[1]: is passed over: it is no map",
                             "site.yaml:5: cfg.resamplers[2]: is passed over: it has no id",
                             "site.yaml:6: cfg.resamplers[3]: is passed over: it has an id that is no text",
                             "site.yaml:7: cfg.resamplers[4]: is passed over: it has no definition",
                             "site.yaml:3: cfg.resamplers[0]: is passed over: site.yaml:8 has the id a too",
-                            StartsWith("site.yaml:9: cfg.m4.output[0]: ")));
-    EXPECT_THAT(ProblemsOf("cfg:\n"
-                           "  resamplers: {id: a, definition: []}\n"),
+                            "site.yaml:9: cfg.resamplers[6]: no thread can name it: its id is empty",
+                            "site.yaml:10: cfg.resamplers[7]" + no_stages,
+                            "site.yaml:11: cfg.resamplers[8]" + no_stages,
+                            StartsWith("site.yaml:12: cfg.m4.output[0]: "),
+                            "site.yaml:10: cfg.resamplers[7].extra: nothing reads this key"));
+    EXPECT_THAT(ProblemsOf("cfg:\n  resamplers:\n"), IsEmpty());
+    EXPECT_THAT(ProblemsOf("cfg:\n  resamplers: {id: a, definition: []}\n"),
                 ElementsAre("site.yaml:2: cfg.resamplers: ERR: cfg.resamplers must be a sequence"));
-    EXPECT_THAT(ProblemsOf("host: {log_level: loud}\n"
-                           "cfg:\n"
-                           "  resamplers: [{id: a, definition: [{type: zoh}]}]\n"),
-                ElementsAre(StartsWith("site.yaml:1: host.log_level: "),
-                            "site.yaml:3: cfg.resamplers[0].definition[0]: nothing reads this key"));
+    const std::string elements = "[{id: a, definition: [{type: zoh}]}, {id: '', definition: [{type: zoh}]}]";
+    EXPECT_THAT(
+        ProblemsOf("host: {log_level: loud}\ncfg:\n  resamplers: " + elements),
+        ElementsAre(StartsWith("site.yaml:1: host.log_level: "), HasSubstr("resamplers[1]: no thread"),
+                    "site.yaml:3: cfg.resamplers[0].definition[0]: nothing reads this key"));
 }
 
 TEST(ConfigCheck, WantsTheInstanceNode) {

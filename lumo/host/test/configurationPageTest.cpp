@@ -164,7 +164,7 @@ Words LiteralsBelow(const std::string& directory) {
 // The few of that form that are no keys, or keys that set-up reads from no document, are named here.
 TEST(ConfigurationPageText, NamesEveryKeyOfTheLibraryAndOfTheHost) {
     Words named = QuotedIn(ContentOf(CONFIGURATION_PAGE));
-    named.insert({"rtc_performance", "m4_output", "sent", "received", "ecmwfsim", "shm_topic", "resampler"});
+    named.insert({"rtc_performance", "m4_output", "sent", "received", "ecmwfsim", "shm_topic"});
     Words literals = LiteralsBelow("lumo/lumolib/src");
     AddLiterals(std::filesystem::path{SOURCES} / "lumo/host/src/hostSettings.cpp", literals);
     std::erase_if(literals, [&](const std::string& literal) {
