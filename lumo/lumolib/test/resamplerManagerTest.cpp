@@ -36,9 +36,9 @@ cfg:
 )";
 
 template <class T, class A>
-auto Get(const std::string& node, int instance = 0) {
+auto Get(const std::string& node, int instance = 0, bool waitable = false) {
     return ResamplerManager::GetInstance().GetOrRegisterResampler<T, A>(NodeOf(node), "resampler", instance,
-                                                                        false);
+                                                                        waitable);
 }
 
 gim::Config ConfigOf(const std::string& text) {
@@ -61,9 +61,14 @@ TEST_F(ResamplerManagerTest, OneInstanceForEachTypeDefinitionAndNumber) {
     EXPECT_NE((Get<CentroidError, Centroids>("{}", 4)), first);
     const auto pfs = Get<PfsSample, Pfs>("resampler: half", 4);
     EXPECT_NE(static_cast<void*>(pfs.get()), static_cast<void*>(first.get()));
-    first->AddSample({{}, 9, {}});
-    EXPECT_FALSE(pfs->HasSamples());
-    EXPECT_TRUE((Get<CentroidError, Centroids>("resampler: half", 4)->HasSamples()));
+}
+
+TEST_F(ResamplerManagerTest, TheFirstCallerDecidesWhetherItIsWaitable) {
+    for (const bool waitable : {false, true}) {
+        const auto first = Get<CentroidError, Centroids>("resampler: half", waitable, waitable);
+        EXPECT_EQ(dynamic_cast<signal_processing::WaitableResampler*>(first.get()) != nullptr, waitable);
+        EXPECT_EQ((Get<CentroidError, Centroids>("resampler: half", waitable, !waitable)), first);
+    }
 }
 
 TEST_F(ResamplerManagerTest, WhoNamesNoneGetsAMailbox) {
@@ -99,11 +104,13 @@ TEST_F(ResamplerManagerTest, TheThirdUserIsWarnedOfAndServed) {
 }
 
 TEST_F(ResamplerManagerTest, WhatIsNotThereIsRefused) {
-    for (const std::string id : {"without_definition", "elsewhere"}) {
-        EXPECT_EQ(TextOf<std::runtime_error>([&] { return Get<MsOutputSample, Ms>("resampler: " + id); }),
-                  "ResamplerManager: configuration not found: id: " + id);
-    }
     const LogCapture log;
+    for (const std::string id : {"without_definition", "elsewhere"}) {
+        const std::string text = "ResamplerManager: configuration not found: id: " + id;
+        EXPECT_EQ(TextOf<std::runtime_error>([&] { return Get<MsOutputSample, Ms>("resampler: " + id); }),
+                  text);
+        EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, text));
+    }
     const std::string text = "ResamplerManager: resampler not found: configuration id: half, instance id: 2";
     const ResamplerManager::ResamplerId id{typeid(CentroidError), "half", 2};
     EXPECT_EQ(TextOf<std::runtime_error>([&] { return m_manager.GetResamplerOrThrow(id); }), text);
@@ -113,15 +120,23 @@ TEST_F(ResamplerManagerTest, WhatIsNotThereIsRefused) {
     EXPECT_EQ(m_manager.GetResamplerOrThrow(id), resampler);
 }
 
-TEST_F(ResamplerManagerTest, ANewStartForgetsInstancesAndDefinitionsButLeavesThemToTheirHolders) {
+TEST_F(ResamplerManagerTest, ANewStartTellsWhatItFoundAndForgetsTheOldWithoutTakingItFromItsHolders) {
     const auto held = Get<CentroidError, Centroids>("resampler: half");
     const auto mailbox = Get<CentroidError, Centroids>("{}");
-    for (const char* text : {"cfg: {}", "cfg:", "cfg: 5", "other: 1", "cfg: {resamplers: {id: half}}"}) {
+    const std::vector<std::string> none{"no resampler configuration"};
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
+        {DOCUMENT, {"resampler configuration: half", "resampler configuration: smooth"}},
+        {"cfg: {}", none},
+        {"cfg:", none},
+        {"cfg: 5", none},
+        {"other: 1", none},
+        {"cfg: {resamplers: {id: half}}", none}};
+    for (const auto& [text, found] : cases) {
         const LogCapture log;
         ResamplerManager::CreateInstance(ConfigOf(text), "resamplers");
-        const std::vector<LogCapture::Line> lines{
-            {log4cplus::INFO_LOG_LEVEL, "ResamplerManager::Reset()"},
-            {log4cplus::DEBUG_LOG_LEVEL, "ResamplerManager: found no resampler configuration"}};
+        std::vector<LogCapture::Line> lines{{log4cplus::INFO_LOG_LEVEL, "ResamplerManager::Reset()"}};
+        for (const std::string& what : found)
+            lines.push_back({log4cplus::DEBUG_LOG_LEVEL, "ResamplerManager: found " + what});
         EXPECT_EQ(log.Lines(), lines) << text;
     }
     ResamplerManager::CreateInstance({}, "resamplers");
@@ -129,16 +144,6 @@ TEST_F(ResamplerManagerTest, ANewStartForgetsInstancesAndDefinitionsButLeavesThe
     EXPECT_NE((Get<CentroidError, Centroids>("{}")), mailbox);
     held->AddSample({});
     EXPECT_TRUE(held->HasSamples());
-}
-
-TEST_F(ResamplerManagerTest, TellsWhatItFound) {
-    const LogCapture log;
-    ResamplerManager::CreateInstance(ConfigOf(DOCUMENT), "resamplers");
-    const std::string found = "ResamplerManager: found resampler configuration: ";
-    const std::vector<LogCapture::Line> lines{{log4cplus::INFO_LOG_LEVEL, "ResamplerManager::Reset()"},
-                                              {log4cplus::DEBUG_LOG_LEVEL, found + "half"},
-                                              {log4cplus::DEBUG_LOG_LEVEL, found + "smooth"}};
-    EXPECT_EQ(log.Lines(), lines);
 }
 
 }  // namespace
