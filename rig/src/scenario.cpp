@@ -40,7 +40,7 @@ std::string NameOf(const Names& names, Value value) {
 // misspelt key can't be passed over.
 class Section {
 public:
-    Section(YAML::Node node, std::string source) : m_node(std::move(node)), m_source(std::move(source)) {
+    Section(const YAML::Node& node, std::string source) : m_node(node), m_source(std::move(source)) {
         if (!m_node.IsMap()) Fail(m_node, "a map of keys is expected here");
     }
 

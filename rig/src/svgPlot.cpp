@@ -6,6 +6,7 @@
 #include <cmath>
 #include <iterator>
 #include <limits>
+#include <vector>
 
 namespace vosk::rig {
 namespace {
@@ -39,6 +40,16 @@ double TickStep(const Axis& axis, int count) {
     const double power = std::pow(10.0, std::floor(std::log10(rough)));
     const double digit = rough / power;
     return power * (digit < 1.5 ? 1.0 : digit < 3.5 ? 2.0 : digit < 7.5 ? 5.0 : 10.0);
+}
+
+// The multiples of the step on the axis, its ends included whatever rounding does to them.
+std::vector<double> Ticks(const Axis& axis, double step) {
+    const long last = std::lround(std::floor(axis.high / step + 1e-9));
+    std::vector<double> ticks;
+    for (long i = std::lround(std::ceil(axis.low / step - 1e-9)); i <= last; ++i) {
+        ticks.push_back(static_cast<double>(i) * step);
+    }
+    return ticks;
 }
 
 class Canvas {
@@ -85,21 +96,19 @@ private:
 
     void DrawGrid() {
         const double x_step = TickStep(m_x, 10);
-        for (double tick = std::ceil(m_x.low / x_step) * x_step; tick <= m_x.high + 1e-9 * x_step;
-             tick += x_step) {
+        for (const double tick : Ticks(m_x, x_step)) {
             Write("<line class=\"grid\" x1=\"{0:.1f}\" x2=\"{0:.1f}\" y1=\"{1}\" y2=\"{2}\"/>", X(tick), TOP,
                   HEIGHT - BOTTOM);
             Write("<text class=\"tick\" text-anchor=\"middle\" x=\"{:.1f}\" y=\"{}\">{:g}</text>\n", X(tick),
-                  HEIGHT - BOTTOM + 15, std::abs(tick) < 1e-9 * x_step ? 0.0 : tick);
+                  HEIGHT - BOTTOM + 15, tick);
         }
         const double y_step = m_plot.logarithmic_y ? 1.0 : TickStep(m_y, 6);
-        for (double tick = std::ceil(m_y.low / y_step) * y_step; tick <= m_y.high + 1e-9 * y_step;
-             tick += y_step) {
+        for (const double tick : Ticks(m_y, y_step)) {
             const double value = m_plot.logarithmic_y ? std::pow(10.0, tick) : tick;
             Write("<line class=\"grid\" x1=\"{0}\" x2=\"{1}\" y1=\"{2:.1f}\" y2=\"{2:.1f}\"/>", LEFT,
                   WIDTH - RIGHT, Y(value));
             Write("<text class=\"tick\" text-anchor=\"end\" x=\"{}\" y=\"{:.1f}\">{:g}</text>\n", LEFT - 6,
-                  Y(value) + 4, std::abs(value) < 1e-9 * y_step ? 0.0 : value);
+                  Y(value) + 4, value);
         }
         Write("<text class=\"label\" text-anchor=\"middle\" x=\"{}\" y=\"{}\">{}</text>\n",
               (LEFT + WIDTH - RIGHT) / 2, HEIGHT - 10, EscapeHtml(m_plot.x_label));
