@@ -20,13 +20,7 @@ std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator)
     const auto rois = Regions(24);
     std::vector<defs::Slope> slopes(rois.size());
     defs::AlignedFrame<std::uint32_t> moved(frame.table.size());
-    const CleaningStream stream{frame.raw.data(),
-                                Geometry::SCRAMBLED_WIDTH,
-                                frame.bias.data(),
-                                frame.flat.data(),
-                                frame.is_table_read ? frame.table.data() : nullptr,
-                                Geometry::WIDTH,
-                                moved.data()};
+    const CleaningStream stream = frame.Stream(moved);
     auto& ours = *estimator.ours;
     const auto ns = NsAPixel({[&] {
                                   removal->InvalidateCache();

@@ -25,13 +25,7 @@ void BenchLisa(const LisaFrame& frame, std::vector<Row>& rows) {
     const auto removal = frame.MakeRemoval();
     PlainCleaning plain{frame};
     AlignedFrame<std::uint32_t> moved(frame.table.size());
-    const CleaningStream stream{frame.raw.data(),
-                                Geometry::SCRAMBLED_WIDTH,
-                                frame.bias.data(),
-                                frame.flat.data(),
-                                frame.is_table_read ? frame.table.data() : nullptr,
-                                Geometry::WIDTH,
-                                moved.data()};
+    const CleaningStream stream = frame.Stream(moved);
     const auto compare = [&](const std::string& what, const std::vector<Roi>& rois) {
         Compare(
             "clean LISA " + what + ", " + frame.name, PixelsOf(rois),
@@ -52,8 +46,8 @@ void BenchLisa(const LisaFrame& frame, std::vector<Row>& rows) {
 template <class Removal>
 void BenchInOrder(const std::string& what, std::vector<Row>& rows) {
     constexpr std::size_t SIZE = Removal::WIDTH * Removal::HEIGHT;
-    const auto bias = RandomFrame(SIZE, 90.0F, 110.0F);
-    const auto flat = RandomFrame(SIZE, 0.8F, 1.2F);
+    const auto bias = RandomFrame(1, SIZE, 90.0F, 110.0F);
+    const auto flat = RandomFrame(2, SIZE, 0.8F, 1.2F);
     AlignedFrame<std::uint16_t> raw(SIZE);
     for (std::size_t i = 0; i < SIZE; ++i) raw[i] = static_cast<std::uint16_t>(i * 40'503);
     Removal removal{bias, flat};

@@ -39,8 +39,8 @@ constexpr std::size_t BRIGHTEST = 20;
 
 }  // namespace
 
-AlignedFrame<float> RandomFrame(std::size_t size, float low, float high) {
-    std::mt19937 random{1};
+AlignedFrame<float> RandomFrame(std::uint32_t seed, std::size_t size, float low, float high) {
+    std::mt19937 random{seed};
     std::uniform_real_distribution<float> value{low, high};
     AlignedFrame<float> frame(size);
     for (float& pixel : frame) pixel = value(random);
@@ -67,7 +67,7 @@ AlignedFrame<float> SpotFrame(std::size_t size) {
 Readout NeighbourReadout() {
     return {"neighbours",
             [](std::size_t i) { return static_cast<std::uint32_t>(i / WIDTH * RAW_WIDTH + 60 + i % WIDTH); },
-            true};
+            false};
 }
 
 Readout TapReadout() {
@@ -83,21 +83,21 @@ Readout TapReadout() {
         const std::size_t step = line * STEPS + (STEPS - COLUMNS) + column;
         return static_cast<std::uint32_t>(step * 2 * TAPS + tap + (is_upper ? TAPS : 0));
     };
-    return {"taps by turns", position, true};
+    return {"taps by turns", position, false};
 }
 
 Readout RandomReadout() {
     std::vector<std::uint32_t> positions(RAW_WIDTH * Geometry::SCRAMBLED_HEIGHT);
     std::iota(positions.begin(), positions.end(), 0U);
     std::shuffle(positions.begin(), positions.end(), std::mt19937{3});
-    return {"random", [positions](std::size_t i) { return positions[i]; }, false};
+    return {"random", [positions](std::size_t i) { return positions[i]; }, true};
 }
 
 LisaFrame::LisaFrame(const Readout& readout)
     : name{readout.name},
-      is_table_read{!readout.is_regular},
-      bias{RandomFrame(WIDTH * HEIGHT, 90.0F, 110.0F)},
-      flat{RandomFrame(WIDTH * HEIGHT, 0.8F, 1.2F)},
+      is_table_read{readout.is_table_read},
+      bias{RandomFrame(1, WIDTH * HEIGHT, 90.0F, 110.0F)},
+      flat{RandomFrame(2, WIDTH * HEIGHT, 0.8F, 1.2F)},
       table(WIDTH * HEIGHT),
       raw(RAW_WIDTH * Geometry::SCRAMBLED_HEIGHT) {
     constexpr float DRIFT = 500.0F;
@@ -115,6 +115,11 @@ std::unique_ptr<LisaNoiseRemoval> LisaFrame::MakeRemoval() const {
     auto removal = std::make_unique<LisaNoiseRemoval>(bias, flat, file);
     std::filesystem::remove(file);
     return removal;
+}
+
+CleaningStream LisaFrame::Stream(AlignedFrame<std::uint32_t>& moved) const {
+    return {raw.data(), RAW_WIDTH,   bias.data(), flat.data(), is_table_read ? table.data() : nullptr,
+            WIDTH,      moved.data()};
 }
 
 Roi WholeFrame(std::size_t width, std::size_t height) {
@@ -235,6 +240,9 @@ namespace {
 
 // Added up as integers, so that the compiler may take them in any order.
 using Bits __attribute__((may_alias)) = std::uint32_t;
+// As many as the shortest row of a region: sums that are kept apart need no adding up at the end of a row.
+constexpr std::size_t LANES = 8;
+using BitLanes __attribute__((may_alias, aligned(4), vector_size(LANES * 4))) = std::uint32_t;
 
 }  // namespace
 
@@ -260,13 +268,17 @@ void StreamCleaning(const CleaningStream& stream, std::span<const Roi> rois) {
 
 VOSK_WIDEST_VECTORS
 std::uint32_t StreamPixels(const float* pixels, std::size_t stride, std::span<const Roi> rois) {
-    std::uint32_t sum = 0;
+    BitLanes sums{};
     for (const Roi& roi : rois) {
         for (std::size_t y = roi.y_start; y < roi.y_stop; ++y) {
-            const Bits* row = reinterpret_cast<const Bits*>(pixels + y * stride + roi.x_start);
-            for (std::size_t x = 0; x < roi.width; ++x) sum += row[x];
+            const float* row = pixels + y * stride + roi.x_start;
+            for (std::size_t x = 0; x < roi.width; x += LANES) {
+                sums += *reinterpret_cast<const BitLanes*>(row + x);
+            }
         }
     }
+    std::uint32_t sum = 0;
+    for (std::size_t lane = 0; lane < LANES; ++lane) sum += sums[lane];
     return sum;
 }
 

@@ -23,7 +23,8 @@ namespace vosk::bench {
 
 using Geometry = image_processing::LisaGeometry;
 
-defs::AlignedFrame<float> RandomFrame(std::size_t size, float low, float high);
+// What of a camera has another seed is another frame, as a bias and a flat are.
+defs::AlignedFrame<float> RandomFrame(std::uint32_t seed, std::size_t size, float low, float high);
 // Of a cleaned LISA frame: noise around zero and, in the middle of each of Regions(size), a spot. The columns
 // without light see neither.
 defs::AlignedFrame<float> SpotFrame(std::size_t size);
@@ -32,7 +33,7 @@ defs::AlignedFrame<float> SpotFrame(std::size_t size);
 struct Readout {
     std::string name;
     std::function<std::uint32_t(std::size_t)> position;  // in the raw frame, of a pixel of the image
-    bool is_regular;                                     // then cleaning has no need to read the table
+    bool is_table_read;                                  // to clean it; not if its positions follow a rule
 };
 // Each row of the image as it stands in the raw frame, without the columns beside it.
 Readout NeighbourReadout();
@@ -41,10 +42,26 @@ Readout NeighbourReadout();
 Readout TapReadout();
 Readout RandomReadout();
 
+// The bytes that work on pixels cannot but move. Of cleaning: the counts, both calibration frames and, where
+// it has to be read, the table; the cleaned pixels. Of centroids after cleaning nothing more, as they find
+// their pixels in the cache; of centroids alone, the pixels. All of it row by row of the regions, in one pass
+// with the vectors of this machine.
+struct CleaningStream {
+    const std::uint16_t* raw;
+    std::size_t raw_stride;
+    const float* bias;
+    const float* flat;
+    const std::uint32_t* table;  // null if it need not be read
+    std::size_t stride;          // of all but the raw frame
+    std::uint32_t* cleaned;
+};
+
 // A raw frame that is cleaned to SpotFrame(24), nearly.
 struct LisaFrame {
     explicit LisaFrame(const Readout& readout);
     std::unique_ptr<image_processing::LisaNoiseRemoval> MakeRemoval() const;
+    // Of what cleaning it moves; `moved` is as large as the image.
+    CleaningStream Stream(defs::AlignedFrame<std::uint32_t>& moved) const;
 
     std::string name;
     bool is_table_read;
@@ -87,20 +104,8 @@ struct Estimator {
 };
 std::vector<Estimator> Estimators();
 
-// The bytes that work on pixels cannot but move. Of cleaning: the counts, both calibration frames and, where
-// it has to be read, the table; the cleaned pixels. Of centroids after cleaning nothing more, as they find
-// their pixels in the cache; of centroids alone, the pixels. All of it row by row of the regions, in one pass
-// with the vectors of this machine.
-struct CleaningStream {
-    const std::uint16_t* raw;
-    std::size_t raw_stride;
-    const float* bias;
-    const float* flat;
-    const std::uint32_t* table;  // null if it need not be read
-    std::size_t stride;          // of all but the raw frame
-    std::uint32_t* cleaned;
-};
 void StreamCleaning(const CleaningStream& stream, std::span<const image_processing::Roi> rois);
+// Widths are multiples of 8.
 std::uint32_t StreamPixels(const float* pixels, std::size_t stride,
                            std::span<const image_processing::Roi> rois);
 
