@@ -16,8 +16,8 @@ namespace vosk::image_processing {
 struct Stretch {
     const std::uint16_t* raw;        // the count of the first pixel; with positions: the raw frame
     const std::uint32_t* positions;  // null, or where in the raw frame each pixel's count is
-    // Without positions, from a count to the next: 1, TAP_STEP or -TAP_STEP. From each count on at least so
-    // many values can be read.
+    // Without positions, from a count to the next: 1, TAP_STEP or -TAP_STEP. Of a tap, TAP_STEP values can be
+    // read from each count on, the last one too.
     std::ptrdiff_t step;
     std::size_t first;  // in the cleaned frame, as an index
     std::size_t count;
@@ -27,7 +27,7 @@ struct Stretch {
 struct Calibration {
     const float* master_bias;
     const float* flat;
-    bool is_ordinary;  // as IsOrdinary says of both; a dynamic bias measured with it is finite then
+    bool is_ordinary;  // as IsOrdinary says of both; no dynamic bias is beyond 2^101 then
 };
 
 // Whether no quotient can leave the range of a double, or its flat's reciprocal that of a float: so for any

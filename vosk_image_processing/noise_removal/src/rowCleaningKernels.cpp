@@ -1,6 +1,5 @@
 #include "rowCleaning.hpp"
 
-// Highway compiles this file once for each instruction set.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "rowCleaningKernels.cpp"
 #include <hwy/foreach_target.h>
@@ -37,7 +36,7 @@ struct Division {};
 using OrdinaryDivision = Division;
 
 // Without vectors the plain loop does; Highway's own emulation would cut what overflows to the largest float.
-template <class Division, class Source>
+template <class Divide, class Source>
 HWY_INLINE bool CleanInVectors(const Source&, const float*, const float*, double, float*, std::size_t) {
     return false;
 }
@@ -141,7 +140,7 @@ using OrdinaryDivision = Division;  // shorter vectors divide as fast, and their
 #endif
 
 // Whether there were enough pixels for it.
-template <class Division, class Source>
+template <class Divide, class Source>
 HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, const float* flat,
                                double dynamic_bias, float* cleaned, std::size_t count) {
     const hn::CappedTag<double, 8> doubles;
@@ -153,7 +152,7 @@ HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, c
         const auto raw = Load(doubles, source, i);
         const auto bias = hn::PromoteTo(doubles, hn::LoadU(floats, master_bias + i));
         const auto signal = hn::Sub(hn::Sub(raw, bias), dynamic);
-        const auto quotient = Division::Quotient(doubles, signal, hn::LoadU(floats, flat + i));
+        const auto quotient = Divide::Quotient(doubles, signal, hn::LoadU(floats, flat + i));
         hn::StoreU(hn::DemoteTo(floats, quotient), floats, cleaned + i);
     };
     std::size_t i = 0;
@@ -164,23 +163,23 @@ HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, c
 
 #endif
 
-template <class Division, class Source>
+template <class Divide, class Source>
 HWY_INLINE void Clean(const Source& source, const float* master_bias, const float* flat, double dynamic_bias,
                       float* cleaned, std::size_t count) {
-    if (CleanInVectors<Division>(source, master_bias, flat, dynamic_bias, cleaned, count)) return;
+    if (CleanInVectors<Divide>(source, master_bias, flat, dynamic_bias, cleaned, count)) return;
     for (std::size_t i = 0; i < count; ++i) {
         const double signal = static_cast<double>(source[i]) - static_cast<double>(master_bias[i]);
         cleaned[i] = static_cast<float>((signal - dynamic_bias) / static_cast<double>(flat[i]));
     }
 }
 
-template <class Division>
+template <class Divide>
 HWY_INLINE void CleanBy(const Stretch* stretches, std::size_t size, const Calibration& calibration,
                         float* cleaned) {
     for (const Stretch* at = stretches; at != stretches + size; ++at) {
         const auto clean = [&](const auto& source) {
-            Clean<Division>(source, calibration.master_bias + at->first, calibration.flat + at->first,
-                            at->dynamic_bias, cleaned + at->first, at->count);
+            Clean<Divide>(source, calibration.master_bias + at->first, calibration.flat + at->first,
+                          at->dynamic_bias, cleaned + at->first, at->count);
         };
         if (at->positions != nullptr) {
             clean(Scattered{at->raw, at->positions});

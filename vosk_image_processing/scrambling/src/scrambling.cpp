@@ -67,9 +67,11 @@ void ScramblerBase::FindPieces() {
 
 void ScramblerBase::FindPiecesOfRow(std::size_t row) {
     const std::uint32_t* const entries = m_scramble.data() + row * m_width;
+    // Of a run to the left it wraps, which becomes the negative step that it is in StepOf.
     const auto difference = [&](std::uint32_t x) { return entries[x] - entries[x - 1]; };
     for (std::uint32_t x = 0; x < m_width;) {
         const std::uint32_t start = x++;
+        // At first a step is compared with itself: any two pixels are in step.
         while (x < m_width && difference(x) == difference(start + 1)) ++x;
         const std::int32_t step = StepOf({entries + start, entries + x});
         // What is no run may end with the first pixel of one.

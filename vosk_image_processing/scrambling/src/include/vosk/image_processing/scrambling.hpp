@@ -37,14 +37,14 @@ public:
                   std::size_t scrambled_height, const std::string& path);
 
 protected:
-    // A stretch of one row, in columns.
+    // Columns of one row whose positions go on in equal steps, a run, or those between two runs.
     struct Piece {
         std::uint32_t x_start;
         std::uint32_t x_stop;
         std::uint32_t source;  // of its first pixel, in the raw buffer
         // From a pixel to the next in the raw buffer: 1 for neighbours; TAP_STEP or -TAP_STEP for those of
-        // one tap, from each of which on the raw buffer holds TAP_STEP values; 0 where the table has to be
-        // asked.
+        // one tap, where TAP_STEP values can be read from each pixel on, the last one too; 0 for what is no
+        // run: the table has to be asked.
         std::int32_t step;
     };
 
@@ -106,7 +106,7 @@ public:
 
     // Puts the pixels of the ROI, or without one the whole image, into the frame; the others stay. For the
     // frame's user. std::invalid_argument, and nothing written, if `frame` isn't a raw buffer or the ROI
-    // reaches out of the image.
+    // reaches out of the image; one without pixels is nothing to do, wherever it lies.
     void Descramble(gsl::span<const FROM> frame, const std::optional<Roi>& roi = {});
 
     // The image: zero until it is written.
