@@ -119,14 +119,14 @@ double LisaNoiseRemoval::ComputeDynamicBias(const std::uint16_t* raw, std::size_
 }
 
 double LisaNoiseRemoval::MeasureDynamicBias(const std::uint16_t* raw, std::size_t group) const {
-    if (const auto& dark_sum = m_dark_sums[group])
-        return (SumDarkCounts(raw, group) - *dark_sum) / DARK_PIXELS;
+    constexpr auto COUNT = static_cast<double>(DARK_PIXELS);
+    if (const auto& dark_sum = m_dark_sums[group]) return (SumDarkCounts(raw, group) - *dark_sum) / COUNT;
     double sum = 0.0;
     ForEachDarkPixel(group, [&](std::size_t pixel) {
         sum += static_cast<double>(raw[m_scramble[pixel]]);
         sum -= static_cast<double>(m_master_bias[pixel]);
     });
-    return sum / DARK_PIXELS;
+    return sum / COUNT;
 }
 
 std::uint32_t LisaNoiseRemoval::SumDarkCounts(const std::uint16_t* raw, std::size_t group) const {
@@ -152,7 +152,7 @@ std::uint32_t LisaNoiseRemoval::SumDarkCounts(const std::uint16_t* raw, std::siz
 // ever rounded, and the counts may be summed by themselves, as integers.
 void LisaNoiseRemoval::FindDarkSums() {
     constexpr double UNIT = 0x1p-28;
-    static_assert(DARK_PIXELS * (0x1p16 + 0x1p17) < 0x1p25);
+    static_assert(static_cast<double>(DARK_PIXELS) * (0x1p16 + 0x1p17) < 0x1p25);
     const auto is_exact = [](double bias) {
         return std::abs(bias) < 0x1p17 && std::nearbyint(bias / UNIT) * UNIT == bias;
     };
@@ -197,7 +197,7 @@ void MaranaNoiseRemoval::RemoveNoise(gsl::span<const std::uint16_t> frame,
                                      const std::optional<Window>& window, const std::optional<Roi>& roi) {
     RequireFrameSize(frame.size(), WIDTH * HEIGHT);
     const PixelRange range = RangeOf(roi, WIDTH, HEIGHT, "RemoveNoise");
-    if (range.y_start == range.y_stop) return;
+    if (range.Size() == 0) return;
     const Window read = window.value_or(Window{0, 0, WIDTH, HEIGHT});
     if (read.size > frame.size()) {
         common::LogAndThrow<std::invalid_argument>(

@@ -41,7 +41,7 @@ public:
     // Cleans the ROI, or without one the whole frame. `frame` is a raw frame of the camera, all of it;
     // `window` is what a MARANA camera has read out. std::invalid_argument, before the first pixel, on a
     // frame of another size, a ROI that reaches out of the cleaned frame, or a window of more pixels than a
-    // raw frame holds.
+    // raw frame holds. A ROI without pixels is nothing to do, wherever it lies.
     virtual void RemoveNoise(gsl::span<const std::uint16_t> frame, const std::optional<Window>& window,
                              const std::optional<Roi>& roi) = 0;
 
@@ -91,7 +91,11 @@ private:
     static_assert(GROUPS * GROUP_ROWS == LisaGeometry::HEIGHT);
     // The columns that see no light: first column and number of columns.
     static constexpr std::array<std::pair<std::size_t, std::size_t>, 2> BIAS_REGIONS{{{0, 20}, {820, 20}}};
-    static constexpr double DARK_PIXELS = 160.0;  // of a group
+    static constexpr std::size_t DARK_PIXELS = [] {  // of a group
+        std::size_t columns = 0;
+        for (const auto& region : BIAS_REGIONS) columns += region.second;
+        return columns * GROUP_ROWS;
+    }();
 
     struct CachedBias {
         std::uint64_t generation{0};  // of the frame that the bias was taken from, 0 for none
