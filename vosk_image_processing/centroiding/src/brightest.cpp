@@ -9,9 +9,9 @@ namespace vosk::image_processing::detail {
 
 namespace {
 
-// So few keys are put in order faster than the brightest are found among them.
-constexpr std::size_t SMALL = 64;
-static_assert(SMALL <= FEW);
+// Fewer keys are put in order faster than the brightest are found among them.
+constexpr std::size_t SEARCH_PAYS_ABOVE = 64;
+static_assert(SEARCH_PAYS_ABOVE <= MAX_PAIRWISE);
 
 // Of more than n places, those above the limit and as many at the limit as there is room for.
 void KeepFirst(std::span<const std::int32_t> keys, std::int32_t limit, std::size_t n,
@@ -40,16 +40,20 @@ void SortPlaces(std::span<const std::int32_t> keys, std::span<std::uint32_t> pla
 
 }  // namespace
 
+std::size_t RanksFor(std::size_t n) {
+    return n <= MAX_PAIRWISE ? 0 : n;
+}
+
 void FindBrightest(std::span<const std::int32_t> keys, std::size_t n, std::span<std::uint32_t> places,
                    std::span<std::uint64_t> ranked) {
-    if (keys.size() <= SMALL) {
+    if (keys.size() <= SEARCH_PAYS_ABOVE) {
         std::iota(places.begin(), places.end(), 0U);
-        return OrderFew(keys, places);
+        return OrderPairwise(keys, places);
     }
     const std::int32_t limit = FindLimit(keys, n);
     const std::size_t found = PlacesFrom(limit, keys, places.data());
     if (found > n) KeepFirst(keys, limit, n, places.first(found));
-    if (n <= FEW) return OrderFew(keys, places.first(n));
+    if (n <= MAX_PAIRWISE) return OrderPairwise(keys, places.first(n));
     SortPlaces(keys, places.first(n), ranked.first(n));
 }
 

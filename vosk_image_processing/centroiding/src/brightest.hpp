@@ -19,8 +19,10 @@ inline std::int32_t BrightnessKey(float value) {
 }
 
 // Leaves in places[0..n) where the n largest keys stand, the largest first, equal ones in the order of their
-// places; 0 < n <= keys.size(). `places` and `ranked` are scratch, as long as the keys.
+// places; 0 < n <= keys.size(). `places` is as long as the keys, its rest scratch; so is `ranked`, of
+// RanksFor(n) or more.
 void FindBrightest(std::span<const std::int32_t> keys, std::size_t n, std::span<std::uint32_t> places,
                    std::span<std::uint64_t> ranked);
+std::size_t RanksFor(std::size_t n);
 
 }  // namespace vosk::image_processing::detail

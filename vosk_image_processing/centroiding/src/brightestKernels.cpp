@@ -5,7 +5,7 @@
 #include <limits>
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "src/brightestKernels.cpp"
+#define HWY_TARGET_INCLUDE "brightestKernels.cpp"
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
@@ -22,7 +22,7 @@ std::size_t CountFrom(std::int32_t limit, std::span<const std::int32_t> keys) {
     return count;
 }
 
-std::int32_t Limit(std::span<const std::int32_t> keys, std::size_t n) {
+std::int32_t FindLimit(std::span<const std::int32_t> keys, std::size_t n) {
     // n or more keys are at or above `low`, fewer are above `high`.
     std::int32_t smallest = keys.front();
     std::int32_t largest = keys.front();
@@ -45,7 +45,7 @@ std::int32_t Limit(std::span<const std::int32_t> keys, std::size_t n) {
     return static_cast<std::int32_t>(low);
 }
 
-std::size_t Collect(std::int32_t limit, std::span<const std::int32_t> keys, std::uint32_t* places) {
+std::size_t PlacesFrom(std::int32_t limit, std::span<const std::int32_t> keys, std::uint32_t* places) {
     const hn::ScalableTag<std::int32_t> d;
     const hn::ScalableTag<std::uint32_t> p;
     const std::size_t lanes = hn::Lanes(d);
@@ -65,14 +65,14 @@ std::size_t Collect(std::int32_t limit, std::span<const std::int32_t> keys, std:
     return count;
 }
 
-void Order(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) {
+void OrderPairwise(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) {
     const hn::CappedTag<std::int32_t, 16> d;
     using V = hn::Vec<decltype(d)>;
     const std::size_t lanes = hn::Lanes(d);
     const V one = hn::Set(d, 1);
     // Filled up to whole vectors with what comes before nothing.
-    std::array<std::int32_t, FEW> own;
-    std::array<std::int32_t, FEW> ranks;
+    std::array<std::int32_t, MAX_PAIRWISE> own;
+    std::array<std::int32_t, MAX_PAIRWISE> ranks;
     const std::size_t size = places.size();
     const std::size_t blocks = (size + lanes - 1) / lanes;
     for (std::size_t i = 0; i < size; ++i) own[i] = keys[places[i]];
@@ -100,7 +100,7 @@ void Order(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) 
         }
         hn::StoreU(before, d, ranks.data() + block * lanes);
     }
-    std::array<std::uint32_t, FEW> ordered;
+    std::array<std::uint32_t, MAX_PAIRWISE> ordered;
     for (std::size_t i = 0; i < size; ++i) ordered[static_cast<std::size_t>(ranks[i])] = places[i];
     std::copy_n(ordered.begin(), size, places.begin());
 }
@@ -112,20 +112,20 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace vosk::image_processing::detail {
 
-HWY_EXPORT(Limit);
-HWY_EXPORT(Collect);
-HWY_EXPORT(Order);
+HWY_EXPORT(FindLimit);
+HWY_EXPORT(PlacesFrom);
+HWY_EXPORT(OrderPairwise);
 
 std::int32_t FindLimit(std::span<const std::int32_t> keys, std::size_t n) {
-    return HWY_DYNAMIC_DISPATCH(Limit)(keys, n);
+    return HWY_DYNAMIC_DISPATCH(FindLimit)(keys, n);
 }
 
 std::size_t PlacesFrom(std::int32_t limit, std::span<const std::int32_t> keys, std::uint32_t* places) {
-    return HWY_DYNAMIC_DISPATCH(Collect)(limit, keys, places);
+    return HWY_DYNAMIC_DISPATCH(PlacesFrom)(limit, keys, places);
 }
 
-void OrderFew(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) {
-    HWY_DYNAMIC_DISPATCH(Order)(keys, places);
+void OrderPairwise(std::span<const std::int32_t> keys, std::span<std::uint32_t> places) {
+    HWY_DYNAMIC_DISPATCH(OrderPairwise)(keys, places);
 }
 
 }  // namespace vosk::image_processing::detail

@@ -15,10 +15,11 @@ std::int32_t FindLimit(std::span<const std::int32_t> keys, std::size_t n);
 // all keys.
 std::size_t PlacesFrom(std::int32_t limit, std::span<const std::int32_t> keys, std::uint32_t* places);
 
-inline constexpr std::size_t FEW = 112;  // whole vectors
+// Seven vectors of 16 lanes. The pairs grow with the square of it, and soon a sort is as fast.
+inline constexpr std::size_t MAX_PAIRWISE = 112;
 
-// Puts at most FEW places in the order of their keys: the largest first, equal ones as they
-// were. Looks at each pair, without a branch. No key is the smallest integer.
-void OrderFew(std::span<const std::int32_t> keys, std::span<std::uint32_t> places);
+// Puts at most MAX_PAIRWISE places in the order of their keys: the largest first, equal ones as they were.
+// Looks at each pair, without a branch. No key is the smallest integer.
+void OrderPairwise(std::span<const std::int32_t> keys, std::span<std::uint32_t> places);
 
 }  // namespace vosk::image_processing::detail

@@ -28,19 +28,16 @@ CentroidingBase::CentroidingBase(std::size_t width, std::size_t height, double l
     ChooseInstructionSet();
 }
 
-void CentroidingBase::CheckRois(std::span<const Roi> rois) const {
-    for (const Roi& roi : rois) CheckRoi(roi);
+void CentroidingBase::CheckAll(std::size_t frame_size, std::span<const Roi> rois,
+                               std::span<defs::Slope> slopes) const {
+    VOSK_ASSERT(slopes.size() == rois.size());
+    CheckFrameSize(frame_size);
+    for (const Roi& roi : rois) RangeOf(roi);
 }
 
 void CentroidingBase::RefuseFrame() const {
     common::LogAndThrow<std::invalid_argument>(
         fmt::format("ForEachPixel: required frame size: {}", img_size));
-}
-
-void CentroidingBase::RefuseRoi(const Roi& roi) {
-    common::LogAndThrow<std::invalid_argument>(
-        fmt::format("ForEachPixel: ROI outside of the frame: ({}..{}),({}..{})", roi.x_start, roi.x_stop,
-                    roi.y_start, roi.y_stop));
 }
 
 void CentroidingBase::SetNothing() {
@@ -63,9 +60,7 @@ void CentroidingBase::SetFromMoments(const Roi& roi, const Moments& moments) {
 template <class T>
 void Centroiding<T>::ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
                                  std::span<defs::Slope> slopes) {
-    VOSK_ASSERT(slopes.size() == rois.size());
-    CheckFrameSize(frame.size());
-    CheckRois(rois);
+    this->CheckAll(frame.size(), rois, slopes);
     for (std::size_t i = 0; i < rois.size(); ++i) {
         Compute(frame, rois[i]);
         slopes[i] = {flux, x, y};
@@ -73,30 +68,26 @@ void Centroiding<T>::ComputeMany(gsl::span<const T> frame, std::span<const Roi> 
 }
 
 template <class T>
-template <class ManyMoments>
+template <class Sum>
 void Centroiding<T>::ComputeByMoments(gsl::span<const T> frame, std::span<const Roi> rois,
-                                      std::span<defs::Slope> slopes, const ManyMoments& many_moments) {
-    VOSK_ASSERT(slopes.size() == rois.size());
-    CheckFrameSize(frame.size());
-    CheckRois(rois);
+                                      std::span<defs::Slope> slopes, const Sum& sum) {
+    this->CheckAll(frame.size(), rois, slopes);
     std::array<const T*, detail::MAX_BATCH> first_pixels;
     std::array<Moments, detail::MAX_BATCH> moments;
     for (std::size_t start = 0; start < rois.size();) {
-        const std::size_t width = rois[start].width;
-        const std::size_t height = rois[start].height;
+        const std::size_t width = this->RangeOf(rois[start]).Width();
+        const std::size_t height = this->RangeOf(rois[start]).Height();
         std::size_t count = 0;
         for (; count < detail::MAX_BATCH && start + count < rois.size(); ++count) {
-            const Roi& roi = rois[start + count];
-            if (roi.width != width || roi.height != height) break;
-            // An empty one, which may lie behind the last pixel, is not looked at.
-            const std::size_t first = std::size_t{roi.y_start} * img_width + roi.x_start;
-            first_pixels[count] = frame.data() + (roi.size == 0 ? 0 : first);
+            const PixelRange range = this->RangeOf(rois[start + count]);
+            if (range.Width() != width || range.Height() != height) break;
+            first_pixels[count] = frame.data() + range.y_start * img_width + range.x_start;
         }
         if (count == 1) {
             Compute(frame, rois[start]);
             slopes[start] = {flux, x, y};
         } else {
-            many_moments({{first_pixels.data(), count}, img_width, width, height}, moments.data());
+            sum({{first_pixels.data(), count}, img_width, width, height}, moments.data());
             for (std::size_t i = 0; i < count; ++i) {
                 SetFromMoments(rois[start + i], moments[i]);
                 slopes[start + i] = {flux, x, y};
@@ -133,7 +124,10 @@ void CentroidingCOG<T>::ComputeMany(gsl::span<const T> frame, std::span<const Ro
 
 template <class T>
 CentroidingTSH<T>::CentroidingTSH(std::size_t width, std::size_t height, double limit, float threshold)
-    : Centroiding<T>{width, height, limit}, treshold{threshold} {}
+    : Centroiding<T>{width, height, limit}, treshold{threshold} {
+    if (!std::isnan(treshold)) return;
+    common::LogAndThrow<std::invalid_argument>("Centroiding: treshold must be a number");
+}
 
 namespace {
 
@@ -182,6 +176,17 @@ void CentroidingNBR<T>::SetNBrightest(std::size_t nbrightest, bool weight_pixels
     }
     m_nbrightest = nbrightest;
     m_weight_pixels = weight_pixels;
+    Grow(m_keys.size());
+}
+
+template <class T>
+void CentroidingNBR<T>::Grow(std::size_t size) {
+    const std::size_t largest = std::max(size, m_keys.size());
+    m_keys.resize(largest);
+    m_places.resize(largest);
+    const std::size_t count = std::min(m_nbrightest, largest);
+    m_pixels.reserve(count);
+    m_ranked.resize(std::max(m_ranked.size(), detail::RanksFor(count)));
 }
 
 // Fills from the last element towards the first.
@@ -195,29 +200,29 @@ struct CentroidingNBR<T>::Method {
 template <class T>
 void CentroidingNBR<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
     this->CheckFrameSize(frame.size());
-    this->CheckRoi(roi);  // before the scratch grows to the size of a region that no frame has
-    m_keys.resize(roi.size);
-    m_places.resize(roi.size);
-    m_ranked.resize(roi.size);
-    m_pixels.reserve(roi.size);
-    Method method{m_keys.data() + roi.size};
-    this->ForEachPixel(method, frame, roi);
-    const std::size_t count = std::min(m_nbrightest, roi.size);
+    // Before the scratch grows to the size of a region that no frame has.
+    const PixelRange range = this->RangeOf(roi);
+    const std::size_t count = std::min(m_nbrightest, range.Size());
     if (count == 0) return this->SetNothing();
-    detail::FindBrightest(m_keys, count, m_places, m_ranked);
-    TakePixels(frame, roi, count);
+    Grow(range.Size());
+    Method method{m_keys.data() + range.Size()};
+    this->ForEachPixel(method, frame, roi);
+    TakeBrightest(frame, range, count);
     SetFromBrightest(roi);
 }
 
 template <class T>
-void CentroidingNBR<T>::TakePixels(gsl::span<const T> frame, const Roi& roi, std::size_t count) {
-    const T* const first = frame.data() + std::size_t{roi.y_start} * this->img_width + roi.x_start;
-    const auto last = static_cast<std::uint32_t>(roi.size - 1);
+void CentroidingNBR<T>::TakeBrightest(gsl::span<const T> frame, const PixelRange& range, std::size_t count) {
+    const std::size_t size = range.Size();
+    detail::FindBrightest({m_keys.data(), size}, count, {m_places.data(), size}, m_ranked);
+    const T* const first = frame.data() + range.y_start * this->img_width + range.x_start;
+    const auto width = static_cast<std::uint32_t>(range.Width());
+    const auto last = static_cast<std::uint32_t>(size - 1);
     m_pixels.resize(count);
     for (std::size_t i = 0; i < count; ++i) {
         const std::uint32_t position = last - m_places[i];
-        const std::uint32_t dy = position / roi.width;
-        const std::uint32_t dx = position - dy * roi.width;
+        const std::uint32_t dy = position / width;
+        const std::uint32_t dx = position - dy * width;
         m_pixels[i] = {first[dy * this->img_width + dx], static_cast<double>(dx), static_cast<double>(dy)};
     }
 }

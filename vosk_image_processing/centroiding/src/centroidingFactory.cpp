@@ -2,7 +2,7 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/image_processing/centroidingFactory.hpp>
 
-#include <cstdint>
+#include <cmath>
 
 namespace vosk::image_processing::factory {
 
@@ -18,6 +18,13 @@ double ReadSaturation(const PliConfigInstanceNode& node) {
     if (saturation >= 0.0) return saturation;
     common::LogAndThrow(
         fmt::format("CreateCentroidingAlgorithm saturation must not be negative: {}", saturation));
+}
+
+float ReadTreshold(const PliConfigInstanceNode& node) {
+    if (!node.Has("treshold")) common::LogAndThrow("CreateCentroidingAlgorithm treshold missing");
+    const auto treshold = node["treshold"].As<float>();
+    if (!std::isnan(treshold)) return treshold;
+    common::LogAndThrow("CreateCentroidingAlgorithm treshold must be a number");
 }
 
 }  // namespace
@@ -41,9 +48,7 @@ std::unique_ptr<Centroiding<T>> CreateCentroidingAlgorithm(const PliConfigInstan
     const auto type = node["type"].As<std::string>();
     if (type == "cog") return std::make_unique<CentroidingCOG<T>>(img_width, img_height, saturation);
     if (type == "tsh") {
-        if (!node.Has("treshold")) common::LogAndThrow("CreateCentroidingAlgorithm treshold missing");
-        return std::make_unique<CentroidingTSH<T>>(img_width, img_height, saturation,
-                                                   node["treshold"].As<float>());
+        return std::make_unique<CentroidingTSH<T>>(img_width, img_height, saturation, ReadTreshold(node));
     }
     if (type == "nbr") {
         if (!node.Has("nbrightest")) common::LogAndThrow("CreateCentroidingAlgorithm nbrightest missing");

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "src/momentKernels.cpp"
+#define HWY_TARGET_INCLUDE "momentKernels.cpp"
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
@@ -210,11 +210,11 @@ void Sum(const RegionBatch& batch, Keep keep, Moments* moments) {
 
 #endif
 
-void SumAll(const RegionBatch& batch, Moments* moments) {
+void ManyMoments(const RegionBatch& batch, Moments* moments) {
     Sum(batch, All{}, moments);
 }
 
-void SumFrom(float threshold, const RegionBatch& batch, Moments* moments) {
+void ManyMomentsFrom(float threshold, const RegionBatch& batch, Moments* moments) {
     Sum(batch, From{threshold}, moments);
 }
 
@@ -225,15 +225,15 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace vosk::image_processing::detail {
 
-HWY_EXPORT(SumAll);
-HWY_EXPORT(SumFrom);
+HWY_EXPORT(ManyMoments);
+HWY_EXPORT(ManyMomentsFrom);
 
 void ManyMoments(const RegionBatch& batch, Moments* moments) {
-    HWY_DYNAMIC_DISPATCH(SumAll)(batch, moments);
+    HWY_DYNAMIC_DISPATCH(ManyMoments)(batch, moments);
 }
 
 void ManyMomentsFrom(float threshold, const RegionBatch& batch, Moments* moments) {
-    HWY_DYNAMIC_DISPATCH(SumFrom)(threshold, batch, moments);
+    HWY_DYNAMIC_DISPATCH(ManyMomentsFrom)(threshold, batch, moments);
 }
 
 }  // namespace vosk::image_processing::detail

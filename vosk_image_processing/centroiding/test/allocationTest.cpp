@@ -17,11 +17,9 @@ TEST(Centroiding, AllocatesNothingAfterTheFirstFrame) {
     std::vector<std::unique_ptr<Centroiding<float>>> all;
     all.push_back(std::make_unique<CentroidingCOG<float>>(SIDE, SIDE, 10.0));
     all.push_back(std::make_unique<CentroidingTSH<float>>(SIDE, SIDE, 10.0, 1.0F));
-    for (const std::size_t nbrightest : {20U, 300U}) {
-        auto nbr = std::make_unique<CentroidingNBR<float>>(SIDE, SIDE, 10.0);
-        nbr->SetNBrightest(nbrightest, true);
-        all.push_back(std::move(nbr));
-    }
+    all.push_back(std::make_unique<CentroidingNBR<float>>(SIDE, SIDE, 10.0));
+    auto& nbr = dynamic_cast<CentroidingNBR<float>&>(*all.back());
+    nbr.SetNBrightest(300, true);
     std::vector<Roi> rois;
     for (const unsigned size : {24U, 24U, 24U, 8U, 5U, 5U}) {
         const auto stop = static_cast<std::uint16_t>(7 + size);
@@ -37,11 +35,24 @@ TEST(Centroiding, AllocatesNothingAfterTheFirstFrame) {
             for (const Roi& roi : rois) centroiding->Compute(frame, roi);
         }
     };
-    compute();
-    const std::size_t before = vosk::test::AllocationsOfThisThread();
-    ASSERT_GT(before, 0U);
-    compute();
-    EXPECT_EQ(vosk::test::AllocationsOfThisThread(), before);
+    const auto allocations = [&](const auto& work) {
+        const std::size_t before = vosk::test::AllocationsOfThisThread();
+        work();
+        return vosk::test::AllocationsOfThisThread() - before;
+    };
+    EXPECT_GT(allocations(compute), 0U);
+    EXPECT_EQ(allocations(compute), 0U);
+    // More pixels take more scratch, but not from a frame.
+    nbr.SetNBrightest(20, true);
+    EXPECT_EQ(allocations(compute), 0U);
+    EXPECT_GT(allocations([&] { nbr.SetNBrightest(1000, true); }), 0U);
+    EXPECT_EQ(allocations(compute), 0U);
+    // A region of another frame is refused before scratch is made for it.
+    const auto refuse = [&](Centroiding<float>& by) {
+        EXPECT_THROW(by.Compute(frame, {0, 999, 0, 999, 999, 999, 0, 0}), std::invalid_argument);
+    };
+    refuse(*all[0]);  // for the log's first line
+    EXPECT_EQ(allocations([&] { refuse(nbr); }), allocations([&] { refuse(*all[0]); }));
 }
 
 }  // namespace

@@ -2,17 +2,6 @@
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdint>
-#include <limits>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
 namespace vosk::image_processing {
 namespace {
 
@@ -73,11 +62,18 @@ TEST(Centroiding, GivesZeroesWhereThereIsNothing) {
     for (float& pixel : lit) pixel = 1.0F;
     for (const auto& centroiding : All(2.0)) {
         EXPECT_EQ(Compute(*centroiding, dark, Region(6.0, 4.0)), defs::Slope{});
-        for (const Roi& empty : {Roi{3, 3, 2, 6, WIDTH, HEIGHT, 1, 1}, Roi{3, 9, 2, 2, WIDTH, HEIGHT, 1, 1},
-                                 Roi{WIDTH, WIDTH, HEIGHT, HEIGHT, WIDTH, HEIGHT, 1, 1}}) {
+        // The last two lie behind the frame, which holds no pixel of theirs.
+        const std::vector<Roi> empty{{3, 3, 2, 6, WIDTH, HEIGHT, 1, 1},
+                                     {3, 9, 2, 2, WIDTH, HEIGHT, 1, 1},
+                                     {0, 2048, 50, 50, 2048, 60, 1, 1},
+                                     {60, 60, 0, 60, 60, 60, 1, 1}};
+        for (const Roi& roi : empty) {
             Compute(*centroiding, lit, Region(6.0, 4.0));
-            EXPECT_EQ(Compute(*centroiding, lit, empty), defs::Slope{});
+            EXPECT_EQ(Compute(*centroiding, lit, roi), defs::Slope{});
         }
+        std::vector<defs::Slope> slopes(empty.size(), defs::Slope{1.0, 2.0, 3.0});
+        centroiding->ComputeMany(lit, empty, slopes);
+        EXPECT_EQ(slopes, std::vector<defs::Slope>(empty.size()));
     }
 }
 
@@ -154,13 +150,10 @@ TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
     At(frame, 7, 3) = 4.0F;
     const Frame longer(frame.size() + 1);
     const std::vector<Roi> pair(2, Region(7.0, 3.0));
-    const std::string outside = "ForEachPixel: ROI outside of the frame: ";
     const std::vector<std::pair<Roi, std::string>> refused{
-        {{0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0}, outside + "(0..13),(0..1)"},
-        {{0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0}, outside + "(0..1),(0..11)"},
-        {{1, 7, 8, 12, 12, 12, 0, 0}, outside + "(1..7),(8..12)"},  // as large as the others
-        // The scratch of such a region would not fit into any memory.
-        {{0, 65535, 0, 65535, 65535, 65535, 0, 0}, outside + "(0..65535),(0..65535)"}};
+        {{0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0}, "(0..13),(0..1)"},
+        {{0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0}, "(0..1),(0..11)"},
+        {{1, 7, 8, 12, 12, 12, 0, 0}, "(1..7),(8..12)"}};  // as large as the others
     const std::vector<defs::Slope> untouched(3, defs::Slope{1.0, 2.0, 3.0});
     std::vector<defs::Slope> slopes = untouched;
     for (const auto& centroiding : All(2.0)) {
@@ -174,7 +167,8 @@ TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
                   }),
                   text);
         EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 2);
-        for (const auto& [roi, error] : refused) {
+        for (const auto& [roi, place] : refused) {
+            const std::string error = "ForEachPixel: ROI " + place + " does not fit a frame of 12 x 10";
             const std::vector<Roi> last_bad{pair[0], pair[1], roi};
             EXPECT_EQ(TextOf<std::invalid_argument>([&, at = roi] { centroiding->Compute(frame, at); }),
                       error);
@@ -188,7 +182,11 @@ TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
     }
 }
 
-TEST(Centroiding, RefusesASaturationThatIsNoRange) {
+TEST(Centroiding, RefusesASaturationThatIsNoRangeAndAThresholdThatIsNoNumber) {
+    EXPECT_EQ(TextOf<std::invalid_argument>([] {
+                  return Tsh{WIDTH, HEIGHT, 1.0, NAN}.flux;
+              }),
+              "Centroiding: treshold must be a number");
     for (const auto& [saturation, text] : std::vector<std::pair<double, std::string>>{
              {-0.5, "Centroiding: saturation must not be negative: -0.5"},
              {NAN_VALUE, "Centroiding: saturation must not be negative: nan"}}) {

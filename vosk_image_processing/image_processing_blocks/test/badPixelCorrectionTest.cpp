@@ -1,17 +1,8 @@
+#include <fmt/format.h>
 #include <vosk/image_processing/badPixelCorrection.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
-
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdint>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace vosk::image_processing {
 namespace {
@@ -110,16 +101,22 @@ TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernelsAndLeavesTheLogT
 }
 
 TEST(BadPixelCorrection, WarnsOfWeightsWithoutAUsableSum) {
+    const std::string text = "Bad pixel weights sum up to {}: repaired pixels will be infinite or no numbers";
+    for (const auto& [middle, sum] : {std::pair{-8.0F, "0"}, {NAN, "nan"}, {-INFINITY, "-inf"}}) {
+        test::LogCapture log;
+        const auto frame = Repaired({{2, 1}}, {1, 1, 1, 1, middle, 1, 1, 1, 1}, WHOLE);
+        EXPECT_FALSE(std::isfinite(frame[8]));
+        EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, fmt::format(fmt::runtime(text), sum)), 1);
+    }
     test::LogCapture log;
-    const auto frame = Repaired({{2, 1}}, {1, 1, 1, 1, -8, 1, 1, 1, 1}, WHOLE);
-    EXPECT_TRUE(std::isinf(frame[8]));
-    EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
-                        "Bad pixel weights sum up to 0: repaired pixels will be infinite or no numbers"));
+    Repaired({{2, 1}}, {3e38F, 3e38F, -3e38F, -3e38F, 1, 1, 1, 1, 1}, WHOLE);  // the first two overflow
+    EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, fmt::format(fmt::runtime(text), "inf")), 1);
 }
 
-// What is made of the section `b` of the instance `a`, told as "made", "null" or the error, and the last line
-// of the log.
-std::pair<std::string, std::string> Made(const std::string& section) {
+using Outcome = std::pair<std::string, std::vector<test::LogCapture::Line>>;
+
+// What is made of the section `b` of the instance `a`, told as "made", "null" or the error, and the log.
+Outcome Made(const std::string& section) {
     test::LogCapture log;
     std::unique_ptr<bad_pixel_correction_block> block;
     std::string outcome = test::TextOf<std::runtime_error>([&] {
@@ -127,25 +124,27 @@ std::pair<std::string, std::string> Made(const std::string& section) {
             factory::CreateBadPixelCorrection(test::NodeOf("a: {" + section + "}")["a"], "b", WIDTH, HEIGHT);
     });
     if (outcome == "no exception") outcome = block ? "made" : "null";
-    const auto lines = log.Lines();
-    return {outcome, lines.empty() ? "" : lines.back().text};
+    return {outcome, log.Lines()};
 }
 
 TEST(BadPixelCorrectionFactory, TellsWhyThereIsNone) {
     const std::string prefix = "CreateBadPixelCorrectionAlgorithm: ";
     const std::string weights = "pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1]";
-    const auto null = [&](const std::string& text) {
-        return std::pair<std::string, std::string>{"null", prefix + text};
-    };
-    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], [4, 3]], " + weights + "}").first, "made");
-    EXPECT_EQ(Made("c: 1"), null("bad_pixel_correction not configured, skipping"));
-    EXPECT_EQ(Made("b: [1]"), null("bad_pixel_correction not configured, skipping"));
-    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]]}"), null("bad_pixel_correction misconfigured, skipping"));
-    EXPECT_EQ(Made("b: {" + weights + "}"), null("bad_pixel_correction misconfigured, skipping"));
-    EXPECT_EQ(Made("b: {bad_pixels: [], " + weights + "}"), null("no bad pixels, skipping"));
-    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]], pixel_weights: [1]}"), null("no bad pixels, skipping"));
-    EXPECT_EQ(Made("b: {bad_pixels: [[1, 4]], " + weights + "}").first,
-              "ERR: Bad pixel Y-value 4 out of range");
+    using Line = test::LogCapture::Line;
+    const Line setting_up{log4cplus::DEBUG_LOG_LEVEL, prefix + "setting up bad pixel correction"};
+    const Line none{log4cplus::DEBUG_LOG_LEVEL, prefix + "no bad pixels, skipping"};
+    const Line no_section{log4cplus::DEBUG_LOG_LEVEL,
+                          prefix + "bad_pixel_correction not configured, skipping"};
+    const Line no_list{log4cplus::WARN_LOG_LEVEL, prefix + "bad_pixel_correction misconfigured, skipping"};
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], [4, 3]], " + weights + "}"), (Outcome{"made", {setting_up}}));
+    EXPECT_EQ(Made("c: 1"), (Outcome{"null", {no_section}}));
+    EXPECT_EQ(Made("b: [1]"), (Outcome{"null", {no_section}}));
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]]}"), (Outcome{"null", {no_list}}));
+    EXPECT_EQ(Made("b: {" + weights + "}"), (Outcome{"null", {no_list}}));
+    EXPECT_EQ(Made("b: {bad_pixels: [], " + weights + "}"), (Outcome{"null", {setting_up, none}}));
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]], pixel_weights: [1]}"), (Outcome{"null", {setting_up, none}}));
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 4]], " + weights + "}"),
+              (Outcome{"ERR: Bad pixel Y-value 4 out of range", {setting_up}}));
     const std::vector<std::pair<std::string, std::string>> odd_lists{
         {"bad_pixels: {a: [1, 1]}, " + weights, "a.b.bad_pixels must be a sequence"},
         {"bad_pixels: 3, " + weights, "a.b.bad_pixels must be a sequence"},

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <vosk/common/fits.hpp>
 #include <vosk/image_processing/noiseRemovalFactory.hpp>
 #include <vosk/test/logCapture.hpp>
@@ -8,8 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -25,7 +25,8 @@ inline float PlainPixel(std::uint16_t raw, float master_bias, double dynamic_bia
 // Ordinary values, and now and then one of those that arithmetic is likely to get wrong.
 class Values {
 public:
-    explicit Values(std::uint32_t seed) : m_random{seed} {}
+    // One value in `rarity` is of those; of 0, none.
+    explicit Values(std::uint32_t seed, std::uint32_t rarity = 16) : m_random{seed}, m_rarity{rarity} {}
 
     std::uint16_t Raw() {
         static constexpr std::uint16_t EDGES[]{0, 1, 32767, 32768, 65534, 65535};
@@ -33,12 +34,13 @@ public:
                                    : static_cast<std::uint16_t>(m_random());
     }
 
-    float Bias() { return m_random() % 16 == 0 ? Special() : Real(80.0F, 120.0F); }
-    float Flat() { return m_random() % 16 == 0 ? Special() : Real(0.5F, 2.0F); }
+    float Bias() { return IsSpecial() ? Special() : Real(80.0F, 120.0F); }
+    float Flat() { return IsSpecial() ? Special() : Real(0.5F, 2.0F); }
     float Real(float low, float high) { return std::uniform_real_distribution<float>{low, high}(m_random); }
     std::mt19937& Random() { return m_random; }
 
 private:
+    bool IsSpecial() { return m_rarity != 0 && m_random() % m_rarity == 0; }
     float Special() {
         using Limits = std::numeric_limits<float>;
         static constexpr float SPECIAL[]{
@@ -49,6 +51,7 @@ private:
     }
 
     std::mt19937 m_random;
+    std::uint32_t m_rarity;
 };
 
 // Equal in all bits, so that NaN equals itself and 0 does not equal -0.

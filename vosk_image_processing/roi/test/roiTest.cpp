@@ -94,7 +94,7 @@ TEST(Window, CountsItsFarEdgesIn16Bits) {
 TEST(PixelRange, IsTheRoiOrTheFrame) {
     const auto frame = RangeOf({}, 10, 20, "Test");
     EXPECT_EQ(frame.Width(), 10U);
-    EXPECT_EQ(frame.y_stop, 20U);
+    EXPECT_EQ(frame.Height(), 20U);
     const auto roi = RangeOf(Roi{1, 10, 3, 20, 99, 99, 0, 0}, 10, 20, "Test");
     EXPECT_EQ(roi.x_start, 1U);
     EXPECT_EQ(roi.x_stop, 10U);
@@ -102,10 +102,14 @@ TEST(PixelRange, IsTheRoiOrTheFrame) {
     EXPECT_EQ(roi.y_stop, 20U);
 }
 
-TEST(PixelRange, OfAnEmptyRoiHasNoRowsWhereverItLies) {
-    const auto empty = RangeOf(Roi{50, 60, 70, 70, 99, 99, 0, 0}, 10, 20, "Test");
-    EXPECT_EQ(empty.y_start, empty.y_stop);
-    EXPECT_EQ(RangeOf(Roi{10, 10, 0, 20, 99, 99, 0, 0}, 10, 20, "Test").Width(), 0U);
+TEST(PixelRange, OfARoiWithoutPixelsIsEmptyWhereverItLies) {
+    Roi turned{4, 9, 4, 9, 99, 99, 0, 0};
+    turned.x_stop = 3;  // as a writable field allows
+    for (const Roi& roi : {Roi{50, 60, 70, 70, 99, 99, 0, 0}, Roi{50, 50, 0, 99, 99, 99, 0, 0}, turned}) {
+        const auto empty = RangeOf(roi, 10, 20, "Test");
+        EXPECT_EQ(empty.Size(), 0U);
+        EXPECT_EQ(empty.x_start + empty.y_start, 0U);
+    }
 }
 
 TEST(PixelRange, RefusesARoiOfALargerFrame) {

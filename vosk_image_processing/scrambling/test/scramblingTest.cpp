@@ -1,19 +1,11 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <vosk/common/fits.hpp>
 #include <vosk/image_processing/scrambling.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
-#include <algorithm>
-#include <array>
 #include <filesystem>
-#include <numeric>
 #include <random>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -9,7 +9,7 @@
 // first region of its size an estimator allocates nothing.
 
 #include <vosk/defs/valueTypes.hpp>
-#include <vosk/image_processing/roi.hpp>
+#include <vosk/image_processing/pixelRange.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -45,14 +45,14 @@ public:
     double y{0.0};
 
 protected:
-    // All log and throw std::invalid_argument.
+    // These log and throw std::invalid_argument.
     void CheckFrameSize(std::size_t size) const {
         if (size != img_size) RefuseFrame();
     }
-    void CheckRoi(const Roi& roi) const {
-        if (roi.x_stop > img_width || roi.y_stop > img_height) RefuseRoi(roi);
+    PixelRange RangeOf(const Roi& roi) const {
+        return image_processing::RangeOf(roi, img_width, img_height, "ForEachPixel");
     }
-    void CheckRois(std::span<const Roi> rois) const;
+    void CheckAll(std::size_t frame_size, std::span<const Roi> rois, std::span<defs::Slope> slopes) const;
 
     void SetNothing();
     // `cx` and `cy` are offsets from the region's start.
@@ -61,7 +61,6 @@ protected:
 
 private:
     [[noreturn]] void RefuseFrame() const;
-    [[noreturn]] static void RefuseRoi(const Roi& roi);
 };
 
 template <class T>
@@ -74,10 +73,11 @@ public:
     // result stays. A region without pixels, or whose sum is 0.0, gives a flux, x and y of 0.0.
     virtual void Compute(gsl::span<const T> frame, const Roi& roi) = 0;
 
-    // The same for many regions of one frame, each result into the slope of its index; a region that reaches
-    // out of the frame is refused before the first result. COG and TSH do regions
-    // of equal size that follow one another side by side, some four times as fast and with the same bits; a
-    // worker does best with 16 and more at a time, few enough for their pixels to stay in its cache.
+    // The same for many regions of one frame, each result into the slope of its index: as many slopes as
+    // regions, or the process ends. A region that reaches out of the frame is refused before the first
+    // result. COG and TSH do regions of equal size that follow one another side by side, some four times as
+    // fast and with the same bits; a worker does best with 16 and more at a time, few enough for their pixels
+    // to stay in its cache.
     virtual void ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
                              std::span<defs::Slope> slopes);
 
@@ -85,23 +85,22 @@ public:
     template <class Method>
     void ForEachPixel(Method& method, gsl::span<const T> frame, const Roi& roi) const {
         CheckFrameSize(frame.size());
-        CheckRoi(roi);
-        if (roi.size == 0) return;  // it may lie behind the last pixel
-        const T* row = frame.data() + std::size_t{roi.y_start} * img_width + roi.x_start;
-        for (std::size_t dy = 0; dy < roi.height; ++dy, row += img_width) {
+        const PixelRange range = RangeOf(roi);
+        const T* row = frame.data() + range.y_start * img_width + range.x_start;
+        for (std::size_t dy = 0; dy < range.Height(); ++dy, row += img_width) {
             const auto row_offset = static_cast<double>(dy);
             double column_offset = 0.0;
-            for (std::size_t dx = 0; dx < roi.width; ++dx, column_offset += 1.0) {
+            for (std::size_t dx = 0; dx < range.Width(); ++dx, column_offset += 1.0) {
                 method(row[dx], column_offset, row_offset);
             }
         }
     }
 
 protected:
-    // ComputeMany of an estimator whose moments many_moments(batch, moments) gets for equal regions.
-    template <class ManyMoments>
+    // ComputeMany of an estimator whose moments of equal regions sum(batch, moments) takes.
+    template <class Sum>
     void ComputeByMoments(gsl::span<const T> frame, std::span<const Roi> rois, std::span<defs::Slope> slopes,
-                          const ManyMoments& many_moments);
+                          const Sum& sum);
 };
 
 // The centre of gravity of all pixels.
@@ -122,6 +121,7 @@ private:
 template <class T>
 class CentroidingTSH final : public Centroiding<T> {
 public:
+    // std::invalid_argument also if `treshold` is NaN: no pixel would ever reach it.
     CentroidingTSH(std::size_t img_width, std::size_t img_height, double saturation, float treshold);
 
     void Compute(gsl::span<const T> frame, const Roi& roi) override;
@@ -144,7 +144,8 @@ public:
     using Centroiding<T>::Centroiding;
 
     // With weights, the brightest of n pixels counts n times, the last once. An `nbrightest` of 0 is logged
-    // and thrown as std::invalid_argument, and the former settings stay.
+    // and thrown as std::invalid_argument, and the former settings stay. More pixels than before take more
+    // scratch, which is made here for the regions seen so far: no frame has to.
     void SetNBrightest(std::size_t nbrightest, bool weight_pixels);
     std::size_t GetNBrightest() const noexcept { return m_nbrightest; }
     bool GetWeightPixels() const noexcept { return m_weight_pixels; }
@@ -159,18 +160,21 @@ private:
         double dy;
     };
 
-    // The first of m_places into m_pixels.
-    void TakePixels(gsl::span<const T> frame, const Roi& roi, std::size_t count);
+    // Grows the scratch to regions of that size. It never shrinks, so that only a larger region allocates.
+    void Grow(std::size_t size);
+    // The brightest `count` pixels of the range, the brightest first, into m_pixels.
+    void TakeBrightest(gsl::span<const T> frame, const PixelRange& range, std::size_t count);
     void SetFromBrightest(const Roi& roi);
 
     std::size_t m_nbrightest{1};  // never 0
     bool m_weight_pixels{true};
 
-    // Scratch, overwritten by every Compute. It grows to the largest region, and stays.
+    // Scratch, overwritten by every Compute: 8 bytes a pixel of the largest region, and 24 a pixel that takes
+    // part, or 32 of many.
     std::vector<std::int32_t> m_keys;     // of the region, its last pixel first: the larger, the brighter
     std::vector<std::uint32_t> m_places;  // in m_keys; the brightest first
     std::vector<Pixel> m_pixels;          // the brightest
-    std::vector<std::uint64_t> m_ranked;  // key and place in one, to be ordered
+    std::vector<std::uint64_t> m_ranked;  // key and place in one, where a sort orders them
 };
 
 extern template class Centroiding<float>;

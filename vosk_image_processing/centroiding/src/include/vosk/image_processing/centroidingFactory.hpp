@@ -19,8 +19,8 @@ std::unique_ptr<Centroiding<T>> CreateCentroiding(const oru::configng::PliConfig
                                                   const std::string& key, std::size_t img_width,
                                                   std::size_t img_height);
 
-// From the map itself. `type` is "cog", "tsh" (with `treshold`) or "nbr" (with `nbrightest` and, unless it is
-// true, `weight_pixels`); `saturation` is 10 unless told, and not negative.
+// From the map itself. `type` is "cog", "tsh" (with `treshold`, a number) or "nbr" (with `nbrightest` and,
+// unless it is true, `weight_pixels`); `saturation` is 10 unless told, and not negative.
 template <class T>
 std::unique_ptr<Centroiding<T>> CreateCentroidingAlgorithm(const oru::configng::PliConfigInstanceNode& node,
                                                            std::size_t img_width, std::size_t img_height);

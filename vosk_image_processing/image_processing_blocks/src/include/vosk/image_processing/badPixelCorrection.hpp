@@ -27,7 +27,7 @@ public:
 
     // Repairs the bad pixels of the region in place, in the order of the list, so that one next to another
     // sees its repaired value. `frame` is the whole cleaned frame, in which the pixels around the region must
-    // be cleaned too. Allocates nothing.
+    // be cleaned too; with another number of pixels the process ends. Allocates nothing.
     void work(std::span<float> frame, const Roi& roi) const;
 
 private:
@@ -41,7 +41,7 @@ private:
 namespace factory {
 
 // From the map `node[key]`: two lists, `bad_pixels` of [x, y] and `pixel_weights`. Null when there is nothing
-// to correct: no such map, a list that is missing, no bad pixels, not 9 weights. The log tells which.
+// to correct: no such map, no bad pixels or not 9 weights, told at DEBUG; a list that is missing, a warning.
 std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrection(
     const oru::configng::PliConfigInstanceNode& node, const std::string& key, std::size_t width,
     std::size_t height);
