@@ -13,8 +13,6 @@ HWY_BEFORE_NAMESPACE();
 namespace vosk::image_processing::detail::HWY_NAMESPACE {
 namespace {
 
-namespace hn = hwy::HWY_NAMESPACE;
-
 #if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128 || HWY_HAVE_SCALABLE
 
 // The plain form: region by region. Also where the width of vectors is known at run time only.
@@ -44,6 +42,8 @@ struct From {
 };
 
 #else
+
+namespace hn = hwy::HWY_NAMESPACE;
 
 // As many regions as there are doubles in a vector, but at least the four of a block.
 constexpr std::size_t DOUBLES = std::min<std::size_t>(8, HWY_MAX_BYTES / sizeof(double));

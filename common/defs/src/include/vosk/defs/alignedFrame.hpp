@@ -1,7 +1,7 @@
 #pragma once
 
 // The pixel container: raw frames, cleaned frames, calibration data and index tables. Its storage starts on a
-// 32-byte boundary, so that a row of it can be taken by vector loads.
+// 32-byte boundary, like every frame buffer of the system.
 
 #include <boost/align/aligned_allocator.hpp>
 
