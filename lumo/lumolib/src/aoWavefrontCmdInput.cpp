@@ -41,9 +41,10 @@ void CheckForm(const pktwire::lspx::Receiver::Config& config, const std::string&
         refuse(".leader_extended_info_size must be 4");
 }
 
-// 0 is no time, and one far ahead would keep AoTasks, M4Output and the AO output waiting for it.
+// 0 is no time, which means at once. One far ahead would keep AoTasks, M4Output and the AO output waiting for
+// it.
 bool IsUsable(time_point command_time, time_point receive_time) {
-    return command_time > time_point{} && command_time <= receive_time + MAX_TIME_AHEAD;
+    return command_time >= time_point{} && command_time <= receive_time + MAX_TIME_AHEAD;
 }
 
 bool IsValid(const defs::AoWavefrontCmdStream::ExtInfo::Header& header) {

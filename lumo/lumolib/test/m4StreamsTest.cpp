@@ -346,9 +346,9 @@ TEST_F(CommandInput, UnusableCommandsCountAsInvalidOnes) {
         {SIZE, 5, 0, true, START + std::chrono::seconds{1} + nanoseconds{1}, time},
         {SIZE, 6, 0, true, START + std::chrono::seconds{1}, ""},
         {SIZE, 7, 0, true, AtomClk::time_point::min(), time},
-        {SIZE, 8, 0, true, epoch, time},  // stands for no time
-        {SIZE, 9, 0, false, epoch, ""},
-        {SIZE, 10, 0, true, epoch + nanoseconds{1}, ""},
+        {SIZE, 8, 0, true, epoch - nanoseconds{1}, time},
+        {SIZE, 9, 0, false, epoch - nanoseconds{1}, ""},
+        {SIZE, 10, 0, true, epoch, ""},  // stands for no time
     };
     unsigned id = 0;
     for (const Case& test : cases) {
@@ -366,7 +366,7 @@ TEST_F(CommandInput, UnusableCommandsCountAsInvalidOnes) {
         const InsCmdData stored = m_ins->GetData();
         EXPECT_EQ(stored.command[0] == test.first, test.keeps_pair);
         // Nobody downstream waits for a time that is none.
-        const bool has_time = test.time > epoch && test.time <= START + std::chrono::seconds{1};
+        const bool has_time = test.time >= epoch && test.time <= START + std::chrono::seconds{1};
         EXPECT_TRUE(m_output->IsDataReady());
         EXPECT_EQ(m_output->GetData().command_time, has_time ? test.time : START);
         if (test.keeps_pair) {
