@@ -23,7 +23,7 @@ using Sample = lumo::MsOutputSample;
 using Accessor = DefaultDataAccessor<Sample, float>;
 
 constexpr int BATCHES = 2'000;
-constexpr int BATCH = 1'000;  // inputs timed at once
+constexpr std::size_t BATCH = 1'000;  // inputs timed at once
 
 constexpr std::array<double, 4> A{1.2, -0.5, 0.9, 0.1};
 constexpr std::array<double, 2> B{0.3, -0.2};
@@ -187,10 +187,9 @@ class Inputs {
 public:
     const std::vector<Sample>& Next() {
         const auto now = AtomClk::now();
-        for (int i = 0; i < BATCH; ++i) {
+        for (std::size_t i = 0; i < BATCH; ++i) {
             const auto phase = static_cast<float>(++m_id);
-            m_batch[static_cast<std::size_t>(i)] = {
-                now + 1ms * i, m_id, {std::sin(0.37F * phase), 100.0F + std::cos(0.11F * phase)}};
+            m_batch[i] = {now + 1ms * i, m_id, {std::sin(0.37F * phase), 100.0F + std::cos(0.11F * phase)}};
         }
         return m_batch;
     }
@@ -210,7 +209,7 @@ double HandOverNs(AnyResampler& resampler, const std::vector<Sample>& inputs, st
                    while (resampler.HasSamples()) outputs.push_back(resampler.GetSample().value());
                }
            }) *
-           1000.0 / BATCH;
+           1000.0 / static_cast<double>(BATCH);
 }
 
 // But for the rounding of values.
