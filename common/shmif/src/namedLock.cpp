@@ -63,6 +63,12 @@ bool Lock(const FileDescriptor& file) noexcept {
     return true;
 }
 
+// For a process forked meanwhile as well, which has the file open, too.
+void Unlock(const FileDescriptor& file) noexcept {
+    auto unlock = WholeFile(F_UNLCK);
+    ::fcntl(file.Get(), F_OFD_SETLK, &unlock);
+}
+
 }  // namespace
 
 NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit)
@@ -99,7 +105,11 @@ std::optional<NamedLock> NamedLock::TryTake(const char* name) noexcept {
     Semaphore semaphore = OpenSemaphore(name);
     if (!semaphore) return std::nullopt;
     FileDescriptor file = OpenFileOf(name);
-    if (!file.IsOpen() || !TryLock(file) || ::sem_trywait(semaphore.get()) != 0) return std::nullopt;
+    if (!file.IsOpen() || !TryLock(file)) return std::nullopt;
+    if (::sem_trywait(semaphore.get()) != 0) {
+        Unlock(file);
+        return std::nullopt;
+    }
     return NamedLock{std::move(semaphore), std::move(file)};
 }
 
@@ -107,8 +117,7 @@ std::optional<NamedLock> NamedLock::TryTake(const char* name) noexcept {
 NamedLock::~NamedLock() {
     if (!m_semaphore) return;
     GiveBack(m_semaphore.get());
-    auto unlock = WholeFile(F_UNLCK);  // for a process forked meanwhile as well, which has the file open, too
-    ::fcntl(m_file.Get(), F_OFD_SETLK, &unlock);
+    Unlock(m_file);
 }
 
 }  // namespace vosk::common::shmif

@@ -11,6 +11,7 @@
 #include <array>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/permissions.hpp>
+#include <cerrno>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -29,14 +30,17 @@ constexpr std::chrono::seconds COMPLETION_LIMIT{1};
 constexpr std::chrono::milliseconds COMPLETION_POLL{1};
 // A lock held for longer was left by a process that is gone: to move one message takes microseconds.
 constexpr std::chrono::milliseconds HOLDER_LIMIT{500};
+constexpr int REFUSALS_TO_REPLACE = 3;
+// Between two looks at a lock that was taken: the millisecond is not paid for each message of a burst.
+constexpr std::chrono::milliseconds REFUSED_PAUSE{100};
 
-// A name taken by somebody else in the meantime is an exception.
-std::unique_ptr<bip::message_queue> OpenOrCreate(const std::string& name, std::size_t size) {
+// Unless somebody else has taken the name in the meantime.
+void Create(const std::string& name, std::size_t size) {
     try {
-        return std::make_unique<bip::message_queue>(bip::open_only, name.c_str());
-    } catch (const bip::interprocess_exception&) {  // there is none
-        return std::make_unique<bip::message_queue>(bip::create_only, name.c_str(), MAX_MESSAGES, size,
-                                                    bip::permissions{QUEUE_PERMISSIONS});
+        const bip::message_queue created{bip::create_only, name.c_str(), MAX_MESSAGES, size,
+                                         bip::permissions{QUEUE_PERMISSIONS}};
+    } catch (const bip::interprocess_exception& error) {
+        if (error.get_error_code() != bip::already_exists_error) throw;
     }
 }
 
@@ -53,9 +57,10 @@ std::uint64_t InodeOf(const std::string& name) noexcept {
     return InodeOf(OpenToLook(name));
 }
 
-// Not what somebody else has put under the name since.
-void RemoveIfStill(std::uint64_t inode, const std::string& name) noexcept {
+// Not what somebody else has put under the name since. False if the name can't be taken away.
+bool RemoveIfStill(std::uint64_t inode, const std::string& name) noexcept {
     if (InodeOf(name) == inode) bip::message_queue::remove(name.c_str());
+    return InodeOf(name) != inode;
 }
 
 // Whether the creator of what has the name has yet to complete it. The first word of a queue says how far it
@@ -83,14 +88,23 @@ void ShmBaseBoost::CreateOrOpenBoost(const std::string& prefix, const std::strin
     m_valid = true;
 }
 
-// Opening a queue waits without limit for its creator to complete it: only one that is complete is opened. A
-// name that changes hands meanwhile is looked at again, so that the inode is that of the queue.
+// Opening a queue waits without limit for its creator to complete it: only one that was seen complete is
+// opened, one made here as well. A name that changes hands meanwhile is looked at again, so that the inode is
+// that of the queue.
 bool ShmBaseBoost::TryOpen(Clock::time_point now) {
     for (;;) {
         const FileDescriptor file = OpenToLook(m_name);
+        if (!file.IsOpen()) {
+            if (errno != ENOENT) throw bip::interprocess_exception{bip::error_info{errno}};
+            Create(m_name, m_data_size);
+            continue;
+        }
         const std::uint64_t inode = InodeOf(file);
-        if (file.IsOpen() && IsUnfinished(file) && !RemoveUnfinished(inode, now)) return false;
-        auto queue = OpenOrCreate(m_name, m_data_size);
+        if (IsUnfinished(file)) {
+            if (!RemoveUnfinished(inode, now)) return false;
+            continue;
+        }
+        auto queue = std::make_unique<bip::message_queue>(bip::open_only, m_name.c_str());
         if (InodeOf(m_name) != inode) continue;
         m_queue = std::move(queue);
         m_inode = inode;
@@ -110,8 +124,11 @@ bool ShmBaseBoost::RemoveUnfinished(std::uint64_t inode, Clock::time_point now) 
         m_unfinished_since = now;
     }
     if (now - m_unfinished_since < COMPLETION_LIMIT) return false;
+    if (!RemoveIfStill(inode, m_name)) {
+        throw bip::interprocess_exception{bip::error_info{bip::security_error},
+                                          "The queue is unfinished and can't be removed"};
+    }
     LogWarn("Queue {} was left unfinished by its creator and is made anew.", m_name);
-    RemoveIfStill(inode, m_name);
     return true;
 }
 
@@ -140,6 +157,7 @@ ShmWriterBoost::ShmWriterBoost(ShmIf& shm, const std::string& topic) {
 }
 
 void ShmWriterBoost::TrySend(const void* data) try {
+    if (m_refused_since && Clock::now() < m_next_try) return;
     const bool had_room = m_queue->try_send(data, m_data_size, PRIORITY);
     m_refused_since.reset();
     if (!had_room) Follow(Clock::now());
@@ -151,8 +169,14 @@ void ShmWriterBoost::TrySend(const void* data) try {
 }
 
 void ShmWriterBoost::NoteRefusal(Clock::time_point now) {
-    if (!m_refused_since) m_refused_since = now;
-    if (now - *m_refused_since >= HOLDER_LIMIT && Replace(now)) m_refused_since.reset();
+    if (!m_refused_since) {
+        m_refused_since = now;
+        m_refusals = 0;
+    }
+    ++m_refusals;
+    m_next_try = now + REFUSED_PAUSE;
+    if (m_refusals < REFUSALS_TO_REPLACE || now - *m_refused_since < HOLDER_LIMIT) return;
+    if (Replace(now)) m_refused_since.reset();
 }
 
 }  // namespace vosk::common::shmif

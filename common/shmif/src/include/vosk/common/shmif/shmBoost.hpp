@@ -66,14 +66,17 @@ public:
     ShmWriterBoost(ShmIf& shm, const std::string& topic);
 
     // Sends one message of the topic's size; a full queue drops it, and one whose lock is not to be had
-    // within a millisecond. A lock that stayed taken over 500 ms of such sends was left by a killed process,
-    // and the queue is replaced. Throws std::runtime_error if the queue refuses.
+    // within a millisecond, as are all messages of the next 100 ms then. A lock that was taken at three such
+    // looks or more, over 500 ms, was left by a killed process, and the queue is replaced. Throws
+    // std::runtime_error if the queue refuses.
     void TrySend(const void* data);
 
 private:
     void NoteRefusal(Clock::time_point now);
 
     std::optional<Clock::time_point> m_refused_since;  // the first send in a row that was refused the lock
+    int m_refusals = 0;                                // of that row
+    Clock::time_point m_next_try{};                    // no message goes out in a row of refusals before
 };
 
 }  // namespace vosk::common::shmif

@@ -65,8 +65,8 @@ public:
 
     // A line fills one message from its start, the rest zero. A line that is too long is dropped with a WARN,
     // and one for which the queue has no room is dropped without. A queue that can't be used drops it too,
-    // with one WARN until a line gets through again. Waits a millisecond at most, and only while somebody
-    // holds the queue's lock.
+    // with one WARN until a line gets through again. Waits a millisecond at most, once in 100, and only while
+    // somebody holds the queue's lock.
     void Send(const std::string& line) override;
 
 private:
