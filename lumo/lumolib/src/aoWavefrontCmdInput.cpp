@@ -6,6 +6,7 @@
 #include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 
+#include <algorithm>
 #include <span>
 
 namespace vosk::lumo {
@@ -100,7 +101,8 @@ void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPack
         }
     }
 
-    if (HoldsPair(leader, buffers)) m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
+    KeepPair(leader, buffers);
+    m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
     m_output_sync->SetData(AoWavefrontCmdTimestamps{command_time, receive_time}, id, atomclk::AtomClk::now());
     const bool valid = IsValid(buffers.header);
     if (valid) {
@@ -122,10 +124,14 @@ const char* AoWavefrontCmdInput::FaultOf(const LeaderPacket& leader, const Buffe
     return nullptr;
 }
 
-// The two values that are kept whatever the mode and the valid bit.
-bool AoWavefrontCmdInput::HoldsPair(const LeaderPacket& leader, const Buffers& buffers) {
-    return leader.NumUnits() == buffers.payload.command.size() &&
-           common::math::AllFinite(std::span{buffers.payload.command}.first<defs::TIP_TILT_SIZE>());
+// The first pair is stored whatever the mode and the valid bit: where there is none, the last one stays.
+void AoWavefrontCmdInput::KeepPair(const LeaderPacket& leader, Buffers& buffers) {
+    const auto pair = std::span{buffers.payload.command}.first<defs::TIP_TILT_SIZE>();
+    if (leader.NumUnits() == buffers.payload.command.size() && common::math::AllFinite(pair)) {
+        std::ranges::copy(pair, m_last_pair.begin());
+    } else {
+        std::ranges::copy(m_last_pair, pair.begin());
+    }
 }
 
 }  // namespace vosk::lumo

@@ -80,10 +80,11 @@ bool M4Output::RunCycle() {
 // The bytes are swapped here, ahead of the wait, so that little is left to do when the moment has come.
 std::optional<M4Output::Setpoint> M4Output::TakeSetpoint() {
     const std::shared_lock lock{m_sync->GetMutex()};
-    if (!m_sync->IsNewData()) {
+    if (!m_sync->IsNewData() && m_sync->GetSampleId() == m_taken_id) {
         m_sync->ClearDataReady();
         return {};
     }
+    m_taken_id = m_sync->GetSampleId();
     const M4SetpointData& data = m_sync->GetDataRef();
     const Setpoint setpoint{m_sync->GetSampleId(), data.send_time};
     defs::ToWireOrder(data.setpoint, m_wire.setpoint);

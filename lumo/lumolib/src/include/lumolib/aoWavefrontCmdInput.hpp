@@ -9,6 +9,7 @@
 #include <lumolib/lumoThread.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 
+#include <array>
 #include <future>
 #include <memory>
 #include <oru/configng/pliConfig.hpp>
@@ -39,12 +40,13 @@ private:
     void OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, Buffers& buffers,
                   time_point receive_time);
     static const char* FaultOf(const LeaderPacket& leader, const Buffers& buffers);
-    static bool HoldsPair(const LeaderPacket& leader, const Buffers& buffers);
+    void KeepPair(const LeaderPacket& leader, Buffers& buffers);
 
     const std::shared_ptr<AoTasksInsDataSync> m_ins_sync;
     const std::shared_ptr<AoOutputDataSync> m_output_sync;
     const std::shared_ptr<StatisticsBuffered> m_statistics;
     const std::shared_ptr<InputStreamState> m_stream_state;
+    std::array<float, defs::TIP_TILT_SIZE> m_last_pair{};  // worker thread only
 };
 
 }  // namespace vosk::lumo

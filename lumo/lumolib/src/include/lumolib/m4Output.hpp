@@ -58,6 +58,7 @@ private:
     common::telegraf::SHMTelemSender m_telem;
     StatisticsDuration m_send_period;
     time_point m_last_send{};
+    std::optional<defs::sample_id_t> m_taken_id;  // of the setpoint taken last
 
     const std::shared_ptr<StatisticsBuffered> m_statistics;
     const std::shared_ptr<OutputStreamState> m_stream_state;
