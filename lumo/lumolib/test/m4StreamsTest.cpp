@@ -123,13 +123,25 @@ TEST_F(M4OutputTest, DropsASetpointOneNanosecondTooLate) {
                         "passed, diff = +50 us, no data will be sent!"));
     m_output.Send(START - microseconds{50}, 2);
     m_output.Send({}, 3);  // no send time: at once, with the present time
-    // A writer that notifies only after its setpoint was taken.
-    common::WaitSynchronizerFlagBase& flag = *Get<M4OutputDataSync>(false);
-    flag.SetDataReady();
-    EXPECT_TRUE(m_output.RunCycle());
-    EXPECT_FALSE(flag.IsDataReady());
     EXPECT_EQ(Sent(), 2U);
     EXPECT_EQ(AtomClk::time_point{Header(3).timestamp}, START);
+}
+
+// The writer notifies when it has given the lock back, and much can happen before.
+TEST_F(M4OutputTest, SendsASetpointOnceWheneverItsNotificationComes) {
+    M4OutputDataSync& sync = *Get<M4OutputDataSync>(false);
+    common::WaitSynchronizerFlagBase& flag = sync;
+    m_output.Send({}, 1);
+    flag.SetDataReady();  // of the setpoint that was just taken
+    EXPECT_TRUE(m_output.RunCycle());
+    EXPECT_FALSE(flag.IsDataReady());
+    EXPECT_EQ(Sent(), 1U);
+
+    sync.SetData(std::array<float, M4_CMD_SIZE>{}, AtomClk::time_point{}, 2U, AtomClk::now());
+    sync.ClearDataReady();  // by the cycle before, which was late
+    flag.SetDataReady();
+    EXPECT_TRUE(m_output.RunCycle());
+    EXPECT_EQ(Sent(), 2U);
 }
 
 TEST_F(M4OutputTest, AnErrorOnASegmentEndsTheSampleButNotTheStreamAndAnAbsentMirrorIsNone) {
