@@ -162,6 +162,7 @@ std::string Host::Status() {
                         .record = RuntimeMonitor::GetStateData().GetTopicData(),
                         .threads_ended = {m_threads_ended.begin(), m_threads_ended.end()},
                         .streams = {},
+                        .counts = lumo::Read(*RuntimeMonitor::GetInstance().m_command_counts),
                         .commands = performance.GetDataTopic(),
                         .wavefront = performance.GetWavefrontMetricData(),
                         .field_stabilisation = performance.GetFSTelemetryData(),

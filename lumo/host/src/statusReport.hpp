@@ -4,6 +4,7 @@
 
 #include "eventList.hpp"
 
+#include <lumolib/commandCounts.hpp>
 #include <lumolib/performanceData.hpp>
 #include <lumolib/stateData.hpp>
 #include <lumolib/streamState.hpp>
@@ -22,6 +23,7 @@ struct Status {
     lumo::StateTopic record;                 // of which mode and source are in `control` already
     std::vector<std::string> threads_ended;  // names of the threads that ended by themselves
     std::vector<lumo::StreamTopic> streams;
+    lumo::CommandFigures counts{};
     lumo::PerformanceTopic commands;
     lumo::WavefrontMetricData wavefront;
     lumo::FSTelemetryData field_stabilisation;

@@ -24,7 +24,9 @@ std::shared_ptr<T> Append(std::vector<std::shared_ptr<Base>>& list, Id id) {
 }  // namespace
 
 RuntimeMonitor::RuntimeMonitor()
-    : m_performance_data(std::make_shared<PerformanceData>()), m_state_data(std::make_shared<StateData>()) {}
+    : m_performance_data(std::make_shared<PerformanceData>()),
+      m_state_data(std::make_shared<StateData>()),
+      m_command_counts(std::make_shared<CommandCounts>()) {}
 
 RuntimeMonitor& RuntimeMonitor::GetInstance() {
     static RuntimeMonitor instance;
@@ -35,6 +37,7 @@ RuntimeMonitor& RuntimeMonitor::CreateInstance(const gim::Config& /*config*/) {
     auto& self = GetInstance();
     self.m_performance_data = std::make_shared<PerformanceData>();
     self.m_state_data = std::make_shared<StateData>();
+    self.m_command_counts = std::make_shared<CommandCounts>();
     self.MakeStatistics();
     self.MakeStreamStates();
     self.Reset();
@@ -127,6 +130,7 @@ void RuntimeMonitor::EnableStatisticsOf(const std::string& name, const PliConfig
 void RuntimeMonitor::Reset() {
     for (const auto& state : m_stream_states) state->Reset();
     m_performance_data->Reset();
+    for (const auto& [name, count] : COMMAND_COUNTS) m_command_counts.get()->*count = 0;
 }
 
 PerformanceData& RuntimeMonitor::GetPerformanceData() {

@@ -58,7 +58,9 @@ TEST(RuntimeMonitor, ResetZeroesStreamsAndPerformanceAndSparesControlState) {
                                                   true);
     RuntimeMonitor::GetPerformanceData().SetCentroidError(1, 2);
     RuntimeMonitor::GetStateData().SetPrimaryGP(2);
+    monitor.m_command_counts->clock_steps = 3;
     monitor.Reset();
+    EXPECT_EQ(monitor.m_command_counts->clock_steps, 0U);
     EXPECT_EQ(monitor.m_ms_output_state->GetTopicData().sample_count, 0U);
     EXPECT_EQ(RuntimeMonitor::GetPerformanceData().GetDataTopic().gp_cmd_time[2], At(0));
     EXPECT_FALSE(RuntimeMonitor::GetPerformanceData().GetDataTopic().gp_cmd_valid);

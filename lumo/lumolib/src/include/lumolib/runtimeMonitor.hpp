@@ -5,6 +5,7 @@
 // constructors, which run after CreateInstance. The objects outlive the threads, so that the last figures
 // stay readable.
 
+#include <lumolib/commandCounts.hpp>
 #include <lumolib/performanceData.hpp>
 #include <lumolib/stateData.hpp>
 #include <lumolib/statistics.hpp>
@@ -25,7 +26,7 @@ public:
     RuntimeMonitor(const RuntimeMonitor&) = delete;
     RuntimeMonitor& operator=(const RuntimeMonitor&) = delete;
 
-    // Until CreateInstance it holds the performance and state data, and no streams.
+    // Until CreateInstance it holds the performance and state data and the counts, and no streams.
     static RuntimeMonitor& GetInstance();
 
     // Set-up only, before any thread object exists: fresh objects for everything. The configuration isn't
@@ -44,12 +45,13 @@ public:
     static PerformanceData& GetPerformanceData();
     static StateData& GetStateData();
 
-    // Zeroes the stream states and the performance data, and leaves the statistics and the state data alone.
-    // Call while no worker runs.
+    // Zeroes the stream states, the performance data and the counts, and leaves the statistics and the state
+    // data alone. Call while no worker runs.
     void Reset();
 
     std::shared_ptr<PerformanceData> m_performance_data;
     std::shared_ptr<StateData> m_state_data;
+    std::shared_ptr<CommandCounts> m_command_counts;
 
     std::shared_ptr<Statistics> m_img_gp1_statistics;
     std::shared_ptr<Statistics> m_wfs_gp1_statistics;
