@@ -29,6 +29,15 @@ double Quotient(double dividend, double divisor) {
     return divisor == 0.0 ? std::numeric_limits<double>::infinity() : dividend / divisor;
 }
 
+// "Left is below right" for values known to within `error`: both where rounding decides.
+struct Comparison {
+    bool may_hold;
+    bool may_fail;
+};
+Comparison Compare(double left, double right, double error) {
+    return {left <= right + error, left > right - error};
+}
+
 }  // namespace
 
 ProjectionMatrix::ProjectionMatrix(ModalBasis basis) : m_basis(std::move(basis)) {
@@ -109,35 +118,53 @@ Limitations SaturationModel::LimitDelta(const Positions& command, const Position
     double step = 0.0;
     for (std::size_t i = 0; i < command.actuators.size(); ++i)
         step = std::max(step, std::abs(command.actuators[i] - applied.actuators[i]));
-    const double velocity_factor = std::min(Quotient(m_velocity, step), 1.0);
-    double next = 0.0;
-    for (std::size_t i = 0; i < command.actuators.size(); ++i) {
-        const double delta = command.actuators[i] - applied.actuators[i];
-        next = std::max(next, std::abs(applied.actuators[i] + velocity_factor * delta));
-    }
+    const auto largest_after = [&](double factor) {
+        double largest = 0.0;
+        for (std::size_t i = 0; i < command.actuators.size(); ++i) {
+            const double delta = command.actuators[i] - applied.actuators[i];
+            largest = std::max(largest, std::abs(applied.actuators[i] + factor * delta));
+        }
+        return largest;
+    };
 
     const double step_error = m_rounding * delta_length;
     const double position_error = m_rounding * applied.modal_length;
     const double relative = step > 0.0 ? step_error / step + 4.0 * SINGLE_ROUNDING : 0.0;
 
     Limitation by_velocity;
-    by_velocity.factor = velocity_factor;
-    by_velocity.velocity_limited = velocity_factor < 1.0;
+    by_velocity.factor = std::min(Quotient(m_velocity, step), 1.0);
+    by_velocity.velocity_limited = by_velocity.factor < 1.0;
     // A step well below the threshold is not scaled at all, and 1 is exact.
     const bool surely_unscaled = step + step_error < m_velocity;
-    by_velocity.tolerance = surely_unscaled ? 0.0 : velocity_factor * relative;
+    by_velocity.tolerance = surely_unscaled ? 0.0 : by_velocity.factor * relative;
 
+    const bool has_quotient = by_velocity.factor * step > 0.0;
     Limitation by_gap;
-    by_gap.factor = step > 0.0 ? (m_gap - position) / step : velocity_factor;
     by_gap.velocity_limited = by_velocity.velocity_limited;
     by_gap.gap_limited = true;
+    by_gap.factor = has_quotient ? (m_gap - position) / step : 0.0;
     by_gap.tolerance = std::abs(by_gap.factor) * relative +
-                       (step > 0.0 ? (position_error + SINGLE_ROUNDING * (m_gap + position)) / step : 0.0);
+                       (has_quotient ? (position_error + SINGLE_ROUNDING * (m_gap + position)) / step : 0.0);
 
-    const double next_error = position_error + velocity_factor * step_error + 4.0 * SINGLE_ROUNDING * next;
+    Limitation held;
+    held.factor = 0.0;
+    held.gap_limited = true;
+
+    const double next = largest_after(by_velocity.factor);
+    const double back = largest_after(by_gap.factor);
+    const double next_error = position_error + by_velocity.factor * step_error + 4.0 * SINGLE_ROUNDING * next;
+    const double back_error = position_error + by_gap.tolerance * step + 4.0 * SINGLE_ROUNDING * back;
+    const Comparison fits = Compare(next, m_gap, next_error);
+    const Comparison outside = Compare(m_gap, position, position_error);
+    const Comparison inward = Compare(next, position, next_error + position_error);
+    const Comparison returns = Compare(back, position, back_error + position_error);
+
+    const bool may_turn = fits.may_fail && outside.may_hold && inward.may_fail;
     Limitations result;
-    if (next > m_gap - next_error) result.Add(by_gap);
-    if (next <= m_gap + next_error) result.Add(by_velocity);
+    if ((fits.may_fail && outside.may_fail) || (may_turn && has_quotient && returns.may_hold))
+        result.Add(by_gap);
+    if (fits.may_hold || (outside.may_hold && inward.may_hold)) result.Add(by_velocity);
+    if (may_turn && (!has_quotient || returns.may_fail)) result.Add(held);
     return result;
 }
 

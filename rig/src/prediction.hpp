@@ -60,9 +60,9 @@ struct Limitation {
     bool gap_limited = false;
 };
 
-// One limitation, or two where a threshold is met so closely that rounding decides.
+// One limitation, or several where values to compare lie so close together that rounding decides.
 struct Limitations {
-    std::array<Limitation, 2> values{};
+    std::array<Limitation, 3> values{};
     std::size_t count = 0;
 
     void Add(const Limitation& value) { values[count++] = value; }

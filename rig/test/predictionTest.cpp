@@ -2,6 +2,8 @@
 
 #include <vosk/test/support.hpp>
 
+#include <random>
+
 namespace vosk::rig {
 namespace {
 
@@ -81,6 +83,22 @@ TEST(SaturationModel, GivesTheFactorsWorkedOutOnPaper) {
          false,
          true},
         {"at 12 a step of 4 outwards: back to 10", DELTA, {20, 10}, {0, 8}, {0, 6}, -0.5, false, true},
+        {"at 14 a step of 14 inwards: as fast as 2 allows",
+         DELTA,
+         {2, 10},
+         {0, 0},
+         {0, 7},
+         1.0 / 7,
+         true,
+         false},
+        {"at 12 and 12 a step of 4 out and 4 in: neither way is smaller",
+         DELTA,
+         {20, 10},
+         {16, 4},
+         {12, 6},
+         0.0,
+         false,
+         true},
         {"commanded 20, gap 10", ABSOLUTE, {100, 10}, {2, 10}, {0, 0}, 0.5, false, true},
         {"a step of 20, limit 5, counts more", ABSOLUTE, {5, 10}, {2, 10}, {0, 0}, 0.25, true, false},
         {"commanded nowhere", ABSOLUTE, {5, 10}, {0, 0}, {0, 0}, 1.0, false, false}};
@@ -93,6 +111,34 @@ TEST(SaturationModel, GivesTheFactorsWorkedOutOnPaper) {
     }
     EXPECT_EQ(Limit({10, 100}, DELTA, {3, 1}, {1, 0.5}).values[0].tolerance, 0.0);
     EXPECT_EQ(Limit({20, 10}, DELTA, {0, 5}, {0, 1}).count, 2U);  // on the very edge of the gap either goes
+}
+
+// Whatever the command, a mirror that applies each setpoint never moves beyond where it is or the gap.
+TEST(SaturationModel, LeadsNoMirrorFurtherOutThanItIsBeyondTheGap) {
+    std::mt19937_64 dice(5);
+    std::normal_distribution<float> value(0.0F, 8.0F);
+    for (int matrix = 0; matrix < 20; ++matrix) {
+        ModalBasis basis{3, std::vector<float>(defs::M4_CMD_SIZE * 3, 0.0F)};
+        for (std::size_t entry = 0; entry < 15; ++entry) basis.matrix[entry] = value(dice);
+        const ProjectionMatrix projection(basis);
+        const SaturationModel model({10, 50}, true, 3, projection.Rounding());
+        const auto largest = [&](const std::vector<float>& modes) {
+            double result = 0.0;
+            for (double position : projection.Project(modes).actuators)
+                result = std::max(result, std::abs(position));
+            return result;
+        };
+        std::vector<float> applied{value(dice), value(dice), value(dice)};
+        for (int cycle = 0; cycle < 20; ++cycle) {
+            const std::vector<float> command{value(dice), value(dice), value(dice)};
+            const double bound = std::max(largest(applied), 50.0) * (1.0 + 1e-5);
+            const auto limits = model.Limit(projection.Project(command), projection.Project(applied),
+                                            DistanceOf(command, applied));
+            for (std::size_t i = 0; i < 3; ++i)
+                applied[i] += static_cast<float>(limits.values[0].factor) * (command[i] - applied[i]);
+            ASSERT_LE(largest(applied), bound);
+        }
+    }
 }
 
 TEST(SaturationModel, MatchesWithinRoundingOnly) {
