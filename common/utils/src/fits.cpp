@@ -9,6 +9,8 @@
 #include <limits>
 #include <system_error>
 
+#include "firstBlock.hpp"
+
 namespace vosk::common {
 
 namespace {
@@ -47,10 +49,11 @@ Fits::Handle MakeHandle(bool read_only, const std::optional<std::string>& extens
     return {handle.release(), &Close};
 }
 
-// Opens an existing file, on its table of that name if there is one, and gives cfitsio's status.
-int Open(Fits::HandleType& handle, const std::string& name, int mode, std::string table) {
+// Opens an existing file, on its table of that name if there is one, and gives cfitsio's status. The path is
+// taken as it stands: cfitsio's own syntax ("file[1]", "!file") has no meaning in it.
+int Open(Fits::HandleType& handle, const std::string& path, int mode, std::string table) {
     int status = 0;
-    ffopen(&handle.fptr, name.c_str(), mode, &status);
+    ffdkopn(&handle.fptr, path.c_str(), mode, &status);
     if (status == 0 && !table.empty()) {
         int missing = 0;
         ffmnhd(handle.fptr, BINARY_TBL, table.data(), 1, &missing);
@@ -106,16 +109,27 @@ int CheckLength(fitsfile* file) {
     return END_OF_FILE;
 }
 
-int OpenToRead(Fits::HandleType& handle, const std::string& name, const std::string& table) {
-    const int status = Open(handle, name, READONLY, table);
+int OpenToRead(Fits::HandleType& handle, const std::string& path, const std::string& table) {
+    if (const std::string fault = FaultOfFile(path); !fault.empty()) {
+        ffpmsg(fault.c_str());
+        return FILE_NOT_OPENED;
+    }
+    const int status = Open(handle, path, READONLY, table);
+    return status == 0 ? CheckLength(handle.fptr) : status;
+}
+
+int MoveToExtension(Fits::HandleType& handle) {
+    int status = 0;
+    ffmnhd(handle.fptr, ANY_HDU, handle.extension.data(), 0, &status);
+    ffghdt(handle.fptr, &handle.hdu_type, &status);
     return status == 0 ? CheckLength(handle.fptr) : status;
 }
 
 // Checks the length by reading first: once open for writing, a short file would be filled up at its end.
-int OpenToWrite(Fits::HandleType& handle, const std::string& name) {
+int OpenToWrite(Fits::HandleType& handle, const std::string& path) {
     // Closed before the file is opened again: cfitsio shares what is open, with its mode.
-    const int status = OpenToRead(*MakeHandle(true, {}), name, handle.extension);
-    return status == 0 ? Open(handle, name, READWRITE, handle.extension) : status;
+    const int status = OpenToRead(*MakeHandle(true, {}), path, handle.extension);
+    return status == 0 ? Open(handle, path, READWRITE, handle.extension) : status;
 }
 
 void RequireWritable(const Fits::Handle& handle) {
@@ -130,6 +144,19 @@ void RequireBitpix(int expected, int actual) {
     if (actual == expected) return;
     throw std::invalid_argument("Fits: File has wrong image type, expected: " + std::to_string(expected) +
                                 " , acctual: " + std::to_string(actual));
+}
+
+// Other tools write unsigned 16-bit values with a BZERO of 32768. Any other scaling would be rounded to
+// integers.
+int DatatypeToRead(const Fits::Handle& handle, int datatype) {
+    if (datatype != TSHORT) return datatype;
+    int type = SHORT_IMG;
+    int status = 0;
+    ffgiet(handle->fptr, &type, &status);
+    ThrowOnStatus(status, "Fits: Error reading image: ");
+    if (type == USHORT_IMG) return TUSHORT;
+    if (type == SHORT_IMG) return TSHORT;
+    throw std::runtime_error("Fits: Error reading image: its values are scaled, other than by BZERO 32768");
 }
 
 void RequireDims(const std::vector<std::size_t>& expected, const std::vector<std::size_t>& actual) {
@@ -154,8 +181,8 @@ std::string ColumnText(const std::string& name) {
 
 Fits::Handle Fits::FitsFile(const std::string& path, const std::optional<std::string>& extension) {
     Handle handle = MakeHandle(true, extension);
-    const std::string name = extension ? path + "[" + *extension + "]" : path;
-    const int status = OpenToRead(*handle, name, {});
+    int status = OpenToRead(*handle, path, {});
+    if (status == 0 && !handle->extension.empty()) status = MoveToExtension(*handle);
     if (status != 0 || handle->fptr == nullptr) {
         throw std::runtime_error("Fits: Could not open " + path + ", details: " + ReadStatus(status));
     }
@@ -188,6 +215,22 @@ Fits::Handle Fits::FitsFileWrite(const std::string& path, bool overwrite,
     return handle;
 }
 
+std::vector<std::string> Fits::FindDoubts(const Handle& handle) {
+    std::vector<std::string> doubts;
+    int status = 0;
+    int is_simple = 1;
+    if (handle->hdu_type == IMAGE_HDU && handle->extension.empty())
+        ffgkyl(handle->fptr, "SIMPLE", &is_simple, nullptr, &status);
+    if (is_simple == 0) doubts.emplace_back("SIMPLE is F");
+    int data_sum = 0;
+    int checksum = 0;
+    ffvcks(handle->fptr, &data_sum, &checksum, &status);
+    ThrowOnStatus(status, "Fits: Error reading checksums: ");
+    if (data_sum == -1) doubts.emplace_back("DATASUM is wrong");
+    if (checksum == -1) doubts.emplace_back("CHECKSUM is wrong");
+    return doubts;
+}
+
 std::pair<std::vector<std::size_t>, int> Fits::ReadImgParams(const Handle& handle) {
     RequireImg(handle);
     int status = 0;
@@ -217,6 +260,7 @@ void Fits::ReadImgPriv(const Handle& handle, void* buffer, std::size_t size, int
     const std::size_t count = Product(sizes);
     if (size < count) ThrowBufferTooSmall(count, size);
     if (dims) RequireDims(*dims, sizes);
+    datatype = DatatypeToRead(handle, datatype);
     int status = 0;
     ffgpv(handle->fptr, datatype, 1, static_cast<LONGLONG>(count), nullptr, buffer, nullptr, &status);
     ThrowOnStatus(status, "Fits: Error reading image: ");
@@ -234,6 +278,7 @@ void Fits::ReadImgSlicePriv(const Handle& handle, void* buffer, std::size_t size
     std::array<long, 3> first{1, 1, plane};
     std::array<long, 3> last{static_cast<long>(sizes[0]), static_cast<long>(sizes[1]), plane};
     std::array<long, 3> step{1, 1, 1};
+    datatype = DatatypeToRead(handle, datatype);
     int status = 0;
     ffgsv(handle->fptr, datatype, first.data(), last.data(), step.data(), nullptr, buffer, nullptr, &status);
     ThrowOnStatus(status, "Fits: Error reading image slice: ");

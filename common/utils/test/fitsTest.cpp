@@ -1,6 +1,7 @@
 #include <vosk/common/fits.hpp>
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -209,6 +210,48 @@ TEST_F(FitsFiles, ShorterThanTheirHeaderAreRefused) {
         EXPECT_THAT(TextOf<std::runtime_error>([&] { Fits::FitsFileWrite(Path("image.fits"), false); }),
                     StartsWith("Fits: Could not open/create"));
         EXPECT_EQ(log.Texts("exists and can't be opened: " + reason).size(), 1U);
+    }
+}
+
+// A pipe would be waited for without end, more than 99 axes overrun the tables of cfitsio.
+TEST_F(FitsFiles, ThatCfitsioCannotSurviveAreRefused) {
+    const auto refusal = [this](const std::string& name) {
+        return TextOf<std::runtime_error>([&] { Fits::FitsFile(Path(name)); });
+    };
+    ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
+    EXPECT_THAT(refusal("pipe"), EndsWith("could not open the named file, no regular file"));
+    EXPECT_THAT(refusal("."), EndsWith("no regular file"));
+    for (const char* axes : {"100", "999", "-1", "99.9E1", "many"}) {
+        std::string cards = fmt::format("{:80}{:80}{:80}", "SIMPLE  =                    T",
+                                        "BITPIX  =                    8", std::string{"NAXIS   = "} + axes);
+        for (int i = 1; i <= 999; ++i) cards += fmt::format("NAXIS{:<3}={:>21}{:50}", i, 1, "");
+        m_directory.Put("axes.fits", fmt::format("{:86400}", cards + "END"));
+        EXPECT_THAT(refusal("axes.fits"), EndsWith("its NAXIS is no number from 0 to 99"));
+        ASSERT_EQ(std::system(("gzip -f " + Path("axes.fits")).c_str()), 0);
+        EXPECT_THAT(refusal("axes.fits.gz"), EndsWith("its NAXIS is no number from 0 to 99"));
+    }
+}
+
+TEST_F(FitsFiles, AreNamedAsTheyStand) {
+    WriteImageAndTable();
+    std::filesystem::rename(Path("both.fits"), Path("both[1].fits[TAB]"));
+    EXPECT_EQ(Fits::ReadImg<float>(Fits::FitsFile(Path("both[1].fits[TAB]"))), Ramp(12));
+}
+
+TEST_F(FitsFiles, OfUnsignedCountsAreReadAsSuchAndNoOtherScaling) {
+    const auto read = [this](double zero, double scale) {
+        {
+            const auto file = Fits::FitsFileWrite(Path("image.fits"), true);
+            Fits::WriteImg<std::uint16_t>(file, std::vector<std::uint16_t>{0x8000, 0, 0x7fff}, {3});
+            Fits::WriteImgHeaderPriv(file, &zero, TDOUBLE, "BZERO", "");
+            Fits::WriteImgHeaderPriv(file, &scale, TDOUBLE, "BSCALE", "");
+        }
+        return Fits::ReadImg<std::uint16_t>(Fits::FitsFile(Path("image.fits")));
+    };
+    EXPECT_THAT(read(32768, 1), ElementsAre(0, 32768, 65535));
+    for (const auto& [zero, scale] : {std::pair{0.5, 1.0}, {100.0, 1.0}, {0.0, 0.5}, {32768.0, 0.5}}) {
+        EXPECT_THAT(TextOf<std::runtime_error>([&, z = zero, s = scale] { read(z, s); }),
+                    HasSubstr("are scaled"));
     }
 }
 

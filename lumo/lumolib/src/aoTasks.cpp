@@ -1,6 +1,5 @@
 #include <lumolib/aoTasks.hpp>
 
-#include <exception>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/utilities.hpp>
 #include <lumolib/voskHandoverManager.hpp>
@@ -9,8 +8,7 @@
 #include <shared_mutex>
 #include <stdexcept>
 #include <vector>
-#include <vosk/common/fileSystem.hpp>
-#include <vosk/common/fits.hpp>
+#include <vosk/common/calibrationFile.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
@@ -40,14 +38,7 @@ ao_tasks::CommandAssembly::Config AssemblyConfig(const AoTasks::Config& config) 
 }
 
 std::vector<float> LoadM2p(const AoTasks::Config& config) {
-    try {
-        const auto path = common::FileSystem::FindFileOrThrow(config.m2p_path, {});
-        const auto file = common::Fits::FitsFile(path, {});
-        return common::Fits::ReadImg<float>(
-            file, std::vector<std::size_t>{config.managed_modes, defs::M4_CMD_SIZE});
-    } catch (const std::exception& error) {
-        throw std::runtime_error(std::string{"ERR: Unable to load M2P FITS file: "} + error.what());
-    }
+    return common::LoadMatrix<float>(config.m2p_path, config.managed_modes, defs::M4_CMD_SIZE, "M2P");
 }
 
 ao_tasks::M4SaturationManagement::Config SaturationConfig(const AoTasks::Config& config) {

@@ -338,9 +338,7 @@ TEST_F(AoTasksTest, RefusesAMatrixThatIsNotThereOrOfAnotherShape) {
         return vosk::test::TextOf<std::runtime_error>([this] { AoTasks{test::CfgOf(Config("1 ms"))}; });
     };
     WriteM2p(std::vector<float>(3 * M4_CMD_SIZE), 3);
-    EXPECT_EQ(refusal(),
-              "ERR: Unable to load M2P FITS file: , Fits: Image size does not match for the 0th dimension, "
-              "expected: 2, acctual: 3");
+    EXPECT_THAT(refusal(), testing::HasSubstr("(wanted: NAXIS1 = 2, NAXIS2 = 5352; found: NAXIS1 = 3,"));
     std::filesystem::remove(m_m2p);
     EXPECT_TRUE(refusal().starts_with("ERR: Unable to load M2P FITS file: FileSystem: "));
 }

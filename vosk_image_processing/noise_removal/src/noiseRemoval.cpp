@@ -1,6 +1,5 @@
 #include <fmt/format.h>
-#include <vosk/common/fileSystem.hpp>
-#include <vosk/common/fits.hpp>
+#include <vosk/common/calibrationFile.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/image_processing/noiseRemoval.hpp>
 
@@ -15,7 +14,6 @@ namespace vosk::image_processing {
 
 namespace {
 
-using common::Fits;
 using defs::AlignedFrame;
 
 void RequireSize(const char* what, std::size_t actual, std::size_t expected) {
@@ -27,11 +25,10 @@ void RequireFrameSize(std::size_t actual, std::size_t expected) {
     RequireSize("RemoveNoise: unexpected frame size", actual, expected);
 }
 
-AlignedFrame<float> ReadImage(std::size_t width, std::size_t height, const std::string& path) {
-    using Traits = Fits::Traits<float>;
+AlignedFrame<float> ReadImage(std::size_t width, std::size_t height, const std::string& path,
+                              const char* what) {
     AlignedFrame<float> image(width * height);
-    const Fits::Handle file = Fits::FitsFile(common::FileSystem::FindFileOrThrow(path, {}));
-    Fits::ReadImgPriv(file, image.data(), image.size(), Traits::BITPIX, Traits::DATATYPE, {{width, height}});
+    common::LoadInto(image, path, {width, height}, what);
     return image;
 }
 
@@ -59,7 +56,8 @@ NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height,
 
 NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const std::string& dark_path,
                                    const std::string& flat_path)
-    : m_master_bias{ReadImage(width, height, dark_path)}, m_flat{ReadImage(width, height, flat_path)} {
+    : m_master_bias{ReadImage(width, height, dark_path, "dark")},
+      m_flat{ReadImage(width, height, flat_path, "flat")} {
     m_is_ordinary = IsOrdinary(m_master_bias, m_flat);
     ChooseInstructionSet();
 }

@@ -1,6 +1,5 @@
 #include <fmt/format.h>
-#include <vosk/common/fileSystem.hpp>
-#include <vosk/common/fits.hpp>
+#include <vosk/common/calibrationFile.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/image_processing/scrambling.hpp>
 
@@ -10,8 +9,6 @@
 namespace vosk::image_processing {
 
 namespace {
-
-using common::Fits;
 
 // Two vectors of the widest kind: for less, a piece of its own is not worth the turn.
 constexpr std::uint32_t SHORTEST_RUN = 16;
@@ -40,10 +37,7 @@ ScramblerBase::ScramblerBase(std::size_t width, std::size_t height, std::size_t 
       m_size{width * height},
       m_scrambled_size{scrambled_width * scrambled_height},
       m_scramble(m_size) {
-    const std::string found = common::FileSystem::FindFileOrThrow(path, {});
-    using Traits = Fits::Traits<std::uint32_t>;
-    Fits::ReadImgPriv(Fits::FitsFile(found), m_scramble.data(), m_size, Traits::BITPIX, Traits::DATATYPE,
-                      {{m_size}});
+    const std::string found = common::LoadInto(m_scramble, path, {m_size}, "descrambling table");
     CheckEntries(" for: " + found);
     FindPieces();
 }

@@ -76,13 +76,11 @@ TEST_F(ScramblerFile, IsReadAndCheckedLikeATableInMemory) {
 }
 
 TEST_F(ScramblerFile, IsRefusedIfMissingOrOfAnotherTypeOrShapeOrCutShort) {
-    EXPECT_THAT(Failure(), HasSubstr("not found, searched in"));
+    EXPECT_THAT(Failure(), HasSubstr("descrambling table FITS file: FileSystem: "));
     Write<float>(std::vector<float>(12), {12});
-    EXPECT_EQ(Failure(), "Fits: File has wrong image type, expected: 32 , acctual: -32");
+    EXPECT_THAT(Failure(), HasSubstr("Fits: File has wrong image type, expected: 32 , acctual: -32"));
     Write<std::uint32_t>(std::vector<std::uint32_t>(12), {4, 3});
-    EXPECT_EQ(Failure(), "Fits: Image dimansions do not match, expected: 1 dimensions, actual: 2 dimensions");
-    Write<std::uint32_t>(std::vector<std::uint32_t>(11), {11});
-    EXPECT_EQ(Failure(), "Fits: Image size does not match for the 0th dimension, expected: 12, acctual: 11");
+    EXPECT_THAT(Failure(), HasSubstr("(wanted: NAXIS1 = 12; found: NAXIS1 = 4, NAXIS2 = 3)"));
     Write<std::uint32_t>(std::vector<std::uint32_t>(12), {12});
     fs::resize_file(m_path, 2880 + 40);
     EXPECT_THAT(Failure(), HasSubstr("Fits: Could not open"));

@@ -47,12 +47,18 @@ public:
     struct Traits;
 
     // --- Opening -----------------------------------------------------------------------------------------
-    // std::runtime_error on failure, also where a file is shorter than its header says. Without `overwrite`
+    // std::runtime_error on failure, also of what is no regular file, where a file is shorter than its header
+    // says, or where its NAXIS is above 99. Paths of existing files are taken as they stand; the files may be
+    // compressed by gzip. Without `overwrite`
     // an existing file is opened and keeps its content; a file that is to be created gets its missing
     // directories too.
     static Handle FitsFile(const std::string& path, const std::optional<std::string>& extension = {});
     static Handle FitsFileWrite(const std::string& path, bool overwrite,
                                 const std::optional<std::string>& extension = {});
+
+    // What a file that can be read says against itself: SIMPLE is F, DATASUM or CHECKSUM does not fit its
+    // bytes. Goes through all data where there is a checksum.
+    static std::vector<std::string> FindDoubts(const Handle& handle);
 
     // --- Images ------------------------------------------------------------------------------------------
     // Axis sizes, NAXIS1 first, and BITPIX.
@@ -70,7 +76,8 @@ public:
     }
 
     // Into a buffer of `size` elements. std::invalid_argument on a wrong BITPIX or a short buffer, then
-    // std::runtime_error on axes other than `dims`.
+    // std::runtime_error on axes other than `dims`. 16-bit values with a BZERO of 32768 are read as unsigned
+    // ones.
     static void ReadImgPriv(const Handle& handle, void* buffer, std::size_t size, int bitpix, int datatype,
                             const Dims& dims);
 
@@ -117,7 +124,7 @@ private:
     [[noreturn]] static void ThrowBufferTooSmall(std::size_t needed, std::size_t size);
 };
 
-// Values above 32767 stand as negative ones in the file; the bits are the same.
+// Written, values above 32767 stand as negative ones in the file; the bits are the same.
 template <>
 struct Fits::Traits<std::uint16_t> {
     static constexpr int BITPIX = 16;

@@ -48,11 +48,18 @@ void LogError(fmt::format_string<Args...> format, Args&&... args) {
     Log(log4cplus::ERROR_LOG_LEVEL, format, std::forward<Args>(args)...);
 }
 
-// Logs the text at ERROR and throws it: for set-up failures, which are both seen and thrown.
+// An exception whose text is in the log already; the catcher does not log it again.
+struct Logged {};
+
+// Logs the text at ERROR and throws it, as Error and Logged: for set-up failures, which are both seen and
+// thrown.
 template <class Error = std::runtime_error>
 [[noreturn]] void LogAndThrow(const std::string& text) {
     WriteLog(log4cplus::ERROR_LOG_LEVEL, text);
-    throw Error{text};
+    struct LoggedError : Error, Logged {
+        using Error::Error;
+    };
+    throw LoggedError{text};
 }
 
 }  // namespace vosk::common

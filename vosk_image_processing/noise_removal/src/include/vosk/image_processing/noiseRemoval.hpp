@@ -32,7 +32,7 @@ public:
     NoiseRemovalBase(std::size_t width, std::size_t height, const defs::AlignedFrame<float>& master_bias,
                      const defs::AlignedFrame<float>& flat);
 
-    // The same from FITS files: float images of width x height. The errors of FindFileOrThrow and of Fits.
+    // Calibration data from FITS files: float images of width x height. The errors of LoadInto.
     NoiseRemovalBase(std::size_t width, std::size_t height, const std::string& dark_path,
                      const std::string& flat_path);
 

@@ -32,7 +32,7 @@ public:
     ScramblerBase(std::size_t width, std::size_t height, std::size_t scrambled_width,
                   std::size_t scrambled_height, const defs::AlignedFrame<std::uint32_t>& scramble);
 
-    // The same from a file; also the errors of FindFileOrThrow and of Fits.
+    // The table from a file; also the errors of LoadInto.
     ScramblerBase(std::size_t width, std::size_t height, std::size_t scrambled_width,
                   std::size_t scrambled_height, const std::string& path);
 
