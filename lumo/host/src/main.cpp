@@ -119,6 +119,7 @@ int Run(const CommandLine& line, char** arguments) {
     const StopSignals signals;
     const HostSettings settings = Merge(line.settings, ReadHostSettings(config.GetDocument()->Instances()));
     SetupLog(settings);
+    common::LogInfo("Reading configuration document {}", config.GetPath());
     common::LogInfo("{}", blas_text);
     Host host{config, settings, line.serve_stdin || ::isatty(STDIN_FILENO) != 0};
     host.Run(signals);

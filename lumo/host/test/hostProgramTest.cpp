@@ -160,7 +160,11 @@ TEST_F(HostProgram, SetUpFailureIsOneLine) {
     const std::string errors = Errors();
     EXPECT_THAT(errors, StartsWith("vosk-host: "));
     EXPECT_EQ(errors.find('\n'), errors.size() - 1);
-    EXPECT_THAT(Output(), HasSubstr("site.yaml:4: cfg.m4.output[0]: "));
+    const std::string log = Output();
+    EXPECT_THAT(log, HasSubstr(" INFO  vosk: Reading configuration document " + m_document + '\n'));
+    EXPECT_THAT(log, HasSubstr("site.yaml:4: cfg.m4.output[0] can't be set up"));
+    EXPECT_NE(log.find(" ERROR "), std::string::npos);
+    EXPECT_EQ(log.find(" ERROR "), log.rfind(" ERROR "));
     EXPECT_EQ(ExitCodeOf({m_dir / "nowhere"}), 1);
     EXPECT_THAT(Errors(), HasSubstr("nowhere"));
 }

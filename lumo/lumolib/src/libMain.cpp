@@ -157,6 +157,9 @@ void LibMain::MakeThreads(const StreamEntry& entry, const PliConfigInstanceNode&
         }
         EnterThread(std::move(thread));
     });
+} catch (const common::Logged&) {
+    common::LogInfo("{}: {} can't be set up", element.GetWhere(), element.GetPath());
+    throw;
 } catch (const std::exception& error) {
     common::LogError("{}: {}: {}", element.GetWhere(), element.GetPath(), error.what());
     throw;

@@ -10,11 +10,12 @@ namespace gim {
 namespace {
 
 std::vector<std::filesystem::path> SearchedDirectories() {
-    std::vector<std::filesystem::path> directories{"/", ""};
+    std::vector<std::filesystem::path> directories{""};
     std::istringstream entries{Helper::GetEnvironment("CFGPATH")};
     for (std::string entry; std::getline(entries, entry, ':');) {
         if (!entry.empty()) directories.emplace_back(entry);
     }
+    directories.emplace_back("/");
     return directories;
 }
 

@@ -14,7 +14,9 @@ TEST(Config, IsLoadedByNameAndKeptWhenTheNextIsUnusable) {
     ::setenv("CFGPATH", ("::" + first.Path().string() + ":" + second.Path().string()).c_str(), 1);
     EXPECT_EQ(gim::Helper::FindFile("gim.yaml"), found);
     EXPECT_EQ(gim::Helper::FindFile(found), found);
-    EXPECT_EQ(gim::Helper::FindFile("tmp"), "/tmp");
+    EXPECT_EQ(gim::Helper::FindFile("proc"), "/proc");
+    first.Put("proc", "");  // the root comes last
+    EXPECT_EQ(gim::Helper::FindFile("proc"), first / "proc");
     EXPECT_EQ(gim::Helper::FindFile(""), "");
 
     gim::Config config;
@@ -23,5 +25,6 @@ TEST(Config, IsLoadedByNameAndKeptWhenTheNextIsUnusable) {
     EXPECT_THROW(config.LoadFile("absent.yaml"), oru::configng::PliConfigDocumentError);
     EXPECT_THROW(config.ParseText("a: [", "text"), oru::configng::PliConfigDocumentError);
     EXPECT_EQ(config.GetDocument()->Instances()["cfg"]["a"].As<int>(), 5);
+    EXPECT_EQ(config.GetPath(), found);
     ::unsetenv("CFGPATH");
 }

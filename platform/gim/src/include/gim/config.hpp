@@ -23,8 +23,12 @@ public:
 
     const std::optional<oru::configng::PliConfigDocument>& GetDocument() const noexcept { return m_document; }
 
+    // The full path of the file that the document comes from, empty if it comes from none.
+    const std::string& GetPath() const noexcept { return m_path; }
+
 private:
     std::optional<oru::configng::PliConfigDocument> m_document;
+    std::string m_path;
 };
 
 }  // namespace gim

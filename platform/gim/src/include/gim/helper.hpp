@@ -8,9 +8,8 @@ namespace gim {
 
 class Helper {
 public:
-    // Tries, in this order, `name` under the file system root, under the working directory and under each
-    // directory of CFGPATH (separated by colons). Directories are found as well as files. Empty if there is
-    // none.
+    // Tries, in this order, `name` under the working directory, under each directory of CFGPATH (separated by
+    // colons) and under the file system root. Directories are found as well as files. Empty if there is none.
     static std::string FindFile(const std::string& name);
 
     // The value of an environment variable, empty if it is unset.

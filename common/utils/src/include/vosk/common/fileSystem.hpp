@@ -10,7 +10,7 @@ namespace vosk::common {
 class FileSystem {
 public:
     // The absolute path of the first that exists, a directory counting as well as a file: what the framework
-    // finds (root, working directory, CFGPATH), `file` itself, `file` in each of `directories`, `file` in
+    // finds (working directory, CFGPATH, root), `file` itself, `file` in each of `directories`, `file` in
     // $INTROOT/resource. Empty if there is none.
     static std::string FindFile(const std::string& file, const std::vector<std::string>& directories);
 
