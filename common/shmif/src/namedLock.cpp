@@ -2,6 +2,8 @@
 
 #include <vosk/common/logger.hpp>
 
+#include "sharedObject.hpp"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <boost/interprocess/exceptions.hpp>
@@ -14,14 +16,21 @@ namespace vosk::common::shmif {
 
 namespace {
 
-[[noreturn]] void ThrowSystemError() {
-    throw boost::interprocess::interprocess_exception{boost::interprocess::error_info{errno}};
+[[noreturn]] void ThrowSystemError(const char* operation, const char* name) {
+    const boost::interprocess::error_info error{errno};
+    throw boost::interprocess::interprocess_exception{
+        error.get_error_code(), fmt::format("Failed to {} the lock of shared memory: {} ({})", operation,
+                                            SystemErrorText(error.get_native_error()), name)
+                                    .c_str()};
 }
 
-// The C library keeps a semaphore in a shared-memory object that is named after it.
+// The C library keeps a semaphore in a shared-memory object that is named after it. One that is too short is
+// not opened: to touch the semaphore would kill the process.
 FileDescriptor OpenFileOf(const char* name) {
-    const std::string file = std::string{"/sem."} + (name + (name[0] == '/' ? 1 : 0));
-    return FileDescriptor{::shm_open(file.c_str(), O_RDWR, 0)};
+    FileDescriptor file = OpenExisting(std::string{"/sem."} + (name + (name[0] == '/' ? 1 : 0)));
+    if (!file.IsOpen() || SizeOf(file.Get()) >= sizeof(sem_t)) return file;
+    errno = EINVAL;
+    return FileDescriptor{-1};
 }
 
 timespec MonotonicDeadline(std::chrono::nanoseconds limit) {
@@ -33,11 +42,11 @@ timespec MonotonicDeadline(std::chrono::nanoseconds limit) {
 }
 
 // False if the limit passed.
-bool Take(sem_t* semaphore, std::chrono::nanoseconds limit) {
+bool Take(sem_t* semaphore, const char* name, std::chrono::nanoseconds limit) {
     const timespec deadline = MonotonicDeadline(limit);
     while (::sem_clockwait(semaphore, CLOCK_MONOTONIC, &deadline) != 0) {
         if (errno == ETIMEDOUT) return false;
-        if (errno != EINTR) ThrowSystemError();
+        if (errno != EINTR) ThrowSystemError("take", name);
     }
     return true;
 }
@@ -73,9 +82,9 @@ void Unlock(const FileDescriptor& file) noexcept {
 
 NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit)
     : m_semaphore{OpenSemaphore(name)}, m_file{m_semaphore ? OpenFileOf(name) : FileDescriptor{-1}} {
-    if (!m_file.IsOpen()) ThrowSystemError();
+    if (!m_file.IsOpen()) ThrowSystemError("open", name);
     const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
-    for (bool told = false; !Take(m_semaphore.get(), limit); told = true) {
+    for (bool told = false; !Take(m_semaphore.get(), name, limit); told = true) {
         if (TryLock(m_file)) {
             LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: its holder is gone.",
                     name, milliseconds);
@@ -90,7 +99,7 @@ NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit)
     const int code = errno;
     GiveBack(m_semaphore.get());
     errno = code;
-    ThrowSystemError();
+    ThrowSystemError("take", name);
 }
 
 NamedLock::NamedLock(Semaphore taken, FileDescriptor locked) noexcept

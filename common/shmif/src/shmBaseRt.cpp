@@ -2,18 +2,17 @@
 
 #include <vosk/common/logger.hpp>
 
-#include "fileDescriptor.hpp"
 #include "namedLock.hpp"
+#include "sharedObject.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <optional>
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace vosk::common::shmif {
@@ -21,11 +20,6 @@ namespace vosk::common::shmif {
 namespace {
 
 constexpr mode_t REGION_PERMISSIONS = 0666;
-constexpr const char* SIZE_MISMATCH = "Data size mismatch in shared memory";
-
-std::string SystemErrorText(int code) {
-    return std::system_category().message(code);
-}
 
 RtRegion* Map(int fd, std::size_t region_size) noexcept {
     void* address =
@@ -41,7 +35,7 @@ void InitialiseMutex(pthread_mutex_t& mutex) {
     ::pthread_mutexattr_destroy(&attributes);
 }
 
-// data_size and open_count come last: while both are 0 the region is unfinished.
+// data_size comes last but one: while the head behind the mutex is all zero the region is unfinished.
 void Initialise(RtRegion& region, std::size_t data_size) {
     InitialiseMutex(region.mutex);
     region.writer_wake.store(0);
@@ -54,37 +48,17 @@ void Initialise(RtRegion& region, std::size_t data_size) {
     region.open_count.fetch_add(1);
 }
 
+// A queue of Boost is never taken for one: its lock, which lies there, is not all zero.
 bool IsUnfinished(const RtRegion& region) {
-    return region.data_size == 0 && region.open_count.load() == 0;
+    const auto* const head = reinterpret_cast<const std::byte*>(&region);
+    return std::all_of(head + offsetof(RtRegion, write_seq), head + sizeof(RtRegion),
+                       [](std::byte byte) { return byte == std::byte{0}; });
 }
 
-// Touching a page behind the end of a file kills the process: a region is mapped only if it is long enough.
-bool IsLongEnough(int fd, std::size_t region_size) noexcept {
-    const auto status = StatOf(fd);
-    return status && static_cast<std::size_t>(status->st_size) >= region_size;
-}
-
-bool IsEmpty(int fd) noexcept {
-    const auto status = StatOf(fd);
-    return status && status->st_size == 0;
-}
-
-FileDescriptor OpenExisting(const std::string& name) noexcept {
-    return FileDescriptor{::shm_open(name.c_str(), O_RDWR, REGION_PERMISSIONS)};
-}
-
-FileDescriptor Create(const std::string& name) {
-    FileDescriptor fd{::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, REGION_PERMISSIONS)};
-    if (!fd.IsOpen())
-        throw std::runtime_error{"Failed to create/open shared memory: " + SystemErrorText(errno)};
-    return fd;
-}
-
-// Closes the region, takes its name away if it is worth nothing to anybody, and throws.
-[[noreturn]] void Abandon(FileDescriptor& fd, const std::string& name, bool remove, const std::string& text) {
-    fd.Close();
-    if (remove) ::shm_unlink(name.c_str());
-    throw std::runtime_error{text};
+FileDescriptor OpenOrCreate(const std::string& name) {
+    FileDescriptor existing = OpenExisting(name);
+    if (existing.IsOpen() || errno != ENOENT) return existing;
+    return FileDescriptor{::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, REGION_PERMISSIONS)};
 }
 
 // Closing goes on without the lock if the system refuses it: a close can't fail.
@@ -102,22 +76,24 @@ NamedLock ShmBaseRT::CreateOrOpenShm(const std::string& prefix, const std::strin
     const std::string name = prefix + topic;
     const std::size_t region_size = size + sizeof(RtRegion);
 
-    FileDescriptor existing = OpenExisting(name);
-    FileDescriptor fd = existing.IsOpen() ? std::move(existing) : Create(name);
-    const bool created = IsEmpty(fd.Get());  // by this call, or by one that was killed before it came further
-    if (created && ::ftruncate(fd.Get(), static_cast<off_t>(region_size)) != 0) {
-        Abandon(fd, name, true, "Failed to resize shared memory: " + SystemErrorText(errno));
-    }
-    if (!IsLongEnough(fd.Get(), region_size)) Abandon(fd, name, false, SIZE_MISMATCH);
+    FileDescriptor fd = OpenOrCreate(name);
+    if (!fd.IsOpen()) Refuse(NO_OBJECT + SystemErrorText(errno), name);
+    const auto found_size = SizeOf(fd.Get());
+    const bool created = found_size == 0U;  // by this call, or by one that was killed before it came further
+    if (!created && found_size != region_size) Refuse(SIZE_MISMATCH, name);
+    const auto refuse = [&](const std::string& text) {
+        if (created) ::shm_unlink(name.c_str());
+        Refuse(text, name);
+    };
+    if (const int code = Reserve(fd.Get(), region_size)) refuse(NO_PAGES + SystemErrorText(code));
     RtRegion* region = Map(fd.Get(), region_size);
-    if (region == nullptr)
-        Abandon(fd, name, created, "Failed to map shared memory: " + SystemErrorText(errno));
+    if (region == nullptr) refuse(NO_MAPPING + SystemErrorText(errno));
 
-    if (created || IsUnfinished(*region)) {
+    if (IsUnfinished(*region)) {
         Initialise(*region, size);
     } else if (region->data_size != size) {
         ::munmap(region, region_size);
-        Abandon(fd, name, false, SIZE_MISMATCH);
+        Refuse(SIZE_MISMATCH, name);
     }
     m_name = name;
     m_data_size = size;
@@ -148,7 +124,7 @@ bool ShmBaseRT::HasSuccessor(std::chrono::steady_clock::time_point now) noexcept
 
 bool ShmBaseRT::MoveToSuccessor(const NamedLock& /*held*/) noexcept {
     FileDescriptor fd = OpenExisting(m_name);
-    if (!fd.IsOpen() || !IsLongEnough(fd.Get(), m_region_size)) return false;
+    if (SizeOf(fd.Get()) != m_region_size || Reserve(fd.Get(), m_region_size) != 0) return false;
     RtRegion* region = Map(fd.Get(), m_region_size);
     if (region == nullptr) return false;
     if (region->data_size != m_data_size) {

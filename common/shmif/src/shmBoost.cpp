@@ -1,19 +1,18 @@
 #include <vosk/common/shmif/shmBoost.hpp>
 
 #include <vosk/common/logger.hpp>
-#include <vosk/common/shmif/shmBaseRt.hpp>
 
-#include "fileDescriptor.hpp"
+#include "sharedObject.hpp"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <array>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/permissions.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -28,55 +27,70 @@ constexpr mode_t QUEUE_PERMISSIONS = 0644;
 constexpr unsigned int PRIORITY = 0;
 constexpr std::chrono::seconds COMPLETION_LIMIT{1};
 constexpr std::chrono::milliseconds COMPLETION_POLL{1};
-// A lock held for longer was left by a process that is gone: to move one message takes microseconds.
-constexpr std::chrono::milliseconds HOLDER_LIMIT{500};
-constexpr int REFUSALS_TO_REPLACE = 3;
-// Between two looks at a lock that was taken: the millisecond is not paid for each message of a burst.
-constexpr std::chrono::milliseconds REFUSED_PAUSE{100};
 
-// Unless somebody else has taken the name in the meantime.
-void Create(const std::string& name, std::size_t size) {
-    try {
-        const bip::message_queue created{bip::create_only, name.c_str(), MAX_MESSAGES, size,
-                                         bip::permissions{QUEUE_PERMISSIONS}};
-    } catch (const bip::interprocess_exception& error) {
-        if (error.get_error_code() != bip::already_exists_error) throw;
+// An object that Boost lengthens to make a queue in it, and fills at once: its pages have to be there by
+// then.
+class ReservedObject : public bip::shared_memory_object {
+public:
+    using bip::shared_memory_object::shared_memory_object;
+
+    void truncate(bip::offset_t size) {
+        const int code = Reserve(get_mapping_handle().handle, static_cast<std::size_t>(size));
+        if (code != 0) throw std::system_error{code, std::system_category()};
     }
+};
+
+// What bip::message_queue makes a queue of, for an object of that kind.
+using Maker = bip::ipcdetail::managed_open_or_create_impl<ReservedObject, 0, true, false>;
+using Filler = bip::ipcdetail::msg_queue_initialization_func_t<bip::offset_ptr<void>>;
+
+std::size_t SizeOfQueue(std::size_t message_size) {
+    return Filler{MAX_MESSAGES, message_size}.get_min_size() + Maker::ManagedOpenOrCreateUserOffset;
 }
 
-FileDescriptor OpenToLook(const std::string& name) noexcept {
-    return FileDescriptor{::shm_open(name.c_str(), O_RDONLY, 0)};
+std::string PathOf(const std::string& name) {
+    return "/dev/shm/" + name.substr(name.starts_with('/') ? 1 : 0);
 }
 
-// 0 if the name stands for nothing.
-std::uint64_t InodeOf(const FileDescriptor& file) noexcept {
-    const auto status = StatOf(file.Get());
-    return status ? status->st_ino : 0;
-}
-std::uint64_t InodeOf(const std::string& name) noexcept {
-    return InodeOf(OpenToLook(name));
+// The queue gets its name when it is complete, so that a process killed here leaves none that is not; unless
+// somebody else has taken the name in the meantime.
+void Create(const std::string& name, std::size_t size) {
+    const std::string draft = fmt::format("{}.{}", name, ::gettid());
+    ::shm_unlink(draft.c_str());
+    try {
+        const Maker made{bip::create_only,
+                         draft.c_str(),
+                         SizeOfQueue(size),
+                         bip::read_write,
+                         nullptr,
+                         Filler{MAX_MESSAGES, size},
+                         bip::permissions{QUEUE_PERMISSIONS}};
+    } catch (const std::system_error& error) {
+        ::shm_unlink(draft.c_str());
+        Refuse(NO_PAGES + SystemErrorText(error.code().value()), name);
+    } catch (const bip::interprocess_exception& error) {
+        Refuse(NO_OBJECT + std::string{error.what()}, name);
+    }
+    const int code = ::link(PathOf(draft).c_str(), PathOf(name).c_str()) == 0 ? 0 : errno;
+    ::shm_unlink(draft.c_str());
+    if (code != 0 && code != EEXIST) Refuse(NO_OBJECT + SystemErrorText(code), name);
 }
 
-// Not what somebody else has put under the name since. False if the name can't be taken away.
-bool RemoveIfStill(std::uint64_t inode, const std::string& name) noexcept {
-    if (InodeOf(name) == inode) bip::message_queue::remove(name.c_str());
-    return InodeOf(name) != inode;
+FileDescriptor OpenOrCreate(const std::string& name, std::size_t size) {
+    FileDescriptor existing = OpenExisting(name);
+    if (existing.IsOpen() || errno != ENOENT) return existing;
+    Create(name, size);
+    return OpenExisting(name);
 }
 
-// Whether the creator of what has the name has yet to complete it. The first word of a queue says how far it
-// has come.
-bool IsUnfinished(const FileDescriptor& file) {
-    constexpr std::uint32_t INITIALIZED = 2;
-    constexpr std::uint32_t CORRUPTED = 3;  // a state to which opening answers with an exception
-    std::array<std::uint64_t, sizeof(RtRegion) / sizeof(std::uint64_t)> head{};
-    const auto status = StatOf(file.Get());
-    if (!status || ::pread(file.Get(), head.data(), sizeof(head), 0) < ::ssize_t{4}) return true;
-    const auto state = static_cast<std::uint32_t>(head[0]);
-    if (state == INITIALIZED || state == CORRUPTED) return false;
-    const std::uint64_t rt_data_size = head.back();
-    if (rt_data_size + sizeof(RtRegion) != static_cast<std::uint64_t>(status->st_size)) return true;
-    throw bip::interprocess_exception{bip::error_info{bip::already_exists_error},
-                                      "The name of the queue is taken by an RT region"};
+ino_t InodeOfName(const std::string& name) noexcept {
+    return InodeOf(OpenExisting(name).Get());
+}
+
+// Boost waits without limit for the creator of a queue to bring its first word above 1.
+bool IsComplete(const FileDescriptor& file) noexcept {
+    std::uint32_t state = 0;
+    return ::pread(file.Get(), &state, sizeof(state), 0) == sizeof(state) && state > 1;
 }
 
 }  // namespace
@@ -84,71 +98,45 @@ bool IsUnfinished(const FileDescriptor& file) {
 void ShmBaseBoost::CreateOrOpenBoost(const std::string& prefix, const std::string& topic, std::size_t size) {
     m_name = prefix + topic;
     m_data_size = size;
-    while (!TryOpen(Clock::now())) std::this_thread::sleep_for(COMPLETION_POLL);
+    const auto deadline = std::chrono::steady_clock::now() + COMPLETION_LIMIT;
+    while (!TryOpen()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            Refuse(NO_OBJECT + std::string{"no queue that its creator has completed"}, m_name);
+        std::this_thread::sleep_for(COMPLETION_POLL);
+    }
     m_valid = true;
 }
 
-// Opening a queue waits without limit for its creator to complete it: only one that was seen complete is
-// opened, one made here as well. A name that changes hands meanwhile is looked at again, so that the inode is
-// that of the queue.
-bool ShmBaseBoost::TryOpen(Clock::time_point now) {
-    for (;;) {
-        const FileDescriptor file = OpenToLook(m_name);
-        if (!file.IsOpen()) {
-            if (errno != ENOENT) throw bip::interprocess_exception{bip::error_info{errno}};
-            Create(m_name, m_data_size);
-            continue;
-        }
-        const std::uint64_t inode = InodeOf(file);
-        if (IsUnfinished(file)) {
-            if (!RemoveUnfinished(inode, now)) return false;
-            continue;
-        }
-        auto queue = std::make_unique<bip::message_queue>(bip::open_only, m_name.c_str());
-        if (InodeOf(m_name) != inode) continue;
-        m_queue = std::move(queue);
-        m_inode = inode;
-        break;
-    }
-    m_told = false;
-    if (m_queue->get_max_msg_size() < m_data_size) {
-        LogWarn("Queue {} was made for messages of {} bytes, {} are needed.", m_name,
-                m_queue->get_max_msg_size(), m_data_size);
-    }
-    return true;
-}
+bool ShmBaseBoost::TryOpen() try {
+    const FileDescriptor file = OpenOrCreate(m_name, m_data_size);
+    if (!file.IsOpen()) Refuse(NO_OBJECT + SystemErrorText(errno), m_name);
+    const auto found_size = SizeOf(file.Get());
+    if (found_size == 0U) return false;
+    const std::size_t size = SizeOfQueue(m_data_size);
+    if (found_size != size) Refuse(SIZE_MISMATCH, m_name);
+    if (const int code = Reserve(file.Get(), size)) Refuse(NO_PAGES + SystemErrorText(code), m_name);
+    if (!IsComplete(file)) return false;
 
-bool ShmBaseBoost::RemoveUnfinished(std::uint64_t inode, Clock::time_point now) {
-    if (inode != m_unfinished_inode) {
-        m_unfinished_inode = inode;
-        m_unfinished_since = now;
-    }
-    if (now - m_unfinished_since < COMPLETION_LIMIT) return false;
-    if (!RemoveIfStill(inode, m_name)) {
-        throw bip::interprocess_exception{bip::error_info{bip::security_error},
-                                          "The queue is unfinished and can't be removed"};
-    }
-    LogWarn("Queue {} was left unfinished by its creator and is made anew.", m_name);
+    auto queue = std::make_unique<bip::message_queue>(bip::open_only, m_name.c_str());
+    const ino_t inode = InodeOf(file.Get());
+    if (InodeOfName(m_name) != inode) return false;  // the name has changed hands meanwhile
+    if (queue->get_max_msg_size() != m_data_size) Refuse(SIZE_MISMATCH, m_name);
+    m_queue = std::move(queue);
+    m_inode = inode;
     return true;
-}
-
-bool ShmBaseBoost::Follow(Clock::time_point now) try {
-    return InodeOf(m_name) != m_inode && TryOpen(now);
 } catch (const bip::interprocess_exception& error) {
-    if (!std::exchange(m_told, true))
-        LogWarn("Queue {} is not to be had anew, the old one is kept: {}", m_name, error.what());
-    return false;
+    Refuse(NO_OBJECT + std::string{error.what()}, m_name);
 }
 
-bool ShmBaseBoost::Replace(Clock::time_point now) {
-    RemoveIfStill(m_inode, m_name);
-    if (!Follow(now)) return false;
-    LogWarn("Queue {} was locked by a process that is gone and is replaced.", m_name);
-    return true;
+void ShmBaseBoost::Follow() noexcept try {
+    if (InodeOfName(m_name) != m_inode && TryOpen()) m_refusal_logged = false;
+} catch (const std::exception& error) {
+    if (!std::exchange(m_refusal_logged, true))
+        LogWarn("The queue that has lost its name is kept. {}", error.what());
 }
 
 ShmBaseBoost::~ShmBaseBoost() {
-    if (m_valid) RemoveIfStill(m_inode, m_name);
+    if (m_valid && InodeOfName(m_name) == m_inode) bip::message_queue::remove(m_name.c_str());
 }
 
 ShmWriterBoost::ShmWriterBoost(ShmIf& shm, const std::string& topic) {
@@ -157,26 +145,10 @@ ShmWriterBoost::ShmWriterBoost(ShmIf& shm, const std::string& topic) {
 }
 
 void ShmWriterBoost::TrySend(const void* data) try {
-    if (m_refused_since && Clock::now() < m_next_try) return;
-    const bool had_room = m_queue->try_send(data, m_data_size, PRIORITY);
-    m_refused_since.reset();
-    if (!had_room) Follow(Clock::now());
+    if (!m_queue->try_send(data, m_data_size, PRIORITY)) Follow();
 } catch (const bip::interprocess_exception& error) {
-    const auto now = Clock::now();
-    if (error.get_error_code() == bip::timeout_when_locking_error) return NoteRefusal(now);
-    Follow(now);
+    Follow();
     throw std::runtime_error{fmt::format("Boost exception: {}", error.what())};
-}
-
-void ShmWriterBoost::NoteRefusal(Clock::time_point now) {
-    if (!m_refused_since) {
-        m_refused_since = now;
-        m_refusals = 0;
-    }
-    ++m_refusals;
-    m_next_try = now + REFUSED_PAUSE;
-    if (m_refusals < REFUSALS_TO_REPLACE || now - *m_refused_since < HOLDER_LIMIT) return;
-    if (Replace(now)) m_refused_since.reset();
 }
 
 }  // namespace vosk::common::shmif

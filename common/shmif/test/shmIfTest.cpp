@@ -7,6 +7,7 @@
 #include <vosk/test/support.hpp>
 
 #include <fcntl.h>
+#include <boost/interprocess/exceptions.hpp>
 
 using namespace std::chrono_literals;
 using namespace vosk::common::shmif;
@@ -101,6 +102,13 @@ TEST_F(RegionsLock, IsTakenOverFromAKilledHolderByOneAtATime) {
     EXPECT_EQ(Value(), 1);
     EXPECT_TRUE(NamedLock::TryTake(m_name.c_str()));
     EXPECT_EQ(Value(), 1);
+}
+
+TEST_F(RegionsLock, RefusalHasNameOperationAndReason) {
+    std::ofstream{"/dev/shm/sem." + m_name.substr(1)} << "short";
+    EXPECT_EQ(TextOf<boost::interprocess::interprocess_exception>([&] { NamedLock{m_name.c_str()}; }),
+              "Failed to open the lock of shared memory: Invalid argument (" + m_name + ")");
+    EXPECT_FALSE(NamedLock::TryTake(m_name.c_str()));
 }
 
 TEST_F(RegionsLock, FormerHolderThatComesBackLetsNobodyIn) {

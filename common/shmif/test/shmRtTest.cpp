@@ -1,6 +1,9 @@
 #include "shmRtFixture.hpp"
 
+#include <vosk/test/messageQueue.hpp>
 #include <vosk/test/support.hpp>
+
+#include <filesystem>
 
 using namespace vosk::test;
 
@@ -117,20 +120,32 @@ TEST_F(ShmRt, NameThatMovedToAnotherRegionStays) {
     EXPECT_TRUE(Exists());
 }
 
-TEST_F(ShmRt, RegionOfAnotherSizeIsRefusedAndStaysAsItWas) {
-    for (std::size_t region_size :
-         {std::size_t{10}, std::size_t{79}, std::size_t{85}, 80 + SIZE, 80 + SIZE + 4096}) {
-        std::string foreign(region_size, '\0');
-        const std::uint64_t data_size = SIZE - 1;
-        if (region_size >= 80) std::memcpy(foreign.data() + 72, &data_size, sizeof(data_size));
-        foreign[0] = 'x';
-        WriteRegion(foreign);
-        const auto refusal =
-            testing::ThrowsMessage<std::runtime_error>("Data size mismatch in shared memory");
-        EXPECT_THAT([&] { MakeWriter(); }, refusal) << region_size;
-        EXPECT_THAT(([&] { ShmReaderRT{m_shm, TOPIC}; }), refusal) << region_size;
-        EXPECT_EQ(ReadRegion(), foreign) << region_size;
+TEST_F(ShmRt, WhatIsNoSuchRegionIsRefusedByNameAndStaysAsItWas) {
+    const std::string name = m_prefix.NameOf(TOPIC);
+    std::vector<std::string> cases;
+    for (const std::size_t size : {std::size_t{10}, std::size_t{79}, 80 + SIZE - 1, 80 + SIZE + 1})
+        cases.emplace_back(size, '\0');
+    for (const std::size_t offset : {40U, 63U, 72U, 79U}) {  // something in the head, and not the data size
+        cases.emplace_back(80 + SIZE, '\0');
+        cases.back()[offset] = 'x';
     }
+    for (const auto& foreign : cases) {
+        WriteRegion(foreign);
+        EXPECT_EQ(TextOf<std::runtime_error>([&] { MakeWriter(); }),
+                  "Data size mismatch in shared memory (" + name + ")");
+        EXPECT_THROW((ShmReaderRT{m_shm, TOPIC}), std::runtime_error);
+        EXPECT_TRUE(ReadRegion() == foreign) << foreign.size();
+    }
+}
+
+TEST_F(ShmRt, NameOfALiveQueueIsRefusedAndTheQueueStays) {
+    bip::message_queue queue{bip::create_only, m_prefix.NameOf("queue").c_str(), 100, SIZE};
+    const auto size = std::filesystem::file_size("/dev/shm" + m_prefix.NameOf("queue"));
+    ShmIf::RegisterTopic("queue", ShmType::SHM_RT, size - 80);
+    EXPECT_THROW((ShmWriterRT{m_shm, "queue"}), std::runtime_error);
+    EXPECT_TRUE(queue.try_send("x", 1, 0));
+    EXPECT_THAT(Drain(m_prefix.NameOf("queue")), testing::ElementsAre("x"));
+    m_prefix.Remove("queue");
 }
 
 TEST_F(ShmRt, SystemRefusalIsSaid) {

@@ -7,7 +7,10 @@
 #include <vosk/common/shmif/shmBoost.hpp>
 #include <vosk/common/shmif/shmIf.hpp>
 
+#include <chrono>
+#include <cstdint>
 #include <locale>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -51,29 +54,29 @@ protected:
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and its base can't be deleted through
 class SHMTelemSender final : public TelemSender {
 public:
-    // Throws as ShmWriterBoost.
-    SHMTelemSender();
+    SHMTelemSender() = default;
     SHMTelemSender(const SHMTelemSender&) = delete;
     SHMTelemSender& operator=(const SHMTelemSender&) = delete;
-    ~SHMTelemSender();
+    ~SHMTelemSender() = default;
 
-    // Tag key and tag value of each line; `extra` is kept and has no place in the line. The source is the
-    // shared-memory prefix, by which two systems on one machine differ.
+    // Opens the queue: a sender that isn't set up touches none. One that is refused costs the telemetry, with
+    // a WARN, and no start. Tag key and tag value of each line; `extra` is kept and has no place in the line.
+    // The source is the shared-memory prefix, by which two systems on one machine differ.
     void Setup(const std::string& tag_set, const std::string& tag, const std::string& extra);
 
-    bool IsSetup() const override { return m_active; }
+    bool IsSetup() const override { return m_queue.has_value(); }
 
     // A line fills one message from its start, the rest zero. A line that is too long is dropped with a WARN,
-    // and one for which the queue has no room is dropped without. A queue that can't be used drops it too,
-    // with one WARN until a line gets through again. Waits a millisecond at most, once in 100, and only while
-    // somebody holds the queue's lock.
+    // and one for which the queue has no room is dropped without. A queue that refuses a line costs all lines
+    // of the next 100 ms, with one WARN until a line gets through again and their count then. Waits a
+    // millisecond at most, once in 100, and only while somebody holds the queue's lock.
     void Send(const std::string& line) override;
 
 private:
     shmif::ShmIf m_shm;
-    shmif::ShmWriterBoost m_queue;
-    bool m_active = false;
-    bool m_refusal_told = false;
+    std::optional<shmif::ShmWriterBoost> m_queue;  // since a Setup that opened it
+    std::uint64_t m_refused_lines = 0;             // since the last that got through
+    std::chrono::steady_clock::time_point m_next_try{};
     std::vector<char> m_message;  // of the topic's size
 };
 
