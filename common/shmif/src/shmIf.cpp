@@ -3,6 +3,7 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/defs/shmRecords.hpp>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -20,6 +21,7 @@ struct Topic {
 using TopicTable = std::map<std::string, Topic>;
 
 constexpr std::size_t TELEMETRY_LINE_SIZE = 256;
+constexpr std::size_t LONGEST_PREFIX = 128;  // the longest telemetry line fits a message with it
 
 template <class Record>
 constexpr Topic Rt() {
@@ -82,7 +84,21 @@ Topic FindOrThrow(const std::string& name) {
 
 }  // namespace
 
+std::optional<std::string> ShmIf::FaultOfPrefix(const std::string& prefix) {
+    const auto breaks_line = [](unsigned char c) { return c <= ' ' || c == ',' || c == 0x7f; };
+    if (prefix.size() <= LONGEST_PREFIX && prefix.find('/', 1) == std::string::npos &&
+        std::none_of(prefix.begin(), prefix.end(), breaks_line)) {
+        return std::nullopt;
+    }
+    return fmt::format(
+        "a prefix of names in shared memory has at most {} bytes, no blank, comma or control character, and "
+        "no "
+        "slash but the first",
+        LONGEST_PREFIX);
+}
+
 void ShmIf::Setup(const std::string& name) {
+    if (const auto fault = FaultOfPrefix(name)) LogAndThrow("ERR: " + *fault);
     SharedTable& table = Table();
     const std::lock_guard lock{table.mutex};
     table.prefix = name;

@@ -53,6 +53,13 @@ TEST(ShmIf, RegisteredTopicsLastUntilTeardown) {
     EXPECT_EQ(shm.GetPrefix(), "");
 }
 
+TEST(ShmIf, RefusesAPrefixThatBreaksNamesOrTelemetryLines) {
+    for (const std::string prefix : {"a b", "a,b", "a\n", "/a/b", "a\x7f"})
+        EXPECT_THROW(ShmIf::Setup(prefix), std::runtime_error) << prefix;
+    EXPECT_THROW(ShmIf::Setup(std::string(129, 'a')), std::runtime_error);
+    EXPECT_EQ(ShmIf::FaultOfPrefix("/" + std::string(127, 'a')), std::nullopt);
+}
+
 class RegionsLock : public ::testing::Test {
 protected:
     RegionsLock() : m_name{m_prefix.NameOf("lock")} {}

@@ -81,6 +81,17 @@ TEST_F(SHMTelemSenderTest, DropsWhatDoesNotFit) {
     EXPECT_EQ(Drain().size(), 100U);
 }
 
+TEST_F(SHMTelemSenderTest, LongestLineFitsWithTheLongestPrefix) {
+    using vosk::common::shmif::ShmIf;
+    std::string prefix;
+    while (!ShmIf::FaultOfPrefix(prefix + 'p')) prefix += 'p';
+    ShmIf::Setup(prefix);
+    SHMTelemSender sender;
+    sender.Setup("rtc_performance", "field_stabilization", "");
+    sender.RecordPoint(sender.m_tag_set, sender.m_tag, "m5_time_since_last_send_stddev_ms", -1.0 / 3e300);
+    EXPECT_EQ(vosk::test::Drain(prefix + "vosk_telemetry_queue").size(), 1U);
+}
+
 TEST_F(SHMTelemSenderTest, QueueThatRefusesCostsTheTelemetryAndNoStart) {
     const vosk::test::LogCapture log;
     ASSERT_EQ(::mkdir(("/dev/shm" + m_queue).c_str(), 0700), 0);

@@ -9,6 +9,7 @@
 #include <map>
 #include <stdexcept>
 #include <system_error>
+#include <vosk/common/shmif/shmIf.hpp>
 
 namespace vosk::host {
 
@@ -94,10 +95,7 @@ log4cplus::LogLevel ParseLogLevel(const std::string& name) {
 }
 
 void VetShmPrefix(const std::string& prefix) {
-    constexpr std::size_t LONGEST = 200;  // of the 255 that a name may have
-    if (prefix.size() <= LONGEST && prefix.find('/', 1) == std::string::npos) return;
-    throw std::runtime_error{fmt::format(
-        "a prefix of names in shared memory has at most {} bytes and no slash but the first", LONGEST)};
+    if (const auto fault = common::shmif::ShmIf::FaultOfPrefix(prefix)) throw std::runtime_error{*fault};
 }
 
 void VetLogFile(const std::string& path) {

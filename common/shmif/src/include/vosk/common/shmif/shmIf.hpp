@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace vosk::common::shmif {
@@ -17,8 +18,13 @@ enum class ShmType : std::uint32_t {
 
 class ShmIf {
 public:
+    // Why nothing can be named with this prefix, or null: it begins the names of objects, and stands in
+    // telemetry lines, where a blank or a comma ends a field.
+    static std::optional<std::string> FaultOfPrefix(const std::string& prefix);
+
     // Once at start, before any channel is opened. `name` is the prefix, put in front of topics as it stands,
-    // so that two systems on one machine keep apart. The prefix is empty without it.
+    // so that two systems on one machine keep apart. The prefix is empty without it. Throws
+    // std::runtime_error for one that has a fault.
     static void Setup(const std::string& name);
 
     // Once at the end: forgets the prefix and the registered topics. Open channels keep their own names.
