@@ -42,6 +42,15 @@ std::chrono::microseconds GetNonNegativeDuration(const PliConfigInstanceNode& no
     return value;
 }
 
+int GetPriority(const PliConfigInstanceNode& node) {
+    const int priority = GetParamOr(node, "priority", nodepin::default_priority);
+    if (priority < 0 || priority > nodepin::MAX_PRIORITY) {
+        LogAndThrow(
+            fmt::format("ERR: {}.priority must lie between 0 and {}", node.GetPath(), nodepin::MAX_PRIORITY));
+    }
+    return priority;
+}
+
 }  // namespace
 
 Thread::Thread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description)
@@ -54,6 +63,7 @@ Thread::Thread(const std::string& name, const PliConfigInstanceNode& node, const
     }
     m_busy = GetParam<bool>(node, "busy");
     m_cpu = GetParamOr(node, "cpu", m_cpu);
+    m_numa_policies.priority = GetPriority(node);
     LogTrace("Thread {}: CPU = {}, busy waiting = {}", m_name, m_cpu, m_busy ? 1 : 0);
     m_synchronizer = common::MakeWaitSynchronizer(m_busy);
     m_numa_buf_size = GetParamOr(node, "numa_buf_size", m_numa_buf_size);
@@ -165,6 +175,7 @@ bool Thread::WaitUntil(const atomclk::AtomClk::time_point& time) const {
 }
 
 void Thread::TryWork(std::promise<void>& started) {
+    m_priority_given.store(nodepin::PriorityOfThisThread());
     try {
         Work(started);
     } catch (const std::runtime_error& failure) {

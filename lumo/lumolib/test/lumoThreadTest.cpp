@@ -103,6 +103,29 @@ TEST(Thread, GoesOnWithoutWhatTheMachineDoesNotAllow) {
     }
 }
 
+TEST(Thread, TakesItsPriorityFromItsKeyOrFromTheDefault) {
+    nodepin::default_priority = 7;
+    EXPECT_EQ((TestThread{RunUntilStopped, "{busy: true, cpu: 1}"}.GetPlacement().priority), 7);
+    TestThread ordinary{RunUntilStopped, "{busy: false, priority: 0}"};
+    int given = -1;
+    TestThread ranked{[&given](TestThread&, std::promise<void>& started) {
+                          given = nodepin::PriorityOfThisThread();
+                          started.set_value();
+                      },
+                      "{busy: false, priority: 9}"};
+    nodepin::default_priority = 0;
+    EXPECT_EQ(ordinary.GetPlacement().priority, 0);
+    EXPECT_EQ(ranked.GetPlacement().priority, 9);
+    ranked.Start().get();
+    EXPECT_EQ(ranked.GetPlacement().priority_given, given);
+    for (const char* config : {"{busy: false, priority: -1}", "{busy: false, priority: 100}"}) {
+        EXPECT_EQ(TextOf<std::runtime_error>([config] {
+                      TestThread{RunUntilStopped, config};
+                  }),
+                  "ERR: node.priority must lie between 0 and 99");
+    }
+}
+
 TEST(Thread, TellsItsLifeInTheLog) {
     LogCapture capture;
     TestThread thread{[](TestThread& self, std::promise<void>& started) {

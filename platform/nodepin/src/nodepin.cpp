@@ -1,5 +1,6 @@
 #include <nodepin/nodepin.hpp>
 
+#include <log4cplus/loggingmacros.h>
 #include <numa.h>
 #include <numaif.h>
 #include <pthread.h>
@@ -40,7 +41,22 @@ std::error_code WithNodeMask(int node, Apply apply) noexcept {
     return apply(mask->maskp, mask->size + 1) ? std::error_code{} : LastError();
 }
 
+// A priority is not worth a run: the thread goes on as an ordinary one.
+void SetPriority(const std::string& name, int priority) {
+    const sched_param parameters{priority};
+    if (priority == 0 || ::sched_setscheduler(0, SCHED_FIFO, &parameters) == 0) return;
+    const std::error_code error = LastError();
+    static log4cplus::Logger logger = log4cplus::Logger::getInstance("nodepin");
+    LOG4CPLUS_WARN(logger, "Thread " << name << " runs at ordinary priority: " << priority
+                                     << " is refused: " << error.message());
+}
+
 }  // namespace
+
+int PriorityOfThisThread() noexcept {
+    sched_param parameters{};
+    return ::sched_getparam(0, &parameters) == 0 ? parameters.sched_priority : 0;
+}
 
 std::error_code CpuAffinity::ApplyToThisThread() const noexcept {
     if (m_cpu < 0 || m_cpu >= CPU_SETSIZE) return {EINVAL, std::system_category()};
@@ -131,6 +147,7 @@ std::error_code ThreadInitializer::Apply(const char*& step) const {
         if (const auto error = m_policies.mem_policy->ApplyToThisThread()) return error;
     }
     step = "";
+    SetPriority(m_name, m_policies.priority);
     return {};
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <system_error>
+#include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 
 using namespace testing;
@@ -61,6 +62,29 @@ TEST(MakeThread, TellsTheCreatorWhyAndNeverRunsTheBody) {
         TextOf<std::system_error>([&] { nodepin::MakeThread("lost", policies, [&ran] { ran = true; }); }),
         AllOf(HasSubstr("lost: binding it to its CPU"), EndsWith(std::strerror(EINVAL))));
     EXPECT_FALSE(ran);
+}
+
+// The kernel knows no priority above 99: the refusal that an unprivileged user meets at all of them.
+TEST(MakeThread, RunsAtTheGivenPriorityAndAsAnOrdinaryThreadWhereItIsRefused) {
+    const auto priority_of = [](int priority) {
+        nodepin::NumaPolicies policies;
+        policies.priority = priority;
+        int given = -1;
+        nodepin::MakeThread("ranked", policies, [&given] { given = nodepin::PriorityOfThisThread(); }).join();
+        return given;
+    };
+    const vosk::test::LogCapture log;
+    EXPECT_EQ(priority_of(0), 0);
+    EXPECT_EQ(log.Lines().size(), 0U);
+    EXPECT_EQ(priority_of(100), 0);
+    EXPECT_THAT(
+        log.Texts("Thread ranked runs at ordinary priority: 100 is refused", log4cplus::WARN_LOG_LEVEL),
+        SizeIs(1));
+    const sched_param lowest{1};
+    if (::sched_setscheduler(0, SCHED_FIFO, &lowest) != 0) GTEST_SKIP() << "no priority is granted";
+    const sched_param none{0};
+    ::sched_setscheduler(0, SCHED_OTHER, &none);
+    EXPECT_EQ(priority_of(3), 3);
 }
 
 TEST(GetNodeOfCpu, KnowsNoNodeOfACpuThatIsNotThere) {

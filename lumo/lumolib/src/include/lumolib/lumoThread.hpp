@@ -32,8 +32,8 @@ namespace vosk::lumo {
 
 class Thread {
 public:
-    // Keys: `busy` (required), `cpu`, `numa_buf_size`. Throws std::runtime_error on a bad node; a placement
-    // that the machine does not allow is a warning.
+    // Keys: `busy` (required), `cpu`, `priority`, `numa_buf_size`. Throws std::runtime_error on a bad node; a
+    // placement that the machine does not allow is a warning.
     Thread(const std::string& name, const oru::configng::PliConfigInstanceNode& node,
            const std::string& description);
     // Stop() has returned.
@@ -57,6 +57,16 @@ public:
     // Whether Work() has returned or failed though nobody had called Stop(). Until the next Start(); any
     // thread.
     bool HasEndedByItself() const noexcept { return m_has_ended_by_itself.load(); }
+
+    struct Placement {
+        int cpu;  // -1 for none
+        bool busy;
+        int priority;        // SCHED_FIFO, 0 for an ordinary thread
+        int priority_given;  // by the system, at the last start
+    };
+    Placement GetPlacement() const noexcept {
+        return {m_cpu, m_busy, m_numa_policies.priority, m_priority_given.load()};
+    }
 
     const std::string& GetName() const noexcept { return m_name; }
     const std::string& GetDescription() const noexcept { return m_description; }
@@ -99,7 +109,7 @@ private:
 
     // All constant after construction, but m_running and m_worker; what the streams send with is the
     // worker's.
-    nodepin::NumaPolicies m_numa_policies;  // empty without a CPU or without NUMA
+    nodepin::NumaPolicies m_numa_policies;  // places nothing without a CPU or without NUMA
     std::unique_ptr<void, std::function<void(void*)>> m_numa_buffer;
     unsigned long m_numa_buf_size = 0;  // bytes
 
@@ -121,6 +131,7 @@ protected:
 
 private:
     std::atomic<bool> m_has_ended_by_itself{false};
+    std::atomic<int> m_priority_given{0};  // written by the worker at its start
     // Worker thread, and the controlling one after the join. The failure that the future hands over is
     // deleted there, never by the worker while its owner may still read it.
     std::exception_ptr m_failure;

@@ -1,8 +1,8 @@
 #pragma once
 
-// Names threads and places them and their memory: a CPU for a thread, a NUMA node for its memory, pages
-// locked in RAM. Used at set-up by whoever makes a thread; nothing here is for a running loop. On a machine
-// without NUMA no CPU has a node, and memory bound to one is refused with an error code.
+// Names threads and places them and their memory: a CPU and a priority for a thread, a NUMA node for its
+// memory, pages locked in RAM. Used at set-up by whoever makes a thread; nothing here is for a running loop.
+// On a machine without NUMA no CPU has a node, and memory bound to one is refused with an error code.
 
 #include <condition_variable>
 #include <cstddef>
@@ -45,7 +45,15 @@ private:
 struct NumaPolicies {
     std::optional<CpuAffinity> cpu_affinity;
     std::optional<MemPolicy> mem_policy;
+    int priority = 0;  // SCHED_FIFO, up to MAX_PRIORITY; 0 for an ordinary thread
 };
+inline constexpr int MAX_PRIORITY = 99;
+
+// The priority of a thread whose configuration names none. Set before there are threads.
+inline int default_priority = 0;
+
+// The SCHED_FIFO priority that the calling thread has, 0 for an ordinary one.
+int PriorityOfThisThread() noexcept;
 
 // Nothing for a CPU that is not there, and on a machine without NUMA.
 std::optional<int> GetNodeOfCpu(int cpu) noexcept;
@@ -69,7 +77,7 @@ public:
     ThreadInitializer& operator=(const ThreadInitializer&) = delete;
 
     // New thread, first of all: names and places it and makes its sleeps precise. The thread must end on an
-    // error, and must not touch this object again.
+    // error, and must not touch this object again. A priority that the system refuses is a WARN, no error.
     std::error_code Initialize();
 
     // Creating thread: blocks until Initialize() is done. Code 0 for success.
@@ -91,8 +99,8 @@ private:
 
 // Starts a thread under the name, of which the system keeps the first 15 characters, and the policies, and
 // runs `body` there. Where the system allows it, its sleeps overshoot by the least that the kernel can do,
-// not by its 50 us of default slack. Returns when the thread is set up; throws std::system_error if it could
-// not be, and `body` then never runs.
+// not by its 50 us of default slack. A thread whose priority is refused runs as an ordinary one. Returns when
+// the thread is set up; throws std::system_error if it could not be, and `body` then never runs.
 template <class Body>
 std::thread MakeThread(std::string_view name, const NumaPolicies& policies, Body&& body) {
     detail::ThreadInitializer initializer{name, policies};
