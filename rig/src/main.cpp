@@ -58,7 +58,7 @@ int MakeData(const DataOptions& options) {
 
 int RunScenario(const std::filesystem::path& file, RunPaths paths, double seconds) {
     Scenario scenario = LoadScenario(file);
-    if (seconds > 0.0) scenario.ChangeDuration(Seconds{seconds});
+    if (seconds > 0.0) scenario.duration = Seconds{seconds};
     if (paths.out.empty()) paths.out = FindRoot() / "run" / scenario.name;
     if (paths.data.empty()) paths.data = paths.out.parent_path() / "data";
     if (paths.host.empty()) paths.host = HostBesideRig();
@@ -94,6 +94,7 @@ void AddShowFrameOptions(CLI::App& command, ShowFrameOptions& options) {
 int Main(int argc, char** argv) {
     common::SetupLogging(log4cplus::WARN_LOG_LEVEL);
     CLI::App app("The bench telescope: simulated peers around vosk-host, and a verdict on what they saw.");
+    app.set_version_flag("--version", "vosk-rig " VOSK_VERSION);
     app.require_subcommand(1);
 
     DataOptions data;

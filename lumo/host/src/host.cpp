@@ -27,6 +27,11 @@ using lumo::VoskHandoverManager;
 
 namespace {
 
+// As the library has done: once more says why it could not.
+int LockMemory() {
+    return lumo::SetRTParameters() == 0 ? 0 : errno;
+}
+
 // A handover takes a few cycles of 2 ms; its steps are worth seeing.
 constexpr std::chrono::milliseconds LOOK_DURING_HANDOVER{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
@@ -77,14 +82,17 @@ void StopSignals::Admit() {
 }
 
 Host::Host(const gim::Config& config, const HostSettings& settings, bool serve_stdin)
-    : m_library{settings.shm_prefix.value_or(DEFAULT_SHM_PREFIX)} {
+    : m_library{settings.shm_prefix.value_or(DEFAULT_SHM_PREFIX)}, m_memory_error{LockMemory()} {
     if (serve_stdin) m_terminal.emplace(STDIN_FILENO, STDOUT_FILENO);
     TelemSender::m_default_telegraph_host_ip_addr = settings.telegraf_address;
     TelemSender::m_default_telegraph_port = settings.telegraf_port;
+    nodepin::default_priority = settings.priority;
     lumo::ResetControlState();
     m_library.SetupThreads(config);
+    if (HasNoCpuToSpare(ThreadStates(), ::sysconf(_SC_NPROCESSORS_ONLN))) common::LogWarn(NO_CPU_TO_SPARE);
     try {
         m_library.StartThreads();
+        ShowMachine();
         // Last: who can connect finds a running system.
         if (settings.control_socket) m_socket.emplace(*settings.control_socket);
     } catch (...) {
@@ -135,6 +143,16 @@ void Host::SetCamera(defs::Camera camera) {
     LookAtControlState();
 }
 
+void Host::ShowMachine() {
+    m_machine = LookAtMachine(ThreadStates(), m_memory_error);
+    common::LogInfo("{}", ToLine(m_machine));
+    if (m_machine.tai_offset != 0) return;
+    common::LogWarn(
+        "The kernel does not know how far TAI is ahead of UTC: all times are UTC, 37 s behind those of peers "
+        "that "
+        "know. chrony (leapsectz right/UTC) or ptp4l with phc2sys tells it.");
+}
+
 void Host::LookAtControlState() {
     const VoskHandoverManager& handover = VoskHandoverManager::GetInstance();
     m_state.mode = m_library.GetControlMode();
@@ -152,14 +170,24 @@ void Host::LookAtThreads() {
     }
 }
 
+std::vector<ThreadState> Host::ThreadStates() const {
+    std::vector<ThreadState> states;
+    for (const auto& [name, thread] : m_library.GetThreads())
+        states.push_back({name, thread->GetPlacement()});
+    return states;
+}
+
 std::string Host::Status() {
     LookAtControlState();
     LookAtThreads();
+    m_machine.tai_offset = ReadTaiOffset();  // a daemon may have set it since
     const lumo::PerformanceData& performance = RuntimeMonitor::GetPerformanceData();
     host::Status status{.control = m_state,
                         .handover_running = VoskHandoverManager::IsOnTheWay(m_state.handover_state),
                         .gp_centering = lumo::VoskTelescopeStateManager::GetGPCenteringEnabled(),
                         .record = RuntimeMonitor::GetStateData().GetTopicData(),
+                        .machine = m_machine,
+                        .threads = ThreadStates(),
                         .threads_ended = {m_threads_ended.begin(), m_threads_ended.end()},
                         .streams = {},
                         .counts = lumo::Read(*RuntimeMonitor::GetInstance().m_command_counts),

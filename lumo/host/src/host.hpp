@@ -8,6 +8,7 @@
 #include "controlSocket.hpp"
 #include "eventList.hpp"
 #include "hostSettings.hpp"
+#include "machine.hpp"
 
 #include <gim/config.hpp>
 #include <lumolib/libMain.hpp>
@@ -17,6 +18,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace vosk::host {
 
@@ -57,13 +59,17 @@ public:
 
 private:
     void WaitForWork(const StopSignals& signals);
+    void ShowMachine();
     void LookAtControlState();
     void LookAtThreads();
+    std::vector<ThreadState> ThreadStates() const;
 
     lumo::LibMain m_library;
+    const int m_memory_error;  // errno of locking the memory
     std::optional<ControlSocket> m_socket;
     std::optional<CommandStream> m_terminal;
     bool m_running = true;
+    Machine m_machine;  // as found when the threads had started
     ControlState m_state;
     EventList m_events;
     std::set<std::string> m_threads_ended;  // by themselves; each has been logged

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
+#include <nodepin/nodepin.hpp>
 
 #include <cerrno>
 #include <filesystem>
@@ -33,6 +34,12 @@ void ReadLogLevel(const PliConfigInstanceNode& value, HostSettings& settings) {
     ParseLogLevel(*settings.log_level);
 }
 
+void ReadPriority(const PliConfigInstanceNode& value, HostSettings& settings) {
+    settings.priority = value.As<int>();
+    if (settings.priority >= 0 && settings.priority <= nodepin::MAX_PRIORITY) return;
+    throw std::runtime_error{fmt::format("a priority lies between 0 and {}", nodepin::MAX_PRIORITY)};
+}
+
 // An address without a port, or the reverse, would switch telemetry off without a word.
 void ReadTelegraf(const PliConfigInstanceNode& value, HostSettings& settings) {
     settings.telegraf_address = value["address"].As<std::string>();
@@ -53,6 +60,7 @@ std::span<const HostKey> HostKeys() {
                                        {"shm_prefix", ReadShmPrefix},
                                        {"log_level", ReadLogLevel},
                                        {"log_file", ReadText<&HostSettings::log_file>},
+                                       {"priority", ReadPriority},
                                        {"telegraf", ReadTelegraf}};
     return KEYS;
 }

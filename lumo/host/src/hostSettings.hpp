@@ -8,6 +8,7 @@
 //     shm_prefix: /vosk_                    in front of the names of shared-memory topics
 //     log_level: info                       trace, debug, info, warn or error
 //     log_file: /var/log/vosk.log           standard output without it
+//     priority: 10                          SCHED_FIFO, of threads that name none; 0, ordinary, without it
 //     telegraf: {address: 127.0.0.1, port: 8094}   no telemetry lines without it
 
 #include <log4cplus/loglevel.h>
@@ -24,6 +25,7 @@ struct HostSettings {
     std::optional<std::string> shm_prefix;
     std::optional<std::string> log_level;
     std::optional<std::string> log_file;
+    int priority = 0;
     std::string telegraf_address;
     int telegraf_port = 0;
 };

@@ -31,7 +31,6 @@ constexpr int EXIT_USAGE = 2;
 struct CommandLine {
     std::string document;
     HostSettings settings;
-    std::string blas_kernel;
     bool serve_stdin = false;
     bool check_only = false;
 };
@@ -59,10 +58,8 @@ void Describe(CLI::App& app, CommandLine& line) {
         ->check(Accepts(ParseLogLevel));
     app.add_option("--log-file", line.settings.log_file,
                    "Where the log goes in the place of standard output");
-    app.add_option("--blas-kernel", line.blas_kernel,
-                   "Kernel of OpenBLAS, or 'auto' to let the CPU decide against OPENBLAS_CORETYPE")
-        ->check(Accepts(VetBlasOption));
     app.add_flag("--stdin", line.serve_stdin, "Take commands from standard input though it is no terminal");
+    app.set_version_flag("--version", "vosk-host " VOSK_VERSION);
     CLI::App* check = app.add_subcommand("check", "Tell what is wrong with a document, run nothing");
     check->add_option("CONFIG", line.document, "Configuration document")->required();
     check->callback([&line] { line.check_only = true; });
@@ -114,13 +111,12 @@ int Check(const gim::Config& config) {
 int Run(const CommandLine& line, char** arguments) {
     if (line.check_only) return Check(LoadDocument(line.document));
 
-    const std::string blas_text = LoadBestBlasKernel(line.blas_kernel, arguments);
+    LoadBestBlasKernel(arguments);
     const gim::Config config = LoadDocument(line.document);
     const StopSignals signals;
     const HostSettings settings = Merge(line.settings, ReadHostSettings(config.GetDocument()->Instances()));
     SetupLog(settings);
     common::LogInfo("Reading configuration document {}", config.GetPath());
-    common::LogInfo("{}", blas_text);
     Host host{config, settings, line.serve_stdin || ::isatty(STDIN_FILENO) != 0};
     host.Run(signals);
     return EXIT_SUCCESS;
@@ -149,8 +145,8 @@ int Main(int argc, char** argv) {
     Describe(app, line);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& shown) {  // the help or the version
+        return app.exit(shown);
     } catch (const CLI::ParseError& error) {
         return Fail(error.what(), EXIT_USAGE);
     }

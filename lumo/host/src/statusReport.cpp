@@ -37,6 +37,21 @@ Json JsonExtreme(const lumo::StreamTopic& stream, float value) {
     return stream.period_max < stream.period_min ? Json() : JsonPeriod(stream, value);
 }
 
+Json MachineJson(const Machine& machine) {
+    return {{"version", machine.version},        {"memory", machine.memory},
+            {"priority", machine.priority},      {"tai_offset", machine.tai_offset},
+            {"preemption", machine.preemption},  {"clock_source", machine.clock_source},
+            {"blas_kernel", machine.blas_kernel}};
+}
+
+Json ThreadJson(const ThreadState& thread) {
+    return {{"name", thread.name},
+            {"cpu", thread.placement.cpu},
+            {"busy", thread.placement.busy},
+            {"priority", thread.placement.priority},
+            {"priority_given", thread.placement.priority_given}};
+}
+
 Json StreamJson(const lumo::StreamTopic& stream) {
     return {{"name", common::shmif::GetStreamName(lumo::DataStreamIdentifier{stream.stream_id})},
             {"valid", stream.valid},
@@ -100,6 +115,8 @@ std::string ToJson(const Status& status) {
                     {"primary_gp", record.primary_gp},
                     {"m1_offload", record.m1_offload},
                     {"guiding", record.guiding},
+                    {"machine", MachineJson(status.machine)},
+                    {"threads", JsonList(status.threads, ThreadJson)},
                     {"threads_ended", status.threads_ended},
                     {"streams", JsonList(status.streams, StreamJson)},
                     {"counts", CountsJson(status.counts)},

@@ -3,6 +3,7 @@
 // The answer to "status": one line of JSON.
 
 #include "eventList.hpp"
+#include "machine.hpp"
 
 #include <lumolib/commandCounts.hpp>
 #include <lumolib/performanceData.hpp>
@@ -18,9 +19,11 @@ namespace vosk::host {
 
 struct Status {
     ControlState control;
-    bool handover_running = false;           // M4 is on its way from one source to the other
-    bool gp_centering = true;                // what the threads go by; the record's is as last commanded
-    lumo::StateTopic record;                 // of which mode and source are in `control` already
+    bool handover_running = false;  // M4 is on its way from one source to the other
+    bool gp_centering = true;       // what the threads go by; the record's is as last commanded
+    lumo::StateTopic record;        // of which mode and source are in `control` already
+    Machine machine;
+    std::vector<ThreadState> threads;
     std::vector<std::string> threads_ended;  // names of the threads that ended by themselves
     std::vector<lumo::StreamTopic> streams;
     lumo::CommandFigures counts{};
