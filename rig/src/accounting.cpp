@@ -74,8 +74,14 @@ private:
     }
 
     void NameAnsweredCommands() {
+        std::vector<bool> named(m_facts.commands.size(), false);
         for (const CheckedSetpoint& checked : m_facts.checked) {
             if (!checked.command) continue;
+            if (named[*checked.command]) {
+                ++m_accounts.repeated;
+                continue;
+            }
+            named[*checked.command] = true;
             switch (checked.content) {
                 case Content::AsPredicted:
                     FateOf(*checked.command) = CommandFate::AsPredicted;
@@ -208,6 +214,8 @@ private:
             m_accounts.velocity_limited += checked.velocity_limited ? 1 : 0;
             m_accounts.gap_limited += checked.gap_limited ? 1 : 0;
             m_accounts.retimed += checked.retimed ? 1 : 0;
+            m_accounts.early += setpoint.arrived < setpoint.planned - CLOCK_DIFFERENCE ? 1 : 0;
+            m_accounts.sent_late += SentLate(setpoint) ? 1 : 0;
             m_accounts.unmarked += setpoint.marked_valid ? 0 : 1;
             m_accounts.setpoints_for_no_command += checked.content == Content::NoCommand ? 1 : 0;
             const bool runs_on =
@@ -238,11 +246,16 @@ private:
             }
             if (checked.prior_answer != PriorAnswer::NotTaken || checked.setpoint == 0) continue;
             const SetpointRecord& before = m_facts.setpoints[checked.setpoint - 1];
-            if (before.answer == AnswerFate::Sent && InTime(before) && !Disturbed(checked.setpoint - 1))
+            // A setpoint that was sent late is an exception by that name already.
+            if (before.answer == AnswerFate::Sent && InTime(before) && !SentLate(before) &&
+                !Disturbed(checked.setpoint - 1))
                 ++answers.not_taken;
         }
     }
 
+    bool SentLate(const SetpointRecord& setpoint) const {
+        return setpoint.arrived > setpoint.planned + m_scenario.expect.send_margin;
+    }
     bool InTime(const SetpointRecord& setpoint) const {
         return setpoint.answer_sent + ANSWER_TRAVEL <= AnswerDeadline(setpoint);
     }
@@ -288,10 +301,10 @@ private:
         m_accounts.count.fill(0);
         for (const CommandFate fate : m_accounts.fates) ++m_accounts.count[static_cast<std::size_t>(fate)];
         m_accounts.valid_in_ins_control = m_accounts.fates.size() - m_accounts.Count(CommandFate::NotForM4);
-        m_accounts.exceptions = m_accounts.Count(CommandFate::Overwritten) +
-                                m_accounts.Count(CommandFate::Late) +
-                                m_accounts.Count(CommandFate::Replaced) +
-                                m_accounts.Count(CommandFate::Incomplete) + m_accounts.answers.not_taken;
+        m_accounts.exceptions =
+            m_accounts.Count(CommandFate::Overwritten) + m_accounts.Count(CommandFate::Late) +
+            m_accounts.Count(CommandFate::Replaced) + m_accounts.Count(CommandFate::Incomplete) +
+            m_accounts.sent_late + m_accounts.answers.not_taken;
     }
 
     void Judge() {
@@ -306,6 +319,8 @@ private:
                "setpoints went unchecked, as the rig could not keep up");
         refuse(m_accounts.setpoints_for_no_command, "setpoints carry a time that belongs to no command");
         refuse(m_accounts.out_of_order, "setpoints came with packets or sample IDs out of order");
+        refuse(m_accounts.repeated, "setpoints belong to a command that had one already");
+        refuse(m_accounts.early, "setpoints reached M4 before their planned send time");
         refuse(m_accounts.unmarked, "setpoints are not marked valid");
         refuse(m_facts.foreign_packets, "packets at M4's port were no part of a setpoint");
         refuse(m_facts.log_overflow, "records did not fit the rig's own logs");

@@ -41,6 +41,9 @@ std::string_view MeaningOf(CommandFate fate);
 // What an answer takes from M4 to the system's decision when both threads on that road sleep: two wake-ups.
 inline constexpr std::chrono::microseconds ANSWER_TRAVEL{200};
 
+// Two clocks are read for a lateness, the host's and the kernel's at M4, and they may differ by so much.
+inline constexpr std::chrono::microseconds CLOCK_DIFFERENCE{1};
+
 struct AnswerCounts {
     std::uint64_t in_time = 0;  // sent so early that the system must have it before it stops waiting
     std::uint64_t close = 0;    // sent before that moment, but so close to it that either may happen
@@ -69,6 +72,7 @@ struct RunFacts {
     HostComplaints complaints;
     HostStatus status;  // the last one before the end
     time_point status_time;
+    bool at_rest = false;                  // no sample was on its way then
     std::optional<time_point> stop_asked;  // of the host, in mid-run
     std::optional<std::chrono::nanoseconds> stop_took;
     std::optional<int> host_exit;
@@ -83,7 +87,10 @@ struct Accounts {
     std::vector<CommandFate> fates;  // one a command
     std::array<std::uint64_t, COMMAND_FATES> count{};
     std::uint64_t valid_in_ins_control = 0;
-    std::uint64_t exceptions = 0;  // overwritten, late, incomplete, answered in time but not taken
+    std::uint64_t exceptions = 0;  // overwritten, late, replaced, incomplete, sent late, answer not taken
+    std::uint64_t sent_late = 0;   // setpoints that reached M4 after the margin behind their time
+    std::uint64_t early = 0;       // setpoints that reached M4 before their time
+    std::uint64_t repeated = 0;    // setpoints for a command that had one already
     std::uint64_t retimed = 0;
     std::uint64_t velocity_limited = 0;
     std::uint64_t gap_limited = 0;

@@ -5,6 +5,7 @@
 
 #include "scenario.hpp"
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -23,6 +24,16 @@ struct Fault {
 // shuffled or misnumbered one that depends on its receiver's patience, so both are allowed.
 enum class Harm { None, Possible, Certain };
 Harm HarmOf(FaultKind kind);
+
+// How many samples of a stream met with which fault.
+struct FaultCounts {
+    std::array<std::uint64_t, FAULT_KINDS> by_kind{};
+
+    void Add(std::optional<FaultKind> kind) {
+        if (kind) ++by_kind[static_cast<std::size_t>(*kind)];
+    }
+    std::uint64_t Of(FaultKind kind) const { return by_kind[static_cast<std::size_t>(kind)]; }
+};
 
 class FaultGenerator {
 public:

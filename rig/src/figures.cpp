@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace vosk::rig {
 namespace {
@@ -38,22 +39,18 @@ const HostStream* Find(const HostStatus& status, const char* name) {
 StreamFigures CommandFigures(const RunFacts& facts, double period_us) {
     StreamFigures stream;
     stream.name = "wavefront command";
-    std::uint64_t marked_invalid = 0;
     std::vector<time_point> times;
     for (const CommandRecord& command : facts.commands) {
         times.push_back(command.sent);
-        if (command.sent > facts.status_time) continue;
-        ++stream.sent;
-        marked_invalid += command.valid ? 0 : 1;
+        stream.sent += command.sent <= facts.status_time ? 1 : 0;
     }
     MeasurePeriods(stream, times, LONGEST_PERIOD * period_us);
     if (const HostStream* host = Find(facts.status, "AO_WAVEFRONT_CMD_INPUT")) {
         stream.counted = true;
-        stream.received = host->samples + marked_invalid;
+        stream.received = host->samples;
         stream.invalid = host->invalid;
     }
-    stream.lost = static_cast<std::int64_t>(stream.sent) - static_cast<std::int64_t>(stream.received);
-    stream.remark = "invalid: as the host counts, broken samples included";
+    stream.remark = "invalid: marked so, or broken";
     return stream;
 }
 
@@ -71,12 +68,11 @@ StreamFigures SetpointFigures(const RunFacts& facts, double period_us) {
         stream.sent = host->samples;
     }
     stream.invalid = facts.incomplete_setpoints;
-    stream.lost = static_cast<std::int64_t>(stream.sent) - static_cast<std::int64_t>(stream.received);
     stream.remark = "sent: as the host counts";
     return stream;
 }
 
-StreamFigures AnswerFigures(const RunFacts& facts, const AnswerCounts& answers, double period_us) {
+StreamFigures AnswerFigures(const RunFacts& facts, double period_us) {
     StreamFigures stream;
     stream.name = "am:setpoint_applied";
     std::vector<time_point> times;
@@ -91,9 +87,51 @@ StreamFigures AnswerFigures(const RunFacts& facts, const AnswerCounts& answers, 
         stream.received = host->samples;
         stream.invalid = host->invalid;
     }
-    stream.lost = static_cast<std::int64_t>(stream.sent) - static_cast<std::int64_t>(stream.received);
-    if (answers.harmed > 0) stream.remark = fmt::format("{} of them harmed by the rig", answers.harmed);
     return stream;
+}
+
+StreamFigures FeedbackFigures(const FeedbackCounts& feedback) {
+    StreamFigures stream;
+    stream.name = "M4 feedback";
+    stream.sent = feedback.sent;
+    stream.remark = "the host keeps no count of this stream";
+    return stream;
+}
+
+std::vector<FaultFigures> CountFaults(const Scenario& scenario, const RunFacts& facts,
+                                      const FeedbackCounts& feedback) {
+    FaultCounts commands;
+    for (const CommandRecord& command : facts.commands) commands.Add(command.fault);
+    FaultCounts answers;
+    for (const SetpointRecord& setpoint : facts.setpoints) answers.Add(setpoint.answer_fault);
+    const auto reported = [&](const char* name) {
+        const HostStream* host = Find(facts.status, name);
+        return fmt::format("host: {} invalid", host ? host->invalid : 0);
+    };
+    struct Row {
+        Stream stream;
+        const FaultCounts& counts;
+        std::string reported;
+    };
+    const std::array<Row, 3> rows{
+        {{Stream::WavefrontCommand, commands, reported("AO_WAVEFRONT_CMD_INPUT")},
+         {Stream::SetpointApplied, answers,
+          fmt::format("{}; {} answers missing, {} foreign", reported("M4_INPUT"),
+                      facts.complaints.missing_answers, facts.complaints.foreign_answers)},
+         {Stream::Feedback, feedback.faults, "the host keeps no count of this stream"}}};
+    std::vector<FaultFigures> faults;
+    for (const Row& row : rows) {
+        std::string told = row.reported;
+        for (std::size_t i = 0; i < FAULT_KINDS; ++i) {
+            const auto kind = static_cast<FaultKind>(i);
+            const bool named = std::any_of(
+                scenario.faults.begin(), scenario.faults.end(),
+                [&](const FaultRule& rule) { return rule.stream == row.stream && rule.kind == kind; });
+            if (named)
+                faults.push_back({row.stream, kind, row.counts.Of(kind), std::exchange(told, std::string())});
+        }
+    }
+    return faults;
 }
 
 }  // namespace
@@ -110,7 +148,7 @@ StreamCells CellsOf(const StreamFigures& stream) {
     const auto if_known = [](bool known, const std::string& text) { return known ? text : std::string("-"); };
     return {fmt::to_string(stream.sent),
             if_known(stream.counted, fmt::to_string(stream.received)),
-            if_known(stream.counted, fmt::to_string(stream.lost)),
+            stream.lost ? fmt::to_string(*stream.lost) : "-",
             if_known(stream.counted, fmt::to_string(stream.invalid)),
             if_known(stream.rate > 0.0, fmt::format("{:.2f}", stream.rate)),
             if_known(stream.rate > 0.0, fmt::format("{:.1f}", stream.jitter))};
@@ -122,10 +160,11 @@ Spread SpreadOf(std::vector<double> values) {
     const auto at = [&](double share) {
         return values[static_cast<std::size_t>(share * static_cast<double>(values.size() - 1))];
     };
-    return {at(0.5), at(0.99), values.back()};
+    return {values.front(), at(0.5), at(0.99), values.back()};
 }
 
-Figures MakeFigures(const RunFacts& facts, const Accounts& accounts, const FeedbackCounts& feedback) {
+Figures MakeFigures(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts,
+                    const FeedbackCounts& feedback) {
     Figures figures;
     double period_us = 1e12;
     for (std::size_t i = 1; i < facts.commands.size(); ++i)
@@ -133,15 +172,15 @@ Figures MakeFigures(const RunFacts& facts, const Accounts& accounts, const Feedb
                              MicrosecondsOf(facts.commands[i].time_stamp - facts.commands[i - 1].time_stamp));
     figures.streams.push_back(CommandFigures(facts, period_us));
     figures.streams.push_back(SetpointFigures(facts, period_us));
-    figures.streams.push_back(AnswerFigures(facts, accounts.answers, period_us));
-    StreamFigures feedback_stream;
-    feedback_stream.name = "M4 feedback";
-    feedback_stream.sent = feedback.sent;
-    feedback_stream.remark = "the host keeps no count of this stream";
-    figures.streams.push_back(feedback_stream);
-    if (facts.stop_asked)
-        for (StreamFigures& stream : figures.streams)
-            if (stream.counted) stream.remark = "counted in mid-flow, with a sample or two on their way";
+    figures.streams.push_back(AnswerFigures(facts, period_us));
+    figures.streams.push_back(FeedbackFigures(feedback));
+    for (StreamFigures& stream : figures.streams) {
+        if (!stream.counted) continue;
+        if (!facts.at_rest) stream.remark = "counted in mid-flow, with a sample or two on their way";
+        const std::uint64_t arrived = stream.received + stream.invalid;
+        if (facts.at_rest) stream.lost = stream.sent - std::min(stream.sent, arrived);
+    }
+    figures.faults = CountFaults(scenario, facts, feedback);
 
     std::vector<double> instrument;
     for (const CommandRecord& command : facts.commands)
@@ -166,19 +205,31 @@ Figures MakeFigures(const RunFacts& facts, const Accounts& accounts, const Feedb
 
     for (const ModeTimeline::Change& change : facts.modes) {
         const auto mode = vosk::to_string(change.mode);
-        figures.handover.emplace_back(SecondsSince(facts, change.asked), "rig asks for " + mode);
+        figures.history.emplace_back(SecondsSince(facts, change.asked), "rig asks for " + mode);
         if (change.done != time_point::max())
-            figures.handover.emplace_back(SecondsSince(facts, change.done), "host confirms " + mode);
+            figures.history.emplace_back(SecondsSince(facts, change.done), "host confirms " + mode);
+    }
+    for (const Step& step : scenario.steps)
+        if (!std::holds_alternative<SetMode>(step.action) && step.at < scenario.duration)
+            figures.history.emplace_back(step.at.count(), "step: " + ToString(step));
+    for (const Recovery& recovery : accounts.recoveries) {
+        const auto text = [](const auto& duration) {
+            return duration ? fmt::format("{:.3f} ms", MicrosecondsOf(*duration) / 1e3)
+                            : std::string("never");
+        };
+        figures.history.emplace_back(SecondsSince(facts, recovery.returned),
+                                     fmt::format("M4 is back: first setpoint after {}, in step after {}",
+                                                 text(recovery.first_setpoint), text(recovery.in_step)));
     }
     for (const HostEvent& event : facts.status.events)
-        figures.handover.emplace_back(SecondsSince(facts, event.time), "host: " + event.text);
+        figures.history.emplace_back(SecondsSince(facts, event.time), "host: " + event.text);
     for (const CheckedSetpoint& checked : facts.checked) {
         if (!checked.command) continue;
-        figures.handover.emplace_back(SecondsSince(facts, facts.setpoints[checked.setpoint].arrived),
-                                      "first setpoint at M4");
+        figures.history.emplace_back(SecondsSince(facts, facts.setpoints[checked.setpoint].arrived),
+                                     "first setpoint at M4");
         break;
     }
-    std::stable_sort(figures.handover.begin(), figures.handover.end(),
+    std::stable_sort(figures.history.begin(), figures.history.end(),
                      [](const auto& left, const auto& right) { return left.first < right.first; });
     return figures;
 }

@@ -3,10 +3,12 @@
 // Writes the rig's FITS images: beside the file and moved into place, so that an interrupted run leaves no
 // half of one.
 
+#include <unistd.h>
 #include <vosk/common/fits.hpp>
 
 #include <filesystem>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace vosk::rig {
@@ -15,7 +17,8 @@ namespace vosk::rig {
 template <class T>
 void WriteFitsImage(const std::filesystem::path& file, std::span<const T> values,
                     const std::vector<std::size_t>& axes) {
-    const std::filesystem::path partial = file.string() + ".part";
+    // A name of its own, as two runs may want the same file at a time.
+    const std::filesystem::path partial = file.string() + "." + std::to_string(getpid()) + ".part";
     {
         const auto fits = common::Fits::FitsFileWrite(partial.string(), true);
         common::Fits::WriteImg<T>(fits, values, axes);

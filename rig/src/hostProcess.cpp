@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <yaml-cpp/yaml.h>
+#include <nlohmann/json.hpp>
 
 #include <array>
 #include <charconv>
@@ -139,21 +140,20 @@ std::string MakeHostDocument(const Scenario& scenario, const Ports& ports, const
 
 HostStatus ParseHostStatus(const std::string& json) {
     try {
-        const YAML::Node node = YAML::Load(json);
+        const auto report = nlohmann::json::parse(json);
         HostStatus status;
-        status.mode = node["mode"].as<std::string>();
-        status.source = node["source"].as<std::string>();
-        status.handover_state = node["handover_state"].as<int>();
-        status.log_dropped = node["log_dropped"].as<std::uint64_t>();
-        for (const YAML::Node& stream : node["streams"])
-            status.streams[stream["name"].as<std::string>()] = {stream["samples"].as<std::uint64_t>(),
-                                                                stream["invalid"].as<std::uint64_t>()};
-        for (const YAML::Node& event : node["events"])
-            status.events.push_back(
-                {atomclk::AtomClk::time_point{std::chrono::nanoseconds{event["time_ns"].as<std::int64_t>()}},
-                 event["text"].as<std::string>()});
+        report.at("mode").get_to(status.mode);
+        report.at("source").get_to(status.source);
+        report.at("handover_state").get_to(status.handover_state);
+        report.at("log_dropped").get_to(status.log_dropped);
+        for (const auto& stream : report.at("streams"))
+            status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid")};
+        for (const auto& event : report.at("events"))
+            status.events.push_back({atomclk::AtomClk::time_point{
+                                         std::chrono::nanoseconds{event.at("time_ns").get<std::int64_t>()}},
+                                     event.at("text")});
         return status;
-    } catch (const YAML::Exception& error) {
+    } catch (const nlohmann::json::exception& error) {
         throw std::runtime_error(fmt::format("the host's status can't be read: {}: {}", error.what(), json));
     }
 }

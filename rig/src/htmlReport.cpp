@@ -86,12 +86,12 @@ PlotSeries Range(const Slices& slices, const char* name, const char* css_class) 
     return {name, css_class, PlotSeries::Style::Band, slices.time, slices.high, slices.low};
 }
 
-class Report {
+class Page {
 public:
-    Report(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts, const Figures& figures)
-        : m_scenario(scenario), m_facts(facts), m_accounts(accounts), m_figures(figures) {}
+    Page(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts)
+        : m_scenario(scenario), m_facts(facts), m_accounts(accounts) {}
 
-    std::string Make(const std::string& machine) {
+    std::string Make(const RunReport& report, const std::string& machine) {
         Write(
             "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>vosk-rig: "
             "{}</title>\n{}</head>"
@@ -99,14 +99,9 @@ public:
             EscapeHtml(m_scenario.name), STYLE);
         Write("<h1>Bench telescope: {}</h1>\n<p>{}</p>\n<p class=\"note\">{}</p>\n",
               EscapeHtml(m_scenario.name), EscapeHtml(m_scenario.description), EscapeHtml(machine));
-        WriteVerdict();
-        WriteSettings();
-        WriteCommands();
-        WriteAnswers();
-        WriteStreams();
-        WriteTimes();
+        WriteVerdict(report);
+        for (const ReportSection& section : report.sections) WriteSection(section);
         WritePlots();
-        WriteHistory();
         WriteNotes();
         Write("</body></html>\n");
         return std::move(m_html);
@@ -118,102 +113,30 @@ private:
         fmt::format_to(Output(m_html), format, std::forward<Args>(args)...);
     }
 
-    void WriteVerdict() {
-        if (m_accounts.Holds()) {
-            Write(
-                "<p class=\"verdict\">The verdict holds: {} of {} valid commands under INS control led to "
-                "the setpoint "
-                "that the rig computes; every other one is accounted for by name.</p>\n",
-                m_accounts.Count(CommandFate::AsPredicted), m_accounts.valid_in_ins_control);
-            return;
-        }
-        Write("<div class=\"verdict no\">The verdict does not hold.<ul>\n");
-        for (const std::string& violation : m_accounts.violations)
-            Write("<li>{}</li>\n", EscapeHtml(violation));
+    void WriteVerdict(const RunReport& report) {
+        Write("<div class=\"verdict{}\">{}<ul>\n", report.holds ? "" : " no", EscapeHtml(report.verdict));
+        for (const std::string& violation : report.violations) Write("<li>{}</li>\n", EscapeHtml(violation));
         Write("</ul></div>\n");
     }
 
-    void WriteSettings() {
-        const HostSettings& host = m_scenario.host;
-        Write(
-            "<p>{:g} commands a second for {:g} s; {} managed modes, {} scaling; setpoints leave {} us after "
-            "the "
-            "command's time stamp, answers are awaited for {} us; M4 answers {} us after a setpoint.</p>\n",
-            m_scenario.instrument.rate, m_scenario.duration.count(), host.managed_modes,
-            host.delta_scaling ? "delta" : "absolute", host.m4_send_delay.count(),
-            host.m4_response_timeout.count(), m_scenario.m4.answer_delay.count());
-        Write("<p>Host and peers ran at {} priority.</p>\n", m_facts.realtime ? "real-time" : "ordinary");
-        for (const FaultRule& rule : m_scenario.faults)
-            Write("<p>Faults injected: {:g} % of {}: {}.</p>\n", 100.0 * rule.share, ToString(rule.stream),
-                  ToString(rule.kind));
-    }
-
-    void WriteCommands() {
-        Write("<h2>Commands</h2>\n<table><tr><th>what became of them</th><th>count</th><th></th></tr>\n");
-        for (std::size_t i = 0; i < COMMAND_FATES; ++i) {
-            if (m_accounts.count[i] == 0) continue;
-            const auto fate = static_cast<CommandFate>(i);
-            Write("<tr><td>{}</td><td>{}</td><td class=\"text\">{}</td></tr>\n", NameOf(fate),
-                  m_accounts.count[i], MeaningOf(fate));
+    void WriteSection(const ReportSection& section) {
+        if (section.rows.empty() && section.notes.empty()) return;
+        Write("<h2>{}</h2>\n", EscapeHtml(section.title));
+        if (!section.rows.empty()) {
+            Write("<table>");
+            WriteRow("th", section.head, section.head);
+            for (const auto& row : section.rows) WriteRow("td", row, section.head);
+            Write("</table>\n");
         }
-        Write("<tr><td>all</td><td>{}</td><td></td></tr></table>\n", m_facts.commands.size());
-        if (m_facts.instrument_overruns > 0)
-            Write("<p>{} commands more were never sent, as the rig itself woke too late for them.</p>\n",
-                  m_facts.instrument_overruns);
-        Write(
-            "<p>Exceptions (overwritten, late, replaced, incomplete, answer not taken): {} = {:.3f} % of the "
-            "valid "
-            "commands "
-            "under INS control; {:.3g} % are allowed. The step limit scaled {} setpoints, the position limit "
-            "{}.</p>\n",
-            m_accounts.exceptions, 100.0 * m_accounts.ExceptionShare(),
-            100.0 * m_scenario.expect.max_exceptions, m_accounts.velocity_limited, m_accounts.gap_limited);
+        for (const std::string& note : section.notes) Write("<p>{}</p>\n", EscapeHtml(note));
     }
 
-    void WriteAnswers() {
-        const AnswerCounts& answers = m_accounts.answers;
-        Write(
-            "<h2>Answers of M4</h2>\n<table><tr><th>in time</th><th>close</th><th>late</th><th>wrong "
-            "ID</th><th>harmed</th>"
-            "<th>not sent</th><th>in time but not taken</th></tr>\n");
-        Write(
-            "<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr></"
-            "table>\n",
-            answers.in_time, answers.close, answers.late, answers.wrong_id, answers.harmed, answers.not_sent,
-            answers.not_taken);
-        const HostComplaints& log = m_facts.complaints;
-        Write(
-            "<p>The host's own log: {} setpoints not sent in time, {} answers missing, {} with a foreign ID, "
-            "{} receive "
-            "errors; {} lines dropped.</p>\n",
-            log.unsent_setpoints, log.missing_answers, log.foreign_answers, log.receive_errors,
-            m_facts.status.log_dropped);
-    }
-
-    void WriteStreams() {
-        Write(
-            "<h2>Streams</h2>\n<table><tr><th>stream</th><th>sent</th><th>received</th><th>lost</"
-            "th><th>invalid</th>"
-            "<th>rate, Hz</th><th>period jitter, us</th><th></th></tr>\n");
-        for (const StreamFigures& stream : m_figures.streams) {
-            Write("<tr><td>{}</td>", EscapeHtml(stream.name));
-            for (const std::string& cell : CellsOf(stream)) Write("<td>{}</td>", cell);
-            Write("<td class=\"text note\">{}</td></tr>\n", EscapeHtml(stream.remark));
-        }
-        Write("</table>\n");
-    }
-
-    void WriteTimes() {
-        Write("<h2>Times</h2>\n<table><tr><th>us</th><th>p50</th><th>p99</th><th>max</th></tr>\n");
-        const auto row = [&](const char* name, const Spread& spread) {
-            Write("<tr><td>{}</td><td>{:.1f}</td><td>{:.1f}</td><td>{:.1f}</td></tr>\n", name, spread.p50,
-                  spread.p99, spread.max);
-        };
-        row("command: actual less planned send time", m_figures.instrument);
-        row("setpoint: actual less planned send time", m_figures.lateness);
-        row("command sent to setpoint received", m_figures.command_to_setpoint);
-        row("setpoint received to answer sent", m_figures.answer);
-        Write("</table>\n");
+    void WriteRow(const char* tag, const std::vector<std::string>& row,
+                  const std::vector<std::string>& head) {
+        Write("<tr>");
+        for (std::size_t i = 0; i < row.size(); ++i)
+            Write("<{0}{1}>{2}</{0}>", tag, head[i].empty() ? " class=\"text\"" : "", EscapeHtml(row[i]));
+        Write("</tr>\n");
     }
 
     std::vector<PlotMark> Marks() const {
@@ -273,17 +196,21 @@ private:
     static Plot Histogram(const std::vector<double>& values) {
         constexpr std::size_t BINS = 120;
         const Spread spread = SpreadOf(values);
-        // Wide enough for all but the rarest; those stand together in the last bin.
+        // Wide enough for all but the rarest; those stand together in one bin more.
+        const double low = std::min(spread.min, 0.0);
         const double top = std::min(spread.max, std::max(10.0 * spread.p99, 1.0));
-        const double low =
-            values.empty() ? 0.0 : std::min(*std::min_element(values.begin(), values.end()), 0.0);
         const double width = std::max((top - low) / BINS, 1e-3);
-        PlotSeries bars{"setpoints", "a", PlotSeries::Style::Bars, {}, std::vector<double>(BINS, 0.0), {}};
-        for (std::size_t bin = 0; bin < BINS; ++bin) bars.x.push_back(low + width * static_cast<double>(bin));
+        Plot plot{"Distribution of actual less planned send time", "us", "setpoints", true, {}, {}};
+        PlotSeries bars{"setpoints", "a", PlotSeries::Style::Bars, {}, std::vector<double>(BINS + 1, 0.0),
+                        {}};
+        for (std::size_t bin = 0; bin <= BINS; ++bin)
+            bars.x.push_back(low + width * static_cast<double>(bin));
         for (const double value : values)
-            bars.y[std::min(static_cast<std::size_t>((value - low) / width), BINS - 1)] += 1.0;
-        return {
-            "Distribution of actual less planned send time", "us", "setpoints", true, {std::move(bars)}, {}};
+            bars.y[std::min(static_cast<std::size_t>((value - low) / width), BINS)] += 1.0;
+        if (spread.max > top)
+            plot.marks.push_back({bars.x.back(), fmt::format("more, up to {:.0f} us", spread.max)});
+        plot.series.push_back(std::move(bars));
+        return plot;
     }
 
     PlotSeries Missing() const {
@@ -303,27 +230,6 @@ private:
         }
         if (!any) bars.x.clear();
         return bars;
-    }
-
-    void WriteHistory() {
-        Write("<h2>Handover and events</h2>\n<table><tr><th>s</th><th></th></tr>\n");
-        const auto row = [&](double time, const std::string& what) {
-            Write("<tr><td>{:.6f}</td><td class=\"text\">{}</td></tr>\n", time, EscapeHtml(what));
-        };
-        for (const auto& [time, what] : m_figures.handover) row(time, what);
-        for (const Recovery& recovery : m_accounts.recoveries) {
-            const auto text = [](const auto& duration) {
-                return duration ? fmt::format("{:.3f} ms", MicrosecondsOf(*duration) / 1e3)
-                                : std::string("never");
-            };
-            row(SecondsSince(m_facts, recovery.returned),
-                fmt::format("M4 is back: first setpoint after {}, in step after {}",
-                            text(recovery.first_setpoint), text(recovery.in_step)));
-        }
-        Write("</table>\n");
-        if (m_facts.stop_took)
-            Write("<p>The host ended {:.1f} ms after it was told to, with code {}.</p>\n",
-                  MicrosecondsOf(*m_facts.stop_took) / 1e3, m_facts.host_exit ? *m_facts.host_exit : -1);
     }
 
     void WriteNotes() {
@@ -349,15 +255,14 @@ private:
     const Scenario& m_scenario;
     const RunFacts& m_facts;
     const Accounts& m_accounts;
-    const Figures& m_figures;
     std::string m_html;
 };
 
 }  // namespace
 
-std::string MakeHtmlReport(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts,
-                           const Figures& figures, const std::string& machine) {
-    return Report(scenario, facts, accounts, figures).Make(machine);
+std::string MakeHtmlReport(const RunReport& report, const Scenario& scenario, const RunFacts& facts,
+                           const Accounts& accounts, const std::string& machine) {
+    return Page(scenario, facts, accounts).Make(report, machine);
 }
 
 void WriteTextFile(const std::filesystem::path& file, const std::string& text) {

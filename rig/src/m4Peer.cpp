@@ -36,7 +36,7 @@ M4Peer::Outlet::Outlet(const Scenario& scenario, Stream stream, std::uint16_t po
 M4Peer::M4Peer(const Scenario& scenario, const Ports& ports, AppendLog<SetpointRecord>& log,
                SetpointRing& ring)
     : m_answer_delay(scenario.m4.answer_delay),
-      m_feedback_period(std::chrono::nanoseconds{static_cast<std::int64_t>(1e9 / scenario.m4.feedback_rate)}),
+      m_feedback_period(scenario.FeedbackPeriod()),
       m_port(ports.setpoint),
       m_realtime(scenario.host.realtime),
       m_log(log),
@@ -51,7 +51,7 @@ M4Peer::~M4Peer() {
 
 void M4Peer::Start(time_point first) {
     m_first = first;
-    m_next_feedback = first;
+    PlanFeedback(first);
     m_running = true;
     m_thread = nodepin::MakeThread("M4", {}, [this] { Run(); });
 }
@@ -71,7 +71,7 @@ void M4Peer::Run() {
             continue;
         }
         SendDueAnswers(now);
-        if (now >= m_next_feedback) SendFeedback(now);
+        if (now >= m_feedback_due) SendFeedback(now);
         Receive(now);
     }
     for (PendingAnswer& answer : m_pending) answer.waiting = false;
@@ -88,8 +88,9 @@ void M4Peer::LiveOrDie() {
         return;
     }
     m_life = std::make_unique<Life>(m_port);
-    m_next_feedback = AtomClk::now();
-    m_absences.End(m_next_feedback);
+    const time_point now = AtomClk::now();
+    PlanFeedback(now);
+    m_absences.End(now);
 }
 
 void M4Peer::Die() {
@@ -100,7 +101,7 @@ void M4Peer::Die() {
 }
 
 time_point M4Peer::NextDue() const {
-    time_point due = m_next_feedback;
+    time_point due = m_feedback_due;
     for (const PendingAnswer& answer : m_pending)
         if (answer.waiting) due = std::min(due, answer.due);
     return due;
@@ -180,17 +181,28 @@ void M4Peer::SendAnswer(PendingAnswer& answer) {
     answer.waiting = false;
 }
 
+void M4Peer::PlanFeedback(time_point grid_point) {
+    m_feedback_grid = m_feedback_due = grid_point;
+    m_feedback_fault = m_feedback.faults.Next(grid_point - m_first);
+    if (m_feedback_fault) m_feedback_due += m_feedback_fault->delay;
+}
+
 void M4Peer::SendFeedback(time_point now) {
     m_feedback_record.counter = ++m_feedback_counter;
-    const std::optional<Fault> fault = m_feedback.faults.Next(now - m_first);
-    if (fault) m_feedback.faulty_socket.Arm(*fault);
-    m_feedback.sender.SetSampleId(m_feedback_counter);
+    defs::sample_id_t sample_id = m_feedback_counter;
+    ++m_feedback_counts.sent;
+    if (m_feedback_fault) {
+        if (m_feedback_fault->kind == FaultKind::WrongSampleId) sample_id += WRONG_ID_STEP;
+        m_feedback.faulty_socket.Arm(*m_feedback_fault);
+        m_feedback_counts.faults.Add(m_feedback_fault->kind);
+    }
+    m_feedback.sender.SetSampleId(sample_id);
     static_cast<void>(m_feedback.sender.SendSample(BytesOf(m_feedback_record), now, {}));
     static_cast<void>(m_feedback.faulty_socket.Release());
-    ++m_feedback_counts.sent;
-    if (fault && HarmOf(fault->kind) == Harm::Certain) ++m_feedback_counts.harmed;
     // Points of the grid that have passed are left out; the others stay where they are.
-    while (m_next_feedback <= now) m_next_feedback += m_feedback_period;
+    time_point next = m_feedback_grid;
+    while (next <= now) next += m_feedback_period;
+    PlanFeedback(next);
 }
 
 void M4Peer::PublishSettled() {

@@ -80,6 +80,7 @@ private:
     void ScheduleAnswer(std::size_t record, time_point arrived);
     void SendDueAnswers(time_point now);
     void SendAnswer(PendingAnswer& answer);
+    void PlanFeedback(time_point grid_point);
     void SendFeedback(time_point now);
     void PublishSettled();
     time_point NextDue() const;
@@ -97,10 +98,12 @@ private:
     time_point m_first;
     std::unique_ptr<Life> m_life;
     Setpoint m_setpoint;
-    std::array<PendingAnswer, 8> m_pending;
+    std::array<PendingAnswer, ANSWERS_KEPT + 1> m_pending;
     Feedback m_feedback_record;
     std::uint32_t m_feedback_counter = 0;
-    time_point m_next_feedback;
+    time_point m_feedback_grid;  // the next sample's point of the grid
+    time_point m_feedback_due;   // when it is to leave
+    std::optional<Fault> m_feedback_fault;
     FeedbackCounts m_feedback_counts;
     std::uint64_t m_incomplete = 0;
     std::uint64_t m_foreign = 0;

@@ -58,7 +58,7 @@ int MakeData(const DataOptions& options) {
 
 int RunScenario(const std::filesystem::path& file, RunPaths paths, double seconds) {
     Scenario scenario = LoadScenario(file);
-    if (seconds > 0.0) scenario.duration = Seconds{seconds};
+    if (seconds > 0.0) scenario.ChangeDuration(Seconds{seconds});
     if (paths.out.empty()) paths.out = FindRoot() / "run" / scenario.name;
     if (paths.data.empty()) paths.data = paths.out.parent_path() / "data";
     if (paths.host.empty()) paths.host = HostBesideRig();

@@ -3,9 +3,12 @@
 #include "htmlReport.hpp"
 #include "table.hpp"
 
+#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <ctime>
@@ -47,6 +50,23 @@ std::string DescribeMachine() {
 time_point NextGridPoint(time_point time, std::chrono::nanoseconds period) {
     const auto count = time.time_since_epoch();
     return time_point{(count / period + 1) * period};
+}
+
+// Held for the life of the descriptor, and by nobody else: a host that is started doesn't inherit it.
+pktwire::detail::FileDescriptor LockDirectory(const std::filesystem::path& directory) {
+    std::filesystem::create_directories(directory);
+    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor >= 0 && flock(descriptor, LOCK_EX | LOCK_NB) == 0)
+        return pktwire::detail::FileDescriptor(descriptor);
+    const int error = errno;
+    if (descriptor >= 0) close(descriptor);
+    throw std::runtime_error(
+        error == EWOULDBLOCK
+            ? fmt::format(
+                  "{}: another run is using this directory; wait for its end, or give this one another with "
+                  "--out",
+                  directory.string())
+            : fmt::format("{}: {}", directory.string(), std::generic_category().message(error)));
 }
 
 }  // namespace
@@ -92,9 +112,8 @@ ModalBasis ProvideModalBasis(const std::filesystem::path& file, std::uint32_t mo
     return basis;
 }
 
-Run::Run(Scenario scenario, RunPaths paths) : m_scenario(std::move(scenario)), m_paths(std::move(paths)) {
-    std::filesystem::create_directories(m_paths.out);
-}
+Run::Run(Scenario scenario, RunPaths paths)
+    : m_scenario(std::move(scenario)), m_paths(std::move(paths)), m_lock(LockDirectory(m_paths.out)) {}
 
 void Run::Interrupt() noexcept {
     g_interrupted = true;
@@ -224,6 +243,7 @@ void Run::End(Stage& stage) {
         try {
             m_facts.status = stage.host.Status();
             m_facts.status_time = AtomClk::now();
+            m_facts.at_rest = true;
         } catch (const std::runtime_error& error) {
             if (!m_facts.trouble) m_facts.trouble = error.what();
         }
@@ -251,11 +271,12 @@ bool Run::Report(Stage& stage) {
     m_facts.instrument_overruns = stage.instrument.Overruns();
 
     const Accounts accounts = MakeAccounts(m_scenario, m_facts);
-    const Figures figures = MakeFigures(m_facts, accounts, stage.m4.GetFeedbackCounts());
-    fmt::print("{}", MakeTable(m_scenario, m_facts, accounts, figures));
-    const std::filesystem::path report = m_paths.out / "report.html";
-    WriteTextFile(report, MakeHtmlReport(m_scenario, m_facts, accounts, figures, DescribeMachine()));
-    fmt::print("report: {}\n", report.string());
+    const Figures figures = MakeFigures(m_scenario, m_facts, accounts, stage.m4.GetFeedbackCounts());
+    const RunReport report = MakeReport(m_scenario, m_facts, accounts, figures);
+    fmt::print("{}", MakeTable(report));
+    const std::filesystem::path page = m_paths.out / "report.html";
+    WriteTextFile(page, MakeHtmlReport(report, m_scenario, m_facts, accounts, DescribeMachine()));
+    fmt::print("report: {}\n", page.string());
     return accounts.Holds();
 }
 

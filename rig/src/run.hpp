@@ -11,6 +11,8 @@
 #include "m4Peer.hpp"
 #include "progress.hpp"
 
+#include <pktwire/udpSocket.hpp>
+
 #include <filesystem>
 
 namespace vosk::rig {
@@ -51,6 +53,7 @@ private:
 
     Scenario m_scenario;
     RunPaths m_paths;
+    pktwire::detail::FileDescriptor m_lock;  // on the directory of the run, which is this run's alone
     Progress m_progress;
     RunFacts m_facts;
     time_point m_first;

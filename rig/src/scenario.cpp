@@ -20,7 +20,7 @@ constexpr std::array<std::pair<const char*, Stream>, 3> STREAMS{
      {"setpoint_applied", Stream::SetpointApplied},
      {"feedback", Stream::Feedback}}};
 
-constexpr std::array<std::pair<const char*, FaultKind>, 7> KINDS{
+constexpr std::array<std::pair<const char*, FaultKind>, FAULT_KINDS> KINDS{
     {{"drop", FaultKind::Drop},
      {"duplicate", FaultKind::Duplicate},
      {"reorder", FaultKind::Reorder},
@@ -172,6 +172,8 @@ FaultRule ReadFault(Section& section) {
     section.ReadName("kind", KINDS, rule.kind);
     section.ReadInRange("share", rule.share, 0.0, 1.0);
     section.ReadDuration("delay", rule.delay);
+    if ((rule.kind == FaultKind::Delay) != (rule.delay.count() > 0))
+        section.Fail("a 'delay' above 0 goes with 'kind: delay', and with no other");
     section.ReadSeconds("from", rule.from);
     section.ReadSeconds("to", rule.to);
     return rule;
@@ -224,9 +226,24 @@ Step ReadStep(Section& section) {
 
 void ReadExpectation(Section& section, Expectation& expect) {
     section.ReadInRange("max_exceptions", expect.max_exceptions, 0.0, 1.0);
+    section.ReadDuration("send_margin", expect.send_margin);
     section.ReadDuration("recovery", expect.recovery);
     section.ReadDuration("host_stop", expect.host_stop);
     section.Read("min_setpoints", expect.min_setpoints);
+}
+
+// A command or a feedback sample that leaves later must not hold up the next one; of answers M4 keeps a few.
+void RefuseImpossibleDelays(const Section& root, const Scenario& scenario) {
+    for (const FaultRule& rule : scenario.faults) {
+        const bool is_answer = rule.stream == Stream::SetpointApplied;
+        const auto limit = is_answer ? ANSWERS_KEPT * scenario.CommandPeriod() - scenario.m4.answer_delay
+                           : rule.stream == Stream::Feedback ? scenario.FeedbackPeriod()
+                                                             : scenario.CommandPeriod();
+        if (rule.delay >= limit)
+            root.Fail(fmt::format(
+                "a delay of {} must be shorter than {}", ToString(rule.stream),
+                is_answer ? fmt::format("{} periods of the commands", ANSWERS_KEPT) : "its whole period"));
+    }
 }
 
 }  // namespace
@@ -235,10 +252,51 @@ std::chrono::nanoseconds Scenario::CommandPeriod() const {
     return std::chrono::nanoseconds{std::llround(1e9 / instrument.rate)};
 }
 
-std::optional<Seconds> Scenario::HostStopTime() const {
-    for (const Step& step : steps)
-        if (std::holds_alternative<StopHost>(step.action)) return step.at;
-    return std::nullopt;
+std::chrono::nanoseconds Scenario::FeedbackPeriod() const {
+    return std::chrono::nanoseconds{std::llround(1e9 / m4.feedback_rate)};
+}
+
+Seconds Scenario::TimeWithSetpoints() const {
+    struct Conditions {
+        bool ins = false;
+        bool valid = true;
+        bool sending = true;
+        bool alive = true;
+        bool running = true;
+
+        void operator()(const SetMode& action) { ins = defs::IsInsDriven(action.mode); }
+        void operator()(const SetM4Alive& action) { alive = action.alive; }
+        void operator()(const SetCommandsValid& action) { valid = action.valid; }
+        void operator()(const SetInstrumentSilent& action) { sending = !action.silent; }
+        void operator()(const StopHost&) { running = false; }
+        bool AllHold() const { return ins && valid && sending && alive && running; }
+    } conditions;
+    Seconds total{0.0};
+    Seconds since{0.0};
+    const auto advance = [&](Seconds to) {
+        if (conditions.AllHold()) total += to - since;
+        since = to;
+    };
+    for (const Step& step : steps) {
+        if (step.at >= duration) break;
+        advance(step.at);
+        std::visit(conditions, step.action);
+    }
+    advance(duration);
+    return total;
+}
+
+void Scenario::ChangeDuration(Seconds new_duration) {
+    const Seconds before = TimeWithSetpoints();
+    duration = new_duration;
+    const Seconds after = TimeWithSetpoints();
+    if (before.count() <= 0.0) return;
+    if (after.count() <= 0.0)
+        throw std::runtime_error(
+            fmt::format("scenario {}: no setpoint is due in the first {:g} s; let it run longer", name,
+                        duration.count()));
+    expect.min_setpoints =
+        static_cast<std::uint64_t>(static_cast<double>(expect.min_setpoints) * (after / before));
 }
 
 Scenario ParseScenario(const std::string& text, const std::string& source) {
@@ -262,10 +320,7 @@ Scenario ParseScenario(const std::string& text, const std::string& source) {
     root.ReadList("steps", [&](Section& section) { scenario.steps.push_back(ReadStep(section)); });
     root.ReadSection("expect", [&](Section& section) { ReadExpectation(section, scenario.expect); });
     root.RefuseUnknownKeys();
-    for (const FaultRule& rule : scenario.faults)
-        if (rule.stream == Stream::WavefrontCommand && rule.delay >= scenario.CommandPeriod())
-            root.Fail(
-                "a command can't be delayed by a whole period or more, as it would hold up the next one");
+    RefuseImpossibleDelays(root, scenario);
     std::stable_sort(scenario.steps.begin(), scenario.steps.end(),
                      [](const Step& left, const Step& right) { return left.at < right.at; });
     return scenario;

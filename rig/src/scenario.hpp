@@ -51,12 +51,13 @@ enum class FaultKind {
     Corrupt,        // one byte of one packet is changed
     Truncate,       // one packet is cut short
 };
+inline constexpr std::size_t FAULT_KINDS = 7;
 
 struct FaultRule {
     Stream stream = Stream::WavefrontCommand;
     FaultKind kind = FaultKind::Drop;
-    double share = 0.0;  // of the stream's samples, 0 to 1
-    std::chrono::microseconds delay{0};
+    double share = 0.0;                  // of the stream's samples, 0 to 1
+    std::chrono::microseconds delay{0};  // of kind Delay only, above 0
     Seconds from{0.0};
     Seconds to{1e9};
 };
@@ -83,11 +84,17 @@ struct Step {
 
 struct Expectation {
     double max_exceptions = 0.01;  // share of the valid commands under INS control
+    // A setpoint that reaches M4 later than this after its planned time is an exception. A quarter of a
+    // period at 500 Hz; what M4 needs to answer is left of a time-out of 800 us.
+    std::chrono::microseconds send_margin{500};
     // Within this time after M4 came back, setpoints are right and answered again.
     std::chrono::milliseconds recovery{100};
     std::chrono::milliseconds host_stop{3000};  // from the request to the end of the host's process
     std::uint64_t min_setpoints = 1;
 };
+
+// That M4 can hold back at a time.
+inline constexpr int ANSWERS_KEPT = 7;
 
 struct Scenario {
     std::string name;
@@ -102,7 +109,12 @@ struct Scenario {
     Expectation expect;
 
     std::chrono::nanoseconds CommandPeriod() const;
-    std::optional<Seconds> HostStopTime() const;
+    std::chrono::nanoseconds FeedbackPeriod() const;
+    // For how long setpoints are due: valid commands come, the instrument has control, host and M4 are there.
+    Seconds TimeWithSetpoints() const;
+    // Another length. As many setpoints less are expected as their time is shorter. Throws std::runtime_error
+    // if none would be left to judge.
+    void ChangeDuration(Seconds new_duration);
 };
 
 // Throws std::runtime_error "<file>:<line>: <what>" for a key that is unknown, of the wrong kind, or out of

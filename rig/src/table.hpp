@@ -2,14 +2,12 @@
 
 // The table that ends a run on the terminal.
 
-#include "accounting.hpp"
-#include "figures.hpp"
+#include "report.hpp"
 
 #include <string>
 
 namespace vosk::rig {
 
-std::string MakeTable(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts,
-                      const Figures& figures);
+std::string MakeTable(const RunReport& report);
 
 }  // namespace vosk::rig

@@ -192,6 +192,27 @@ TEST_F(Books, CountAnswersByFate) {
     EXPECT_EQ(accounts.exceptions, 1U);
 }
 
+TEST_F(Books, JudgeTheSendTime) {
+    m_setpoints[3].arrived = m_setpoints[3].planned + 501us;
+    m_checked[4].prior_answer = PriorAnswer::NotTaken;  // no second exception of the one before
+    EXPECT_EQ(Make().sent_late, 1U);
+    EXPECT_EQ(Make().exceptions, 1U);
+    EXPECT_THAT(Make().violations, IsEmpty());
+    m_scenario.expect.send_margin = 501us;
+    EXPECT_EQ(Make().sent_late, 0U);
+    m_setpoints[5].arrived = m_setpoints[5].planned - 2us;
+    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("1 setpoints reached M4 before")));
+}
+
+TEST_F(Books, BookNoCommandTwice) {
+    m_checked[5].command = 4;
+    m_checked[4].content = Content::Wrong;
+    m_facts.modes[0].done = At(11ms);  // command 5 is nobody's
+    const Accounts accounts = Make();
+    EXPECT_EQ(accounts.fates[4], CommandFate::WrongContent);
+    EXPECT_THAT(accounts.violations, Contains(HasSubstr("1 setpoints belong to a command that had one")));
+}
+
 TEST_F(Books, NameEveryOtherBreach) {
     m_checked[2].content = Content::Wrong;
     m_checked[3].content = Content::Unchecked;

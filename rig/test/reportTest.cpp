@@ -21,8 +21,9 @@ TEST(HtmlReport, EscapesForeignTextAndNeedsNoNetwork) {
     facts.trouble = "the host said \"</body>\"";
     facts.host_exit = 0;
     const Accounts accounts = MakeAccounts(scenario, facts);
-    const std::string html =
-        MakeHtmlReport(scenario, facts, accounts, MakeFigures(facts, accounts, {}), "<machine>");
+    const RunReport report =
+        MakeReport(scenario, facts, accounts, MakeFigures(scenario, facts, accounts, {}));
+    const std::string html = MakeHtmlReport(report, scenario, facts, accounts, "<machine>");
     EXPECT_THAT(html, Not(HasSubstr("<script>")));
     EXPECT_THAT(html, HasSubstr("&lt;script&gt;"));
     EXPECT_THAT(html, HasSubstr("&lt;machine&gt;"));

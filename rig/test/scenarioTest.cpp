@@ -47,6 +47,11 @@ TEST(Scenario, IsRefusedWithPlaceAndReason) {
         {"name: x\nfaults: {}", "must be a list"},
         {"name: x\ninstrument: {rate: 500}\nfaults: [{stream: wavefront_command, kind: delay, delay: 2 ms}]",
          "whole period"},
+        {"name: x\nm4: {feedback_rate: 100}\nfaults: [{stream: feedback, kind: delay, delay: 10 ms}]",
+         "whole period"},
+        {"name: x\nfaults: [{stream: setpoint_applied, kind: delay, delay: 14 ms}]", "7 periods"},
+        {"name: x\nfaults: [{stream: feedback, kind: delay}]", "'delay' above 0"},
+        {"name: x\nfaults: [{stream: feedback, kind: drop, delay: 1 ms}]", "'delay' above 0"},
         {"name: x\nsteps: [{mode: TEL_DRIVEN}]", "needs 'at'"},
         {"name: x\nsteps: [{at: 1}]", "exactly one of"},
         {"name: x\nsteps: [{at: 1, m4: dead, host: stop}]", "exactly one of"},
@@ -56,6 +61,18 @@ TEST(Scenario, IsRefusedWithPlaceAndReason) {
         EXPECT_THAT(test::TextOf<std::runtime_error>([text = text] { ParseScenario(text, "file.yaml"); }),
                     AllOf(HasSubstr("file.yaml:"), HasSubstr(complaint)));
     }
+}
+
+TEST(Scenario, ExpectsOfAnotherLengthWhatIsDueInIt) {
+    const Scenario whole = ParseScenario(R"({name: x, seconds: 10, expect: {min_setpoints: 700}, steps: [
+        {at: 2, mode: INS_DRIVEN_CASCADE}, {at: 5, m4: dead}, {at: 6, m4: alive}]})",
+                                         "test");
+    Scenario cut = whole;
+    cut.ChangeDuration(4s);
+    EXPECT_EQ(cut.expect.min_setpoints, 200U);
+    cut.ChangeDuration(20s);
+    EXPECT_EQ(cut.expect.min_setpoints, 1700U);
+    EXPECT_THROW(cut.ChangeDuration(2s), std::runtime_error);
 }
 
 TEST(ParseDuration, KnowsUnitsAndRefusesTheRest) {
