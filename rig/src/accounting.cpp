@@ -151,12 +151,12 @@ private:
             if (!checked.command) continue;
             const defs::sample_id_t sample_id = m_facts.setpoints[checked.setpoint].sample_id;
             if (*checked.command >= next_command)
-                NameBetween(next_command, *checked.command, last_made, sample_id - last_made - 1);
+                NameBetween(next_command, *checked.command, sample_id - last_made - 1);
             next_command = *checked.command + 1;
             last_made = sample_id;
         }
-        // Behind the last setpoint no number tells; the host's own words do.
-        std::uint64_t told = m_facts.complaints.unsent_setpoints;
+        // Behind the last setpoint no number tells; the host's own count does.
+        std::uint64_t told = m_facts.status.counts.late_setpoints;
         told -= std::min(told, m_accounts.Count(CommandFate::Late));
         for (std::size_t i = m_facts.commands.size(); i-- > next_command && told > 0;) {
             if (!Open(i)) continue;
@@ -166,9 +166,8 @@ private:
     }
 
     // The commands from `first` up to `last`, which is not one of them. Between them `made` setpoints were
-    // made, behind number `last_made`.
-    void NameBetween(std::size_t first, std::size_t last, defs::sample_id_t last_made,
-                     defs::sample_id_t made) {
+    // made.
+    void NameBetween(std::size_t first, std::size_t last, defs::sample_id_t made) {
         // IDs run on by one; a jump back is judged with the IDs.
         if (made >= (1U << 31U)) return;
         std::vector<std::size_t> open;
@@ -178,8 +177,6 @@ private:
             if (FateOf(i) == CommandFate::M4Away) ++to_nobody;
         }
         const std::uint64_t skipped = made > to_nobody ? made - to_nobody : 0;
-        for (defs::sample_id_t id = last_made + 1; id != last_made + 1 + made; ++id)
-            if (to_nobody == 0 && m_facts.complaints.unanswered.count(id) == 0) ++m_silent;
         for (std::size_t i = 0; i < open.size(); ++i) {
             const bool was_made = open.size() - i <= skipped;
             if (!was_made) {
@@ -192,13 +189,13 @@ private:
         }
     }
 
-    // The host tells of each setpoint whose time had passed. One that was made and is not among those gave
+    // The host counts the setpoints whose time had passed. One that was made and is not among those gave
     // way to its successor before it was sent. Which of them it was does not show from outside; how many
     // does.
     void NameReplacedCommands() {
         std::uint64_t late = 0;
         for (CommandFate& fate : m_accounts.fates)
-            if (fate == CommandFate::Late && ++late > m_facts.complaints.unsent_setpoints)
+            if (fate == CommandFate::Late && ++late > m_facts.status.counts.late_setpoints)
                 fate = CommandFate::Replaced;
     }
 
@@ -324,7 +321,9 @@ private:
         refuse(m_accounts.unmarked, "setpoints are not marked valid");
         refuse(m_facts.foreign_packets, "packets at M4's port were no part of a setpoint");
         refuse(m_facts.log_overflow, "records did not fit the rig's own logs");
-        JudgeSilence();
+        refuse(m_facts.status.counts.kept_back_setpoints,
+               "setpoints were kept back, though all commands are finite");
+        refuse(m_facts.status.counts.clock_steps, "times the clock was set in mid-run");
         if (m_accounts.ExceptionShare() > m_scenario.expect.max_exceptions)
             m_accounts.violations.push_back(
                 fmt::format("{} exceptions in {} valid commands under INS control, more than {:.3g} %",
@@ -336,14 +335,6 @@ private:
                             m_accounts.Count(CommandFate::AsPredicted), m_scenario.expect.min_setpoints));
         JudgeRecoveries();
         JudgeHostEnd();
-    }
-
-    // A setpoint that was made and did not reach M4 had no answer, and that must stand in the host's log.
-    void JudgeSilence() {
-        if (m_facts.status.log_dropped == 0 && m_silent > 0)
-            m_accounts.violations.push_back(fmt::format(
-                "{} setpoints were lost between the sample IDs, and the host's log is silent about them",
-                m_silent));
     }
 
     void JudgeRecoveries() {
@@ -369,7 +360,6 @@ private:
     const Scenario& m_scenario;
     const RunFacts& m_facts;
     Accounts m_accounts;
-    std::uint64_t m_silent = 0;  // sample IDs that M4 never saw and the host never missed an answer to
 };
 
 }  // namespace

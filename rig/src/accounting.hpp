@@ -1,8 +1,8 @@
 #pragma once
 
 // The books of a run: what became of every valid command, of every setpoint and of every answer, each under
-// one name, and the verdict that follows. Made once, after the run, from the peers' logs and the host's own
-// words. No access to the run's threads: a function of its inputs.
+// one name, and the verdict that follows. Made once, after the run, from the peers' logs and the host's
+// counts. No access to the run's threads: a function of its inputs.
 
 #include "contentCheck.hpp"
 #include "hostProcess.hpp"
@@ -69,9 +69,8 @@ struct RunFacts {
     std::span<const CheckedSetpoint> checked;
     std::vector<ModeTimeline::Change> modes;
     std::vector<Absences::Absence> m4_absences;
-    HostComplaints complaints;
-    HostStatus status;  // the last one before the end
-    time_point status_time;
+    HostStatus status;                     // the last one before the end
+    time_point status_time;                // when the rig asked for it
     bool at_rest = false;                  // no sample was on its way then
     std::optional<time_point> stop_asked;  // of the host, in mid-run
     std::optional<std::chrono::nanoseconds> stop_took;

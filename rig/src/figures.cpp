@@ -49,6 +49,7 @@ StreamFigures CommandFigures(const RunFacts& facts, double period_us) {
         stream.counted = true;
         stream.received = host->samples;
         stream.invalid = host->invalid;
+        stream.lost = host->lost;
     }
     stream.remark = "invalid: marked so, or broken";
     return stream;
@@ -66,6 +67,8 @@ StreamFigures SetpointFigures(const RunFacts& facts, double period_us) {
     if (const HostStream* host = Find(facts.status, "M4_OUTPUT")) {
         stream.counted = true;
         stream.sent = host->samples;
+        const std::uint64_t arrived = stream.received + facts.incomplete_setpoints;
+        if (facts.at_rest) stream.lost = stream.sent - std::min(stream.sent, arrived);
     }
     stream.invalid = facts.incomplete_setpoints;
     stream.remark = "sent: as the host counts";
@@ -86,6 +89,7 @@ StreamFigures AnswerFigures(const RunFacts& facts, double period_us) {
         stream.counted = true;
         stream.received = host->samples;
         stream.invalid = host->invalid;
+        stream.lost = host->lost;
     }
     return stream;
 }
@@ -106,7 +110,9 @@ std::vector<FaultFigures> CountFaults(const Scenario& scenario, const RunFacts& 
     for (const SetpointRecord& setpoint : facts.setpoints) answers.Add(setpoint.answer_fault);
     const auto reported = [&](const char* name) {
         const HostStream* host = Find(facts.status, name);
-        return fmt::format("host: {} invalid", host ? host->invalid : 0);
+        return host ? fmt::format("host: {} invalid, {} lost, {} packets dropped by the kernel",
+                                  host->invalid, host->lost, host->dropped_packets)
+                    : std::string();
     };
     struct Row {
         Stream stream;
@@ -117,7 +123,7 @@ std::vector<FaultFigures> CountFaults(const Scenario& scenario, const RunFacts& 
         {{Stream::WavefrontCommand, commands, reported("AO_WAVEFRONT_CMD_INPUT")},
          {Stream::SetpointApplied, answers,
           fmt::format("{}; {} answers missing, {} foreign", reported("M4_INPUT"),
-                      facts.complaints.missing_answers, facts.complaints.foreign_answers)},
+                      facts.status.counts.missing_answers, facts.status.counts.foreign_answers)},
          {Stream::Feedback, feedback.faults, "the host keeps no count of this stream"}}};
     std::vector<FaultFigures> faults;
     for (const Row& row : rows) {
@@ -174,12 +180,9 @@ Figures MakeFigures(const Scenario& scenario, const RunFacts& facts, const Accou
     figures.streams.push_back(SetpointFigures(facts, period_us));
     figures.streams.push_back(AnswerFigures(facts, period_us));
     figures.streams.push_back(FeedbackFigures(feedback));
-    for (StreamFigures& stream : figures.streams) {
-        if (!stream.counted) continue;
-        if (!facts.at_rest) stream.remark = "counted in mid-flow, with a sample or two on their way";
-        const std::uint64_t arrived = stream.received + stream.invalid;
-        if (facts.at_rest) stream.lost = stream.sent - std::min(stream.sent, arrived);
-    }
+    if (!facts.at_rest)
+        for (StreamFigures& stream : figures.streams)
+            if (stream.counted) stream.remark = "counted in mid-flow, with a sample or two on their way";
     figures.faults = CountFaults(scenario, facts, feedback);
 
     std::vector<double> instrument;

@@ -24,13 +24,12 @@ struct Spread {
 };
 Spread SpreadOf(std::vector<double> values);
 
-// Counts are of the moment at which the host was last asked for its own. What was lost can be told only if
-// nothing was on its way at that moment.
+// Counts are of the moment at which the host was last asked for its own.
 struct StreamFigures {
     std::string name;
     std::uint64_t sent = 0;
     std::uint64_t received = 0;
-    std::optional<std::uint64_t> lost;  // sent, but neither received nor invalid
+    std::optional<std::uint64_t> lost;  // whole; of setpoints if none was on its way then
     std::uint64_t invalid = 0;          // as the receiver counts them
     double rate = 0.0;                  // hertz
     double jitter = 0.0;                // standard deviation of the period, microseconds

@@ -15,7 +15,6 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -45,16 +44,6 @@ std::string TailOf(const std::filesystem::path& file) {
     std::ifstream input(file);
     const std::string text{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
     return text.size() <= LENGTH ? text : "..." + text.substr(text.size() - LENGTH);
-}
-
-// The number behind `label`, as in "sample ID = 12".
-std::optional<defs::sample_id_t> NumberBehind(const std::string& line, std::string_view label) {
-    const std::size_t at = line.find(label);
-    if (at == std::string::npos) return std::nullopt;
-    defs::sample_id_t number = 0;
-    const char* first = line.data() + at + label.size();
-    if (std::from_chars(first, line.data() + line.size(), number).ec != std::errc{}) return std::nullopt;
-    return number;
 }
 
 bool IsFree(std::uint16_t port) {
@@ -147,7 +136,11 @@ HostStatus ParseHostStatus(const std::string& json) {
         report.at("handover_state").get_to(status.handover_state);
         report.at("log_dropped").get_to(status.log_dropped);
         for (const auto& stream : report.at("streams"))
-            status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid")};
+            status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid"),
+                                                 stream.value("lost", std::uint64_t{0}),
+                                                 stream.value("dropped_packets", std::uint64_t{0})};
+        for (const auto& [name, count] : HOST_COUNTS)
+            report.at("counts").at(name).get_to(status.counts.*count);
         for (const auto& event : report.at("events"))
             status.events.push_back({atomclk::AtomClk::time_point{
                                          std::chrono::nanoseconds{event.at("time_ns").get<std::int64_t>()}},
@@ -156,27 +149,6 @@ HostStatus ParseHostStatus(const std::string& json) {
     } catch (const nlohmann::json::exception& error) {
         throw std::runtime_error(fmt::format("the host's status can't be read: {}: {}", error.what(), json));
     }
-}
-
-HostComplaints ReadComplaints(const std::filesystem::path& log) {
-    HostComplaints complaints;
-    std::ifstream input(log);
-    for (std::string line; std::getline(input, line);) {
-        const auto has = [&](const char* text) { return line.find(text) != std::string::npos; };
-        if (has("with a send time that has already passed")) ++complaints.unsent_setpoints;
-        std::optional<defs::sample_id_t> unanswered;
-        if (has("no 'am:setpoint_applied' response from M4")) {
-            ++complaints.missing_answers;
-            unanswered = NumberBehind(line, "sample ID = ");
-        }
-        if (has("with different sample ID then M4 command sent")) {
-            ++complaints.foreign_answers;
-            unanswered = NumberBehind(line, "M4 command sent: ");
-        }
-        if (unanswered) complaints.unanswered.insert(*unanswered);
-        if (has("ReceiveSample: ")) ++complaints.receive_errors;
-    }
-    return complaints;
 }
 
 HostProcess::HostProcess(Files files) : m_files(std::move(files)) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The system under test as a child process: its configuration, its start, its control socket, its end, and
-// what its log says. Used by the thread that drives the run.
+// The system under test as a child process: its configuration, its start, its control socket, its end. Used
+// by the thread that drives the run.
 
 #include "calibration.hpp"
 #include "scenario.hpp"
@@ -10,13 +10,14 @@
 #include <atomclk/atomClk.hpp>
 #include <vosk/defs/sizes.hpp>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vosk::rig {
@@ -46,7 +47,30 @@ std::string MakeHostDocument(const Scenario& scenario, const Ports& ports, const
 struct HostStream {
     std::uint64_t samples = 0;
     std::uint64_t invalid = 0;
+    std::uint64_t lost = 0;             // whole samples
+    std::uint64_t dropped_packets = 0;  // by the kernel
 };
+
+// What went wrong with commands and setpoints since the host's start.
+struct HostCounts {
+    std::uint64_t late_setpoints = 0;
+    std::uint64_t missing_answers = 0;  // a cycle has no answer, a foreign one, or its own
+    std::uint64_t foreign_answers = 0;
+    std::uint64_t kept_back_setpoints = 0;
+    std::uint64_t overwritten_commands = 0;
+    std::uint64_t unfit_source_cycles = 0;
+    std::uint64_t clock_steps = 0;
+    std::uint64_t grid_points_skipped = 0;
+};
+inline constexpr std::array<std::pair<const char*, std::uint64_t HostCounts::*>, 8> HOST_COUNTS{
+    {{"late_setpoints", &HostCounts::late_setpoints},
+     {"missing_answers", &HostCounts::missing_answers},
+     {"foreign_answers", &HostCounts::foreign_answers},
+     {"kept_back_setpoints", &HostCounts::kept_back_setpoints},
+     {"overwritten_commands", &HostCounts::overwritten_commands},
+     {"unfit_source_cycles", &HostCounts::unfit_source_cycles},
+     {"clock_steps", &HostCounts::clock_steps},
+     {"grid_points_skipped", &HostCounts::grid_points_skipped}}};
 
 struct HostEvent {
     atomclk::AtomClk::time_point time;
@@ -58,23 +82,13 @@ struct HostStatus {
     std::string source;
     int handover_state = 0;
     std::uint64_t log_dropped = 0;
+    HostCounts counts;
     std::map<std::string, HostStream> streams;
     std::vector<HostEvent> events;
 };
 
 // Throws std::runtime_error on text that is no status.
 HostStatus ParseHostStatus(const std::string& json);
-
-// What the host wrote to its log about samples it could not serve.
-struct HostComplaints {
-    std::uint64_t unsent_setpoints = 0;  // their send time had passed
-    std::uint64_t missing_answers = 0;   // M4 didn't answer in time
-    std::uint64_t foreign_answers = 0;   // an answer carried another sample ID
-    std::uint64_t receive_errors = 0;
-    // Sample IDs of the setpoints that went without their answer, by either of these lines.
-    std::set<defs::sample_id_t> unanswered;
-};
-HostComplaints ReadComplaints(const std::filesystem::path& log);
 
 class HostProcess {
 public:

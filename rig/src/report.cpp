@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace vosk::rig {
@@ -14,7 +15,7 @@ public:
 
     RunReport Write() const {
         RunReport report;
-        report.sections = {Settings(), Commands(), Answers(), HostCounts(),
+        report.sections = {Settings(), Commands(), Answers(), Counts(),
                            Streams(),  Faults(),   Times(),   History()};
         report.holds = m_accounts.Holds();
         report.violations = m_accounts.violations;
@@ -90,17 +91,15 @@ private:
             {}};
     }
 
-    ReportSection HostCounts() const {
-        const HostComplaints& log = m_facts.complaints;
-        const auto row = [](const char* name, std::uint64_t count) {
-            return std::vector<std::string>{name, fmt::to_string(count)};
+    ReportSection Counts() const {
+        ReportSection section{"What the host counts", {"count", "since its start"}, {}, {}};
+        const auto row = [&](std::string name, std::uint64_t count) {
+            std::replace(name.begin(), name.end(), '_', ' ');
+            section.rows.push_back({std::move(name), fmt::to_string(count)});
         };
-        return {"What the host counts",
-                {"count", "since its start"},
-                {row("late setpoints", log.unsent_setpoints), row("missing answers", log.missing_answers),
-                 row("foreign answers", log.foreign_answers),
-                 row("log lines dropped", m_facts.status.log_dropped)},
-                {}};
+        for (const auto& [name, count] : HOST_COUNTS) row(name, m_facts.status.counts.*count);
+        row("log lines dropped", m_facts.status.log_dropped);
+        return section;
     }
 
     ReportSection Streams() const {

@@ -196,8 +196,7 @@ void Run::ChangeMode(Stage& stage, defs::VoskControlMode mode) {
 }
 
 void Run::StopHost(Stage& stage) {
-    m_facts.status = stage.host.Status();
-    m_facts.status_time = AtomClk::now();
+    AskStatus(stage);
     m_facts.stop_asked = AtomClk::now();
     stage.host_stopped = true;
     stage.host.Terminate();
@@ -205,12 +204,17 @@ void Run::StopHost(Stage& stage) {
     m_facts.stop_took = AtomClk::now() - *m_facts.stop_asked;
 }
 
+void Run::AskStatus(Stage& stage) {
+    const time_point asked = AtomClk::now();
+    m_facts.status = stage.host.Status();
+    m_facts.status_time = asked;
+}
+
 void Run::PollHost(Stage& stage) {
     if (stage.host_stopped || AtomClk::now() < stage.next_status) return;
     stage.next_status = AtomClk::now() + STATUS_INTERVAL;
     try {
-        m_facts.status = stage.host.Status();
-        m_facts.status_time = AtomClk::now();
+        AskStatus(stage);
     } catch (const std::runtime_error& error) {
         m_facts.trouble = error.what();
     }
@@ -241,8 +245,7 @@ void Run::End(Stage& stage) {
     SleepUntil(AtomClk::now() + SETTLING_TIME);
     if (!stage.host_stopped) {
         try {
-            m_facts.status = stage.host.Status();
-            m_facts.status_time = AtomClk::now();
+            AskStatus(stage);
             m_facts.at_rest = true;
         } catch (const std::runtime_error& error) {
             if (!m_facts.trouble) m_facts.trouble = error.what();
@@ -264,7 +267,6 @@ bool Run::Report(Stage& stage) {
     m_facts.checked = stage.check.Results();
     m_facts.modes = stage.modes.Changes();
     m_facts.m4_absences = stage.m4.GetAbsences().All();
-    m_facts.complaints = ReadComplaints(m_paths.out / "host.log");
     m_facts.incomplete_setpoints = stage.m4.IncompleteSetpoints();
     m_facts.foreign_packets = stage.m4.ForeignPackets();
     m_facts.log_overflow = stage.commands.Refused() + stage.setpoints.Refused();

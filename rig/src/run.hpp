@@ -46,6 +46,7 @@ private:
     void TakeStep(Stage& stage, const Step& step);
     void ChangeMode(Stage& stage, defs::VoskControlMode mode);
     void StopHost(Stage& stage);
+    void AskStatus(Stage& stage);
     void PollHost(Stage& stage);
     void ShowProgress(Stage& stage, double time);
     void End(Stage& stage);

@@ -32,6 +32,23 @@ TEST(HtmlReport, EscapesForeignTextAndNeedsNoNetwork) {
     EXPECT_THAT(html, Not(HasSubstr("http")));
 }
 
+TEST(Figures, CountInjectedFaultsByStreamAndKind) {
+    const Scenario scenario = ParseScenario(R"({name: x, faults: [{stream: wavefront_command, kind: drop},
+        {stream: setpoint_applied, kind: wrong_sample_id}, {stream: feedback, kind: corrupt}]})",
+                                            "test");
+    std::vector<CommandRecord> commands(3);
+    commands[1].fault = FaultKind::Drop;
+    RunFacts facts;
+    facts.commands = commands;
+    facts.status.streams["AO_WAVEFRONT_CMD_INPUT"] = {2, 1, 0, 5};
+    FeedbackCounts feedback;
+    for (int i = 0; i < 4; ++i) feedback.faults.Add(FaultKind::Corrupt);
+    const auto faults = MakeFigures(scenario, facts, MakeAccounts(scenario, facts), feedback).faults;
+    const auto injected = [](std::uint64_t count) { return Field(&FaultFigures::injected, count); };
+    EXPECT_THAT(faults, ElementsAre(injected(1), injected(0), injected(4)));
+    EXPECT_EQ(faults[0].reported, "host: 1 invalid, 0 lost, 5 packets dropped by the kernel");
+}
+
 TEST(DrawSvg, ManagesWithEmptyFlatAndInfiniteData) {
     const double infinity = std::numeric_limits<double>::infinity();
     for (const auto style : {PlotSeries::Style::Line, PlotSeries::Style::Dots, PlotSeries::Style::Bars}) {
@@ -48,37 +65,21 @@ TEST(WriteTextFile, ThrowsWhereNothingCanBeWritten) {
 }
 
 TEST(HostStatus, IsReadFromTheHostsJson) {
+    const std::string counts =
+        R"({"late_setpoints":1,"missing_answers":2,"foreign_answers":3,"kept_back_setpoints":4,)"
+        R"("overwritten_commands":5,"unfit_source_cycles":6,"clock_steps":7,"grid_points_skipped":8})";
     const HostStatus status = ParseHostStatus(
-        R"({"mode":"TEL_DRIVEN","camera":"IMG_GP1","source":"CCS/TEL","handover_state":0,)"
-        R"("mode_change_in_progress":false,"streams":[{"name":"M4_OUTPUT","valid":true,"samples":7,"invalid":0,)"
-        R"("period":null,"period_min":null,"period_max":null,"rate":null}],"log_dropped":2,)"
+        R"({"mode":"TEL_DRIVEN","source":"CCS/TEL","handover_state":0,"log_dropped":2,"counts":)" + counts +
+        R"(,"streams":[{"name":"M4_OUTPUT","samples":7,"invalid":0,"lost":3,"dropped_packets":4}],)"
         R"("events":[{"time_ns":5,"text":"say \"hi\" \u00b5"}]})");
     EXPECT_EQ(status.source, "CCS/TEL");
-    EXPECT_EQ(status.streams.at("M4_OUTPUT").samples, 7U);
-    EXPECT_EQ(status.log_dropped, 2U);
+    EXPECT_EQ(status.streams.at("M4_OUTPUT").lost, 3U);
+    EXPECT_EQ(status.counts.grid_points_skipped, 8U);
     ASSERT_EQ(status.events.size(), 1U);
     EXPECT_EQ(status.events[0].time.time_since_epoch().count(), 5);
     EXPECT_EQ(status.events[0].text, "say \"hi\" \u00b5");
     EXPECT_THROW(ParseHostStatus("ok"), std::runtime_error);
     EXPECT_THROW(ParseHostStatus("{\"mode\": "), std::runtime_error);
-}
-
-TEST(HostComplaints, AreCountedByKind) {
-    const test::TempDir directory;
-    const HostComplaints complaints = ReadComplaints(directory.Put(
-        "host.log",
-        "ERROR M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff "
-        "= +70 us, no data will be sent!\n"
-        "ERROR AoTasks::ReceiveAndProcessAmSetpointApplied(): no 'am:setpoint_applied' response from M4 at "
-        "12:00:00.000000, sample ID = 4\n"
-        "ERROR AoTasks::ReceiveAndProcessAmSetpointApplied(): received 'am:setpoint_applied' response at "
-        "12:00:00.000000 with different sample ID then M4 command sent: 4 vs 3\n"
-        "INFO something else\n"));
-    EXPECT_EQ(complaints.unsent_setpoints, 1U);
-    EXPECT_EQ(complaints.missing_answers, 1U);
-    EXPECT_EQ(complaints.foreign_answers, 1U);
-    EXPECT_EQ(complaints.receive_errors, 0U);
-    EXPECT_THAT(complaints.unanswered, ElementsAre(4U));
 }
 
 }  // namespace
