@@ -95,19 +95,5 @@ TEST(FaultySocket, CorruptsExactlyOneByte) {
     }
 }
 
-TEST(FaultySocket, PassesPacketsThroughUnlessArmed) {
-    RecordingSocket recording;
-    FaultySocket faulty(recording);
-    SendThree(faulty);
-    EXPECT_THAT(recording.datagrams, ElementsAre("ab", "cd", "ef"));
-    faulty.Release();
-    faulty.Arm({FaultKind::Drop, 0us, 0});
-    SendThree(faulty);
-    faulty.Release();
-    recording.datagrams.clear();
-    SendThree(faulty);
-    EXPECT_THAT(recording.datagrams, ElementsAre("ab", "cd", "ef"));
-}
-
 }  // namespace
 }  // namespace vosk::rig
