@@ -8,6 +8,7 @@
 namespace vosk::rig {
 namespace {
 
+using namespace std::chrono_literals;
 using namespace testing;
 
 TEST(HtmlReport, EscapesForeignTextAndNeedsNoNetwork) {
@@ -26,6 +27,22 @@ TEST(HtmlReport, EscapesForeignTextAndNeedsNoNetwork) {
     EXPECT_THAT(html, HasSubstr("&quot;&lt;/body&gt;&quot;"));
     EXPECT_THAT(html, HasSubstr("does not hold"));
     EXPECT_THAT(html, Not(HasSubstr("http")));
+}
+
+TEST(HtmlReport, SaysMoreAtTheLastBarOfTheHistogram) {
+    const std::vector<CommandRecord> commands(1);
+    std::vector<SetpointRecord> setpoints(200);
+    setpoints.back().arrived = time_point{5ms};
+    std::vector<CheckedSetpoint> checked(200);
+    for (std::size_t i = 0; i < checked.size(); ++i) {
+        checked[i].setpoint = i;
+        checked[i].command = 0;
+    }
+    RunFacts facts;
+    facts.commands = commands;
+    facts.setpoints = setpoints;
+    facts.checked = checked;
+    EXPECT_THAT(MakeHtmlReport({}, {}, facts, MakeAccounts({}, facts), ""), HasSubstr("more, up to 5000 us"));
 }
 
 TEST(Figures, CountInjectedFaultsByStreamAndKind) {
