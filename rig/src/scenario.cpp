@@ -1,19 +1,19 @@
 #include "scenario.hpp"
 
 #include <fmt/format.h>
-#include <yaml-cpp/yaml.h>
+#include <oru/configng/pliConfigDocument.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <fstream>
-#include <set>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 namespace vosk::rig {
 namespace {
+
+using Document = oru::configng::PliConfigDocument;
+using Node = oru::configng::PliConfigInstanceNode;
 
 constexpr std::array<std::pair<const char*, Stream>, 3> STREAMS{
     {{"wavefront_command", Stream::WavefrontCommand},
@@ -36,33 +36,22 @@ std::string NameOf(const Names& names, Value value) {
     throw std::runtime_error("Unknown enum value.");
 }
 
-// A map of the document. Each key is asked for by name; what was never asked for is an error, so that a
-// misspelt key can't be passed over.
+// A map of the document, read key by key. Whatever is wrong is thrown with its place.
 class Section {
 public:
-    Section(const YAML::Node& node, std::string source) : m_node(node), m_source(std::move(source)) {
+    explicit Section(Node node) : m_node(std::move(node)) {
         if (!m_node.IsMap()) Fail(m_node, "a map of keys is expected here");
     }
 
-    [[noreturn]] void Fail(const YAML::Node& where, const std::string& what) const {
-        throw std::runtime_error(fmt::format("{}:{}: {}", m_source, where.Mark().line + 1, what));
-    }
-
-    bool Has(const std::string& key) { return Find(key).IsDefined(); }
+    bool Has(const std::string& key) const { return m_node.Has(key); }
 
     template <class T>
-    void Read(const std::string& key, T& value) {
-        const YAML::Node node = Find(key);
-        if (!node.IsDefined()) return;
-        try {
-            value = node.as<T>();
-        } catch (const YAML::Exception&) {
-            Fail(node, fmt::format("'{}' has a value of the wrong kind", key));
-        }
+    void Read(const std::string& key, T& value) const {
+        if (Has(key)) value = m_node[key].As<T>();
     }
 
     template <class Rep, class Period>
-    void ReadDuration(const std::string& key, std::chrono::duration<Rep, Period>& value) {
+    void ReadDuration(const std::string& key, std::chrono::duration<Rep, Period>& value) const {
         std::string text;
         Read(key, text);
         if (text.empty()) return;
@@ -74,14 +63,14 @@ public:
     }
 
     // Seconds as a plain number, as times in a run are given.
-    void ReadSeconds(const std::string& key, Seconds& value) {
+    void ReadSeconds(const std::string& key, Seconds& value) const {
         double count = value.count();
         ReadInRange(key, count, 0.0, 1e9);
         value = Seconds{count};
     }
 
     template <class T>
-    void ReadInRange(const std::string& key, T& value, T low, T high) {
+    void ReadInRange(const std::string& key, T& value, T low, T high) const {
         Read(key, value);
         if (!(value >= low && value <= high))
             Fail(m_node[key],
@@ -89,7 +78,7 @@ public:
     }
 
     template <class Names, class Value>
-    void ReadName(const std::string& key, const Names& names, Value& value) {
+    void ReadName(const std::string& key, const Names& names, Value& value) const {
         std::string text;
         Read(key, text);
         for (const auto& [name, candidate] : names) {
@@ -97,51 +86,32 @@ public:
             value = candidate;
             return;
         }
-        Fail(m_node, fmt::format("'{}' can't be '{}'", key, text));
+        Fail(fmt::format("'{}' can't be '{}'", key, text));
     }
 
     template <class Reader>
-    void ReadSection(const std::string& key, Reader reader) {
-        const YAML::Node node = Find(key);
-        if (!node.IsDefined()) return;
-        Section section(node, m_source);
-        reader(section);
-        section.RefuseUnknownKeys();
+    void ReadSection(const std::string& key, Reader reader) const {
+        if (Has(key)) reader(Section(m_node[key]));
     }
 
     template <class Reader>
-    void ReadList(const std::string& key, Reader reader) {
-        const YAML::Node node = Find(key);
-        if (!node.IsDefined()) return;
-        if (!node.IsSequence()) Fail(node, fmt::format("'{}' must be a list", key));
-        for (const YAML::Node& element : node) {
-            Section section(element, m_source);
-            reader(section);
-            section.RefuseUnknownKeys();
-        }
-    }
-
-    void RefuseUnknownKeys() const {
-        for (const auto& entry : m_node) {
-            const auto key = entry.first.as<std::string>();
-            if (m_known.count(key) == 0) Fail(entry.first, fmt::format("unknown key '{}'", key));
-        }
+    void ReadList(const std::string& key, Reader reader) const {
+        if (!Has(key)) return;
+        if (!m_node[key].IsSequence()) Fail(m_node[key], fmt::format("'{}' must be a list", key));
+        for (const Node& element : m_node[key]) reader(Section(element));
     }
 
     [[noreturn]] void Fail(const std::string& what) const { Fail(m_node, what); }
 
 private:
-    YAML::Node Find(const std::string& key) {
-        m_known.insert(key);
-        return std::as_const(m_node)[key];
+    [[noreturn]] static void Fail(const Node& where, const std::string& what) {
+        throw oru::configng::PliConfigError(what, where.GetWhere());
     }
 
-    YAML::Node m_node;
-    std::string m_source;
-    std::set<std::string> m_known;
+    Node m_node;
 };
 
-void ReadHost(Section& section, HostSettings& host) {
+void ReadHost(const Section& section, HostSettings& host) {
     section.ReadInRange("managed_modes", host.managed_modes, 2U, 4866U);
     section.ReadInRange("gpao_highest_mode", host.gpao_highest_mode, 3U, 52U);
     section.Read("delta_scaling", host.delta_scaling);
@@ -153,7 +123,7 @@ void ReadHost(Section& section, HostSettings& host) {
     section.ReadDuration("m4_response_timeout", host.m4_response_timeout);
 }
 
-void ReadInstrument(Section& section, InstrumentSettings& instrument) {
+void ReadInstrument(const Section& section, InstrumentSettings& instrument) {
     section.ReadInRange("rate", instrument.rate, 1.0, 5000.0);
     section.ReadInRange("noise", instrument.noise, 0.0, 1.0);
     section.ReadDuration("drift_period", instrument.drift_period);
@@ -161,12 +131,12 @@ void ReadInstrument(Section& section, InstrumentSettings& instrument) {
         section.Fail("'drift_period' is below 10 ms");
 }
 
-void ReadM4(Section& section, M4Settings& m4) {
+void ReadM4(const Section& section, M4Settings& m4) {
     section.ReadDuration("answer_delay", m4.answer_delay);
     section.ReadInRange("feedback_rate", m4.feedback_rate, 1.0, 2000.0);
 }
 
-FaultRule ReadFault(Section& section) {
+FaultRule ReadFault(const Section& section) {
     FaultRule rule;
     section.ReadName("stream", STREAMS, rule.stream);
     section.ReadName("kind", KINDS, rule.kind);
@@ -187,7 +157,7 @@ defs::VoskControlMode ParseMode(const Section& section, const std::string& text)
     section.Fail(fmt::format("there is no control mode '{}'", text));
 }
 
-Step ReadStep(Section& section) {
+Step ReadStep(const Section& section) {
     constexpr std::array<std::pair<const char*, bool>, 2> LIFE{{{"dead", false}, {"alive", true}}};
     constexpr std::array<std::pair<const char*, bool>, 2> SILENCE{{{"silent", true}, {"sending", false}}};
     constexpr std::array<std::pair<const char*, bool>, 2> VALIDITY{{{"valid", true}, {"invalid", false}}};
@@ -224,7 +194,7 @@ Step ReadStep(Section& section) {
     return step;
 }
 
-void ReadExpectation(Section& section, Expectation& expect) {
+void ReadExpectation(const Section& section, Expectation& expect) {
     section.ReadInRange("max_exceptions", expect.max_exceptions, 0.0, 1.0);
     section.ReadDuration("send_margin", expect.send_margin);
     section.ReadDuration("recovery", expect.recovery);
@@ -243,6 +213,41 @@ void RefuseImpossibleDelays(const Section& root, const Scenario& scenario) {
             root.Fail(fmt::format(
                 "a delay of {} must be shorter than {}", ToString(rule.stream),
                 is_answer ? fmt::format("{} periods of the commands", ANSWERS_KEPT) : "its whole period"));
+    }
+}
+
+Scenario ReadScenario(const Document& document) {
+    const Section root(document.Instances());
+    Scenario scenario;
+    root.Read("name", scenario.name);
+    if (scenario.name.empty()) root.Fail("a scenario needs a 'name'");
+    root.Read("description", scenario.description);
+    root.ReadSeconds("seconds", scenario.duration);
+    root.Read("seed", scenario.seed);
+    root.ReadSection("host", [&](const Section& section) { ReadHost(section, scenario.host); });
+    root.ReadSection("instrument",
+                     [&](const Section& section) { ReadInstrument(section, scenario.instrument); });
+    root.ReadSection("m4", [&](const Section& section) { ReadM4(section, scenario.m4); });
+    root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
+    root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });
+    root.ReadSection("expect", [&](const Section& section) { ReadExpectation(section, scenario.expect); });
+    if (const auto unread = UnreadKeys(document); !unread.empty())
+        throw oru::configng::PliConfigError(fmt::format("unknown key '{}'", unread.front().path),
+                                            fmt::format("{}:{}", unread.front().file, unread.front().line));
+    RefuseImpossibleDelays(root, scenario);
+    std::stable_sort(scenario.steps.begin(), scenario.steps.end(),
+                     [](const Step& left, const Step& right) { return left.at < right.at; });
+    return scenario;
+}
+
+template <class MakeDocument>
+Scenario Read(MakeDocument make_document) {
+    try {
+        return ReadScenario(make_document());
+    } catch (const oru::configng::PliConfigDocumentError&) {
+        throw;  // its text says where
+    } catch (const oru::configng::PliConfigError& error) {
+        throw std::runtime_error(fmt::format("{}: {}", error.Where(), error.what()));
     }
 }
 
@@ -300,38 +305,11 @@ void Scenario::ChangeDuration(Seconds new_duration) {
 }
 
 Scenario ParseScenario(const std::string& text, const std::string& source) {
-    YAML::Node document;
-    try {
-        document = YAML::Load(text);
-    } catch (const YAML::Exception& error) {
-        throw std::runtime_error(fmt::format("{}:{}: {}", source, error.mark.line + 1, error.msg));
-    }
-    Scenario scenario;
-    Section root(document, source);
-    root.Read("name", scenario.name);
-    if (scenario.name.empty()) root.Fail("a scenario needs a 'name'");
-    root.Read("description", scenario.description);
-    root.ReadSeconds("seconds", scenario.duration);
-    root.Read("seed", scenario.seed);
-    root.ReadSection("host", [&](Section& section) { ReadHost(section, scenario.host); });
-    root.ReadSection("instrument", [&](Section& section) { ReadInstrument(section, scenario.instrument); });
-    root.ReadSection("m4", [&](Section& section) { ReadM4(section, scenario.m4); });
-    root.ReadList("faults", [&](Section& section) { scenario.faults.push_back(ReadFault(section)); });
-    root.ReadList("steps", [&](Section& section) { scenario.steps.push_back(ReadStep(section)); });
-    root.ReadSection("expect", [&](Section& section) { ReadExpectation(section, scenario.expect); });
-    root.RefuseUnknownKeys();
-    RefuseImpossibleDelays(root, scenario);
-    std::stable_sort(scenario.steps.begin(), scenario.steps.end(),
-                     [](const Step& left, const Step& right) { return left.at < right.at; });
-    return scenario;
+    return Read([&] { return Document::FromText(text, source); });
 }
 
 Scenario LoadScenario(const std::filesystem::path& file) {
-    const std::ifstream input(file);
-    if (!input) throw std::runtime_error(fmt::format("{}: can't be read", file.string()));
-    std::ostringstream text;
-    text << input.rdbuf();
-    return ParseScenario(text.str(), file.string());
+    return Read([&] { return Document::FromFile(file.string()); });
 }
 
 std::chrono::nanoseconds ParseDuration(const std::string& text) {

@@ -37,11 +37,12 @@ steps:
 TEST(Scenario, IsRefusedWithPlaceAndReason) {
     const std::pair<const char*, const char*> cases[] = {
         {"seconds: 3", "needs a 'name'"},
-        {"[1, 2]", "a map of keys is expected"},
+        {"[1, 2]", "no map"},
+        {"name: x\nhost: 3", "a map of keys is expected"},
         {"name: x\nsecond: 3", "2: unknown key 'second'"},
-        {"name: x\nhost: {modes: 3}", "unknown key 'modes'"},
+        {"name: x\nhost: {modes: 3}", "unknown key 'host.modes'"},
         {"name: x\nhost: {m4_send_delay: 1200}", "\"500 us\""},
-        {"name: x\ninstrument: {rate: fast}", "'rate' has a value of the wrong kind"},
+        {"name: x\ninstrument: {rate: fast}", "instrument.rate failed"},
         {"name: x\ninstrument: {rate: 0}", "must lie between"},
         {"name: x\nfaults: [{stream: m5, kind: drop}]", "'stream' can't be 'm5'"},
         {"name: x\nfaults: {}", "must be a list"},
