@@ -17,7 +17,10 @@ done
 [ "${#missing[@]}" -eq 0 ] && exit 0
 
 as_root=()
-[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "missing, for root to install with $0: ${missing[*]}" >&2; exit 1; }
+  as_root=(sudo)
+fi
 echo "installing: ${missing[*]}"
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
