@@ -62,8 +62,8 @@ struct Recovery {
 
 // Everything that is known when a run is over.
 struct RunFacts {
-    bool realtime = false;
-    time_point start;  // of the instrument's time grid
+    std::string advice;  // what this run lacks on this machine and how to get it, if anything
+    time_point start;    // of the instrument's time grid
     std::span<const CommandRecord> commands;
     std::span<const SetpointRecord> setpoints;
     std::span<const CheckedSetpoint> checked;

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -30,9 +29,6 @@ using namespace std::chrono_literals;
 
 // A reply takes the host's control thread a moment; a second of silence means that it hangs.
 constexpr auto REPLY_PATIENCE = 5000ms;
-
-constexpr int REALTIME_PRIORITY = 10;
-constexpr const char* LOG_THREAD = "vosk-log";
 
 [[noreturn]] void ThrowSystemError(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -97,6 +93,7 @@ std::string MakeHostDocument(const Scenario& scenario, const Ports& ports, const
     };
     return fmt::format(
         "# Written by vosk-rig for the scenario '{}'.\n"
+        "host: {{priority: {}}}\n"
         "cfg:\n"
         "  ao:\n"
         "    wavefront_cmd_stream:\n"
@@ -120,7 +117,7 @@ std::string MakeHostDocument(const Scenario& scenario, const Ports& ports, const
         "      - {}\n"
         "    feedback:\n"
         "      - {}\n",
-        scenario.name, input(ports.wavefront_command, Topics::WAVEFRONT_COMMAND), host.busy,
+        scenario.name, host.priority, input(ports.wavefront_command, Topics::WAVEFRONT_COMMAND), host.busy,
         host.m4_send_delay.count(), host.m4_response_timeout.count(), host.gpao_highest_mode,
         host.delta_scaling, host.managed_modes, YAML::Dump(YAML::Node(basis.string())), limits.velocity,
         limits.gap, host.busy, ports.setpoint, Topics::SETPOINT,
@@ -135,6 +132,8 @@ HostStatus ParseHostStatus(const std::string& json) {
         report.at("source").get_to(status.source);
         report.at("handover_state").get_to(status.handover_state);
         report.at("log_dropped").get_to(status.log_dropped);
+        for (const auto& thread : report.at("threads"))
+            if (thread.at("priority") > 0 && thread.at("priority_given") == 0) status.priority_refused = true;
         for (const auto& stream : report.at("streams"))
             status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid"),
                                                  stream.value("lost", std::uint64_t{0}),
@@ -254,26 +253,6 @@ HostStatus HostProcess::Status() {
 bool HostProcess::Running() {
     CheckExit();
     return !m_exit;
-}
-
-bool HostProcess::RaiseWorkers() {
-    const auto name_of = [](const std::filesystem::path& task) {
-        std::string name;
-        std::getline(std::ifstream(task / "comm"), name);
-        return name;
-    };
-    const std::filesystem::path tasks = fmt::format("/proc/{}/task", m_pid);
-    const std::string main_name = name_of(tasks / std::to_string(m_pid));
-    // Below the peers, which stand for hardware.
-    const sched_param priority{REALTIME_PRIORITY};
-    bool any = false;
-    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-        const std::string name = name_of(task.path());
-        if (name == main_name || name == LOG_THREAD) continue;
-        const pid_t thread = std::stoi(task.path().filename().string());
-        any = sched_setscheduler(thread, SCHED_FIFO, &priority) == 0 || any;
-    }
-    return any;
 }
 
 void HostProcess::CheckExit() {

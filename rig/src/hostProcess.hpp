@@ -82,6 +82,7 @@ struct HostStatus {
     std::string source;
     int handover_state = 0;
     std::uint64_t log_dropped = 0;
+    bool priority_refused = false;  // a thread asked for one and has none
     HostCounts counts;
     std::map<std::string, HostStream> streams;
     std::vector<HostEvent> events;
@@ -114,9 +115,6 @@ public:
     HostStatus Status();
 
     bool Running();
-    // Gives the threads that carry data a real-time priority, as an operator would; those that serve commands
-    // and write the log keep theirs. False if the system allows it for none.
-    bool RaiseWorkers();
     void Terminate();  // SIGTERM; returns at once
     // Exit code, or 128 and the number of the signal that ended it; nothing if it runs on.
     std::optional<int> WaitExit(std::chrono::milliseconds patience);

@@ -117,6 +117,7 @@ private:
         Write("<div class=\"verdict{}\">{}<ul>\n", report.holds ? "" : " no", EscapeHtml(report.verdict));
         for (const std::string& violation : report.violations) Write("<li>{}</li>\n", EscapeHtml(violation));
         Write("</ul></div>\n");
+        if (!report.advice.empty()) Write("<p>{}</p>\n", EscapeHtml(report.advice));
     }
 
     void WriteSection(const ReportSection& section) {

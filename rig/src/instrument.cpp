@@ -11,7 +11,6 @@ namespace vosk::rig {
 namespace {
 
 constexpr defs::sample_id_t WRONG_ID_STEP = 1000;
-constexpr int HARDWARE_PRIORITY = 20;
 
 pktwire::lspx::Sender::Config SenderConfig() {
     pktwire::lspx::Sender::Config config;
@@ -24,9 +23,9 @@ pktwire::lspx::Sender::Config SenderConfig() {
 
 }  // namespace
 
-void TakeHardwarePriority() {
-    const sched_param priority{HARDWARE_PRIORITY};
-    sched_setscheduler(0, SCHED_FIFO, &priority);
+bool TakePriority(int priority) {
+    const sched_param parameters{priority};
+    return priority == 0 || sched_setscheduler(0, SCHED_FIFO, &parameters) == 0;
 }
 
 void SleepUntil(time_point time) {
@@ -42,7 +41,7 @@ Instrument::Instrument(const Scenario& scenario, const Ports& ports, AppendLog<C
       m_period(scenario.CommandPeriod()),
       m_patience(std::min<std::chrono::nanoseconds>(m_period / 2, scenario.host.m4_send_delay / 4)),
       m_last_number(static_cast<std::uint64_t>(scenario.instrument.rate * scenario.duration.count())),
-      m_realtime(scenario.host.realtime),
+      m_priority(scenario.host.PeerPriority()),
       m_wavefront(scenario.instrument, scenario.seed),
       m_faults(scenario, rig::Stream::WavefrontCommand),
       m_socket(LoopbackTo(ports.wavefront_command), nullptr),
@@ -66,7 +65,7 @@ void Instrument::Stop() {
 }
 
 void Instrument::Run() {
-    if (m_realtime) TakeHardwarePriority();
+    TakePriority(m_priority);
     for (std::uint64_t number = 0; number < m_last_number && m_running; ++number) {
         const time_point time_stamp = m_first + m_period * static_cast<std::int64_t>(number);
         m_wavefront.Make(number, m_payload.command);

@@ -47,7 +47,7 @@ private:
     const std::chrono::nanoseconds m_period;
     const std::chrono::nanoseconds m_patience;  // how late a command may leave
     const std::uint64_t m_last_number;
-    const bool m_realtime;
+    const int m_priority;
     WavefrontGenerator m_wavefront;
     FaultGenerator m_faults;
     pktwire::UdpTxSocket m_socket;
@@ -67,8 +67,8 @@ private:
     std::thread m_thread;
 };
 
-// Gives the calling thread the priority of simulated hardware, above the host's, if the system allows it.
-void TakeHardwarePriority();
+// Gives the calling thread a priority under SCHED_FIFO, unless it is 0. False if the system refuses.
+bool TakePriority(int priority);
 
 // Sleeps to an absolute time; returns at once if it has passed.
 void SleepUntil(time_point time);

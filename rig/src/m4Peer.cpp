@@ -38,7 +38,7 @@ M4Peer::M4Peer(const Scenario& scenario, const Ports& ports, AppendLog<SetpointR
     : m_answer_delay(scenario.m4.answer_delay),
       m_feedback_period(scenario.FeedbackPeriod()),
       m_port(ports.setpoint),
-      m_realtime(scenario.host.realtime),
+      m_priority(scenario.host.PeerPriority()),
       m_log(log),
       m_ring(ring),
       m_answers(scenario, Stream::SetpointApplied, ports.setpoint_applied, Topics::SETPOINT_APPLIED),
@@ -62,7 +62,7 @@ void M4Peer::Stop() {
 }
 
 void M4Peer::Run() {
-    if (m_realtime) TakeHardwarePriority();
+    TakePriority(m_priority);
     while (m_running) {
         LiveOrDie();
         const time_point now = AtomClk::now();

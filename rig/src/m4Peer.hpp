@@ -88,7 +88,7 @@ private:
     const std::chrono::nanoseconds m_answer_delay;
     const std::chrono::nanoseconds m_feedback_period;
     const std::uint16_t m_port;
-    const bool m_realtime;
+    const int m_priority;
     AppendLog<SetpointRecord>& m_log;
     SetpointRing& m_ring;
     Outlet m_answers;

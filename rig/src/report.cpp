@@ -19,6 +19,7 @@ public:
                            Streams(),  Faults(),   Times(),   History()};
         report.holds = m_accounts.Holds();
         report.violations = m_accounts.violations;
+        report.advice = m_facts.advice;
         report.verdict =
             report.holds
                 ? fmt::format(
@@ -42,7 +43,8 @@ private:
                          m_scenario.instrument.rate, m_scenario.duration.count(), host.managed_modes,
                          host.delta_scaling ? "delta" : "absolute", host.m4_send_delay.count(),
                          host.m4_response_timeout.count(), m_scenario.m4.answer_delay.count()),
-             fmt::format("Host and peers ran at {} priority.", m_facts.realtime ? "real-time" : "ordinary")}};
+             fmt::format("Priority of the host's threads: {}, of the peers: {}{}.", host.priority,
+                         host.PeerPriority(), m_facts.advice.empty() ? "" : "; not granted by the system")}};
     }
 
     ReportSection Commands() const {

@@ -23,6 +23,7 @@ struct RunReport {
     std::string verdict;
     bool holds = false;
     std::vector<std::string> violations;
+    std::string advice;  // where the machine withheld something
 };
 
 RunReport MakeReport(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts,

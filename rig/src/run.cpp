@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -50,6 +51,23 @@ std::string DescribeMachine() {
 time_point NextGridPoint(time_point time, std::chrono::nanoseconds period) {
     const auto count = time.time_since_epoch();
     return time_point{(count / period + 1) * period};
+}
+
+// Tried on a thread of its own, which takes the priority with it.
+bool MayTakePriority(int priority) {
+    bool may = false;
+    std::thread([&] { may = TakePriority(priority); }).join();
+    return may;
+}
+
+std::string AdviseOnPriority(int priority) {
+    const passwd* user = getpwuid(getuid());
+    return fmt::format(
+        "No right to real-time priority: other load delays the loop, and the verdict may not hold. For this "
+        "shell: "
+        "sudo prlimit --pid $$ --rtprio={0}; for good: a line \"{1} - rtprio {0}\" in "
+        "/etc/security/limits.d/vosk.conf and a new login.",
+        priority, user == nullptr ? "*" : user->pw_name);
 }
 
 // Held for the life of the descriptor, and by nobody else: a host that is started doesn't inherit it.
@@ -133,7 +151,10 @@ bool Run::Execute() {
         m_scenario, ports, basis, limits,
         {m_paths.host, out / "host.yaml", std::filesystem::relative(out / "host.sock"), out / "host.log"});
     stage.host.WaitReady(HOST_SETUP_PATIENCE);
-    m_facts.realtime = m_scenario.host.realtime && stage.host.RaiseWorkers();
+    if (stage.host.Status().priority_refused || !MayTakePriority(m_scenario.host.PeerPriority())) {
+        m_facts.advice = AdviseOnPriority(m_scenario.host.PeerPriority());
+        m_progress.Say(m_facts.advice);
+    }
 
     m_first = NextGridPoint(AtomClk::now() + 200ms, m_scenario.CommandPeriod());
     stage.m4.Start(m_first);

@@ -116,9 +116,8 @@ void ReadHost(const Section& section, HostSettings& host) {
     section.ReadInRange("gpao_highest_mode", host.gpao_highest_mode, 3U, 52U);
     section.Read("delta_scaling", host.delta_scaling);
     section.Read("busy", host.busy);
-    host.realtime = !host.busy;
-    section.Read("realtime", host.realtime);
-    if (host.busy && host.realtime) section.Fail("'realtime' with 'busy' would stall the machine");
+    if (host.busy) host.priority = 0;  // threads that spin at a priority leave a small machine nothing
+    section.ReadInRange("priority", host.priority, 0, 80);
     section.ReadDuration("m4_send_delay", host.m4_send_delay);
     section.ReadDuration("m4_response_timeout", host.m4_response_timeout);
 }

@@ -22,8 +22,10 @@ struct HostSettings {
     std::uint32_t gpao_highest_mode = 52;
     bool delta_scaling = true;
     bool busy = false;
-    // Host and peers under SCHED_FIFO, if the system allows it. Not for threads that spin.
-    bool realtime = true;
+    // Under SCHED_FIFO, where the system grants it; the peers stand above. 0: all of them ordinary.
+    int priority = 10;
+
+    int PeerPriority() const { return priority > 0 ? priority + 10 : 0; }
     std::chrono::microseconds m4_send_delay{1200};
     std::chrono::microseconds m4_response_timeout{500};
 };

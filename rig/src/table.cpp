@@ -43,6 +43,7 @@ std::string MakeTable(const RunReport& report) {
         if (!section.rows.empty() || !section.notes.empty()) text += FormatSection(section);
     text += fmt::format("\nVERDICT: {}\n", report.holds ? "holds" : "does not hold");
     for (const std::string& violation : report.violations) text += fmt::format("  - {}\n", violation);
+    if (!report.advice.empty()) text += report.advice + "\n";
     return text;
 }
 

@@ -79,10 +79,12 @@ TEST(HostStatus, IsReadFromTheHostsJson) {
         R"("overwritten_commands":5,"unfit_source_cycles":6,"clock_steps":7,"grid_points_skipped":8})";
     const HostStatus status = ParseHostStatus(
         R"({"mode":"TEL_DRIVEN","source":"CCS/TEL","handover_state":0,"log_dropped":2,"counts":)" + counts +
+        R"(,"threads":[{"priority":0,"priority_given":0},{"priority":9,"priority_given":0}])"
         R"(,"streams":[{"name":"M4_OUTPUT","samples":7,"invalid":0,"lost":3,"dropped_packets":4}],)"
         R"("events":[{"time_ns":5,"text":"say \"hi\" \u00b5"}]})");
     EXPECT_EQ(status.source, "CCS/TEL");
     EXPECT_EQ(status.streams.at("M4_OUTPUT").lost, 3U);
+    EXPECT_TRUE(status.priority_refused);
     EXPECT_EQ(status.counts.grid_points_skipped, 8U);
     ASSERT_EQ(status.events.size(), 1U);
     EXPECT_EQ(status.events[0].time.time_since_epoch().count(), 5);
