@@ -41,6 +41,8 @@ public:
 constexpr std::uint64_t MAX_HELD_SAMPLES = 1024;
 constexpr std::uint64_t DEFAULT_HELD_SAMPLES = 2;
 constexpr std::size_t MAX_UNIT_SIZE = 255;
+// Packets of a sample that is read packet by packet which may come before their turn: 64 KiB each.
+constexpr std::size_t MAX_EARLY = 64;
 
 // Builds the object that stands for a packet inside the packet's own storage.
 template <class Packet>
@@ -107,10 +109,16 @@ Receiver::Receiver(const Config& config, QudexReceiver receiver, std::pmr::memor
     }
     m_receiver->m_source.SetPrefix(sizeof(wire::QudexHeader) + sizeof(wire::LspxHeader) +
                                    config.leading_padding_size);
+    m_receiver->m_source.AllowEarly(std::min<std::size_t>(m_receiver->m_config.num_frames, MAX_EARLY));
     if (config.buf_samples > DEFAULT_HELD_SAMPLES) {
         m_receiver->m_source.AllowHeld(2 *
                                        static_cast<std::size_t>(config.buf_samples - DEFAULT_HELD_SAMPLES));
     }
+}
+
+void Receiver::Restart() noexcept {
+    m_reader.LeaveSample();
+    m_receiver->Restart();
 }
 
 std::pair<std::error_code, Receiver::Sample> Receiver::ReceiveSample(

@@ -42,7 +42,7 @@ PacketReader::Result PacketReader::ReadLeader(Pieces pieces, std::chrono::nanose
             m_next_frame = 1;
             Slot* leader = TakeFromQueue();
             if (leader != nullptr) return Deliver({{}, leader}, pieces);
-            if (m_source.IsSampleInWorkHopeless()) return GiveUp();
+            if (m_source.IsSampleInWorkHopeless(CountEarly())) return GiveUp();
             m_num_frames = 0;
         }
         const Result read = ReadPacket({}, deadline);
@@ -83,7 +83,7 @@ PacketReader::Result PacketReader::ReadNextFrame(Pieces pieces, const Deadline& 
     for (;;) {
         Slot* queued = TakeFromQueue();
         if (queued != nullptr) return {{}, queued};
-        if (m_source.IsSampleInWorkHopeless()) return GiveUp();
+        if (m_source.IsSampleInWorkHopeless(CountEarly())) return GiveUp();
         const Result read = ReadPacket(pieces, deadline);
         if (read.error || read.slot != nullptr) return read;
     }
@@ -178,10 +178,8 @@ PacketReader::Result PacketReader::Drop(Slot* slot, std::error_code error) noexc
 }
 
 PacketReader::Result PacketReader::GiveUp() noexcept {
-    const auto waiting = std::count_if(m_source.Queue().begin(), m_source.Queue().end(),
-                                       [this](const Slot* slot) { return slot->packet.SampleId() == m_id; });
     ++m_source.Counters().given_up;
-    m_source.Counters().lost += m_num_frames - (m_next_frame - 1U) - static_cast<std::size_t>(waiting);
+    m_source.Counters().lost += m_num_frames - (m_next_frame - 1U) - CountEarly();
     EndSample(false);
     m_source.DropStaleFromQueue();
     return {qudex::RxErrc::sample_given_up};
@@ -211,6 +209,12 @@ void PacketReader::NoteReordered(std::span<Slot* const> earlier) noexcept {
     const bool behind_a_later_one = std::any_of(
         earlier.begin(), earlier.end(), [this](const Slot* slot) { return slot->packet.SampleId() == m_id; });
     if (behind_a_later_one) ++m_source.Counters().reordered;
+}
+
+std::size_t PacketReader::CountEarly() const noexcept {
+    const auto& queue = m_source.Queue();
+    return static_cast<std::size_t>(std::count_if(
+        queue.begin(), queue.end(), [this](const Slot* slot) { return slot->packet.SampleId() == m_id; }));
 }
 
 Slot* PacketReader::TakeFromQueue() noexcept {

@@ -9,9 +9,13 @@ namespace pktwire::detail {
 
 namespace {
 
-// Sample IDs run forward and wrap; two of one stream that lie this close are taken to be in order, two that
-// lie further apart to come from a sender that started anew.
+// Sample IDs run forward and wrap; two of one stream that lie this close are taken to be in order, whatever
+// their times.
 constexpr std::uint32_t ORDER_WINDOW = 16;
+// Samples that may be missed in a row; a longer gap is the new start of a sender.
+constexpr std::uint32_t MAX_GAP = 1U << 20U;
+// Packets dropped from a socket at a restart: more than any buffer holds. A flood must not hold the caller.
+constexpr std::size_t MAX_DRAINED = 1U << 17U;
 // So many whole samples in a row can't all be late: the one that made them so was none of the stream.
 constexpr unsigned MAX_LATE_SAMPLES = 3;
 
@@ -23,6 +27,11 @@ bool IsShortlyBefore(std::uint32_t id, std::uint32_t other) noexcept {
 // A sender that started anew may use IDs of the recent past, but its times go on.
 bool IsNewer(const Slot& slot, time_point latest) noexcept {
     return latest != time_point{} && slot.packet.Timestamp() > latest;
+}
+
+bool IsOlder(const Slot& slot, time_point latest) noexcept {
+    const time_point time = slot.packet.Timestamp();
+    return time != time_point{} && latest != time_point{} && time < latest;
 }
 
 }  // namespace
@@ -59,6 +68,42 @@ PacketSource::PacketSource(const Config& config, RxSocket& socket, std::pmr::mem
 
 void PacketSource::AllowHeld(std::size_t count) {
     m_pool.Grow(count);
+}
+
+void PacketSource::AllowEarly(std::size_t count) {
+    m_early_limit = count;
+    m_pool.Grow(count);
+    m_queue.reserve(m_queue.capacity() + count);
+}
+
+void PacketSource::Restart() noexcept {
+    for (Slot* slot : m_queue) m_pool.Give(slot);
+    m_queue.clear();
+    m_whole_in_queue = false;
+    m_past_count = 0;
+    m_delivered.reset();
+    m_late = {};
+    m_misfits = 0;
+    DrainSocket();
+    m_counters = {};
+    m_dropped_before = m_socket.Dropped();
+}
+
+void PacketSource::DrainSocket() noexcept {
+    for (std::size_t drained = 0; drained < MAX_DRAINED; drained += m_read) {
+        while (m_expected < m_batch.size() && Expect({})) {
+        }
+        if (m_expected == 0 || Read(Deadline{std::chrono::nanoseconds::zero()})) return;
+        for (const Incoming& packet : Batch()) {
+            if (packet.slot != nullptr) m_pool.Give(packet.slot);
+        }
+    }
+}
+
+RxCounters PacketSource::ReadCounters() const noexcept {
+    RxCounters counters = m_counters;
+    counters.dropped = m_socket.Dropped() - m_dropped_before;
+    return counters;
 }
 
 bool PacketSource::Expect(std::span<std::byte> place) noexcept {
@@ -237,18 +282,40 @@ void PacketSource::SampleIsOver(std::uint32_t id, time_point latest, bool delive
     ++m_past_count;
     m_misfits = 0;
     if (!delivered) return;
+    CountMissed(id);
     m_delivered = PastSample{id, latest};
     m_late = {};
 }
 
+// Those that are over without being delivered were not missed.
+void PacketSource::CountMissed(std::uint32_t id) noexcept {
+    if (!m_delivered) return;
+    const std::uint32_t first = m_delivered->id + 1;
+    const std::uint32_t gap = id - first;
+    if (gap >= MAX_GAP) return;
+    const auto past = PastSamples();
+    const auto met = std::count_if(
+        past.begin(), past.end(), [first, gap](const PastSample& sample) { return sample.id - first < gap; });
+    m_counters.missed += gap - std::min(gap, static_cast<std::uint32_t>(met));
+}
+
 bool PacketSource::IsStale(const Slot& slot) const noexcept {
-    const bool late = m_delivered && IsShortlyBefore(slot.packet.SampleId(), m_delivered->id) &&
-                      !IsNewer(slot, m_delivered->latest);
-    return late || IsOver(slot);
+    return IsLate(slot) || IsOver(slot);
+}
+
+bool PacketSource::IsLate(const Slot& slot) const noexcept {
+    if (!m_delivered || IsNewer(slot, m_delivered->latest)) return false;
+    const std::uint32_t id = slot.packet.SampleId();
+    if (IsShortlyBefore(id, m_delivered->id)) return true;
+    return IsOlder(slot, m_delivered->latest) && !IsShortlyBefore(m_delivered->id, id);
+}
+
+std::span<const PacketSource::PastSample> PacketSource::PastSamples() const noexcept {
+    return std::span{m_past}.first(std::min(m_past_count, m_past.size()));
 }
 
 bool PacketSource::IsOver(const Slot& slot) const noexcept {
-    const auto past = std::span{m_past}.first(std::min(m_past_count, m_past.size()));
+    const auto past = PastSamples();
     return std::any_of(past.begin(), past.end(), [&slot](const PastSample& sample) {
         return sample.id == slot.packet.SampleId() && !IsNewer(slot, sample.latest);
     });

@@ -155,6 +155,11 @@ std::pair<std::error_code, std::optional<Receiver::SampleHandle>> Receiver::Rece
     return {error, SampleHandle{std::move(ends.first), std::move(ends.last)}};
 }
 
+void Receiver::Restart() noexcept {
+    m_collector.AbandonSample();
+    m_source.Restart();
+}
+
 Sender::Sender(const Config& config, TxSocket& socket, std::pmr::memory_resource* memory)
     : m_config{config},
       m_socket{socket},

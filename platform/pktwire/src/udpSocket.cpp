@@ -1,5 +1,6 @@
 #include <pktwire/udpSocket.hpp>
 
+#include <linux/sock_diag.h>
 #include <log4cplus/logger.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <limits>
 #include <stdexcept>
@@ -194,6 +196,14 @@ std::error_code UdpRxSocket::WaitReadable(std::chrono::nanoseconds timeout) noex
         timeout -= spin;
     }
     return Poll(m_fd.Get(), POLLIN, timeout);
+}
+
+// Exact at once; the count that SO_RXQ_OVFL attaches to a datagram tells only of drops before that one.
+std::uint32_t UdpRxSocket::Dropped() const noexcept {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> figures{};
+    socklen_t size = sizeof(figures);
+    ::getsockopt(m_fd.Get(), SOL_SOCKET, SO_MEMINFO, figures.data(), &size);
+    return figures[SK_MEMINFO_DROPS];
 }
 
 std::uint16_t UdpRxSocket::LocalPort() const {

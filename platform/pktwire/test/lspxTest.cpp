@@ -65,7 +65,7 @@ struct Bench {
         return {new qudex::Receiver{config, socket, nullptr}, std::default_delete<qudex::Receiver>{}};
     }
     Bytes Content(std::size_t size) { return buffer.Content(size); }
-    const RxCounters& Counters() const { return receiver.GetCounters(); }
+    RxCounters Counters() const { return receiver.GetCounters(); }
     std::pair<std::error_code, lspx::Receiver::Sample> ReceiveSample() {
         return receiver.ReceiveSample(leader_info, buffer.Get(), trailer_info, 1h);
     }
@@ -286,6 +286,17 @@ TEST(LspxReceiver, RepairsReorderingInBothManners) {
         EXPECT_EQ(bench.Counters().reordered, 12U);
         EXPECT_EQ(bench.Counters().ahead, 0U);
     }
+}
+
+TEST(LspxReceiver, PacketByPacketASampleMayComeInAnyOrderBesideOthers) {
+    const Stream stream{.num_frames = 30, .units = 300};
+    Bench bench{stream};
+    auto datagrams = Cut(stream, 1, Counting(600), Counting(4));
+    std::reverse(datagrams.begin(), datagrams.end());
+    datagrams.insert(datagrams.begin() + 20, Cut(stream, 2, Counting(600, 2), Counting(4))[0]);
+    bench.socket.Put(datagrams);
+    EXPECT_FALSE(Receive(bench, true));
+    EXPECT_EQ(bench.Content(600), Counting(600));
 }
 
 TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {

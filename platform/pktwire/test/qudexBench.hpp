@@ -52,7 +52,7 @@ struct Bench {
         return ids;
     }
     Bytes Content() { return buffer.Content(); }
-    const RxCounters& Counters() const { return receiver.GetCounters(); }
+    RxCounters Counters() const { return receiver.GetCounters(); }
 
     FakeRxSocket socket;
     qudex::Receiver receiver;

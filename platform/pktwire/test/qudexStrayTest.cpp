@@ -115,11 +115,44 @@ TEST(QudexReceiver, DropsLateSamplesButFollowsASenderThatStartsAnew) {
     bench.socket.Put(Cut(sample, 1, 102, at(2)));  // one was lost
     bench.socket.Put(Cut(sample, 1, 101, at(1)));  // late
     bench.socket.Put(Cut(sample, 1, 98, at(3)));   // a new start, by its time
-    bench.socket.Put(Cut(sample, 1, 0, at(-50)));  // a new start, by its ID
-    bench.socket.Put(Cut(sample, 1, 0xFFFFFFFF, at(-51)));
+    bench.socket.Put(Cut(sample, 1, 0, {}));       // a new start, by its ID
+    bench.socket.Put(Cut(sample, 1, 0xFFFFFFFF, {}));
     bench.socket.Put(Cut(sample, 1, 1, at(4)));
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(100, 102, 98, 0, 1));
     EXPECT_EQ(bench.Counters().stale, 4U);
+    EXPECT_EQ(bench.Counters().missed, 1U);
+}
+
+TEST(QudexReceiver, DropsReplaysButFollowsASenderThatWasRestartedWithAnOlderClock) {
+    const Bytes sample = Counting(30);
+    const auto at = [](unsigned id) { return TIME + std::chrono::microseconds{id}; };
+    Bench bench{3, 30};
+    for (unsigned id = 100; id < 104; ++id) {
+        bench.socket.Put(Cut(sample, 3, id, at(id)));
+        for (unsigned old : {id - 40, id - 39, id + 1000}) bench.socket.Put(Cut(sample, 3, old, at(50)));
+    }
+    bench.socket.Put(Cut(sample, 3, 104, at(90)));  // the clock was set back, the sender goes on
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(100, 101, 102, 103, 104));
+    EXPECT_EQ(bench.Counters().stale, 4 * 9U);
+    for (unsigned id = 1; id <= 5; ++id) bench.socket.Put(Cut(sample, 3, id, at(id)));
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(4, 5));
+    EXPECT_EQ(bench.Counters().missed, 0U);
+}
+
+TEST(QudexReceiver, CountsTheSamplesOfWhichNothingCame) {
+    const Bytes sample = Counting(30);
+    Bench bench{3, 30};
+    const auto put = [&](unsigned id) { bench.socket.Put(Cut(sample, 3, id)); };
+    put(0xFFFFFFFE);
+    put(2);  // 3 missed
+    bench.socket.Put({Cut(sample, 3, 4)[1]});
+    put(5);        // 1 missed, 4 was given up
+    put(1000000);  // 999994 missed: a cable was out
+    put(3000000);  // a new start
+    put(10);       // another one
+    put(11);
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(0xFFFFFFFE, 2, 0, 5, 1000000, 3000000, 10, 11));
+    EXPECT_EQ(bench.Counters().missed, 3U + 1U + 999994U);
 }
 
 TEST(QudexReceiver, AForgedSampleOfTheFutureCostsOnlyItself) {

@@ -55,6 +55,26 @@ TEST(UdpRxSocket, GrantsTheBufferAskedForAsFarAsTheSystemLets) {
     EXPECT_GT(UdpRxSocket(config, nullptr).GrantedBuffer(), 0U);
 }
 
+TEST(UdpRxSocket, TellsHowManyPacketsTheKernelDropped) {
+    auto config = Listening();
+    config.rxbuf_size = 1;  // the system's smallest
+    UdpRxSocket rx{config, nullptr};
+    qudex::Receiver receiver{ReceiverConfig(1), rx, nullptr};
+    UdpTxSocket tx{SendingTo(rx.LocalPort()), nullptr};
+    qudex::Sender sender{SenderConfig(1), tx, nullptr};
+    std::array<std::byte, 1000> sample{};
+    const auto send_and_receive = [&] {
+        for (unsigned i = 0; i < 100; ++i) EXPECT_FALSE(sender.SendSample(sample, {}, {}));
+        std::uint64_t received = 0;
+        while (!receiver.ReceiveSample(sample, 0ns).first) ++received;
+        EXPECT_EQ(received + receiver.GetCounters().dropped, 100U);
+        EXPECT_LT(received, 100U);
+    };
+    send_and_receive();
+    receiver.Restart();
+    send_and_receive();
+}
+
 TEST(UdpRxSocket, WaitsNoLongerThanToldAndEndsAtOnceWhenAPacketComes) {
     for (auto spin_time : {0ns, std::chrono::nanoseconds{1ms}}) {
         auto config = Listening();

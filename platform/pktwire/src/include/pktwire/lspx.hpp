@@ -142,7 +142,10 @@ public:
     PacketResult<TrailerPacket> ReceiveTrailerPacket(pktwire::detail::IovsBuilder<std::byte>&& pieces,
                                                      std::chrono::nanoseconds timeout) noexcept;
 
-    const RxCounters& GetCounters() const noexcept { return m_receiver->GetCounters(); }
+    // As qudex::Receiver::Restart.
+    void Restart() noexcept;
+
+    RxCounters GetCounters() const noexcept { return m_receiver->GetCounters(); }
 
 private:
     QudexReceiver m_receiver;

@@ -98,7 +98,11 @@ public:
     std::pair<std::error_code, std::optional<SampleHandle>> ReceiveSample(
         gsl::span<std::byte> buffer, std::chrono::nanoseconds timeout) noexcept;
 
-    const RxCounters& GetCounters() const noexcept { return m_source.Counters(); }
+    // Begins as if just made, with zero counters: the sample in work is forgotten, and packets that were kept
+    // or wait in the socket are dropped.
+    void Restart() noexcept;
+
+    RxCounters GetCounters() const noexcept { return m_source.ReadCounters(); }
 
 private:
     friend class lspx::Receiver;

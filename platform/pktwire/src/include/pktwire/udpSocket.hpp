@@ -32,6 +32,8 @@ public:
     virtual std::size_t ReceiveBatch(std::span<mmsghdr> messages, std::error_code& error) noexcept = 0;
     // Waits until a datagram is there: error 0, std::errc::timed_out or what the system says.
     virtual std::error_code WaitReadable(std::chrono::nanoseconds timeout) noexcept = 0;
+    // Datagrams that the kernel dropped since the socket was opened; wraps. 0 where nobody counts them.
+    virtual std::uint32_t Dropped() const noexcept { return 0; }
 };
 
 class TxSocket {
@@ -86,6 +88,7 @@ public:
     std::size_t BatchSize() const noexcept override { return m_batch_size; }
     std::size_t ReceiveBatch(std::span<mmsghdr> messages, std::error_code& error) noexcept override;
     std::error_code WaitReadable(std::chrono::nanoseconds timeout) noexcept override;
+    std::uint32_t Dropped() const noexcept override;
 
     std::uint16_t LocalPort() const;
     // Bytes of socket buffer that the system granted, its own overhead included.

@@ -50,6 +50,8 @@ private:
     bool IsRefutedBySampleInWork(const pktwire::detail::Slot& slot) noexcept;
     // The next frame was taken, and these came before it.
     void NoteReordered(std::span<pktwire::detail::Slot* const> earlier) noexcept;
+    // Packets of the sample in work that wait in the queue.
+    std::size_t CountEarly() const noexcept;
     // The next frame, if it waits in the queue.
     pktwire::detail::Slot* TakeFromQueue() noexcept;
 

@@ -14,20 +14,22 @@
 
 namespace pktwire {
 
-// What a receiver met, since its construction.
+// What a receiver met, since its construction or its last restart.
 struct RxCounters {
     std::uint64_t packets = 0;     // datagrams read
     std::uint64_t samples = 0;     // delivered whole
     std::uint64_t given_up = 0;    // samples left unfinished
     std::uint64_t refused = 0;     // samples that can't be received as this receiver is set up
+    std::uint64_t missed = 0;      // samples of which not one packet came, by the gaps in the IDs
     std::uint64_t lost = 0;        // packets missing from samples given up
+    std::uint64_t dropped = 0;     // packets that the kernel dropped: no room in the socket, wrong checksum
     std::uint64_t short_ones = 0;  // fewer bytes than the headers say
     std::uint64_t long_ones = 0;   // more bytes than the headers say
     std::uint64_t foreign = 0;     // no QUDEX packet, another version, topic or sender than the sample's
     std::uint64_t malformed = 0;   // headers in contradiction to themselves, to the sample or to the set-up
     std::uint64_t checksum = 0;    // CRC that doesn't fit
     std::uint64_t duplicate = 0;   // packets that were there already
-    std::uint64_t stale = 0;       // of a sample that is over
+    std::uint64_t stale = 0;       // of a sample that is over, or that lies behind the last one delivered
     std::uint64_t unexpected = 0;  // of another kind than was asked for, packet by packet
     std::uint64_t reordered = 0;   // accepted behind a later one
     std::uint64_t ahead = 0;       // kept for a later sample
@@ -69,6 +71,12 @@ public:
     void SetPrefix(std::size_t size) noexcept { m_prefix = size; }
     // Packets that the caller may hold besides those that the source needs itself. For set-up only.
     void AllowHeld(std::size_t count);
+    // Packets of the sample in work that may wait in the queue besides those of other samples. For set-up
+    // only.
+    void AllowEarly(std::size_t count);
+
+    // Begins as if just made, with zero counters: what waits in the queue and in the socket is dropped.
+    void Restart() noexcept;
 
     std::size_t BatchSize() const noexcept { return m_batch.size(); }
 
@@ -97,30 +105,32 @@ public:
     const Slot* NextInQueue() const noexcept;
     // So much has come for others that what the sample in work lacks won't come any more: another sample is
     // whole, the queue is full, or nothing but misfits comes, since the sender was set up anew.
-    bool IsSampleInWorkHopeless() const noexcept {
-        return m_whole_in_queue || m_queue.size() >= m_queue_limit || m_misfits >= MAX_MISFITS;
+    // `early` packets of the sample in work are in the queue as well.
+    bool IsSampleInWorkHopeless(std::size_t early = 0) const noexcept {
+        return m_whole_in_queue || m_queue.size() - early >= m_queue_limit || early > m_early_limit ||
+               m_misfits >= MAX_MISFITS;
     }
     // A packet of the sample in work was taken.
     void NoteProgress() noexcept { m_misfits = 0; }
     // Call after taking packets out of the queue.
     void RecheckQueue() noexcept;
 
-    // The sample is over: further packets of it are stale. A delivered one makes those shortly before it
-    // stale as well, so that samples are delivered in order.
+    // The sample is over: further packets of it are stale. A delivered one makes those behind it stale as
+    // well, so that samples are delivered in order.
     void SampleIsOver(std::uint32_t id, time_point latest, bool delivered) noexcept;
     bool IsStale(const Slot& slot) const noexcept;
 
     void Release(Slot* slot) noexcept { m_pool.Give(slot); }
 
     RxCounters& Counters() noexcept { return m_counters; }
-    const RxCounters& Counters() const noexcept { return m_counters; }
+    RxCounters ReadCounters() const noexcept;
 
 private:
     struct PastSample {
         std::uint32_t id = 0;
         time_point latest{};
     };
-    // Of samples that were dropped only for lying shortly before the one delivered.
+    // Of samples that were dropped only for lying behind the one delivered.
     struct LateRun {
         std::uint32_t id = 0;          // of the latest
         std::uint16_t component = 0;   // of all
@@ -131,17 +141,22 @@ private:
     static constexpr std::size_t IOVS = 3;  // headers, expected place, spill
     static constexpr std::size_t MAX_MISFITS = 64;
 
+    void DrainSocket() noexcept;
+    void CountMissed(std::uint32_t id) noexcept;
     bool IsValid(const Incoming& packet, const mmsghdr& message) noexcept;
     bool ChecksumFits(const Incoming& packet) const noexcept;
     bool IsWholeInQueue(const Slot& slot) const noexcept;
     // What is to be counted if the second packet keeps the first one out of its sample, else null.
     std::uint64_t* Conflict(const Slot& slot, const Slot& other) noexcept;
+    std::span<const PastSample> PastSamples() const noexcept;
     bool IsOver(const Slot& slot) const noexcept;
+    bool IsLate(const Slot& slot) const noexcept;
     void NoteLate(const Slot& slot) noexcept;
 
     const std::uint32_t m_topic;
     const bool m_ignore_checksum;
     const std::size_t m_queue_limit;
+    std::size_t m_early_limit = 0;
     RxSocket& m_socket;
     std::size_t m_prefix = sizeof(wire::QudexHeader);
     PacketPool m_pool;
@@ -158,6 +173,7 @@ private:
     LateRun m_late;
     std::size_t m_misfits = 0;  // in a row
     RxCounters m_counters;
+    std::uint32_t m_dropped_before = 0;  // by the kernel, until the restart
 };
 
 }  // namespace detail
