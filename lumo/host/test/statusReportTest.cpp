@@ -20,15 +20,17 @@ TEST(StatusReport, OneLineHoldsFiguresInTheirOrderUnderTheirNames) {
     status.counts.back() = std::uint64_t{1} << 63U;
     status.control.source = vosk::defs::AoCommandSource::CCS;
     status.commands.u4_fs_tt = {5, std::numeric_limits<float>::quiet_NaN()};
-    status.streams.push_back({.valid = true, .stream_id = 1, .sample_count = 7, .period = 0.002F});
+    status.streams.push_back(
+        {.valid = true, .stream_id = 1, .sample_count = 7, .period = 0.002F, .losses = {3, 4, 5}});
     const auto text = ToJson(status);
     EXPECT_EQ(text.find('\n'), std::string::npos);
     EXPECT_EQ(text.find(R"({"mode":")"), 0U);
-    for (const char* part :
-         {R"("source":"CCS/TEL")",
-          R"({"name":"M4_OUTPUT","valid":true,"samples":7,"invalid":0,"period":0.002,)",
-          R"("counts":{"late_setpoints":1,"missing_answers":0,)",
-          R"("grid_points_skipped":9223372036854775808})", R"("u4":[5.0,null])", R"("threads_ended":[])"}) {
+    for (
+        const char* part :
+        {R"("source":"CCS/TEL")",
+         R"({"name":"M4_OUTPUT","valid":true,"samples":7,"invalid":0,"lost":3,"dropped_packets":4,"stale_packets":5,"period":0.002,)",
+         R"("counts":{"late_setpoints":1,"missing_answers":0,)",
+         R"("grid_points_skipped":9223372036854775808})", R"("u4":[5.0,null])", R"("threads_ended":[])"}) {
         EXPECT_THAT(text, testing::HasSubstr(part));
     }
 }

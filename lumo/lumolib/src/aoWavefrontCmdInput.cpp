@@ -62,12 +62,14 @@ AoWavefrontCmdInput::AoWavefrontCmdInput(const oru::configng::PliConfigInstanceN
       m_output_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<AoOutputDataSync>(
           AoOutputDataSync::InstanceTag::DEFAULT, m_busy)},
       m_statistics{RuntimeMonitor::GetInstance().m_ao_statistics},
-      m_stream_state{RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state} {
+      m_stream_state{RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state},
+      m_counts{RuntimeMonitor::GetInstance().m_command_counts} {
     CheckForm(m_lspx_cfg, node.GetPath());
 }
 
 void AoWavefrontCmdInput::Work(std::promise<void>& started) {
     const auto buffers = std::make_unique<Buffers>();
+    m_lspx_receiver->Restart();
     started.set_value();
     while (IsRunning()) RunCycle(*buffers);
 }
@@ -79,6 +81,7 @@ void AoWavefrontCmdInput::RunCycle(Buffers& buffers) {
         [this](const auto& error, auto now) { OnError(error, now); },
         [&](const auto& leader, const auto& trailer, auto now) { OnSample(leader, trailer, buffers, now); },
         [this](auto now) { m_stream_state->RecordInvalidSample(now); });
+    ReportLosses(*m_lspx_receiver, *m_stream_state);
 }
 
 void AoWavefrontCmdInput::OnError(const std::error_code& error, time_point now) {
@@ -102,6 +105,8 @@ void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPack
     }
 
     KeepPair(leader, buffers);
+    // AoTasks clears the flag when it has taken a command.
+    if (m_ins_sync->IsDataReady()) m_counts->overwritten_commands.fetch_add(1, std::memory_order_relaxed);
     m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
     m_output_sync->SetData(AoWavefrontCmdTimestamps{command_time, receive_time}, id, atomclk::AtomClk::now());
     const bool valid = IsValid(buffers.header);

@@ -39,16 +39,19 @@ void Describe(DescriptionRef description, const char* what, const PliConfigInsta
 // What a stream met besides its samples, at the end of its life. Silent if that was nothing.
 void LogMishaps(const pktwire::UdpRxSocket::Config& udp_cfg, std::uint32_t topic,
                 const pktwire::RxCounters& met) noexcept try {
-    const auto mishaps = met.given_up + met.refused + met.lost + met.stale + met.foreign + met.malformed +
-                         met.short_ones + met.long_ones + met.checksum + met.duplicate + met.unexpected;
+    const auto mishaps = met.missed + met.dropped + met.given_up + met.refused + met.lost + met.stale +
+                         met.foreign + met.malformed + met.short_ones + met.long_ones + met.checksum +
+                         met.duplicate + met.unexpected;
     if (mishaps == 0) return;
     common::LogInfo(
-        "Receiver on {}:{}, topic ID: {}: {} packets, {} samples; samples given up: {}, refused: {}; "
-        "packets lost: {}, stale: {}, foreign: {}, malformed: {}, too short: {}, too long: {}, "
+        "Receiver on {}:{}, topic ID: {}: {} packets, {} samples; samples missed: {}, given up: {}, refused: "
+        "{}; "
+        "packets dropped by the kernel: {}, lost: {}, stale: {}, foreign: {}, malformed: {}, too short: {}, "
+        "too long: {}, "
         "of wrong checksum: {}, duplicate: {}, of another kind than asked for: {}",
-        TextOrNothing(udp_cfg.ip.listen), udp_cfg.udp.listen, topic, met.packets, met.samples, met.given_up,
-        met.refused, met.lost, met.stale, met.foreign, met.malformed, met.short_ones, met.long_ones,
-        met.checksum, met.duplicate, met.unexpected);
+        TextOrNothing(udp_cfg.ip.listen), udp_cfg.udp.listen, topic, met.packets, met.samples, met.missed,
+        met.given_up, met.refused, met.dropped, met.lost, met.stale, met.foreign, met.malformed,
+        met.short_ones, met.long_ones, met.checksum, met.duplicate, met.unexpected);
 } catch (const std::exception&) {
     // A line of the log is not worth the program's end.
 }

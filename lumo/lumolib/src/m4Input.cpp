@@ -28,6 +28,7 @@ M4Input::M4Input(const oru::configng::PliConfigInstanceNode& node)
       m_stream_state{RuntimeMonitor::GetInstance().m_m4_input_state} {}
 
 void M4Input::Work(std::promise<void>& started) {
+    m_receiver->Restart();
     started.set_value();
     while (IsRunning()) RunCycle();
 }
@@ -38,6 +39,7 @@ void M4Input::RunCycle() {
         [this](const auto& error, auto now) { OnError(error, now); },
         [this](const auto& packet, auto now) { OnSample(packet, now); },
         [this](auto now) { m_stream_state->RecordInvalidSample(now); });
+    ReportLosses(*m_receiver, *m_stream_state);
 }
 
 void M4Input::OnError(const std::error_code& error, time_point now) {
@@ -65,6 +67,8 @@ M4FeedbackInput::M4FeedbackInput(const oru::configng::PliConfigInstanceNode& nod
 
 void M4FeedbackInput::Work(std::promise<void>& started) {
     const auto payload = std::make_unique<defs::M4Feedback::Payload>();
+    m_receiver->Restart();
+    m_counter = 0;
     started.set_value();
     while (IsRunning()) RunCycle(*payload);
 }

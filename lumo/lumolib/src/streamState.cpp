@@ -28,6 +28,11 @@ void StreamState::RecordSample(std::uint32_t Figures::*counter, time_point time)
     if (figures.period <= figures.period_min) figures.period_min = figures.period;
 }
 
+void StreamState::StoreLosses(const StreamLosses& losses) {
+    const std::lock_guard lock(m_mutex);
+    m_figures.losses = losses;
+}
+
 StreamTopic StreamState::ReadTopic() const {
     const std::lock_guard lock(m_mutex);
     const float period = Seconds(m_figures.period);
@@ -40,7 +45,8 @@ StreamTopic StreamState::ReadTopic() const {
             .period_max = Seconds(m_figures.period_max),
             .period_min = Seconds(m_figures.period_min),
             .period = period,
-            .rate = 1.0F / period};
+            .rate = 1.0F / period,
+            .losses = m_figures.losses};
 }
 
 void StreamState::ClearFigures() {

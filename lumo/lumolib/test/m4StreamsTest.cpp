@@ -190,18 +190,40 @@ TEST_F(Streams, M4OutputPublishesTheSendPeriodEachFiveHundredthSample) {
     EXPECT_THROW(TelemetryLines(0), boost::interprocess::interprocess_exception);
 }
 
+// Of each sample it sends the frames from `first` on, up to `last`.
+struct PartSocket final : pktwire::TxSocket {
+    std::error_code Send(std::span<mmsghdr> messages) noexcept override {
+        return socket.Send(messages.first(std::min(last, messages.size())).subspan(first));
+    }
+    pktwire::UdpTxSocket socket{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr};
+    std::size_t first = 0;
+    std::size_t last = SIZE_MAX;
+};
+
 // A peer on the loopback interface that sends to a port of this test program's own.
 class Peer {
 public:
-    explicit Peer(std::uint16_t num_frames)
-        : m_socket{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr},
-          m_sender{Config(num_frames), m_socket, nullptr} {}
+    explicit Peer(std::uint16_t num_frames) : m_sender{Config(num_frames), m_socket, nullptr} {}
 
     static oru::configng::PliConfigInstanceNode ReceiverNode(const std::string& more = "") {
         return test::CfgOf(
-            "cfg: {busy: false, timeout: \"1000 ms\", listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
+            "cfg: {busy: false, timeout: \"20 ms\", listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
             "listen_udp: " +
             std::to_string(vosk::test::UniquePort()) + more + "}");
+    }
+
+    // Stops the receiver between the frames of sample 7, starts it again, and sends the rest and sample 8.
+    template <class Send>
+    void RestartWithinASample(Thread& receiver, std::size_t frames, Send send) {
+        receiver.Start().get();
+        m_socket.last = frames - 1;
+        send(7);
+        receiver.Stop();
+        receiver.Start().get();
+        m_socket.first = std::exchange(m_socket.last, SIZE_MAX);
+        send(7);
+        m_socket.first = 0;
+        send(8);
     }
 
     template <class Record>
@@ -232,7 +254,7 @@ private:
         return config;
     }
 
-    pktwire::UdpTxSocket m_socket;
+    PartSocket m_socket;
     pktwire::qudex::Sender m_sender;
 };
 
@@ -268,6 +290,42 @@ TEST_F(Streams, M4AnswersReachTheirObjectAndBrokenOnesAreCounted) {
     peer.Send(payload, 43, START);
     input.RunCycle();
     EXPECT_EQ(Counts(state), std::pair(2U, 1U));
+}
+
+TEST_F(Streams, AReceiverThatIsRestartedWithinASampleForgetsIt) {
+    const LogCapture log;
+    const auto& monitor = RuntimeMonitor::GetInstance();
+    {
+        M4Input input{Peer::ReceiverNode()};
+        Peer peer{3};
+        peer.RestartWithinASample(
+            input, 3, [&](unsigned id) { peer.Send(defs::M4SetpointApplied::Payload{}, id, START); });
+        EXPECT_TRUE(Eventually([] { return Get<M4InputDataSync>(false)->GetSampleId() == 8; }));
+        input.Stop();
+        EXPECT_EQ(Counts(monitor.m_m4_input_state), std::pair(1U, 1U));
+    }
+    {
+        AoWavefrontCmdInput input{Peer::ReceiverNode()};
+        Peer peer{5};
+        const std::vector<float> command(defs::WAVEFRONT_CMD_SIZE, 1.0F);
+        peer.RestartWithinASample(
+            input, 5, [&](unsigned id) { peer.SendCommand(std::byte{1}, command, id, AtomClk::now()); });
+        EXPECT_TRUE(Eventually([] { return Get<AoOutputDataSync>(false)->GetSampleId() == 8; }));
+        input.Stop();
+        EXPECT_EQ(Counts(monitor.m_ao_wavefront_cmd_state), std::pair(1U, 1U));
+    }
+    {
+        M4FeedbackInput input{Peer::ReceiverNode()};
+        Peer peer{3};
+        defs::M4Feedback::Payload feedback;
+        peer.RestartWithinASample(input, 3, [&](unsigned id) {
+            feedback.counter = 10 * id;
+            peer.Send(feedback, id, START);
+        });
+        EXPECT_TRUE(Eventually([] { return Get<AoM4CapSensActDataSync>()->GetSampleId() == 8; }));
+        input.Stop();
+        EXPECT_THAT(log.Texts("M4FeedbackInput::", WARN_LOG_LEVEL), IsEmpty());
+    }
 }
 
 TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
@@ -331,6 +389,26 @@ TEST_F(CommandInput, EveryCommandWakesTheAoOutputAndValidOnesAoTasks) {
     EXPECT_TRUE(m_ins->IsNewData());
     EXPECT_FALSE(m_ins->IsDataReady());
     EXPECT_TRUE(m_output->IsDataReady());
+}
+
+TEST_F(CommandInput, WhatIsLostOnTheWayToAoTasksIsCounted) {
+    const std::vector<float> command(defs::WAVEFRONT_CMD_SIZE);
+    const auto& overwritten = RuntimeMonitor::GetInstance().m_command_counts->overwritten_commands;
+    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
+    Receive(1, true, command, START);
+    Receive(2, true, command, START);
+    EXPECT_EQ(overwritten, 0U);
+    m_peer.SendCommand(std::byte{1}, command, 6, START);  // AoTasks has not taken the one before
+    m_input.RunCycle();
+    EXPECT_EQ(overwritten, 1U);
+    m_peer.SendCommand(std::byte{1}, command, 5, START);  // too late
+    m_input.RunCycle();
+    const StreamLosses losses = m_state->GetTopicData().losses;
+    EXPECT_EQ(losses.lost, 3U);
+    EXPECT_EQ(losses.stale_packets, 5U);
+    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
+    for (unsigned id : {7U, 8U}) Receive(id, true, command, START);
+    EXPECT_EQ(overwritten, 1U);
 }
 
 // The pair in front and the beat of the AO output go on, whatever is wrong with the rest of a command.

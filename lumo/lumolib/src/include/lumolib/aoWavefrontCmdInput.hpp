@@ -46,6 +46,7 @@ private:
     const std::shared_ptr<AoOutputDataSync> m_output_sync;
     const std::shared_ptr<StatisticsBuffered> m_statistics;
     const std::shared_ptr<InputStreamState> m_stream_state;
+    const std::shared_ptr<CommandCounts> m_counts;
     std::array<float, defs::TIP_TILT_SIZE> m_last_pair{};  // worker thread only
 };
 

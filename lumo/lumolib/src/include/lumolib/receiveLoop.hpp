@@ -10,6 +10,8 @@
 //   on_sample(..., now)     a whole sample is in the buffers; its packets are valid during the call
 //   on_nothing(now)         neither: the receiver came back without an error and without a whole sample
 // Receivers are those of pktwire, or a test's own with the same ReceiveSample().
+//
+// A thread restarts its receiver before its start handshake: nothing of a former run is received.
 
 #include <atomclk/atomClk.hpp>
 #include <gsl/span>
@@ -49,6 +51,13 @@ void ReceiveLspxOnce(Receiver& receiver, gsl::span<std::byte> leader_info, gsl::
     } else {
         on_nothing(now);
     }
+}
+
+// What the receiver lost so far, for the stream's figures: after each cycle, also one that timed out.
+template <class Receiver, class State>
+void ReportLosses(const Receiver& receiver, State& state) {
+    const auto met = receiver.GetCounters();
+    state.SetLosses({met.missed, met.dropped, met.stale});
 }
 
 }  // namespace vosk::lumo

@@ -15,6 +15,13 @@ namespace vosk::lumo {
 using defs::time_point;
 using vosk::common::shmif::DataStreamIdentifier;
 
+// What a receiver lost since the threads were started.
+struct StreamLosses {
+    std::uint64_t lost = 0;             // samples of which not one packet came, by the gaps in the IDs
+    std::uint64_t dropped_packets = 0;  // by the kernel
+    std::uint64_t stale_packets = 0;    // of samples that were over, or behind the last one delivered
+};
+
 // What the host reads.
 struct StreamTopic {
     time_point time{};            // of the reading
@@ -27,6 +34,7 @@ struct StreamTopic {
     float period_min = 0;             // seconds; about 9.2e9 before any period is known
     float period = 0;                 // seconds
     float rate = 0;                   // hertz; infinite for a period of 0
+    StreamLosses losses{};            // zero for output streams
 };
 
 // On cache lines of its own: the next stream is written from another CPU.
@@ -48,11 +56,13 @@ protected:
         std::chrono::nanoseconds period_max = std::chrono::nanoseconds::min();
         std::chrono::nanoseconds period_min = std::chrono::nanoseconds::max();
         time_point last_time{};  // of the latest sample, valid or not
+        StreamLosses losses{};
     };
 
     explicit StreamState(DataStreamIdentifier stream_id);
 
     void RecordSample(std::uint32_t Figures::*counter, time_point time);
+    void StoreLosses(const StreamLosses& losses);
     StreamTopic ReadTopic() const;
     void ClearFigures();
 
@@ -69,6 +79,9 @@ public:
     // Both take part in the period figures: the period is that of arrivals, not of good ones.
     void RecordValidSample(time_point time) { RecordSample(&Figures::sample_count, time); }
     void RecordInvalidSample(time_point time) { RecordSample(&Figures::invalid_count, time); }
+
+    // The receiver's own counts, after each of its calls.
+    void SetLosses(const StreamLosses& losses) { StoreLosses(losses); }
 
     StreamTopic GetTopicData() const override { return ReadTopic(); }
     void Reset() override { ClearFigures(); }
