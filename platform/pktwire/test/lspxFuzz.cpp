@@ -95,6 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             feed.Put(TrueSample(input, config, qudex_config.num_frames, payload.size()), input);
         }
         for (int i = 0; i < step % 8; ++i) feed.Put(Datagram(input, config));
+        if (step == 0x7F) receiver.Restart();
         if (step < 0x80) {
             auto [error, sample] = receiver.ReceiveSample(leader_info, payload, trailer_info, NOW);
             test::Require(!error == (sample.leader && sample.trailer));

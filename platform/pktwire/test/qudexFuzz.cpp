@@ -34,6 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::uint8_t step = input.Byte();
         if ((step & 8U) != 0) feed.Put(TrueSample(input, config.num_frames, small.size()), input);
         for (int i = 0; i < step % 8; ++i) feed.Put(input.Datagram(config.topic, 0));
+        if (step == 0xEF) receiver.Restart();
         test::Bytes& buffer = step < 0xF0 ? small : large;
         auto [error, handle] = receiver.ReceiveSample(buffer, std::chrono::nanoseconds::zero());
         test::Require(handle.has_value() == !error);
