@@ -44,11 +44,10 @@ void LogMishaps(const pktwire::UdpRxSocket::Config& udp_cfg, std::uint32_t topic
                          met.duplicate + met.unexpected;
     if (mishaps == 0) return;
     common::LogInfo(
-        "Receiver on {}:{}, topic ID: {}: {} packets, {} samples; samples missed: {}, given up: {}, refused: "
-        "{}; "
-        "packets dropped by the kernel: {}, lost: {}, stale: {}, foreign: {}, malformed: {}, too short: {}, "
-        "too long: {}, "
-        "of wrong checksum: {}, duplicate: {}, of another kind than asked for: {}",
+        "Receiver on {}:{}, topic ID: {}: {} packets, {} samples; samples missed: {}, given up: {}, "
+        "refused: {}; packets dropped by the kernel: {}, lost: {}, stale: {}, foreign: {}, malformed: {}, "
+        "too short: {}, too long: {}, of wrong checksum: {}, duplicate: {}, "
+        "of another kind than asked for: {}",
         TextOrNothing(udp_cfg.ip.listen), udp_cfg.udp.listen, topic, met.packets, met.samples, met.missed,
         met.given_up, met.refused, met.dropped, met.lost, met.stale, met.foreign, met.malformed,
         met.short_ones, met.long_ones, met.checksum, met.duplicate, met.unexpected);

@@ -190,14 +190,15 @@ TEST_F(Streams, M4OutputPublishesTheSendPeriodEachFiveHundredthSample) {
     EXPECT_THROW(TelemetryLines(0), boost::interprocess::interprocess_exception);
 }
 
-// Of each sample it sends the frames from `first` on, up to `last`.
+// Sends of each sample all frames, all but the last or the last alone.
 struct PartSocket final : pktwire::TxSocket {
+    enum class Part { ALL, BUT_LAST, LAST };
     std::error_code Send(std::span<mmsghdr> messages) noexcept override {
-        return socket.Send(messages.first(std::min(last, messages.size())).subspan(first));
+        if (part == Part::LAST) messages = messages.last(1);
+        return socket.Send(messages.first(messages.size() - (part == Part::BUT_LAST ? 1 : 0)));
     }
     pktwire::UdpTxSocket socket{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr};
-    std::size_t first = 0;
-    std::size_t last = SIZE_MAX;
+    Part part = Part::ALL;
 };
 
 // A peer on the loopback interface that sends to a port of this test program's own.
@@ -213,17 +214,19 @@ public:
     }
 
     // Stops the receiver between the frames of sample 7, starts it again, and sends the rest and sample 8.
-    template <class Send>
-    void RestartWithinASample(Thread& receiver, std::size_t frames, Send send) {
-        receiver.Start().get();
-        m_socket.last = frames - 1;
-        send(7);
-        receiver.Stop();
-        receiver.Start().get();
-        m_socket.first = std::exchange(m_socket.last, SIZE_MAX);
-        send(7);
-        m_socket.first = 0;
+    template <class Sync, class Send>
+    void RestartWithinASample(Thread&& receiver, const Sync& sync, Send send) {
+        using enum PartSocket::Part;
+        for (const auto part : {BUT_LAST, LAST}) {
+            receiver.Stop();
+            receiver.Start().get();
+            m_socket.part = part;
+            send(7);
+        }
+        m_socket.part = ALL;
         send(8);
+        EXPECT_TRUE(Eventually([&] { return sync.GetSampleId() == 8; }));
+        receiver.Stop();
     }
 
     template <class Record>
@@ -294,38 +297,25 @@ TEST_F(Streams, M4AnswersReachTheirObjectAndBrokenOnesAreCounted) {
 
 TEST_F(Streams, AReceiverThatIsRestartedWithinASampleForgetsIt) {
     const LogCapture log;
-    const auto& monitor = RuntimeMonitor::GetInstance();
-    {
-        M4Input input{Peer::ReceiverNode()};
-        Peer peer{3};
-        peer.RestartWithinASample(
-            input, 3, [&](unsigned id) { peer.Send(defs::M4SetpointApplied::Payload{}, id, START); });
-        EXPECT_TRUE(Eventually([] { return Get<M4InputDataSync>(false)->GetSampleId() == 8; }));
-        input.Stop();
-        EXPECT_EQ(Counts(monitor.m_m4_input_state), std::pair(1U, 1U));
-    }
-    {
-        AoWavefrontCmdInput input{Peer::ReceiverNode()};
-        Peer peer{5};
-        const std::vector<float> command(defs::WAVEFRONT_CMD_SIZE, 1.0F);
-        peer.RestartWithinASample(
-            input, 5, [&](unsigned id) { peer.SendCommand(std::byte{1}, command, id, AtomClk::now()); });
-        EXPECT_TRUE(Eventually([] { return Get<AoOutputDataSync>(false)->GetSampleId() == 8; }));
-        input.Stop();
-        EXPECT_EQ(Counts(monitor.m_ao_wavefront_cmd_state), std::pair(1U, 1U));
-    }
-    {
-        M4FeedbackInput input{Peer::ReceiverNode()};
-        Peer peer{3};
-        defs::M4Feedback::Payload feedback;
-        peer.RestartWithinASample(input, 3, [&](unsigned id) {
-            feedback.counter = 10 * id;
-            peer.Send(feedback, id, START);
+    Peer m4{3};
+    Peer instrument{5};
+    m4.RestartWithinASample(M4Input{Peer::ReceiverNode()}, *Get<M4InputDataSync>(false),
+                            [&](unsigned id) { m4.Send(defs::M4SetpointApplied::Payload{}, id, START); });
+    instrument.RestartWithinASample(
+        AoWavefrontCmdInput{Peer::ReceiverNode()}, *Get<AoOutputDataSync>(false), [&](unsigned id) {
+            instrument.SendCommand(std::byte{1}, std::vector<float>(defs::WAVEFRONT_CMD_SIZE), id,
+                                   AtomClk::now());
         });
-        EXPECT_TRUE(Eventually([] { return Get<AoM4CapSensActDataSync>()->GetSampleId() == 8; }));
-        input.Stop();
-        EXPECT_THAT(log.Texts("M4FeedbackInput::", WARN_LOG_LEVEL), IsEmpty());
-    }
+    defs::M4Feedback::Payload feedback;
+    m4.RestartWithinASample(M4FeedbackInput{Peer::ReceiverNode()}, *Get<AoM4CapSensActDataSync>(),
+                            [&](unsigned id) {
+                                feedback.counter = 10 * id;
+                                m4.Send(feedback, id, START);
+                            });
+    const auto& monitor = RuntimeMonitor::GetInstance();
+    EXPECT_EQ(Counts(monitor.m_m4_input_state), std::pair(1U, 1U));
+    EXPECT_EQ(Counts(monitor.m_ao_wavefront_cmd_state), std::pair(1U, 1U));
+    EXPECT_THAT(log.Texts("M4FeedbackInput::", WARN_LOG_LEVEL), IsEmpty());
 }
 
 TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
@@ -352,8 +342,9 @@ TEST_F(Streams, FeedbackCounterSaysEverySampleAfterALoss) {
 class CommandInput : public Streams {
 protected:
     // One cycle of the receiver, which has a command to receive.
-    void Receive(unsigned id, bool valid, const std::vector<float>& command, AtomClk::time_point time) {
-        m_ins->ClearDataReady();
+    void Receive(unsigned id, bool valid, const std::vector<float>& command, AtomClk::time_point time,
+                 bool taken = true) {
+        if (taken) m_ins->ClearDataReady();
         m_output->ClearDataReady();
         m_peer.SendCommand(std::byte{valid}, command, id, time);
         m_input.RunCycle();
@@ -395,19 +386,15 @@ TEST_F(CommandInput, WhatIsLostOnTheWayToAoTasksIsCounted) {
     const std::vector<float> command(defs::WAVEFRONT_CMD_SIZE);
     const auto& overwritten = RuntimeMonitor::GetInstance().m_command_counts->overwritten_commands;
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
-    Receive(1, true, command, START);
-    Receive(2, true, command, START);
+    for (unsigned id : {1U, 2U}) Receive(id, true, command, START);
     EXPECT_EQ(overwritten, 0U);
-    m_peer.SendCommand(std::byte{1}, command, 6, START);  // AoTasks has not taken the one before
-    m_input.RunCycle();
-    EXPECT_EQ(overwritten, 1U);
-    m_peer.SendCommand(std::byte{1}, command, 5, START);  // too late
-    m_input.RunCycle();
-    const StreamLosses losses = m_state->GetTopicData().losses;
-    EXPECT_EQ(losses.lost, 3U);
-    EXPECT_EQ(losses.stale_packets, 5U);
+    Receive(6, true, command, START, false);
+    Receive(5, true, command, START, false);  // too late
+    EXPECT_EQ(m_state->GetTopicData().losses.lost, 3U);
+    EXPECT_EQ(m_state->GetTopicData().losses.stale_packets, 5U);
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
-    for (unsigned id : {7U, 8U}) Receive(id, true, command, START);
+    Receive(7, true, command, START);
+    Receive(8, true, command, START, false);
     EXPECT_EQ(overwritten, 1U);
 }
 

@@ -63,16 +63,14 @@ TEST(UdpRxSocket, TellsHowManyPacketsTheKernelDropped) {
     UdpTxSocket tx{SendingTo(rx.LocalPort()), nullptr};
     qudex::Sender sender{SenderConfig(1), tx, nullptr};
     std::array<std::byte, 1000> sample{};
-    const auto send_and_receive = [&] {
+    for (int run = 0; run < 2; ++run) {
+        receiver.Restart();
         for (unsigned i = 0; i < 100; ++i) EXPECT_FALSE(sender.SendSample(sample, {}, {}));
         std::uint64_t received = 0;
         while (!receiver.ReceiveSample(sample, 0ns).first) ++received;
-        EXPECT_EQ(received + receiver.GetCounters().dropped, 100U);
         EXPECT_LT(received, 100U);
-    };
-    send_and_receive();
-    receiver.Restart();
-    send_and_receive();
+        EXPECT_EQ(received + receiver.GetCounters().dropped, 100U);
+    }
 }
 
 TEST(UdpRxSocket, WaitsNoLongerThanToldAndEndsAtOnceWhenAPacketComes) {
