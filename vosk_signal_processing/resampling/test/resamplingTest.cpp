@@ -88,6 +88,24 @@ TEST(Resampler, GivesWhatWasWorkedOutOnPaper) {
     EXPECT_FALSE(MakeReal(Stage{Kind::LERP})->GetSample());  // before the first input
 }
 
+// Polled four times an input, which is as often as outputs are due.
+TEST(Resampler, AFilterBetweenTwoRateChangesCostsThreeOfFourOutputs) {
+    const Stage up{Kind::LERP, 250, 4000};
+    const Stage down{Kind::DECIMATION, 4000, 1000};
+    const Stage filter{Kind::FILTER1};
+    const std::pair<std::vector<Stage>, int> cases[] = {
+        {{filter, up, down}, 4}, {{up, down, filter}, 4}, {{up, filter, down}, 1}};
+    for (const auto& [stages, expected] : cases) {
+        const auto resampler = MakeReal(stages);
+        for (std::uint32_t id = 1; id <= 8; ++id) {
+            resampler->AddSample({At(4ms * id), id, {1.0F, 0.0F}});
+            int outputs = 0;
+            for (int poll = 0; poll < 4; ++poll) outputs += !ReadDue(*resampler, 1).empty();
+            EXPECT_EQ(outputs, expected) << ::testing::PrintToString(stages) << " input " << id;
+        }
+    }
+}
+
 TEST(Resampler, BadArgumentsAreRefusedInTheLogAndByException) {
     using Lerp = LerpUpsampler<Sample, Opaque>;
     using Decimation = SampleIdDecimatingDownsampler<Sample, Opaque>;
