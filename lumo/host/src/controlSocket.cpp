@@ -1,16 +1,15 @@
 #include "controlSocket.hpp"
 
 #include <fmt/format.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -20,14 +19,14 @@ namespace vosk::host {
 namespace {
 
 constexpr int BACKLOG = 8;
-constexpr int MAX_READY = 32;
 
 [[noreturn]] void Refuse(const std::string& path, const std::string& reason) {
     throw std::runtime_error{fmt::format("control socket {}: {}", path, reason)};
 }
 
-[[noreturn]] void RefuseWithErrno(const std::string& path) {
-    Refuse(path, std::system_category().message(errno));
+// Of errno.
+std::string Reason() {
+    return std::system_category().message(errno);
 }
 
 sockaddr_un MakeAddress(const std::string& path) {
@@ -42,106 +41,83 @@ sockaddr_un MakeAddress(const std::string& path) {
 
 UniqueFd MakeSocket(const std::string& path) {
     UniqueFd fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
-    if (!fd.IsOpen()) RefuseWithErrno(path);
+    if (!fd.IsOpen()) Refuse(path, Reason());
     return fd;
 }
 
-// A socket file without a listener is what a killed host leaves behind.
-void RemoveIfLeftBehind(const std::string& path, const sockaddr_un& address) {
-    if (::access(path.c_str(), F_OK) != 0) return;
+// Not of what a link points to.
+std::optional<struct stat> StatusOf(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return std::nullopt;
+    return status;
+}
+
+void VetFolder(const std::string& path) {
+    const auto folder = std::filesystem::absolute(path).parent_path();
+    if (::access((folder / "").c_str(), W_OK | X_OK) == 0) return;
+    Refuse(path, fmt::format("its directory {}: {}", folder.string(), Reason()));
+}
+
+// A socket without a listener is what a killed host leaves behind.
+void VetSocketThere(const std::string& path, const sockaddr_un& address) {
     const UniqueFd probe = MakeSocket(path);
-    const bool refused =
-        ::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
-        errno == ECONNREFUSED;
-    if (!refused) Refuse(path, "another process listens there");
-    ::unlink(path.c_str());
+    const bool connected =
+        ::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    if (connected || errno == EAGAIN) Refuse(path, "another process listens there");
+    if (errno != ECONNREFUSED) Refuse(path, "a socket of this name can't be tried: " + Reason());
 }
 
 }  // namespace
 
 void VetSocketPath(const std::string& path) {
-    MakeAddress(path);
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
-        Refuse(path, "there is a file of this name that is no socket");
-    }
-    const auto folder = std::filesystem::absolute(path).parent_path();
-    if (::access(folder.c_str(), W_OK | X_OK) != 0) RefuseWithErrno(path);
+    const sockaddr_un address = MakeAddress(path);
+    VetFolder(path);
+    const auto status = StatusOf(path);
+    if (!status) return;
+    if (!S_ISSOCK(status->st_mode)) Refuse(path, "there is a file of this name that is no socket");
+    VetSocketThere(path, address);
 }
 
-ControlSocket::ControlSocket(const std::string& path)
-    : m_path{path}, m_listener{MakeSocket(path)}, m_epoll{::epoll_create1(EPOLL_CLOEXEC)} {
+ControlSocket::ControlSocket(const std::string& path) : m_path{path}, m_listener{MakeSocket(path)} {
     VetSocketPath(path);
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+        Refuse(path, "what a former process left can't be removed: " + Reason());
     const sockaddr_un address = MakeAddress(path);
-    RemoveIfLeftBehind(path, address);
     // The name must never be there with wider rights, not even for a moment.
     const mode_t former = ::umask(S_IRWXG | S_IRWXO | S_IXUSR);
     const int bound = ::bind(m_listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     ::umask(former);
-    if (bound != 0 || ::listen(m_listener.Get(), BACKLOG) != 0) RefuseWithErrno(path);
-    epoll_event event{};
-    event.data.fd = m_listener.Get();
-    if (::epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, m_listener.Get(), &event) != 0) RefuseWithErrno(path);
-    Listen(true);
+    if (bound != 0 || ::listen(m_listener.Get(), BACKLOG) != 0) Refuse(path, Reason());
+    m_file = StatusOf(path).value_or(m_file);
 }
 
 ControlSocket::~ControlSocket() {
-    ::unlink(m_path.c_str());
+    const auto now = StatusOf(m_path);
+    const bool is_ours = now && now->st_dev == m_file.st_dev && now->st_ino == m_file.st_ino;
+    if (is_ours) ::unlink(m_path.c_str());
+}
+
+// A client that can't be accepted must not keep the control thread from resting.
+void ControlSocket::AppendSources(std::vector<pollfd>& sources) const {
+    if (m_is_accepting) sources.push_back({m_listener.Get(), POLLIN, 0});
+    for (const Client& client : m_clients) sources.push_back(client.stream.WaitsFor());
 }
 
 void ControlSocket::Serve(const CommandHandler& handler) {
-    if (!m_listens) Listen(true);
-    std::array<epoll_event, MAX_READY> ready{};
-    const int count = ::epoll_wait(m_epoll.Get(), ready.data(), MAX_READY, 0);
-    for (int i = 0; i < count; ++i) {
-        const int fd = ready[static_cast<std::size_t>(i)].data.fd;
-        if (fd == m_listener.Get()) {
-            AcceptClient();
-        } else {
-            ServeClient(fd, handler);
-        }
-    }
-}
-
-void ControlSocket::Listen(bool on) {
-    epoll_event event{};
-    event.events = on ? EPOLLIN : 0U;
-    event.data.fd = m_listener.Get();
-    ::epoll_ctl(m_epoll.Get(), EPOLL_CTL_MOD, m_listener.Get(), &event);
-    m_listens = on;
+    AcceptClient();
+    std::erase_if(m_clients, [&handler](Client& client) { return !client.stream.Serve(handler); });
 }
 
 void ControlSocket::AcceptClient() {
     UniqueFd fd{::accept4(m_listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
-    // Who can't be taken in, for want of descriptors or memory, must not keep the control thread from
-    // resting.
-    if (!fd.IsOpen()) return Listen(false);
+    m_is_accepting = fd.IsOpen() || errno == EAGAIN;
+    if (!fd.IsOpen()) return;
     if (m_clients.size() == MAX_CLIENTS) {
         constexpr std::string_view REFUSAL = "error: too many clients\n";
         [[maybe_unused]] const auto sent = ::send(fd.Get(), REFUSAL.data(), REFUSAL.size(), MSG_NOSIGNAL);
         return;
     }
-    const int key = fd.Get();
-    WaitFor(m_clients.try_emplace(key, std::move(fd)).first->second, EPOLLIN);
-}
-
-void ControlSocket::ServeClient(int fd, const CommandHandler& handler) {
-    Client& client = m_clients.at(fd);
-    if (!client.stream.Serve(handler)) {
-        m_clients.erase(fd);
-        return;
-    }
-    WaitFor(client, client.stream.WaitsFor().events == POLLOUT ? EPOLLOUT : EPOLLIN);
-}
-
-void ControlSocket::WaitFor(Client& client, std::uint32_t events) {
-    if (events == client.waits_for) return;
-    epoll_event event{};
-    event.events = events;
-    event.data.fd = client.fd.Get();
-    ::epoll_ctl(m_epoll.Get(), client.waits_for == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, client.fd.Get(),
-                &event);
-    client.waits_for = events;
+    m_clients.emplace_back(std::move(fd));
 }
 
 }  // namespace vosk::host

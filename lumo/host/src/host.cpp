@@ -12,12 +12,12 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/common/telegraf/telemSender.hpp>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <stdexcept>
+#include <vector>
 
 namespace vosk::host {
 
@@ -121,13 +121,12 @@ void Host::WaitForWork(const StopSignals& signals) {
     const auto wait = handover_runs ? LOOK_DURING_HANDOVER : LOOK_OTHERWISE;
     const CommandHandler handler = [this](const std::string& line) { return Execute(line, *this); };
     constexpr pollfd NOTHING{-1, 0, 0};
-    std::array<pollfd, 3> sources{{{signals.GetFd(), POLLIN, 0},
-                                   m_socket ? pollfd{m_socket->GetFd(), POLLIN, 0} : NOTHING,
-                                   m_terminal ? m_terminal->WaitsFor() : NOTHING}};
+    std::vector<pollfd> sources{{signals.GetFd(), POLLIN, 0}, m_terminal ? m_terminal->WaitsFor() : NOTHING};
+    if (m_socket) m_socket->AppendSources(sources);
     if (::poll(sources.data(), sources.size(), static_cast<int>(wait.count())) < 0) return;
     if (sources[0].revents != 0) return Stop();
     if (m_socket) m_socket->Serve(handler);
-    if (sources[2].revents != 0 && !m_terminal->Serve(handler)) {
+    if (sources[1].revents != 0 && !m_terminal->Serve(handler)) {
         common::LogInfo("No more commands from standard input.");
         m_terminal.reset();
     }

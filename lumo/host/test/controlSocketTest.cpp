@@ -13,6 +13,7 @@
 #include <cstring>
 #include <list>
 #include <string>
+#include <vector>
 
 using namespace vosk::host;
 using testing::HasSubstr;
@@ -77,8 +78,9 @@ protected:
     }
 
     bool HasSomethingToServe() const {
-        pollfd source{m_socket.GetFd(), POLLIN, 0};
-        return ::poll(&source, 1, 0) != 0;
+        std::vector<pollfd> sources;
+        m_socket.AppendSources(sources);
+        return ::poll(sources.data(), sources.size(), 0) != 0;
     }
 
     vosk::test::TempDir m_dir;
@@ -138,20 +140,36 @@ TEST_F(ControlSocketTest, WithoutAFreeDescriptorAClientWaitsInSilence) {
     EXPECT_TRUE(ServeUntil([&] { return client.Received() == "got x\n"; }));
 }
 
-TEST_F(ControlSocketTest, TakesOnlyANameThatADeadProcessLeft) {
-    EXPECT_THAT(TextOf([&] { ControlSocket{m_path}; }), HasSubstr("another process listens"));
-    EXPECT_TRUE(Connect().IsConnected());
-
+TEST_F(ControlSocketTest, TakesOnlyANameThatADeadProcessLeftAndSaysWhyNot) {
     const std::string left = m_dir / "left";
     MakeSocketAt(left, ::bind);
     const ControlSocket socket{left};
     EXPECT_TRUE(Client{left}.IsConnected());
 
     const std::string file = m_dir.Put("file", "precious");
-    EXPECT_THAT(TextOf([&] { ControlSocket{file}; }), HasSubstr("no socket"));
+    for (const auto& [path, reason] : std::vector<std::pair<std::string, std::string>>{
+             {m_path, "another process listens there"},
+             {file, "no socket"},
+             {std::string(200, 'x'), "1 to 107 bytes"},
+             {"/no/such/socket", "its directory /no/such: No such file"},
+             {file + "/socket", "its directory " + file + ": Not a directory"}}) {
+        EXPECT_THAT(TextOf([&path = path] { VetSocketPath(path); }), HasSubstr(reason));
+        EXPECT_THAT(TextOf([&path = path] { ControlSocket{path}; }), HasSubstr(reason));
+    }
     EXPECT_EQ(m_dir.Content("file"), "precious");
-    EXPECT_THAT(TextOf([&] { ControlSocket{std::string(200, 'x')}; }), HasSubstr("1 to 107 bytes"));
-    EXPECT_THAT(TextOf([&] { ControlSocket{"/no/such/folder/socket"}; }), HasSubstr("No such file"));
+    EXPECT_TRUE(Connect().IsConnected());
+}
+
+TEST_F(ControlSocketTest, RemovesOnlyItsOwnFile) {
+    const std::string path = m_dir / "taken";
+    {
+        const ControlSocket former{path};
+        ::unlink(path.c_str());
+        MakeSocketAt(path, ::bind);  // of the host that came after it
+    }
+    EXPECT_EQ(::access(path.c_str(), F_OK), 0);
+    { const ControlSocket own{path}; }
+    EXPECT_NE(::access(path.c_str(), F_OK), 0);
 }
 
 }  // namespace
