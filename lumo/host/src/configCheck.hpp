@@ -1,29 +1,23 @@
 #pragma once
 
-// Finds what is wrong with a configuration document and the files that it names: makes everything that can be
-// made without starting it, notes each failure and goes on, then looks for keys that nobody has read. Meets
-// the network and shared memory as set-up does. For a process that does nothing else.
+// Finds what is wrong with a configuration document and the files that it names: sets the library up as a run
+// does, under a review that goes on behind a fault, and looks for keys that were not read. A finding is a
+// problem, which a run refuses, or a key that nothing reads; or a warning, where the set-up of a run warns.
+// Meets the network as a run does, and shared memory under names of its own, which it removes. For a process
+// that does nothing else.
 
 #include <gim/config.hpp>
+#include <oru/configng/pliConfigReview.hpp>
 
 #include <string>
 #include <vector>
 
 namespace vosk::host {
 
-struct Problem {
-    std::string where;  // "vosk.yaml:12"
-    std::string path;   // "cfg.m4.output[0]"
-    std::string text;
-    bool is_note = false;  // nothing is wrong with the document, but not all of it has an effect
-
-    friend bool operator==(const Problem&, const Problem&) = default;
-};
-
 // In the order in which they were found. The document must be loaded.
-std::vector<Problem> CheckConfig(const gim::Config& config);
+std::vector<oru::configng::PliConfigFinding> CheckConfig(const gim::Config& config);
 
-// "vosk.yaml:12: cfg.m4.output[0]: no such file", and "note: " before the text of a note.
-std::string ToText(const Problem& problem);
+// "vosk.yaml:12: cfg.m4.output[0].cpu: ...", and "warning: " before the text of a warning.
+std::string ToText(const oru::configng::PliConfigFinding& finding);
 
 }  // namespace vosk::host

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 #include <nodepin/nodepin.hpp>
+#include <oru/configng/pliConfigReview.hpp>
 
 #include <cerrno>
 #include <filesystem>
@@ -48,6 +49,18 @@ void ReadTelegraf(const PliConfigInstanceNode& value, HostSettings& settings) {
     throw std::runtime_error{"an address and a port other than 0 are needed"};
 }
 
+// A key of the node `host`. Reading its value throws std::runtime_error if it has no form that can be used.
+struct HostKey {
+    const char* key;
+    void (*read)(const PliConfigInstanceNode& value, HostSettings& settings);
+};
+constexpr HostKey HOST_KEYS[] = {{"control_socket", ReadText<&HostSettings::control_socket>},
+                                 {"shm_prefix", ReadShmPrefix},
+                                 {"log_level", ReadLogLevel},
+                                 {"log_file", ReadText<&HostSettings::log_file>},
+                                 {"priority", ReadPriority},
+                                 {"telegraf", ReadTelegraf}};
+
 template <class T>
 std::optional<T> FirstOf(const std::optional<T>& first, const std::optional<T>& second) {
     return first ? first : second;
@@ -55,25 +68,16 @@ std::optional<T> FirstOf(const std::optional<T>& first, const std::optional<T>& 
 
 }  // namespace
 
-std::span<const HostKey> HostKeys() {
-    static constexpr HostKey KEYS[] = {{"control_socket", ReadText<&HostSettings::control_socket>},
-                                       {"shm_prefix", ReadShmPrefix},
-                                       {"log_level", ReadLogLevel},
-                                       {"log_file", ReadText<&HostSettings::log_file>},
-                                       {"priority", ReadPriority},
-                                       {"telegraf", ReadTelegraf}};
-    return KEYS;
-}
-
 HostSettings ReadHostSettings(const PliConfigInstanceNode& top) {
     HostSettings settings;
     if (!top.Has("host")) return settings;
     const PliConfigInstanceNode host = top["host"];
-    for (const HostKey& entry : HostKeys()) {
+    if (host.GetKind() == oru::configng::PliConfigNodeKind::UNDEFINED) return settings;
+    for (const HostKey& entry : HOST_KEYS) {
         if (!host.Has(entry.key)) continue;
         const PliConfigInstanceNode value = host[entry.key];
         try {
-            entry.read(value, settings);
+            oru::configng::Attempt(value, [&] { entry.read(value, settings); });
         } catch (const std::runtime_error& error) {
             throw PliConfigError{fmt::format("{}: {}", value.GetPath(), error.what()), value.GetWhere()};
         }

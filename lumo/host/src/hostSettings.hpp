@@ -15,7 +15,6 @@
 #include <oru/configng/pliConfig.hpp>
 
 #include <optional>
-#include <span>
 #include <string>
 
 namespace vosk::host {
@@ -33,14 +32,8 @@ struct HostSettings {
 inline constexpr const char* DEFAULT_SHM_PREFIX = "/vosk_";
 inline constexpr const char* DEFAULT_LOG_LEVEL = "info";
 
-// A key of the node `host`. Reading its value throws std::runtime_error if it has no form that can be used.
-struct HostKey {
-    const char* key;
-    void (*read)(const oru::configng::PliConfigInstanceNode& value, HostSettings& settings);
-};
-std::span<const HostKey> HostKeys();
-
-// `top` is the top of the document. Throws PliConfigError, which says where.
+// `top` is the top of the document. Throws PliConfigError, which says where; under a PliConfigReview it notes
+// what is wrong with each key.
 HostSettings ReadHostSettings(const oru::configng::PliConfigInstanceNode& top);
 
 // Each value of `command_line` that is there, and the others from `document`.

@@ -98,12 +98,12 @@ gim::Config LoadDocument(const std::string& name) {
 }
 
 int Check(const gim::Config& config) {
-    // What goes wrong is told once, with its place.
-    common::SetupLogging(log4cplus::OFF_LOG_LEVEL, "/dev/null");
-    const auto problems = CheckConfig(config);
-    for (const Problem& problem : problems) fmt::print("{}\n", ToText(problem));
+    // The check takes warnings from the log, and prints a line for each finding.
+    common::SetupLogging(log4cplus::WARN_LOG_LEVEL, "/dev/null");
+    const auto findings = CheckConfig(config);
+    for (const auto& finding : findings) fmt::print("{}\n", ToText(finding));
     const bool is_good =
-        std::all_of(problems.begin(), problems.end(), [](const Problem& problem) { return problem.is_note; });
+        std::all_of(findings.begin(), findings.end(), [](const auto& finding) { return finding.is_warning; });
     if (is_good) fmt::print("No problems.\n");
     return is_good ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -128,8 +128,10 @@ int Fail(const std::string& text, int exit_code) noexcept {
     return exit_code;
 }
 
-int FailSetUp(const std::string& text) {
+// On one line, whatever an exception brings.
+int FailSetUp(std::string text) {
     common::FlushLog();
+    std::replace(text.begin(), text.end(), '\n', ' ');
     return Fail(text, EXIT_FAILURE);
 }
 

@@ -85,7 +85,7 @@ TEST_F(ConfigurationPage, HoldsAnExampleThatCanRun) {
     gim::Config config;
     config.ParseText(document, "example.yaml");
     std::vector<std::string> problems;
-    for (const Problem& problem : CheckConfig(config)) problems.push_back(ToText(problem));
+    for (const auto& finding : CheckConfig(config)) problems.push_back(ToText(finding));
     EXPECT_THAT(problems, testing::IsEmpty());
 }
 

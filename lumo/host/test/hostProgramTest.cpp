@@ -203,15 +203,16 @@ TEST_F(HostProgram, RefusesAWrongCommandLine) {
     }
 }
 
-TEST_F(HostProgram, CheckTellsAllAndRunsNothing) {
+TEST_F(HostProgram, CheckPrintsAllAndFailsOnAProblemOnly) {
     WriteDocument("cfg: {m5: {input: []}}\n");
     EXPECT_EQ(ExitCodeOf({"check", m_document}), 0);
-    EXPECT_THAT(Output(), testing::EndsWith(": note: no thread of this build serves it\nNo problems.\n"));
+    EXPECT_THAT(Output(), HasSubstr(":1: cfg.m5.input: warning: "));
+    EXPECT_THAT(Output(), testing::EndsWith("No problems.\n"));
 
     WriteDocument("cfg:\n  m4:\n    output:\n      - {ip_dest: 127.0.0.1}\n  m44: 1\n");
     EXPECT_EQ(ExitCodeOf({"check", m_document}), 1);
-    EXPECT_THAT(Output(), HasSubstr(":4: cfg.m4.output[0]: "));
-    EXPECT_THAT(Output(), HasSubstr(":5: cfg.m44: nothing reads this key\n"));
+    EXPECT_THAT(Output(), HasSubstr(":4: cfg.m4.output[0].busy: "));
+    EXPECT_THAT(Output(), testing::EndsWith(":5: cfg.m44: nothing reads this key\n"));
     EXPECT_EQ(Errors(), "");
 }
 

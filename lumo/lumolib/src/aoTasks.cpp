@@ -29,7 +29,7 @@ using CmdSource = defs::AoM4SetpointApplied::ExtInfo::CmdSource;
 
 std::chrono::microseconds GetDelay(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
     const auto delay = GetBoundedDurationParam(node, key);
-    if (delay < delay.zero()) common::LogAndThrow("ERR: " + node[key].GetPath() + " must not be negative");
+    if (delay < delay.zero()) Refuse(node, key, "ERR: " + node[key].GetPath() + " must not be negative");
     return delay;
 }
 
@@ -37,14 +37,40 @@ ao_tasks::CommandAssembly::Config AssemblyConfig(const AoTasks::Config& config) 
     return {.ho_cascade_modes = config.gpao_highest_mode};
 }
 
-std::vector<float> LoadM2p(const AoTasks::Config& config) {
-    return common::LoadMatrix<float>(config.m2p_path, config.managed_modes, defs::M4_CMD_SIZE, "M2P");
+std::vector<float> LoadM2p(const oru::configng::PliConfigInstanceNode& node) {
+    std::vector<float> m2p;
+    oru::configng::Attempt(node["m2p_path"], [&] {
+        m2p = common::LoadMatrix<float>(GetParam<std::string>(node, "m2p_path"),
+                                        GetParam<unsigned int>(node, "managed_modes"), defs::M4_CMD_SIZE,
+                                        "M2P");
+    });
+    return m2p;
 }
 
-ao_tasks::M4SaturationManagement::Config SaturationConfig(const AoTasks::Config& config) {
+// The blocks refuse their parameters one at a time, and without the keys.
+void ReviewParameters(const oru::configng::PliConfigInstanceNode& node, const AoTasks::Config& config) {
+    if (oru::configng::PliConfigReview::Current() == nullptr) return;
+    const auto review_thresholds = [&node](const char* key, float velocity, float gap) {
+        oru::configng::Attempt(node[key], [=] {
+            ao_tasks::M4SaturationManagement{{.delta = false,
+                                              .managed_modes = 0,
+                                              .m2p = {},
+                                              .threshold_velocity = velocity,
+                                              .threshold_gap = gap}};
+        });
+    };
+    oru::configng::Attempt(node["gpao_highest_mode"],
+                           [&config] { ao_tasks::CommandAssembly{AssemblyConfig(config)}; });
+    review_thresholds("threshold_velocity", config.threshold_velocity, 0.0F);
+    review_thresholds("threshold_gap", 0.0F, config.threshold_gap);
+}
+
+ao_tasks::M4SaturationManagement::Config SaturationConfig(const oru::configng::PliConfigInstanceNode& node,
+                                                          const AoTasks::Config& config) {
+    ReviewParameters(node, config);
     return {.delta = config.delta_scaling,
             .managed_modes = config.managed_modes,
-            .m2p = LoadM2p(config),
+            .m2p = LoadM2p(node),
             .threshold_velocity = config.threshold_velocity,
             .threshold_gap = config.threshold_gap};
 }
@@ -91,7 +117,7 @@ std::shared_ptr<T> WaitableExchange(bool busy) {
 AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
     : Thread{"AoTasks", node, "Adaptive Optics tasks processing thread"},
       m_config{Configure(node)},
-      m_executor{AssemblyConfig(m_config), SaturationConfig(m_config)} {
+      m_executor{AssemblyConfig(m_config), SaturationConfig(node, m_config)} {
     m_ins_input = WaitableExchange<AoTasksInsDataSync>(m_busy);
     m_fs_input = WaitableExchange<AoTasksFsDataSync>(m_busy);
     m_gpao_input = WaitableExchange<AoTasksGpaoDataSync>(m_busy);

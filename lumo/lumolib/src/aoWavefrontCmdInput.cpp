@@ -2,16 +2,21 @@
 
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/receiveLoop.hpp>
+#include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <span>
+#include <string>
 
 namespace vosk::lumo {
 
 namespace {
+
+constexpr int MIN_FRAMES = 3;
 
 // Clocks of peers on one site agree far better.
 constexpr std::chrono::seconds MAX_TIME_AHEAD{1};
@@ -19,7 +24,7 @@ constexpr std::chrono::seconds MAX_TIME_AHEAD{1};
 // The topic has no default here.
 pktwire::qudex::Receiver::Config QudexDefaults(const oru::configng::PliConfigInstanceNode& node) {
     pktwire::qudex::Receiver::Config config{};
-    config.topic = static_cast<std::uint32_t>(node["qudex_topic"].As<int>());
+    config.topic = static_cast<std::uint32_t>(GetParam<int>(node, "qudex_topic"));
     config.num_frames = 5;
     return config;
 }
@@ -33,19 +38,34 @@ pktwire::lspx::Receiver::Config LspxDefaults() {
     return config;
 }
 
-// The buffer has one form; in another the values would be read wrong, or none would come at all.
-void CheckForm(const pktwire::lspx::Receiver::Config& config, const std::string& path) {
-    const auto refuse = [&path](const char* what) { common::LogAndThrow("ERR: " + path + what); };
-    if (config.endianness != pktwire::lspx::LITTLE_ENDIAN_UNITS) refuse(".endianness must be LE");
-    if (config.data_unit_size != sizeof(float)) refuse(".data_unit_size must be 4");
-    if (config.leader_extended_info_size != sizeof(defs::AoWavefrontCmdStream::ExtInfo::Header))
-        refuse(".leader_extended_info_size must be 4");
+// The buffers have one form; in another the values would be read wrong, or none would come at all.
+void CheckForm(const oru::configng::PliConfigInstanceNode& node,
+               const pktwire::qudex::Receiver::Config& qudex, const pktwire::lspx::Receiver::Config& lspx) {
+    const auto require = [&node](bool is_good, const char* key, const char* form) {
+        if (!is_good) Refuse(node, key, fmt::format("ERR: {}.{} {}", node.GetPath(), key, form));
+    };
+    require(qudex.num_frames >= MIN_FRAMES, "num_frames", "must be at least 3: leader, payload, trailer");
+    require(lspx.endianness == pktwire::lspx::LITTLE_ENDIAN_UNITS, "endianness", "must be LE");
+    require(lspx.data_unit_size == sizeof(float), "data_unit_size", "must be 4");
+    require(lspx.leader_extended_info_size == sizeof(defs::AoWavefrontCmdStream::ExtInfo::Header),
+            "leader_extended_info_size", "must be 4");
+    require(lspx.trailer_extended_info_size == 0, "trailer_extended_info_size", "must be 0");
 }
 
 // 0 is no time, which means at once. One far ahead would keep AoTasks, M4Output and the AO output waiting for
 // it.
 bool IsUsable(time_point command_time, time_point receive_time) {
     return command_time >= time_point{} && command_time <= receive_time + MAX_TIME_AHEAD;
+}
+
+// In floating point, as the distance of a wild time fits no duration.
+std::string DistanceText(time_point command_time, time_point receive_time) {
+    const auto seconds = [](time_point time) {
+        return std::chrono::duration<double>(time.time_since_epoch()).count();
+    };
+    const double distance = seconds(command_time) - seconds(receive_time);
+    return fmt::format(", {:.3f} s {}", std::abs(distance),
+                       distance > 0 ? "ahead of our clock" : "behind our clock");
 }
 
 bool IsValid(const defs::AoWavefrontCmdStream::ExtInfo::Header& header) {
@@ -64,7 +84,7 @@ AoWavefrontCmdInput::AoWavefrontCmdInput(const oru::configng::PliConfigInstanceN
       m_statistics{RuntimeMonitor::GetInstance().m_ao_statistics},
       m_stream_state{RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state},
       m_counts{RuntimeMonitor::GetInstance().m_command_counts} {
-    CheckForm(m_lspx_cfg, node.GetPath());
+    CheckForm(node, m_qudex_cfg, m_lspx_cfg);
 }
 
 void AoWavefrontCmdInput::Work(std::promise<void>& started) {
@@ -99,7 +119,8 @@ void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPack
     if (IsValid(buffers.header)) {
         const char* fault = has_time ? FaultOf(leader, buffers) : "its time is out of range";
         if (fault) {
-            common::LogWarn("ReceiveSample: unusable wavefront command, sample_id = {}: {}", id, fault);
+            common::LogWarn("ReceiveSample: unusable wavefront command, sample_id = {}: {}{}", id, fault,
+                            has_time ? "" : DistanceText(trailer.Timestamp(), receive_time));
             buffers.header.flags &= static_cast<std::uint8_t>(~defs::AoWavefrontCmdStream::ExtInfo::VALID);
         }
     }

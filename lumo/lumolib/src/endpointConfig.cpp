@@ -1,7 +1,7 @@
 #include "endpointConfig.hpp"
 
+#include <fmt/format.h>
 #include <strings.h>
-#include <vosk/common/logger.hpp>
 
 #include <lumolib/utilities.hpp>
 
@@ -12,7 +12,6 @@ namespace vosk::lumo {
 
 namespace {
 
-using common::LogAndThrow;
 using oru::configng::PliConfigInstanceNode;
 using pktwire::Ipv4;
 
@@ -37,7 +36,10 @@ public:
     void ReadTopic(std::uint32_t& topic) const {
         if (!Has("qudex_topic")) return;
         const int value = GetParam<int>(m_node, "qudex_topic");
-        if (value < 0) LogAndThrow(fmt::format("ERR: {}.qudex_topic must not be negative", m_node.GetPath()));
+        if (value < 0) {
+            Refuse(m_node, "qudex_topic",
+                   fmt::format("ERR: {}.qudex_topic must not be negative", m_node.GetPath()));
+        }
         topic = static_cast<std::uint32_t>(value);
     }
 
@@ -72,7 +74,8 @@ private:
         try {
             return Ipv4{text};
         } catch (const std::runtime_error& failure) {
-            LogAndThrow(fmt::format("ERR: {}.{}: {}", m_node.GetPath(), key, failure.what()));
+            Refuse(m_node, key, fmt::format("ERR: {}.{}: {}", m_node.GetPath(), key, failure.what()));
+            return {};
         }
     }
 

@@ -48,12 +48,6 @@ int SetRTParameters() {
 #endif
 }
 
-void SetupRegistries(const gim::Config& config) {
-    DataSyncManager::CreateInstance();
-    ResamplerManager::CreateInstance(config, "resamplers");
-    RuntimeMonitor::CreateInstance(config);
-}
-
 LibMain::ShmSession::ShmSession(const std::string& name) : m_name{name} {
     common::shmif::ShmIf::Setup(m_name);
 }
@@ -72,17 +66,21 @@ LibMain::LibMain(const std::string& shm_prefix) : m_shm_session{shm_prefix} {
 
 void LibMain::SetupThreads(const gim::Config& config) {
     LogDebug("Setting up threads...");
-    SetupRegistries(config);
+    DataSyncManager::CreateInstance();
+    ResamplerManager::CreateInstance(config, "resamplers");
+    RuntimeMonitor::CreateInstance(config);
 
     const auto& document = config.GetDocument();
     if (!document) common::LogAndThrow("ERR: no configuration document is loaded");
     const PliConfigInstanceNode cfg = document->Instances()["cfg"];
-    if (cfg.GetKind() != oru::configng::PliConfigNodeKind::UNDEFINED) {
-        RuntimeMonitor::EnableStatistics(cfg);
-        MakeThreads(cfg, CameraAndCommandSections());
-    }
-    SetupQUDEX(cfg);
-    SetupGnuRadioInputOutput(cfg);
+    oru::configng::Attempt(cfg, [&] {
+        if (cfg.GetKind() != oru::configng::PliConfigNodeKind::UNDEFINED) {
+            RuntimeMonitor::EnableStatistics(cfg);
+            MakeThreads(cfg, CameraAndCommandSections());
+        }
+        SetupQUDEX(cfg);
+        SetupGnuRadioInputOutput(cfg);
+    });
 }
 
 void LibMain::SetupQUDEX(const PliConfigInstanceNode& node) {
@@ -143,18 +141,16 @@ defs::Camera LibMain::GetActiveCameraFs() {
 }
 
 void LibMain::MakeThreads(const PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections) {
-    WalkStreams(cfg, sections, [this](const StreamEntry& entry, const PliConfigInstanceNode& stream) {
-        for (const auto& element : ElementsUsed(entry, stream)) MakeThreads(entry, element);
+    WalkElements(cfg, sections, [this](const StreamEntry& entry, const PliConfigInstanceNode& element) {
+        MakeThreads(entry, element);
     });
 }
 
 // Not every failure names its place in the document.
 void LibMain::MakeThreads(const StreamEntry& entry, const PliConfigInstanceNode& element) try {
     entry.make(element, [&](std::unique_ptr<Thread> thread) {
-        if (m_threads.contains(thread->GetName())) {
-            common::LogWarn("{}: {} replaces another thread of the name {}", element.GetWhere(),
-                            element.GetPath(), thread->GetName());
-        }
+        if (m_threads.contains(thread->GetName()))
+            WarnOf(element, "replaces another thread of the name " + thread->GetName());
         EnterThread(std::move(thread));
     });
 } catch (const common::Logged&) {

@@ -32,12 +32,15 @@ void FreeBuffer(const std::string& name, void* buffer, std::size_t size) {
     }
 }
 
-// A grid or a time-out that runs backwards is a slip of the pen, and would only show as lateness.
+// A stop waits for one receiver after the other.
+constexpr std::chrono::seconds LONG_TIMEOUT{1};
+
+// A grid or a time-out that runs backwards would only show as lateness.
 std::chrono::microseconds GetNonNegativeDuration(const PliConfigInstanceNode& node, const std::string& key,
                                                  std::chrono::microseconds default_value) {
     const auto value = GetBoundedDurationParamOr(node, key, default_value);
     if (value < value.zero()) {
-        LogAndThrow(fmt::format("ERR: {}.{} must not be negative", node.GetPath(), key));
+        Refuse(node, key, fmt::format("ERR: {}.{} must not be negative", node.GetPath(), key));
     }
     return value;
 }
@@ -45,7 +48,8 @@ std::chrono::microseconds GetNonNegativeDuration(const PliConfigInstanceNode& no
 int GetPriority(const PliConfigInstanceNode& node) {
     const int priority = GetParamOr(node, "priority", nodepin::default_priority);
     if (priority < 0 || priority > nodepin::MAX_PRIORITY) {
-        LogAndThrow(
+        Refuse(
+            node, "priority",
             fmt::format("ERR: {}.priority must lie between 0 and {}", node.GetPath(), nodepin::MAX_PRIORITY));
     }
     return priority;
@@ -58,35 +62,34 @@ Thread::Thread(const std::string& name, const PliConfigInstanceNode& node, const
     LogDebug("Setting up {} thread", m_name);
     if (!node.IsMap()) LogAndThrow(fmt::format("Thread {}, configuration not recognized", m_name));
     if (!node.Has("busy")) {
-        LogAndThrow(
-            fmt::format("{}: busy-waiting configuration not found (missing busy: true/false)", m_name));
+        Refuse(node, "busy",
+               fmt::format("{}: busy-waiting configuration not found (missing busy: true/false)", m_name));
     }
-    m_busy = GetParam<bool>(node, "busy");
+    m_busy = GetParamOr(node, "busy", m_busy);
     m_cpu = GetParamOr(node, "cpu", m_cpu);
     m_numa_policies.priority = GetPriority(node);
     LogTrace("Thread {}: CPU = {}, busy waiting = {}", m_name, m_cpu, m_busy ? 1 : 0);
     m_synchronizer = common::MakeWaitSynchronizer(m_busy);
     m_numa_buf_size = GetParamOr(node, "numa_buf_size", m_numa_buf_size);
-    if (m_cpu >= 0 && ::numa_available() != -1) SetUpPlacement();
+    if (m_cpu >= 0 && ::numa_available() != -1) SetUpPlacement(node);
 }
 
 Thread::~Thread() {
     VOSK_ASSERT(!m_worker.joinable());
 }
 
-void Thread::SetUpPlacement() {
+void Thread::SetUpPlacement(const PliConfigInstanceNode& node) {
     LogDebug("{}: NUMA available, setting CPU binding = {}", m_name, m_cpu);
     const auto numa_node = nodepin::GetNodeOfCpu(m_cpu);
     if (!numa_node) {
-        LogWarn("Thread {}, CPU binding has failed", m_name);
-        return;
+        return WarnOf(node, "cpu", fmt::format("Thread {}, CPU binding has failed", m_name));
     }
     m_numa_policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(m_cpu);
     m_numa_policies.mem_policy = nodepin::MemPolicy::MakeBindNode(*numa_node);
-    if (m_numa_buf_size != 0) SetUpBuffer(*m_numa_policies.mem_policy);
+    if (m_numa_buf_size != 0) SetUpBuffer(node, *m_numa_policies.mem_policy);
 }
 
-void Thread::SetUpBuffer(const nodepin::MemPolicy& policy) {
+void Thread::SetUpBuffer(const PliConfigInstanceNode& node, const nodepin::MemPolicy& policy) {
     LogDebug("Thread {}, setting NUMA buffer, size = {}", m_name, m_numa_buf_size);
     std::error_code error;
     m_numa_buffer = {
@@ -94,9 +97,9 @@ void Thread::SetUpBuffer(const nodepin::MemPolicy& policy) {
         [name = m_name, size = m_numa_buf_size](void* buffer) { FreeBuffer(name, buffer, size); }};
     if (!error) error = nodepin::MemLock(m_numa_buffer.get(), m_numa_buf_size);
     if (error) {
-        LogWarn("Thread {}, setting NUMA buffer has failed, code = {}, message = {}", m_name, error.value(),
-                error.message());
-        return;
+        return WarnOf(node, "numa_buf_size",
+                      fmt::format("Thread {}, setting NUMA buffer has failed, code = {}, message = {}",
+                                  m_name, error.value(), error.message()));
     }
     m_memory_resource = std::make_unique<std::pmr::monotonic_buffer_resource>(
         m_numa_buffer.get(), m_numa_buf_size, std::pmr::get_default_resource());
@@ -193,7 +196,16 @@ void Thread::TryWork(std::promise<void>& started) {
 
 RxThread::RxThread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description,
                    std::chrono::microseconds default_timeout)
-    : Thread{name, node, description}, m_timeout{GetNonNegativeDuration(node, "timeout", default_timeout)} {}
+    : Thread{name, node, description}, m_timeout{GetNonNegativeDuration(node, "timeout", default_timeout)} {
+    if (m_timeout == m_timeout.zero() && !m_busy) {
+        WarnOf(node, "timeout", fmt::format("Thread {}, polls without rest, having no timeout", m_name));
+    }
+    if (m_timeout > LONG_TIMEOUT) {
+        WarnOf(node, "timeout",
+               fmt::format("Thread {}, may hold up each stop by its timeout, {} ms", m_name,
+                           std::chrono::duration_cast<std::chrono::milliseconds>(m_timeout).count()));
+    }
+}
 
 TxThread::TxThread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description,
                    std::chrono::microseconds default_send_interval,

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <lumolib/dataSyncManager.hpp>
+#include <lumolib/utilities.hpp>
 #include <mutex>
 #include <pktwire/iovsBuilder.hpp>
 #include <shared_mutex>
@@ -37,13 +38,19 @@ M4Output::M4Output(const oru::configng::PliConfigInstanceNode& node)
       m_statistics{RuntimeMonitor::GetInstance().m_m4_statistics},
       m_stream_state{RuntimeMonitor::GetInstance().m_m4_output_state} {
     if (m_qudex_cfg.num_frames != defs::M4Setpoint::SEGMENTS.size()) {
-        common::LogAndThrow("ERR: " + node.GetPath() +
-                            ".num_frames must be 3, a setpoint goes out in three packets");
+        Refuse(node, "num_frames",
+               "ERR: " + node.GetPath() + ".num_frames must be 3, a setpoint goes out in three packets");
+    }
+    if (m_qudex_cfg.sample_size != 0 && m_qudex_cfg.sample_size != sizeof(m_wire)) {
+        Refuse(node, "sample_size",
+               fmt::format("ERR: {}.sample_size must be {}, that of a setpoint, or 0", node.GetPath(),
+                           sizeof(m_wire)));
     }
     if (m_send_interval % std::chrono::milliseconds{1} != std::chrono::microseconds::zero()) {
-        common::LogWarn(
-            "M4Output: send_interval is no whole number of milliseconds, setpoints are planned on {} ms",
-            m_send_interval.count() / 1000);
+        WarnOf(node, "send_interval",
+               fmt::format("M4Output: send_interval is no whole number of milliseconds, setpoints are "
+                           "planned on {} ms",
+                           m_send_interval.count() / 1000));
     }
     m_sync->send_interval = std::chrono::duration_cast<std::chrono::milliseconds>(m_send_interval);
     m_sync->send_offset = m_send_offset;

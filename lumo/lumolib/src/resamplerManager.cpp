@@ -1,6 +1,7 @@
 #include <lumolib/resamplerManager.hpp>
 
 #include <fmt/format.h>
+#include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 
 #include <optional>
@@ -29,10 +30,15 @@ PliConfigInstanceNode DefaultDefinition() {
 std::optional<PliConfigInstanceNode> FindSequence(const gim::Config& config, const std::string& key) {
     if (!config.GetDocument()) return std::nullopt;
     const PliConfigInstanceNode& top = config.GetDocument()->Instances();
-    if (!top.Has("cfg") || !top["cfg"].IsMap() || !top["cfg"].Has(key)) return std::nullopt;
+    if (!top.Has("cfg") || !top["cfg"].IsMap() || !IsGiven(top["cfg"], key)) return std::nullopt;
     auto value = top["cfg"][key];
-    if (!value.IsSequence()) return std::nullopt;
-    return value;
+    if (value.IsSequence()) return value;
+    WarnOf(value, "is passed over, being no sequence");
+    return std::nullopt;
+}
+
+bool IsDefinition(const PliConfigInstanceNode& element) {
+    return element.IsMap() && element.Has("id") && element["id"].IsScalar() && element.Has("definition");
 }
 
 }  // namespace
@@ -54,17 +60,12 @@ void ResamplerManager::CreateInstance(const gim::Config& config, const std::stri
     }
 }
 
-const char* ResamplerManager::FaultOf(const PliConfigInstanceNode& element) {
-    if (!element.IsMap()) return "is no map";
-    if (!element.Has("id")) return "has no id";
-    if (!element["id"].IsScalar()) return "has an id that is no text";
-    if (!element.Has("definition")) return "has no definition";
-    return nullptr;
-}
-
 void ResamplerManager::ReadConfigurations(const PliConfigInstanceNode& sequence) {
     for (const auto& element : sequence) {
-        if (FaultOf(element) != nullptr) continue;
+        if (!IsDefinition(element)) {
+            WarnOf(element, "is passed over, being no map of id and definition");
+            continue;
+        }
         const auto id = element["id"].As<ConfigurationId>();
         LogDebug("ResamplerManager: found resampler configuration: {}", id);
         m_configurations.insert_or_assign(id, element["definition"]);

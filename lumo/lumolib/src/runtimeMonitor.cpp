@@ -109,9 +109,14 @@ std::map<std::string, std::shared_ptr<Statistics>> RuntimeMonitor::StatisticsByN
 }
 
 void RuntimeMonitor::EnableStatistics(const PliConfigInstanceNode& cfg) {
-    if (!cfg.IsMap() || !cfg.Has("statistics")) return;
+    if (!cfg.IsMap() || !IsGiven(cfg, "statistics")) return;
     const auto periods = cfg["statistics"];
-    for (const auto& name : periods.Keys()) EnableStatisticsOf(name, periods[name]);
+    oru::configng::Attempt(periods, [&] {
+        for (const auto& name : periods.Keys()) {
+            const auto period = periods[name];
+            oru::configng::Attempt(period, [&] { EnableStatisticsOf(name, period); });
+        }
+    });
 }
 
 void RuntimeMonitor::EnableStatisticsOf(const std::string& name, const PliConfigInstanceNode& period) {

@@ -4,10 +4,12 @@
 #include <lumolib/aoWavefrontCmdInput.hpp>
 #include <lumolib/m4Input.hpp>
 #include <lumolib/m4Output.hpp>
+#include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 
 namespace vosk::lumo {
 
+using oru::configng::Attempt;
 using oru::configng::PliConfigInstanceNode;
 
 namespace {
@@ -19,6 +21,34 @@ void Make(const PliConfigInstanceNode& node, const EnterThread& enter) {
 
 void LogIfAny(const std::string& text) {
     if (!text.empty()) common::LogTrace("{}", text);
+}
+
+std::vector<PliConfigInstanceNode> ElementsUsed(const StreamEntry& entry,
+                                                const PliConfigInstanceNode& stream) {
+    if (entry.used == EntriesUsed::FIRST) return {stream[0]};
+    return {stream.begin(), stream.end()};
+}
+
+void WalkStream(const StreamEntry& entry, const PliConfigInstanceNode& stream, const VisitElement& visit) {
+    if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
+    if (!entry.make) {
+        WarnOf(stream, "no thread of this build serves it, skipping");
+        return stream.PassOver();
+    }
+    for (const auto& element : ElementsUsed(entry, stream)) {
+        Attempt(element, [&] { visit(entry, element); });
+    }
+}
+
+void WalkSection(const SectionEntry& section, const PliConfigInstanceNode& node, const VisitElement& visit) {
+    for (const StreamEntry& entry : section.streams) {
+        if (!node.Has(entry.key)) {
+            LogIfAny(entry.absent_text);
+            continue;
+        }
+        const PliConfigInstanceNode stream = node[entry.key];
+        Attempt(stream, [&] { WalkStream(entry, stream, visit); });
+    }
 }
 
 }  // namespace
@@ -68,40 +98,16 @@ std::span<const SectionEntry> FlowgraphSections() {
     return sections;
 }
 
-void RequireSequence(const PliConfigInstanceNode& stream) {
-    if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
-}
-
-void WalkStreams(const PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
-                 const std::function<void(const StreamEntry&, const PliConfigInstanceNode&)>& visit) {
+void WalkElements(const PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
+                  const VisitElement& visit) {
     for (const SectionEntry& section : sections) {
-        if (!cfg.Has(section.key)) {
+        if (!IsGiven(cfg, section.key)) {
             LogIfAny(section.absent_text);
             continue;
         }
-        const PliConfigInstanceNode section_node = cfg[section.key];
-        for (const StreamEntry& stream : section.streams) {
-            if (!section_node.Has(stream.key)) {
-                LogIfAny(stream.absent_text);
-                continue;
-            }
-            const PliConfigInstanceNode stream_node = section_node[stream.key];
-            RequireSequence(stream_node);
-            if (stream.make) {
-                visit(stream, stream_node);
-            } else {
-                common::LogWarn("{}: {}: no thread of this build serves it, skipping", stream_node.GetWhere(),
-                                stream_node.GetPath());
-            }
-        }
+        const PliConfigInstanceNode node = cfg[section.key];
+        Attempt(node, [&] { WalkSection(section, node, visit); });
     }
-}
-
-std::vector<PliConfigInstanceNode> ElementsUsed(const StreamEntry& entry,
-                                                const PliConfigInstanceNode& stream) {
-    RequireSequence(stream);
-    if (entry.used == EntriesUsed::FIRST) return {stream[0]};
-    return {stream.begin(), stream.end()};
 }
 
 }  // namespace vosk::lumo

@@ -9,6 +9,8 @@ namespace vosk::lumo {
 
 namespace {
 
+using oru::configng::PliConfigInstanceNode;
+using oru::configng::PliConfigReview;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
@@ -41,6 +43,28 @@ D CeilTo(const CountAndUnit& text) {
 
 }  // namespace
 
+void Refuse(const PliConfigInstanceNode& node, const std::string& key, const std::string& text) {
+    PliConfigReview* const review = PliConfigReview::Current();
+    if (review == nullptr) common::LogAndThrow(text);
+    review->AddProblem(node, key, text);
+}
+
+void WarnOf(const PliConfigInstanceNode& node, const std::string& key, const std::string& text) {
+    PliConfigReview* const review = PliConfigReview::Current();
+    if (review != nullptr) return review->AddWarning(node, key, text);
+    common::LogWarn("{}", text);
+}
+
+void WarnOf(const PliConfigInstanceNode& node, const std::string& text) {
+    PliConfigReview* const review = PliConfigReview::Current();
+    if (review != nullptr) return review->AddWarning(node, text);
+    common::LogWarn("{}: {}: {}", node.GetWhere(), node.GetPath(), text);
+}
+
+bool IsGiven(const PliConfigInstanceNode& map, const std::string& key) {
+    return map.Has(key) && map[key].GetKind() != oru::configng::PliConfigNodeKind::UNDEFINED;
+}
+
 pktwire::Ipv4 GetIpv4Param(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
                            pktwire::Ipv4 default_value) {
     return node.Has(key) ? pktwire::Ipv4{node[key].As<std::string>()} : default_value;
@@ -63,7 +87,7 @@ microseconds GetBoundedDurationParam(const oru::configng::PliConfigInstanceNode&
                                      const std::string& key) {
     const auto value = GetTimeDurationParam<microseconds>(node, key);
     if (value < -MAX_DURATION || value > MAX_DURATION) {
-        common::LogAndThrow(fmt::format("ERR: {}.{} is out of range", node.GetPath(), key));
+        Refuse(node, key, fmt::format("ERR: {}.{} is out of range", node.GetPath(), key));
     }
     return value;
 }

@@ -191,7 +191,7 @@ TEST_F(LibMainTest, ALaterThreadOfANameReplacesTheEarlierOneAndIsToldOf) {
                                     Receiver(UniquePort(1)) + "]}}"));
     EXPECT_THAT(ThreadNames(m_library), ElementsAre("AoWfCmdInput"));
     EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
-                        "test.yaml:1: cfg.ao.wavefront_cmd_stream[1] replaces another thread of the name "
+                        "test.yaml:1: cfg.ao.wavefront_cmd_stream[1]: replaces another thread of the name "
                         "AoWfCmdInput"));
     m_library.StartThreads();
     EXPECT_EQ(log.Texts("Started thread ").size(), 1U);

@@ -404,7 +404,7 @@ TEST_F(CommandInput, UnusableCommandsCountAsInvalidOnes) {
     using Float = std::numeric_limits<float>;
     constexpr std::size_t SIZE = defs::WAVEFRONT_CMD_SIZE;
     const std::string number = "a value is no number";
-    const std::string time = "its time is out of range";
+    const std::string time = "its time is out of range, ";
     const AtomClk::time_point epoch{};
     struct Case {
         std::size_t size;
@@ -420,11 +420,12 @@ TEST_F(CommandInput, UnusableCommandsCountAsInvalidOnes) {
         {SIZE, 2, Float::infinity(), true, START, number},
         {SIZE, Float::quiet_NaN(), 0, true, START, number, false},
         {SIZE, 3, Float::quiet_NaN(), false, START, ""},
-        {SIZE, 4, 0, true, AtomClk::time_point::max(), time},
-        {SIZE, 5, 0, true, START + std::chrono::seconds{1} + nanoseconds{1}, time},
+        {SIZE, 4, 0, true, AtomClk::time_point::max(), time + "9223368436.855 s ahead of our clock"},
+        {SIZE, 5, 0, true, START + std::chrono::seconds{1} + nanoseconds{1},
+         time + "1.000 s ahead of our clock"},
         {SIZE, 6, 0, true, START + std::chrono::seconds{1}, ""},
-        {SIZE, 7, 0, true, AtomClk::time_point::min(), time},
-        {SIZE, 8, 0, true, epoch - nanoseconds{1}, time},
+        {SIZE, 7, 0, true, AtomClk::time_point::min(), time + "9223375636.855 s behind our clock"},
+        {SIZE, 8, 0, true, epoch - nanoseconds{1}, time + "3600.000 s behind our clock"},
         {SIZE, 9, 0, false, epoch - nanoseconds{1}, ""},
         {SIZE, 10, 0, true, epoch, ""},  // stands for no time
     };

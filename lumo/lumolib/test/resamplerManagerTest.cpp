@@ -137,7 +137,9 @@ TEST_F(ResamplerManagerTest, ANewStartTellsWhatItFoundAndForgetsTheOldWithoutTak
         std::vector<LogCapture::Line> lines{{log4cplus::INFO_LOG_LEVEL, "ResamplerManager::Reset()"}};
         for (const std::string& what : found)
             lines.push_back({log4cplus::DEBUG_LOG_LEVEL, "ResamplerManager: found " + what});
-        EXPECT_EQ(log.Lines(), lines) << text;
+        auto logged = log.Lines();  // but for warnings of what is passed over
+        std::erase_if(logged, [](const auto& line) { return line.level == log4cplus::WARN_LOG_LEVEL; });
+        EXPECT_EQ(logged, lines) << text;
     }
     ResamplerManager::CreateInstance({}, "resamplers");
     EXPECT_THROW((Get<CentroidError, Centroids>("resampler: half")), std::runtime_error);

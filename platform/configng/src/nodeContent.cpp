@@ -26,6 +26,11 @@ const NodeContent* NodeContent::FindMember(const std::string& name) const {
     return found == members.end() ? nullptr : *found;
 }
 
+void NodeContent::MarkRead() const {
+    is_read.store(true, std::memory_order_relaxed);
+    for (const NodeContent* child : children) child->MarkRead();
+}
+
 std::string NodeContent::GetPath() const {
     if (parent == nullptr) return key;
     const bool is_element = parent->kind == PliConfigNodeKind::SEQUENCE;

@@ -28,6 +28,7 @@ struct NodeContent {
     const std::vector<const NodeContent*>& GetSequence() const;    // PliConfigTypeError
     const std::vector<const NodeContent*>& GetMap() const;         // PliConfigTypeError
     const NodeContent* FindMember(const std::string& name) const;  // null if there is none; the first match
+    void MarkRead() const;                                         // with all below it
     std::string GetPath() const;
     std::string GetWhere() const;
 };

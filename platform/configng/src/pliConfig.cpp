@@ -3,6 +3,7 @@
 #include <log4cplus/loggingmacros.h>
 
 #include <boost/core/demangle.hpp>
+#include <oru/configng/pliConfigReview.hpp>
 #include <type_traits>
 
 #include "nodeContent.hpp"
@@ -40,12 +41,14 @@ Matrix Convert(const PliConfigInstanceNode& node, std::type_identity<Matrix> /*t
     return matrix;
 }
 
+std::shared_ptr<const detail::NodeContent> Nowhere() {
+    static const auto undefined = std::make_shared<const detail::NodeContent>();
+    return undefined;
+}
+
 }  // namespace
 
-PliConfigInstanceNodeBase::PliConfigInstanceNodeBase() {
-    static const auto undefined = std::make_shared<const detail::NodeContent>();
-    m_content = undefined;
-}
+PliConfigInstanceNodeBase::PliConfigInstanceNodeBase() : m_content{Nowhere()} {}
 
 PliConfigNodeKind PliConfigInstanceNodeBase::GetKind() const {
     return m_content->kind;
@@ -76,6 +79,10 @@ const PliConfigScalarValue& PliConfigInstanceNodeBase::GetScalar() const {
     return m_content->GetScalar();
 }
 
+void PliConfigInstanceNodeBase::PassOver() const {
+    m_content->MarkRead();
+}
+
 std::string PliConfigInstanceNodeBase::GetPath() const {
     return m_content->GetPath();
 }
@@ -103,7 +110,11 @@ PliConfigInstanceNodeBase::Content PliConfigInstanceNodeBase::GetMember(const st
         throw PliConfigTypeError("Member access by name not supported on non map nodes", GetWhere());
     }
     if (const auto* member = m_content->FindMember(key); member != nullptr) return Handle(*member);
-    throw PliConfigNotFoundError("Member " + key + " not defined in node " + GetPath(), GetWhere());
+    const std::string text = "Member " + key + " not defined in node " + GetPath();
+    PliConfigReview* const review = PliConfigReview::Current();
+    if (review == nullptr) throw PliConfigNotFoundError(text, GetWhere());
+    review->AddProblem(PliConfigInstanceNode{m_content}, key, text);
+    return Nowhere();
 }
 
 PliConfigInstanceNodeBase::Content PliConfigInstanceNodeBase::GetElement(unsigned long index) const {
@@ -134,10 +145,12 @@ PliConfigInstanceNodeBase::Content PliConfigInstanceNodeBase::GetIterated(unsign
     return Handle(*values[index]);
 }
 
-void PliConfigInstanceNodeBase::ThrowConversionFailed(const std::type_info& type, const char* reason) const {
-    throw PliConfigValueError("Data type conversion to " + boost::core::demangle(type.name()) + " for node " +
-                                  GetPath() + " failed, reason: " + reason,
-                              GetWhere());
+void PliConfigInstanceNodeBase::FailConversion(const std::type_info& type, const char* reason) const {
+    const std::string text = "Data type conversion to " + boost::core::demangle(type.name()) + " for node " +
+                             GetPath() + " failed, reason: " + reason;
+    PliConfigReview* const review = PliConfigReview::Current();
+    if (review == nullptr) throw PliConfigValueError(text, GetWhere());
+    review->AddProblem(PliConfigInstanceNode{m_content}, text);
 }
 
 template <class Base>
@@ -146,7 +159,8 @@ T PliConfigNode<Base>::As() const {
     try {
         return Convert(*this, std::type_identity<T>{});
     } catch (const std::exception& error) {
-        this->ThrowConversionFailed(typeid(T), error.what());
+        this->FailConversion(typeid(T), error.what());
+        return T{};
     }
 }
 

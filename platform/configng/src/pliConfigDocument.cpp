@@ -36,12 +36,13 @@ void CheckText(const std::string& name, const std::string& text) {
     }
 }
 
-template <class Visit>
-void VisitBelow(const detail::NodeContent& node, const Visit& visit) {
+void AddUnread(const detail::NodeContent& node, std::vector<PliConfigKey>& unread) {
     for (const detail::NodeContent* child : node.children) {
-        const bool is_read = child->is_read.load(std::memory_order_relaxed);
-        if (visit(PliConfigKey{child->GetPath(), *child->file, child->line, is_read}))
-            VisitBelow(*child, visit);
+        if (child->is_read.load(std::memory_order_relaxed)) {
+            AddUnread(*child, unread);
+        } else {
+            unread.push_back({child->GetPath(), *child->file, child->line});
+        }
     }
 }
 
@@ -82,22 +83,9 @@ PliConfigDocument PliConfigDocument::FromFile(const std::string& path) {
     return FromText(text, path);
 }
 
-std::vector<PliConfigKey> AllKeys(const PliConfigDocument& document) {
-    std::vector<PliConfigKey> keys;
-    VisitBelow(*document.m_top, [&keys](PliConfigKey key) {
-        keys.push_back(std::move(key));
-        return true;
-    });
-    return keys;
-}
-
 std::vector<PliConfigKey> UnreadKeys(const PliConfigDocument& document) {
     std::vector<PliConfigKey> unread;
-    VisitBelow(*document.m_top, [&unread](PliConfigKey key) {
-        const bool is_read = key.is_read;
-        if (!is_read) unread.push_back(std::move(key));
-        return is_read;
-    });
+    AddUnread(*document.m_top, unread);
     return unread;
 }
 

@@ -25,10 +25,6 @@ namespace vosk::lumo {
 // it does nothing and returns 0: the shadow memory does not fit any machine's.
 int SetRTParameters();
 
-// Empties the registries in which threads meet and report, and reads the resamplers' definitions; what must
-// be done before a thread object is made. Part of LibMain::SetupThreads.
-void SetupRegistries(const gim::Config& config);
-
 class LibMain {
 public:
     // `shm_prefix` stands in front of the names of all shared-memory topics.
@@ -37,7 +33,9 @@ public:
     LibMain& operator=(const LibMain&) = delete;
 
     // Empties the registries and makes every thread that the instance node `cfg` of the document describes.
-    // Throws what the constructors throw; threads made before stay in the map, and nothing has started.
+    // Throws what the constructors throw; threads made before stay in the map, and nothing has started. Under
+    // a PliConfigReview it goes through the whole document, and the threads are good for nothing but their
+    // destruction.
     void SetupThreads(const gim::Config& config);
 
     // The mirror and AO streams, and those that meet the flowgraphs: parts of SetupThreads.

@@ -7,7 +7,8 @@
 // All constructors take the stream's node, from which they read the keys that a map holds, the stream's
 // default configuration, and the memory that pktwire's buffers come from (may be null), and, in the streaming
 // layers, the string that is to receive a line for the thread's description. They throw std::runtime_error,
-// logged at ERROR beforehand, if a required value is missing or pktwire refuses what it was given.
+// logged at ERROR beforehand, if a required value is missing or pktwire refuses what it was given. Under a
+// PliConfigReview they note that instead, and the layer is null, as are those above it.
 
 #include <oru/configng/pliConfig.hpp>
 #include <pktwire/lspx.hpp>

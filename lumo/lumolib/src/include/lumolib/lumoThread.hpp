@@ -101,8 +101,8 @@ protected:
     std::pmr::memory_resource* MemoryResource() const noexcept { return m_memory_resource.get(); }
 
 private:
-    void SetUpPlacement();
-    void SetUpBuffer(const nodepin::MemPolicy& policy);
+    void SetUpPlacement(const oru::configng::PliConfigInstanceNode& node);
+    void SetUpBuffer(const oru::configng::PliConfigInstanceNode& node, const nodepin::MemPolicy& policy);
     void TryWork(std::promise<void>& started);
     void SendDiagnosticBytes(defs::sample_id_t sample_id, const atomclk::AtomClk::time_point& time,
                              gsl::span<const std::byte> sample, const atomclk::AtomClk::time_point& log_time);

@@ -30,12 +30,9 @@ public:
     static ResamplerManager& GetInstance();
 
     // Forgets all instances and reads the definitions anew: the default one, and those of the sequence `key`
-    // below the document's `cfg`, each a map with `id` and `definition`. Other elements are passed over; of
-    // two definitions of one id the later counts.
+    // below the document's `cfg`, each a map with `id` and `definition`. Other elements are passed over with
+    // a WARN; of two definitions of one id the later counts.
     static void CreateInstance(const gim::Config& config, const std::string& key);
-
-    // Why this element of the sequence is passed over, such as "is no map"; null if it isn't.
-    static const char* FaultOf(const oru::configng::PliConfigInstanceNode& element);
 
     ResamplerManager(const ResamplerManager&) = delete;
     ResamplerManager& operator=(const ResamplerManager&) = delete;

@@ -38,9 +38,6 @@ public:
     // enables those. Throws std::runtime_error on a name that isn't there and on a period that isn't
     // positive.
     static void EnableStatistics(const oru::configng::PliConfigInstanceNode& cfg);
-    // One entry of that map.
-    static void EnableStatisticsOf(const std::string& name,
-                                   const oru::configng::PliConfigInstanceNode& period);
 
     static PerformanceData& GetPerformanceData();
     static StateData& GetStateData();
@@ -94,6 +91,8 @@ public:
     std::vector<std::shared_ptr<StreamState>> m_stream_states;  // all of the above, in their order
 
 private:
+    static void EnableStatisticsOf(const std::string& name,
+                                   const oru::configng::PliConfigInstanceNode& period);
     RuntimeMonitor();
 
     void MakeStatistics();

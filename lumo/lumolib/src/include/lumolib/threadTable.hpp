@@ -1,8 +1,7 @@
 #pragma once
 
 // The table of streams: which place of the configuration document makes which worker threads.
-// LibMain walks it at set-up; the host's configuration check walks it too. A new thread class costs a line
-// in threadTable.cpp. Controlling thread only.
+// LibMain walks it at set-up. A new thread class costs a line in threadTable.cpp. Controlling thread only.
 
 #include <lumolib/lumoThread.hpp>
 
@@ -39,18 +38,13 @@ std::span<const SectionEntry> CameraAndCommandSections();
 std::span<const SectionEntry> QudexSections();
 std::span<const SectionEntry> FlowgraphSections();
 
-// Every stream, served or not, is one: std::runtime_error if not.
-void RequireSequence(const oru::configng::PliConfigInstanceNode& stream);
+using VisitElement = std::function<void(const StreamEntry&, const oru::configng::PliConfigInstanceNode&)>;
 
-// Calls `visit` for each stream of `sections` that the map `cfg` configures and this build serves, in the
-// order of the table. Throws std::runtime_error where a stream is no sequence.
-void WalkStreams(
-    const oru::configng::PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
-    const std::function<void(const StreamEntry&, const oru::configng::PliConfigInstanceNode&)>& visit);
-
-// The elements of a stream's sequence that make threads. Throws std::runtime_error where the stream is no
-// sequence, PliConfigNotFoundError where it is empty and its first element is wanted.
-std::vector<oru::configng::PliConfigInstanceNode> ElementsUsed(
-    const StreamEntry& entry, const oru::configng::PliConfigInstanceNode& stream);
+// Calls `visit` for each element that makes threads, of each stream of `sections` that the map `cfg`
+// configures and this build serves, in the order of the table. Throws std::runtime_error where a stream,
+// served or not, is no sequence, PliConfigNotFoundError where it is empty and its first element is wanted;
+// under a review these and what `visit` throws are noted.
+void WalkElements(const oru::configng::PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
+                  const VisitElement& visit);
 
 }  // namespace vosk::lumo

@@ -2,9 +2,10 @@
 
 // How a constructor reads its keys from its configuration node. For set-up, on the controlling thread.
 // A key is mandatory unless a default is given; the PliConfig... exceptions of a missing or unusable value
-// pass.
+// pass. Under a PliConfigReview nothing here throws: a fault is noted under its key, and the value is 0.
 
 #include <oru/configng/pliConfig.hpp>
+#include <oru/configng/pliConfigReview.hpp>
 #include <pktwire/ipv4.hpp>
 
 #include <chrono>
@@ -14,6 +15,20 @@
 #include <vector>
 
 namespace vosk::lumo {
+
+// Refuses a value that could be read but can't be used: logs the text at ERROR and throws it as
+// std::runtime_error. Returns under a review.
+void Refuse(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
+            const std::string& text);
+
+// Warns of a value that makes a stream run otherwise than one may expect, or of a whole node: at WARN in the
+// log, or to the review. Of a node, the log line begins with its place.
+void WarnOf(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
+            const std::string& text);
+void WarnOf(const oru::configng::PliConfigInstanceNode& node, const std::string& text);
+
+// Whether the map has the key and a value stands behind it.
+bool IsGiven(const oru::configng::PliConfigInstanceNode& map, const std::string& key);
 
 template <class T>
 T GetParam(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
@@ -47,7 +62,10 @@ D ParseDuration(const std::string& text);
 
 template <ConfigDuration D>
 D GetTimeDurationParam(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
-    return ParseDuration<D>(node[key].As<std::string>());
+    const auto value = node[key];
+    D duration{};
+    oru::configng::Attempt(value, [&] { duration = ParseDuration<D>(value.template As<std::string>()); });
+    return duration;
 }
 
 template <ConfigDuration D>

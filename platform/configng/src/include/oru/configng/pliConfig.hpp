@@ -5,7 +5,8 @@
 // A node is a handle on shared content: copies are cheap and keep the content alive without the document.
 //
 // A node notes that it was asked for by Has(), operator[] or an iteration, so that a host can tell which keys
-// of a document nobody reads (see pliConfigDocument.hpp).
+// of a document nobody reads (see pliConfigDocument.hpp). A host that wants all faults of a document at once
+// reads it under a review (see pliConfigReview.hpp).
 
 #include <oru/configng/pliConfigError.hpp>
 #include <oru/configng/pliConfigScalarValue.hpp>
@@ -49,6 +50,9 @@ public:
     // PliConfigTypeError unless the node is a scalar.
     const PliConfigScalarValue& GetScalar() const;
 
+    // Counts the node and all below it as asked for: nobody can tell whether they would have been.
+    void PassOver() const;
+
     // From the top of the document, "cfg.m4.output[0].cpu": the node's name in all messages. The top itself
     // is named after its document.
     std::string GetPath() const;
@@ -70,7 +74,7 @@ protected:
     Content GetElement(unsigned long index) const;
     Content GetElement(long index) const;
     Content GetIterated(unsigned long index) const;
-    [[noreturn]] void ThrowConversionFailed(const std::type_info& type, const char* reason) const;
+    void FailConversion(const std::type_info& type, const char* reason) const;
 
 private:
     Content Handle(const detail::NodeContent& child) const;

@@ -18,12 +18,11 @@ inline constexpr std::size_t MAX_DOCUMENT_BYTES = 4UL << 20U;
 inline constexpr std::size_t MAX_DOCUMENT_NODES = 250'000;  // with each alias counted as what it stands for
 inline constexpr std::size_t MAX_DOCUMENT_DEPTH = 64;
 
-// A key or an element of a document, and whether anybody has asked for it.
+// A key or an element of a document.
 struct PliConfigKey {
     std::string path;
     std::string file;
     int line;
-    bool is_read;
 };
 
 class PliConfigDocument {
@@ -37,7 +36,6 @@ public:
     const PliConfigInstanceNode& Instances() const noexcept { return m_instances; }
 
 private:
-    friend std::vector<PliConfigKey> AllKeys(const PliConfigDocument& document);
     friend std::vector<PliConfigKey> UnreadKeys(const PliConfigDocument& document);
 
     explicit PliConfigDocument(std::shared_ptr<const detail::NodeContent> top);
@@ -45,9 +43,6 @@ private:
     std::shared_ptr<const detail::NodeContent> m_top;
     PliConfigInstanceNode m_instances;
 };
-
-// Every key and element, in the order of the document. Looking does not count as reading.
-std::vector<PliConfigKey> AllKeys(const PliConfigDocument& document);
 
 // The keys and elements that nobody has asked for though their parent was read: after set-up, the misspelt
 // and the superfluous. What stands below an unread key is not listed.
