@@ -324,6 +324,7 @@ private:
         refuse(m_facts.status.counts.kept_back_setpoints,
                "setpoints were kept back, though all commands are finite");
         refuse(m_facts.status.counts.clock_steps, "times the clock was set in mid-run");
+        JudgeOverwritten();
         if (m_accounts.ExceptionShare() > m_scenario.expect.max_exceptions)
             m_accounts.violations.push_back(
                 fmt::format("{} exceptions in {} valid commands under INS control, more than {:.3g} %",
@@ -335,6 +336,17 @@ private:
                             m_accounts.Count(CommandFate::AsPredicted), m_scenario.expect.min_setpoints));
         JudgeRecoveries();
         JudgeHostEnd();
+    }
+
+    // The host counts the commands that it never took up, and those that never reached it.
+    void JudgeOverwritten() {
+        const auto stream = m_facts.status.streams.find("AO_WAVEFRONT_CMD_INPUT");
+        if (!m_facts.at_rest || stream == m_facts.status.streams.end()) return;
+        const std::uint64_t counted = m_facts.status.counts.overwritten_commands + stream->second.lost;
+        if (m_accounts.Count(CommandFate::Overwritten) > counted)
+            m_accounts.violations.push_back(
+                fmt::format("{} commands were never taken up, but the host counts {}",
+                            m_accounts.Count(CommandFate::Overwritten), counted));
     }
 
     void JudgeRecoveries() {

@@ -136,8 +136,7 @@ HostStatus ParseHostStatus(const std::string& json) {
             if (thread.at("priority") > 0 && thread.at("priority_given") == 0) status.priority_refused = true;
         for (const auto& stream : report.at("streams"))
             status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid"),
-                                                 stream.value("lost", std::uint64_t{0}),
-                                                 stream.value("dropped_packets", std::uint64_t{0})};
+                                                 stream.at("lost"), stream.at("dropped_packets")};
         for (const auto& [name, count] : HOST_COUNTS)
             report.at("counts").at(name).get_to(status.counts.*count);
         for (const auto& event : report.at("events"))

@@ -193,6 +193,15 @@ TEST_F(Books, CountAnswersByFate) {
     EXPECT_EQ(accounts.exceptions, 1U);
 }
 
+TEST_F(Books, HoldTheHostToItsCountOfOverwrittenCommands) {
+    TakeAway(3, Made::No);
+    m_facts.at_rest = true;
+    HostStream& stream = m_facts.status.streams["AO_WAVEFRONT_CMD_INPUT"];
+    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("1 commands were never taken up")));
+    stream.lost = 1;
+    EXPECT_THAT(Make().violations, IsEmpty());
+}
+
 TEST_F(Books, JudgeTheSendTime) {
     m_setpoints[3].arrived = m_setpoints[3].planned + 501us;
     m_checked[4].prior_answer = PriorAnswer::NotTaken;  // no second exception of the one before
