@@ -25,8 +25,7 @@ constexpr std::size_t CAPACITY = 8192;       // lines
 constexpr std::size_t USUAL_LENGTH = 256;    // bytes a slot holds without growing
 constexpr std::size_t BATCH_BYTES = 65'536;  // taken out at once, about
 constexpr std::chrono::milliseconds LOOK_IN{10};
-constexpr int RETRY_MS = 10;
-constexpr std::chrono::seconds PATIENCE{2};  // with an output that takes nothing, once somebody waits for it
+constexpr int PATIENCE_MS = 500;  // with an output that stops taking anything
 
 // The thread is to take no signal: they are the host's, and a closed pipe is to be an error of write().
 template <class Body>
@@ -42,7 +41,7 @@ std::thread StartWithoutSignals(Body body) {
 
 int Open(const std::string& file) {
     if (file.empty()) return STDERR_FILENO;
-    // Never blocks, so that a pipe or a terminal that nobody empties can be given up.
+    // Never blocks, so that lines for a pipe or a terminal that nobody empties can be dropped.
     const int fd =
         ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (fd < 0) {
@@ -56,19 +55,10 @@ void Close(int fd) {
     if (fd != STDERR_FILENO) ::close(fd);
 }
 
-void AppendLine(std::string& out, log4cplus::helpers::Time time, log4cplus::LogLevel level,
-                std::string_view logger, std::string_view text) {
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds).count();
-    fmt::format_to(std::back_inserter(out), "{:%Y-%m-%dT%H:%M:%S}.{:06} {:<5} {}: {}\n",
-                   fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)), us,
-                   log4cplus::getLogLevelManager().toString(level), logger, text);
-}
-
 }  // namespace
 
 AsyncSink::AsyncSink() : m_lines(CAPACITY), m_fd{STDERR_FILENO} {
-    for (Line& line : m_lines) {
+    for (LogLine& line : m_lines) {
         line.logger.reserve(USUAL_LENGTH);
         line.text.reserve(USUAL_LENGTH);
     }
@@ -89,25 +79,26 @@ void AsyncSink::close() {
 void AsyncSink::WriteTo(const std::string& file) {
     const int fd = Open(file);
     Flush();
-    ++m_awaiting;  // until the thread lets go of the former output
     const std::lock_guard lock{m_output_mutex};
-    --m_awaiting;
     Close(m_fd);
     m_fd = fd;
+    m_file = file;
+    m_blocked = false;
+}
+
+void AsyncSink::Reopen() {
+    WriteTo(m_file);
 }
 
 void AsyncSink::Flush() {
     const std::uint64_t wanted = m_head.load(std::memory_order_acquire);
-    ++m_awaiting;
     std::unique_lock lock{m_mutex};
     m_hurry = true;
     m_hurry_cv.notify_one();
     m_written_cv.wait(lock, [this, wanted] { return m_written >= wanted || m_stop; });
-    --m_awaiting;
 }
 
 void AsyncSink::Stop() {
-    ++m_awaiting;  // for good: what is logged from now on must not keep the process either
     {
         const std::lock_guard lock{m_mutex};
         m_hurry = m_stop = true;
@@ -116,14 +107,15 @@ void AsyncSink::Stop() {
     if (m_thread.joinable()) m_thread.join();
     m_direct.store(true);
     Drain();  // what came in while the thread ended
+    const std::lock_guard lock{m_output_mutex};
+    AppendCounts(RepeatedLines::time_point::max());
+    WriteBatch();
 }
 
 void AsyncSink::append(const log4cplus::spi::InternalLoggingEvent& event) {
     if (m_direct.load(std::memory_order_relaxed)) {
         const std::lock_guard lock{m_output_mutex};
-        AppendLine(m_batch, event.getTimestamp(), event.getLogLevel(), event.getLoggerName(),
-                   event.getMessage());
-        ++m_batch_lines;
+        AppendLine({event.getTimestamp(), event.getLogLevel(), event.getLoggerName(), event.getMessage()});
         WriteBatch();
         return;
     }
@@ -132,7 +124,7 @@ void AsyncSink::append(const log4cplus::spi::InternalLoggingEvent& event) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    Line& line = m_lines[head % CAPACITY];
+    LogLine& line = m_lines[head % CAPACITY];
     line.time = event.getTimestamp();
     line.level = event.getLogLevel();
     line.logger = event.getLoggerName();
@@ -157,10 +149,10 @@ void AsyncSink::Run() {
 void AsyncSink::Drain() {
     const std::lock_guard output_lock{m_output_mutex};
     const std::uint64_t end = m_head.load(std::memory_order_acquire);
-    while (m_tail.load(std::memory_order_relaxed) < end) {
+    do {
         TakeBatch();
         WriteBatch();
-    }
+    } while (m_tail.load(std::memory_order_relaxed) < end);
     const std::lock_guard lock{m_mutex};
     m_written = m_tail.load(std::memory_order_relaxed);
     m_written_cv.notify_all();
@@ -168,57 +160,70 @@ void AsyncSink::Drain() {
 
 // Frees the slots before the text is written, so that a slow disk does not hold them.
 void AsyncSink::TakeBatch() {
+    const auto now = std::chrono::steady_clock::now();
     const std::uint64_t end = m_head.load(std::memory_order_acquire);
     std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
-    for (; tail != end && m_batch.size() < BATCH_BYTES; ++tail, ++m_batch_lines) {
-        const Line& line = m_lines[tail % CAPACITY];
-        AppendLine(m_batch, line.time, line.level, line.logger, line.text);
+    for (; tail != end && m_batch.size() < BATCH_BYTES; ++tail) {
+        const LogLine& line = m_lines[tail % CAPACITY];
+        if (m_repeated.Admit(line, now)) AppendLine(line);
         m_tail.store(tail + 1, std::memory_order_release);
     }
-    if (const std::uint64_t dropped = Dropped(); dropped != m_dropped_reported) {
-        AppendLine(m_batch, log4cplus::helpers::now(), log4cplus::WARN_LOG_LEVEL, "vosk",
-                   fmt::format("{} log lines lost, {} in all", dropped - m_dropped_reported, dropped));
-        m_dropped_reported = dropped;
-    }
+    AppendCounts(now);
 }
 
+void AsyncSink::AppendCounts(RepeatedLines::time_point now) {
+    m_repeated.TakeCounts(now, [this](const LogLine& line, std::uint64_t count) {
+        AppendLine(line);
+        if (count == 1) return;
+        m_batch.pop_back();
+        fmt::format_to(std::back_inserter(m_batch), " ({} times in a second)\n", count);
+    });
+}
+
+void AsyncSink::AppendLine(const LogLine& line) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(line.time);
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(line.time - seconds).count();
+    fmt::format_to(std::back_inserter(m_batch), "{:%Y-%m-%dT%H:%M:%S}.{:06} {:<5} {}: {}\n",
+                   fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)), us,
+                   log4cplus::getLogLevelManager().toString(line.level), line.logger, line.text);
+}
+
+// Drops and counts what could not be written.
 void AsyncSink::WriteBatch() {
-    if (m_awaiting == 0) m_awaited_since.reset();
+    const std::uint64_t dropped = Dropped();
+    const bool reports = dropped != m_dropped_reported;
+    if (reports) {
+        AppendLine({log4cplus::helpers::now(), log4cplus::WARN_LOG_LEVEL, "vosk",
+                    fmt::format("{} log lines lost, {} in all", dropped - m_dropped_reported, dropped)});
+    }
     const std::string_view rest = WriteSome(m_batch);
     const auto lines_left = static_cast<std::uint64_t>(std::count(rest.begin(), rest.end(), '\n'));
-    m_dropped.fetch_add(std::min(lines_left, m_batch_lines), std::memory_order_relaxed);
+    const bool reported = reports && lines_left == 0;
+    if (reported) m_dropped_reported = dropped;
+    m_dropped.fetch_add(lines_left - (reports && !reported ? 1 : 0), std::memory_order_relaxed);
     m_batch.clear();
-    m_batch_lines = 0;
 }
 
-// Gives what could not be written: all after an error, or after an output that takes nothing was waited for
-// long enough.
+// Gives what could not be written: all after an error, or after the output has taken nothing for a while. A
+// blocked output is tried without waiting until it takes something again.
 std::string_view AsyncSink::WriteSome(std::string_view text) {
     while (!text.empty()) {
         // stderr may block, and it isn't ours to change: written only when it has room, and no more than a
         // pipe with room takes at once. In whole lines, since other processes may write there too.
         pollfd output{m_fd, POLLOUT, 0};
-        if (::poll(&output, 1, RETRY_MS) <= 0) {
-            if (IsOverdue()) break;
-            continue;
-        }
+        m_blocked = ::poll(&output, 1, m_blocked ? 0 : PATIENCE_MS) <= 0;
+        if (m_blocked) break;
         std::string_view chunk = text.substr(0, PIPE_BUF);
         if (const auto line_end = chunk.rfind('\n'); line_end != chunk.npos)
             chunk = chunk.substr(0, line_end + 1);
         const ssize_t written = ::write(m_fd, chunk.data(), chunk.size());
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN ? IsOverdue() : errno != EINTR) {
+        } else if (errno != EINTR) {
             break;
         }
     }
     return text;
-}
-
-bool AsyncSink::IsOverdue() {
-    const auto now = std::chrono::steady_clock::now();
-    if (m_awaiting == 0 || !m_awaited_since) m_awaited_since = now;
-    return m_awaiting != 0 && now - *m_awaited_since >= PATIENCE;
 }
 
 }  // namespace vosk::common

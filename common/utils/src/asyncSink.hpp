@@ -4,6 +4,8 @@
 // thread of its own. A writer copies its text into a slot that stands ready and makes no system call; the
 // ring's own thread looks in by itself, since waking it would cost the writer more than the copy does.
 
+#include "repeatedLines.hpp"
+
 #include <log4cplus/appender.h>
 #include <log4cplus/spi/loggingevent.h>
 
@@ -12,7 +14,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -27,54 +28,51 @@ public:
 
     // What is logged from now on goes to the end of the file, or to stderr if the name is empty.
     void WriteTo(const std::string& file);
-    // Blocks until the lines logged so far are written or given up.
+    // Opens the file once more by its name, as after it was renamed.
+    void Reopen();
+    // Blocks until the lines logged so far are written or dropped.
     void Flush();
-    // Writes what is there and ends the thread; lines that come later are written by their writers.
-    // These three wait for an output that takes nothing for 2 s in all; then the lines count as dropped.
+    // Writes what is there, counts of repeated lines included, and ends the thread; lines that come later are
+    // written by their writers.
     void Stop();
     std::uint64_t Dropped() const noexcept { return m_dropped.load(std::memory_order_relaxed); }
 
     void close() override;
 
 private:
-    struct Line {
-        log4cplus::helpers::Time time;
-        log4cplus::LogLevel level = log4cplus::NOT_SET_LOG_LEVEL;
-        std::string logger;
-        std::string text;
-    };
-
     // One caller at a time: log4cplus holds the appender's lock.
     void append(const log4cplus::spi::InternalLoggingEvent& event) override;
 
     void Run();
     void Drain();
     void TakeBatch();
+    void AppendCounts(RepeatedLines::time_point now);
+    void AppendLine(const LogLine& line);
     void WriteBatch();
     std::string_view WriteSome(std::string_view text);
-    bool IsOverdue();
 
     // The ring has one writer (append) and one reader (Drain). Both counters only grow; a slot is the counter
     // modulo the size. Released by the side that owns the slot, acquired by the other.
-    std::vector<Line> m_lines;
+    std::vector<LogLine> m_lines;
     alignas(64) std::atomic<std::uint64_t> m_head{0};  // lines ever put in
     alignas(64) std::atomic<std::uint64_t> m_tail{0};  // lines ever taken out
     alignas(64) std::atomic<std::uint64_t> m_dropped{0};
 
+    std::string m_file;  // where to; of the caller of WriteTo() and Reopen()
+
     std::mutex m_output_mutex;  // guards the next five
     int m_fd;
+    bool m_blocked = false;  // the output took nothing when it was last tried
+    RepeatedLines m_repeated;
     std::string m_batch;  // text on its way out
-    std::uint64_t m_batch_lines = 0;
     std::uint64_t m_dropped_reported = 0;
-    std::optional<std::chrono::steady_clock::time_point> m_awaited_since;  // an output that took nothing
 
     std::mutex m_mutex;  // guards the next three; never taken while logging
     bool m_hurry = false;
     bool m_stop = false;
-    std::uint64_t m_written = 0;  // lines ever written or given up
+    std::uint64_t m_written = 0;  // lines ever written or dropped
     std::condition_variable m_hurry_cv;
     std::condition_variable m_written_cv;
-    std::atomic<int> m_awaiting{0};     // callers that wait for the output
     std::atomic<bool> m_direct{false};  // the thread has ended
     std::thread m_thread;               // last: it uses all of the above
 };

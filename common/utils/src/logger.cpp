@@ -1,5 +1,7 @@
 #include <vosk/common/logger.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <vosk/common/logSetup.hpp>
 
 #include "asyncSink.hpp"
@@ -56,6 +58,20 @@ void WriteLog(log4cplus::LogLevel level, const std::string& text) {
 void SetupLogging(log4cplus::LogLevel level, const std::string& file) {
     TheOutput().Sink().WriteTo(file);
     TheOutput().SetLevel(level);
+}
+
+void OpenStandardDescriptors() {
+    const auto is_open = [](int fd) { return ::fcntl(fd, F_GETFD) != -1; };
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (is_open(fd)) continue;
+        const int other = fd == STDOUT_FILENO ? STDERR_FILENO : STDOUT_FILENO;
+        [[maybe_unused]] const int opened =
+            fd != STDIN_FILENO && is_open(other) ? ::dup(other) : ::open("/dev/null", O_RDWR);
+    }
+}
+
+void ReopenLog() {
+    TheOutput().Sink().Reopen();
 }
 
 void FlushLog() {

@@ -1,3 +1,5 @@
+#include "../src/repeatedLines.hpp"
+
 #include <vosk/common/logSetup.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/test/support.hpp>
@@ -43,6 +45,49 @@ TEST_F(LoggerTest, WritesTimeLevelLoggerAndTextFromTheLevelOn) {
     EXPECT_THAT(lines[0], testing::MatchesRegex(time + "DEBUG vosk: M4Input: 7"));
     EXPECT_THAT(lines[1], testing::MatchesRegex(time + "WARN  pktwire: from below"));
     EXPECT_EQ(GetLogger().getLogLevel(), log4cplus::DEBUG_LOG_LEVEL);
+}
+
+TEST_F(LoggerTest, GoesOnInANewFileWhenTheOldOneWasRenamed) {
+    SetupLogging(log4cplus::INFO_LOG_LEVEL, m_file);
+    LogInfo("before");
+    FlushLog();
+    std::filesystem::rename(m_file, m_directory / "log.1");
+    LogInfo("between");
+    ReopenLog();
+    LogInfo("after");
+    FlushLog();
+    EXPECT_THAT(m_directory.Content("log.1"), testing::HasSubstr("between"));
+    EXPECT_THAT(FileLines(), testing::ElementsAre(testing::HasSubstr("after")));
+}
+
+TEST(RepeatedLines, AreWrittenOnceASecondWithTheirCount) {
+    using namespace std::chrono_literals;
+    RepeatedLines lines;
+    const auto start = std::chrono::steady_clock::now();
+    const auto admits = [&](const std::string& text, auto after,
+                            log4cplus::LogLevel level = log4cplus::WARN_LOG_LEVEL) {
+        return lines.Admit({{}, level, "vosk", text}, start + after);
+    };
+    const auto counts = [&](auto after) {
+        std::vector<std::pair<std::string, std::uint64_t>> taken;
+        lines.TakeCounts(start + after,
+                         [&](const LogLine& line, auto count) { taken.emplace_back(line.text, count); });
+        return taken;
+    };
+    EXPECT_TRUE(admits("no answer for 17, 2.5e-3 s late", 0ms));
+    EXPECT_FALSE(admits("no answer for 18, 1e+2 s late", 10ms));
+    EXPECT_FALSE(admits("no answer for 19, -3 s late", 20ms));
+    EXPECT_TRUE(admits("no answer from GP1", 20ms));
+    EXPECT_TRUE(admits("no answer from GP2", 20ms));
+    EXPECT_TRUE(admits("cycle 1", 20ms, log4cplus::INFO_LOG_LEVEL));
+    EXPECT_TRUE(admits("cycle 2", 20ms, log4cplus::INFO_LOG_LEVEL));
+    EXPECT_THAT(counts(999ms), testing::IsEmpty());
+    EXPECT_THAT(counts(1100ms), testing::ElementsAre(testing::Pair("no answer for 19, -3 s late", 2)));
+    EXPECT_FALSE(admits("no answer for 20, 1 s late", 1200ms));
+    EXPECT_TRUE(admits("no answer from GP1", 1200ms));
+    EXPECT_THAT(counts(2100ms), testing::ElementsAre(testing::Pair("no answer for 20, 1 s late", 1)));
+    EXPECT_THAT(counts(3100ms), testing::IsEmpty());
+    EXPECT_TRUE(admits("no answer for 21, 1 s late", 3200ms));
 }
 
 TEST_F(LoggerTest, KeepsTheOrderOfEachThread) {
@@ -144,12 +189,14 @@ TEST_F(LoggerTest, LosesNothingAtExit) {
         {
             SetupLogging(log4cplus::INFO_LOG_LEVEL, file);
             for (int i = 0; i < 1000; ++i) LogInfo("{}", i);
+            for (int i = 0; i < 3; ++i) LogWarn("late by {}", i);
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
     std::ifstream in{file};
-    const auto lines = std::count(std::istreambuf_iterator<char>{in}, {}, '\n');
-    EXPECT_EQ(lines, 1000);
+    const std::string text{std::istreambuf_iterator<char>{in}, {}};
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1002);
+    EXPECT_THAT(text, testing::EndsWith("late by 2 (2 times in a second)\n"));
     std::filesystem::remove(file);
 }
 
