@@ -92,6 +92,7 @@ void AddShowFrameOptions(CLI::App& command, ShowFrameOptions& options) {
 }
 
 int Main(int argc, char** argv) {
+    common::OpenStandardDescriptors();
     common::SetupLogging(log4cplus::WARN_LOG_LEVEL);
     CLI::App app("The bench telescope: simulated peers around vosk-host, and a verdict on what they saw.");
     app.set_version_flag("--version", "vosk-rig " VOSK_VERSION);

@@ -37,48 +37,58 @@ constexpr std::chrono::milliseconds LOOK_DURING_HANDOVER{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
 
 // For the signal handler, which knows no object.
-std::atomic<int> stop_event{-1};
+std::atomic<int> signal_event{-1};
+std::atomic<bool> stop_came{false};
+std::atomic<bool> hang_up_came{false};
 
-void NoteStop(int) {
+void NoteSignal(int signal) {
     const int error = errno;
+    (signal == SIGHUP ? hang_up_came : stop_came).store(true);
     const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(stop_event.load(), &one, sizeof(one));
+    [[maybe_unused]] const auto written = ::write(signal_event.load(), &one, sizeof(one));
     errno = error;
 }
 
-sigset_t StopSet() {
-    sigset_t stops;
-    ::sigemptyset(&stops);
-    ::sigaddset(&stops, SIGINT);
-    ::sigaddset(&stops, SIGTERM);
-    return stops;
+sigset_t SignalSet() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&signals, signal);
+    return signals;
 }
 
-void Handle(void (*handler)(int)) {
+void Handle(int signal, void (*handler)(int)) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
-    for (int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+    ::sigaction(signal, &action, nullptr);
 }
 
 }  // namespace
 
-StopSignals::StopSignals() : m_event{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)} {
+Signals::Signals(bool log_has_file) : m_event{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)} {
     if (!m_event.IsOpen()) throw std::runtime_error{"signals can't be received"};
-    stop_event.store(m_event.Get());
-    const sigset_t stops = StopSet();
-    ::pthread_sigmask(SIG_BLOCK, &stops, nullptr);
-    Handle(NoteStop);
+    signal_event.store(m_event.Get());
+    const sigset_t signals = SignalSet();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    Handle(SIGINT, NoteSignal);
+    Handle(SIGTERM, NoteSignal);
+    if (log_has_file) Handle(SIGHUP, NoteSignal);
 }
 
-StopSignals::~StopSignals() {
-    Handle(SIG_IGN);
-    stop_event.store(-1);
+Signals::~Signals() {
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) Handle(signal, SIG_IGN);
+    signal_event.store(-1);
 }
 
-void StopSignals::Admit() {
-    const sigset_t stops = StopSet();
-    ::pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
+void Signals::Admit() {
+    const sigset_t signals = SignalSet();
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+Signals::Taken Signals::Take() const {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto got = ::read(m_event.Get(), &count, sizeof(count));
+    return {stop_came.exchange(false), hang_up_came.exchange(false)};
 }
 
 Host::Host(const gim::Config& config, const HostSettings& settings, bool serve_stdin)
@@ -105,9 +115,9 @@ Host::~Host() {
     m_library.StopThreads();
 }
 
-void Host::Run(const StopSignals& signals) {
+void Host::Run(const Signals& signals) {
     common::LogInfo("Running with {} threads.", m_library.GetThreads().size());
-    StopSignals::Admit();
+    Signals::Admit();
     while (m_running) {
         LookAtControlState();
         LookAtThreads();
@@ -116,7 +126,7 @@ void Host::Run(const StopSignals& signals) {
     common::LogInfo("Stopping.");
 }
 
-void Host::WaitForWork(const StopSignals& signals) {
+void Host::WaitForWork(const Signals& signals) {
     const bool handover_runs = VoskHandoverManager::IsOnTheWay(m_state.handover_state);
     const auto wait = handover_runs ? LOOK_DURING_HANDOVER : LOOK_OTHERWISE;
     const CommandHandler handler = [this](const std::string& line) { return Execute(line, *this); };
@@ -124,7 +134,7 @@ void Host::WaitForWork(const StopSignals& signals) {
     std::vector<pollfd> sources{{signals.GetFd(), POLLIN, 0}, m_terminal ? m_terminal->WaitsFor() : NOTHING};
     if (m_socket) m_socket->AppendSources(sources);
     if (::poll(sources.data(), sources.size(), static_cast<int>(wait.count())) < 0) return;
-    if (sources[0].revents != 0) return Stop();
+    if (sources[0].revents != 0) Serve(signals.Take());
     if (m_socket) m_socket->Serve(handler);
     if (sources[1].revents != 0 && !m_terminal->Serve(handler)) {
         common::LogInfo("No more commands from standard input.");
@@ -140,6 +150,16 @@ void Host::SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camer
 void Host::SetCamera(defs::Camera camera) {
     m_library.SetVoskMode(m_library.GetControlMode(), camera);
     LookAtControlState();
+}
+
+void Host::Serve(Signals::Taken taken) {
+    if (taken.stop) Stop();
+    if (!taken.hang_up) return;
+    try {
+        common::ReopenLog();
+    } catch (const std::runtime_error& error) {
+        common::LogError("{}; the log goes on in the former file", error.what());
+    }
 }
 
 void Host::ShowMachine() {

@@ -22,20 +22,28 @@
 
 namespace vosk::host {
 
-// Makes SIGINT and SIGTERM readable. Make it before the worker threads, all of which are then free of them;
-// other libraries may have threads already that are not, so that a mask alone would not do. One at a time.
-class StopSignals {
+// Makes SIGINT, SIGTERM and, where the log has a file, SIGHUP readable. Make it before the worker threads,
+// all of which are then free of them; other libraries may have threads already that are not, so that a mask
+// alone would not do. One at a time.
+class Signals {
 public:
-    StopSignals();
-    ~StopSignals();
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
+    explicit Signals(bool log_has_file);
+    ~Signals();
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
 
     // From now on this thread takes them.
     static void Admit();
 
     // Readable, for poll(), once one has come.
     int GetFd() const { return m_event.Get(); }
+
+    // Which have come since the last call.
+    struct Taken {
+        bool stop;
+        bool hang_up;
+    };
+    Taken Take() const;
 
 private:
     UniqueFd m_event;
@@ -50,7 +58,7 @@ public:
     Host& operator=(const Host&) = delete;
 
     // Serves until a signal or the command "stop", then stops the threads.
-    void Run(const StopSignals& signals);
+    void Run(const Signals& signals);
 
     void SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) override;
     void SetCamera(defs::Camera camera) override;
@@ -58,7 +66,8 @@ public:
     void Stop() override { m_running = false; }
 
 private:
-    void WaitForWork(const StopSignals& signals);
+    void WaitForWork(const Signals& signals);
+    void Serve(Signals::Taken taken);
     void ShowMachine();
     void LookAtControlState();
     void LookAtThreads();

@@ -65,14 +65,6 @@ void Describe(CLI::App& app, CommandLine& line) {
     check->callback([&line] { line.check_only = true; });
 }
 
-// Nothing else is ever to get the number of a standard descriptor that is closed.
-void OpenWhatIsClosed() {
-    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(fd, F_GETFD) == -1) [[maybe_unused]]
-            const int opened = ::open("/dev/null", O_RDWR);
-    }
-}
-
 // Both may be one file, as the log is too: nobody is to write over the others.
 void AppendToOutputs() {
     for (int fd : {STDOUT_FILENO, STDERR_FILENO}) {
@@ -113,8 +105,8 @@ int Run(const CommandLine& line, char** arguments) {
 
     LoadBestBlasKernel(arguments);
     const gim::Config config = LoadDocument(line.document);
-    const StopSignals signals;
     const HostSettings settings = Merge(line.settings, ReadHostSettings(config.GetDocument()->Instances()));
+    const Signals signals{settings.log_file.has_value()};
     SetupLog(settings);
     common::LogInfo("Reading configuration document {}", config.GetPath());
     Host host{config, settings, line.serve_stdin || ::isatty(STDIN_FILENO) != 0};
@@ -136,7 +128,7 @@ int FailSetUp(std::string text) {
 }
 
 int Main(int argc, char** argv) {
-    OpenWhatIsClosed();
+    common::OpenStandardDescriptors();
     AppendToOutputs();
     // A host in the background must not be stopped for looking at its terminal, nor end with who reads its
     // output.

@@ -46,6 +46,7 @@ protected:
         Redirect(STDIN_FILENO, m_input, O_RDONLY);
         Redirect(STDOUT_FILENO, m_output, O_WRONLY | O_CREAT | O_TRUNC);
         Redirect(STDERR_FILENO, m_dir / "err", O_WRONLY | O_CREAT | O_TRUNC);
+        for (int fd : m_closed) ::close(fd);
         ::execv(pointers[0], pointers.data());
         ::_exit(127);
     }
@@ -94,6 +95,7 @@ protected:
     std::string m_document = m_dir / "site.yaml";
     std::string m_input = "/dev/null";
     std::string m_output = m_dir / "out";
+    std::vector<int> m_closed;  // of the host's standard descriptors
     pid_t m_pid = -1;
 
 private:
@@ -171,6 +173,27 @@ TEST_F(HostProgram, RunsOnWhenItsOutputIsLost) {
     EXPECT_THAT(Ask("status"), StartsWith("{"));
     EXPECT_EQ(Ask("stop"), "ok\n");
     EXPECT_EQ(ExitCode(), 0);
+}
+
+TEST_F(HostProgram, LogsToTheOtherOutputWhereStandardOutputIsClosed) {
+    m_closed = {STDIN_FILENO, STDOUT_FILENO};
+    StartWithSocket();
+    EXPECT_EQ(Ask("stop"), "ok\n");
+    EXPECT_EQ(ExitCode(), 0);
+    EXPECT_THAT(Errors(), HasSubstr("Running with 0 threads"));
+}
+
+TEST_F(HostProgram, OpensItsLogFileAgainAtAHangUp) {
+    const std::string log = m_dir / "log";
+    StartWithSocket({"--log-file", log});
+    Ask("status");
+    ASSERT_EQ(::rename(log.c_str(), (m_dir / "log.1").c_str()), 0);
+    ::kill(m_pid, SIGHUP);
+    EXPECT_TRUE(vosk::test::Eventually([&] { return ::access(log.c_str(), F_OK) == 0; }));
+    EXPECT_EQ(Ask("stop"), "ok\n");
+    EXPECT_EQ(ExitCode(), 0);
+    EXPECT_THAT(m_dir.Content("log.1"), HasSubstr("Running with"));
+    EXPECT_THAT(m_dir.Content("log"), HasSubstr("Stopping."));
 }
 
 TEST_F(HostProgram, SetUpFailureIsOneLine) {
