@@ -71,7 +71,7 @@ std::span<float, defs::M4_CMD_SIZE> Executor::Step3_ProcessM4SetpointData() {
 
 bool Executor::IsSetpointFinite() const {
     VOSK_ASSERT(m_state == State::STEP3);
-    return common::math::AllFinite(m_assembled_command) && common::math::AllFinite(m_setpoint);
+    return m_saturation.IsProjectionFinite() && common::math::AllFinite(m_setpoint);
 }
 
 std::span<float, defs::INS_CMD_SIZE> Executor::Step4a_ProcessM4SetpointAppliedData(

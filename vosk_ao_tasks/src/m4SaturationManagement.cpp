@@ -4,6 +4,7 @@
 #include <vosk/common/assert.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/math/blas.hpp>
+#include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
 
 #include <algorithm>
@@ -17,6 +18,7 @@ namespace vosk::ao_tasks {
 namespace {
 
 using atomclk::AtomClk;
+using common::math::AllFinite;
 using common::math::cblas_AddVectors;
 using common::math::cblas_MultiplyMatrixByVector;
 using lumo::GetTimeString;
@@ -111,6 +113,7 @@ void M4SaturationManagement::Work(std::span<const float, M4_CMD_SIZE> in_wavefro
     std::copy(in_wavefront_command.begin(), in_wavefront_command.end(), m_delta.begin());
     cblas_AddVectors(-1.0F, in_last_applied, m_delta);
     Project(in_last_applied);
+    m_is_projection_finite = AllFinite(m_delta_act_pos) && AllFinite(m_act_pos);
     m_time_stats.projected = AtomClk::now();
     if (m_delta_scaling) {
         ScalingOfDeltaCommand(in_wavefront_command, in_last_applied, out_setpoint);
@@ -145,13 +148,7 @@ void M4SaturationManagement::ScalingOfDeltaCommand(const std::span<const float>&
     cblas_AddVectors(scale_vel, m_delta_act_pos, m_act_pos);
     m_time_stats.delta_pos1 = AtomClk::now();
 
-    float scale_gap = 1.0F;
-    if (LargestMagnitude(m_act_pos) > m_threshold_gap) {
-        // Negative, a step back toward the gap, if the present position lies beyond it already. No multiple
-        // of a change that moves nothing leads back: then M4 stays where it is.
-        const float quotient = (m_threshold_gap - position) / (change * scale_vel);
-        scale_gap = std::isfinite(quotient) ? quotient : 0.0F;
-    }
+    const float scale_gap = ScaleOfGap(position, change, scale_vel);
     m_time_stats.delta_scale_gap = AtomClk::now();
 
     const auto managed = setpoint.first(m_managed_modes);
@@ -161,11 +158,28 @@ void M4SaturationManagement::ScalingOfDeltaCommand(const std::span<const float>&
     m_time_stats.end = AtomClk::now();
 }
 
+// The factor on the velocity-limited step: 1 where that step stays within the gap. From within the gap, a
+// step across it is cut so that it ends there. From beyond it, the step goes as it is if it leads inward; if
+// not, the factor is negative and turns it round, if that leads inward; else M4 stays. Position and change
+// belong to different actuators, so only the resulting position shows which way a step leads.
+float M4SaturationManagement::ScaleOfGap(float position, float change, float scale_vel) {
+    const float stepped = LargestMagnitude(m_act_pos);
+    if (!(stepped > m_threshold_gap)) return 1.0F;
+    const bool is_beyond = position > m_threshold_gap;
+    if (is_beyond && stepped < position) return 1.0F;
+    const float factor = (m_threshold_gap - position) / (change * scale_vel);
+    if (!std::isfinite(factor)) return 0.0F;
+    if (!is_beyond) return factor;
+    cblas_AddVectors((factor - 1.0F) * scale_vel, m_delta_act_pos, m_act_pos);
+    return LargestMagnitude(m_act_pos) < position ? factor : 0.0F;
+}
+
 void M4SaturationManagement::ScalingOfAbsoluteCommand(const std::span<const float>& command,
                                                       const std::span<float>& setpoint) {
     m_new_act_pos = m_act_pos;
     cblas_AddVectors(1.0F, m_delta_act_pos, m_new_act_pos);
     const float commanded = LargestMagnitude(m_new_act_pos);
+    m_is_projection_finite = m_is_projection_finite && std::isfinite(commanded);
     const float scale_gap = m_threshold_gap / commanded;
     m_time_stats.abs_scale_gap = AtomClk::now();
 

@@ -105,6 +105,9 @@ TEST(M4SaturationManagement, GivesTheValuesWorkedOutOnPaper) {
         {"delta: onto the gap is free", OneMode(true, 8, 5), {5}, {2}, {5}},
         {"delta: across the gap lands on it, the velocity binding too", OneMode(true, 4, 5), {10}, {2}, {5}},
         {"delta: from beyond the gap, outward, goes back to it", OneMode(true, 1, 5), {9}, {7}, {5}},
+        {"delta: from beyond the gap, inward, goes as it is", OneMode(true, 1, 5), {0}, {7}, {6}},
+        {"delta: beyond the gap, inward for the outermost", TwoModes(true, 8, 5), {7, 2}, {6, 4}, {7, 2}},
+        {"delta: beyond the gap, no way leads inward", TwoModes(true, 1, 5), {8, 4}, {7, -3.5F}, {7, -3.5F}},
         {"delta: no change beyond the gap", OneMode(true, 1, 5), {7}, {7}, {7}},
         {"delta: no velocity, no step", OneMode(true, 0, 5), {3}, {1}, {1}},
         {"delta: no velocity beyond the gap, no step", OneMode(true, 0, 5), {9}, {7}, {7}},
@@ -129,6 +132,56 @@ TEST(M4SaturationManagement, GivesTheValuesWorkedOutOnPaper) {
         const Vector setpoint = Limit(test.config, Filled(test.command, 77), Filled(test.applied, 11));
         EXPECT_EQ(setpoint, Filled(test.expected, 77))
             << test.what << ": " << setpoint[0] << ", " << setpoint[1];
+    }
+}
+
+float LargestPosition(const Config& config, const Vector& modes) {
+    Vector positions(SIZE);
+    vosk::common::math::cblas_MultiplyMatrixByVector(
+        CblasNoTrans, 1.0F, config.m2p, std::span{modes}.first(config.managed_modes), 0.0F, positions);
+    float largest = 0.0F;
+    for (float value : positions) largest = std::max(largest, std::abs(value));
+    return largest;
+}
+
+// Whatever is commanded: from beyond the gap M4 only comes back, from within it stays within.
+TEST(M4SaturationManagement, NoEchoedStepLeadsFurtherOutThanTheGap) {
+    constexpr std::uint32_t MODES = 3;
+    const Vector scales = Random(400);
+    for (std::size_t i = 0; i < scales.size(); i += 2) {
+        const Config config{true, MODES, Random(SIZE * MODES), std::abs(scales[i]), 4.0F};
+        Vector applied = Random(SIZE);
+        for (int cycle = 0; cycle < 5; ++cycle) {
+            Vector command = Random(SIZE);
+            for (float& value : command) value *= 3.0F * scales[i + 1];
+            const float before = LargestPosition(config, applied);
+            applied = Limit(config, command, applied);
+            const float after = LargestPosition(config, applied);
+            ASSERT_LE(after, std::max(before, config.threshold_gap) * 1.00001F) << i << ", " << cycle;
+        }
+    }
+}
+
+// The first actuator's projection is infinity minus infinity, the last one's overflows.
+TEST(M4SaturationManagement, SaysWhereAFiniteCommandHasNoFinitePosition) {
+    for (const bool delta : {true, false}) {
+        Config config{delta, 2, Vector(2 * SIZE), 1, 5};
+        auto& matrix = config.m2p;
+        const auto is_finite = [&](const Vector& command) {
+            const auto block = std::make_unique<M4SaturationManagement>(config);
+            const Vector input = Filled(command);
+            Vector setpoint(SIZE);
+            using In = std::span<const float, SIZE>;
+            block->Work(In{input}, In{Vector(SIZE)}, std::span<float, SIZE>{setpoint});
+            return block->IsProjectionFinite();
+        };
+        matrix[0] = 2.0F;
+        matrix[1] = -2.0F;
+        EXPECT_FALSE(is_finite({3e38F, 3e38F}));
+        EXPECT_TRUE(is_finite({1e38F, 1e38F}));
+        matrix = Vector(2 * SIZE);
+        matrix.back() = 2.0F;
+        EXPECT_FALSE(is_finite({0, 3e38F}));
     }
 }
 

@@ -50,8 +50,8 @@ public:
     // The setpoint to send: assembled command plus reference shape, limited.
     std::span<float, defs::M4_CMD_SIZE> Step3_ProcessM4SetpointData();
 
-    // After step 3: whether command and setpoint hold numbers only. The setpoint alone does not tell, as the
-    // limits turn infinite values into zeroes.
+    // After step 3: whether the setpoint and the actuator positions behind it are finite. The setpoint alone
+    // does not show it: the limits turn infinite values into zeroes, and a NaN position limits nothing.
     bool IsSetpointFinite() const;
 
     // M4 answered with the right sample. The result of 4a to 4c is what M4 applied, reference shape removed.

@@ -36,10 +36,14 @@ public:
 
     // out_setpoint is in_wavefront_command with its managed modes limited. in_last_applied is what M4 last
     // reported as applied, in the same terms (reference shape included), or zeroes. Allocates nothing. The
-    // scale factor is finite whatever comes in.
+    // scale factor is finite whatever comes in. Where M4 echoes the setpoints, no actuator gets further out
+    // than the gap, or than the outermost one was.
     void Work(std::span<const float, M4_CMD_SIZE> in_wavefront_command,
               std::span<const float, M4_CMD_SIZE> in_last_applied,
               std::span<float, M4_CMD_SIZE> out_setpoint);
+
+    // Whether the last Work found finite actuator positions. Where it did not, the setpoint is not limited.
+    bool IsProjectionFinite() const noexcept { return m_is_projection_finite; }
 
     // Logs at DEBUG how long the steps of the last Work took, if the worker threads' logger takes DEBUG.
     void PrintTimeStats() const;
@@ -70,6 +74,9 @@ private:
                                const std::span<const float>& last_applied, const std::span<float>& setpoint);
     void ScalingOfAbsoluteCommand(const std::span<const float>& command, const std::span<float>& setpoint);
 
+    // `position` and `change`: the largest magnitudes of both; m_act_pos holds the velocity-limited position.
+    float ScaleOfGap(float position, float change, float scale_vel);
+
     // Set in the constructor, constant afterwards.
     const bool m_delta_scaling;
     const std::uint32_t m_managed_modes;
@@ -78,6 +85,7 @@ private:
     const float m_threshold_gap;
 
     TimeStats m_time_stats;
+    bool m_is_projection_finite = true;  // of the last Work
 
     // Work vectors, overwritten by every Work.
     alignas(64) ActuatorVector m_delta{};          // command minus last applied, modal
