@@ -111,6 +111,7 @@ std::string ToJson(const Status& status) {
                     {"source", to_string(status.control.source)},
                     {"handover_state", status.control.handover_state},
                     {"handover_running", status.handover_running},
+                    {"mode_to_be_set_again", status.mode_to_be_set_again},
                     {"gp_centering", status.gp_centering},
                     {"mode_change_in_progress", record.mode_change_in_progress},
                     {"changed", record.changed},

@@ -19,9 +19,10 @@ namespace vosk::host {
 
 struct Status {
     ControlState control;
-    bool handover_running = false;  // M4 is on its way from one source to the other
-    bool gp_centering = true;       // what the threads go by; the record's is as last commanded
-    lumo::StateTopic record;        // of which mode and source are in `control` already
+    bool handover_running = false;      // M4 is on its way from one source to the other
+    bool mode_to_be_set_again = false;  // a change of mode has ended without a source for M4
+    bool gp_centering = true;           // what the threads go by; the record's is as last commanded
+    lumo::StateTopic record;            // of which mode and source are in `control` already
     Machine machine;
     std::vector<ThreadState> threads;
     std::vector<std::string> threads_ended;  // names of the threads that ended by themselves

@@ -108,8 +108,10 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
     StartWithSocket();
     EXPECT_THAT(Ask("status"), StartsWith(R"({"mode":"TEL_DRIVEN","camera":"IMG_GP1","source":"OFF",)"));
     EXPECT_EQ(Ask("mode HIGH_ORDER_CASCADE"), "ok\n");  // a variant, which needs no handover
-    EXPECT_THAT(Ask("status"),
-                HasSubstr(R"("handover_running":false,"gp_centering":true,"mode_change_in_progress":true,)"));
+    EXPECT_THAT(
+        Ask("status"),
+        HasSubstr(
+            R"("handover_running":false,"mode_to_be_set_again":false,"gp_centering":true,"mode_change_in_progress":true,)"));
     EXPECT_EQ(Ask("mode INS_DRIVEN_CASCADE WFS_GP2"), "ok\n");
     const std::string status = Ask("status");
     EXPECT_THAT(status, StartsWith(R"({"mode":"INS_DRIVEN_CASCADE","camera":"WFS_GP2","source":"NONE",)"

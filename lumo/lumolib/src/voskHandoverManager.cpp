@@ -12,6 +12,26 @@ namespace vosk::lumo {
 using defs::AoCommandSource;
 using defs::VoskControlMode;
 
+namespace {
+
+// A handover takes 3 cycles, a handback 2.
+constexpr int CYCLES_UNTIL_STUCK = 100;
+
+bool Fits(AoCommandSource source, VoskControlMode mode) {
+    switch (mode) {
+        case VoskControlMode::INS_DRIVEN_SEQUENTIAL:
+        case VoskControlMode::INS_DRIVEN_CASCADE:
+            return source != AoCommandSource::CCS;
+        case VoskControlMode::TEL_DRIVEN:
+        case VoskControlMode::TEL_DRIVEN_WITH_GPAO_TT:
+            return source != AoCommandSource::INS;
+        default:
+            return true;
+    }
+}
+
+}  // namespace
+
 VoskHandoverManager& VoskHandoverManager::GetInstance() {
     static VoskHandoverManager instance;
     return instance;
@@ -32,6 +52,8 @@ void VoskHandoverManager::Reset() {
     m_handover_start.store({});
     m_first_none_cmd_time.store({});
     m_first_ins_cmd_time.store({});
+    m_is_mode_to_be_set_again.store(false);
+    m_cycles_without_source = 0;
     Attach();
 }
 
@@ -98,6 +120,27 @@ void VoskHandoverManager::RegisterCcsCommandReceived(VoskControlMode /*mode*/) {
         SetM4CmdSource(AoCommandSource::CCS);
         common::LogDebug("HandoverStateManager: initialize M4 cmd source, CCS has control");
     }
+}
+
+AoCommandSource VoskHandoverManager::SourceOfCycle(VoskControlMode mode) {
+    const AoCommandSource source = GetM4CmdSource();
+    const bool fits = Fits(source, mode);
+    CommandCounts& counts = *RuntimeMonitor::GetInstance().m_command_counts;
+    if (!fits) counts.unfit_source_cycles.fetch_add(1, std::memory_order_relaxed);
+    if (fits && source != AoCommandSource::NONE) {
+        m_cycles_without_source = 0;
+        m_is_mode_to_be_set_again.store(false);
+        return source;
+    }
+    if (m_cycles_without_source < CYCLES_UNTIL_STUCK && ++m_cycles_without_source == CYCLES_UNTIL_STUCK) {
+        m_is_mode_to_be_set_again.store(true);
+        counts.failed_mode_changes.fetch_add(1, std::memory_order_relaxed);
+        common::LogWarn(
+            "HandoverStateManager: nobody has commanded M4 for {} cycles, the control mode is to be set "
+            "again",
+            CYCLES_UNTIL_STUCK);
+    }
+    return AoCommandSource::NONE;
 }
 
 void VoskHandoverManager::RecordM4CommandSentTimestamp(const time_point& time, VoskControlMode mode,

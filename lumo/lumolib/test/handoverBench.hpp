@@ -21,7 +21,7 @@ struct HandoverBench {
     defs::AoCommandSource RunCycle(bool valid = true, time_point send_time = {}) {
         const auto mode = VoskTelescopeStateManager::GetCurrentControlMode();
         manager.RegisterCycle(mode, valid, [this] { ++ref_shape_updates; });
-        const auto source = manager.GetM4CmdSource();
+        const auto source = manager.SourceOfCycle(mode);
         manager.RecordM4CommandSentTimestamp(send_time, mode, source);
         return source;
     }

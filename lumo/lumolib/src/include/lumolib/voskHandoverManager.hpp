@@ -68,9 +68,17 @@ public:
     void RecordM4CommandSentTimestamp(const time_point& time, defs::VoskControlMode mode,
                                       defs::AoCommandSource source);
 
+    // The thread of AoTasks, once a cycle after RegisterCycle: the source for which this cycle sends. A
+    // source that does not fit the mode, as it may stand there around a change of mode, counts as NONE: its
+    // command would reach M4 outside the handover. Counts and logs.
+    defs::AoCommandSource SourceOfCycle(defs::VoskControlMode mode);
+
     // Any thread, lock-free.
     defs::AoCommandSource GetM4CmdSource() const { return m_m4_cmd_source.load(); }
     int GetState() const { return m_state.load(); }
+    // Whether a change of mode has gone wrong for good: no source has fitted for more cycles than any
+    // handover takes. Only the next change between a telescope-driven and an instrument-driven mode mends it.
+    bool IsModeToBeSetAgain() const { return m_is_mode_to_be_set_again.load(); }
 
     // A source outside the enumeration ends in std::runtime_error "Unknown enum value.", after it was stored.
     void SetM4CmdSource(defs::AoCommandSource source);
@@ -92,6 +100,8 @@ private:
     std::atomic<time_point> m_first_none_cmd_time{};
     std::atomic<time_point> m_first_ins_cmd_time{};
     std::atomic<defs::AoCommandSource> m_m4_cmd_source = defs::AoCommandSource::OFF;
+    std::atomic<bool> m_is_mode_to_be_set_again = false;  // written by AoTasks, and reset by the host
+    int m_cycles_without_source = 0;                      // in a row; AoTasks only
 };
 
 // Control mode, observers and handover in their first state, the manager attached exactly once; the active
