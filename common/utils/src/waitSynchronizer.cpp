@@ -16,8 +16,8 @@ using SteadyClock = std::chrono::steady_clock;
 // Longest time until a sleeping Wait sees a stop, or a notification that fell between its test and its sleep.
 constexpr std::chrono::microseconds WAIT_SLICE{500};
 
-// Longest single sleep towards a deadline; keeps the translation to the steady clock from overflowing.
-constexpr std::chrono::hours MAX_SLEEP{1};
+// Longest single sleep towards a deadline: until a stop, or a clock that was set, is seen.
+constexpr std::chrono::milliseconds MAX_SLEEP{10};
 
 constexpr std::size_t RESERVED_FLAGS = 8;
 
@@ -29,6 +29,22 @@ bool Spin(Done done, const int& running) {
     }
     return IsRunning(running);
 }
+
+// Whether a wait for `time` is over. A clock that is set back during the wait ends it too: the time would
+// come long after it was meant.
+class TimeTest {
+public:
+    explicit TimeTest(AtomClk::time_point time) : m_time{time} {}
+
+    bool IsOver(AtomClk::time_point now) {
+        const auto before = std::exchange(m_last, now);
+        return now >= m_time || atomclk::WasSetBack(before, now);
+    }
+
+private:
+    const AtomClk::time_point m_time;
+    AtomClk::time_point m_last = AtomClk::now();
+};
 
 // When to look again for `time`, which is later than `now`.
 SteadyClock::time_point OnSteadyClock(AtomClk::time_point time, AtomClk::time_point now) {
@@ -70,7 +86,9 @@ bool BusyWaitSynchronizer::Wait(const int& running) {
 }
 
 bool BusyWaitSynchronizer::WaitUntil(const AtomClk::time_point& time, const int& running) {
-    return Spin([this, time] { return IsAnyFlagReady() || AtomClk::now() >= time; }, running);
+    return Spin(
+        [this, test = TimeTest{time}]() mutable { return IsAnyFlagReady() || test.IsOver(AtomClk::now()); },
+        running);
 }
 
 bool BusyWaitSynchronizer::WaitForNotReady(const int& running) {
@@ -78,7 +96,11 @@ bool BusyWaitSynchronizer::WaitForNotReady(const int& running) {
 }
 
 bool BusyWaitSynchronizer::WaitForNotReadyUntil(const AtomClk::time_point& time, const int& running) {
-    return Spin([this, time] { return IsAnyFlagNotReady() || AtomClk::now() >= time; }, running);
+    return Spin(
+        [this, test = TimeTest{time}]() mutable {
+            return IsAnyFlagNotReady() || test.IsOver(AtomClk::now());
+        },
+        running);
 }
 
 bool CVSynchronizer::WaitFor(FlagTest done, const int& running) {
@@ -89,12 +111,13 @@ bool CVSynchronizer::WaitFor(FlagTest done, const int& running) {
 
 bool CVSynchronizer::WaitForUntil(FlagTest done, const AtomClk::time_point& time, const int& running) {
     std::unique_lock lock{m_cv_mutex};
+    TimeTest test{time};
     while (true) {
         if (!IsRunning(running)) return false;
         if ((this->*done)()) return IsRunning(running);
         const AtomClk::time_point now = AtomClk::now();
-        if (now >= time) return IsRunning(running);
-        // Translated anew in each pass: the two clocks drift apart, and AtomClk may be set.
+        if (test.IsOver(now)) return IsRunning(running);
+        // Translated in each pass: the two clocks drift apart, and AtomClk may be set.
         m_cv.wait_until(lock, OnSteadyClock(time, now));
     }
 }

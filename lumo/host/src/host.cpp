@@ -121,6 +121,7 @@ void Host::Run(const Signals& signals) {
     while (m_running) {
         LookAtControlState();
         LookAtThreads();
+        LookAtClock();
         WaitForWork(signals);
     }
     common::LogInfo("Stopping.");
@@ -196,6 +197,14 @@ std::vector<ThreadState> Host::ThreadStates() const {
     return states;
 }
 
+void Host::LookAtClock() {
+    const auto step = m_clock_watch.Look(atomclk::AtomClk::now(), ClockWatch::Steady::now());
+    if (!step) return;
+    RuntimeMonitor::GetInstance().m_command_counts->clock_steps.fetch_add(1, std::memory_order_relaxed);
+    common::LogWarn("The clock was set by {} ms.",
+                    std::chrono::duration_cast<std::chrono::milliseconds>(*step).count());
+}
+
 std::string Host::Status() {
     LookAtControlState();
     LookAtThreads();
@@ -203,6 +212,7 @@ std::string Host::Status() {
     const lumo::PerformanceData& performance = RuntimeMonitor::GetPerformanceData();
     host::Status status{.control = m_state,
                         .handover_running = VoskHandoverManager::IsOnTheWay(m_state.handover_state),
+                        .mode_to_be_set_again = VoskHandoverManager::GetInstance().IsModeToBeSetAgain(),
                         .gp_centering = lumo::VoskTelescopeStateManager::GetGPCenteringEnabled(),
                         .record = RuntimeMonitor::GetStateData().GetTopicData(),
                         .machine = m_machine,

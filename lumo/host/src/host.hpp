@@ -3,6 +3,7 @@
 // The program around LibMain: sets it up, starts it, serves commands and watches the control state on the one
 // control thread, and stops it at a signal or on command.
 
+#include "clockWatch.hpp"
 #include "commandStream.hpp"
 #include "commands.hpp"
 #include "controlSocket.hpp"
@@ -72,6 +73,7 @@ private:
     void LookAtControlState();
     void LookAtThreads();
     std::vector<ThreadState> ThreadStates() const;
+    void LookAtClock();
 
     lumo::LibMain m_library;
     const int m_memory_error;  // errno of locking the memory
@@ -79,6 +81,7 @@ private:
     std::optional<CommandStream> m_terminal;
     bool m_running = true;
     Machine m_machine;  // as found when the threads had started
+    ClockWatch m_clock_watch{atomclk::AtomClk::now(), ClockWatch::Steady::now()};
     ControlState m_state;
     EventList m_events;
     std::set<std::string> m_threads_ended;  // by themselves; each has been logged

@@ -1,3 +1,4 @@
+#include "../src/clockWatch.hpp"
 #include "../src/statusReport.hpp"
 
 #include <gmock/gmock.h>
@@ -72,6 +73,16 @@ TEST(EventList, NotesChangesOnceAndKeepsTheLatest) {
     EXPECT_EQ(list.Get().size(), MAX_EVENTS);
     EXPECT_EQ(list.Get().back().text, "handover state 1000");
     EXPECT_EQ(list.Get().back().time, At(1002));
+}
+
+TEST(ClockWatch, TellsAStepFromSlewing) {
+    using namespace std::chrono_literals;
+    const auto at = [](auto time) { return ClockWatch::Steady::time_point{time}; };
+    ClockWatch watch{At(100s), at(5s)};
+    EXPECT_EQ(watch.Look(At(111s), at(15s)), std::nullopt);
+    EXPECT_EQ(watch.Look(At(75s), at(16s)), -37s);
+    EXPECT_EQ(watch.Look(At(76s), at(17s)), std::nullopt);
+    EXPECT_EQ(watch.Look(At(79s), at(18s)), 2s);
 }
 
 }  // namespace

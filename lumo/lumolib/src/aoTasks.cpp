@@ -1,6 +1,7 @@
 #include <lumolib/aoTasks.hpp>
 
 #include <lumolib/dataSyncManager.hpp>
+#include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/utilities.hpp>
 #include <lumolib/voskHandoverManager.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
@@ -130,6 +131,7 @@ AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
     m_m4_output = WaitableExchange<M4OutputDataSync>(m_busy);
     m_m4_input = WaitableExchange<M4InputDataSync>(m_busy);
     m_gpao_applied = Exchange<GpaoM4SetpointAppliedDataSync>();
+    m_counts = RuntimeMonitor::GetInstance().m_command_counts;
     LogDebug("AO Tasks thread initialized: cpu = {}", m_cpu);
 }
 
@@ -146,6 +148,7 @@ AoTasks::Config AoTasks::Configure(const oru::configng::PliConfigInstanceNode& n
 
 void AoTasks::Work(std::promise<void>& started) {
     m_sample_id = 0;
+    ClearInputs();  // a command from before a restart is no news
     started.set_value();
     while (IsRunning()) {
         if (!RunCycle()) return;
@@ -190,7 +193,7 @@ AoTasks::Plan AoTasks::ReceiveCommand() {
         send_time = CeilToNextInterval(m_time_stats.t0 + m_config.m4_send_delay,
                                        m_m4_output->send_interval.load(), m_m4_output->send_offset.load());
     }
-    const AoCommandSource source = handover.GetM4CmdSource();
+    const AoCommandSource source = handover.SourceOfCycle(mode);
     m_executor.Step1_CommandSplitting(command.command);
     return {mode, source, send_time};
 }
@@ -203,21 +206,23 @@ void AoTasks::AssembleCommand() {
                                      m_gpao_input->GetDataRef().command);
 }
 
-// What arrived while the command was taken in is dropped as a wake-up; its data stands.
+// Data that arrived until now is dropped as a wake-up; it stays in its object.
 void AoTasks::ClearInputs() {
     m_ins_input->ClearDataReady();
     m_fs_input->ClearDataReady();
     m_gpao_input->ClearDataReady();
 }
 
-// Field stabilisation and GPAO are not checked where they enter, and a value that is no number lifts the
-// limits of all others: such a setpoint is kept back, and the cycle is one without a source.
+// Field stabilisation and GPAO are not checked where they enter, and finite commands can have positions that
+// are not: such a setpoint is kept back, and the cycle is one without a source.
 void AoTasks::SendSetpoint(Plan& plan) {
     const auto setpoint = m_executor.Step3_ProcessM4SetpointData();
     m_time_stats.process_m4_setpoint = AtomClk::now();
     if (plan.source != AoCommandSource::NONE && !m_executor.IsSetpointFinite()) {
-        LogError("AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at {}",
-                 GetTimeString(plan.send_time));
+        LogError(
+            "AoTasks: the setpoint or its actuator positions are not finite, nothing is sent to M4 at {}",
+            GetTimeString(plan.send_time));
+        m_counts->kept_back_setpoints.fetch_add(1, std::memory_order_relaxed);
         plan.source = AoCommandSource::NONE;
     }
     if (plan.source != AoCommandSource::NONE) {
@@ -234,19 +239,33 @@ std::optional<std::span<float, defs::INS_CMD_SIZE>> AoTasks::ReceiveAndProcessAm
 
     // An answer left over from an earlier cycle must not satisfy this wait.
     m_m4_input->ClearDataReady();
-    const auto synchronizer = m_m4_input->GetSynchronizer();
-    if (!synchronizer->WaitUntil(deadline, m_running)) {
+    std::shared_lock lock{m_m4_input->GetMutex(), std::defer_lock};
+    if (!WaitForAnswer(lock, deadline)) {
         m_executor.Step4d_NotProcessM4SetpointAppliedData();
         return {};
     }
-    std::shared_lock lock{m_m4_input->GetMutex()};
     const auto received_id = m_m4_input->GetSampleId();
     const AnswerFault fault = FaultOfAnswer();
     std::span<float, defs::INS_CMD_SIZE> applied = TakeAnswer(fault, applied_time);
     m_m4_input->ClearDataReady();
     lock.unlock();
-    if (fault != AnswerFault::NONE) LogFault(fault, received_id);
+    if (fault != AnswerFault::NONE) ReportFault(fault, received_id);
     return applied;
+}
+
+// True: an answer has come or will not come, and `lock` is held. M4Input notifies after it has given the lock
+// back, so that a notification may come a cycle late; the wait then goes on. Test and clear stand under one
+// lock, or an answer between them would be lost.
+bool AoTasks::WaitForAnswer(std::shared_lock<std::shared_mutex>& lock, time_point deadline) {
+    const auto synchronizer = m_m4_input->GetSynchronizer();
+    if (WasSetBack(m_time_stats.data_received, AtomClk::now())) deadline = {};
+    while (synchronizer->WaitUntil(deadline, m_running)) {
+        lock.lock();
+        if (m_m4_input->IsNewData() || !m_m4_input->IsDataReady()) return true;
+        m_m4_input->ClearDataReady();
+        lock.unlock();
+    }
+    return false;
 }
 
 // With the shared lock of M4InputDataSync held.
@@ -257,7 +276,7 @@ AoTasks::AnswerFault AoTasks::FaultOfAnswer() const {
     return AnswerFault::NONE;
 }
 
-// The same.
+// With the shared lock of M4InputDataSync held.
 std::span<float, defs::INS_CMD_SIZE> AoTasks::TakeAnswer(AnswerFault fault, time_point& applied_time) {
     if (fault != AnswerFault::NONE) return m_executor.Step4b_ProcessInvalidM4SetpointAppliedData();
     const M4SetpointAppliedData& answer = m_m4_input->GetDataRef();
@@ -266,8 +285,10 @@ std::span<float, defs::INS_CMD_SIZE> AoTasks::TakeAnswer(AnswerFault fault, time
 }
 
 // Without a lock: formatting takes longer than all that is done under it.
-void AoTasks::LogFault(AnswerFault fault, std::uint32_t received_id) const {
+void AoTasks::ReportFault(AnswerFault fault, std::uint32_t received_id) const {
     const std::string now = GetTimeString(AtomClk::now());
+    auto& count = fault == AnswerFault::OTHER_SAMPLE ? m_counts->foreign_answers : m_counts->missing_answers;
+    count.fetch_add(1, std::memory_order_relaxed);
     if (fault == AnswerFault::MISSING) {
         LogError(
             "AoTasks::ReceiveAndProcessAmSetpointApplied(): no 'am:setpoint_applied' response from M4 at {}, "

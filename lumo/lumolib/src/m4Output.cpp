@@ -36,7 +36,8 @@ M4Output::M4Output(const oru::configng::PliConfigInstanceNode& node)
       m_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
           M4OutputDataSync::InstanceTag::DEFAULT, m_busy)},
       m_statistics{RuntimeMonitor::GetInstance().m_m4_statistics},
-      m_stream_state{RuntimeMonitor::GetInstance().m_m4_output_state} {
+      m_stream_state{RuntimeMonitor::GetInstance().m_m4_output_state},
+      m_counts{RuntimeMonitor::GetInstance().m_command_counts} {
     if (m_qudex_cfg.num_frames != defs::M4Setpoint::SEGMENTS.size()) {
         Refuse(node, "num_frames",
                "ERR: " + node.GetPath() + ".num_frames must be 3, a setpoint goes out in three packets");
@@ -64,6 +65,7 @@ std::chrono::microseconds M4Output::Configure(const oru::configng::PliConfigInst
 }
 
 void M4Output::Work(std::promise<void>& started) {
+    m_sync->ClearDataReady();  // a setpoint from before a restart is not sent
     started.set_value();
     while (IsRunning()) {
         if (!RunCycle()) return;
@@ -78,6 +80,10 @@ bool M4Output::RunCycle() {
     if (!setpoint || !PlanSend(*setpoint)) return true;
     const defs::FloatVectorTT tip_tilt{m_wire.setpoint[0], m_wire.setpoint[1]};
     if (!WaitUntil(setpoint->send_time)) return false;
+    if (const time_point now = AtomClk::now(); now < setpoint->send_time) {
+        Drop(*setpoint, now);  // the clock was set back
+        return true;
+    }
     SendSegments(*setpoint);
     PublishSendPeriod(*setpoint);
     Report(*setpoint, tip_tilt);
@@ -93,7 +99,7 @@ std::optional<M4Output::Setpoint> M4Output::TakeSetpoint() {
     }
     m_taken_id = m_sync->GetSampleId();
     const M4SetpointData& data = m_sync->GetDataRef();
-    const Setpoint setpoint{m_sync->GetSampleId(), data.send_time};
+    const Setpoint setpoint{m_sync->GetSampleId(), data.send_time, m_sync->GetTimestamp()};
     defs::ToWireOrder(data.setpoint, m_wire.setpoint);
     m_wire.valid = data.valid;
     m_sync->ClearDataReady();
@@ -106,14 +112,18 @@ bool M4Output::PlanSend(Setpoint& setpoint) {
         setpoint.send_time = now;
         return true;
     }
-    if (setpoint.send_time >= now - m_max_lateness) return true;
-    common::LogError(
-        "M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff = +{}, "
-        "no data "
-        "will be sent!",
-        GetTimeString(now - setpoint.send_time));
+    if (setpoint.send_time >= now - m_max_lateness && !WasSetBack(setpoint.handed_over, now)) return true;
+    Drop(setpoint, now);
     m_sync->ClearDataReady();
     return false;
+}
+
+void M4Output::Drop(const Setpoint& setpoint, time_point now) {
+    common::LogError(
+        "M4Output::Work(): Got 'am:setpoint' message with a send time that has already passed, diff = +{}, "
+        "no data will be sent!",
+        GetTimeString(now - setpoint.send_time));
+    m_counts->late_setpoints.fetch_add(1, std::memory_order_relaxed);
 }
 
 void M4Output::SendSegments(const Setpoint& setpoint) {

@@ -137,6 +137,8 @@ protected:
         });
     }
 
+    static const CommandCounts& Counts() { return *RuntimeMonitor::GetInstance().m_command_counts; }
+
     void Answer(float value, std::uint32_t id) {
         defs::M4SetpointApplied::Payload payload;
         payload.setpoint.fill(value);
@@ -206,6 +208,36 @@ TEST_F(AoTasksTest, MissingAndLateAnswersCountAsZero) {
                     ElementsAre(HasSubstr("no 'am:setpoint_applied' response from M4 at ")));
         Answer(4.0F, id);  // too late: the next cycle forgets it
     }
+    EXPECT_EQ(Counts().missing_answers, 2U);
+}
+
+// M4Input notifies after it has given the lock back: the notification of one answer may come when the next
+// one is awaited.
+TEST_F(AoTasksTest, ALateNotificationIsNoAnswer) {
+    StartDrivenBy(INS_DRIVEN_CASCADE);
+    SendCommand(2.0F);
+    ASSERT_TRUE(SetpointArrives());
+    for (int i = 0; i < 20; ++i) {
+        m_m4_input->SetDataReady();
+        ASSERT_TRUE(Eventually([this] { return !m_m4_input->IsDataReady(); }));
+    }
+    EXPECT_FALSE(m_fs_ref->IsNewData());  // the cycle still waits
+    ASSERT_TRUE(AnswerUntilCycleEnds(2.0F, 1));
+    EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 2.0F);
+}
+
+TEST_F(AoTasksTest, AClockThatIsSetBackEndsTheCycleWithoutAnAnswer) {
+    const AtomClk::time_point start{std::chrono::hours{1}};
+    atomclk::ManualClock clock{start};
+    StartDrivenBy(INS_DRIVEN_CASCADE);
+    SendCommand(2.0F);
+    ASSERT_TRUE(SetpointArrives());
+    clock.Set(start - std::chrono::seconds{37});
+    ASSERT_TRUE(CycleEnds());
+    EXPECT_EQ(Counts().missing_answers, 1U);
+    ASSERT_TRUE(RunCycle(3.0F, 3.0F, 2));
+    EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 3.0F);
+    m_thread->Stop();
 }
 
 TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZeroAndIsNamed) {
@@ -222,7 +254,7 @@ TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZeroAndIsNamed) {
     EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
 }
 
-TEST_F(AoTasksTest, ASetpointThatIsNoNumberIsKeptFromM4) {
+TEST_F(AoTasksTest, ASetpointThatIsNotFiniteIsKeptFromM4) {
     const LogCapture log;
     StartDrivenBy(INS_DRIVEN_CASCADE);
     ASSERT_TRUE(RunCycle(1.0F, 1.0F, 1));
@@ -232,9 +264,10 @@ TEST_F(AoTasksTest, ASetpointThatIsNoNumberIsKeptFromM4) {
         ASSERT_TRUE(RunCycle(2.0F));  // nobody is waited for
         EXPECT_FALSE(m_m4_output->IsNewData());
     }
-    const auto kept_back =
-        StartsWith("AoTasks: the setpoint holds values that are no numbers, nothing is sent to M4 at ");
+    const auto kept_back = StartsWith(
+        "AoTasks: the setpoint or its actuator positions are not finite, nothing is sent to M4 at ");
     EXPECT_THAT(log.Texts("", ERROR_LOG_LEVEL), ElementsAre(kept_back, kept_back));
+    EXPECT_EQ(Counts().kept_back_setpoints, 2U);
     EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 1.0F);  // what M4 still has
     EXPECT_EQ(m_ao_applied->GetData().header.status, 0);
 
@@ -322,12 +355,14 @@ TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadOnceSomebodyCommands) {
 TEST_F(AoTasksTest, StopEndsTheWaitForInputAndTheWaitForM4) {
     StartDrivenBy(INS_DRIVEN_CASCADE, "500 ms");
     m_thread->Stop();
+    SendCommand(9.0F);  // is no news to the next run
     m_thread->Start().get();
 
     // The cycle that a stop interrupts is finished without an answer: the reference record still goes out.
     m_ao_applied->ClearNewData();
     SendCommand(2.0F);
     ASSERT_TRUE(SetpointArrives());
+    EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
     m_thread->Stop();
     EXPECT_TRUE(m_fs_ref->IsNewData());
     EXPECT_FALSE(m_ao_applied->IsNewData());

@@ -1,4 +1,5 @@
 #include <lumolib/lumoThread.hpp>
+#include <lumolib/timeGrid.hpp>
 
 #include <numa.h>
 #include <pthread.h>
@@ -228,6 +229,20 @@ TEST(CeilToNextInterval, FindsTheFirstGridPointAtOrAfterTheTime) {
     EXPECT_EQ(CeilToNextInterval(At(1'000'001), 1000us, 0us), At(2'000'000));
     EXPECT_EQ(CeilToNextInterval(At(1), 3ms, 250us), At(3'250'000));
     EXPECT_EQ(CeilToNextInterval(At(1'800'000'000'000'000'001), 7us, 0us).time_since_epoch() % 7us, 0ns);
+}
+
+TEST(TimeGrid, IsNotShiftedByLateCyclesButSkipsWhatLiesFarBack) {
+    TimeGrid grid{2ms, 100us, At(3ms)};
+    EXPECT_EQ(grid.Point(), At(4100us));
+    EXPECT_EQ(grid.Advance(At(206'100us)), 0U);  // 100 intervals behind
+    EXPECT_EQ(grid.Point(), At(6100us));
+    EXPECT_EQ(grid.Advance(At(208'100us) + 1ns), 101U);
+    EXPECT_EQ(grid.Point(), At(210'100us));
+    EXPECT_EQ(grid.Advance(At(10s)), 4894U);  // a clock that is set forward
+    EXPECT_EQ(grid.Advance(At(9500ms)), 0U);
+    EXPECT_EQ(grid.Point(), At(10'002'100us));
+    EXPECT_EQ(grid.Advance(At(8s)), 0U);  // set back
+    EXPECT_EQ(grid.Point(), At(8'000'100us));
 }
 
 }  // namespace

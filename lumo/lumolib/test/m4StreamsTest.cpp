@@ -127,6 +127,31 @@ TEST_F(M4OutputTest, DropsASetpointOneNanosecondTooLate) {
     EXPECT_EQ(AtomClk::time_point{Header(3).timestamp}, START);
 }
 
+// It would leave long after it was meant.
+TEST_F(M4OutputTest, DropsASetpointWhoseClockIsSetBack) {
+    M4OutputDataSync& sync = *Get<M4OutputDataSync>(false);
+    const auto& late = RuntimeMonitor::GetInstance().m_command_counts->late_setpoints;
+    const auto hand_over = [&](unsigned id) {
+        const auto now = AtomClk::now();
+        sync.SetData(std::array<float, M4_CMD_SIZE>{}, now + std::chrono::seconds{40}, id, now);
+    };
+    hand_over(1);
+    m_clock.Advance(-std::chrono::seconds{37});  // before M4Output has taken it
+    EXPECT_TRUE(m_output.RunCycle());
+    EXPECT_EQ(late, 1U);
+
+    hand_over(2);
+    auto cycle = std::async(std::launch::async, [this] { return m_output.RunCycle(); });
+    ASSERT_TRUE(Eventually([&] { return !sync.IsNewData(); }));
+    EXPECT_TRUE(Eventually([&] {
+        m_clock.Advance(-std::chrono::seconds{37});
+        return cycle.wait_for(microseconds{0}) == std::future_status::ready;
+    }));
+    EXPECT_TRUE(cycle.get());
+    EXPECT_EQ(late, 2U);
+    EXPECT_EQ(Sent(), 0U);
+}
+
 // The writer notifies when it has given the lock back, and much can happen before.
 TEST_F(M4OutputTest, SendsASetpointOnceWheneverItsNotificationComes) {
     M4OutputDataSync& sync = *Get<M4OutputDataSync>(false);

@@ -4,6 +4,7 @@
 // one pass of the executor, hands the setpoint to M4Output with its planned send time, waits a bounded time
 // for M4's answer, and publishes what M4 applied. It meets other threads in exchange objects only.
 
+#include <lumolib/commandCounts.hpp>
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/lumoThread.hpp>
 
@@ -14,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <oru/configng/pliConfig.hpp>
+#include <shared_mutex>
 #include <span>
 #include <string>
 #include <vosk/ao_tasks/executor.hpp>
@@ -90,9 +92,11 @@ private:
     void SendSetpoint(Plan& plan);
     void PublishApplied(const Plan& plan, std::span<float, defs::INS_CMD_SIZE> applied,
                         time_point applied_time);
+    bool WaitForAnswer(std::shared_lock<std::shared_mutex>& lock, time_point deadline);
     AnswerFault FaultOfAnswer() const;
     std::span<float, defs::INS_CMD_SIZE> TakeAnswer(AnswerFault fault, time_point& applied_time);
-    void LogFault(AnswerFault fault, std::uint32_t received_id) const;
+    // Counts and logs.
+    void ReportFault(AnswerFault fault, std::uint32_t received_id) const;
 
     // Constant after construction.
     Config m_config;
@@ -108,6 +112,7 @@ private:
     std::shared_ptr<M4OutputDataSync> m_m4_output;
     std::shared_ptr<M4InputDataSync> m_m4_input;
     std::shared_ptr<GpaoM4SetpointAppliedDataSync> m_gpao_applied;
+    std::shared_ptr<CommandCounts> m_counts;
 
     // Worker thread only.
     ao_tasks::Executor m_executor;

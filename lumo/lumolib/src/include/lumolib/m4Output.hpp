@@ -40,12 +40,14 @@ private:
     struct Setpoint {
         defs::sample_id_t id;
         time_point send_time;
+        time_point handed_over;  // by AoTasks
     };
 
     // Nothing: the notification came late, of a setpoint that an earlier cycle has taken.
     std::optional<Setpoint> TakeSetpoint();
-    // Settles when the setpoint goes. False: too late, it is dropped.
+    // Settles when the setpoint goes. False: too late, or the clock was set back; the setpoint is dropped.
     bool PlanSend(Setpoint& setpoint);
+    void Drop(const Setpoint& setpoint, time_point now);
     void SendSegments(const Setpoint& setpoint);
     void PublishSendPeriod(const Setpoint& setpoint);
     void Report(const Setpoint& setpoint, defs::FloatVectorTT tip_tilt);
@@ -62,6 +64,7 @@ private:
 
     const std::shared_ptr<StatisticsBuffered> m_statistics;
     const std::shared_ptr<OutputStreamState> m_stream_state;
+    const std::shared_ptr<CommandCounts> m_counts;
 };
 
 }  // namespace vosk::lumo

@@ -28,6 +28,13 @@ private:
     static std::atomic<const std::atomic<rep>*> m_manual;
 };
 
+// Whether the clock was set back between two readings, the first of them `earlier`. TAI only goes forward,
+// but a daemon may reset the kernel's offset; what slewing does stays far below the second that is allowed
+// here.
+constexpr bool WasSetBack(AtomClk::time_point earlier, AtomClk::time_point now) noexcept {
+    return now < earlier - std::chrono::seconds{1};
+}
+
 // While it lives, AtomClk::now() gives the time set here. For tests; one at a time.
 class ManualClock {
 public:

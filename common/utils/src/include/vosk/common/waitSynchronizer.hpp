@@ -42,8 +42,9 @@ public:
     // Until some flag is ready.
     virtual bool Wait(const int& running) = 0;
 
-    // Until some flag is ready or AtomClk has reached `time`. Asleep it sees a stop, or a notification that
-    // came between its test and its sleep, only with the next notification or when the time has come.
+    // Until some flag is ready or AtomClk has reached `time`, or was set back by more than a second during
+    // the wait: a caller that finds neither flag nor time gives its deadline up. Asleep it sees a stop, a
+    // clock that was set, or a notification that came between its test and its sleep, within 10 ms.
     virtual bool WaitUntil(const atomclk::AtomClk::time_point& time, const int& running) = 0;
 
     // Until some flag is not ready.
