@@ -324,6 +324,7 @@ private:
         refuse(m_facts.status.counts.kept_back_setpoints,
                "setpoints were kept back, though all commands are finite");
         refuse(m_facts.status.counts.clock_steps, "times the clock was set in mid-run");
+        JudgeSilence();
         JudgeOverwritten();
         if (m_accounts.ExceptionShare() > m_scenario.expect.max_exceptions)
             m_accounts.violations.push_back(
@@ -336,6 +337,26 @@ private:
                             m_accounts.Count(CommandFate::AsPredicted), m_scenario.expect.min_setpoints));
         JudgeRecoveries();
         JudgeHostEnd();
+    }
+
+    // A setpoint that did not reach M4, or whose answer the rig spoilt, went without its answer, and the host
+    // must have counted so many cycles. Those that were still open when it was asked stay out.
+    void JudgeSilence() {
+        std::uint64_t unanswered = 0;
+        defs::sample_id_t before = 0;  // the first setpoint of a host is number 1
+        for (const SetpointRecord& setpoint : m_facts.setpoints) {
+            if (AnswerDeadline(setpoint) > m_facts.status_time) break;
+            // IDs run on by one; a jump back is judged with the IDs.
+            const defs::sample_id_t skipped = setpoint.sample_id - before - 1;
+            unanswered += skipped < (1U << 31U) ? skipped : 0;
+            unanswered += setpoint.answer == AnswerFate::Sent ? 0 : 1;
+            before = setpoint.sample_id;
+        }
+        const HostCounts& counts = m_facts.status.counts;
+        const std::uint64_t counted = counts.missing_answers + counts.foreign_answers;
+        if (unanswered > counted)
+            m_accounts.violations.push_back(fmt::format(
+                "{} setpoints went without M4's answer, but the host counts {}", unanswered, counted));
     }
 
     // The host counts the commands that it never took up, and those that never reached it.
