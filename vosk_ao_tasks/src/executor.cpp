@@ -13,11 +13,7 @@ using atomclk::AtomClk;
 using defs::VoskControlMode;
 
 Executor::Executor(const CommandAssembly::Config& assembly, const M4SaturationManagement::Config& saturation)
-    : m_command_assembly{assembly}, m_saturation{saturation} {
-    // The first product makes BLAS map its work space, and where memory is locked, fill it: a matter of tens
-    // of milliseconds that is not to fall into the first cycle.
-    m_saturation.Work(m_assembled_command, m_last_applied, m_setpoint);
-}
+    : m_command_assembly{assembly}, m_saturation{saturation} {}
 
 void Executor::Step0_SetControlMode(VoskControlMode mode) {
     VOSK_ASSERT(m_state == State::DONE);

@@ -20,7 +20,6 @@ namespace {
 using atomclk::AtomClk;
 using common::math::AllFinite;
 using common::math::cblas_AddVectors;
-using common::math::cblas_MultiplyMatrixByVector;
 using lumo::GetTimeString;
 
 constexpr std::size_t M4_CMD_SIZE = M4SaturationManagement::M4_CMD_SIZE;
@@ -50,21 +49,7 @@ float AtMostOne(float ratio) {
     return ratio < 1.0F ? ratio : 1.0F;
 }
 
-// Both products of a pass read the whole matrix. Taken in blocks of rows, each block by one vector and then
-// by the other, the second reading finds the block in the cache, so that a large matrix comes from memory
-// once a pass. A row's sum stays what one product over all rows gives: the kernels take rows in fours.
-std::size_t RowsPerBlock(std::size_t columns) {
-    constexpr std::size_t BLOCK_BYTES = std::size_t{256} << 10U;
-    constexpr std::size_t CACHED_BYTES = std::size_t{2}
-                                         << 20U;  // a matrix that stays in the cache is one block
-    constexpr std::size_t ROW_GROUP = 8;
-    static_assert(M4_CMD_SIZE % ROW_GROUP == 0);
-    const std::size_t row_bytes = columns * sizeof(float);
-    if (row_bytes * M4_CMD_SIZE <= CACHED_BYTES) return M4_CMD_SIZE;
-    return std::max(BLOCK_BYTES / row_bytes / ROW_GROUP, std::size_t{1}) * ROW_GROUP;
-}
-
-void CheckConfig(const M4SaturationManagement::Config& config) {
+const M4SaturationManagement::Config& Checked(const M4SaturationManagement::Config& config) {
     const auto refuse = [](const std::string& what) {
         throw std::runtime_error{"M4SaturationManagement: ERROR: " + what};
     };
@@ -84,17 +69,17 @@ void CheckConfig(const M4SaturationManagement::Config& config) {
                      [](float value) { return std::isfinite(value); })) {
         refuse("The M2P projection matrix holds a value that is not finite.");
     }
+    return config;
 }
 
 }  // namespace
 
 M4SaturationManagement::M4SaturationManagement(const Config& config)
-    : m_delta_scaling{config.delta},
+    : m_delta_scaling{Checked(config).delta},
       m_managed_modes{config.managed_modes},
-      m_m2p(config.m2p.begin(), config.m2p.end()),
+      m_m2p{config.m2p, M4_CMD_SIZE, config.managed_modes},
       m_threshold_velocity{config.threshold_velocity},
       m_threshold_gap{config.threshold_gap} {
-    CheckConfig(config);
     spdlog::trace(
         "M4SaturationManagement block: delta = {}, managed_modes = {}, m2p = [{}, {}], threshold_velocity = "
         "{}, "
@@ -112,28 +97,14 @@ void M4SaturationManagement::Work(std::span<const float, M4_CMD_SIZE> in_wavefro
     std::copy(in_wavefront_command.begin(), in_wavefront_command.end(), out_setpoint.begin());
     std::copy(in_wavefront_command.begin(), in_wavefront_command.end(), m_delta.begin());
     cblas_AddVectors(-1.0F, in_last_applied, m_delta);
-    Project(in_last_applied);
+    m_m2p.Multiply(std::span{m_delta}.first(m_managed_modes), in_last_applied.first(m_managed_modes),
+                   m_delta_act_pos, m_act_pos);
     m_is_projection_finite = AllFinite(m_delta_act_pos) && AllFinite(m_act_pos);
     m_time_stats.projected = AtomClk::now();
     if (m_delta_scaling) {
         ScalingOfDeltaCommand(in_wavefront_command, in_last_applied, out_setpoint);
     } else {
         ScalingOfAbsoluteCommand(in_wavefront_command, out_setpoint);
-    }
-}
-
-void M4SaturationManagement::Project(std::span<const float, M4_CMD_SIZE> last_applied) {
-    const std::size_t columns = m_managed_modes;
-    const std::size_t block = RowsPerBlock(columns);
-    for (std::size_t row = 0; row < M4_CMD_SIZE; row += block) {
-        const std::size_t rows = std::min(block, M4_CMD_SIZE - row);
-        const auto matrix = std::span{m_m2p}.subspan(row * columns, rows * columns);
-        const auto project = [&](std::span<const float, M4_CMD_SIZE> modes, std::span<float> actuators) {
-            cblas_MultiplyMatrixByVector(CblasNoTrans, 1.0F, matrix, modes.first(columns), 0.0F,
-                                         actuators.subspan(row, rows), CblasRowMajor);
-        };
-        project(m_delta, m_delta_act_pos);
-        project(last_applied, m_act_pos);
     }
 }
 

@@ -72,25 +72,6 @@ TEST(M4SaturationManagement, ReadsAllRowsOfALargeMatrix) {
     }
 }
 
-TEST(M4SaturationManagement, ProjectsAsOneProductOverAllRows) {
-    // The scale of a step that the velocity binds shows the projection to the last bit.
-    openblas_set_num_threads(1);
-    for (const std::uint32_t modes : {3U, 98U, 333U, 2000U}) {
-        const Config config{true, modes, Random(SIZE * modes), 0.125F, INF};
-        const Vector command = Random(SIZE);
-        Vector change(SIZE);
-        vosk::common::math::cblas_MultiplyMatrixByVector(CblasNoTrans, 1.0F, config.m2p,
-                                                         std::span{command}.first(modes), 0.0F, change);
-        float largest = 0.0F;
-        for (float value : change) largest = std::max(largest, std::abs(value));
-        Vector expected(modes);
-        vosk::common::math::cblas_AddVectors(0.125F / largest, std::span{command}.first(modes), expected);
-        Vector setpoint = Limit(config, command, Vector(SIZE));
-        setpoint.resize(modes);
-        EXPECT_EQ(setpoint, expected) << modes;
-    }
-}
-
 TEST(M4SaturationManagement, GivesTheValuesWorkedOutOnPaper) {
     struct OnPaper {
         std::string what;

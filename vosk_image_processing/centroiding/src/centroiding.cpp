@@ -10,8 +10,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include <vosk/common/instructionSet.hpp>
 #include "brightest.hpp"
-#include "instructionSet.hpp"
 #include "momentKernels.hpp"
 
 namespace vosk::image_processing {
@@ -25,7 +25,7 @@ CentroidingBase::CentroidingBase(std::size_t width, std::size_t height, double l
     }
     common::LogDebug("Centroiding: img_width: {}, img_height: {}, img_size: {}, saturation: {}", img_width,
                      img_height, img_size, saturation);
-    ChooseInstructionSet();
+    common::ChooseInstructionSet();
 }
 
 void CentroidingBase::CheckAll(std::size_t frame_size, std::span<const Roi> rois,

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "onEachInstructionSet.hpp"
+#include <vosk/test/onEachInstructionSet.hpp>
 #include "plainCentroid.hpp"
 
 namespace vosk::image_processing {

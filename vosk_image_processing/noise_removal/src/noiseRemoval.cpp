@@ -7,7 +7,7 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "instructionSet.hpp"
+#include <vosk/common/instructionSet.hpp>
 #include "rowCleaning.hpp"
 
 namespace vosk::image_processing {
@@ -51,7 +51,7 @@ NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height,
     RequireSize("NoiseRemovalBase: unexpected master bias vector size", m_master_bias.size(), width * height);
     RequireSize("NoiseRemovalBase: unexpected flat vector size", m_flat.size(), width * height);
     m_is_ordinary = IsOrdinary(m_master_bias, m_flat);
-    ChooseInstructionSet();
+    common::ChooseInstructionSet();
 }
 
 NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const std::string& dark_path,
@@ -59,7 +59,7 @@ NoiseRemovalBase::NoiseRemovalBase(std::size_t width, std::size_t height, const 
     : m_master_bias{ReadImage(width, height, dark_path, "dark")},
       m_flat{ReadImage(width, height, flat_path, "flat")} {
     m_is_ordinary = IsOrdinary(m_master_bias, m_flat);
-    ChooseInstructionSet();
+    common::ChooseInstructionSet();
 }
 
 LisaNoiseRemoval::LisaNoiseRemoval(const AlignedFrame<float>& master_bias, const AlignedFrame<float>& flat,

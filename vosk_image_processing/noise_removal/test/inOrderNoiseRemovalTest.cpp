@@ -3,7 +3,7 @@
 #include <vosk/image_processing/noiseRemoval.hpp>
 #include <vosk/test/support.hpp>
 
-#include "onEachInstructionSet.hpp"
+#include <vosk/test/onEachInstructionSet.hpp>
 #include "plainCleaning.hpp"
 
 namespace vosk::image_processing {

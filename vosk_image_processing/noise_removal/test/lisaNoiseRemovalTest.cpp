@@ -4,7 +4,7 @@
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
-#include "onEachInstructionSet.hpp"
+#include <vosk/test/onEachInstructionSet.hpp>
 #include "plainCleaning.hpp"
 
 namespace vosk::image_processing {

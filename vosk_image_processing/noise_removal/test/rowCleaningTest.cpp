@@ -5,7 +5,7 @@
 #include <limits>
 #include <vector>
 
-#include "onEachInstructionSet.hpp"
+#include <vosk/test/onEachInstructionSet.hpp>
 #include "plainCleaning.hpp"
 #include "rowCleaning.hpp"
 

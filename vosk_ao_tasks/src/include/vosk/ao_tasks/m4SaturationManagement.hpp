@@ -6,7 +6,7 @@
 // modes behind them pass untouched. Owned by Executor and used on its thread.
 
 #include <atomclk/atomClk.hpp>
-#include <boost/align/aligned_allocator.hpp>
+#include <vosk/common/math/panelMatrix.hpp>
 #include <vosk/defs/sizes.hpp>
 
 #include <array>
@@ -67,8 +67,6 @@ private:
 
     using ActuatorVector = std::array<float, M4_CMD_SIZE>;
 
-    void Project(std::span<const float, M4_CMD_SIZE> last_applied);
-
     // Both rely on what Work has just computed.
     void ScalingOfDeltaCommand(const std::span<const float>& command,
                                const std::span<const float>& last_applied, const std::span<float>& setpoint);
@@ -80,7 +78,7 @@ private:
     // Set in the constructor, constant afterwards.
     const bool m_delta_scaling;
     const std::uint32_t m_managed_modes;
-    const std::vector<float, boost::alignment::aligned_allocator<float, 64>> m_m2p;
+    const common::math::PanelMatrix m_m2p;
     const float m_threshold_velocity;
     const float m_threshold_gap;
 

@@ -4,7 +4,7 @@
 
 #include <hwy/targets.h>
 
-namespace vosk::image_processing {
+namespace vosk::common {
 
 // Finds out what the CPU has, unless that is known or told already. For constructors: the first call of a
 // loop would do it otherwise, and that may be a frame.
@@ -12,4 +12,4 @@ inline void ChooseInstructionSet() {
     if (!hwy::GetChosenTarget().IsInitialized()) hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }
 
-}  // namespace vosk::image_processing
+}  // namespace vosk::common

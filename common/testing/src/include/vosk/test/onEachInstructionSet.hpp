@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace vosk::image_processing {
+namespace vosk::test {
 
 class OnEachInstructionSet : public testing::TestWithParam<std::int64_t> {
 public:
@@ -35,4 +35,4 @@ public:
     OnEachInstructionSet& operator=(const OnEachInstructionSet&) = delete;
 };
 
-}  // namespace vosk::image_processing
+}  // namespace vosk::test
