@@ -23,7 +23,7 @@ function(vosk_program name)
 endfunction()
 
 # vosk_test(NAME SOURCES ... LINK ... [SERIAL]): a GoogleTest program, each of its tests known to ctest. The headers of
-# common/testing are at hand.
+# testing/ are at hand.
 # SERIAL keeps its tests from running beside others (real sockets at rate, threads against deadlines).
 function(vosk_test name)
   cmake_parse_arguments(arg "SERIAL" "" "SOURCES;LINK" ${ARGN})

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# clang-format and clang-tidy over all sources, and a build with the second compiler. Minutes, not seconds.
+# The style, a build with the second compiler, and clang-tidy over all sources. Minutes, not seconds.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-git ls-files '*.cpp' '*.hpp' | xargs clang-format --dry-run --Werror
+scripts/check-style.sh
 [ -f build/clang/build.ninja ] || cmake --preset clang >/dev/null
 cmake --build --preset clang
 
