@@ -162,6 +162,7 @@ testing::AssertionResult AreSame(const defs::Slope& fast, const defs::Slope& pla
                                        << plain.flux << " at " << plain.x << ", " << plain.y;
 }
 
+using test::OnEachInstructionSet;
 using FastForms = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, FastForms, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 

@@ -64,6 +64,7 @@ struct Camera {
     AlignedFrame<float> expected = AlignedFrame<float>(SIZE);
 };
 
+using test::OnEachInstructionSet;
 using InOrder = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, InOrder, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 

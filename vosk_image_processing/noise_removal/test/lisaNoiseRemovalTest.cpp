@@ -81,6 +81,7 @@ Roi At(unsigned x_start, unsigned x_stop, unsigned y_start, unsigned y_stop) {
     return {cut(x_start), cut(x_stop), cut(y_start), cut(y_stop), WIDTH, HEIGHT, 0.0, 0.0};
 }
 
+using test::OnEachInstructionSet;
 using LisaCleaning = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, LisaCleaning, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 

@@ -12,6 +12,7 @@
 namespace vosk::image_processing {
 namespace {
 
+using test::OnEachInstructionSet;
 using CleanedStretch = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, CleanedStretch, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
