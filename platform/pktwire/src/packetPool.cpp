@@ -1,4 +1,4 @@
-#include <pktwire/detail/packet.hpp>
+#include <pktwire/detail/packetPool.hpp>
 
 #include <cstring>
 

@@ -50,11 +50,6 @@ detail::PacketSource::Config SourceConfig(const Receiver::Config& config, const 
     return {config.topic, config.checksum_force_ignore, batch, static_cast<std::size_t>(queue)};
 }
 
-// Sizes of frames when a sample is cut into equal ones, as Sender and Receiver both do.
-std::size_t EqualShare(std::size_t size, std::uint16_t frames) noexcept {
-    return (size + frames - 1U) / frames;
-}
-
 }  // namespace
 
 const std::error_category& RxCategory() noexcept {
@@ -64,76 +59,6 @@ const std::error_category& RxCategory() noexcept {
 
 std::error_code make_error_code(RxErrc code) noexcept {
     return {static_cast<int>(code), RxCategory()};
-}
-
-BufferLayout::BufferLayout(std::uint16_t num_frames, std::pmr::memory_resource* memory)
-    : m_expected_frames{num_frames}, m_expected(num_frames, memory), m_actual(num_frames, memory) {}
-
-bool BufferLayout::SetBuffer(std::span<std::byte> buffer) noexcept {
-    if (buffer.data() == m_buffer.data() && buffer.size() == m_buffer.size()) return false;
-    const bool resized = buffer.size() != m_buffer.size();
-    m_buffer = buffer;
-    if (resized) ExpectEqualCut(m_expected_frames);
-    return true;
-}
-
-std::span<std::byte> BufferLayout::ExpectedPlace(std::uint16_t frame) const noexcept {
-    if (!m_as_expected || frame > m_expected_frames) return {};
-    const Piece& piece = m_expected[frame - 1U];
-    return m_buffer.subspan(piece.offset, piece.size);
-}
-
-std::error_code BufferLayout::Check(const detail::Slot& slot) const noexcept {
-    const wire::QudexHeader& header = slot.Header();
-    if (header.num_frames > m_expected.size()) return RxErrc::frame_count;
-    if (header.sample_size != 0 && header.sample_size != m_buffer.size()) return RxErrc::sample_size;
-    const Piece piece{header.place, slot.body_size};
-    if (!IsInBuffer(piece)) return RxErrc::sample_size;
-    if (header.frame_number == 1 && piece.offset != 0) return RxErrc::frame_places;
-    const bool is_last = header.frame_number == header.num_frames;
-    if (is_last && piece.offset + piece.size != m_buffer.size()) return RxErrc::sample_size;
-    return {};
-}
-
-void BufferLayout::Begin(const detail::Slot& slot) noexcept {
-    if (slot.packet.NumFrames() != m_expected_frames) ExpectEqualCut(slot.packet.NumFrames());
-    m_as_expected = true;
-}
-
-std::error_code BufferLayout::Place(const detail::Slot& slot, std::span<std::byte>& place) noexcept {
-    const Piece piece{slot.Header().place, slot.body_size};
-    if (!IsInBuffer(piece)) return RxErrc::sample_size;
-    const std::size_t index = slot.packet.FrameNumber() - 1U;
-    m_actual[index] = piece;
-    m_as_expected = m_as_expected && piece == m_expected[index];
-    place = m_buffer.subspan(piece.offset, piece.size);
-    return {};
-}
-
-std::error_code BufferLayout::Finish() noexcept {
-    const bool as_expected = std::exchange(m_as_expected, true);
-    if (as_expected) return {};
-    std::size_t end = 0;
-    for (const Piece& piece : std::span{m_actual}.first(m_expected_frames)) {
-        if (piece.offset != end) return RxErrc::frame_places;
-        end += piece.size;
-    }
-    if (end != m_buffer.size()) return RxErrc::sample_size;
-    m_expected.swap(m_actual);
-    return {};
-}
-
-bool BufferLayout::IsInBuffer(const Piece& piece) const noexcept {
-    return piece.offset <= m_buffer.size() && piece.size <= m_buffer.size() - piece.offset;
-}
-
-void BufferLayout::ExpectEqualCut(std::uint16_t frames) noexcept {
-    m_expected_frames = frames;
-    const std::size_t share = EqualShare(m_buffer.size(), frames);
-    for (std::size_t i = 0; i < frames; ++i) {
-        const std::size_t offset = std::min(i * share, m_buffer.size());
-        m_expected[i] = {offset, std::min(share, m_buffer.size() - offset)};
-    }
 }
 
 Receiver::Receiver(const Config& config, RxSocket& socket, std::pmr::memory_resource* memory)
@@ -196,7 +121,7 @@ std::error_code Sender::SendSample(gsl::span<const std::byte> sample, std::optio
     }
     BeginSample(static_cast<std::uint32_t>(sample.size()));
     const time_point time = Timestamp(timestamp);
-    const std::size_t share = EqualShare(sample.size(), m_config.num_frames);
+    const std::size_t share = detail::EqualShare(sample.size(), m_config.num_frames);
     for (std::uint16_t i = 0; i < m_config.num_frames; ++i) {
         const std::size_t offset = std::min(i * share, sample.size());
         Queue({}, {sample.data() + offset, std::min(share, sample.size() - offset)}, time, extra);

@@ -6,8 +6,6 @@
 
 #include "fakeSockets.hpp"
 
-#include <pktwire/detail/packet.hpp>
-
 #include <gsl/span>
 
 #include <cstdlib>

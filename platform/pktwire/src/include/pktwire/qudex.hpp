@@ -4,9 +4,11 @@
 // together again. A Receiver and a Sender belong to one thread and use a socket of their caller's. After
 // construction nothing allocates and nothing throws.
 
-#include <pktwire/detail/packet.hpp>
+#include <pktwire/detail/qudexLayout.hpp>
 #include <pktwire/detail/sampleCollector.hpp>
 #include <pktwire/iovsBuilder.hpp>
+#include <pktwire/packet.hpp>
+#include <pktwire/rxCounters.hpp>
 #include <pktwire/udpSocket.hpp>
 
 #include <gsl/span>
@@ -34,38 +36,6 @@ enum class RxErrc {
 
 const std::error_category& RxCategory() noexcept;
 std::error_code make_error_code(RxErrc code) noexcept;
-
-// QUDEX bytes in the caller's buffer. Until a frame contradicts it, the cut of the last whole sample tells
-// where the next one's frames will land.
-class BufferLayout final : public detail::SampleLayout {
-public:
-    BufferLayout(std::uint16_t num_frames, std::pmr::memory_resource* memory);
-
-    // True if this is not the buffer of the last call.
-    bool SetBuffer(std::span<std::byte> buffer) noexcept;
-
-    std::uint16_t ExpectedFrames() const noexcept override { return m_expected_frames; }
-    std::span<std::byte> ExpectedPlace(std::uint16_t frame) const noexcept override;
-    std::error_code Check(const detail::Slot& slot) const noexcept override;
-    void Begin(const detail::Slot& slot) noexcept override;
-    std::error_code Place(const detail::Slot& slot, std::span<std::byte>& place) noexcept override;
-    std::error_code Finish() noexcept override;
-
-private:
-    struct Piece {
-        std::size_t offset = 0;
-        std::size_t size = 0;
-        friend bool operator==(const Piece&, const Piece&) = default;
-    };
-    void ExpectEqualCut(std::uint16_t frames) noexcept;
-    bool IsInBuffer(const Piece& piece) const noexcept;
-
-    std::uint16_t m_expected_frames;
-    bool m_as_expected = true;  // all frames of the sample in work so far
-    std::span<std::byte> m_buffer;
-    std::pmr::vector<Piece> m_expected;  // by frame number - 1
-    std::pmr::vector<Piece> m_actual;
-};
 
 class Receiver {
 public:
@@ -110,7 +80,7 @@ private:
     Config m_config;
     detail::PacketSource m_source;
     detail::SampleCollector m_collector;
-    BufferLayout m_layout;
+    detail::BufferLayout m_layout;
 };
 
 class Sender {

@@ -1,62 +1,17 @@
 #pragma once
 
-// A received packet as callers see it, and the pool that it comes from and goes back to. The pool is filled
-// at construction; taking and giving back cost a vector's push and pop. One thread.
+// The storage of received packets, and the pool that it comes from and goes back to. The pool is filled at
+// construction; taking and giving back cost a vector's push and pop. One thread.
 
-#include <pktwire/detail/wire.hpp>
+#include <pktwire/packet.hpp>
 
+#include <array>
 #include <cstddef>
-#include <cstdint>
 #include <list>
-#include <memory>
 #include <memory_resource>
-#include <optional>
 #include <vector>
 
-namespace pktwire {
-
-namespace detail {
-class PacketPool;
-struct Slot;
-}  // namespace detail
-
-namespace qudex {
-
-class Packet {
-public:
-    std::uint32_t SampleId() const noexcept { return m_header.sample_id; }
-    // A count of 0 means that the sender gave no time.
-    time_point Timestamp() const noexcept { return m_header.timestamp; }
-    std::uint16_t FrameNumber() const noexcept { return m_header.frame_number; }
-    // Of the whole sample; with LSPX leader and trailer are counted.
-    std::uint16_t NumFrames() const noexcept { return m_header.num_frames; }
-    std::uint32_t Topic() const noexcept { return m_header.topic; }
-    std::uint16_t ComponentId() const noexcept { return m_header.component_id; }
-    std::optional<std::uint16_t> Extra() const noexcept {
-        if ((m_header.flags & wire::QUDEX_HAS_EXTRA) == 0) return std::nullopt;
-        return m_header.extra;
-    }
-
-private:
-    friend struct detail::Slot;
-    friend class detail::PacketPool;
-    friend struct PacketDeleter;
-    struct Layout;  // pins where the header's fields stand in the object
-
-    detail::PacketPool* m_pool = nullptr;
-    wire::QudexHeader m_header;
-};
-
-// Gives a packet back to the receiver that it came from, which must still live.
-struct PacketDeleter {
-    void operator()(const Packet* packet) const noexcept;
-};
-
-using PacketPtr = std::unique_ptr<const Packet, PacketDeleter>;
-
-}  // namespace qudex
-
-namespace detail {
+namespace pktwire::detail {
 
 // One packet's storage. The kernel writes the QUDEX header into the packet, what a layer above puts ahead of
 // its body into `prefix`, right behind, and into `spill` the part of the body that was not expected
@@ -110,5 +65,4 @@ private:
     std::pmr::vector<Slot*> m_free;
 };
 
-}  // namespace detail
-}  // namespace pktwire
+}  // namespace pktwire::detail
