@@ -5,6 +5,7 @@
 #include "frames.hpp"
 
 #include <fmt/format.h>
+#include <vosk/reference/cleaning.hpp>
 
 #include <utility>
 
@@ -16,7 +17,7 @@ constexpr std::size_t CHUNK = 16;
 
 std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator) {
     const auto removal = frame.MakeRemoval();
-    PlainCleaning plain{frame};
+    reference::LisaCleaning plain{frame.bias, frame.flat, frame.table};
     const auto rois = Regions(24);
     std::vector<defs::Slope> slopes(rois.size());
     defs::AlignedFrame<std::uint32_t> moved(frame.table.size());
@@ -40,7 +41,7 @@ std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator)
                                   }
                               },
                               [&] {
-                                  plain.NewFrame();
+                                  plain.NewFrame(frame.raw);
                                   for (std::size_t i = 0; i < rois.size(); ++i) {
                                       plain.Clean(rois[i]);
                                       slopes[i] = estimator.plain(plain.Frame(), rois[i]);

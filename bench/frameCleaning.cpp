@@ -3,6 +3,8 @@
 
 #include "frames.hpp"
 
+#include <vosk/reference/cleaning.hpp>
+
 #include <algorithm>
 
 namespace vosk::bench {
@@ -23,7 +25,7 @@ void Compare(const std::string& what, std::size_t pixels, const std::function<vo
 
 void BenchLisa(const LisaFrame& frame, std::vector<Row>& rows) {
     const auto removal = frame.MakeRemoval();
-    PlainCleaning plain{frame};
+    reference::LisaCleaning plain{frame.bias, frame.flat, frame.table};
     AlignedFrame<std::uint32_t> moved(frame.table.size());
     const CleaningStream stream = frame.Stream(moved);
     const auto compare = [&](const std::string& what, const std::vector<Roi>& rois) {
@@ -34,7 +36,7 @@ void BenchLisa(const LisaFrame& frame, std::vector<Row>& rows) {
                 for (const Roi& roi : rois) removal->RemoveNoise(frame.raw, {}, roi);
             },
             [&] {
-                plain.NewFrame();
+                plain.NewFrame(frame.raw);
                 for (const Roi& roi : rois) plain.Clean(roi);
             },
             [&] { StreamCleaning(stream, rois); }, rows);
@@ -60,8 +62,7 @@ void BenchInOrder(const std::string& what, std::vector<Row>& rows) {
         "clean " + what + " frame", SIZE, [&] { removal.RemoveNoise(raw, {}, {}); },
         [&] {
             for (std::size_t i = 0; i < SIZE; ++i) {
-                out[i] = static_cast<float>((static_cast<double>(raw[i]) - static_cast<double>(bias[i])) /
-                                            static_cast<double>(flat[i]));
+                out[i] = reference::CleanedPixel(raw[i], bias[i], 0.0, flat[i]);
             }
         },
         [&] { StreamCleaning(stream, whole); }, rows);

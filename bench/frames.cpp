@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <vosk/common/fits.hpp>
+#include <vosk/reference/centroids.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -145,79 +146,18 @@ std::size_t PixelsOf(std::span<const Roi> rois) {
                            [](std::size_t sum, const Roi& roi) { return sum + roi.size; });
 }
 
-double PlainCleaning::Bias(std::size_t group) const {
-    double sum = 0.0;
-    for (std::size_t row = group * GROUP_ROWS; row < (group + 1) * GROUP_ROWS; ++row) {
-        for (const std::size_t offset : {std::size_t{0}, WIDTH - DARK_COLUMNS}) {
-            for (std::size_t i = row * WIDTH + offset; i < row * WIDTH + offset + DARK_COLUMNS; ++i) {
-                sum += m_of.raw[m_of.table[i]];
-                sum -= static_cast<double>(m_of.bias[i]);
-            }
-        }
-    }
-    return sum / (2 * DARK_COLUMNS * GROUP_ROWS);
-}
-
-void PlainCleaning::NewFrame() {
-    for (std::size_t group = 0; group < m_biases.size(); ++group) m_biases[group] = Bias(group);
-}
-
-void PlainCleaning::Clean(const Roi& roi) {
-    for (std::size_t y = roi.y_start; y < roi.y_stop; ++y) {
-        for (std::size_t i = y * WIDTH + roi.x_start; i < y * WIDTH + roi.x_stop; ++i) {
-            const double raw = m_of.raw[m_of.table[i]];
-            m_cleaned[i] =
-                static_cast<float>((raw - static_cast<double>(m_of.bias[i]) - m_biases[y / GROUP_ROWS]) /
-                                   static_cast<double>(m_of.flat[i]));
-        }
-    }
-}
-
 namespace {
 
-template <class Keep>
-defs::Slope PlainMoments(std::span<const float> frame, const Roi& roi, Keep keep) {
-    Moments moments;
-    for (std::size_t dy = 0; dy < roi.height; ++dy) {
-        const float* row = frame.data() + (roi.y_start + dy) * WIDTH + roi.x_start;
-        for (std::size_t dx = 0; dx < roi.width; ++dx) {
-            const double value = row[dx];
-            if (!keep(row[dx])) continue;
-            moments.sum += value;
-            moments.x += value * static_cast<double>(dx);
-            moments.y += value * static_cast<double>(dy);
-        }
-    }
-    return {moments.sum, roi.x_start + moments.x / moments.sum - roi.ref_x,
-            roi.y_start + moments.y / moments.sum - roi.ref_y};
-}
-
 defs::Slope PlainCog(std::span<const float> frame, const Roi& roi) {
-    return PlainMoments(frame, roi, [](float) { return true; });
+    return reference::Gravity(frame, roi, SATURATION, [](float) { return true; });
 }
 
 defs::Slope PlainTsh(std::span<const float> frame, const Roi& roi) {
-    return PlainMoments(frame, roi, [](float value) { return value >= THRESHOLD; });
+    return reference::Gravity(frame, roi, SATURATION, [](float value) { return value >= THRESHOLD; });
 }
 
-// All pixels with their offsets, sorted; the sums of the brightest are left out, as they cost next to
-// nothing.
-defs::Slope FullSort(std::span<const float> frame, const Roi& roi) {
-    struct Pixel {
-        double value, dx, dy;
-    };
-    static std::vector<Pixel> pixels;
-    pixels.resize(roi.size);
-    auto next = pixels.rbegin();
-    for (std::size_t dy = 0; dy < roi.height; ++dy) {
-        const float* row = frame.data() + (roi.y_start + dy) * WIDTH + roi.x_start;
-        for (std::size_t dx = 0; dx < roi.width; ++dx) {
-            *next++ = {row[dx], static_cast<double>(dx), static_cast<double>(dy)};
-        }
-    }
-    std::sort(pixels.begin(), pixels.end(),
-              [](const Pixel& left, const Pixel& right) { return left.value > right.value; });
-    return {pixels[0].value, pixels[0].dx, pixels[0].dy};
+defs::Slope PlainNbr(std::span<const float> frame, const Roi& roi) {
+    return reference::Brightest(frame, roi, SATURATION, BRIGHTEST, true);
 }
 
 }  // namespace
@@ -231,8 +171,7 @@ std::vector<Estimator> Estimators() {
     all.push_back({"TSH", "plain loop",
                    std::make_unique<CentroidingTSH<float>>(WIDTH, HEIGHT, SATURATION, THRESHOLD), PlainTsh,
                    300});
-    all.push_back(
-        {fmt::format("NBR, n = {}", BRIGHTEST), "full std::sort", std::move(brightest), FullSort, 15});
+    all.push_back({fmt::format("NBR, n = {}", BRIGHTEST), "full sort", std::move(brightest), PlainNbr, 15});
     return all;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // What the benchmarks of camera frames share: a LISA camera's frame with its calibration data, regions of it,
-// the plain loops that define the results, and the streams that move the same bytes.
+// the estimators beside their plain forms, and the streams that move the same bytes.
 
 #include "bench.hpp"
 
@@ -10,7 +10,6 @@
 #include <vosk/image_processing/centroiding.hpp>
 #include <vosk/image_processing/noiseRemoval.hpp>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -76,25 +75,7 @@ image_processing::Roi WholeFrame(std::size_t width, std::size_t height);
 std::vector<image_processing::Roi> Regions(std::uint16_t size);
 std::size_t PixelsOf(std::span<const image_processing::Roi> rois);
 
-// Cleaning as a plain loop.
-class PlainCleaning {
-public:
-    explicit PlainCleaning(const LisaFrame& frame) : m_of{frame} {}
-    void NewFrame();  // takes all dynamic biases
-    void Clean(const image_processing::Roi& roi);
-    std::span<const float> Frame() const { return m_cleaned; }
-
-private:
-    static constexpr std::size_t GROUP_ROWS = 4;
-    double Bias(std::size_t group) const;
-
-    const LisaFrame& m_of;
-    defs::AlignedFrame<float> m_cleaned = defs::AlignedFrame<float>(Geometry::WIDTH * Geometry::HEIGHT);
-    std::array<double, Geometry::HEIGHT / GROUP_ROWS> m_biases{};
-};
-
-// An estimator and its plain form: the sums that are taken one pixel after another or, of the brightest, a
-// full sort.
+// An estimator and its plain form.
 struct Estimator {
     std::string name;
     std::string plain_name;

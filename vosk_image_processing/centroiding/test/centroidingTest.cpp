@@ -1,4 +1,5 @@
 #include <vosk/image_processing/centroiding.hpp>
+#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 
@@ -7,7 +8,6 @@ namespace {
 
 constexpr std::uint16_t WIDTH = 12;
 constexpr std::uint16_t HEIGHT = 10;
-constexpr double NAN_VALUE = std::numeric_limits<double>::quiet_NaN();
 
 using test::TextOf;
 using Cog = CentroidingCOG<float>;
@@ -109,7 +109,7 @@ TEST(CentroidingTSH, TakesAPixelAtTheThresholdWhole) {
     EXPECT_EQ(Compute(blind, frame, Region(3.0, 2.0)), defs::Slope{});
 }
 
-TEST(CentroidingNBR, WeightsByRank) {
+TEST(CentroidingNBR, WeightsByRankIfItIsAskedTo) {
     Frame frame = Dark();
     At(frame, 4, 2) = 1.0F;
     At(frame, 5, 3) = 2.0F;
@@ -122,59 +122,46 @@ TEST(CentroidingNBR, WeightsByRank) {
     EXPECT_EQ(Compute(nbr, frame, Region(3.0, 2.0)), (defs::Slope{3.0, 4.0, 3.0}));
     nbr.SetNBrightest(1000, false);
     EXPECT_EQ(Compute(nbr, frame, Region(3.0, 2.0)).flux, 6.0);
-}
-
-TEST(CentroidingNBR, StaysAtTheStartWithoutAWeightedSum) {
-    Frame frame = Dark();
-    const Roi pair{3, 5, 2, 3, WIDTH, HEIGHT, 1.0, 2.5};
+    // Twice 1 and once -2: without a weighted sum it stays at the start.
     At(frame, 3, 2) = -2.0F;
     At(frame, 4, 2) = 1.0F;
-    Nbr nbr{WIDTH, HEIGHT, 10.0};
     nbr.SetNBrightest(2, true);
-    EXPECT_EQ(Compute(nbr, frame, pair), (defs::Slope{-1.0, 2.0, -0.5}));
-}
-
-TEST(CentroidingNBR, RefusesNoPixelsAndKeepsItsSettings) {
-    Nbr nbr{WIDTH, HEIGHT, 10.0};
-    nbr.SetNBrightest(7, false);
-    test::LogCapture log;
-    const std::string text = "SetNBrightest: nbrightest must not be 0";
-    EXPECT_EQ(TextOf<std::invalid_argument>([&] { nbr.SetNBrightest(0, true); }), text);
-    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
-    EXPECT_EQ(nbr.GetNBrightest(), 7U);
-    EXPECT_FALSE(nbr.GetWeightPixels());
+    EXPECT_EQ(Compute(nbr, frame, {3, 5, 2, 3, WIDTH, HEIGHT, 1.0, 2.5}), (defs::Slope{-1.0, 2.0, -0.5}));
 }
 
 TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
     Frame frame = Dark();
     At(frame, 7, 3) = 4.0F;
     const Frame longer(frame.size() + 1);
-    const std::vector<Roi> pair(2, Region(7.0, 3.0));
-    const std::vector<std::pair<Roi, std::string>> refused{
-        {{0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0}, "(0..13),(0..1)"},
-        {{0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0}, "(0..1),(0..11)"},
-        {{1, 7, 8, 12, 12, 12, 0, 0}, "(1..7),(8..12)"}};  // as large as the others
+    const Roi good = Region(7.0, 3.0);
+    struct Case {
+        const Frame& frame;
+        Roi roi;
+        std::string text;
+    };
+    const Case cases[] = {{longer, good, "ForEachPixel: required frame size: 120"},
+                          {frame,
+                           {0, WIDTH + 1, 0, 1, WIDTH + 1, HEIGHT, 0, 0},
+                           "ForEachPixel: ROI (0..13),(0..1) does not fit a frame of 12 x 10"},
+                          {frame,
+                           {0, 1, 0, HEIGHT + 1, WIDTH, HEIGHT + 1, 0, 0},
+                           "ForEachPixel: ROI (0..1),(0..11) does not fit a frame of 12 x 10"},
+                          {frame,  // of the size of the good ones
+                           {1, 7, 8, 12, 12, 12, 0, 0},
+                           "ForEachPixel: ROI (1..7),(8..12) does not fit a frame of 12 x 10"}};
     const std::vector<defs::Slope> untouched(3, defs::Slope{1.0, 2.0, 3.0});
     std::vector<defs::Slope> slopes = untouched;
     for (const auto& centroiding : All(2.0)) {
         Compute(*centroiding, frame, Region(7.0, 2.0));
-        test::LogCapture log;
-        const std::string text = "ForEachPixel: required frame size: 120";
-        EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->Compute(longer, Region(7.0, 3.0)); }),
-                  text);
-        EXPECT_EQ(TextOf<std::invalid_argument>([&] {
-                      centroiding->ComputeMany(longer, pair, {slopes.data(), 2});
-                  }),
-                  text);
-        EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 2);
-        for (const auto& [roi, place] : refused) {
-            const std::string error = "ForEachPixel: ROI " + place + " does not fit a frame of 12 x 10";
-            const std::vector<Roi> last_bad{pair[0], pair[1], roi};
-            EXPECT_EQ(TextOf<std::invalid_argument>([&, at = roi] { centroiding->Compute(frame, at); }),
-                      error);
-            EXPECT_EQ(
-                TextOf<std::invalid_argument>([&] { centroiding->ComputeMany(frame, last_bad, slopes); }),
-                error);
+        for (const Case& at : cases) {
+            const test::LogCapture log;
+            EXPECT_EQ(TextOf<std::invalid_argument>([&] { centroiding->Compute(at.frame, at.roi); }),
+                      at.text);
+            EXPECT_EQ(TextOf<std::invalid_argument>([&] {
+                          centroiding->ComputeMany(at.frame, std::vector{good, good, at.roi}, slopes);
+                      }),
+                      at.text);
+            EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, at.text), 2);
             EXPECT_EQ(slopes, untouched);
         }
         EXPECT_EQ(centroiding->flux, 4.0);
@@ -182,26 +169,53 @@ TEST(Centroiding, RefusesOtherFramesAndKeepsItsResult) {
     }
 }
 
-TEST(Centroiding, RefusesASaturationThatIsNoRangeAndAThresholdThatIsNoNumber) {
-    EXPECT_EQ(TextOf<std::invalid_argument>([] {
-                  return Tsh{WIDTH, HEIGHT, 1.0, NAN}.flux;
-              }),
-              "Centroiding: treshold must be a number");
-    for (const auto& [saturation, text] : std::vector<std::pair<double, std::string>>{
-             {-0.5, "Centroiding: saturation must not be negative: -0.5"},
-             {NAN_VALUE, "Centroiding: saturation must not be negative: nan"}}) {
-        const double refused = saturation;
-        EXPECT_EQ(TextOf<std::invalid_argument>([&] { return Cog{WIDTH, HEIGHT, refused}.flux; }), text);
+TEST(Centroiding, RefusesSettingsThatAreNoNumberAndKeepsTheOldOnes) {
+    Nbr nbr{WIDTH, HEIGHT, 10.0};
+    nbr.SetNBrightest(7, false);
+    const std::pair<std::function<void()>, std::string> cases[] = {
+        {[&] { nbr.SetNBrightest(0, true); }, "SetNBrightest: nbrightest must not be 0"},
+        {[] { Tsh(WIDTH, HEIGHT, 1.0, NAN); }, "Centroiding: treshold must be a number"},
+        {[] { Cog(WIDTH, HEIGHT, -0.5); }, "Centroiding: saturation must not be negative: -0.5"},
+        {[] { Cog(WIDTH, HEIGHT, NAN); }, "Centroiding: saturation must not be negative: nan"}};
+    for (const auto& [call, text] : cases) {
+        const test::LogCapture log;
+        EXPECT_EQ(TextOf<std::invalid_argument>(call), text);
+        EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
     }
+    EXPECT_EQ(nbr.GetNBrightest(), 7U);
+    EXPECT_FALSE(nbr.GetWeightPixels());
 }
 
-TEST(Centroiding, TellsItsParameters) {
-    test::LogCapture log;
-    const Tsh tsh{WIDTH, HEIGHT, 10.0, 3.5F};
-    EXPECT_TRUE(log.Has(log4cplus::DEBUG_LOG_LEVEL,
-                        "Centroiding: img_width: 12, img_height: 10, img_size: 120, saturation: 10"));
-    EXPECT_EQ(tsh.treshold, 3.5F);
-    EXPECT_EQ(tsh.saturation, 10.0);
+std::size_t Allocations(const std::function<void()>& work) {
+    const std::size_t before = test::AllocationsOfThisThread();
+    work();
+    return test::AllocationsOfThisThread() - before;
+}
+
+TEST(Centroiding, AllocatesNothingAfterTheFirstFrame) {
+    const std::vector<Roi> rois{Region(6, 4), Region(6, 4), {0, 12, 0, 10, WIDTH, HEIGHT, 9, 9}};
+    std::vector<defs::Slope> slopes(rois.size());
+    Frame frame = Dark();
+    for (std::size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<float>(i * 7919 % 1000);
+    const auto all = All(10.0);
+    auto& nbr = dynamic_cast<Nbr&>(*all.back());
+    const auto compute = [&] {
+        for (const auto& centroiding : all) {
+            centroiding->ComputeMany(frame, rois, slopes);
+            for (const Roi& roi : rois) centroiding->Compute(frame, roi);
+        }
+    };
+    EXPECT_GT(Allocations(compute), 0U);
+    EXPECT_EQ(Allocations(compute), 0U);
+    // More pixels take more scratch, but not from a frame.
+    EXPECT_GT(Allocations([&] { nbr.SetNBrightest(1000, true); }), 0U);
+    EXPECT_EQ(Allocations(compute), 0U);
+    // A region of another frame is refused before scratch is made for it.
+    const auto refuse = [&](Centroiding<float>& by) {
+        EXPECT_THROW(by.Compute(frame, {0, 999, 0, 999, 999, 999, 0, 0}), std::invalid_argument);
+    };
+    refuse(*all[0]);  // for the log's first line
+    EXPECT_EQ(Allocations([&] { refuse(nbr); }), Allocations([&] { refuse(*all[0]); }));
 }
 
 }  // namespace

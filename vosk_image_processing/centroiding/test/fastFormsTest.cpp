@@ -1,22 +1,12 @@
 // The fast forms against the plain ones, bit for bit, on every instruction set that this machine has.
 
 #include <vosk/image_processing/centroiding.hpp>
-
-#include <gtest/gtest.h>
+#include <vosk/reference/centroids.hpp>
+#include <vosk/test/onEachInstructionSet.hpp>
+#include <vosk/test/support.hpp>
 
 #include <bit>
-#include <cmath>
-#include <cstdint>
-#include <functional>
-#include <limits>
-#include <memory>
 #include <random>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <vosk/test/onEachInstructionSet.hpp>
-#include "plainCentroid.hpp"
 
 namespace vosk::image_processing {
 namespace {
@@ -26,6 +16,7 @@ constexpr std::uint16_t HEIGHT = 31;
 constexpr double SATURATION = 6.0;
 constexpr float THRESHOLD = 1.5F;
 
+using test::OnEachInstructionSet;
 using Engine = std::mt19937;
 using Frame = std::vector<float>;  // of exactly its size, so that a sanitizer sees a read behind it
 
@@ -71,28 +62,26 @@ std::vector<Content> Contents() {
          }}};
 }
 
-Roi At(unsigned left, unsigned top, unsigned width, unsigned height) {
-    const auto cut = [](unsigned value) { return static_cast<std::uint16_t>(value); };
-    return {cut(left), cut(left + width),  cut(top),          cut(top + height), WIDTH,
-            HEIGHT,    left + width / 3.0, top + height / 1.7};
-}
-
 // `count` regions of a size: in the four corners of the frame, then anywhere.
-std::vector<Roi> Regions(unsigned width, unsigned height, std::size_t count, Engine& engine) {
-    const unsigned right = WIDTH - width;
-    const unsigned bottom = HEIGHT - height;
-    std::vector<Roi> rois{At(right, bottom, width, height), At(0, 0, width, height),
-                          At(right, 0, width, height), At(0, bottom, width, height)};
-    std::uniform_int_distribution<unsigned> left{0, right};
-    std::uniform_int_distribution<unsigned> top{0, bottom};
-    while (rois.size() < count) rois.push_back(At(left(engine), top(engine), width, height));
-    rois.erase(rois.begin() + static_cast<std::ptrdiff_t>(count), rois.end());
+std::vector<Roi> Regions(std::size_t width, std::size_t height, std::size_t count, Engine& engine) {
+    const std::size_t right = WIDTH - width;
+    const std::size_t bottom = HEIGHT - height;
+    const std::pair<std::size_t, std::size_t> corners[]{{right, bottom}, {0, 0}, {right, 0}, {0, bottom}};
+    const auto cut = [](std::size_t value) { return static_cast<std::uint16_t>(value); };
+    std::vector<Roi> rois;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::pair<std::size_t, std::size_t> anywhere{engine() % (right + 1), engine() % (bottom + 1)};
+        const auto [left, top] = i < std::size(corners) ? corners[i] : anywhere;
+        rois.emplace_back(cut(left), cut(left + width), cut(top), cut(top + height), WIDTH, HEIGHT,
+                          static_cast<double>(3 * left + width) / 3.0,
+                          static_cast<double>(2 * top + height) / 2.0);
+    }
     return rois;
 }
 
-constexpr std::pair<unsigned, unsigned> SIZES[]{{1, 1},   {1, 9},  {9, 1},  {2, 3},         {3, 2},
-                                                {4, 4},   {5, 7},  {8, 8},  {0, 4},         {4, 0},
-                                                {24, 24}, {11, 6}, {13, 5}, {WIDTH, HEIGHT}};
+constexpr std::pair<std::size_t, std::size_t> SIZES[]{{1, 1},   {1, 9},  {9, 1},  {2, 3},         {3, 2},
+                                                      {4, 4},   {5, 7},  {8, 8},  {0, 4},         {4, 0},
+                                                      {24, 24}, {11, 6}, {13, 5}, {WIDTH, HEIGHT}};
 
 // Every batch length up to one more than a full batch, each of them of one size; then a mixture.
 std::vector<std::vector<Roi>> Batches(Engine& engine) {
@@ -115,36 +104,30 @@ struct Method {
     std::function<defs::Slope(const Frame&, const Roi&)> plain;
 };
 
-Method MakeTsh(float threshold) {
-    return {"TSH", std::make_unique<CentroidingTSH<float>>(WIDTH, HEIGHT, SATURATION, threshold),
-            [=](const Frame& frame, const Roi& roi) {
-                return plain::Gravity(frame, roi, SATURATION,
-                                      [&](float value) { return value >= threshold; });
-            }};
-}
-
-Method MakeNbr(std::size_t nbrightest, bool weight_pixels) {
-    auto fast = std::make_unique<CentroidingNBR<float>>(WIDTH, HEIGHT, SATURATION);
-    fast->SetNBrightest(nbrightest, weight_pixels);
-    return {"NBR " + std::to_string(nbrightest), std::move(fast), [=](const Frame& frame, const Roi& roi) {
-                return plain::Brightest(frame, roi, SATURATION, nbrightest, weight_pixels);
-            }};
-}
-
 std::vector<Method> Methods() {
     std::vector<Method> methods;
     methods.push_back({"COG", std::make_unique<CentroidingCOG<float>>(WIDTH, HEIGHT, SATURATION),
                        [](const Frame& frame, const Roi& roi) {
-                           return plain::Gravity(frame, roi, SATURATION, [](float) { return true; });
+                           return reference::Gravity(frame, roi, SATURATION, [](float) { return true; });
                        }});
-    methods.push_back(MakeTsh(THRESHOLD));
-    methods.push_back(MakeTsh(-50.0F));
-    methods.push_back(MakeNbr(1, true));
-    methods.push_back(MakeNbr(20, true));
-    methods.push_back(MakeNbr(20, false));
-    methods.push_back(MakeNbr(112, true));
-    methods.push_back(MakeNbr(113, false));
-    methods.push_back(MakeNbr(WIDTH * HEIGHT + 1, true));
+    for (const float threshold : {THRESHOLD, -50.0F}) {
+        methods.push_back({"TSH",
+                           std::make_unique<CentroidingTSH<float>>(WIDTH, HEIGHT, SATURATION, threshold),
+                           [=](const Frame& frame, const Roi& roi) {
+                               return reference::Gravity(frame, roi, SATURATION,
+                                                         [&](float value) { return value >= threshold; });
+                           }});
+    }
+    const std::pair<std::size_t, bool> brightest[]{{1, true},   {20, true},   {20, false},
+                                                   {112, true}, {113, false}, {WIDTH * HEIGHT + 1, true}};
+    for (const auto& [n, weight] : brightest) {
+        auto fast = std::make_unique<CentroidingNBR<float>>(WIDTH, HEIGHT, SATURATION);
+        fast->SetNBrightest(n, weight);
+        methods.push_back({"NBR " + std::to_string(n), std::move(fast),
+                           [n = n, weight = weight](const Frame& frame, const Roi& roi) {
+                               return reference::Brightest(frame, roi, SATURATION, n, weight);
+                           }});
+    }
     return methods;
 }
 
@@ -154,15 +137,10 @@ bool AreSame(double left, double right) {
     return std::bit_cast<std::uint64_t>(left) == std::bit_cast<std::uint64_t>(right);
 }
 
-testing::AssertionResult AreSame(const defs::Slope& fast, const defs::Slope& plain) {
-    if (AreSame(fast.flux, plain.flux) && AreSame(fast.x, plain.x) && AreSame(fast.y, plain.y)) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << fast.flux << " at " << fast.x << ", " << fast.y << " and not "
-                                       << plain.flux << " at " << plain.x << ", " << plain.y;
+bool AreSame(const defs::Slope& fast, const defs::Slope& plain) {
+    return AreSame(fast.flux, plain.flux) && AreSame(fast.x, plain.x) && AreSame(fast.y, plain.y);
 }
 
-using test::OnEachInstructionSet;
 using FastForms = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, FastForms, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
@@ -179,14 +157,11 @@ TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
                 for (std::size_t i = 0; i < rois.size(); ++i) {
                     const auto plain = method.plain(frame, rois[i]);
                     method.fast->Compute(frame, rois[i]);
-                    const auto what = [&] {
-                        return method.name + " of " + content.name + ", region " + std::to_string(i) +
-                               " of " + std::to_string(rois.size()) + ", " + std::to_string(rois[i].width) +
-                               " x " + std::to_string(rois[i].height);
-                    };
-                    ASSERT_TRUE(AreSame({method.fast->flux, method.fast->x, method.fast->y}, plain))
-                        << what();
-                    ASSERT_TRUE(AreSame(many[i], plain)) << what() << ", in one call";
+                    const defs::Slope one{method.fast->flux, method.fast->x, method.fast->y};
+                    ASSERT_TRUE(AreSame(one, plain) && AreSame(many[i], plain))
+                        << method.name << " of " << content.name << ", region " << i << " of " << rois.size()
+                        << ", " << rois[i].width << " x " << rois[i].height << ": flux " << one.flux
+                        << ", in one call " << many[i].flux << ", and not " << plain.flux;
                 }
             }
         }

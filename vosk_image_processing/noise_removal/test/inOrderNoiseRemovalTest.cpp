@@ -1,16 +1,13 @@
 // ALICE and MARANA, whose raw frames lie in the order of the image.
 
-#include <vosk/image_processing/noiseRemoval.hpp>
-#include <vosk/test/support.hpp>
+#include <vosk/reference/cleaning.hpp>
 
-#include <vosk/test/onEachInstructionSet.hpp>
-#include "plainCleaning.hpp"
+#include "cleaningBench.hpp"
 
 namespace vosk::image_processing {
 namespace {
 
 using defs::AlignedFrame;
-using test::TextOf;
 
 template <class Removal>
 struct Camera {
@@ -40,21 +37,14 @@ struct Camera {
             for (std::size_t x = roi.x_start; x < roi.x_stop; ++x) {
                 const std::size_t i = y * WIDTH + x;
                 const bool is_read = x >= window.x_offset && x < x_stop && y >= window.y_offset && y < y_stop;
-                if (is_read) {
-                    const std::size_t packed = (y - window.y_offset) * window.width + (x - window.x_offset);
-                    expected[i] =
-                        static_cast<float>((static_cast<double>(raw[packed]) - static_cast<double>(bias[i])) /
-                                           static_cast<double>(flat[i]));
-                } else {
-                    expected[i] = 0.0F;
-                }
+                const std::size_t packed = (y - window.y_offset) * window.width + (x - window.x_offset);
+                expected[i] = is_read ? reference::CleanedPixel(raw[packed], bias[i], 0.0, flat[i]) : 0.0F;
             }
         }
     }
 
-    static Roi At(unsigned x_start, unsigned x_stop, unsigned y_start, unsigned y_stop) {
-        const auto cut = [](unsigned value) { return static_cast<std::uint16_t>(value); };
-        return {cut(x_start), cut(x_stop), cut(y_start), cut(y_stop), WIDTH, HEIGHT, 0.0, 0.0};
+    static Roi At(std::uint16_t x_start, std::uint16_t x_stop, std::uint16_t y_start, std::uint16_t y_stop) {
+        return {x_start, x_stop, y_start, y_stop, WIDTH, HEIGHT, 0.0, 0.0};
     }
 
     Values values;
@@ -64,7 +54,6 @@ struct Camera {
     AlignedFrame<float> expected = AlignedFrame<float>(SIZE);
 };
 
-using test::OnEachInstructionSet;
 using InOrder = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, InOrder, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
@@ -119,54 +108,6 @@ TEST_P(InOrder, MaranaGivesTheBitsOfThePlainLoopForEveryWindowAndRoi) {
         }
     }
     EXPECT_TRUE(SameBits(removal.GetFrame(), camera.expected));
-}
-
-template <class Removal>
-std::string Failure(Removal& removal, gsl::span<const std::uint16_t> raw, const std::optional<Window>& window,
-                    const std::optional<Roi>& roi) {
-    return TextOf<std::invalid_argument>([&] {
-        removal.RemoveNoise(raw, window, roi);
-        return 0;
-    });
-}
-
-TEST(MaranaNoiseRemoval, RefusesAWindowOfMorePixelsThanARawFrameHolds) {
-    Camera<MaranaNoiseRemoval> camera;
-    MaranaNoiseRemoval removal{camera.bias, camera.flat};
-    EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 2049, 2048}, {}),
-              "RemoveNoise: window of 2049 x 2048 does not fit in a frame of 4194304 pixels");
-    EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 65535, 65535}, camera.At(0, 1, 0, 1)),
-              "RemoveNoise: window of 65535 x 65535 does not fit in a frame of 4194304 pixels");
-    EXPECT_EQ(Failure(removal, camera.raw, Window{0, 0, 2049, 2048}, camera.At(0, 9, 5, 5)), "no exception");
-    EXPECT_TRUE(SameBits(removal.GetFrame(), camera.expected));
-}
-
-TEST(NoiseRemoval, RefusesAnotherFrameBeforeAnythingElse) {
-    Camera<AliceNoiseRemoval> camera;
-    AliceNoiseRemoval removal{camera.bias, camera.flat};
-    EXPECT_EQ(Failure(removal, {camera.raw.data(), 57599}, {}, camera.At(0, 0, 0, 0)),
-              "RemoveNoise: unexpected frame size: 57599, expected: 57600");
-    EXPECT_EQ(Failure(removal, camera.raw, {}, Roi{230, 241, 0, 9, 840, 816, 0, 0}),
-              "RemoveNoise: ROI (230..241),(0..9) does not fit a frame of 240 x 240");
-    EXPECT_TRUE(SameBits(removal.GetFrame(), camera.expected));
-}
-
-TEST(NoiseRemoval, KnowsTheInstructionSetBeforeItsFirstFrame) {
-    hwy::GetChosenTarget().DeInit();
-    const AlignedFrame<float> zeroes(57600);
-    const AliceNoiseRemoval removal{zeroes, zeroes};
-    EXPECT_TRUE(hwy::GetChosenTarget().IsInitialized());
-}
-
-TEST(NoiseRemoval, ChecksTheMasterBiasBeforeTheFlat) {
-    const AlignedFrame<float> right(57600);
-    const AlignedFrame<float> wrong(57599);
-    const auto failure = [](const auto& bias, const auto& flat) {
-        return TextOf<std::invalid_argument>([&] { return AliceNoiseRemoval{bias, flat}.GetFrame().size(); });
-    };
-    EXPECT_EQ(failure(wrong, wrong),
-              "NoiseRemovalBase: unexpected master bias vector size: 57599, expected: 57600");
-    EXPECT_EQ(failure(right, wrong), "NoiseRemovalBase: unexpected flat vector size: 57599, expected: 57600");
 }
 
 }  // namespace

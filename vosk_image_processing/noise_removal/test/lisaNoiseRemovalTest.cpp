@@ -1,36 +1,19 @@
-#include <vosk/common/fits.hpp>
-#include <vosk/image_processing/noiseRemoval.hpp>
-#include <vosk/test/logCapture.hpp>
-#include <vosk/test/support.hpp>
-#include <vosk/test/tempDir.hpp>
+#include <vosk/reference/cleaning.hpp>
 
-#include <vosk/test/onEachInstructionSet.hpp>
-#include "plainCleaning.hpp"
+#include "cleaningBench.hpp"
 
 namespace vosk::image_processing {
 namespace {
 
-using common::Fits;
 using defs::AlignedFrame;
-using test::TextOf;
-using Table = AlignedFrame<std::uint32_t>;
 
 constexpr std::uint16_t WIDTH = LisaGeometry::WIDTH;
 constexpr std::uint16_t HEIGHT = LisaGeometry::HEIGHT;
 constexpr std::size_t SIZE = std::size_t{WIDTH} * HEIGHT;
 constexpr std::size_t RAW_SIZE = LisaGeometry::SCRAMBLED_WIDTH * LisaGeometry::SCRAMBLED_HEIGHT;
 
-template <class Removal = LisaNoiseRemoval>
-std::unique_ptr<Removal> Make(const AlignedFrame<float>& bias, const AlignedFrame<float>& flat,
-                              const Table& table) {
-    const test::TempDir dir;
-    const std::string path = dir / "table.fits";
-    Fits::WriteImg<std::uint32_t>(Fits::FitsFileWrite(path, true), table, {table.size()});
-    return std::make_unique<Removal>(bias, flat, path);
-}
-
-Table TableOf(const std::function<std::size_t(std::size_t)>& entry) {
-    Table table(SIZE);
+LisaTable TableOf(const std::function<std::size_t(std::size_t)>& entry) {
+    LisaTable table(SIZE);
     for (std::size_t i = 0; i < SIZE; ++i) table[i] = static_cast<std::uint32_t>(entry(i));
     return table;
 }
@@ -39,49 +22,10 @@ std::size_t InRows(std::size_t i) {
     return i / WIDTH * LisaGeometry::SCRAMBLED_WIDTH + i % WIDTH + 60;
 }
 
-// The whole of cleaning as it is told, pixel by pixel.
-class PlainLisa {
-public:
-    PlainLisa(const AlignedFrame<float>& bias, const AlignedFrame<float>& flat, const Table& table)
-        : frame(SIZE), m_bias{bias}, m_flat{flat}, m_table{table} {}
-
-    void RemoveNoise(const AlignedFrame<std::uint16_t>& raw, const Roi& roi) {
-        for (std::size_t row = roi.y_start; row < roi.y_stop; ++row) {
-            const double dynamic = DynamicBias(raw, row / 4);
-            for (std::size_t i = row * WIDTH + roi.x_start; i < row * WIDTH + roi.x_stop; ++i) {
-                frame[i] = PlainPixel(raw[m_table[i]], m_bias[i], dynamic, m_flat[i]);
-            }
-        }
-    }
-
-    AlignedFrame<float> frame;
-
-private:
-    double DynamicBias(const AlignedFrame<std::uint16_t>& raw, std::size_t group) const {
-        double sum = 0.0;
-        std::size_t count = 0;
-        for (std::size_t row = group * 4; row < group * 4 + 4; ++row) {
-            for (const std::size_t offset : {0U, 820U}) {
-                for (std::size_t i = row * WIDTH + offset; i < row * WIDTH + offset + 20; ++i, ++count) {
-                    sum += static_cast<double>(raw[m_table[i]]);
-                    sum -= static_cast<double>(m_bias[i]);
-                }
-            }
-        }
-        return sum / static_cast<double>(count);
-    }
-
-    const AlignedFrame<float>& m_bias;
-    const AlignedFrame<float>& m_flat;
-    const Table& m_table;
-};
-
-Roi At(unsigned x_start, unsigned x_stop, unsigned y_start, unsigned y_stop) {
-    const auto cut = [](unsigned value) { return static_cast<std::uint16_t>(value); };
-    return {cut(x_start), cut(x_stop), cut(y_start), cut(y_stop), WIDTH, HEIGHT, 0.0, 0.0};
+Roi At(std::uint16_t x_start, std::uint16_t x_stop, std::uint16_t y_start, std::uint16_t y_stop) {
+    return {x_start, x_stop, y_start, y_stop, WIDTH, HEIGHT, 0.0, 0.0};
 }
 
-using test::OnEachInstructionSet;
 using LisaCleaning = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, LisaCleaning, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
@@ -91,7 +35,7 @@ TEST_P(LisaCleaning, GivesTheBitsOfThePlainLoopForEveryTableAndRoi) {
     std::vector<std::uint32_t> positions(RAW_SIZE);
     std::iota(positions.begin(), positions.end(), 0U);
     std::shuffle(positions.begin(), positions.end(), random);
-    const std::vector<std::pair<std::string, Table>> tables{
+    const std::vector<std::pair<std::string, LisaTable>> tables{
         {"neighbours", TableOf(InRows)},
         {"mirrored",
          TableOf([](std::size_t i) { return InRows(i / WIDTH * WIDTH + WIDTH - 1 - i % WIDTH); })},
@@ -124,62 +68,57 @@ TEST_P(LisaCleaning, GivesTheBitsOfThePlainLoopForEveryTableAndRoi) {
             bias[i] = is_dark && !is_odd ? calibration.Real(-200.0F, 200.0F) : calibration.Bias();
         }
         for (const auto& [name, table] : tables) {
-            const auto removal = Make(bias, flat, table);
-            PlainLisa plain{bias, flat, table};
+            const auto removal = MakeLisa(bias, flat, table);
+            reference::LisaCleaning plain{bias, flat, table};
             for (const Roi& roi : rois) {
                 for (std::uint16_t& count : raw) count = static_cast<std::uint16_t>(count * 3 + 1);
                 removal->InvalidateCache();
                 removal->RemoveNoise(raw, {}, roi);
-                plain.RemoveNoise(raw, roi);
-                ASSERT_TRUE(SameBits(removal->GetFrame(), plain.frame))
+                plain.NewFrame(raw);
+                plain.Clean(roi);
+                ASSERT_TRUE(SameBits(removal->GetFrame(), plain.Frame()))
                     << name << ", x " << roi.x_start << ".." << roi.x_stop << ", y " << roi.y_start;
             }
         }
     }
 }
 
-// A flat of one and no bias: a cleaned pixel is its count less the dynamic bias, which is the count in the
-// columns without light.
+bool IsDark(std::size_t i) {
+    return i % WIDTH < 20 || i % WIDTH >= 820;
+}
+
+// A flat of one and no bias: a cleaned pixel is its count of 1000 less that of the columns without light.
 class LisaBias : public testing::Test {
 protected:
-    LisaBias() { SetDark(0); }
-
-    // The count of the columns without light in all rows of a group.
-    void SetDark(std::uint16_t count) {
+    void SetDark(const std::function<std::size_t(std::size_t)>& count_of_group) {
         for (std::size_t i = 0; i < SIZE; ++i) {
-            if (i % WIDTH < 20 || i % WIDTH >= 820) m_raw[InRows(i)] = count;
+            if (IsDark(i)) m_raw[InRows(i)] = static_cast<std::uint16_t>(count_of_group(i / WIDTH / 4));
         }
     }
-    void SetDarkOfGroup(std::size_t group, std::uint16_t count) {
-        for (std::size_t i = group * 4 * WIDTH; i < (group + 1) * 4 * WIDTH; ++i) {
-            if (i % WIDTH < 20 || i % WIDTH >= 820) m_raw[InRows(i)] = count;
+    // Of one column after the call.
+    std::vector<float> Cleaned(const Roi& roi, std::size_t first_row, std::size_t rows) {
+        m_removal->RemoveNoise(m_raw, Window{0, 0, 1, 1}, roi);  // the window counts for MARANA
+        std::vector<float> column;
+        for (std::size_t row = first_row; row < first_row + rows; ++row) {
+            column.push_back(m_removal->GetFrame()[row * WIDTH + 100]);
         }
-    }
-    float Cleaned(const Roi& roi, std::size_t row) {
-        m_removal->RemoveNoise(m_raw, {}, roi);
-        return m_removal->GetFrame()[row * WIDTH + 100];
+        return column;
     }
 
     AlignedFrame<std::uint16_t> m_raw = AlignedFrame<std::uint16_t>(RAW_SIZE, 1000);
     std::unique_ptr<LisaNoiseRemoval> m_removal =
-        Make(AlignedFrame<float>(SIZE, 0.0F), AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
+        MakeLisa(AlignedFrame<float>(SIZE, 0.0F), AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
 };
 
-TEST_F(LisaBias, BelongsToTheGroupOfTheRow) {
-    for (std::size_t group = 0; group < HEIGHT / 4; ++group) {
-        SetDarkOfGroup(group, static_cast<std::uint16_t>(group));
-    }
-    m_removal->RemoveNoise(m_raw, Window{0, 0, 1, 1}, At(100, 101, 5, 10));  // the window counts for MARANA
-    const auto& frame = m_removal->GetFrame();
-    const auto at = [&](std::size_t row) { return frame[row * WIDTH + 100]; };
-    EXPECT_EQ(at(4), 0.0F);
-    EXPECT_EQ(at(5), 999.0F);
-    EXPECT_EQ(at(7), 999.0F);
-    EXPECT_EQ(at(8), 998.0F);
-    EXPECT_EQ(at(9), 998.0F);
-    EXPECT_EQ(at(10), 0.0F);
-    EXPECT_EQ(Cleaned(At(100, 101, 815, 816), 815), 1000.0F - 203.0F);
-    EXPECT_EQ(Cleaned(At(100, 101, 3, 4), 3), 1000.0F);
+TEST_F(LisaBias, BelongsToTheGroupOfTheRowUntilTheNextFrame) {
+    using testing::ElementsAre;
+    SetDark([](std::size_t group) { return group; });
+    EXPECT_THAT(Cleaned(At(100, 101, 5, 10), 4, 7), ElementsAre(0, 999, 999, 999, 998, 998, 0));
+    EXPECT_THAT(Cleaned(At(100, 101, 815, 816), 814, 2), ElementsAre(0, 1000 - 203));
+    SetDark([](std::size_t) { return 500; });
+    EXPECT_THAT(Cleaned(At(100, 101, 7, 13), 7, 6), ElementsAre(999, 998, 998, 998, 998, 500));
+    m_removal->InvalidateCache();
+    EXPECT_THAT(Cleaned(At(100, 101, 7, 13), 7, 6), testing::Each(500));
 }
 
 class CountedLisa : public LisaNoiseRemoval {
@@ -198,7 +137,7 @@ TEST_F(LisaBias, IsMeasuredOnceAFrameHoweverManyRoisTouchTheGroup) {
     // Of group 10 the sums of counts and biases cannot be taken apart, as the biases are too small for it.
     AlignedFrame<float> bias(SIZE, 1.0F);
     for (std::ptrdiff_t row = 40; row < 44; ++row) std::fill_n(bias.begin() + row * WIDTH, WIDTH, 1e-20F);
-    const auto lisa = Make<CountedLisa>(bias, AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
+    const auto lisa = MakeLisa<CountedLisa>(bias, AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
     using Groups = std::vector<std::size_t>;
     const auto measured = [&](const std::vector<Roi>& rois) {
         lisa->measured.clear();
@@ -226,7 +165,7 @@ TEST_F(LisaBias, TakesEachCountAndThenItsBiasWhereTheOrderMatters) {
                            Case{0x1p-60F, 1000.0F, 1000.0F, 0.0},       // stays if differences are summed
                            Case{1e20F, -1e20F, 0.0F, 158'000.0}};       // swallows the count in between
     AlignedFrame<float> bias(SIZE);
-    SetDark(1000);
+    SetDark([](std::size_t) { return 1000; });
     for (std::size_t group = 0; group < cases.size(); ++group) {
         const std::size_t first = group * 4 * WIDTH;
         std::fill_n(bias.begin() + static_cast<std::ptrdiff_t>(first), 4 * WIDTH, cases[group].others);
@@ -236,39 +175,12 @@ TEST_F(LisaBias, TakesEachCountAndThenItsBiasWhereTheOrderMatters) {
         bias[first + 100] = 0.0F;
         m_raw[InRows(first + 100)] = 0;
     }
-    m_removal = Make(bias, AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
+    m_removal = MakeLisa(bias, AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
     for (std::size_t group = 0; group < cases.size(); ++group) {
-        EXPECT_EQ(Cleaned(At(100, 101, 0, HEIGHT), group * 4), static_cast<float>(-cases[group].sum / 160.0))
+        EXPECT_EQ(Cleaned(At(100, 101, 0, HEIGHT), group * 4, 1).front(),
+                  static_cast<float>(-cases[group].sum / 160.0))
             << group;
     }
-}
-
-TEST_F(LisaBias, OfTheFrameBeforeAppliesUntilANewFrameIsTold) {
-    SetDark(10);
-    EXPECT_EQ(Cleaned(At(0, WIDTH, 0, HEIGHT), 500), 990.0F);
-    SetDark(500);
-    EXPECT_EQ(Cleaned(At(0, WIDTH, 0, HEIGHT), 500), 990.0F);
-    m_removal->InvalidateCache();
-    EXPECT_EQ(Cleaned(At(0, WIDTH, 0, HEIGHT), 500), 500.0F);
-}
-
-TEST_F(LisaBias, RefusesOtherFramesAndRoisAndLeavesTheOutputAlone) {
-    const test::LogCapture log;
-    const auto failure = [&](gsl::span<const std::uint16_t> raw, const Roi& roi) {
-        return TextOf<std::invalid_argument>([&] {
-            m_removal->RemoveNoise(raw, {}, roi);
-            return 0;
-        });
-    };
-    const std::string size = "RemoveNoise: unexpected frame size: 685440, expected: 783360";
-    EXPECT_EQ(failure({m_raw.data(), SIZE}, At(0, 24, 0, 24)), size);
-    EXPECT_EQ(failure({m_raw.data(), SIZE}, At(0, 24, 5, 5)), size);
-    EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, size));
-    EXPECT_EQ(failure(m_raw, Roi{800, 841, 0, 24, 2048, 2048, 0, 0}),
-              "RemoveNoise: ROI (800..841),(0..24) does not fit a frame of 840 x 816");
-    EXPECT_EQ(failure(m_raw, Roi{0, 24, 800, 817, 2048, 2048, 0, 0}),
-              "RemoveNoise: ROI (0..24),(800..817) does not fit a frame of 840 x 816");
-    EXPECT_THAT(m_removal->GetFrame(), testing::Each(0.0F));
 }
 
 }  // namespace

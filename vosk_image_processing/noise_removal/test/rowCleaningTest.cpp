@@ -1,18 +1,11 @@
-#include <gtest/gtest.h>
+#include <vosk/reference/cleaning.hpp>
 
-#include <algorithm>
-#include <cmath>
-#include <limits>
-#include <vector>
-
-#include <vosk/test/onEachInstructionSet.hpp>
-#include "plainCleaning.hpp"
+#include "cleaningBench.hpp"
 #include "rowCleaning.hpp"
 
 namespace vosk::image_processing {
 namespace {
 
-using test::OnEachInstructionSet;
 using CleanedStretch = OnEachInstructionSet;
 INSTANTIATE_TEST_SUITE_P(Targets, CleanedStretch, OnEachInstructionSet::All(), OnEachInstructionSet::Name);
 
@@ -63,21 +56,24 @@ TEST_P(CleanedStretch, GivesTheBitsOfThePlainLoopForEveryLength) {
             auto expected = pixels.cleaned;
             auto expected_scattered = pixels.cleaned;
             for (std::size_t i = 0; i < count; ++i) {
-                expected[i + 1] = PlainPixel(pixels.raw[i], pixels.master_bias[i], dynamic, pixels.flat[i]);
-                expected_scattered[i + 1] = PlainPixel(pixels.raw[pixels.positions[i]], pixels.master_bias[i],
-                                                       dynamic, pixels.flat[i]);
+                const auto cleaned = [&](std::uint16_t raw) {
+                    return reference::CleanedPixel(raw, pixels.master_bias[i], dynamic, pixels.flat[i]);
+                };
+                expected[i + 1] = cleaned(pixels.raw[i]);
+                expected_scattered[i + 1] = cleaned(pixels.raw[pixels.positions[i]]);
             }
-            auto scattered = pixels.cleaned;
-            auto to_right = pixels.cleaned;
-            auto to_left = pixels.cleaned;
-            pixels.Clean(pixels.raw.data(), nullptr, 1, dynamic, pixels.cleaned);
-            pixels.Clean(pixels.raw.data(), pixels.positions.data(), 0, dynamic, scattered);
-            pixels.CleanTap(TAP_STEP, dynamic, to_right);
-            pixels.CleanTap(-TAP_STEP, dynamic, to_left);
-            ASSERT_TRUE(SameBits(pixels.cleaned, expected)) << count << ", " << dynamic;
-            ASSERT_TRUE(SameBits(to_right, expected)) << count << ", " << dynamic;
-            ASSERT_TRUE(SameBits(to_left, expected)) << count << ", " << dynamic;
-            ASSERT_TRUE(SameBits(scattered, expected_scattered)) << count << ", " << dynamic;
+            const auto is_cleaned = [&](const auto& clean, const std::vector<float>& wanted) {
+                auto frame = pixels.cleaned;
+                clean(frame);
+                ASSERT_TRUE(SameBits(frame, wanted)) << count << ", " << dynamic;
+            };
+            const auto* const raw = pixels.raw.data();
+            const auto* const positions = pixels.positions.data();
+            is_cleaned([&](auto& frame) { pixels.Clean(raw, nullptr, 1, dynamic, frame); }, expected);
+            is_cleaned([&](auto& frame) { pixels.Clean(raw, positions, 0, dynamic, frame); },
+                       expected_scattered);
+            is_cleaned([&](auto& frame) { pixels.CleanTap(TAP_STEP, dynamic, frame); }, expected);
+            is_cleaned([&](auto& frame) { pixels.CleanTap(-TAP_STEP, dynamic, frame); }, expected);
         }
     }
 }
@@ -99,7 +95,7 @@ TEST_P(CleanedStretch, RoundsAnOrdinaryQuotientAsADivisionDoes) {
             const double turn = (1.0 + (2 * j + 1) * 0x1p-24) * gain;
             for (const double signal : {std::nextafter(turn, 0.0), turn, std::nextafter(turn, 4.0)}) {
                 for (std::size_t i = 0; i < COUNT; ++i) {
-                    expected[i] = PlainPixel(raw[i], bias[i], -signal, flat[i]);
+                    expected[i] = reference::CleanedPixel(raw[i], bias[i], -signal, flat[i]);
                 }
                 const Stretch stretch{raw.data(), nullptr, 1, 0, COUNT, -signal};
                 CleanStretches(&stretch, 1, {bias.data(), flat.data(), true}, cleaned.data());

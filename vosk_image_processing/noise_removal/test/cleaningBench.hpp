@@ -1,26 +1,19 @@
 #pragma once
 
-// For tests: the values that cleaning must get right, and the plain forms that say what right is.
+// What the tests of cleaning share: values that are easy to get wrong, a comparison of all bits, a LISA
+// removal with a given table.
 
-#include <gtest/gtest.h>
+#include <vosk/common/fits.hpp>
+#include <vosk/image_processing/noiseRemoval.hpp>
+#include <vosk/test/onEachInstructionSet.hpp>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
 
-#include <bit>
-#include <cstdint>
-#include <cstring>
-#include <iterator>
-#include <limits>
 #include <random>
-#include <span>
 
 namespace vosk::image_processing {
 
-inline float PlainPixel(std::uint16_t raw, float master_bias, double dynamic_bias, float flat) {
-    const double count = raw;
-    const double bias = master_bias;
-    const double gain = flat;
-    const double signal = count - bias;
-    return static_cast<float>((signal - dynamic_bias) / gain);
-}
+using test::OnEachInstructionSet;
 
 // Ordinary values, and now and then one of those that arithmetic is likely to get wrong.
 class Values {
@@ -33,7 +26,6 @@ public:
         return m_random() % 8 == 0 ? EDGES[m_random() % std::size(EDGES)]
                                    : static_cast<std::uint16_t>(m_random());
     }
-
     float Bias() { return IsSpecial() ? Special() : Real(80.0F, 120.0F); }
     float Flat() { return IsSpecial() ? Special() : Real(0.5F, 2.0F); }
     float Real(float low, float high) { return std::uniform_real_distribution<float>{low, high}(m_random); }
@@ -54,16 +46,26 @@ private:
     std::uint32_t m_rarity;
 };
 
-// Equal in all bits, so that NaN equals itself and 0 does not equal -0.
+// NaN equals itself, and 0 does not equal -0.
 inline testing::AssertionResult SameBits(std::span<const float> actual, std::span<const float> expected) {
-    if (actual.size() == expected.size() &&
-        std::memcmp(actual.data(), expected.data(), actual.size_bytes()) == 0) {
+    if (actual.size() != expected.size()) return testing::AssertionFailure() << "sizes differ";
+    if (std::memcmp(actual.data(), expected.data(), actual.size_bytes()) == 0) {
         return testing::AssertionSuccess();
     }
-    if (actual.size() != expected.size()) return testing::AssertionFailure() << "sizes differ";
     std::size_t i = 0;
-    while (std::bit_cast<std::uint32_t>(actual[i]) == std::bit_cast<std::uint32_t>(expected[i])) ++i;
+    while (std::memcmp(&actual[i], &expected[i], sizeof actual[i]) == 0) ++i;
     return testing::AssertionFailure() << "pixel " << i << ": " << actual[i] << " instead of " << expected[i];
+}
+
+using LisaTable = defs::AlignedFrame<std::uint32_t>;
+
+template <class Removal = LisaNoiseRemoval>
+std::unique_ptr<Removal> MakeLisa(const defs::AlignedFrame<float>& bias,
+                                  const defs::AlignedFrame<float>& flat, const LisaTable& table) {
+    const test::TempDir dir;
+    const std::string path = dir / "table.fits";
+    common::Fits::WriteImg<std::uint32_t>(common::Fits::FitsFileWrite(path, true), table, {table.size()});
+    return std::make_unique<Removal>(bias, flat, path);
 }
 
 }  // namespace vosk::image_processing
