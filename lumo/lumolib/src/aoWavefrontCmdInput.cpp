@@ -3,6 +3,7 @@
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/receiveLoop.hpp>
 #include <lumolib/utilities.hpp>
+#include <lumolib/voskTelescopeStateManager.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/math/finite.hpp>
 #include <vosk/common/timeString.hpp>
@@ -101,12 +102,12 @@ void AoWavefrontCmdInput::RunCycle(Buffers& buffers) {
         [this](const auto& error, auto now) { OnError(error, now); },
         [&](const auto& leader, const auto& trailer, auto now) { OnSample(leader, trailer, buffers, now); },
         [this](auto now) { m_stream_state->RecordInvalidSample(now); });
-    ReportLosses(*m_lspx_receiver, *m_stream_state);
 }
 
 void AoWavefrontCmdInput::OnError(const std::error_code& error, time_point now) {
     common::LogWarn("ReceiveSample: error: {}", error.message());
     m_stream_state->RecordInvalidSample(now);
+    ReportLosses(*m_lspx_receiver, *m_stream_state);
 }
 
 // A command that could do harm goes on as one whose valid bit is clear, and one without a usable time as one
@@ -126,17 +127,21 @@ void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPack
     }
 
     KeepPair(leader, buffers);
-    // AoTasks clears the flag when it has taken a command.
-    if (m_ins_sync->IsDataReady()) m_counts->overwritten_commands.fetch_add(1, std::memory_order_relaxed);
+    const bool valid = IsValid(buffers.header);
+    // AoTasks clears the flag when it has taken a command. Only valid ones are stored, in the modes they
+    // pace.
+    if (valid && m_ins_sync->IsDataReady() &&
+        defs::IsInsDriven(VoskTelescopeStateManager::GetCurrentControlMode()))
+        m_counts->overwritten_commands.fetch_add(1, std::memory_order_relaxed);
     m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
     m_output_sync->SetData(AoWavefrontCmdTimestamps{command_time, receive_time}, id, atomclk::AtomClk::now());
-    const bool valid = IsValid(buffers.header);
     if (valid) {
         m_statistics->Update(command_time, receive_time);
         m_stream_state->RecordValidSample(receive_time);
     } else {
         m_stream_state->RecordInvalidSample(receive_time);
     }
+    ReportLosses(*m_lspx_receiver, *m_stream_state);
     if (common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
         common::LogDebug("\t-> Received AO wavefront command at {}, sample_id = {}, valid = {}",
                          GetTimeString(receive_time), id, valid);
@@ -146,7 +151,7 @@ void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPack
 // What would harm the mirror, or null. A short command leaves an older one in the rest of the buffer.
 const char* AoWavefrontCmdInput::FaultOf(const LeaderPacket& leader, const Buffers& buffers) {
     if (leader.NumUnits() != buffers.payload.command.size()) return "it has another size";
-    if (!common::math::AllFinite(buffers.payload.command)) return "a value is no number";
+    if (!common::math::AllFinite(buffers.payload.command)) return "a value is not finite";
     return nullptr;
 }
 

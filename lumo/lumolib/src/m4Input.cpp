@@ -39,12 +39,12 @@ void M4Input::RunCycle() {
         [this](const auto& error, auto now) { OnError(error, now); },
         [this](const auto& packet, auto now) { OnSample(packet, now); },
         [this](auto now) { m_stream_state->RecordInvalidSample(now); });
-    ReportLosses(*m_receiver, *m_stream_state);
 }
 
 void M4Input::OnError(const std::error_code& error, time_point now) {
     common::LogWarn("M4Input::Work(): ReceiveSample: {}", error.message());
     m_stream_state->RecordInvalidSample(now);
+    ReportLosses(*m_receiver, *m_stream_state);
 }
 
 void M4Input::OnSample(const pktwire::qudex::Packet& packet, time_point now) {
@@ -57,6 +57,7 @@ void M4Input::OnSample(const pktwire::qudex::Packet& packet, time_point now) {
     }
     m_statistics->UpdateTsReceived(now);
     m_stream_state->RecordValidSample(now);
+    ReportLosses(*m_receiver, *m_stream_state);
 }
 
 M4FeedbackInput::M4FeedbackInput(const oru::configng::PliConfigInstanceNode& node)

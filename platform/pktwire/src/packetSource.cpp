@@ -18,6 +18,7 @@ constexpr std::uint32_t MAX_GAP = 1U << 20U;
 constexpr std::size_t MAX_DRAINED = 1U << 17U;
 // So many whole samples in a row can't all be late: the one that made them so was none of the stream.
 constexpr unsigned MAX_LATE_SAMPLES = 3;
+constexpr unsigned MAX_LATE_ALONE = 16;  // samples with none delivered in between
 
 bool IsShortlyBefore(std::uint32_t id, std::uint32_t other) noexcept {
     const std::uint32_t distance = other - id;
@@ -81,8 +82,9 @@ void PacketSource::Restart() noexcept {
     m_queue.clear();
     m_whole_in_queue = false;
     m_past_count = 0;
+    m_given_up = 0;
     m_delivered.reset();
-    m_late = {};
+    ForgetLate();
     m_misfits = 0;
     DrainSocket();
     m_counters = {};
@@ -230,14 +232,25 @@ void PacketSource::NoteLate(const Slot& slot) noexcept {
     const bool same_stream =
         m_late.num_frames == packet.NumFrames() && m_late.component == packet.ComponentId();
     if (!same_stream || id != m_late.id) {
+        // Some senders never complete such a run: they number their samples in large steps, or send frames
+        // out of order. A stream from which nothing is delivered any more is followed all the same.
+        if (++m_late_samples > MAX_LATE_ALONE) return FollowLate();
         const bool goes_on = same_stream && IsShortlyBefore(m_late.id, id);
         m_late = {id, packet.ComponentId(), packet.NumFrames(), 0, goes_on ? m_late.whole : 0};
     }
     // In the order of their numbers, so that none counts twice.
     if (packet.FrameNumber() != m_late.frames + 1) return;
-    if (++m_late.frames != packet.NumFrames() || ++m_late.whole < MAX_LATE_SAMPLES) return;
+    if (++m_late.frames == packet.NumFrames() && ++m_late.whole == MAX_LATE_SAMPLES) FollowLate();
+}
+
+void PacketSource::FollowLate() noexcept {
     m_delivered.reset();
+    ForgetLate();
+}
+
+void PacketSource::ForgetLate() noexcept {
     m_late = {};
+    m_late_samples = 0;
 }
 
 void PacketSource::DropStaleFromQueue() noexcept {
@@ -281,22 +294,21 @@ void PacketSource::SampleIsOver(std::uint32_t id, time_point latest, bool delive
     m_past[m_past_count % m_past.size()] = {id, latest};
     ++m_past_count;
     m_misfits = 0;
-    if (!delivered) return;
+    if (!delivered) {
+        ++m_given_up;
+        return;
+    }
     CountMissed(id);
+    m_given_up = 0;
     m_delivered = PastSample{id, latest};
-    m_late = {};
+    ForgetLate();
 }
 
-// Those that are over without being delivered were not missed.
+// Those given up were not missed: packets of them have come.
 void PacketSource::CountMissed(std::uint32_t id) noexcept {
     if (!m_delivered) return;
-    const std::uint32_t first = m_delivered->id + 1;
-    const std::uint32_t gap = id - first;
-    if (gap >= MAX_GAP) return;
-    const auto past = PastSamples();
-    const auto met = std::count_if(
-        past.begin(), past.end(), [first, gap](const PastSample& sample) { return sample.id - first < gap; });
-    m_counters.missed += gap - std::min(gap, static_cast<std::uint32_t>(met));
+    const std::uint32_t gap = id - m_delivered->id - 1;
+    if (gap < MAX_GAP) m_counters.missed += gap - std::min(gap, m_given_up);
 }
 
 bool PacketSource::IsStale(const Slot& slot) const noexcept {

@@ -220,6 +220,15 @@ TEST(QudexReceiver, FollowsTheStreamAfterThreeSamplesThatAForgedOneMadeLate) {
     EXPECT_THAT(bench.ReceiveAll(), ElementsAre(10, 26, 14, 15, 16, 17));
 }
 
+// Its clock is behind, and it never makes a run: its samples are numbered in large steps.
+TEST(QudexReceiver, FollowsAStreamFromWhichNothingElseIsDelivered) {
+    const Bytes sample = Counting(30);
+    Bench bench{3, 30};
+    bench.socket.Put(Cut(sample, 3, 1000, TIME + 1h));
+    for (unsigned i = 1; i <= 18; ++i) bench.socket.Put(Cut(sample, 3, 2000 + 20 * i));
+    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1000, 0, 2360));  // one is lost on the way
+}
+
 TEST(QudexReceiver, LatePacketsThatMakeUpNoRunOfSamplesChangeNothing) {
     const Bytes sample = Counting(30);
     const auto frame_of = [&sample](unsigned id, std::uint16_t num_frames, std::uint16_t component = 0) {

@@ -53,7 +53,8 @@ void ReceiveLspxOnce(Receiver& receiver, gsl::span<std::byte> leader_info, gsl::
     }
 }
 
-// What the receiver lost so far, for the stream's figures: after each cycle, also one that timed out.
+// Copies the receiver's losses to the stream's figures: after a sample or an error, not after a time-out, as
+// a thread that polls would ask the kernel each time.
 template <class Receiver, class State>
 void ReportLosses(const Receiver& receiver, State& state) {
     const auto met = receiver.GetCounters();

@@ -129,6 +129,8 @@ private:
     bool IsOver(const Slot& slot) const noexcept;
     bool IsLate(const Slot& slot) const noexcept;
     void NoteLate(const Slot& slot) noexcept;
+    void FollowLate() noexcept;
+    void ForgetLate() noexcept;
 
     const std::uint32_t m_topic;
     const bool m_ignore_checksum;
@@ -144,6 +146,8 @@ private:
     std::size_t m_read = 0;
     std::pmr::vector<Slot*> m_queue;
     bool m_whole_in_queue = false;
+    std::uint32_t m_given_up = 0;  // samples since the one delivered last
+    unsigned m_late_samples = 0;   // begun, likewise
     std::array<PastSample, 16> m_past{};
     std::size_t m_past_count = 0;
     std::optional<PastSample> m_delivered;
