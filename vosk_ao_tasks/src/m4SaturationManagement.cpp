@@ -135,6 +135,7 @@ void M4SaturationManagement::ScalingOfDeltaCommand(const std::span<const float>&
 // belong to different actuators, so only the resulting position shows which way a step leads.
 float M4SaturationManagement::ScaleOfGap(float position, float change, float scale_vel) {
     const float stepped = LargestMagnitude(m_act_pos);
+    m_is_projection_finite = m_is_projection_finite && std::isfinite(stepped);
     if (!(stepped > m_threshold_gap)) return 1.0F;
     const bool is_beyond = position > m_threshold_gap;
     if (is_beyond && stepped < position) return 1.0F;

@@ -69,6 +69,7 @@ void Create(const std::string& name, std::size_t size) {
         ::shm_unlink(draft.c_str());
         Refuse(NO_PAGES + SystemErrorText(error.code().value()), name);
     } catch (const bip::interprocess_exception& error) {
+        ::shm_unlink(draft.c_str());
         Refuse(NO_OBJECT + std::string{error.what()}, name);
     }
     const int code = ::link(PathOf(draft).c_str(), PathOf(name).c_str()) == 0 ? 0 : errno;
@@ -109,6 +110,7 @@ void ShmBaseBoost::CreateOrOpenBoost(const std::string& prefix, const std::strin
 
 bool ShmBaseBoost::TryOpen() try {
     const FileDescriptor file = OpenOrCreate(m_name, m_data_size);
+    if (!file.IsOpen() && errno == ENOENT) return false;  // removed since it was made
     if (!file.IsOpen()) Refuse(NO_OBJECT + SystemErrorText(errno), m_name);
     const auto found_size = SizeOf(file.Get());
     if (found_size == 0U) return false;

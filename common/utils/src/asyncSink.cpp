@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -108,7 +109,7 @@ void AsyncSink::Stop() {
     m_direct.store(true);
     Drain();  // what came in while the thread ended
     const std::lock_guard lock{m_output_mutex};
-    AppendCounts(RepeatedLines::time_point::max());
+    AppendCounts(std::chrono::steady_clock::now() + std::chrono::hours{1});  // all of them
     WriteBatch();
 }
 
@@ -134,6 +135,8 @@ void AsyncSink::append(const log4cplus::spi::InternalLoggingEvent& event) {
 
 void AsyncSink::Run() {
     ::pthread_setname_np(::pthread_self(), "vosk-log");
+    const sched_param ordinary{};  // whatever the process has inherited
+    ::sched_setscheduler(0, SCHED_OTHER, &ordinary);
     bool stop = false;
     while (!stop) {
         {
@@ -165,7 +168,7 @@ void AsyncSink::TakeBatch() {
     std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
     for (; tail != end && m_batch.size() < BATCH_BYTES; ++tail) {
         const LogLine& line = m_lines[tail % CAPACITY];
-        if (m_repeated.Admit(line, now)) AppendLine(line);
+        if (!m_limits_repeated.load() || m_repeated.Admit(line, now)) AppendLine(line);
         m_tail.store(tail + 1, std::memory_order_release);
     }
     AppendCounts(now);

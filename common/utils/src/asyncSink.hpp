@@ -35,6 +35,7 @@ public:
     // Writes what is there, counts of repeated lines included, and ends the thread; lines that come later are
     // written by their writers.
     void Stop();
+    void LimitRepeated() noexcept { m_limits_repeated.store(true); }
     std::uint64_t Dropped() const noexcept { return m_dropped.load(std::memory_order_relaxed); }
 
     void close() override;
@@ -58,7 +59,8 @@ private:
     alignas(64) std::atomic<std::uint64_t> m_tail{0};  // lines ever taken out
     alignas(64) std::atomic<std::uint64_t> m_dropped{0};
 
-    std::string m_file;  // where to; of the caller of WriteTo() and Reopen()
+    std::string m_file;  // name of the output, empty for stderr; controlling thread only
+    std::atomic<bool> m_limits_repeated{false};
 
     std::mutex m_output_mutex;  // guards the next five
     int m_fd;

@@ -18,11 +18,12 @@ constexpr std::size_t BLOCK_SIZE = 2880;
 constexpr std::size_t CARD_SIZE = 80;
 constexpr int MAX_AXES = 99;  // of the format
 
-// Shorter, or empty, where the file ends or can't be read. Files may be compressed by gzip.
-std::string ReadFirstBlock(const std::string& path) {
-    const std::unique_ptr<gzFile_s, int (*)(gzFile)> file{::gzopen(path.c_str(), "rbe"), &::gzclose};
+using GzFile = std::unique_ptr<gzFile_s, int (*)(gzFile)>;  // also of a file that is not compressed
+
+// Shorter, or empty, where the file ends or can't be read.
+std::string ReadFirstBlock(gzFile file) {
     std::array<char, BLOCK_SIZE> block{};
-    const int size = file ? ::gzread(file.get(), block.data(), BLOCK_SIZE) : 0;
+    const int size = ::gzread(file, block.data(), BLOCK_SIZE);
     return {block.data(), static_cast<std::size_t>(size < 0 ? 0 : size)};
 }
 
@@ -41,7 +42,9 @@ bool HoldsNumberOfAxes(std::string_view card) {
 std::string FaultOfFile(const std::string& path) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error)) return error ? error.message() : "no regular file";
-    const std::string block = ReadFirstBlock(path);
+    const GzFile file{::gzopen(path.c_str(), "rbe"), &::gzclose};
+    if (!file) return std::generic_category().message(errno);
+    const std::string block = ReadFirstBlock(file.get());
     if (block.size() < BLOCK_SIZE || !block.starts_with("SIMPLE  =")) return "it does not begin as FITS does";
     // The third card of every header.
     if (!HoldsNumberOfAxes(std::string_view{block}.substr(2 * CARD_SIZE, CARD_SIZE)))

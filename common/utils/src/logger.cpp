@@ -74,6 +74,10 @@ void ReopenLog() {
     TheOutput().Sink().Reopen();
 }
 
+void LimitRepeatedLines() noexcept {
+    TheOutput().Sink().LimitRepeated();
+}
+
 void FlushLog() {
     TheOutput().Sink().Flush();
 }

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vosk/common/logger.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,7 +22,7 @@ namespace {
 constexpr int BACKLOG = 8;
 
 [[noreturn]] void Refuse(const std::string& path, const std::string& reason) {
-    throw std::runtime_error{fmt::format("control socket {}: {}", path, reason)};
+    common::LogAndThrow(fmt::format("control socket {}: {}", path, reason));
 }
 
 // Of errno.

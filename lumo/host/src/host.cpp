@@ -117,6 +117,7 @@ Host::~Host() {
 
 void Host::Run(const Signals& signals) {
     common::LogInfo("Running with {} threads.", m_library.GetThreads().size());
+    common::LimitRepeatedLines();
     Signals::Admit();
     while (m_running) {
         LookAtControlState();
@@ -169,8 +170,7 @@ void Host::ShowMachine() {
     if (m_machine.tai_offset != 0) return;
     common::LogWarn(
         "The kernel does not know how far TAI is ahead of UTC: all times are UTC, 37 s behind those of peers "
-        "that "
-        "know. chrony (leapsectz right/UTC) or ptp4l with phc2sys tells it.");
+        "that know. chrony (leapsectz right/UTC) or ptp4l with phc2sys sets it.");
 }
 
 void Host::LookAtControlState() {

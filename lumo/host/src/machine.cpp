@@ -38,7 +38,7 @@ std::string Priority(const std::vector<ThreadState>& threads) {
     const auto asked = std::count_if(threads.begin(), threads.end(),
                                      [](const ThreadState& thread) { return thread.placement.priority > 0; });
     const auto given = std::count_if(threads.begin(), threads.end(), [](const ThreadState& thread) {
-        return thread.placement.priority_given > 0;
+        return thread.placement.priority > 0 && thread.placement.priority_given > 0;
     });
     if (asked == 0) return "not asked for";
     return fmt::format(

@@ -209,6 +209,13 @@ TEST_F(HostProgram, SetUpFailureIsOneLine) {
     EXPECT_THAT(log, HasSubstr("site.yaml:4: cfg.m4.output[0] can't be set up"));
     EXPECT_NE(log.find(" ERROR "), std::string::npos);
     EXPECT_EQ(log.find(" ERROR "), log.rfind(" ERROR "));
+    WriteDocument(
+        "cfg:\n  m4:\n    input:\n      - {busy: true, listen_ip: 127.0.0.1, iface_name: nowhere0, "
+        "listen_udp: 9}\n");
+    EXPECT_EQ(ExitCodeOf({m_document}), 1);  // refused by the endpoint, not for its keys
+    const std::string second = Output();
+    EXPECT_NE(second.find(" ERROR "), std::string::npos);
+    EXPECT_EQ(second.find(" ERROR "), second.rfind(" ERROR "));
     EXPECT_EQ(ExitCodeOf({m_dir / "nowhere"}), 1);
     EXPECT_THAT(Errors(), HasSubstr("nowhere"));
 }

@@ -225,9 +225,16 @@ void AoTasks::SendSetpoint(Plan& plan) {
         m_counts->kept_back_setpoints.fetch_add(1, std::memory_order_relaxed);
         plan.source = AoCommandSource::NONE;
     }
+    const time_point now = AtomClk::now();
+    if (plan.source != AoCommandSource::NONE && IsClockSetBack(now)) {
+        LogError("AoTasks: the clock was set back, nothing is sent to M4 at {}",
+                 GetTimeString(plan.send_time));
+        m_counts->late_setpoints.fetch_add(1, std::memory_order_relaxed);
+        plan.source = AoCommandSource::NONE;
+    }
     if (plan.source != AoCommandSource::NONE) {
         ++m_sample_id;
-        m_m4_output->SetData(setpoint, plan.send_time, m_sample_id, AtomClk::now());
+        m_m4_output->SetData(setpoint, plan.send_time, m_sample_id, now);
         m_time_stats.m4_cmd_send = plan.send_time;
     }
     VoskHandoverManager::GetInstance().RecordM4CommandSentTimestamp(plan.send_time, plan.mode, plan.source);
@@ -238,8 +245,9 @@ std::optional<std::span<float, defs::INS_CMD_SIZE>> AoTasks::ReceiveAndProcessAm
     if (source == AoCommandSource::NONE) return m_executor.Step4c_ProcessLastM4SetpointAppliedData();
 
     // An answer left over from an earlier cycle must not satisfy this wait.
+    std::shared_lock lock{m_m4_input->GetMutex()};
     m_m4_input->ClearDataReady();
-    std::shared_lock lock{m_m4_input->GetMutex(), std::defer_lock};
+    lock.unlock();
     if (!WaitForAnswer(lock, deadline)) {
         m_executor.Step4d_NotProcessM4SetpointAppliedData();
         return {};
@@ -253,13 +261,18 @@ std::optional<std::span<float, defs::INS_CMD_SIZE>> AoTasks::ReceiveAndProcessAm
     return applied;
 }
 
+// Since the cycle, or its command, began: its times lie further away than they were meant.
+bool AoTasks::IsClockSetBack(time_point now) const {
+    return WasSetBack(std::max(m_time_stats.t0, m_time_stats.data_received), now);
+}
+
 // True: an answer has come or will not come, and `lock` is held. M4Input notifies after it has given the lock
 // back, so that a notification may come a cycle late; the wait then goes on. Test and clear stand under one
 // lock, or an answer between them would be lost.
 bool AoTasks::WaitForAnswer(std::shared_lock<std::shared_mutex>& lock, time_point deadline) {
     const auto synchronizer = m_m4_input->GetSynchronizer();
-    if (WasSetBack(m_time_stats.data_received, AtomClk::now())) deadline = {};
-    while (synchronizer->WaitUntil(deadline, m_running)) {
+    const auto end = [&] { return IsClockSetBack(AtomClk::now()) ? time_point{} : deadline; };
+    while (synchronizer->WaitUntil(end(), m_running)) {
         lock.lock();
         if (m_m4_input->IsNewData() || !m_m4_input->IsDataReady()) return true;
         m_m4_input->ClearDataReady();
@@ -272,7 +285,7 @@ bool AoTasks::WaitForAnswer(std::shared_lock<std::shared_mutex>& lock, time_poin
 AoTasks::AnswerFault AoTasks::FaultOfAnswer() const {
     if (!m_m4_input->IsNewData()) return AnswerFault::MISSING;
     if (m_m4_input->GetSampleId() != m_sample_id) return AnswerFault::OTHER_SAMPLE;
-    if (!common::math::AllFinite(m_m4_input->GetDataRef().setpoint)) return AnswerFault::NO_NUMBERS;
+    if (!common::math::AllFinite(m_m4_input->GetDataRef().setpoint)) return AnswerFault::NOT_FINITE;
     return AnswerFault::NONE;
 }
 
@@ -302,7 +315,7 @@ void AoTasks::ReportFault(AnswerFault fault, std::uint32_t received_id) const {
     } else {
         LogError(
             "AoTasks::ReceiveAndProcessAmSetpointApplied(): the 'am:setpoint_applied' response from M4 at {} "
-            "holds values that are no numbers, sample ID = {}",
+            "holds values that are not finite, sample ID = {}",
             now, m_sample_id);
     }
 }

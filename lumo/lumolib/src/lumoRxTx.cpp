@@ -30,7 +30,7 @@ std::unique_ptr<Layer> BuildLayer(const PliConfigInstanceNode& node, const char*
     } catch (const std::runtime_error& failure) {
         common::LogError("{}, details = {}{}", layer, failure.what(), details);
         auto* const review = oru::configng::PliConfigReview::Current();
-        if (review == nullptr) throw;
+        if (review == nullptr) common::ThrowLogged(failure.what());
         review->AddProblem(node, failure.what());
         return nullptr;
     }

@@ -65,11 +65,11 @@ std::chrono::microseconds M4Output::Configure(const oru::configng::PliConfigInst
 }
 
 void M4Output::Work(std::promise<void>& started) {
-    m_sync->ClearDataReady();  // a setpoint from before a restart is not sent
     started.set_value();
-    while (IsRunning()) {
-        if (!RunCycle()) return;
+    while (IsRunning() && RunCycle()) {
     }
+    // AoTasks has stopped before: a restart sends nothing of this run, and all of the next one.
+    m_sync->ClearDataReady();
 }
 
 bool M4Output::RunCycle() {

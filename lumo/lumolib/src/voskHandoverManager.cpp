@@ -15,9 +15,9 @@ using defs::VoskControlMode;
 namespace {
 
 // A handover takes 3 cycles, a handback 2.
-constexpr int CYCLES_UNTIL_STUCK = 100;
+constexpr std::uint32_t CYCLES_UNTIL_STUCK = 100;
 
-bool Fits(AoCommandSource source, VoskControlMode mode) {
+bool Suits(AoCommandSource source, VoskControlMode mode) {
     switch (mode) {
         case VoskControlMode::INS_DRIVEN_SEQUENTIAL:
         case VoskControlMode::INS_DRIVEN_CASCADE:
@@ -52,8 +52,7 @@ void VoskHandoverManager::Reset() {
     m_handover_start.store({});
     m_first_none_cmd_time.store({});
     m_first_ins_cmd_time.store({});
-    m_is_mode_to_be_set_again.store(false);
-    m_cycles_without_source = 0;
+    m_cycles_without_source.store(0);
     Attach();
 }
 
@@ -70,6 +69,7 @@ void VoskHandoverManager::ControlModeChangeCallback(VoskControlMode from, VoskCo
 
 // The times come before the state: a cycle that sees the state may read and record them.
 void VoskHandoverManager::StartHandover() {
+    m_cycles_without_source.store(0);
     m_handover_start.store(atomclk::AtomClk::now());
     m_first_none_cmd_time.store({});
     m_first_ins_cmd_time.store({});
@@ -79,6 +79,7 @@ void VoskHandoverManager::StartHandover() {
 }
 
 void VoskHandoverManager::StartHandback() {
+    m_cycles_without_source.store(0);
     m_state.store(HANDBACK_WAIT_CCS_CMD);
     SetM4CmdSource(AoCommandSource::NONE);
     common::LogInfo("HandoverStateManager: handback to CCS started, waiting for the first commands");
@@ -122,18 +123,20 @@ void VoskHandoverManager::RegisterCcsCommandReceived(VoskControlMode /*mode*/) {
     }
 }
 
+bool VoskHandoverManager::IsModeToBeSetAgain() const {
+    return m_cycles_without_source.load() >= CYCLES_UNTIL_STUCK;
+}
+
 AoCommandSource VoskHandoverManager::SourceOfCycle(VoskControlMode mode) {
     const AoCommandSource source = GetM4CmdSource();
-    const bool fits = Fits(source, mode);
+    const bool suits = Suits(source, mode);
     CommandCounts& counts = *RuntimeMonitor::GetInstance().m_command_counts;
-    if (!fits) counts.unfit_source_cycles.fetch_add(1, std::memory_order_relaxed);
-    if (fits && source != AoCommandSource::NONE) {
-        m_cycles_without_source = 0;
-        m_is_mode_to_be_set_again.store(false);
+    if (!suits) counts.unfit_source_cycles.fetch_add(1, std::memory_order_relaxed);
+    if (suits && source != AoCommandSource::NONE) {
+        m_cycles_without_source.store(0);
         return source;
     }
-    if (m_cycles_without_source < CYCLES_UNTIL_STUCK && ++m_cycles_without_source == CYCLES_UNTIL_STUCK) {
-        m_is_mode_to_be_set_again.store(true);
+    if (++m_cycles_without_source == CYCLES_UNTIL_STUCK) {
         counts.failed_mode_changes.fetch_add(1, std::memory_order_relaxed);
         common::LogWarn(
             "HandoverStateManager: nobody has commanded M4 for {} cycles, the control mode is to be set "

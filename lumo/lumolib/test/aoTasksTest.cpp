@@ -235,9 +235,26 @@ TEST_F(AoTasksTest, AClockThatIsSetBackEndsTheCycleWithoutAnAnswer) {
     clock.Set(start - std::chrono::seconds{37});
     ASSERT_TRUE(CycleEnds());
     EXPECT_EQ(Counts().missing_answers, 1U);
+
+    SendCommand(8.0F, start);  // dated by the clock before the step: its send time is far away now
+    ASSERT_TRUE(CycleEnds());
+    EXPECT_FALSE(m_m4_output->IsNewData());
+    EXPECT_EQ(Counts().late_setpoints, 1U);
+
     ASSERT_TRUE(RunCycle(3.0F, 3.0F, 2));
     EXPECT_EQ(m_gpao_applied->GetData().setpoint[0], 3.0F);
     m_thread->Stop();
+}
+
+// As a change of mode may leave it, when it meets a cycle.
+TEST_F(AoTasksTest, ACommandWhoseSourceDoesNotFitTheModeStaysFromM4) {
+    VoskTelescopeStateManager::Reset();  // the handover does not hear of the mode
+    VoskTelescopeStateManager::SetCurrentControlMode(INS_DRIVEN_CASCADE);
+    VoskHandoverManager::GetInstance().SetM4CmdSource(defs::AoCommandSource::CCS);
+    Start();
+    ASSERT_TRUE(RunCycle(5.0F));
+    EXPECT_FALSE(m_m4_output->IsNewData());
+    EXPECT_EQ(Counts().unfit_source_cycles, 1U);
 }
 
 TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZeroAndIsNamed) {
@@ -249,7 +266,7 @@ TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZeroAndIsNamed) {
     EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
     EXPECT_THAT(log.Texts("", ERROR_LOG_LEVEL),
                 ElementsAre(HasSubstr("with different sample ID then M4 command sent: 1 vs 99"),
-                            HasSubstr("holds values that are no numbers, sample ID = 2")));
+                            HasSubstr("holds values that are not finite, sample ID = 2")));
     ASSERT_TRUE(RunCycle(2.0F, 2.0F, 3));
     EXPECT_EQ(m_m4_output->GetData().setpoint[2], 2.0F);
 }

@@ -169,8 +169,12 @@ TEST_F(Handover, AfterAHundredCyclesWithoutASourceTheModeIsToBeSetAgain) {
                   "HandoverStateManager: nobody has commanded M4 for 100 cycles, the control mode is to "
                   "be set again"),
         1);
-    m_manager.SetM4CmdSource(CCS);
+    HandoverBench::SetMode(INS_DRIVEN_CASCADE);  // the remedy, which may fail as well
+    EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
+    for (int i = 0; i < 100; ++i) m_bench.RunCycle(false);
+    EXPECT_TRUE(m_manager.IsModeToBeSetAgain());
     m_bench.RunCycle();
+    EXPECT_EQ(m_bench.RunCycle(), INS);
     EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
 }
 

@@ -152,6 +152,20 @@ TEST_F(M4OutputTest, DropsASetpointWhoseClockIsSetBack) {
     EXPECT_EQ(Sent(), 0U);
 }
 
+TEST_F(M4OutputTest, ARestartSendsNoSetpointOfTheFormerRun) {
+    M4OutputDataSync& sync = *Get<M4OutputDataSync>(false);
+    const auto hand_over = [&](unsigned id) {
+        sync.SetData(std::array<float, M4_CMD_SIZE>{}, START + std::chrono::seconds{10}, id, START);
+    };
+    m_output.Start().get();
+    hand_over(1);
+    ASSERT_TRUE(Eventually([&] { return !sync.IsNewData(); }));
+    hand_over(2);  // while the first one waits for its time
+    m_output.Stop();
+    EXPECT_FALSE(sync.IsDataReady());
+    EXPECT_EQ(Sent(), 0U);
+}
+
 // The writer notifies when it has given the lock back, and much can happen before.
 TEST_F(M4OutputTest, SendsASetpointOnceWheneverItsNotificationComes) {
     M4OutputDataSync& sync = *Get<M4OutputDataSync>(false);
@@ -415,11 +429,12 @@ TEST_F(CommandInput, WhatIsLostOnTheWayToAoTasksIsCounted) {
     EXPECT_EQ(overwritten, 0U);
     Receive(6, true, command, START, false);
     Receive(5, true, command, START, false);  // too late
+    EXPECT_EQ(overwritten, 1U);
+    Receive(7, false, command, START, false);  // stored in part: the one before stands
+    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
+    for (unsigned id : {8U, 9U}) Receive(id, true, command, START, false);
     EXPECT_EQ(m_state->GetTopicData().losses.lost, 3U);
     EXPECT_EQ(m_state->GetTopicData().losses.stale_packets, 5U);
-    VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::TEL_DRIVEN);
-    Receive(7, true, command, START);
-    Receive(8, true, command, START, false);
     EXPECT_EQ(overwritten, 1U);
 }
 
@@ -428,7 +443,7 @@ TEST_F(CommandInput, UnusableCommandsCountAsInvalidOnes) {
     VoskTelescopeStateManager::SetCurrentControlMode(VoskControlMode::INS_DRIVEN_CASCADE);
     using Float = std::numeric_limits<float>;
     constexpr std::size_t SIZE = defs::WAVEFRONT_CMD_SIZE;
-    const std::string number = "a value is no number";
+    const std::string number = "a value is not finite";
     const std::string time = "its time is out of range, ";
     const AtomClk::time_point epoch{};
     struct Case {

@@ -41,14 +41,15 @@ std::error_code WithNodeMask(int node, Apply apply) noexcept {
     return apply(mask->maskp, mask->size + 1) ? std::error_code{} : LastError();
 }
 
-// A priority is not worth a run: the thread goes on as an ordinary one.
+// A refused priority fails no thread. Priority 0 ends a real-time policy that the process has inherited.
 void SetPriority(const std::string& name, int priority) {
     const sched_param parameters{priority};
-    if (priority == 0 || ::sched_setscheduler(0, SCHED_FIFO, &parameters) == 0) return;
+    if (priority == 0 && PriorityOfThisThread() == 0) return;
+    if (::sched_setscheduler(0, priority == 0 ? SCHED_OTHER : SCHED_FIFO, &parameters) == 0) return;
     const std::error_code error = LastError();
     static log4cplus::Logger logger = log4cplus::Logger::getInstance("nodepin");
-    LOG4CPLUS_WARN(logger, "Thread " << name << " runs at ordinary priority: " << priority
-                                     << " is refused: " << error.message());
+    LOG4CPLUS_WARN(logger,
+                   "Thread " << name << " runs without its priority " << priority << ": " << error.message());
 }
 
 }  // namespace

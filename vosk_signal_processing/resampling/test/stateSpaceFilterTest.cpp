@@ -1,7 +1,8 @@
 // What the filter starts from; its recursion is held against its model with the other resamplers.
 
-#include "resamplerChains.hpp"
+#include "resamplerModels.hpp"
 
+#include <gtest/gtest.h>
 #include <vosk/test/logCapture.hpp>
 
 #include <random>

@@ -81,7 +81,7 @@ private:
     };
 
     // Why M4's answer counts as none.
-    enum class AnswerFault { NONE, MISSING, OTHER_SAMPLE, NO_NUMBERS };
+    enum class AnswerFault { NONE, MISSING, OTHER_SAMPLE, NOT_FINITE };
 
     // One wake-up and all that follows from it. False: the thread was stopped while it waited for input.
     bool RunCycle();
@@ -92,6 +92,7 @@ private:
     void SendSetpoint(Plan& plan);
     void PublishApplied(const Plan& plan, std::span<float, defs::INS_CMD_SIZE> applied,
                         time_point applied_time);
+    bool IsClockSetBack(time_point now) const;
     bool WaitForAnswer(std::shared_lock<std::shared_mutex>& lock, time_point deadline);
     AnswerFault FaultOfAnswer() const;
     std::span<float, defs::INS_CMD_SIZE> TakeAnswer(AnswerFault fault, time_point& applied_time);

@@ -50,8 +50,9 @@ public:
     // Harmless on a thread that was never started, has ended by itself or is stopped already.
     void Stop() noexcept;
 
-    // False: the thread is to end, and the caller must leave Work() at once. True: the time has come, or a
-    // flag on m_synchronizer is ready; without flags a precise sleep.
+    // False: the thread is to end, and the caller must leave Work() at once. True: the time has come, a flag
+    // on m_synchronizer is ready, or the clock was set back: a caller that is to act at that time looks at
+    // the clock. Without flags a precise sleep.
     bool WaitUntil(const atomclk::AtomClk::time_point& time) const;
 
     // Whether Work() has returned or failed though nobody had called Stop(). Until the next Start(); any

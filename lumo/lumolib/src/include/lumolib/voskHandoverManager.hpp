@@ -11,6 +11,7 @@
 #include <vosk/defs/valueTypes.hpp>
 
 #include <atomic>
+#include <cstdint>
 
 namespace vosk::lumo {
 
@@ -78,7 +79,7 @@ public:
     int GetState() const { return m_state.load(); }
     // Whether a change of mode has gone wrong for good: no source has fitted for more cycles than any
     // handover takes. Only the next change between a telescope-driven and an instrument-driven mode mends it.
-    bool IsModeToBeSetAgain() const { return m_is_mode_to_be_set_again.load(); }
+    bool IsModeToBeSetAgain() const;
 
     // A source outside the enumeration ends in std::runtime_error "Unknown enum value.", after it was stored.
     void SetM4CmdSource(defs::AoCommandSource source);
@@ -100,8 +101,7 @@ private:
     std::atomic<time_point> m_first_none_cmd_time{};
     std::atomic<time_point> m_first_ins_cmd_time{};
     std::atomic<defs::AoCommandSource> m_m4_cmd_source = defs::AoCommandSource::OFF;
-    std::atomic<bool> m_is_mode_to_be_set_again = false;  // written by AoTasks, and reset by the host
-    int m_cycles_without_source = 0;                      // in a row; AoTasks only
+    std::atomic<std::uint32_t> m_cycles_without_source = 0;  // in a row; AoTasks counts, the host resets
 };
 
 // Control mode, observers and handover in their first state, the manager attached exactly once; the active

@@ -4,8 +4,7 @@
 // without that, WARN and above go to stderr. All loggers of the process, those of the platform layers too,
 // leave by the same bounded buffer, which one thread of its own empties: a writer copies its line and goes
 // on, whatever the disk or the terminal does. When the buffer is full, or the output takes nothing for half a
-// second, lines are dropped and counted. Of a warning or an error that comes again and again with other
-// numbers, one line a second is written, with its count.
+// second, lines are dropped and counted.
 
 #include <log4cplus/loglevel.h>
 
@@ -27,6 +26,10 @@ void SetupLogging(log4cplus::LogLevel level, const std::string& file = {});
 // Opens the file once more by its name, after a rotation has renamed it. Throws as SetupLogging(), and what
 // is logged then goes on to the former place.
 void ReopenLog();
+
+// From now on, of a warning or an error that comes again with other numbers, one line a second is written,
+// with its count. Call it when the threads run: the warnings of set-up are worth reading one by one.
+void LimitRepeatedLines() noexcept;
 
 // Blocks until every line logged so far has been written or dropped. For set-up, shut-down and tests.
 void FlushLog();

@@ -51,15 +51,20 @@ void LogError(fmt::format_string<Args...> format, Args&&... args) {
 // An exception whose text is in the log already; the catcher does not log it again.
 struct Logged {};
 
-// Logs the text at ERROR and throws it, as Error and Logged: for set-up failures, which are both seen and
-// thrown.
+// Throws the text as Error and Logged: it is in the log, maybe in other words.
 template <class Error = std::runtime_error>
-[[noreturn]] void LogAndThrow(const std::string& text) {
-    WriteLog(log4cplus::ERROR_LOG_LEVEL, text);
+[[noreturn]] void ThrowLogged(const std::string& text) {
     struct LoggedError : Error, Logged {
         using Error::Error;
     };
     throw LoggedError{text};
+}
+
+// For set-up failures, which are both logged at ERROR and thrown.
+template <class Error = std::runtime_error>
+[[noreturn]] void LogAndThrow(const std::string& text) {
+    WriteLog(log4cplus::ERROR_LOG_LEVEL, text);
+    ThrowLogged<Error>(text);
 }
 
 }  // namespace vosk::common
