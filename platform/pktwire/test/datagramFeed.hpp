@@ -1,8 +1,8 @@
 #pragma once
 
-// Turns fuzzer input into datagrams: raw ones, and ones that open with a true QUDEX magic, version and topic
-// so that the fuzzer spends its time behind these checks. What was fed is kept, to hold against it what comes
-// out.
+// Turns fuzzer input into datagrams: samples cut by a true sender, with their packets lost, repeated, out of
+// order, damaged in their headers or of another size. The body is written last and follows from the headers,
+// so that each byte of a sample that a receiver delivers is known.
 
 #include "fakeSockets.hpp"
 
@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 #include <memory_resource>
-#include <set>
 
 namespace pktwire::test {
 
@@ -27,34 +26,7 @@ public:
     }
     std::uint16_t Word() { return static_cast<std::uint16_t>(Byte() << 8U | Byte()); }
 
-    Bytes Datagram(std::uint32_t topic, std::size_t upper_size) {
-        const std::uint8_t kind = Byte();
-        const std::size_t size = kind == 0xFF ? wire::MAX_DATAGRAM : Byte() * (kind & 1U ? 1U : 9U);
-        if ((kind & 2U) != 0) return Raw(size);
-        wire::QudexHeader header;
-        header.magic = wire::QUDEX_MAGIC;
-        header.version = wire::QUDEX_VERSION;
-        header.topic = topic;
-        header.sample_id = (kind & 4U) != 0 ? Word() * 0x10001U : Byte();
-        header.timestamp = time_point{std::chrono::nanoseconds{Byte()}};
-        header.component_id = (kind & 4U) != 0 ? 0U : Byte() % 2U;
-        header.frame_number = Byte();
-        header.num_frames = Byte();
-        header.flags = kind >> 5U;
-        header.place = (kind & 8U) != 0 ? Word() * 0x10001U : Word();
-        const Bytes body = Raw(upper_size) + Raw(size);
-        header.payload_size = static_cast<std::uint32_t>(body.size() + ((kind & 16U) != 0 ? Byte() : 0U));
-        const auto* bytes = reinterpret_cast<const std::byte*>(&header);
-        return Bytes(bytes, bytes + sizeof(header)) + body;
-    }
-
 private:
-    Bytes Raw(std::size_t size) {
-        Bytes bytes(size);
-        for (std::size_t i = 0; i < std::min<std::size_t>(size, 64); ++i) bytes[i] = std::byte{Byte()};
-        return bytes;
-    }
-
     std::span<const std::uint8_t> m_bytes;
 };
 
@@ -65,65 +37,63 @@ Header HeaderAt(const Bytes& datagram, std::size_t offset) {
     return header;
 }
 
-// Puts datagrams into a socket and remembers them. A receiver may deliver a body only if it was fed.
-class Feed {
-public:
-    explicit Feed(FakeRxSocket& socket) : m_socket{socket} {}
+inline void Require(bool condition) {
+    if (!condition) std::abort();
+}
 
-    void Put(const Bytes& datagram) {
-        m_socket.datagrams.push_back(datagram);
-        m_fed.push_back(datagram);
-    }
-    // A true sample, with what the network does to one: packets lost, twice, late or damaged.
-    void Put(const std::vector<Bytes>& sample, FuzzInput& input) {
-        std::vector<Bytes> datagrams = sample;
+// The bytes from `place` on of a sample that these values tell from others.
+inline Bytes ContentOf(std::uint32_t id, unsigned component, unsigned num_frames, std::size_t place,
+                       std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::byte>(id * 31 + component * 101 + num_frames * 11 + (place + i) * 7 +
+                                          (place + i) / 251);
+    return bytes;
+}
+
+inline void RequireContent(gsl::span<const std::byte> found, const qudex::Packet& packet, std::size_t place) {
+    const Bytes right =
+        ContentOf(packet.SampleId(), packet.ComponentId(), packet.NumFrames(), place, found.size());
+    Require(std::equal(right.begin(), right.end(), found.begin()));
+}
+
+// A sender's set-up for one sample. Both receivers are fuzzed with this topic.
+inline qudex::Sender::Config FuzzedSender(FuzzInput& input, unsigned min_frames, unsigned max_frames) {
+    qudex::Sender::Config config;
+    config.topic = 7;
+    config.component_id = input.Byte() % 2U;
+    config.num_frames = static_cast<std::uint16_t>(input.Byte() % max_frames + min_frames);
+    return config;
+}
+
+// Puts the packets of a sample into the socket, each with a mishap or none. The bodies stand behind
+// `head_size` bytes of a datagram and belong where `place_of` finds them to do.
+template <class PlaceOf>
+void Feed(FakeRxSocket& socket, const std::vector<Bytes>& sample, FuzzInput& input, std::size_t head_size,
+          PlaceOf place_of) {
+    const auto time = input.Byte();
+    for (Bytes datagram : sample) {
         const std::uint8_t mishap = input.Byte();
-        const std::size_t at = input.Byte() % datagrams.size();
-        if (mishap % 5 == 1) datagrams.erase(datagrams.begin() + static_cast<std::ptrdiff_t>(at));
-        if (mishap % 5 == 2) datagrams.push_back(datagrams[at]);
-        if (mishap % 5 == 3) std::rotate(datagrams.begin(), datagrams.begin() + 1, datagrams.end());
-        if (mishap % 5 == 4) {
-            const std::size_t headers = std::min<std::size_t>(datagrams[at].size(), 64);
-            datagrams[at][input.Byte() % headers] ^= std::byte{input.Byte()};
+        datagram[19] = std::byte{time};
+        if (mishap % 8 == 1) continue;
+        if (mishap % 8 >= 6) datagram[input.Byte() % head_size] = std::byte{input.Byte()};
+        if (mishap % 8 == 7) datagram.resize(mishap == 0xFF ? wire::MAX_DATAGRAM : input.Word() % 1500U);
+        if (mishap % 16 == 15 && datagram.size() >= sizeof(wire::QudexHeader)) {
+            const wire::Be32 size = static_cast<std::uint32_t>(datagram.size() - sizeof(wire::QudexHeader));
+            std::memcpy(&datagram[offsetof(wire::QudexHeader, payload_size)], &size, sizeof(size));
         }
-        for (const Bytes& datagram : datagrams) Put(datagram);
-    }
-
-    // Whether the content is made up of bodies that were fed for frames `first` to `last` of this packet's
-    // sample, each behind the one before. The bodies stand behind `head_size` bytes of a datagram and belong
-    // where `place_of` finds them to do.
-    template <class PlaceOf>
-    bool Holds(gsl::span<const std::byte> content, const qudex::Packet& packet, unsigned first, unsigned last,
-               std::size_t head_size, PlaceOf place_of) const {
-        std::set<std::size_t> ends{0};
-        for (unsigned frame = first; frame <= last; ++frame) {
-            std::set<std::size_t> next;
-            for (const Bytes& datagram : m_fed) {
-                if (datagram.size() < head_size || !IsFrame(datagram, packet, frame)) continue;
-                const std::size_t place = place_of(datagram);
-                const std::size_t size = datagram.size() - head_size;
-                if (ends.count(place) == 0 || size > content.size() - place) continue;
-                const auto part = content.subspan(place, size);
-                const auto body = datagram.begin() + static_cast<std::ptrdiff_t>(head_size);
-                if (std::equal(part.begin(), part.end(), body)) next.insert(place + size);
-            }
-            ends = std::move(next);
+        if (datagram.size() > head_size) {
+            const auto header = HeaderAt<wire::QudexHeader>(datagram, 0);
+            const Bytes body = ContentOf(header.sample_id, header.component_id, header.num_frames,
+                                         place_of(datagram), datagram.size() - head_size);
+            std::copy(body.begin(), body.end(), datagram.begin() + static_cast<std::ptrdiff_t>(head_size));
         }
-        return ends.count(content.size()) != 0;
+        socket.datagrams.push_back(datagram);
+        if (mishap % 8 == 2) socket.datagrams.push_back(datagram);
+        if (mishap % 8 == 3)
+            std::swap(socket.datagrams.back(), socket.datagrams[input.Byte() % socket.datagrams.size()]);
     }
-
-private:
-    static bool IsFrame(const Bytes& datagram, const qudex::Packet& packet, unsigned frame) {
-        const auto header = HeaderAt<wire::QudexHeader>(datagram, 0);
-        return header.magic == wire::QUDEX_MAGIC && header.topic == packet.Topic() &&
-               header.sample_id == packet.SampleId() && header.component_id == packet.ComponentId() &&
-               header.num_frames == packet.NumFrames() && header.frame_number == frame &&
-               header.payload_size == datagram.size() - sizeof(header);
-    }
-
-    FakeRxSocket& m_socket;
-    std::vector<Bytes> m_fed;
-};
+}
 
 // Memory for a receiver, taken from the system once for all runs. Callers' buffers are not in it, so that the
 // sanitizer sees every byte beyond them.
@@ -138,9 +108,5 @@ private:
     }
     std::pmr::monotonic_buffer_resource m_resource{Arena().data(), Arena().size()};
 };
-
-inline void Require(bool condition) {
-    if (!condition) std::abort();
-}
 
 }  // namespace pktwire::test

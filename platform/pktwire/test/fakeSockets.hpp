@@ -16,17 +16,11 @@ namespace pktwire::test {
 
 using Bytes = std::vector<std::byte>;
 
-inline Bytes FromHex(const std::string& text) {
+inline Bytes FromHex(std::string text) {
+    std::erase(text, ' ');
     Bytes bytes;
-    std::string digits;
-    for (char c : text) {
-        if (c == ' ') continue;
-        digits += c;
-        if (digits.size() == 2) {
-            bytes.push_back(static_cast<std::byte>(std::stoi(digits, nullptr, 16)));
-            digits.clear();
-        }
-    }
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes.push_back(static_cast<std::byte>(std::stoi(text.substr(i, 2), nullptr, 16)));
     return bytes;
 }
 
@@ -48,14 +42,11 @@ public:
     explicit FakeRxSocket(std::size_t batch = 10) : m_batch{batch} {}
 
     std::deque<Bytes> datagrams;
-    std::size_t calls = 0;
-    std::size_t waits = 0;
 
     void Put(const std::vector<Bytes>& more) { datagrams.insert(datagrams.end(), more.begin(), more.end()); }
 
     std::size_t BatchSize() const noexcept override { return m_batch; }
     std::size_t ReceiveBatch(std::span<mmsghdr> messages, std::error_code& error) noexcept override {
-        ++calls;
         const std::size_t count = std::min({messages.size(), m_batch, datagrams.size()});
         error = count == 0 ? std::make_error_code(std::errc::operation_would_block) : std::error_code{};
         for (mmsghdr& message : messages.first(count)) {
@@ -65,7 +56,6 @@ public:
         return count;
     }
     std::error_code WaitReadable(std::chrono::nanoseconds /*timeout*/) noexcept override {
-        ++waits;
         return std::make_error_code(std::errc::timed_out);
     }
 

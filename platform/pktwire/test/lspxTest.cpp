@@ -1,19 +1,15 @@
-#include "guardedBuffer.hpp"
+#include "bench.hpp"
 
 #include <pktwire/lspx.hpp>
 
 #include <fstream>
-#include <vosk/test/support.hpp>
 
 using namespace pktwire;
 using namespace pktwire::test;
-using namespace std::chrono_literals;
 using lspx::RxErrc;
 using testing::ElementsAre;
 
 namespace {
-
-constexpr time_point TIME{std::chrono::nanoseconds{0x1112131415161718}};
 
 struct Stream {
     std::uint16_t num_frames = 5;
@@ -23,385 +19,318 @@ struct Stream {
     std::uint8_t trailer_info = 0;
     std::uint8_t padding = 0;
     std::uint8_t endianness = lspx::LITTLE_ENDIAN_UNITS;
+    lspx::Status status{3};
 
     std::size_t PayloadSize() const { return std::size_t{units} * unit_size; }
 };
 
-std::vector<Bytes> Cut(const Stream& stream, unsigned id, const Bytes& payload, const Bytes& leader_info,
-                       lspx::Status status = lspx::Status::good, time_point time = TIME) {
-    qudex::Sender::Config config;
-    config.topic = 7;
-    config.num_frames = stream.num_frames;
+Packets CutParts(const Stream& stream, unsigned id, const Parts& parts, time_point time = TIME,
+                 std::uint16_t component = 0) {
     const auto padding = FromHex("d1d2");
-    return test::Cut(config,
+    return test::Cut(SenderConfig(stream.num_frames, component),
                      {lspx::OTHER_SOURCE, stream.endianness, stream.leader_info, stream.trailer_info,
                       stream.units, stream.padding, padding},
-                     id, {leader_info, payload, Bytes(stream.trailer_info)}, time, status);
+                     id, parts, time, stream.status);
 }
 
-using Pieces = std::array<gsl::span<std::byte>, 6>;
-
-auto Into(Pieces& entries, gsl::span<std::byte> piece) {
-    auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
-    builder.Append(piece);
-    return builder;
+// The content of every part follows from the ID.
+Packets Cut(const Stream& stream, unsigned id, time_point time = TIME, std::uint16_t component = 0) {
+    return CutParts(stream, id,
+                    {ContentOf(id, stream.leader_info), ContentOf(id, stream.PayloadSize(), component),
+                     ContentOf(id, stream.trailer_info)},
+                    time, component);
 }
 
-struct Bench {
-    explicit Bench(const Stream& the_stream)
-        : stream{the_stream},
-          receiver{{stream.endianness, stream.leader_info, stream.trailer_info, stream.padding,
-                    stream.unit_size, 2},
-                   QudexReceiver(),
-                   nullptr},
+// Receives whole samples, or packet by packet as a caller does who places the payload himself.
+struct LspxBench : Bench<lspx::Receiver> {
+    LspxBench(const Stream& the_stream, bool packet_by_packet)
+        : Bench{[&the_stream](RxSocket& rx) { return MakeReceiver(the_stream, rx); },
+                the_stream.PayloadSize()},
+          stream{the_stream},
+          by_packet{packet_by_packet},
           leader_info(stream.leader_info),
-          buffer{stream.PayloadSize()},
           trailer_info(stream.trailer_info) {}
 
-    lspx::Receiver::QudexReceiver QudexReceiver() {
-        qudex::Receiver::Config config;
-        config.topic = 7;
-        config.num_frames = stream.num_frames;
-        return {new qudex::Receiver{config, socket, nullptr}, std::default_delete<qudex::Receiver>{}};
+    static lspx::Receiver MakeReceiver(const Stream& stream, RxSocket& rx) {
+        return {
+            {stream.endianness, stream.leader_info, stream.trailer_info, stream.padding, stream.unit_size, 2},
+            {new qudex::Receiver{ReceiverConfig(stream.num_frames), rx, nullptr},
+             std::default_delete<qudex::Receiver>{}},
+            nullptr};
     }
-    Bytes Content(std::size_t size) { return buffer.Content(size); }
-    RxCounters Counters() const { return receiver.GetCounters(); }
-    std::pair<std::error_code, lspx::Receiver::Sample> ReceiveSample() {
-        return receiver.ReceiveSample(leader_info, buffer.Get(), trailer_info, 1h);
+    std::error_code Receive() override {
+        std::fill(buffer.Get().begin(), buffer.Get().end(), std::byte{});
+        return by_packet ? ReceivePackets() : ReceiveWhole();
     }
+    auto Into(gsl::span<std::byte> piece) {
+        auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
+        builder.Append(piece);
+        return builder;
+    }
+    auto ReceiveLeader() {
+        auto pieces = Into(gsl::span{leader_info}.first(1));
+        pieces.Append(gsl::span{leader_info}.subspan(1));
+        return receiver.ReceiveLeaderPacket(std::move(pieces), 1h);
+    }
+    auto ReceiveTrailer() { return receiver.ReceiveTrailerPacket(Into(trailer_info), 1h); }
+
+    std::error_code ReceiveWhole() {
+        auto [error, sample] = receiver.ReceiveSample(leader_info, buffer.Get(), trailer_info, 1h);
+        if (!error) Check(*sample.leader, *sample.trailer);
+        return error;
+    }
+    std::error_code ReceivePackets() {
+        const auto leader = ReceiveLeader();
+        if (leader.error) return leader.error;
+        const std::uint32_t total = leader.packet->NumUnits();
+        if (std::size_t{total} * stream.unit_size > buffer.Get().size()) return RxErrc::buffer_too_small;
+        const auto frames = leader.packet->NumFrames();
+        const std::uint32_t per_packet = frames > 2 ? (total + frames - 3) / (frames - 2U) : 0;
+        std::uint32_t done = 0;
+        for (std::uint16_t frame = 2; frame < frames; ++frame) {
+            const std::uint32_t units = std::min(per_packet, total - done);
+            const auto place = buffer.Get().subspan(std::size_t{done} * stream.unit_size,
+                                                    std::size_t{units} * stream.unit_size);
+            const auto payload = receiver.ReceivePayloadPacket(Into(place), 1h);
+            if (payload.error) return payload.error;
+            EXPECT_EQ(payload.packet->FirstUnit(), done + 1);
+            EXPECT_EQ(payload.packet->SampleId(), leader.packet->SampleId());
+            done += units;
+        }
+        if (done != total) return RxErrc::payload_missing;
+        const auto trailer = ReceiveTrailer();
+        if (!trailer.error) Check(*leader.packet, *trailer.packet);
+        return trailer.error;
+    }
+    void Check(const lspx::Receiver::LeaderPacket& leader, const lspx::Receiver::TrailerPacket& trailer) {
+        id = leader.SampleId();
+        EXPECT_EQ(trailer.SampleId(), id);
+        EXPECT_EQ(leader.GetStatus(), stream.status);
+        EXPECT_GE(trailer.Timestamp(), TIME);
+        EXPECT_TRUE(buffer.Holds(ContentOf(id, std::size_t{leader.NumUnits()} * stream.unit_size))) << id;
+        EXPECT_EQ(leader_info, ContentOf(id, leader_info.size()));
+        EXPECT_EQ(trailer_info, ContentOf(id, trailer_info.size()));
+    }
+
     Stream stream;
-    FakeRxSocket socket;
-    lspx::Receiver receiver;
+    bool by_packet;
     Bytes leader_info;
-    GuardedBuffer buffer;
     Bytes trailer_info;
+    std::array<gsl::span<std::byte>, 6> entries{};
 };
 
-// The reception that a caller writes who places the payload himself. Gives the error, and whether it was
-// whole.
-std::pair<std::error_code, bool> ReceivePacketByPacket(Bench& bench) {
-    Pieces entries{};
-    const auto pieces = [&entries](gsl::span<std::byte> piece) { return Into(entries, piece); };
-    auto leader = bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h);
-    while (leader.error == RxErrc::other_packet || leader.error == std::errc::message_size) {
-        leader = bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h);
+void ExpectInBothManners(const Stream& stream, const Arrivals& arrivals) {
+    for (bool by_packet : {false, true}) {
+        SCOPED_TRACE(by_packet ? "packet by packet" : "whole samples");
+        LspxBench{stream, by_packet}.Expect(arrivals);
     }
-    if (leader.error) return {leader.error, false};
-    const std::uint32_t total = leader.packet->NumUnits();
-    const std::uint16_t frames = leader.packet->NumFrames();
-    const std::uint32_t per_packet = frames > 2 ? (total + frames - 3) / (frames - 2U) : 0;
-    auto rest = bench.buffer.Get().first(std::size_t{total} * bench.stream.unit_size);
-    std::uint32_t highest = 1;
-    for (std::uint16_t index = 2; index < frames; ++index) {
-        const auto chunk =
-            rest.first(std::min<std::size_t>(rest.size(), std::size_t{per_packet} * bench.stream.unit_size));
-        auto payload = bench.receiver.ReceivePayloadPacket(pieces(chunk), 1h);
-        while (payload.error == RxErrc::other_packet)
-            payload = bench.receiver.ReceivePayloadPacket(pieces(chunk), 1h);
-        if (payload.error) return {payload.error, false};
-        EXPECT_EQ(payload.packet->SampleId(), leader.packet->SampleId());
-        highest = std::max(highest, payload.packet->FirstUnit() +
-                                        static_cast<std::uint32_t>(chunk.size() / bench.stream.unit_size));
-        rest = rest.subspan(chunk.size());
-    }
-    EXPECT_TRUE(rest.empty());
-    EXPECT_EQ(highest - 1, total);
-    auto trailer = bench.receiver.ReceiveTrailerPacket(pieces(bench.trailer_info), 1h);
-    while (trailer.error == RxErrc::other_packet) {
-        trailer = bench.receiver.ReceiveTrailerPacket(pieces(bench.trailer_info), 1h);
-    }
-    return {trailer.error, trailer.packet && trailer.packet->SampleId() == leader.packet->SampleId()};
 }
 
 TEST(LspxSender, WritesLeaderPayloadAndTrailerByteByByte) {
-    const Stream stream{
-        .num_frames = 4, .units = 3, .unit_size = 2, .leader_info = 1, .trailer_info = 2, .padding = 3};
+    const Stream stream{.num_frames = 4,
+                        .units = 3,
+                        .leader_info = 1,
+                        .trailer_info = 2,
+                        .padding = 3,
+                        .status = lspx::Status{6}};
     const std::string qudex = "51554458 01 00 0000 00000009 1112131415161718 ";
-    EXPECT_THAT(Cut(stream, 9, FromHex("a1a2 b1b2 c1c2"), FromHex("ee"), lspx::Status{6}),
-                ElementsAre(FromHex(qudex + "0001 0004 00000007 00000000 00000014 0000 0000 00000000 00000000"
+    EXPECT_THAT(CutParts(stream, 9, {FromHex("ee"), FromHex("a1a2 b1b2 c1c2"), FromHex("0000")}),
+                ElementsAre(FromHex(qudex + "0001 0004 01020304 00000000 00000014 0000 0000 00000000 00000000"
                                             "01 01 18 02 03 06 01 00 00000003 00000000 d1d2d1 ee"),
-                            FromHex(qudex + "0002 0004 00000007 00000014 00000017 0000 0000 00000000 00000000"
+                            FromHex(qudex + "0002 0004 01020304 00000014 00000017 0000 0000 00000000 00000000"
                                             "01 02 18 02 03 06 00 00 00000003 00000001 d1d2d1 a1a2 b1b2"),
-                            FromHex(qudex + "0003 0004 00000007 0000002b 00000015 0000 0000 00000000 00000000"
+                            FromHex(qudex + "0003 0004 01020304 0000002b 00000015 0000 0000 00000000 00000000"
                                             "01 02 18 02 03 06 00 00 00000003 00000003 d1d2d1 c1c2"),
-                            FromHex(qudex + "0004 0004 00000007 00000040 00000015 0000 0000 00000000 00000000"
+                            FromHex(qudex + "0004 0004 01020304 00000040 00000015 0000 0000 00000000 00000000"
                                             "01 03 18 02 03 06 02 00 00000003 00000000 d1d2d1 0000")));
 }
 
-// The code blocks of the page, two lines a datagram: what peers in other languages are written from.
-std::vector<Bytes> ExampleOfWireFormatPage() {
+// The code blocks of the page, from which peers in other languages are written.
+Bytes ExampleOfWireFormatPage() {
     std::ifstream page{VOSK_WIRE_FORMAT_PAGE};
-    std::vector<Bytes> datagrams;
-    std::string first;
+    Bytes bytes;
     bool in_block = false;
     for (std::string line; std::getline(page, line);) {
         if (line == "```") {
             in_block = !in_block;
-        } else if (in_block && first.empty()) {
-            first = line;
         } else if (in_block) {
-            datagrams.push_back(FromHex(std::exchange(first, {}) + line));
+            bytes = bytes + FromHex(line);
         }
     }
-    return datagrams;
+    return bytes;
 }
 
 TEST(LspxSender, SendsTheExampleOfTheWireFormatPage) {
-    const Stream stream{.num_frames = 4, .units = 3, .leader_info = 1};
-    auto datagrams = Cut(stream, 9, FromHex("a1a2 b1b2 c1c2"), FromHex("ee"));
-    for (Bytes& datagram : datagrams) {
-        const Bytes time = FromHex("0000000000000001");
-        std::copy(time.begin(), time.end(), datagram.begin() + 12);
+    const Stream stream{.num_frames = 4, .units = 3, .leader_info = 1, .status = lspx::Status::good};
+    Bytes sent;
+    for (const Bytes& datagram :
+         CutParts(stream, 9, {FromHex("ee"), FromHex("a1a2 b1b2 c1c2"), {}}, vosk::test::At(1))) {
+        sent = sent + With(With(With(With(datagram, 24, 0), 25, 0), 26, 0), 27, 7);  // topic
     }
-    EXPECT_EQ(ExampleOfWireFormatPage(), datagrams);
+    EXPECT_EQ(ExampleOfWireFormatPage(), sent);
 }
 
 TEST(LspxSender, RefusesSpansOfOtherSizesThanConfigured) {
     FakeTxSocket socket;
-    qudex::Sender::Config config;
-    config.num_frames = 3;
-    qudex::Sender qudex_sender{config, socket, nullptr};
+    qudex::Sender qudex_sender{SenderConfig(3), socket, nullptr};
     lspx::Sender sender{{.leader_extended_info_size = 4, .frame_size = 3}, qudex_sender};
-    EXPECT_EQ(sender.SendSample(Bytes(3), Bytes(12), {}, TIME, {}, {}), std::errc::invalid_argument);
-    EXPECT_EQ(sender.SendSample(Bytes(4), Bytes(13), {}, TIME, {}, {}), std::errc::invalid_argument);
-    EXPECT_EQ(sender.SendSample(Bytes(4), {}, {}, TIME, {}, {}), std::errc::invalid_argument);
+    const auto send = [&sender](std::size_t info, std::size_t payload) {
+        return sender.SendSample(Bytes(info), Bytes(payload), {}, TIME, {}, {});
+    };
+    for (const auto& [info, payload] : {std::pair{3U, 12U}, {4U, 13U}, {4U, 0U}})
+        EXPECT_EQ(send(info, payload), std::errc::invalid_argument);
     EXPECT_TRUE(socket.Take().empty());
-    EXPECT_FALSE(sender.SendSample(Bytes(4), Bytes(12), {}, TIME, {}, {}));
-    config.num_frames = 2;
-    qudex::Sender too_few{config, socket, nullptr};
+    EXPECT_FALSE(send(4, 12));
+    qudex::Sender too_few{SenderConfig(2), socket, nullptr};
     EXPECT_THROW((lspx::Sender{{.frame_size = 3}, too_few}), std::runtime_error);
 }
 
-std::error_code Receive(Bench& bench, bool packet_by_packet) {
-    return packet_by_packet ? ReceivePacketByPacket(bench).first : bench.ReceiveSample().first;
-}
-
 TEST(LspxReceiver, ReceivesCameraFramesWhereTheyBelongInBothManners) {
-    const std::array<Stream, 4> streams{
-        Stream{.num_frames = 206, .units = 783360, .leader_info = 8},
-        Stream{.num_frames = 943, .units = 4194304, .leader_info = 28},
-        Stream{.num_frames = 8, .units = 7, .trailer_info = 3, .padding = 5},
-        Stream{.num_frames = 3, .units = 3, .unit_size = 4, .leader_info = 33}};
-    for (const Stream& stream : streams) {
-        const Bytes payload = Counting(stream.PayloadSize());
-        const Bytes info = Counting(stream.leader_info, 50);
-        Bench bench{stream};
-        for (unsigned id = 1; id <= 4; ++id)
-            bench.socket.Put(Cut(stream, id, payload, info, lspx::Status{3}));
-        for (unsigned id = 1; id <= 2; ++id) {
-            auto [error, sample] = bench.ReceiveSample();
-            ASSERT_FALSE(error) << error.message();
-            EXPECT_EQ(sample.leader->SampleId(), id);
-            EXPECT_EQ(sample.leader->GetStatus(), lspx::Status{3});
-            EXPECT_EQ(sample.leader->NumUnits(), stream.units);
-            EXPECT_EQ(sample.leader->NumFrames(), stream.num_frames);
-            EXPECT_EQ(sample.trailer->Timestamp(), TIME);
-            EXPECT_TRUE(bench.Content(payload.size()) == payload && bench.leader_info == info);
+    for (const Stream& stream : {Stream{.num_frames = 206, .units = 783360, .leader_info = 8},
+                                 Stream{.num_frames = 943, .units = 4194304, .leader_info = 28},
+                                 Stream{.num_frames = 8, .units = 7, .trailer_info = 3, .padding = 5},
+                                 Stream{.num_frames = 3, .units = 3, .unit_size = 4, .leader_info = 33}}) {
+        LspxBench bench{stream, false};
+        for (bool by_packet : {false, true}) {
+            bench.by_packet = by_packet;
+            const unsigned id = by_packet ? 3 : 1;
+            bench.Expect({"", {Cut(stream, id), Cut(stream, id + 1)}, by_packet ? "3 4" : "1 2", ""});
         }
-        for (unsigned id = 3; id <= 4; ++id) {
-            std::fill(bench.buffer.Get().begin(), bench.buffer.Get().end(), std::byte{});
-            EXPECT_EQ(ReceivePacketByPacket(bench), (std::pair{std::error_code{}, true}));
-            EXPECT_TRUE(bench.Content(payload.size()) == payload && bench.leader_info == info);
-        }
-        const RxCounters& counters = bench.Counters();
-        EXPECT_EQ(counters.copied + counters.ahead + counters.reordered, 0U);
+        EXPECT_EQ(bench.Counters().copied + bench.Counters().ahead, 0U);
     }
 }
 
-TEST(LspxReceiver, FollowsWindowsOfChangingSize) {
+TEST(LspxReceiver, FollowsWindowsOfChangingSizeInBothManners) {
     const Stream full{.num_frames = 12, .units = 1000};
     const Stream window{.num_frames = 5, .units = 31};
-    Bench bench{full};
-    const std::array<Stream, 6> streams{full, window, window, full, window, full};
-    for (unsigned id = 0; id < streams.size(); ++id) {
-        bench.socket.Put(Cut(streams.at(id), id, Counting(streams.at(id).PayloadSize(), id), Bytes(4)));
-    }
-    for (unsigned id = 0; id < streams.size(); ++id) {
-        auto [error, sample] = bench.ReceiveSample();
-        ASSERT_FALSE(error) << id << error.message();
-        EXPECT_EQ(sample.leader->NumUnits(), streams.at(id).units);
-        EXPECT_EQ(bench.Content(streams.at(id).PayloadSize()), Counting(streams.at(id).PayloadSize(), id));
-    }
+    ExpectInBothManners(
+        full, {"",
+               {Cut(full, 1), Cut(window, 2), Cut(window, 3), Cut(full, 4), Cut(window, 5), Cut(full, 6)},
+               "1 2 3 4 5 6",
+               ""});
 }
 
-TEST(LspxReceiver, EachFaultCostsOneSampleInBothManners) {
+TEST(LspxReceiver, EachFaultAndEachOtherSetUpCostsOneSampleInBothManners) {
     const Stream stream{.num_frames = 30, .units = 300};
-    const auto fault = [&](unsigned id, int kind) {
-        auto datagrams = Cut(stream, id, Counting(600, id), Counting(4));
-        if (kind == 0) datagrams.erase(datagrams.begin());
-        if (kind == 1) datagrams.erase(datagrams.begin() + 14);
-        if (kind == 2) datagrams.pop_back();
-        if (kind == 3) datagrams.resize(15);
-        if (kind == 4) datagrams[3][48] = std::byte{9};  // version
-        if (kind == 5) {                                 // a short body
-            datagrams[3].erase(datagrams[3].end() - 2, datagrams[3].end());
-            datagrams[3][35] = static_cast<std::byte>(datagrams[3].size() - 48);
-        }
-        if (kind == 6) datagrams[3][63] ^= std::byte{1};  // another first unit
-        if (kind == 7) datagrams[3][59] ^= std::byte{1};  // another count of units
-        return datagrams;
+    const Packets good = Cut(stream, 3);
+    const auto without = [&good](std::ptrdiff_t first, std::ptrdiff_t last) {
+        Packets rest = good;
+        rest.erase(rest.begin() + first, rest.begin() + last);
+        return rest;
     };
-    for (int kind = 0; kind < 8; ++kind) {
-        for (bool packet_by_packet : {false, true}) {
-            Bench bench{stream};
-            for (unsigned id = 1; id <= 5; ++id) {
-                bench.socket.Put(id == 3 ? fault(id, kind) : Cut(stream, id, Counting(600, id), Counting(4)));
-            }
-            std::vector<unsigned> good;
-            std::vector<std::error_code> errors;
-            for (;;) {
-                const std::error_code error = Receive(bench, packet_by_packet);
-                if (error == std::errc::timed_out) break;
-                if (error) {
-                    errors.push_back(error);
-                    continue;
-                }
-                for (unsigned id = 1; id <= 5; ++id) {
-                    if (bench.Content(600) == Counting(600, id)) good.push_back(id);
-                }
-            }
-            EXPECT_THAT(good, ElementsAre(1, 2, 4, 5))
-                << "fault " << kind << ", by packet " << packet_by_packet;
-            ASSERT_EQ(errors.size(), 1U);
-            EXPECT_EQ(errors[0] == RxErrc::unit_count, kind > 4) << errors[0].message();
-            EXPECT_EQ(bench.Counters().samples, 4U);
+    const auto changed = [&good](std::size_t offset, unsigned by) {
+        Packets bad = good;
+        bad[3][offset] ^= static_cast<std::byte>(by);
+        return bad;
+    };
+    const auto of = [&stream](auto Stream::*field, auto value) {
+        Stream other = stream;
+        other.*field = static_cast<std::decay_t<decltype(other.*field)>>(value);
+        return Cut(other, 3);
+    };
+    Packets short_body = good;
+    short_body[3].resize(good[3].size() - 2);
+    short_body[3][35] = static_cast<std::byte>(good[3].size() - 2 - 48);
+    const std::tuple<const char*, Packets, std::string, unsigned> cases[]{
+        {"no leader", without(0, 1), "qudex:1", 1},
+        {"no payload packet", without(14, 15), "qudex:1", 1},
+        {"no trailer", without(29, 30), "qudex:1", 1},
+        {"no second half", without(15, 30), "qudex:1", 15},
+        {"no room for payload packets", {With(good[0], 23, 2)}, "lspx:6", 0},
+        {"another version", changed(48, 2), "lspx:5", 0},
+        {"another kind", changed(49, 1), "lspx:5", 0},
+        {"a short body", short_body, "lspx:15", 0},
+        {"another first unit", changed(63, 1), "lspx:15", 0},
+        {"another count of units", changed(59, 1), "lspx:15", 0},
+        {"byte order", of(&Stream::endianness, lspx::BIG_ENDIAN_UNITS), "lspx:1", 0},
+        {"unit size", of(&Stream::unit_size, 4), "lspx:2", 0},
+        {"leader information", of(&Stream::leader_info, 5), "lspx:3", 0},
+        {"trailer information", of(&Stream::trailer_info, 5), "lspx:3", 0},
+        {"padding", of(&Stream::padding, 1), "lspx:4", 0},
+        {"frames", of(&Stream::num_frames, 31), "qudex:3", 0},
+        {"units", of(&Stream::units, 301), "lspx:13", 0}};
+    for (const auto& [name, bad, error, lost] : cases) {
+        for (bool by_packet : {false, true}) {
+            LspxBench bench{stream, by_packet};
+            for (unsigned id = 1; id <= 5; ++id) bench.socket.Put(id == 3 ? bad : Cut(stream, id));
+            EXPECT_EQ(bench.ReceiveAll(), "1 2 " + error + " 4 5") << name << by_packet;
+            EXPECT_EQ(bench.Counters().given_up + bench.Counters().refused, 1U) << name << by_packet;
+            EXPECT_EQ(bench.Counters().lost, lost) << name << by_packet;
         }
     }
 }
 
-TEST(LspxReceiver, RepairsReorderingInBothManners) {
+TEST(LspxReceiver, RepairsAnyOrderInBothManners) {
     const Stream stream{.num_frames = 30, .units = 300, .trailer_info = 1};
-    const Bytes payload = Counting(600);
-    auto datagrams = Cut(stream, 1, payload, Counting(4));
-    std::rotate(datagrams.begin(), datagrams.begin() + 3, datagrams.begin() + 9);
-    std::swap(datagrams[20], datagrams[29]);
-    datagrams.push_back(datagrams[5]);
-    std::rotate(datagrams.begin() + 15, datagrams.end() - 1, datagrams.end());
-    for (bool packet_by_packet : {false, true}) {
-        Bench bench{stream};
-        bench.socket.Put(datagrams);
-        EXPECT_FALSE(Receive(bench, packet_by_packet));
-        EXPECT_EQ(bench.Content(600), payload);
-        EXPECT_EQ(bench.Counters().duplicate, 1U);
-        EXPECT_EQ(bench.Counters().reordered, 12U);
-        EXPECT_EQ(bench.Counters().ahead, 0U);
-    }
-}
-
-TEST(LspxReceiver, PacketByPacketASampleMayComeInAnyOrderBesideOthers) {
-    const Stream stream{.num_frames = 30, .units = 300};
-    Bench bench{stream};
-    auto datagrams = Cut(stream, 1, Counting(600), Counting(4));
-    std::reverse(datagrams.begin(), datagrams.end());
-    datagrams.insert(datagrams.begin() + 20, Cut(stream, 2, Counting(600, 2), Counting(4))[0]);
-    bench.socket.Put(datagrams);
-    EXPECT_FALSE(Receive(bench, true));
-    EXPECT_EQ(bench.Content(600), Counting(600));
-}
-
-TEST(LspxReceiver, RefusesWhatDoesNotFitItsSetUp) {
-    const Stream ours;
-    const auto answer = [&](const Stream& theirs) {
-        std::error_code error;
-        for (bool packet_by_packet : {false, true}) {
-            if (error == RxErrc::buffer_too_small) break;  // a caller's matter, packet by packet
-            Bench bench{ours};
-            bench.socket.Put(Cut(theirs, 1, Bytes(theirs.PayloadSize()), Bytes(theirs.leader_info)));
-            bench.socket.Put(Cut({.units = 3}, 2, Bytes(6), Bytes(4)));
-            const std::error_code former = std::exchange(error, Receive(bench, packet_by_packet));
-            EXPECT_TRUE(!packet_by_packet || error == former) << error.message();
-            EXPECT_FALSE(Receive(bench, packet_by_packet));
-            EXPECT_EQ(bench.Counters().refused, 1U);
-        }
-        return error;
-    };
-    EXPECT_EQ(answer({.endianness = lspx::BIG_ENDIAN_UNITS}), RxErrc::endianness);
-    EXPECT_EQ(answer({.unit_size = 4}), RxErrc::data_unit_size);
-    EXPECT_EQ(answer({.leader_info = 5}), RxErrc::extended_info_size);
-    EXPECT_EQ(answer({.trailer_info = 5}), RxErrc::extended_info_size);
-    EXPECT_EQ(answer({.padding = 1}), RxErrc::padding_size);
-    EXPECT_EQ(answer({.units = 11}), RxErrc::buffer_too_small);
-    EXPECT_EQ(answer({.num_frames = 6}), qudex::RxErrc::frame_count);
-    EXPECT_EQ(lspx::make_error_code(RxErrc::buffer_too_small).value(), 13);
+    Packets mixed = Cut(stream, 1);
+    Packets backwards{mixed.rbegin(), mixed.rend()};
+    std::rotate(mixed.begin(), mixed.begin() + 3, mixed.begin() + 9);
+    std::swap(mixed[20], mixed[29]);
+    mixed.push_back(mixed[5]);
+    std::rotate(mixed.begin() + 15, mixed.end() - 1, mixed.end());
+    ExpectInBothManners(stream, {"mixed", {mixed}, "1", "duplicate 1 reordered 12"});
+    backwards.insert(backwards.begin() + 20, Cut(stream, 2)[0]);
+    ExpectInBothManners(stream, {"backwards, beside another", {backwards}, "1", "reordered 29"});
 }
 
 TEST(LspxReceiver, StraysBetweenThePacketsOfASampleCostNothingInBothManners) {
     const Stream stream;
-    const auto good = Cut(stream, 1, Counting(20), Bytes(4));
-    auto one_frame = Cut(stream, 100, Counting(20), Bytes(4))[0];
-    one_frame[23] = std::byte{1};
-    const std::vector<Bytes> misfits{
-        one_frame, Cut({.num_frames = 6}, 101, Counting(20), Bytes(4))[2],
-        Cut({.endianness = lspx::BIG_ENDIAN_UNITS}, 102, Counting(20), Bytes(4))[0]};
-    auto of_another_sender = Cut(stream, 1, Counting(20, 99), Bytes(4));
-    for (Bytes& datagram : of_another_sender) datagram[7] = std::byte{1};  // component
-    for (bool packet_by_packet : {false, true}) {
-        Bench bench{stream};
-        for (std::size_t i = 0; i < good.size(); ++i) {
-            bench.socket.Put({good[i]});
-            if (i + 1 == good.size()) break;
-            bench.socket.Put(misfits);
-            bench.socket.Put({of_another_sender[i]});
-        }
-        EXPECT_FALSE(Receive(bench, packet_by_packet));
-        EXPECT_EQ(bench.Content(20), Counting(20));
-        EXPECT_EQ(bench.Counters().malformed, 4 * misfits.size());
-        EXPECT_EQ(bench.Counters().foreign, 4U);
+    const Packets good = Cut(stream, 1);
+    const Packets theirs = Cut(stream, 1, TIME, 1);
+    const Packets misfits{With(Cut(stream, 100)[0], 23, 1), Cut({.num_frames = 6}, 101)[2],
+                          Cut({.endianness = lspx::BIG_ENDIAN_UNITS}, 102)[0]};
+    Arrivals arrivals{"", {{good[0]}}, "1", "foreign 4 malformed 12"};
+    for (std::size_t i = 1; i < good.size(); ++i) {
+        arrivals.packets.push_back(misfits);
+        arrivals.packets.push_back({theirs[i - 1], good[i]});
+    }
+    ExpectInBothManners(stream, arrivals);
+}
+
+TEST(LspxReceiver, FollowsASenderThatStartsAgainUnderTheIdOfALostSampleInBothManners) {
+    Packets lost = Cut(Stream{}, 1);
+    lost.erase(lost.begin());
+    for (bool by_packet : {false, true}) {
+        LspxBench bench{{}, by_packet};
+        for (const Packets& packets : {lost, Cut(Stream{}, 2), Cut(Stream{}, 1, TIME + 1s)})
+            bench.socket.Put(packets);
+        EXPECT_EQ(bench.ReceiveAll(), "qudex:1 2 1") << by_packet;
     }
 }
 
 TEST(LspxReceiver, PacketCallsForAnotherKindSayOtherPacket) {
     const Stream stream;
-    Bench bench{stream};
-    bench.socket.Put(Cut(stream, 1, Counting(20), Bytes(4)));
-    bench.socket.Put(Cut(stream, 2, Counting(20), Bytes(4)));
-    Pieces entries{};
-    const auto pieces = [&entries](gsl::span<std::byte> piece) { return Into(entries, piece); };
-    EXPECT_EQ(bench.receiver.ReceivePayloadPacket(pieces(bench.buffer.Get()), 1h).error,
-              RxErrc::other_packet);
-    EXPECT_EQ(ReceivePacketByPacket(bench).second, false);  // its leader is gone
-    EXPECT_EQ(ReceivePacketByPacket(bench).second, true);
-    EXPECT_EQ(ReceivePacketByPacket(bench).first, std::errc::timed_out);
+    LspxBench bench{stream, true};
+    bench.socket.Put(Cut(stream, 1));
+    EXPECT_EQ(bench.receiver.ReceivePayloadPacket(bench.Into(bench.buffer.Get()), 1h).error,
+              RxErrc::other_packet);  // the leader is gone, and with it its sample
+    bench.Expect({"", {Cut(stream, 2)}, "qudex:1 2", "given_up 1 lost 1 stale 4 unexpected 1"});
 
-    bench.socket.Put(Cut(stream, 3, Counting(20), Bytes(4)));
-    ASSERT_FALSE(bench.receiver.ReceiveLeaderPacket(pieces(bench.leader_info), 1h).error);
-    for (int payload_packets = 0; payload_packets < 3; ++payload_packets) {
-        EXPECT_EQ(bench.receiver.ReceiveTrailerPacket(pieces({}), 1h).error, RxErrc::other_packet);
-    }
-    EXPECT_FALSE(bench.receiver.ReceiveTrailerPacket(pieces({}), 1h).error);
+    bench.socket.Put(Cut(stream, 3));
+    ASSERT_FALSE(bench.ReceiveLeader().error);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(bench.ReceiveTrailer().error, RxErrc::other_packet);
+    EXPECT_EQ(bench.receiver.ReceivePayloadPacket(bench.Into(bench.buffer.Get()), 1h).error,
+              RxErrc::other_packet);  // the trailer, which ends the sample
 
-    bench.socket.Put(Cut(stream, 4, Counting(20), Bytes(4)));
-    EXPECT_EQ(bench.receiver.ReceiveLeaderPacket(pieces(gsl::span<std::byte>{bench.leader_info}.first(3)), 1h)
-                  .error,
-              std::errc::message_size);
-    EXPECT_EQ(bench.Counters().refused, 1U);
+    bench.leader_info.resize(3);
+    bench.socket.Put(Cut(stream, 4));
+    EXPECT_EQ(bench.ReceiveLeader().error, std::errc::message_size);
+    EXPECT_EQ(Mishaps(bench.Counters()), "given_up 2 refused 1 lost 1 stale 4 unexpected 5");
 }
 
-TEST(LspxReceiver, ASampleThatTheCallerLeavesIsCounted) {
-    Bench bench{Stream{}};
-    Pieces entries{};
-    for (unsigned id = 1; id <= 2; ++id) bench.socket.Put(Cut(bench.stream, id, Counting(20), Bytes(4)));
-    ASSERT_FALSE(bench.receiver.ReceiveLeaderPacket(Into(entries, bench.leader_info), 1h).error);
-    EXPECT_FALSE(bench.ReceiveSample().first);
-    EXPECT_EQ(bench.Counters().given_up, 1U);
-    EXPECT_EQ(bench.Counters().samples, 1U);
-}
-
-TEST(LspxReceiver, FollowsASenderThatStartsAnewUnderTheIdOfALostSampleInBothManners) {
-    const Stream stream;
-    for (bool packet_by_packet : {false, true}) {
-        Bench bench{stream};
-        auto lost = Cut(stream, 1, Counting(20), Bytes(4));
-        lost.erase(lost.begin());
-        bench.socket.Put(lost);
-        bench.socket.Put(Cut(stream, 2, Counting(20, 2), Bytes(4)));
-        bench.socket.Put(Cut(stream, 1, Counting(20, 3), Bytes(4), lspx::Status::good, TIME + 1s));
-        EXPECT_EQ(Receive(bench, packet_by_packet), qudex::RxErrc::sample_given_up);
-        for (unsigned content : {2U, 3U}) {
-            EXPECT_FALSE(Receive(bench, packet_by_packet));
-            EXPECT_EQ(bench.Content(20), Counting(20, content)) << packet_by_packet;
-        }
-    }
+TEST(LspxReceiver, ASampleThatTheCallerLeavesIsCountedUnlessARestartForgetsIt) {
+    LspxBench bench{Stream{}, false};
+    for (unsigned id = 1; id <= 2; ++id) bench.socket.Put(Cut(Stream{}, id));
+    ASSERT_FALSE(bench.ReceiveLeader().error);
+    bench.Expect({"left for a whole one", {{Cut(Stream{}, 3)[0]}}, "2", "given_up 1 stale 4"});
+    bench.leader_info = Bytes(4);
+    bench.Expect({"left for another buffer", {}, "qudex:1", "given_up 2 lost 4 stale 4"});
+    bench.Expect({"in work", {{Cut(Stream{}, 4)[0]}}, "", "given_up 2 lost 4 stale 4"});
+    bench.socket.Put(Cut(Stream{}, 5));
+    EXPECT_FALSE(bench.ReceiveLeader().error);
+    EXPECT_EQ(Mishaps(bench.Counters()), "given_up 3 lost 8 stale 4");
+    bench.receiver.Restart();
+    bench.Expect({"after a restart", {Cut(Stream{}, 5)}, "5", ""});
 }
 
 }  // namespace

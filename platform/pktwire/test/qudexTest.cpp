@@ -1,8 +1,6 @@
-#include "qudexBench.hpp"
+#include "bench.hpp"
 
 #include <pktwire/detail/crc32c.hpp>
-
-#include <vosk/test/support.hpp>
 
 using namespace pktwire;
 using namespace pktwire::test;
@@ -25,14 +23,13 @@ TEST(Crc32c, GivesTheKnownValueInBothForms) {
 }
 
 TEST(Qudex, HeaderIsWrittenByteByByteAndReadBack) {
-    FakeTxSocket socket;
-    auto config = SenderConfig(2);
-    config.component_id = 0x0506;
+    FakeTxSocket tx;
+    auto config = SenderConfig(2, 0x0506);
     config.sample_size = 3;
-    qudex::Sender sender{config, socket, nullptr};
+    qudex::Sender sender{config, tx, nullptr};
     sender.SetSampleId(0xA1A2A3A4);
     ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, 0xE1E2));
-    const auto datagrams = socket.Take();
+    const auto datagrams = tx.Take();
     EXPECT_THAT(datagrams,
                 ElementsAre(FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0001 0002 01020304"
                                     "00000000 00000002 e1e2 0000 00000003 00000000 c1 c2"),
@@ -40,14 +37,16 @@ TEST(Qudex, HeaderIsWrittenByteByByteAndReadBack) {
                                     "00000002 00000001 e1e2 0000 00000003 00000000 c3")));
     // The ID goes up by itself.
     ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, {}));
-    EXPECT_EQ(socket.Take().front()[11], std::byte{0xA5});
+    EXPECT_EQ(tx.Take().front()[11], std::byte{0xA5});
     EXPECT_EQ(sender.SendSample(FromHex("c1 c2"), TIME, {}), std::errc::message_size);
 
-    Bench bench{2, 3};
-    bench.socket.Put(datagrams);
-    const auto [error, handle] = bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns);
+    FakeRxSocket rx;
+    rx.Put(datagrams);
+    qudex::Receiver receiver{ReceiverConfig(2), rx, nullptr};
+    GuardedBuffer buffer{3};
+    const auto [error, handle] = receiver.ReceiveSample(buffer.Get(), 0ns);
     ASSERT_FALSE(error);
-    EXPECT_EQ(bench.Content(), FromHex("c1c2c3"));
+    EXPECT_TRUE(buffer.Holds(FromHex("c1c2c3")));
     EXPECT_EQ(handle->first->SampleId(), 0xA1A2A3A4U);
     EXPECT_EQ(handle->first->Timestamp(), TIME);
     EXPECT_EQ(handle->first->NumFrames(), 2U);
@@ -57,26 +56,20 @@ TEST(Qudex, HeaderIsWrittenByteByByteAndReadBack) {
 }
 
 TEST(QudexSender, SendsPiecesOfAnySizeAsFramesInPlace) {
-    FakeTxSocket socket;
-    qudex::Sender sender{SenderConfig(3), socket, nullptr};
-    const Bytes record = Counting(21416);
-    const std::array<std::pair<std::size_t, std::size_t>, 3> segments{
-        {{0, 7136}, {7136, 7136}, {14272, 7144}}};
-    Bench bench{3, record.size()};
-    for (unsigned id : {7U, 8U}) {
-        sender.SetSampleId(id);
-        for (const auto& [offset, size] : segments) {
+    FakeTxSocket tx;
+    qudex::Sender sender{SenderConfig(3), tx, nullptr};
+    QudexBench bench{3, 21416};
+    sender.SetSampleId(7);
+    for (unsigned id : {7U, 8U}) {  // the second by itself
+        const Bytes record = ContentOf(id, 21416);
+        for (const auto& [offset, size] : {std::pair{0U, 7136U}, {7136U, 7136U}, {14272U, 7144U}}) {
             std::array<gsl::span<const std::byte>, 3> entries{};
             detail::IovsBuilder<const std::byte> builder{entries, 1};
-            builder.Append(gsl::span<const std::byte>{record}.subspan(offset, size));
+            builder.Append(gsl::span{record}.subspan(offset, size));
             ASSERT_FALSE(sender.SendPacket(std::move(builder), TIME, std::uint16_t{0}));
-            EXPECT_EQ(entries[0].size(), sizeof(wire::QudexHeader));
         }
-        bench.socket.Put(socket.Take());
-        ASSERT_FALSE(bench.Receive());
-        EXPECT_EQ(bench.id, id);
-        EXPECT_EQ(bench.Content(), record);
     }
+    bench.Expect({"pieces", {tx.Take()}, "7 8", ""});
     // The second sample arrived where it belongs, since the first one taught the cut.
     EXPECT_EQ(bench.Counters().copied, 2U);
 
@@ -87,47 +80,34 @@ TEST(QudexSender, SendsPiecesOfAnySizeAsFramesInPlace) {
 }
 
 TEST(QudexSender, SendsAllFramesAfterARefusalButNoneAfterAnotherError) {
-    FakeTxSocket socket;
-    qudex::Sender sender{SenderConfig(40), socket, nullptr};
-    socket.error = std::make_error_code(std::errc::connection_refused);
+    FakeTxSocket tx;
+    qudex::Sender sender{SenderConfig(40), tx, nullptr};
+    tx.error = std::make_error_code(std::errc::connection_refused);
     EXPECT_EQ(sender.SendSample(Counting(400), TIME, {}).value(), 111);
-    EXPECT_EQ(socket.Take().size(), 40U);
-    socket.error = std::make_error_code(std::errc::network_unreachable);
+    EXPECT_EQ(tx.Take().size(), 40U);
+    tx.error = std::make_error_code(std::errc::network_unreachable);
     EXPECT_EQ(sender.SendSample(Counting(400), TIME, {}), std::errc::network_unreachable);
-    EXPECT_EQ(socket.Take().size(), 32U);
+    EXPECT_EQ(tx.Take().size(), 32U);
 }
 
 TEST(QudexReceiver, PutsFramesOfManySizesTogetherWithoutACopy) {
-    for (std::uint16_t frames :
-         {std::uint16_t{1}, std::uint16_t{3}, std::uint16_t{206}, std::uint16_t{943}}) {
-        for (std::size_t size : {std::size_t{1}, std::size_t{943}, std::size_t{21416}}) {
-            const Bytes sample = Counting(size);
-            Bench bench{frames, size};
-            for (unsigned id = 1; id <= 3; ++id) bench.socket.Put(Cut(sample, frames, id));
-            EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1, 2, 3))
-                << frames << " frames, " << size << " bytes";
-            EXPECT_EQ(bench.Content(), sample);
-            EXPECT_EQ(bench.Counters().copied, 0U);
-            EXPECT_EQ(bench.Counters().ahead, 0U);
+    for (std::uint16_t frames : std::initializer_list<std::uint16_t>{1, 3, 206, 943}) {
+        for (std::size_t size : {1, 943, 21416}) {
+            QudexBench bench{frames, size};
+            bench.Expect(
+                {"", {Cut({1, frames, size}), Cut({2, frames, size}), Cut({3, frames, size})}, "1 2 3", ""});
+            EXPECT_EQ(bench.Counters().copied + bench.Counters().ahead, 0U);
         }
     }
 }
 
 TEST(QudexReceiver, SurvivesEveryOrderOfTheFramesOfTwoSamples) {
-    const std::array<Bytes, 2> samples{Counting(30, 1), Counting(30, 99)};
-    std::vector<Bytes> datagrams = Cut(samples[0], 3, 1);
-    for (const Bytes& datagram : Cut(samples[1], 3, 2)) datagrams.push_back(datagram);
+    std::vector<Bytes> datagrams = Cut({1});
+    for (const Bytes& datagram : Cut({2})) datagrams.push_back(datagram);
     std::array<std::size_t, 6> order{0, 1, 2, 3, 4, 5};
     do {
-        Bench bench{3, 30};
+        QudexBench bench;
         for (std::size_t i : order) bench.socket.Put({datagrams[i]});
-        std::vector<unsigned> ids;
-        for (std::error_code error = bench.Receive(); error != std::errc::timed_out;
-             error = bench.Receive()) {
-            ids.push_back(bench.id);
-            EXPECT_TRUE(error ? error == RxErrc::sample_given_up
-                              : bench.Content() == samples.at(bench.id - 1));
-        }
         // The one that is begun first is lost if the other is whole before it; a sample all of which came
         // before its forerunner began makes that one late.
         const auto last_at = [&order](std::size_t id) {
@@ -135,74 +115,57 @@ TEST(QudexReceiver, SurvivesEveryOrderOfTheFramesOfTwoSamples) {
         };
         const unsigned begun = order[0] < 3 ? 1 : 2;
         const unsigned whole_first = last_at(1) > last_at(2) ? 1 : 2;
-        const auto expected = begun != whole_first ? std::vector<unsigned>{0, whole_first}
-                              : begun == 1         ? std::vector<unsigned>{1, 2}
-                                                   : std::vector<unsigned>{2};
-        ASSERT_EQ(ids, expected);
+        const auto expected = begun != whole_first ? "qudex:1 " + std::to_string(whole_first)
+                              : begun == 1         ? "1 2"
+                                                   : "2";
+        ASSERT_EQ(bench.ReceiveAll(), expected);
     } while (std::next_permutation(order.begin(), order.end()));
 }
 
 TEST(QudexReceiver, ALostPacketCostsItsSampleAndNoOther) {
-    const Bytes sample = Counting(2000);
-    for (std::uint16_t frames : {std::uint16_t{2}, std::uint16_t{5}, std::uint16_t{50}}) {
-        for (std::size_t lost : {std::size_t{0}, frames / 2UL, frames - 1UL}) {
-            Bench bench{frames, sample.size()};
-            for (unsigned id = 1; id <= 4; ++id) {
-                auto datagrams = Cut(sample, frames, id);
-                if (id == 2) datagrams.erase(datagrams.begin() + static_cast<std::ptrdiff_t>(lost));
-                bench.socket.Put(datagrams);
-            }
-            EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1, 0, 3, 4)) << frames << " frames, lost " << lost;
-            EXPECT_EQ(bench.Content(), sample);
-            EXPECT_EQ(bench.Counters().given_up, 1U);
-            EXPECT_EQ(bench.Counters().lost, 1U);
+    for (std::uint16_t frames : std::initializer_list<std::uint16_t>{2, 5, 50}) {
+        for (const int lost : {0, frames / 2, frames - 1}) {
+            Packets second = Cut({2, frames, 2000});
+            second.erase(second.begin() + lost);
+            QudexBench{frames, 2000}.Expect(
+                {"",
+                 {Cut({1, frames, 2000}), second, Cut({3, frames, 2000}), Cut({4, frames, 2000})},
+                 "1 qudex:1 3 4",
+                 "given_up 1 lost 1"});
         }
     }
 }
 
 TEST(QudexReceiver, GoesOnWithTheSampleInWorkAfterATimeOut) {
-    const Bytes sample = Counting(300);
-    const auto datagrams = Cut(sample, 3, 4);
-    Bench bench{3, sample.size()};
-    for (std::size_t i = 0; i < 2; ++i) {
-        bench.socket.Put({datagrams[i]});
+    QudexBench bench;
+    for (std::size_t number : {1U, 2U}) {
+        bench.socket.Put({Frame({4}, number)});
         EXPECT_EQ(bench.Receive(), std::errc::timed_out);
     }
-    Bytes other(sample.size());
+    Bytes other(30);
     EXPECT_EQ(bench.receiver.ReceiveSample(other, 0ns).first, RxErrc::sample_given_up);
     EXPECT_EQ(bench.receiver.ReceiveSample(other, 0ns).first, std::errc::timed_out);
-
-    bench.socket.Put({Cut(sample, 3, 5)[0]});
+    bench.socket.Put({Frame({5}, 1)});
     EXPECT_EQ(bench.Receive(), std::errc::timed_out);
-    bench.socket.Put({Cut(sample, 3, 5)[2], Cut(sample, 3, 5)[1]});
-    EXPECT_FALSE(bench.Receive());
-    EXPECT_EQ(bench.id, 5U);
-    EXPECT_EQ(bench.Content(), sample);
+    bench.Expect({"the rest", {{Frame({5}, 3), Frame({5}, 2)}}, "5", "given_up 1 lost 1 reordered 1"});
 }
 
 TEST(QudexReceiver, ARestartForgetsAllThatCameBefore) {
-    const Bytes sample = Counting(300);
-    const auto datagrams = Cut(sample, 3, 4);
-    Bench bench{3, sample.size()};
-    bench.socket.Put(Cut(sample, 3, 3));
-    bench.socket.Put({datagrams[0], datagrams[1], Cut(sample, 3, 6)[0]});
-    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(3));
-    for (unsigned id = 6; id < 40; ++id) bench.socket.Put(Cut(sample, 3, id));
+    QudexBench bench;
+    bench.Expect({"before", {Cut({3}), {Frame({4}, 1), Frame({4}, 2), Frame({6}, 1)}}, "3", ""});
+    for (unsigned id = 6; id < 40; ++id) bench.socket.Put(Cut({id}));
     bench.receiver.Restart();
     EXPECT_EQ(bench.Counters().packets, 0U);
-    bench.socket.Put({datagrams[2]});     // on its own it makes no sample
-    bench.socket.Put(Cut(sample, 3, 3));  // its sender was restarted as well
-    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(0, 3));
-    EXPECT_EQ(bench.Content(), sample);
+    // A frame that makes no sample on its own, and a sender that was restarted as well.
+    bench.Expect({"after", {{Frame({4}, 3)}, Cut({3})}, "qudex:1 3", "given_up 1 lost 2"});
 }
 
-TEST(QudexReceiver, ACallerWhoKeepsPacketsIsToldWhenNoneIsLeft) {
-    const Bytes sample = Counting(10);
-    Bench bench{1, 10};
+TEST(QudexReceiver, ACallerWhoKeepsPacketsGetsAnErrorWhenNoneIsLeft) {
+    QudexBench bench{1, 10};
     std::vector<qudex::Receiver::SampleHandle> held;
     std::error_code error;
     for (unsigned id = 1; id < 100 && !error; ++id) {
-        bench.socket.Put(Cut(sample, 1, id));
+        bench.socket.Put(Cut({id, 1, 10}));
         auto result = bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns);
         error = result.first;
         if (!error) held.push_back(std::move(*result.second));
@@ -213,16 +176,16 @@ TEST(QudexReceiver, ACallerWhoKeepsPacketsIsToldWhenNoneIsLeft) {
     EXPECT_FALSE(bench.Receive());
 }
 
-TEST(QudexReceiver, ConfigurationsThatCannotWorkAreNamed) {
+TEST(QudexReceiver, ConfigurationsThatCannotWorkAreRefused) {
     FakeRxSocket rx;
     FakeTxSocket tx;
-    EXPECT_THROW((qudex::Receiver{ReceiverConfig(0), rx, nullptr}), std::runtime_error);
     auto config = ReceiverConfig(3);
     config.buf_packets = 1'000'000'000'000;
-    EXPECT_THROW((qudex::Receiver{config, rx, nullptr}), std::runtime_error);
-    EXPECT_THROW((qudex::Sender{SenderConfig(0), tx, nullptr}), std::runtime_error);
     auto wide = SenderConfig(1);
     wide.niovs = 1'000'000;
+    EXPECT_THROW((qudex::Receiver{ReceiverConfig(0), rx, nullptr}), std::runtime_error);
+    EXPECT_THROW((qudex::Receiver{config, rx, nullptr}), std::runtime_error);
+    EXPECT_THROW((qudex::Sender{SenderConfig(0), tx, nullptr}), std::runtime_error);
     EXPECT_THROW((qudex::Sender{wide, tx, nullptr}), std::runtime_error);
 }
 
