@@ -133,7 +133,15 @@ TEST(QudexReceiver, LateAndForgedPacketsCostNoSampleButTheirOwn) {
         const auto theirs = Cut({.id = id, .component = 6});
         if (id <= 3) senders.packets.push_back({ours[0], theirs[1], theirs[0], ours[2], theirs[2], ours[1]});
     }
+    // The clock is behind, and the samples make no run: they are numbered in large steps. One is lost on the
+    // way.
+    Arrivals alone{"a stream from which nothing else is delivered",
+                   {at(1000, 3600)},
+                   "1000 qudex:1 2360",
+                   "given_up 1 lost 1 stale 49"};
+    for (unsigned i = 1; i <= 18; ++i) alone.packets.push_back(Cut({2000 + 20 * i}));
     const Arrivals cases[]{
+        alone,
         replays,
         forged,
         senders,
@@ -159,17 +167,8 @@ TEST(QudexReceiver, LateAndForgedPacketsCostNoSampleButTheirOwn) {
         {"forged frames of the future",
          {Cut({10}), {Frame({14}, 2), Frame({0x80000000}, 1)}, range(11, 16)},
          "10 qudex:1 qudex:1 11 12 13 15 16",
-         "given_up 2 lost 4 stale 3"}};
+         "given_up 2 missed 1 lost 4 stale 3"}};
     for (const Arrivals& arrivals : cases) QudexBench{}.Expect(arrivals);
-}
-
-// Its clock is behind, and it never makes a run: its samples are numbered in large steps.
-TEST(QudexReceiver, FollowsAStreamFromWhichNothingElseIsDelivered) {
-    const Bytes sample = Counting(30);
-    Bench bench{3, 30};
-    bench.socket.Put(Cut(sample, 3, 1000, TIME + 1h));
-    for (unsigned i = 1; i <= 18; ++i) bench.socket.Put(Cut(sample, 3, 2000 + 20 * i));
-    EXPECT_THAT(bench.ReceiveAll(), ElementsAre(1000, 0, 2360));  // one is lost on the way
 }
 
 TEST(QudexReceiver, LatePacketsThatMakeUpNoRunOfSamplesChangeNothing) {
