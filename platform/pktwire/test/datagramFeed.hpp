@@ -8,6 +8,7 @@
 
 #include <gsl/span>
 
+#include <array>
 #include <cstdlib>
 #include <memory_resource>
 
@@ -66,6 +67,9 @@ inline qudex::Sender::Config FuzzedSender(FuzzInput& input, unsigned min_frames,
     return config;
 }
 
+// Where the fields that place a packet end: component, ID, frame, frames, place, size, LSPX units and first.
+constexpr std::array<std::size_t, 8> LOW_BYTES{7, 11, 21, 23, 31, 43, 59, 63};
+
 // Puts the packets of a sample into the socket, each with a mishap or none. The bodies stand behind
 // `head_size` bytes of a datagram and belong where `place_of` finds them to do.
 template <class PlaceOf>
@@ -76,6 +80,10 @@ void Feed(FakeRxSocket& socket, const std::vector<Bytes>& sample, FuzzInput& inp
         const std::uint8_t mishap = input.Byte();
         datagram[19] = std::byte{time};
         if (mishap % 8 == 1) continue;
+        if (mishap % 8 == 4 || mishap % 8 == 5) {
+            const std::size_t at = LOW_BYTES[input.Byte() % LOW_BYTES.size()];
+            datagram[std::min(at, datagram.size() - 1)] = std::byte{input.Byte()};
+        }
         if (mishap % 8 >= 6) datagram[input.Byte() % head_size] = std::byte{input.Byte()};
         if (mishap % 8 == 7) datagram.resize(mishap == 0xFF ? wire::MAX_DATAGRAM : input.Word() % 1500U);
         if (mishap % 16 == 15 && datagram.size() >= sizeof(wire::QudexHeader)) {
