@@ -323,6 +323,7 @@ private:
         refuse(m_facts.log_overflow, "records did not fit the rig's own logs");
         refuse(m_facts.status.counts.kept_back_setpoints,
                "setpoints were kept back, though all commands are finite");
+        refuse(m_facts.status.counts.failed_mode_changes, "changes of mode failed for good");
         refuse(m_facts.status.counts.clock_steps, "times the clock was set in mid-run");
         JudgeSilence();
         JudgeOverwritten();

@@ -54,21 +54,23 @@ struct HostStream {
 // What went wrong with commands and setpoints since the host's start.
 struct HostCounts {
     std::uint64_t late_setpoints = 0;
-    std::uint64_t missing_answers = 0;  // a cycle has no answer, a foreign one, or its own
+    std::uint64_t missing_answers = 0;  // cycles without a usable answer
     std::uint64_t foreign_answers = 0;
     std::uint64_t kept_back_setpoints = 0;
     std::uint64_t overwritten_commands = 0;
     std::uint64_t unfit_source_cycles = 0;
+    std::uint64_t failed_mode_changes = 0;
     std::uint64_t clock_steps = 0;
     std::uint64_t grid_points_skipped = 0;
 };
-inline constexpr std::array<std::pair<const char*, std::uint64_t HostCounts::*>, 8> HOST_COUNTS{
+inline constexpr std::array<std::pair<const char*, std::uint64_t HostCounts::*>, 9> HOST_COUNTS{
     {{"late_setpoints", &HostCounts::late_setpoints},
      {"missing_answers", &HostCounts::missing_answers},
      {"foreign_answers", &HostCounts::foreign_answers},
      {"kept_back_setpoints", &HostCounts::kept_back_setpoints},
      {"overwritten_commands", &HostCounts::overwritten_commands},
      {"unfit_source_cycles", &HostCounts::unfit_source_cycles},
+     {"failed_mode_changes", &HostCounts::failed_mode_changes},
      {"clock_steps", &HostCounts::clock_steps},
      {"grid_points_skipped", &HostCounts::grid_points_skipped}}};
 

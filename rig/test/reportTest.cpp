@@ -76,7 +76,7 @@ TEST(DrawSvg, ManagesWithEmptyFlatAndInfiniteData) {
 TEST(HostStatus, IsReadFromTheHostsJson) {
     const std::string counts =
         R"({"late_setpoints":1,"missing_answers":2,"foreign_answers":3,"kept_back_setpoints":4,)"
-        R"("overwritten_commands":5,"unfit_source_cycles":6,"clock_steps":7,"grid_points_skipped":8})";
+        R"("overwritten_commands":5,"unfit_source_cycles":6,"failed_mode_changes":0,"clock_steps":7,"grid_points_skipped":8})";
     const HostStatus status = ParseHostStatus(
         R"({"mode":"TEL_DRIVEN","source":"CCS/TEL","handover_state":0,"log_dropped":2,"counts":)" + counts +
         R"(,"threads":[{"priority":0,"priority_given":0},{"priority":9,"priority_given":0}])"
