@@ -34,6 +34,14 @@ std::size_t vosk::test::AllocationsOfAllThreads() noexcept {
 [[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
     return Allocate(size, static_cast<std::size_t>(alignment));
 }
+// The library's own form would do, but the address sanitizer brings another one.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }

@@ -84,13 +84,14 @@ NamedLock::NamedLock(const char* name, std::chrono::nanoseconds limit)
     : m_semaphore{OpenSemaphore(name)}, m_file{m_semaphore ? OpenFileOf(name) : FileDescriptor{-1}} {
     if (!m_file.IsOpen()) ThrowSystemError("open", name);
     const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
-    for (bool told = false; !Take(m_semaphore.get(), name, limit); told = true) {
+    for (bool logged = false; !Take(m_semaphore.get(), name, limit); logged = true) {
         if (TryLock(m_file)) {
+            if (::sem_trywait(m_semaphore.get()) == 0) return;  // given back since the limit passed
             LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: its holder is gone.",
                     name, milliseconds);
             return;
         }
-        if (!told) {
+        if (!logged) {
             LogWarn("Lock {} of the shared-memory regions is held for more than {} ms: waiting on.", name,
                     milliseconds);
         }
