@@ -7,13 +7,12 @@
 namespace vosk::image_processing {
 namespace {
 
-// The document's instance `a` is what the factory gets.
-std::unique_ptr<Centroiding<float>> FromNode(const std::string& text) {
-    return factory::CreateCentroidingAlgorithm<float>(test::NodeOf(text)["a"], 20, 10);
+// Of a section and of the instance that may hold it.
+std::unique_ptr<Centroiding<float>> FromNode(const std::string& section) {
+    return factory::CreateCentroidingAlgorithm<float>(test::NodeOf("a: " + section)["a"], 20, 10);
 }
-
-std::unique_ptr<Centroiding<float>> FromKey(const std::string& text) {
-    return factory::CreateCentroiding<float>(test::NodeOf(text)["a"], "centroiding_algorithm", 20, 10);
+std::unique_ptr<Centroiding<float>> FromKey(const std::string& instance) {
+    return factory::CreateCentroiding<float>(test::NodeOf("a: " + instance)["a"], "c", 20, 10);
 }
 
 // The type and its own parameters, the frame and the saturation.
@@ -37,14 +36,13 @@ TEST(CentroidingFactory, MakesEachTypeWithItsDefaults) {
              {"type: tsh, treshold: -1, saturation: 0", "tsh -1, 20 x 10, 0"},
              {"type: nbr, nbrightest: 30", "nbr 30 true, 20 x 10, 10"},
              {"type: nbr, nbrightest: 3, weight_pixels: false, saturation: 2", "nbr 3 false, 20 x 10, 2"}}) {
-        EXPECT_EQ(Describe(*FromNode("a: {" + keys + "}")), made);
-        EXPECT_EQ(Describe(*FromKey("a: {centroiding_algorithm: {" + keys + "}}")), made);
+        EXPECT_EQ(Describe(*FromNode("{" + keys + "}")), made);
+        EXPECT_EQ(Describe(*FromKey("{c: {" + keys + "}}")), made);
     }
 }
 
 TEST(CentroidingFactory, TakesCogWhereNoSectionIsAMap) {
-    for (const char* text :
-         {"a: {}", "a: 3", "a: {centroiding_algorithm: nbr}", "a: {centroiding_algorithm: [type, nbr]}"}) {
+    for (const char* text : {"{}", "3", "{c: nbr}", "{c: [type, nbr]}"}) {
         EXPECT_EQ(Describe(*FromKey(text)), "cog, 20 x 10, 10") << text;
     }
 }
@@ -61,12 +59,12 @@ TEST(CentroidingFactory, RefusesWhatItCannotMake) {
              {"{saturation: .nan}", "saturation must not be negative: nan"}}) {
         const test::LogCapture log;
         const std::string error = "CreateCentroidingAlgorithm " + reason;
-        EXPECT_EQ(test::TextOf<std::runtime_error>([&, &t = text] { return FromNode("a: " + t); }), error);
+        EXPECT_EQ(test::TextOf<std::runtime_error>([&, &t = text] { return FromNode(t); }), error);
         EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, error), 1);
     }
-    EXPECT_THROW(FromNode("a: {type: nbr, nbrightest: 0}"), std::invalid_argument);
-    EXPECT_THROW(FromNode("a: {type: nbr, nbrightest: -1}"), oru::configng::PliConfigValueError);
-    EXPECT_THROW(FromNode("a: {type: cog, saturation: 1 px}"), oru::configng::PliConfigValueError);
+    EXPECT_THROW(FromNode("{type: nbr, nbrightest: 0}"), std::invalid_argument);
+    EXPECT_THROW(FromNode("{type: nbr, nbrightest: -1}"), oru::configng::PliConfigValueError);
+    EXPECT_THROW(FromNode("{type: cog, saturation: 1 px}"), oru::configng::PliConfigValueError);
 }
 
 }  // namespace

@@ -20,46 +20,45 @@ using test::OnEachInstructionSet;
 using Engine = std::mt19937;
 using Frame = std::vector<float>;  // of exactly its size, so that a sanitizer sees a read behind it
 
-struct Content {
-    std::string name;
-    std::function<float(Engine&)> pixel;
-};
+using Pixel = std::function<float(Engine&)>;
 
 float Noise(Engine& engine) {
     return std::normal_distribution<float>{0.0F, 100.0F}(engine);
 }
 
-// Rarely `value`, else noise.
-std::function<float(Engine&)> With(float value) {
-    return [value](Engine& engine) { return engine() % 400 == 0 ? value : Noise(engine); };
+// Once in `rarity` pixels `rare`, else noise or `other`.
+Pixel Rarely(unsigned rarity, const Pixel& rare, const Pixel& other = Noise) {
+    return [=](Engine& engine) { return engine() % rarity == 0 ? rare(engine) : other(engine); };
 }
 
-std::vector<Content> Contents() {
+Pixel Always(float value) {
+    return [=](Engine&) { return value; };
+}
+
+Pixel EitherSign(float value) {
+    return [=](Engine& engine) { return std::copysign(value, Noise(engine)); };
+}
+
+std::vector<std::pair<std::string, Pixel>> Contents() {
     using Limits = std::numeric_limits<float>;
     return {
         {"noise", Noise},
         {"negative", [](Engine& engine) { return -1.0F - std::fabs(Noise(engine)); }},
-        {"zero", [](Engine&) { return 0.0F; }},
-        {"negative zero", [](Engine&) { return -0.0F; }},
-        {"sums of zero", [](Engine& engine) { return engine() % 2 == 0 ? 2.0F : -2.0F; }},
-        {"at the threshold",
-         [](Engine& engine) { return engine() % 2 == 0 ? THRESHOLD : std::nextafter(THRESHOLD, 0.0F); }},
+        {"zero", Always(0.0F)},
+        {"negative zero", Always(-0.0F)},
+        {"sums of zero", EitherSign(2.0F)},
+        {"at the threshold", Rarely(2, Always(THRESHOLD), Always(std::nextafter(THRESHOLD, 0.0F)))},
         {"few values", [](Engine& engine) { return static_cast<float>(engine() % 4); }},
         {"subnormal", [](Engine& engine) { return Noise(engine) * 1e-43F; }},
         {"all magnitudes",
          [](Engine& engine) { return std::ldexp(Noise(engine), static_cast<int>(engine() % 200) - 100); }},
-        {"largest", [](Engine& engine) { return engine() % 3 == 0 ? -Limits::max() : Limits::max(); }},
-        {"a NaN", With(Limits::quiet_NaN())},
-        {"a negative NaN", With(-Limits::quiet_NaN())},
-        {"an infinity", With(Limits::infinity())},
-        {"a negative infinity", With(-Limits::infinity())},
-        {"infinities of both signs",
-         [](Engine& engine) {
-             return engine() % 40 == 0 ? std::copysign(Limits::infinity(), Noise(engine)) : Noise(engine);
-         }},
-        {"zeroes of both signs", [](Engine& engine) {
-             return engine() % 16 == 0 ? Noise(engine) : std::copysign(0.0F, Noise(engine));
-         }}};
+        {"largest", Rarely(3, Always(-Limits::max()), Always(Limits::max()))},
+        {"a NaN", Rarely(400, Always(Limits::quiet_NaN()))},
+        {"a negative NaN", Rarely(400, Always(-Limits::quiet_NaN()))},
+        {"an infinity", Rarely(400, Always(Limits::infinity()))},
+        {"a negative infinity", Rarely(400, Always(-Limits::infinity()))},
+        {"infinities of both signs", Rarely(40, EitherSign(Limits::infinity()))},
+        {"zeroes of both signs", Rarely(16, Noise, EitherSign(0.0F))}};
 }
 
 // `count` regions of a size: in the four corners of the frame, then anywhere.
@@ -106,17 +105,16 @@ struct Method {
 
 std::vector<Method> Methods() {
     std::vector<Method> methods;
-    methods.push_back({"COG", std::make_unique<CentroidingCOG<float>>(WIDTH, HEIGHT, SATURATION),
-                       [](const Frame& frame, const Roi& roi) {
-                           return reference::Gravity(frame, roi, SATURATION, [](float) { return true; });
-                       }});
-    for (const float threshold : {THRESHOLD, -50.0F}) {
-        methods.push_back({"TSH",
-                           std::make_unique<CentroidingTSH<float>>(WIDTH, HEIGHT, SATURATION, threshold),
-                           [=](const Frame& frame, const Roi& roi) {
-                               return reference::Gravity(frame, roi, SATURATION,
-                                                         [&](float value) { return value >= threshold; });
+    const auto add = [&](const std::string& name, std::unique_ptr<Centroiding<float>> fast, auto keep) {
+        methods.push_back({name, std::move(fast), [keep](const Frame& frame, const Roi& roi) {
+                               return reference::Gravity(frame, roi, SATURATION, keep);
                            }});
+    };
+    add("COG", std::make_unique<CentroidingCOG<float>>(WIDTH, HEIGHT, SATURATION),
+        [](float) { return true; });
+    for (const float threshold : {THRESHOLD, -50.0F}) {
+        add("TSH", std::make_unique<CentroidingTSH<float>>(WIDTH, HEIGHT, SATURATION, threshold),
+            [threshold](float value) { return value >= threshold; });
     }
     const std::pair<std::size_t, bool> brightest[]{{1, true},   {20, true},   {20, false},
                                                    {112, true}, {113, false}, {WIDTH * HEIGHT + 1, true}};
@@ -132,13 +130,12 @@ std::vector<Method> Methods() {
 }
 
 // The same bits, where one NaN is as good as another.
-bool AreSame(double left, double right) {
-    if (std::isnan(left) || std::isnan(right)) return std::isnan(left) && std::isnan(right);
-    return std::bit_cast<std::uint64_t>(left) == std::bit_cast<std::uint64_t>(right);
-}
-
 bool AreSame(const defs::Slope& fast, const defs::Slope& plain) {
-    return AreSame(fast.flux, plain.flux) && AreSame(fast.x, plain.x) && AreSame(fast.y, plain.y);
+    const auto bits = [](double value) {
+        return std::bit_cast<std::uint64_t>(std::isnan(value) ? NAN : value);
+    };
+    return bits(fast.flux) == bits(plain.flux) && bits(fast.x) == bits(plain.x) &&
+           bits(fast.y) == bits(plain.y);
 }
 
 using FastForms = OnEachInstructionSet;
@@ -147,9 +144,9 @@ INSTANTIATE_TEST_SUITE_P(Targets, FastForms, OnEachInstructionSet::All(), OnEach
 TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
     Engine engine{7};
     auto methods = Methods();
-    for (const Content& content : Contents()) {
+    for (const auto& [content, pixel] : Contents()) {
         Frame frame(std::size_t{WIDTH} * HEIGHT);
-        for (float& pixel : frame) pixel = content.pixel(engine);
+        for (float& value : frame) value = pixel(engine);
         for (const auto& rois : Batches(engine)) {
             for (const Method& method : methods) {
                 std::vector<defs::Slope> many(rois.size());
@@ -159,9 +156,9 @@ TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
                     method.fast->Compute(frame, rois[i]);
                     const defs::Slope one{method.fast->flux, method.fast->x, method.fast->y};
                     ASSERT_TRUE(AreSame(one, plain) && AreSame(many[i], plain))
-                        << method.name << " of " << content.name << ", region " << i << " of " << rois.size()
-                        << ", " << rois[i].width << " x " << rois[i].height << ": flux " << one.flux
-                        << ", in one call " << many[i].flux << ", and not " << plain.flux;
+                        << method.name << " of " << content << ", region " << i << " of " << rois.size()
+                        << ", " << rois[i].width << " x " << rois[i].height << ": " << one.flux << " alone, "
+                        << many[i].flux << " in one call, " << plain.flux << " plain";
                 }
             }
         }

@@ -35,18 +35,19 @@ TEST(BadPixelCorrection, TakesTheKernelRowByRow) {
         const std::size_t neighbour = (1 + i / 3) * WIDTH + 1 + i % 3;
         EXPECT_EQ(Repaired({{2, 2}}, weights, WHOLE)[2 * WIDTH + 2], Squares()[neighbour]) << i;
     }
+}
+
+TEST(BadPixelCorrection, UsesWhatItHasRepairedBeforeInTheRegionAlone) {
     // 1 + 4 + 9 + 49 + 81 + 169 + 196 + 225 around pixel 8.
     std::vector<float> expected = Squares();
     expected[8] = 734.0F / 8.0F;
     EXPECT_EQ(Repaired({{2, 1}}, NEIGHBOURS, WHOLE), expected);
-}
-
-TEST(BadPixelCorrection, UsesWhatItHasRepairedBefore) {
-    const auto left_first = Repaired({{2, 1}, {3, 1}}, NEIGHBOURS, WHOLE);
-    EXPECT_EQ(left_first[8], 734.0F / 8.0F);
     // 4 + 9 + 16 + (8) + 100 + 196 + 225 + 256 around pixel 9.
-    EXPECT_EQ(left_first[9], (29.0F + 734.0F / 8.0F + 100.0F + 677.0F) / 8.0F);
-    EXPECT_NE(Repaired({{3, 1}, {2, 1}}, NEIGHBOURS, WHOLE), left_first);
+    expected[9] = (29.0F + 734.0F / 8.0F + 100.0F + 677.0F) / 8.0F;
+    const Roi roi{2, 4, 1, 3, WIDTH, HEIGHT, 0, 0};
+    EXPECT_EQ(Repaired({{1, 1}, {4, 1}, {2, 3}, {2, 1}, {3, 1}}, NEIGHBOURS, roi), expected);
+    EXPECT_NE(Repaired({{3, 1}, {2, 1}}, NEIGHBOURS, roi), expected);
+    EXPECT_NE(Repaired({{3, 2}}, NEIGHBOURS, roi), Squares());
 }
 
 // Values with which another order, a wider sum or a fused product would round differently.
@@ -54,48 +55,34 @@ TEST(BadPixelCorrection, RoundsEachProductAndSumInTurn) {
     const std::vector<float> ones(9, 1.0F);
     const std::vector<float> cancelling{1e8F, 1.0F, -1e8F, 1.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F};
     const float little = 0x1p-12F;
-    struct Case {
-        std::vector<float> pixels;
-        Weights weights;
-        float repaired;
+    const auto repaired = [](std::vector<float> pixels, const Weights& weights) {
+        bad_pixel_correction_block{3, 3, {{1, 1}}, weights}.work(pixels, {0, 3, 0, 3, 3, 3, 0, 0});
+        return pixels[4];
     };
-    for (const Case& at : std::vector<Case>{{cancelling, ones, 1.0F / 9.0F},
-                                            {ones, cancelling, 1.0F},
-                                            {{-1.0F - 2.0F * little, 1.0F + little, 0, 0, 0, 0, 0, 0, 0},
-                                             {1.0F, 1.0F + little, 0, 0, 0, 0, 0, 0, 0},
-                                             0.0F}}) {
-        std::vector<float> frame = at.pixels;
-        bad_pixel_correction_block{3, 3, {{1, 1}}, at.weights}.work(frame, {0, 3, 0, 3, 3, 3, 0, 0});
-        EXPECT_EQ(frame[4], at.repaired);
-    }
-}
-
-TEST(BadPixelCorrection, RepairsOnlyInTheRegion) {
-    const Roi roi{2, 4, 1, 3, WIDTH, HEIGHT, 0, 0};
-    EXPECT_EQ(Repaired({{1, 1}, {4, 1}, {2, 3}}, NEIGHBOURS, roi), Squares());
-    const auto frame = Repaired({{2, 1}, {3, 2}}, NEIGHBOURS, roi);
-    EXPECT_NE(frame[8], Squares()[8]);
-    EXPECT_NE(frame[15], Squares()[15]);
-    EXPECT_EQ(Repaired({}, NEIGHBOURS, WHOLE), Squares());
+    EXPECT_EQ(repaired(cancelling, ones), 1.0F / 9.0F);
+    EXPECT_EQ(repaired(ones, cancelling), 1.0F);
+    EXPECT_EQ(repaired({-1.0F - 2.0F * little, 1.0F + little, 0, 0, 0, 0, 0, 0, 0},
+                       {1.0F, 1.0F + little, 0, 0, 0, 0, 0, 0, 0}),
+              0.0F);
 }
 
 TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernelsAndLeavesTheLogToItsMaker) {
     const test::LogCapture log;
-    const auto outcome = [](std::uint32_t x, std::uint32_t y, std::size_t weights = 9) {
-        return test::TextOf<std::runtime_error>([&] {
-            return bad_pixel_correction_block{WIDTH, HEIGHT, {{x, y}}, Weights(weights, 1.0F)};
-        });
+    const auto expect = [](std::uint32_t x, std::uint32_t y, std::size_t weights, const std::string& text) {
+        EXPECT_EQ(test::TextOf<std::runtime_error>([&] {
+                      return bad_pixel_correction_block{WIDTH, HEIGHT, {{x, y}}, Weights(weights, 1.0F)};
+                  }),
+                  text);
     };
-    const auto error = [](const std::string& text) { return "ERR: Bad pixel " + text + " out of range"; };
-    EXPECT_EQ(outcome(1, 1), "no exception");
-    EXPECT_EQ(outcome(WIDTH - 2, HEIGHT - 2), "no exception");
-    EXPECT_EQ(outcome(0, 1), error("X-value 0"));
-    EXPECT_EQ(outcome(1, 0), error("Y-value 0"));
-    EXPECT_EQ(outcome(WIDTH - 1, 0), error("X-value 5"));
-    EXPECT_EQ(outcome(1, HEIGHT - 1), error("Y-value 4"));
-    EXPECT_EQ(outcome(~0U, 1), error("X-value 4294967295"));
-    EXPECT_EQ(outcome(0, 0, 8), "ERR: Only supplied 8 pixel weights");
-    EXPECT_EQ(outcome(0, 0, 10), "ERR: Only supplied 10 pixel weights");
+    expect(1, 1, 9, "no exception");
+    expect(WIDTH - 2, HEIGHT - 2, 9, "no exception");
+    expect(0, 1, 9, "ERR: Bad pixel X-value 0 out of range");
+    expect(1, 0, 9, "ERR: Bad pixel Y-value 0 out of range");
+    expect(WIDTH - 1, 0, 9, "ERR: Bad pixel X-value 5 out of range");
+    expect(1, HEIGHT - 1, 9, "ERR: Bad pixel Y-value 4 out of range");
+    expect(~0U, 1, 9, "ERR: Bad pixel X-value 4294967295 out of range");
+    expect(0, 0, 8, "ERR: Only supplied 8 pixel weights");
+    expect(0, 0, 10, "ERR: Only supplied 10 pixel weights");
     EXPECT_TRUE(log.Lines().empty());
 }
 
@@ -133,25 +120,22 @@ TEST(BadPixelCorrectionFactory, MakesOneSkipsItOrNamesTheOddValue) {
     EXPECT_EQ(Made("b: {bad_pixels: []" + weights), "null");
     EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]], pixel_weights: [1]}"), "null");
     EXPECT_EQ(Made("b: {bad_pixels: [[1, 4]]" + weights), "ERR: Bad pixel Y-value 4 out of range");
-    for (const char* odd : {"{a: [1, 1]}", "3"})
-        EXPECT_EQ(Made("b: {bad_pixels: " + (odd + weights)), at + "bad_pixels must be a sequence");
-    for (const char* odd : {"{x: 2, y: 2}", "2"})
-        EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], " + (odd + ("]" + weights))),
-                  at + "bad_pixels[1] must be a sequence");
+    const std::string no_list = at + "bad_pixels must be a sequence";
+    const std::string no_pair = at + "bad_pixels[1] must be a sequence";
+    EXPECT_EQ(Made("b: {bad_pixels: {a: [1, 1]}" + weights), no_list);
+    EXPECT_EQ(Made("b: {bad_pixels: 3" + weights), no_list);
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], {x: 2, y: 2}]" + weights), no_pair);
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], 2]" + weights), no_pair);
     EXPECT_EQ(Made("b: {bad_pixels: [[1, 1], [2, 2, 2]]" + weights),
               at + "bad_pixels[1] has 3 values, not x and y");
     EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]], pixel_weights: {a: 1}}"),
               at + "pixel_weights must be a sequence");
-    EXPECT_EQ(test::TextOf<std::runtime_error>([] {
-                  return factory::CreateBadPixelCorrectionAlgorithm(test::NodeOf("a: 3")["a"], WIDTH, HEIGHT);
-              }),
-              "CreateBadPixelCorrectionAlgorithm node not a map");
     const test::LogCapture log;
-    for (const std::string& half :
-         std::vector<std::string>{"b: {bad_pixels: [[1, 1]]}", "b: {c: 1" + weights}) {
-        EXPECT_EQ(Made(half), "null");
-    }
+    EXPECT_EQ(Made("b: {bad_pixels: [[1, 1]]}"), "null");
+    EXPECT_EQ(Made("b: {c: 1" + weights), "null");
     EXPECT_EQ(log.Texts("misconfigured, skipping", log4cplus::WARN_LOG_LEVEL).size(), 2U);
+    EXPECT_THROW(factory::CreateBadPixelCorrectionAlgorithm(test::NodeOf("a: 3")["a"], WIDTH, HEIGHT),
+                 std::runtime_error);
 }
 
 }  // namespace

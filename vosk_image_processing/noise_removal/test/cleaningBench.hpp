@@ -57,6 +57,10 @@ inline testing::AssertionResult SameBits(std::span<const float> actual, std::spa
     return testing::AssertionFailure() << "pixel " << i << ": " << actual[i] << " instead of " << expected[i];
 }
 
+inline Roi At(std::uint16_t x_start, std::uint16_t x_stop, std::uint16_t y_start, std::uint16_t y_stop) {
+    return {x_start, x_stop, y_start, y_stop, 2048, 2048, 0.0, 0.0};
+}
+
 using LisaTable = defs::AlignedFrame<std::uint32_t>;
 
 template <class Removal = LisaNoiseRemoval>

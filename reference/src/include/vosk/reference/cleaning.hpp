@@ -17,6 +17,22 @@ inline float CleanedPixel(std::uint16_t raw, float master_bias, double dynamic_b
     return static_cast<float>((signal - dynamic_bias) / static_cast<double>(flat));
 }
 
+// ALICE and MARANA: the window's pixels stand packed at the start of the raw frame; all others of the ROI
+// become 0.
+inline void CleanInWindow(std::span<const std::uint16_t> raw, std::span<const float> master_bias,
+                          std::span<const float> flat, const image_processing::Window& window,
+                          const image_processing::Roi& roi, std::size_t width, std::span<float> cleaned) {
+    for (std::size_t y = roi.y_start; y < roi.y_stop; ++y) {
+        for (std::size_t x = roi.x_start; x < roi.x_stop; ++x) {
+            const std::size_t i = y * width + x;
+            const bool is_read =
+                x >= window.x_offset && x < window.XStop() && y >= window.y_offset && y < window.YStop();
+            const std::size_t packed = (y - window.y_offset) * window.width + (x - window.x_offset);
+            cleaned[i] = is_read ? CleanedPixel(raw[packed], master_bias[i], 0.0, flat[i]) : 0.0F;
+        }
+    }
+}
+
 // LISA: the table finds the counts of 840 x 816 pixels in the raw frame, and the 20 columns without light at
 // each side give a dynamic bias for each group of 4 rows. All spans outlive the object.
 class LisaCleaning {

@@ -81,10 +81,6 @@ public:
     // before apply.
     void InvalidateCache() override { ++m_generation; }
 
-protected:
-    // The mean of what the columns without light hold in a group of rows. Virtual to be counted.
-    virtual double MeasureDynamicBias(const std::uint16_t* raw, std::size_t group) const;
-
 private:
     static constexpr std::size_t GROUP_ROWS = 4;
     static constexpr std::size_t GROUPS = LisaGeometry::HEIGHT / GROUP_ROWS;
@@ -104,6 +100,8 @@ private:
 
     // The dynamic bias of a group of rows, measured once a frame.
     double ComputeDynamicBias(const std::uint16_t* raw, std::size_t group);
+    // The mean of a group's columns without light.
+    double MeasureDynamicBias(const std::uint16_t* raw, std::size_t group) const;
     std::uint32_t SumDarkCounts(const std::uint16_t* raw, std::size_t group) const;
     void FindDarkSums();
     template <class Visit>
