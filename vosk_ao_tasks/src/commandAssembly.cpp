@@ -12,9 +12,6 @@ namespace {
 
 using defs::VoskControlMode;
 
-constexpr std::uint32_t LOWEST_HO_CASCADE_MODES = defs::TIP_TILT_SIZE + 1;
-constexpr std::uint32_t HIGHEST_HO_CASCADE_MODES = defs::GPAO_CMD_SIZE;
-
 enum class Input { NONE, U4_FS_TT, TT_REF, GPAO, INS_HO };
 
 // Where the three parts of a command come from.
@@ -48,11 +45,13 @@ constexpr Route RouteOf(VoskControlMode mode) {
 
 }  // namespace
 
+void CommandAssembly::VetHoCascadeModes(std::uint32_t ho_cascade_modes) {
+    if (ho_cascade_modes >= LOWEST_HO_CASCADE_MODES && ho_cascade_modes <= HIGHEST_HO_CASCADE_MODES) return;
+    throw std::runtime_error{fmt::format("ERR: Incorrect 'ho_cascade_modes' value = {}", ho_cascade_modes)};
+}
+
 CommandAssembly::CommandAssembly(const Config& config) : ho_cascade_modes{config.ho_cascade_modes} {
-    if (ho_cascade_modes < LOWEST_HO_CASCADE_MODES || ho_cascade_modes > HIGHEST_HO_CASCADE_MODES) {
-        throw std::runtime_error{
-            fmt::format("ERR: Incorrect 'ho_cascade_modes' value = {}", ho_cascade_modes)};
-    }
+    VetHoCascadeModes(ho_cascade_modes);
     spdlog::trace("AO Command Assembly block: ho_cascade_modes = {}", ho_cascade_modes);
 }
 

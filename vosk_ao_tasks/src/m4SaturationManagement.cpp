@@ -49,30 +49,42 @@ float AtMostOne(float ratio) {
     return ratio < 1.0F ? ratio : 1.0F;
 }
 
+[[noreturn]] void Refuse(const std::string& what) {
+    throw std::runtime_error{"M4SaturationManagement: ERROR: " + what};
+}
+
 const M4SaturationManagement::Config& Checked(const M4SaturationManagement::Config& config) {
-    const auto refuse = [](const std::string& what) {
-        throw std::runtime_error{"M4SaturationManagement: ERROR: " + what};
-    };
     const std::size_t elements = M4_CMD_SIZE * config.managed_modes;
     if (config.m2p.size() != elements) {
-        refuse(fmt::format("Wrong size of the M2P projection matrix, size = {}, but should be {} x {} = {}",
+        Refuse(fmt::format("Wrong size of the M2P projection matrix, size = {}, but should be {} x {} = {}",
                            config.m2p.size(), M4_CMD_SIZE, config.managed_modes, elements));
     }
-    // Each written so that it is refused if it is not a number.
-    if (!(config.threshold_velocity >= 0.0F)) refuse("Wrong 'delta_threshold', must be a positive value.");
-    if (!(config.threshold_gap >= 0.0F)) refuse("Wrong 'gap_threshold', must be a positive value.");
-    if (config.managed_modes > M4_CMD_SIZE) {
-        refuse(fmt::format("Wrong 'managed_modes', must be at most {}, but is {}.", M4_CMD_SIZE,
-                           config.managed_modes));
-    }
-    if (!std::all_of(config.m2p.begin(), config.m2p.end(),
-                     [](float value) { return std::isfinite(value); })) {
-        refuse("The M2P projection matrix holds a value that is not finite.");
-    }
+    M4SaturationManagement::VetThresholdVelocity(config.threshold_velocity);
+    M4SaturationManagement::VetThresholdGap(config.threshold_gap);
+    M4SaturationManagement::VetManagedModes(config.managed_modes);
+    M4SaturationManagement::VetM2p(config.m2p);
     return config;
 }
 
 }  // namespace
+
+void M4SaturationManagement::VetManagedModes(std::uint32_t managed_modes) {
+    if (managed_modes <= M4_CMD_SIZE) return;
+    Refuse(fmt::format("Wrong 'managed_modes', must be at most {}, but is {}.", M4_CMD_SIZE, managed_modes));
+}
+
+void M4SaturationManagement::VetM2p(std::span<const float> m2p) {
+    if (!AllFinite(m2p)) Refuse("The M2P projection matrix holds a value that is not finite.");
+}
+
+// Both written so that NaN is refused.
+void M4SaturationManagement::VetThresholdVelocity(float threshold_velocity) {
+    if (!(threshold_velocity >= 0.0F)) Refuse("Wrong 'delta_threshold', must be a positive value.");
+}
+
+void M4SaturationManagement::VetThresholdGap(float threshold_gap) {
+    if (!(threshold_gap >= 0.0F)) Refuse("Wrong 'gap_threshold', must be a positive value.");
+}
 
 M4SaturationManagement::M4SaturationManagement(const Config& config)
     : m_delta_scaling{Checked(config).delta},

@@ -2,6 +2,7 @@
 
 #include "controlSocket.hpp"
 #include "hostSettings.hpp"
+#include "machine.hpp"
 
 #include <fmt/format.h>
 #include <log4cplus/appender.h>
@@ -9,6 +10,7 @@
 #include <log4cplus/spi/loggingevent.h>
 #include <unistd.h>
 #include <lumolib/libMain.hpp>
+#include <nodepin/nodepin.hpp>
 
 #include <filesystem>
 
@@ -72,6 +74,7 @@ private:
 
 void CheckHost(const PliConfigInstanceNode& top) {
     const HostSettings settings = ReadHostSettings(top);
+    nodepin::default_priority = settings.priority;
     if (settings.control_socket)
         Attempt(top["host"]["control_socket"], [&] { VetSocketPath(*settings.control_socket); });
     if (settings.log_file) Attempt(top["host"]["log_file"], [&] { VetLogFile(*settings.log_file); });
@@ -82,6 +85,7 @@ void CheckThreads(const gim::Config& config, PliConfigReview& review) {
     lumo::LibMain library{shm.Prefix()};
     const LoggedWarnings warnings{review};
     library.SetupThreads(config);
+    WarnIfNoCpuToSpare(StatesOf(library.GetThreads()));
 }
 
 // A stage of a resampler is read by the threads that use it; there may be none.

@@ -99,7 +99,7 @@ Host::Host(const gim::Config& config, const HostSettings& settings, bool serve_s
     nodepin::default_priority = settings.priority;
     lumo::ResetControlState();
     m_library.SetupThreads(config);
-    if (HasNoCpuToSpare(ThreadStates(), ::sysconf(_SC_NPROCESSORS_ONLN))) common::LogWarn(NO_CPU_TO_SPARE);
+    WarnIfNoCpuToSpare(ThreadStates());
     try {
         m_library.StartThreads();
         ShowMachine();
@@ -191,10 +191,7 @@ void Host::LookAtThreads() {
 }
 
 std::vector<ThreadState> Host::ThreadStates() const {
-    std::vector<ThreadState> states;
-    for (const auto& [name, thread] : m_library.GetThreads())
-        states.push_back({name, thread->GetPlacement()});
-    return states;
+    return StatesOf(m_library.GetThreads());
 }
 
 void Host::LookAtClock() {

@@ -36,9 +36,10 @@ void ReadLogLevel(const PliConfigInstanceNode& value, HostSettings& settings) {
 }
 
 void ReadPriority(const PliConfigInstanceNode& value, HostSettings& settings) {
-    settings.priority = value.As<int>();
-    if (settings.priority >= 0 && settings.priority <= nodepin::MAX_PRIORITY) return;
-    throw std::runtime_error{fmt::format("a priority lies between 0 and {}", nodepin::MAX_PRIORITY)};
+    const int priority = value.As<int>();
+    if (priority < 0 || priority > nodepin::MAX_PRIORITY)
+        throw std::runtime_error{fmt::format("a priority lies between 0 and {}", nodepin::MAX_PRIORITY)};
+    settings.priority = priority;
 }
 
 // An address without a port, or the reverse, would switch telemetry off without a word.

@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <sys/timex.h>
 #include <sys/utsname.h>
+#include <unistd.h>
+#include <vosk/common/logger.hpp>
 
 #include <algorithm>
 #include <fstream>
@@ -71,6 +73,12 @@ std::string PreemptionModel(std::string_view version, std::string_view modes) {
     return "no PREEMPT";
 }
 
+std::vector<ThreadState> StatesOf(const std::map<std::string, std::unique_ptr<lumo::Thread>>& threads) {
+    std::vector<ThreadState> states;
+    for (const auto& [name, thread] : threads) states.push_back({name, thread->GetPlacement()});
+    return states;
+}
+
 Machine LookAtMachine(const std::vector<ThreadState>& threads, int memory_error) {
     const std::string clock_source =
         FirstLineOf("/sys/devices/system/clocksource/clocksource0/current_clocksource");
@@ -95,6 +103,13 @@ bool HasNoCpuToSpare(const std::vector<ThreadState>& threads, long cpus) {
         return thread.placement.busy && thread.placement.priority > 0;
     });
     return spinning > 0 && spinning >= cpus;
+}
+
+void WarnIfNoCpuToSpare(const std::vector<ThreadState>& threads) {
+    if (!HasNoCpuToSpare(threads, ::sysconf(_SC_NPROCESSORS_ONLN))) return;
+    common::LogWarn(
+        "As many threads spin at a real-time priority as there are CPUs: all else waits for the 50 ms of "
+        "each second that the kernel takes from them. Leave a CPU free, or set busy: false or priority: 0.");
 }
 
 }  // namespace vosk::host

@@ -4,6 +4,8 @@
 
 #include <lumolib/lumoThread.hpp>
 
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +16,8 @@ struct ThreadState {
     std::string name;
     lumo::Thread::Placement placement;
 };
+
+std::vector<ThreadState> StatesOf(const std::map<std::string, std::unique_ptr<lumo::Thread>>& threads);
 
 struct Machine {
     std::string version = VOSK_VERSION;
@@ -39,9 +43,7 @@ std::string PreemptionModel(std::string_view version, std::string_view modes);
 
 // Threads that spin at a priority let nothing else onto their CPU: whether they leave none of `cpus`.
 bool HasNoCpuToSpare(const std::vector<ThreadState>& threads, long cpus);
-inline constexpr const char* NO_CPU_TO_SPARE =
-    "As many threads spin at a real-time priority as there are CPUs: all else waits for the 50 ms of each "
-    "second "
-    "that the kernel takes from them. Leave a CPU free, or set busy: false or priority: 0.";
+// At WARN in the log, if they leave none of this machine's.
+void WarnIfNoCpuToSpare(const std::vector<ThreadState>& threads);
 
 }  // namespace vosk::host

@@ -3,9 +3,12 @@
 #include "../src/controlSocket.hpp"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
+#include <vosk/common/fits.hpp>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -17,6 +20,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
+using vosk::common::Fits;
 
 namespace {
 
@@ -42,6 +46,16 @@ std::vector<std::string> PlacesOf(const std::string& document) {
     return places;
 }
 
+// Of a stream's only element, whose keys stand in a line each, from line 4 on: "4 busy".
+std::vector<std::string> PlacesIn(const std::string& section, const std::string& stream, std::string keys) {
+    while (keys.find("; ") != std::string::npos) keys.replace(keys.find("; "), 2, "\n        ");
+    auto places = PlacesOf("cfg:\n  " + section + ":\n    " + stream + ":\n      - " + keys + "\n");
+    const std::string path = "cfg." + section + "." + stream + "[0].";
+    for (std::string& place : places)
+        if (place.find(path) != std::string::npos) place.erase(place.find(path), path.size());
+    return places;
+}
+
 TEST(ConfigCheck, PassesWhatCanRun) {
     EXPECT_THAT(FindingsOf("host: {log_level: warn, log_file: new.log, control_socket: /tmp/new.sock}\n"
                            "cfg:\n"
@@ -57,12 +71,8 @@ TEST(ConfigCheck, PassesWhatCanRun) {
 TEST(ConfigCheck, FindsAllProblemsEachWithItsPlace) {
     EXPECT_THAT(FindingsOf("cfg:\n"
                            "  statistics: {no_such_stream: \"2 ms\", m4: 2, m5: \"2 ms\"}\n"
-                           "  m4:\n"
-                           "    input: 5\n"
-                           "    output: []\n"
-                           "  m44: {}\n"
-                           "  pfs: []\n"
-                           "  m5: {output: 5}\n"
+                           "  m4:\n    input: 5\n    output: []\n"
+                           "  m44: {}\n  pfs: []\n  m5: {output: 5}\n"
                            "extra: 1\n"),
                 UnorderedElementsAre(
                     AllOf(StartsWith("site.yaml:2: cfg.statistics.no_such_stream: "), HasSubstr("no stream")),
@@ -76,59 +86,53 @@ TEST(ConfigCheck, FindsAllProblemsEachWithItsPlace) {
 }
 
 TEST(ConfigCheck, GoesOnKeyByKeyWithinAnElement) {
-    EXPECT_THAT(
-        PlacesOf("cfg:\n"
-                 "  m4:\n"
-                 "    input:\n"
-                 "      - busy: maybe\n"
-                 "        cpu: x\n"
-                 "        timeout: 5 s\n"
-                 "        listen_udp: 99999\n"
-                 "        listen_ip: telescope\n"
-                 "        rxbuf_size: -1\n"
-                 "        num_frames: 0\n"
-                 "        num_frame: 3\n"),
-        UnorderedElementsAre("4 cfg.m4.input[0].busy", "5 cfg.m4.input[0].cpu", "6 cfg.m4.input[0].timeout",
-                             "7 cfg.m4.input[0].listen_udp", "8 cfg.m4.input[0].listen_ip",
-                             "4 cfg.m4.input[0].iface_name", "9 cfg.m4.input[0].rxbuf_size",
-                             "10 cfg.m4.input[0].num_frames", "11 cfg.m4.input[0].num_frame"));
-    EXPECT_THAT(PlacesOf("cfg:\n"
-                         "  m4:\n"
-                         "    output:\n"
-                         "      - ip_dest: 127.0.0.1\n"
-                         "        send_offset: '1'\n"
-                         "        num_frames: 5\n"
-                         "        sample_size: 7\n"),
-                UnorderedElementsAre("4 cfg.m4.output[0].busy", "4 cfg.m4.output[0].udp_dest",
-                                     "5 cfg.m4.output[0].send_offset", "6 cfg.m4.output[0].num_frames",
-                                     "7 cfg.m4.output[0].sample_size"));
-    EXPECT_THAT(
-        PlacesOf("cfg:\n"
-                 "  ao:\n"
-                 "    ao_tasks:\n"
-                 "      - m4_send_delay: -1 ms\n"
-                 "        m4_response_timeout: 1 ms\n"
-                 "        gpao_highest_mode: 1\n"
-                 "        delta_scaling: 3\n"
-                 "        managed_modes: 2\n"
-                 "        m2p_path: nowhere.fits\n"
-                 "        threshold_velocity: -1\n"
-                 "        threshold_gap: .nan\n"),
-        UnorderedElementsAre("4 cfg.ao.ao_tasks[0].busy", "4 cfg.ao.ao_tasks[0].m4_send_delay",
-                             "6 cfg.ao.ao_tasks[0].gpao_highest_mode", "7 cfg.ao.ao_tasks[0].delta_scaling",
-                             "9 cfg.ao.ao_tasks[0].m2p_path", "10 cfg.ao.ao_tasks[0].threshold_velocity",
-                             "11 cfg.ao.ao_tasks[0].threshold_gap"));
+    EXPECT_THAT(PlacesIn("m4", "input",
+                         "busy: maybe; cpu: x; timeout: 5 s; listen_udp: 99999; listen_ip: telescope; "
+                         "rxbuf_size: -1; num_frames: 0; num_frame: 3"),
+                UnorderedElementsAre("4 busy", "5 cpu", "6 timeout", "7 listen_udp", "8 listen_ip",
+                                     "4 iface_name", "9 rxbuf_size", "10 num_frames", "11 num_frame"));
+    EXPECT_THAT(PlacesIn("m4", "output",
+                         "ip_dest: 127.0.0.1; send_offset: '1'; num_frames: 5; niovs: 1024; "
+                         "sample_size: 4294967296"),
+                UnorderedElementsAre("4 busy", "4 udp_dest", "5 send_offset", "6 num_frames", "7 niovs",
+                                     "8 sample_size"));
+    const vosk::test::TempDir dir;
+    constexpr std::size_t ACTUATORS = 5352;
+    Fits::WriteImg<float>(Fits::FitsFileWrite(dir / "nan.fits", true, {}),
+                          std::vector<float>(2 * ACTUATORS, NAN), {{2, ACTUATORS}});
+    const std::string file = dir / "nan.fits";
+    const std::pair<std::string, std::string> faults_of_m2p[] = {
+        {"managed_modes: 2; m2p_path: nowhere.fits", "5 m2p_path"},
+        {"managed_modes: 2; m2p_path: " + file, "5 m2p_path"},
+        {"managed_modes: -1; m2p_path: " + file, "4 managed_modes"},
+        {"managed_modes: 5353; m2p_path: " + file, "4 managed_modes"}};
+    for (const auto& [keys, place] : faults_of_m2p) {
+        EXPECT_THAT(PlacesIn("ao", "ao_tasks",
+                             keys + "; m4_send_delay: -1 ms; gpao_highest_mode: 1; delta_scaling: 3; "
+                                    "threshold_velocity: -1; threshold_gap: .nan; m4_delay: 1 ms"),
+                    UnorderedElementsAre("4 busy", place, "6 m4_send_delay", "4 m4_response_timeout",
+                                         "7 gpao_highest_mode", "8 delta_scaling", "9 threshold_velocity",
+                                         "10 threshold_gap", "11 m4_delay"));
+    }
 }
 
-// Which would end the stream later, or have it give nothing.
+// Which would end the stream later, have it give nothing, or be refused by a layer of the endpoint.
 TEST(ConfigCheck, RefusesAFormThatNoWavefrontCommandHas) {
-    const std::string common = "listen_ip: 127.0.0.1, iface_name: lo, busy: false, timeout: 1 ms, ";
-    const std::string port = std::to_string(vosk::test::UniquePort());
-    EXPECT_THAT(PlacesOf("cfg:\n  ao:\n    wavefront_cmd_stream:\n      - {" + common +
-                         "qudex_topic: 1, listen_udp: " + port +
-                         ",\n         num_frames: 2,\n         trailer_extended_info_size: 1}\n"),
-                ElementsAre("5 cfg.ao.wavefront_cmd_stream[0].num_frames",
-                            "6 cfg.ao.wavefront_cmd_stream[0].trailer_extended_info_size"));
+    const auto element = [](int number, const std::string& keys) {
+        return "      - {listen_ip: 127.0.0.1, busy: false, timeout: 1 ms, qudex_topic: 1, listen_udp: " +
+               std::to_string(vosk::test::UniquePort(number)) + ", " + keys + "}\n";
+    };
+    const std::string path = " cfg.ao.wavefront_cmd_stream[";
+    EXPECT_THAT(
+        PlacesOf("cfg:\n  ao:\n    wavefront_cmd_stream:\n" +
+                 element(0, "iface_name: lo, num_frames: 2,\n         trailer_extended_info_size: 1") +
+                 element(1,
+                         "iface_name: nowhere0,\n         num_frames: 1, data_unit_size: 0,\n"
+                         "         buf_packets: 4097, buf_samples: 1025")),
+        UnorderedElementsAre("4" + path + "0].num_frames", "5" + path + "0].trailer_extended_info_size",
+                             "6" + path + "1].iface_name", "7" + path + "1].num_frames",
+                             "7" + path + "1].data_unit_size", "8" + path + "1].buf_packets",
+                             "8" + path + "1].buf_samples", "6" + path + "1] warning"));
 }
 
 TEST(ConfigCheck, WarnsOfWhatASetUpWarnsOf) {
@@ -147,6 +151,12 @@ TEST(ConfigCheck, WarnsOfWhatASetUpWarnsOf) {
         ElementsAre("7 cfg.resamplers[0] warning", "4 cfg.m4.input[0].timeout warning",
                     "3 cfg.m4.output[0].send_interval warning", "5 cfg.m4.feedback[0].timeout warning",
                     "5 cfg.m4.feedback[0] warning", "6 cfg.m5.input warning"));
+    // As many threads as there are CPUs, unless there are more than two.
+    const auto busy = PlacesOf(
+        "host: {priority: 1}\ncfg:\n  m4:\n    output: [{busy: true, ip_dest: 127.0.0.1, udp_dest: 9}]\n"
+        "    input: [{busy: true, listen_ip: 127.0.0.1, iface_name: lo, listen_udp: " +
+        port + "}]\n");
+    EXPECT_EQ(busy.empty(), ::sysconf(_SC_NPROCESSORS_ONLN) > 2) << busy.size();
 }
 
 TEST(ConfigCheck, LooksAtEachKeyOfTheHost) {
@@ -170,6 +180,8 @@ TEST(ConfigCheck, LooksAtEachKeyOfTheHost) {
                     AllOf(StartsWith("site.yaml:4: host.shm_prefix: "), HasSubstr("no slash")),
                     AllOf(StartsWith("site.yaml:5: host.control_socket: "), HasSubstr("process listens")),
                     AllOf(StartsWith("site.yaml:6: host.telegraf: "), HasSubstr("port other than 0"))));
+    EXPECT_THAT(PlacesOf("host: {log_file: [1], control_socket: [1], priority: 200}\ncfg:\n"),
+                UnorderedElementsAre("1 host.log_file", "1 host.control_socket", "1 host.priority"));
 }
 
 TEST(ConfigCheck, LeavesNothingInSharedMemory) {

@@ -27,6 +27,8 @@ using defs::VoskControlMode;
 namespace {
 
 using CmdSource = defs::AoM4SetpointApplied::ExtInfo::CmdSource;
+using Assembly = ao_tasks::CommandAssembly;
+using Saturation = ao_tasks::M4SaturationManagement;
 
 std::chrono::microseconds GetDelay(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
     const auto delay = GetBoundedDurationParam(node, key);
@@ -34,44 +36,38 @@ std::chrono::microseconds GetDelay(const oru::configng::PliConfigInstanceNode& n
     return delay;
 }
 
-ao_tasks::CommandAssembly::Config AssemblyConfig(const AoTasks::Config& config) {
-    return {.ho_cascade_modes = config.gpao_highest_mode};
+// A value that its block takes. Under a review `harmless` stands for another.
+template <class T>
+T GetVetted(const oru::configng::PliConfigInstanceNode& node, const std::string& key, void (*vet)(T),
+            T harmless = {}) {
+    T value = harmless;
+    oru::configng::Attempt(node[key], [&] {
+        const T given = GetParam<T>(node, key);
+        vet(given);
+        value = given;
+    });
+    return value;
 }
 
-std::vector<float> LoadM2p(const oru::configng::PliConfigInstanceNode& node) {
+// Under a review zeroes stand for a matrix that can't be used. A fault of managed_modes explains one of the
+// file, and so the number is read in the same step.
+std::vector<float> LoadM2p(const oru::configng::PliConfigInstanceNode& node, const AoTasks::Config& config) {
     std::vector<float> m2p;
     oru::configng::Attempt(node["m2p_path"], [&] {
-        m2p = common::LoadMatrix<float>(GetParam<std::string>(node, "m2p_path"),
-                                        GetParam<unsigned int>(node, "managed_modes"), defs::M4_CMD_SIZE,
-                                        "M2P");
+        const auto modes = GetVetted(node, "managed_modes", Saturation::VetManagedModes);
+        auto loaded = common::LoadMatrix<float>(config.m2p_path, modes, defs::M4_CMD_SIZE, "M2P");
+        Saturation::VetM2p(loaded);
+        m2p = std::move(loaded);
     });
+    m2p.resize(defs::M4_CMD_SIZE * config.managed_modes);
     return m2p;
 }
 
-// The blocks refuse their parameters one at a time, and without the keys.
-void ReviewParameters(const oru::configng::PliConfigInstanceNode& node, const AoTasks::Config& config) {
-    if (oru::configng::PliConfigReview::Current() == nullptr) return;
-    const auto review_thresholds = [&node](const char* key, float velocity, float gap) {
-        oru::configng::Attempt(node[key], [=] {
-            ao_tasks::M4SaturationManagement{{.delta = false,
-                                              .managed_modes = 0,
-                                              .m2p = {},
-                                              .threshold_velocity = velocity,
-                                              .threshold_gap = gap}};
-        });
-    };
-    oru::configng::Attempt(node["gpao_highest_mode"],
-                           [&config] { ao_tasks::CommandAssembly{AssemblyConfig(config)}; });
-    review_thresholds("threshold_velocity", config.threshold_velocity, 0.0F);
-    review_thresholds("threshold_gap", 0.0F, config.threshold_gap);
-}
-
-ao_tasks::M4SaturationManagement::Config SaturationConfig(const oru::configng::PliConfigInstanceNode& node,
-                                                          const AoTasks::Config& config) {
-    ReviewParameters(node, config);
+Saturation::Config SaturationConfig(const oru::configng::PliConfigInstanceNode& node,
+                                    const AoTasks::Config& config) {
     return {.delta = config.delta_scaling,
             .managed_modes = config.managed_modes,
-            .m2p = LoadM2p(node),
+            .m2p = LoadM2p(node, config),
             .threshold_velocity = config.threshold_velocity,
             .threshold_gap = config.threshold_gap};
 }
@@ -118,7 +114,7 @@ std::shared_ptr<T> WaitableExchange(bool busy) {
 AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
     : Thread{"AoTasks", node, "Adaptive Optics tasks processing thread"},
       m_config{Configure(node)},
-      m_executor{AssemblyConfig(m_config), SaturationConfig(node, m_config)} {
+      m_executor{{.ho_cascade_modes = m_config.gpao_highest_mode}, SaturationConfig(node, m_config)} {
     m_ins_input = WaitableExchange<AoTasksInsDataSync>(m_busy);
     m_fs_input = WaitableExchange<AoTasksFsDataSync>(m_busy);
     m_gpao_input = WaitableExchange<AoTasksGpaoDataSync>(m_busy);
@@ -138,12 +134,13 @@ AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
 AoTasks::Config AoTasks::Configure(const oru::configng::PliConfigInstanceNode& node) {
     return {.m4_send_delay = GetDelay(node, "m4_send_delay"),
             .m4_response_timeout = GetDelay(node, "m4_response_timeout"),
-            .gpao_highest_mode = GetParam<unsigned int>(node, "gpao_highest_mode"),
+            .gpao_highest_mode = GetVetted(node, "gpao_highest_mode", Assembly::VetHoCascadeModes,
+                                           Assembly::LOWEST_HO_CASCADE_MODES),
             .delta_scaling = GetParam<bool>(node, "delta_scaling"),
-            .managed_modes = GetParam<unsigned int>(node, "managed_modes"),
+            .managed_modes = GetVetted(node, "managed_modes", Saturation::VetManagedModes),
             .m2p_path = GetParam<std::string>(node, "m2p_path"),
-            .threshold_velocity = GetParam<float>(node, "threshold_velocity"),
-            .threshold_gap = GetParam<float>(node, "threshold_gap")};
+            .threshold_velocity = GetVetted(node, "threshold_velocity", Saturation::VetThresholdVelocity),
+            .threshold_gap = GetVetted(node, "threshold_gap", Saturation::VetThresholdGap)};
 }
 
 void AoTasks::Work(std::promise<void>& started) {

@@ -4,9 +4,12 @@
 #include <strings.h>
 
 #include <lumolib/utilities.hpp>
+#include <oru/configng/pliConfigReview.hpp>
 
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
+#include <type_traits>
 
 namespace vosk::lumo {
 
@@ -25,6 +28,27 @@ public:
         if (Has(key)) field = GetParam<T>(m_node, key);
     }
 
+    // Within the bounds of the layer. Under a review the field stays as it is for a value beyond them, and
+    // the layer can be built.
+    template <class T>
+    void ReadWithin(const char* key, std::type_identity_t<T> least, std::type_identity_t<T> most,
+                    T& field) const {
+        if (!Has(key)) return;
+        const T value = GetParam<T>(m_node, key);
+        if (value < least || value > most)
+            return RefuseKey(key, fmt::format(" must lie between {} and {}", least, most));
+        field = value;
+    }
+
+    // In a run the socket refuses an unknown interface, and the log has all its settings.
+    void ReadInterface(std::string& name) const {
+        Read("iface_name", name);
+        if (name.empty() || pktwire::HasInterface(name)) return;
+        if (oru::configng::PliConfigReview::Current() == nullptr) return;
+        RefuseKey("iface_name", fmt::format(": no network interface \"{}\"", name));
+        name.clear();
+    }
+
     void Read(const char* key, Ipv4& field) const {
         if (Has(key)) field = GetAddress(key);
     }
@@ -36,10 +60,7 @@ public:
     void ReadTopic(std::uint32_t& topic) const {
         if (!Has("qudex_topic")) return;
         const int value = GetParam<int>(m_node, "qudex_topic");
-        if (value < 0) {
-            Refuse(m_node, "qudex_topic",
-                   fmt::format("ERR: {}.qudex_topic must not be negative", m_node.GetPath()));
-        }
+        if (value < 0) RefuseKey("qudex_topic", " must not be negative");
         topic = static_cast<std::uint32_t>(value);
     }
 
@@ -69,12 +90,16 @@ public:
 private:
     bool Has(const char* key) const { return m_node.IsMap() && m_node.Has(key); }
 
+    void RefuseKey(const char* key, const std::string& text) const {
+        Refuse(m_node, key, fmt::format("ERR: {}.{}{}", m_node.GetPath(), key, text));
+    }
+
     Ipv4 GetAddress(const char* key) const {
         const auto text = GetParam<std::string>(m_node, key);
         try {
             return Ipv4{text};
         } catch (const std::runtime_error& failure) {
-            Refuse(m_node, key, fmt::format("ERR: {}.{}: {}", m_node.GetPath(), key, failure.what()));
+            RefuseKey(key, fmt::format(": {}", failure.what()));
             return {};
         }
     }
@@ -114,7 +139,7 @@ pktwire::UdpRxSocket::Config ReadOver(pktwire::UdpRxSocket::Config cfg, const Pl
     const Keys keys{node};
     keys.Read("listen_udp", cfg.udp.listen);
     keys.Read("listen_ip", cfg.ip.listen);
-    keys.Read("iface_name", cfg.iface_name);
+    keys.ReadInterface(cfg.iface_name);
     keys.ReadCpu(cfg.incoming_cpu);
     keys.Read("rxbuf_size", cfg.rxbuf_size);
     keys.ReadMicroseconds("busy_poll", cfg.busy_poll);
@@ -126,7 +151,7 @@ pktwire::qudex::Receiver::Config ReadOver(pktwire::qudex::Receiver::Config cfg,
     const Keys keys{node};
     keys.ReadTopic(cfg.topic);
     keys.Read("num_frames", cfg.num_frames);
-    keys.Read("buf_packets", cfg.buf_packets);
+    keys.ReadWithin("buf_packets", 0, pktwire::qudex::Receiver::MAX_BUF_PACKETS, cfg.buf_packets);
     keys.Read("checksum_force_ignore", cfg.checksum_force_ignore);
     return cfg;
 }
@@ -138,8 +163,8 @@ pktwire::lspx::Receiver::Config ReadOver(pktwire::lspx::Receiver::Config cfg,
     keys.Read("leader_extended_info_size", cfg.leader_extended_info_size);
     keys.Read("trailer_extended_info_size", cfg.trailer_extended_info_size);
     keys.Read("leading_padding_size", cfg.leading_padding_size);
-    keys.Read("data_unit_size", cfg.data_unit_size);
-    keys.Read("buf_samples", cfg.buf_samples);
+    keys.ReadWithin("data_unit_size", 1, std::numeric_limits<std::uint8_t>::max(), cfg.data_unit_size);
+    keys.ReadWithin("buf_samples", 0, pktwire::lspx::Receiver::MAX_BUF_SAMPLES, cfg.buf_samples);
     return cfg;
 }
 
@@ -162,8 +187,8 @@ pktwire::qudex::Sender::Config ReadOver(pktwire::qudex::Sender::Config cfg,
     keys.Read("component_id", cfg.component_id);
     keys.Read("num_frames", cfg.num_frames);
     keys.Read("qudex_checksum_enable", cfg.checksum_enable);
-    keys.Read("sample_size", cfg.sample_size);
-    keys.Read("niovs", cfg.niovs);
+    keys.ReadWithin("sample_size", 0, pktwire::qudex::Sender::MAX_SAMPLE_SIZE, cfg.sample_size);
+    keys.ReadWithin("niovs", 0, pktwire::qudex::Sender::MAX_NIOVS, cfg.niovs);
     return cfg;
 }
 

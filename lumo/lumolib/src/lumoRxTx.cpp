@@ -21,6 +21,13 @@ bool Require(bool given, const PliConfigInstanceNode& node, const char* key, con
     return given;
 }
 
+// An LSPX sample has packets of several kinds. False only under a review.
+bool RequireFrames(std::uint16_t num_frames, std::uint16_t least, const PliConfigInstanceNode& node) {
+    if (num_frames >= least) return true;
+    Refuse(node, "num_frames", fmt::format("ERR: {}.num_frames must be at least {}", node.GetPath(), least));
+    return false;
+}
+
 // Null only under a review, which goes on with the keys of the layers above.
 template <class Layer, class... Args>
 std::unique_ptr<Layer> BuildLayer(const PliConfigInstanceNode& node, const char* layer,
@@ -99,7 +106,8 @@ RxLspx::RxLspx(const PliConfigInstanceNode& node, const pktwire::UdpRxSocket::Co
                const pktwire::lspx::Receiver::Config& lspx_cfg, std::pmr::memory_resource* memory,
                DescriptionRef description)
     : RxQudex{node, udp_cfg, qudex_cfg, memory, std::nullopt}, m_lspx_cfg{ReadOver(lspx_cfg, node)} {
-    if (m_receiver) {
+    const bool has_frames = RequireFrames(m_qudex_cfg.num_frames, pktwire::lspx::Receiver::MIN_FRAMES, node);
+    if (has_frames && m_receiver) {
         pktwire::lspx::Receiver::QudexReceiver receiver{m_receiver.release(),
                                                         std::default_delete<pktwire::qudex::Receiver>{}};
         m_lspx_receiver = BuildLayer<pktwire::lspx::Receiver>(
@@ -145,7 +153,8 @@ TxLspx::TxLspx(const PliConfigInstanceNode& node, const pktwire::UdpTxSocket::Co
     : TxQudex{node, udp_cfg, qudex_cfg, memory, std::nullopt}, m_lspx_cfg{ReadOver(lspx_cfg, node)} {
     const bool has_size =
         Require(m_lspx_cfg.frame_size != 0, node, "frame_size", "TxLspx::TxLspx: lspx_cfg.frame_size");
-    if (has_size && m_sender) {
+    const bool has_frames = RequireFrames(m_qudex_cfg.num_frames, pktwire::lspx::Sender::MIN_FRAMES, node);
+    if (has_size && has_frames && m_sender) {
         m_lspx_sender = BuildLayer<pktwire::lspx::Sender>(
             node, "TxLspx::TxLspx could not construct pktwire::lspx::Sender", "", m_lspx_cfg, *m_sender);
     }

@@ -67,7 +67,10 @@ bool IsGiven(const PliConfigInstanceNode& map, const std::string& key) {
 
 pktwire::Ipv4 GetIpv4Param(const oru::configng::PliConfigInstanceNode& node, const std::string& key,
                            pktwire::Ipv4 default_value) {
-    return node.Has(key) ? pktwire::Ipv4{node[key].As<std::string>()} : default_value;
+    if (!node.Has(key)) return default_value;
+    pktwire::Ipv4 address;
+    oru::configng::Attempt(node[key], [&] { address = pktwire::Ipv4{node[key].As<std::string>()}; });
+    return address;
 }
 
 template <ConfigDuration D>

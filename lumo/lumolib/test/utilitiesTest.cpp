@@ -76,6 +76,10 @@ TEST(Params, AreReadFromTheirNodeOrHaveTheirDefault) {
     EXPECT_EQ(std::string{GetIpv4Param(node, "group", fallback)}, "239.1.2.3");
     EXPECT_EQ(std::string{GetIpv4Param(node, "absent", fallback)}, "127.0.0.1");
     EXPECT_THROW(GetIpv4Param(node, "wrong", fallback), std::runtime_error);
+    const oru::configng::PliConfigReview review;
+    EXPECT_FALSE(GetIpv4Param(node, "wrong", fallback).IsGiven());
+    EXPECT_TRUE(GetVectorParam<int>(node, "cpu").empty());
+    EXPECT_EQ(review.Findings().size(), 2U);
 }
 
 }  // namespace

@@ -69,7 +69,8 @@ void PliConfigReview::Try(const PliConfigInstanceNode& node, const std::function
         const auto* const placed = dynamic_cast<const PliConfigError*>(&error);
         const bool has_place = placed != nullptr && !placed->Where().empty();
         const std::string where = has_place ? placed->Where() : node.GetWhere();
-        if (m_faults == faults_before) Add({where, node.GetPath(), error.what()});
+        if (m_faults == faults_before && !HasProblemAt(node.GetPath()))
+            Add({where, node.GetPath(), error.what()});
         ++m_faults;
         node.PassOver();
     }

@@ -38,7 +38,6 @@ public:
     }
 };
 
-constexpr std::uint64_t MAX_HELD_SAMPLES = 1024;
 constexpr std::uint64_t DEFAULT_HELD_SAMPLES = 2;
 constexpr std::size_t MAX_UNIT_SIZE = 255;
 // Packets of a sample that is read packet by packet which may come before their turn: 64 KiB each.
@@ -63,9 +62,9 @@ Receiver::PacketResult<Packet> ToResult(const detail::PacketReader::Result& read
 
 detail::PartsLayout::Config LayoutConfig(const Receiver::Config& config) {
     if (config.data_unit_size == 0) throw std::runtime_error("an LSPX receiver needs data_unit_size");
-    if (config.buf_samples > MAX_HELD_SAMPLES) {
+    if (config.buf_samples > Receiver::MAX_BUF_SAMPLES) {
         throw std::runtime_error("buf_samples is " + std::to_string(config.buf_samples) + ", at most " +
-                                 std::to_string(MAX_HELD_SAMPLES) + " are possible");
+                                 std::to_string(Receiver::MAX_BUF_SAMPLES) + " are possible");
     }
     return {config.endianness, config.leader_extended_info_size, config.trailer_extended_info_size,
             config.leading_padding_size, config.data_unit_size};
@@ -104,7 +103,7 @@ Receiver::Receiver(const Config& config, QudexReceiver receiver, std::pmr::memor
     : m_receiver{std::move(receiver)},
       m_layout{LayoutConfig(config), m_receiver->m_config.num_frames},
       m_reader{m_receiver->m_source, m_layout} {
-    if (m_receiver->m_config.num_frames < 2) {
+    if (m_receiver->m_config.num_frames < MIN_FRAMES) {
         throw std::runtime_error("an LSPX receiver needs num_frames of 2 or more, for leader and trailer");
     }
     m_receiver->m_source.SetPrefix(sizeof(wire::QudexHeader) + sizeof(wire::LspxHeader) +
@@ -157,7 +156,7 @@ Receiver::PacketResult<Receiver::TrailerPacket> Receiver::ReceiveTrailerPacket(
 
 Sender::Sender(const Config& config, qudex::Sender& sender) : m_config{config}, m_sender{sender} {
     if (config.frame_size == 0) throw std::runtime_error("an LSPX sender needs frame_size");
-    if (sender.NumFrames() < 3) {
+    if (sender.NumFrames() < MIN_FRAMES) {
         throw std::runtime_error(
             "an LSPX sender needs num_frames of 3 or more, for leader, payload and trailer");
     }

@@ -2,7 +2,6 @@
 #include <pktwire/qudex.hpp>
 
 #include <algorithm>
-#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -28,11 +27,9 @@ public:
     }
 };
 
-constexpr std::uint64_t MAX_QUEUE = 4096;
 constexpr std::size_t HELD_SAMPLES = 4;
 constexpr std::uint64_t DEFAULT_QUEUE = 16;
 constexpr std::uint64_t DEFAULT_PIECES = 16;
-constexpr std::uint64_t MAX_PIECES = 1023;  // and one for the header: the system's limit
 
 std::pmr::memory_resource* OrDefault(std::pmr::memory_resource* memory) noexcept {
     return memory != nullptr ? memory : std::pmr::get_default_resource();
@@ -40,9 +37,9 @@ std::pmr::memory_resource* OrDefault(std::pmr::memory_resource* memory) noexcept
 
 detail::PacketSource::Config SourceConfig(const Receiver::Config& config, const RxSocket& socket) {
     if (config.num_frames == 0) throw std::runtime_error("a QUDEX receiver needs num_frames");
-    if (config.buf_packets > MAX_QUEUE) {
+    if (config.buf_packets > Receiver::MAX_BUF_PACKETS) {
         throw std::runtime_error("buf_packets is " + std::to_string(config.buf_packets) + ", at most " +
-                                 std::to_string(MAX_QUEUE) + " are possible");
+                                 std::to_string(Receiver::MAX_BUF_PACKETS) + " are possible");
     }
     const auto queue = config.buf_packets != 0 ? config.buf_packets
                                                : std::min<std::uint64_t>(config.num_frames, DEFAULT_QUEUE);
@@ -93,11 +90,11 @@ Sender::Sender(const Config& config, TxSocket& socket, std::pmr::memory_resource
       m_messages(m_heads.size(), OrDefault(memory)),
       m_gather(OrDefault(memory)) {
     if (config.num_frames == 0) throw std::runtime_error("a QUDEX sender needs num_frames");
-    if (config.niovs > MAX_PIECES) {
+    if (config.niovs > MAX_NIOVS) {
         throw std::runtime_error("niovs is " + std::to_string(config.niovs) + ", at most " +
-                                 std::to_string(MAX_PIECES) + " are possible");
+                                 std::to_string(MAX_NIOVS) + " are possible");
     }
-    if (config.sample_size > std::numeric_limits<std::uint32_t>::max()) {
+    if (config.sample_size > MAX_SAMPLE_SIZE) {
         throw std::runtime_error("sample_size is too large: " + std::to_string(config.sample_size));
     }
     m_gather.resize(static_cast<std::size_t>((config.niovs != 0 ? config.niovs : DEFAULT_PIECES) + 1));
@@ -116,7 +113,7 @@ void Sender::SetSampleId(unsigned id) noexcept {
 std::error_code Sender::SendSample(gsl::span<const std::byte> sample, std::optional<time_point> timestamp,
                                    std::optional<std::uint16_t> extra) noexcept {
     const bool other_size = m_config.sample_size != 0 && sample.size() != m_config.sample_size;
-    if (other_size || sample.size() > std::numeric_limits<std::uint32_t>::max()) {
+    if (other_size || sample.size() > MAX_SAMPLE_SIZE) {
         return std::make_error_code(std::errc::message_size);
     }
     BeginSample(static_cast<std::uint32_t>(sample.size()));

@@ -148,6 +148,10 @@ detail::FileDescriptor::~FileDescriptor() {
     ::close(m_fd);
 }
 
+bool HasInterface(const std::string& name) noexcept {
+    return ::if_nametoindex(name.c_str()) != 0;
+}
+
 UdpRxSocket::UdpRxSocket(const Config& config, std::pmr::memory_resource* /*memory*/)
     : m_fd{OpenUdpSocket()},
       m_batch_size{static_cast<std::size_t>(std::clamp<std::uint64_t>(config.batch_size, 1, MAX_BATCH))},

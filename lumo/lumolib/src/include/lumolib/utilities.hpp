@@ -2,7 +2,8 @@
 
 // How a constructor reads its keys from its configuration node. For set-up, on the controlling thread.
 // A key is mandatory unless a default is given; the PliConfig... exceptions of a missing or unusable value
-// pass. Under a PliConfigReview nothing here throws: a fault is noted under its key, and the value is 0.
+// pass. Under a PliConfigReview nothing here throws on a node that is a map: a fault is noted under its key,
+// and the value is 0 or empty.
 
 #include <oru/configng/pliConfig.hpp>
 #include <oru/configng/pliConfigReview.hpp>
@@ -43,7 +44,10 @@ T GetParamOr(const oru::configng::PliConfigInstanceNode& node, const std::string
 template <class T>
 std::vector<T> GetVectorParam(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
     std::vector<T> values;
-    for (const auto& element : node[key]) values.push_back(element.As<T>());
+    const auto list = node[key];
+    oru::configng::Attempt(list, [&] {
+        for (const auto& element : list) values.push_back(element.template As<T>());
+    });
     return values;
 }
 

@@ -92,6 +92,8 @@ public:
         std::uint8_t data_unit_size = 0;              // bytes, not 0
         std::uint64_t buf_samples = 0;                // samples whose packets may be held at a time; 0: 2
     };
+    static constexpr std::uint16_t MIN_FRAMES = 2;  // leader, trailer
+    static constexpr std::uint64_t MAX_BUF_SAMPLES = 1024;
 
     using LeaderPacket = detail::Packet<wire::LspxKind::leader>;
     using PayloadPacket = detail::Packet<wire::LspxKind::payload>;
@@ -165,8 +167,10 @@ public:
         gsl::span<const std::byte> padding{};  // what the padding is filled with, repeated; empty: zeros
     };
 
-    // Sends through the QUDEX sender, which must live as long and have num_frames of 3 or more: leader,
-    // payload, trailer. Throws std::runtime_error on a configuration that can't work.
+    static constexpr std::uint16_t MIN_FRAMES = 3;  // leader, payload, trailer
+
+    // Sends through the QUDEX sender, which must live as long and have num_frames of MIN_FRAMES or more.
+    // Throws std::runtime_error on a configuration that can't work.
     Sender(const Config& config, qudex::Sender& sender);
 
     // As qudex::Sender::SetSampleId.

@@ -14,6 +14,7 @@
 #include <gsl/span>
 
 #include <functional>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -49,6 +50,7 @@ public:
         std::uint64_t buf_packets =
             0;  // packets kept for later samples; 0: as many as num_frames, at most 16
     };
+    static constexpr std::uint64_t MAX_BUF_PACKETS = 4096;
 
     // The packets at both ends of a sample. The second is null if the sample has one frame.
     struct SampleHandle {
@@ -95,6 +97,8 @@ public:
         std::uint64_t sample_size = 0;  // bytes of every sample, carried in the header; 0: not told
         std::uint64_t niovs = 0;        // the most pieces that one packet is gathered from; 0: 16
     };
+    static constexpr std::uint64_t MAX_SAMPLE_SIZE = std::numeric_limits<std::uint32_t>::max();
+    static constexpr std::uint64_t MAX_NIOVS = 1023;  // and one for the header: the system's limit
 
     Sender(const Config& config, TxSocket& socket, std::pmr::memory_resource* memory);
 

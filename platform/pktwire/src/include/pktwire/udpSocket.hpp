@@ -63,6 +63,9 @@ private:
 
 }  // namespace detail
 
+// Of this machine.
+bool HasInterface(const std::string& name) noexcept;
+
 // A bound socket. A multicast listening address is joined on the interface.
 class UdpRxSocket final : public RxSocket {
 public:

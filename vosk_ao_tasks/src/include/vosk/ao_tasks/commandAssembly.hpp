@@ -20,7 +20,13 @@ public:
         std::uint32_t ho_cascade_modes = 0;
     };
 
-    // Throws std::runtime_error if ho_cascade_modes is out of range.
+    static constexpr std::uint32_t LOWEST_HO_CASCADE_MODES = defs::TIP_TILT_SIZE + 1;
+    static constexpr std::uint32_t HIGHEST_HO_CASCADE_MODES = defs::GPAO_CMD_SIZE;
+
+    // Throws std::runtime_error if the value is out of range.
+    static void VetHoCascadeModes(std::uint32_t ho_cascade_modes);
+
+    // Throws std::runtime_error on a bad value.
     explicit CommandAssembly(const Config& config);
 
     // Which inputs a mode reads. False for a value that is no mode.

@@ -31,7 +31,13 @@ public:
         float threshold_gap = 0.0F;  // largest absolute position of an actuator; the same
     };
 
-    // Copies the matrix. Throws std::runtime_error on a configuration that breaks the limits told above.
+    // Each throws std::runtime_error on a value that breaks the limits named above.
+    static void VetManagedModes(std::uint32_t managed_modes);
+    static void VetM2p(std::span<const float> m2p);
+    static void VetThresholdVelocity(float threshold_velocity);
+    static void VetThresholdGap(float threshold_gap);
+
+    // Copies the matrix. Throws std::runtime_error on a bad value or a matrix of another size.
     explicit M4SaturationManagement(const Config& config);
 
     // out_setpoint is in_wavefront_command with its managed modes limited. in_last_applied is what M4 last

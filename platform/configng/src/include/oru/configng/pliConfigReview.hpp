@@ -60,8 +60,8 @@ private:
 };
 
 // Runs the step, which reads `node` or makes what it describes. In a run its exceptions pass. Under a review
-// one is noted at the node, unless faults that were noted in the course of the step explain it; keys below
-// the node then count as read, as the step may not have come to them.
+// one is noted at the node, unless the node has a problem already or faults that were noted in the course of
+// the step explain it; keys below the node then count as read, as the step may not have come to them.
 void Attempt(const PliConfigInstanceNode& node, const std::function<void()>& step);
 
 }  // namespace oru::configng
