@@ -18,17 +18,6 @@ bool IsFinite(const Matrix& matrix) {
                        [](double value) { return std::isfinite(value); });
 }
 
-// How many samples the stage may take until it has an output.
-std::size_t MostTaken(const PliConfigInstanceNode& stage) {
-    const auto type = stage["type"].As<std::string>();
-    if (type == "filter") return 1;
-    // It has none as long as what it takes is too old.
-    if (ReadStopInterval(stage) != Duration::zero()) return std::numeric_limits<std::size_t>::max();
-    if (type != "downsampler") return 1;
-    const Rates rates = ReadRates(stage);
-    return rates.input / rates.output;
-}
-
 }  // namespace
 
 Duration ReadStopInterval(const PliConfigInstanceNode& stage) {
@@ -82,20 +71,6 @@ void RequireMap(const PliConfigInstanceNode& stage) {
 void RequireElements(const PliConfigInstanceNode& definition) {
     if (!definition.IsSequence() || definition.GetSize() == 0) {
         LogAndThrow("CreateResampler could not recognize configuration");
-    }
-}
-
-// All that an upsampler has left moves on in one call if the stage behind it gives no output for it. The
-// other side waits for the mutex meanwhile.
-void WarnOfLongMoves(const PliConfigInstanceNode& definition) {
-    constexpr std::size_t MOST_MOVED = 1'000;  // some 50 us
-    for (std::size_t i = 0; i + 1 < definition.GetSize(); ++i) {
-        const PliConfigInstanceNode stage = definition[i];
-        if (stage["type"].As<std::string>() != "upsampler") continue;
-        const Rates rates = ReadRates(stage);
-        const std::size_t moved = std::min(rates.output / rates.input, MostTaken(definition[i + 1]));
-        if (moved <= MOST_MOVED) continue;
-        common::LogWarn("{}: one call of the chain may move {} samples", stage.GetPath(), moved);
     }
 }
 

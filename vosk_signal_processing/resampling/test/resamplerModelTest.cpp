@@ -1,9 +1,8 @@
 // Every resampler, and every chain of up to three of them, each in its waitable form, against its model under
 // the same random course of inputs, reads and time; and none of it allocates.
 
-#include "resamplerModels.hpp"
+#include "resamplerChains.hpp"
 
-#include <gtest/gtest.h>
 #include <vosk/test/allocationCount.hpp>
 
 #include <random>
@@ -127,7 +126,7 @@ private:
     atomclk::ManualClock m_clock{At(START)};
     Sample m_sample{At(START), 0, {}};
     std::unique_ptr<Resampler<Sample>> m_real;
-    std::unique_ptr<Model> m_model;
+    std::unique_ptr<reference::Resampler> m_model;
     std::size_t m_allocations = 0;
 };
 

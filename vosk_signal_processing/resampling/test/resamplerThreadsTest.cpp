@@ -1,15 +1,8 @@
 // Producer and consumer in a resampler at once, and a consumer that sleeps on two of them. For the thread
 // sanitizer too.
 
-#include <atomclk/atomClk.hpp>
 #include <vosk/signal_processing/resamplingFactory.hpp>
 #include <vosk/test/support.hpp>
-
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <thread>
 
 using namespace std::chrono_literals;
 

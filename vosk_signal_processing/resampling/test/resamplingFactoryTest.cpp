@@ -1,8 +1,7 @@
 // From text to resamplers, and every text that is refused.
 
-#include "resamplerModels.hpp"
+#include "resamplerChains.hpp"
 
-#include <gtest/gtest.h>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/node.hpp>
 
@@ -14,18 +13,9 @@ namespace {
 using vosk::test::LogCapture;
 using vosk::test::TextOf;
 
-std::string Up(int factor) {
-    return "{type: upsampler, name: lerp, input_sample_rate: 100, outut_sample_rate: " +
-           std::to_string(100 * factor) + "}";
-}
-
-std::string Down(int decimation) {
-    return "{type: downsampler, name: decimation, outut_sample_rate: 100, input_sample_rate: " +
-           std::to_string(100 * decimation) + "}";
-}
-
-const std::string UP = Up(2);
-const std::string DOWN = Down(2);
+const std::string UP = "{type: upsampler, name: lerp, input_sample_rate: 100, outut_sample_rate: 200}";
+const std::string DOWN =
+    "{type: downsampler, name: decimation, outut_sample_rate: 100, input_sample_rate: 200}";
 const std::string IDENTITY = "{type: identity, name: identity}";
 
 // The stage with one key more.
@@ -94,64 +84,66 @@ TEST(ResamplingFactory, KeysReachTheirStages) {
     }
 }
 
-TEST(ResamplingFactory, WhatCannotBeMadeIsRefusedInTheLogAndByException) {
-    const auto stage = [](const std::string& type, const std::string& name) {
-        return "[{type: " + type + ", name: " + name + "}]";
+TEST(Resampling, WhatCannotBeMadeIsRefusedInTheLogAndByException) {
+    using Call = std::function<void()>;
+    const auto stage = [](const std::string& keys) -> Call { return [=] { Create("[{" + keys + "}]"); }; };
+    const auto rates = [&](const std::string& kind, std::size_t in, std::size_t out) {
+        return stage(kind + ", input_sample_rate: " + std::to_string(in) +
+                     ", outut_sample_rate: " + std::to_string(out));
     };
+    const auto filter = [](auto... matrices) -> Call {
+        return [=] { Create("[" + FilterText(matrices...) + "]"); };
+    };
+    const std::string lerp = "type: upsampler, name: lerp";
+    const std::string decimation = "type: downsampler, name: decimation";
     const std::string shape = "CreateFilter coefficients vector size mismatch";
-    const std::pair<std::string, std::string> cases[] = {
-        {"{}", "CreateResampler could not recognize configuration"},
-        {"[]", "CreateResampler could not recognize configuration"},
-        {"", "CreateResampler could not recognize configuration"},
-        {"[3]", "CreateResamplerComponent node is not a map"},
-        {"[" + IDENTITY + ", []]", "CreateResamplerComponent node is not a map"},
-        {stage("magic", "lerp"), "CreateResamplerComponent could not create magic: lerp"},
-        {stage("upsampler", "cubic"), "CreateUpsampler could not create cubic"},
-        {stage("downsampler", "mean"), "CreateDownsampler could not create mean"},
-        {stage("identity", "id"), "CreateIdentityResampler could not create id"},
-        {stage("filter", "fir"), "CreateFilter could not create fir"},
-        {"[" + FilterText("3", "[[1]]", "[[1]]", "[[1]]") + "]", "CreateFilter could not create statespace"},
-        {"[" + FilterText("0", "[[1]]", "[[1]]", "[[1]]") + "]", "CreateFilter could not create statespace"},
-        {"[" + FilterText("1", "[[1, 2]]", "[[1]]", "[[1]]") + "]", shape},
-        {"[" + FilterText("2", "[[1, 2], [3, 4]]", "[[1, 2]]", "[[1, 2]]") + "]", shape},
-        {"[" + FilterText("2", "[[1, 2], [3, 4]]", "[[1], [2]]", "[[1], [2]]") + "]", shape},
-        {"[" + FilterText("1", "[[1]]", "[[1]]", "[[1]]", "[[1], [2]]") + "]", shape},
-        {"[" + FilterText("1", "[[.nan]]", "[[1]]", "[[1]]") + "]",
-         "CreateFilter coefficients must be finite"},
-        {"[{type: identity, name: identity, timeout_us: 9223372036854776}]",
+    const std::string no_stages = "CreateResampler could not recognize configuration";
+    const std::pair<Call, std::string> cases[] = {
+        {[] { Create("{}"); }, no_stages},
+        {[] { Create("[]"); }, no_stages},
+        {[] { Create(""); }, no_stages},
+        {[] { Create("[3]"); }, "CreateResamplerComponent node is not a map"},
+        {[] { Create("[" + IDENTITY + ", []]"); }, "CreateResamplerComponent node is not a map"},
+        {[] { Create<Opaque>("[" + FIRST + "]"); },
+         "CreateResamplerComponent could not create filter: statespace"},
+        {stage("type: magic, name: lerp"), "CreateResamplerComponent could not create magic: lerp"},
+        {stage("type: upsampler, name: cubic"), "CreateUpsampler could not create cubic"},
+        {stage("type: downsampler, name: mean"), "CreateDownsampler could not create mean"},
+        {stage("type: identity, name: id"), "CreateIdentityResampler could not create id"},
+        {stage("type: filter, name: fir"), "CreateFilter could not create fir"},
+        {stage("type: identity, name: identity, timeout_us: 9223372036854776"),
          "definition[0].timeout_us is out of range"},
+        {filter("3", "[[1]]", "[[1]]", "[[1]]"), "CreateFilter could not create statespace"},
+        {filter("0", "[[1]]", "[[1]]", "[[1]]"), "CreateFilter could not create statespace"},
+        {filter("1", "[[1, 2]]", "[[1]]", "[[1]]"), shape},
+        {filter("2", "[[1, 2], [3, 4]]", "[[1, 2]]", "[[1, 2]]"), shape},
+        {filter("2", "[[1, 2], [3, 4]]", "[[1], [2]]", "[[1], [2]]"), shape},
+        {filter("1", "[[1]]", "[[1]]", "[[1]]", "[[1], [2]]"), shape},
+        {filter("1", "[[.nan]]", "[[1]]", "[[1]]"), "CreateFilter coefficients must be finite"},
+        {rates(lerp, 0, 0), "OutputRateResampler: output rate must not be 0"},
+        {rates(lerp, 1, 1'000'000'001), "OutputRateResampler: output rate must not be above 1000000000"},
+        {rates(lerp, 0, 1), "ExpectedInputRateResampler: expected input rate must not be 0"},
+        {rates(lerp, 2, 1), "LerpUpsampler: expected input rate is greater than output rate"},
+        {rates(lerp, 2, 5), "LerpUpsampler: output rate is not divisible by input rate"},
+        {rates(decimation, 1, 2), "SampleIdDecimatingDownsampler: output rate is greater than input rate"},
+        {rates(decimation, 0, 0), "SampleIdDecimatingDownsampler: output rate is 0"},
+        {rates(decimation, 5, 2),
+         "SampleIdDecimatingDownsampler: input rate is not divisible by output rate"},
+        {[] { IdentityResampler<Sample, Opaque>{-1ns}; },
+         "StopIntervalResampler: stop interval must not be negative"},
+        {[] { ResamplerContainer<Sample>{std::vector<std::unique_ptr<Resampler<Sample>>>(1)}; },
+         "ResamplerContainer: resampler is a nullptr"},
     };
-    for (const auto& [definition, text] : cases) {
+    for (const auto& [call, text] : cases) {
         const LogCapture log;
-        EXPECT_EQ(TextOf<std::runtime_error>([&wanted = definition] { return Create(wanted); }), text)
-            << definition;
-        EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1) << definition;
+        EXPECT_EQ(TextOf<std::runtime_error>(call), text);
+        EXPECT_EQ(log.Lines(), (std::vector{LogCapture::Line{log4cplus::ERROR_LOG_LEVEL, text}}));
     }
-    EXPECT_EQ(TextOf<std::runtime_error>([] { return Create<Opaque>("[" + FIRST + "]"); }),
-              "CreateResamplerComponent could not create filter: statespace");
-    EXPECT_NO_THROW(Create("[{type: identity, name: identity, timeout_us: 9223372036854775}]"));
-    EXPECT_THROW(Create("[{type: identity}]"), oru::configng::PliConfigNotFoundError);
-    EXPECT_THROW(Create("[{type: upsampler, name: lerp, input_sample_rate: -1, outut_sample_rate: 1}]"),
+    EXPECT_NO_THROW(rates(lerp, 1, 1'000'000'000)());
+    EXPECT_NO_THROW(stage("type: identity, name: identity, timeout_us: 9223372036854775")());
+    EXPECT_THROW(stage("type: identity")(), oru::configng::PliConfigNotFoundError);
+    EXPECT_THROW(stage(lerp + ", input_sample_rate: -1, outut_sample_rate: 1")(),
                  oru::configng::PliConfigValueError);
-}
-
-TEST(ResamplingFactory, WarnsOfChainsThatMayMoveManySamplesAtOnce) {
-    const std::pair<std::string, std::vector<std::string>> cases[] = {
-        {Up(1001), {}},
-        {Up(1001) + ", " + IDENTITY + ", " + Down(1001), {}},  // one sample a call
-        {Up(1001) + ", " + With("timeout_us: 5", FIRST), {}},  // which has no such key
-        {Up(1001) + ", " + Down(1000), {}},
-        {Up(1000) + ", " + Down(1001), {}},
-        {IDENTITY + ", " + Up(3003) + ", " + Down(1001),
-         {"definition[1]: one call of the chain may move 1001 samples"}},
-        {Up(1001) + ", " + With("timeout_us: 5", IDENTITY),
-         {"definition[0]: one call of the chain may move 1001 samples"}},
-    };
-    for (const auto& [definition, lines] : cases) {
-        const LogCapture log;
-        Create("[" + definition + "]");
-        EXPECT_EQ(log.Texts("", log4cplus::WARN_LOG_LEVEL), lines) << definition;
-    }
 }
 
 }  // namespace

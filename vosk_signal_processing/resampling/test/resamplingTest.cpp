@@ -1,12 +1,7 @@
-// What the resamplers give, worked out on paper; what they refuse; when they notify.
+// What the resamplers give, worked out on paper; when they notify.
 
-#include "resamplerModels.hpp"
+#include "resamplerChains.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <vosk/test/logCapture.hpp>
-
-#include <functional>
 #include <tuple>
 
 using namespace std::chrono_literals;
@@ -15,8 +10,6 @@ namespace vosk::signal_processing::test {
 namespace {
 
 using ::testing::ElementsAre;
-using vosk::test::LogCapture;
-using vosk::test::TextOf;
 
 // An input, and what comes out after it.
 struct Step {
@@ -104,33 +97,6 @@ TEST(Resampler, AFilterBetweenTwoRateChangesCostsThreeOfFourOutputs) {
             EXPECT_EQ(outputs, expected) << ::testing::PrintToString(stages) << " input " << id;
         }
     }
-}
-
-TEST(Resampler, BadArgumentsAreRefusedInTheLogAndByException) {
-    using Lerp = LerpUpsampler<Sample, Opaque>;
-    using Decimation = SampleIdDecimatingDownsampler<Sample, Opaque>;
-    const auto lerp = [](std::size_t in, std::size_t out) { return [=] { Lerp{in, out, 0ns}; }; };
-    const auto decimation = [](std::size_t in, std::size_t out) { return [=] { Decimation{in, out, 0ns}; }; };
-    const std::pair<std::function<void()>, const char*> cases[] = {
-        {[] { IdentityResampler<Sample, Opaque>{-1ns}; },
-         "StopIntervalResampler: stop interval must not be negative"},
-        {lerp(0, 0), "OutputRateResampler: output rate must not be 0"},
-        {lerp(1, 1'000'000'001), "OutputRateResampler: output rate must not be above 1000000000"},
-        {lerp(0, 1), "ExpectedInputRateResampler: expected input rate must not be 0"},
-        {lerp(2, 1), "LerpUpsampler: expected input rate is greater than output rate"},
-        {lerp(2, 5), "LerpUpsampler: output rate is not divisible by input rate"},
-        {decimation(1, 2), "SampleIdDecimatingDownsampler: output rate is greater than input rate"},
-        {decimation(0, 0), "SampleIdDecimatingDownsampler: output rate is 0"},
-        {decimation(5, 2), "SampleIdDecimatingDownsampler: input rate is not divisible by output rate"},
-        {[] { ResamplerContainer<Sample>{std::vector<std::unique_ptr<Resampler<Sample>>>(1)}; },
-         "ResamplerContainer: resampler is a nullptr"},
-    };
-    for (const auto& [construct, text] : cases) {
-        const LogCapture log;
-        EXPECT_EQ(TextOf<std::runtime_error>(construct), text);
-        EXPECT_EQ(log.Lines(), (std::vector{LogCapture::Line{log4cplus::ERROR_LOG_LEVEL, text}}));
-    }
-    EXPECT_NO_THROW(lerp(1, 1'000'000'000)());
 }
 
 // Looks at its flags within each notification, which hangs if the resampler is still locked then.

@@ -1,8 +1,7 @@
 // What the filter starts from; its recursion is held against its model with the other resamplers.
 
-#include "resamplerModels.hpp"
+#include "resamplerChains.hpp"
 
-#include <gtest/gtest.h>
 #include <vosk/test/logCapture.hpp>
 
 #include <random>

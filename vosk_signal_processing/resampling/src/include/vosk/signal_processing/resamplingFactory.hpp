@@ -49,8 +49,6 @@ void CheckCoefficients(const Coefficients& coefficients);
 [[noreturn]] void RefuseType(const std::string& type, const std::string& name);
 void RequireMap(const PliConfigInstanceNode& stage);
 void RequireElements(const PliConfigInstanceNode& definition);
-// Call after the stages were made: it trusts their rates.
-void WarnOfLongMoves(const PliConfigInstanceNode& definition);
 
 template <class R, class... Args>
 std::unique_ptr<Resampler<typename R::Sample>> Make(bool waitable, Args&&... args) {
@@ -127,7 +125,6 @@ std::unique_ptr<Resampler<T>> CreateResampler(const PliConfigInstanceNode& node,
     std::vector<std::unique_ptr<Resampler<T>>> stages;
     stages.reserve(node.GetSize());
     for (const auto& stage : node) stages.push_back(CreateResamplerComponent<T, A>(stage, false));
-    detail::WarnOfLongMoves(node);
     return detail::Make<ResamplerContainer<T>>(waitable, std::move(stages));
 }
 
