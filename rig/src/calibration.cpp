@@ -1,8 +1,8 @@
 #include "calibration.hpp"
 
 #include "fitsImage.hpp"
-#include "prediction.hpp"
-#include "wavefront.hpp"
+#include "judge/prediction.hpp"
+#include "peers/wavefront.hpp"
 #include "zernike.hpp"
 
 #include <fmt/format.h>

@@ -1,10 +1,10 @@
 // vosk-rig: the bench telescope. Exit code 0 if the verdict of the run holds, 1 if it doesn't, 2 if the run
 // could not be made.
 
-#include "cameraFiles.hpp"
-#include "htmlReport.hpp"
+#include "cameras/cameraFiles.hpp"
+#include "cameras/showFrame.hpp"
+#include "report/htmlReport.hpp"
 #include "run.hpp"
-#include "showFrame.hpp"
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>

@@ -1,7 +1,7 @@
 #include "run.hpp"
 
-#include "htmlReport.hpp"
-#include "table.hpp"
+#include "report/htmlReport.hpp"
+#include "report/table.hpp"
 
 #include <fcntl.h>
 #include <fmt/chrono.h>

@@ -4,12 +4,12 @@
 // scenario's steps at their times, ends everything in order and gathers what is known. Runs on the program's
 // main thread.
 
-#include "accounting.hpp"
-#include "checkThread.hpp"
-#include "figures.hpp"
-#include "instrument.hpp"
-#include "m4Peer.hpp"
-#include "progress.hpp"
+#include "judge/accounting.hpp"
+#include "judge/checkThread.hpp"
+#include "peers/instrument.hpp"
+#include "peers/m4Peer.hpp"
+#include "report/figures.hpp"
+#include "report/progress.hpp"
 
 #include <pktwire/udpSocket.hpp>
 

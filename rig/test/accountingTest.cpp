@@ -1,4 +1,4 @@
-#include "accounting.hpp"
+#include "judge/accounting.hpp"
 
 #include <vosk/test/support.hpp>
 

@@ -1,5 +1,5 @@
-#include "cameraFiles.hpp"
-#include "lisaReadout.hpp"
+#include "cameras/cameraFiles.hpp"
+#include "cameras/lisaReadout.hpp"
 #include "portableRandom.hpp"
 
 #include <vosk/common/fits.hpp>

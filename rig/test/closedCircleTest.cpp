@@ -1,8 +1,8 @@
 // Spots of known place and flux into the renderer, calibration files and raw frame into the image blocks,
 // centroids out: as far from where they are expected as the noise allows, and not further.
 
-#include "cameraFiles.hpp"
-#include "frameRenderer.hpp"
+#include "cameras/cameraFiles.hpp"
+#include "cameras/frameRenderer.hpp"
 #include "paperCentroid.hpp"
 #include "portableRandom.hpp"
 

@@ -1,4 +1,4 @@
-#include "contentCheck.hpp"
+#include "judge/contentCheck.hpp"
 
 #include <vosk/test/support.hpp>
 

@@ -1,4 +1,4 @@
-#include "faultySocket.hpp"
+#include "peers/faultySocket.hpp"
 
 #include <vosk/test/recordingSocket.hpp>
 #include <vosk/test/support.hpp>

@@ -1,9 +1,9 @@
-#include "frameRenderer.hpp"
+#include "cameras/frameRenderer.hpp"
 
-#include "canvas.hpp"
-#include "frameView.hpp"
+#include "cameras/canvas.hpp"
+#include "cameras/frameView.hpp"
+#include "cameras/renderRow.hpp"
 #include "portableRandom.hpp"
-#include "renderRow.hpp"
 
 #include <gmock/gmock.h>
 #include <hwy/targets.h>

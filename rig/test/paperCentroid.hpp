@@ -9,8 +9,8 @@
 //     mean m Q + s d,   mean square (m^2 + s^2) Q + s (m + t) d,   slope with m: Q + t d / s.
 // A ratio of sums has, to first order, the variance of its numerator about the expected ratio.
 
-#include "cameraSensor.hpp"
-#include "frameRenderer.hpp"
+#include "cameras/cameraSensor.hpp"
+#include "cameras/frameRenderer.hpp"
 
 #include <vosk/image_processing/roi.hpp>
 

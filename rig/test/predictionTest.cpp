@@ -1,4 +1,4 @@
-#include "prediction.hpp"
+#include "judge/prediction.hpp"
 
 #include <vosk/test/support.hpp>
 

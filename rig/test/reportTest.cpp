@@ -1,6 +1,6 @@
-#include "hostProcess.hpp"
-#include "htmlReport.hpp"
-#include "svgPlot.hpp"
+#include "host/hostProcess.hpp"
+#include "report/htmlReport.hpp"
+#include "report/svgPlot.hpp"
 
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
