@@ -61,7 +61,7 @@ bool MayTakePriority(int priority) {
 }
 
 std::string AdviseOnPriority(int priority) {
-    const passwd* user = getpwuid(getuid());
+    const passwd* user = getpwuid(getuid());  // NOLINT(concurrency-mt-unsafe): asked once
     return fmt::format(
         "No right to real-time priority: other load delays the loop, and the verdict may not hold. For this "
         "shell: "

@@ -42,13 +42,13 @@ void LoadBestBlasKernel(char** arguments) {
     if (!gim::Helper::GetEnvironment(KERNEL_VARIABLE).empty()) return;
     const auto better = ChooseBetterKernel(::openblas_get_corename(), ReadCpuFeatures());
     if (!better) return;
-    ::setenv(KERNEL_VARIABLE, better->c_str(),
-             1);  // NOLINT(concurrency-mt-unsafe): the threads of OpenBLAS idle
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the threads of OpenBLAS idle
+    ::setenv(KERNEL_VARIABLE, better->c_str(), 1);
     ::execv("/proc/self/exe", arguments);
 }
 
 std::string BlasKernel() {
-    const std::string loaded = ::openblas_get_corename();
+    std::string loaded = ::openblas_get_corename();
     const std::string wanted = gim::Helper::GetEnvironment(KERNEL_VARIABLE);
     if (wanted.empty() || ::strcasecmp(wanted.c_str(), loaded.c_str()) == 0) return loaded;
     return fmt::format("{} (OpenBLAS has not followed {}={})", loaded, KERNEL_VARIABLE, wanted);

@@ -75,6 +75,7 @@ std::string PreemptionModel(std::string_view version, std::string_view modes) {
 
 std::vector<ThreadState> StatesOf(const std::map<std::string, std::unique_ptr<lumo::Thread>>& threads) {
     std::vector<ThreadState> states;
+    states.reserve(threads.size());
     for (const auto& [name, thread] : threads) states.push_back({name, thread->GetPlacement()});
     return states;
 }

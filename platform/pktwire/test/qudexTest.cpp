@@ -92,7 +92,7 @@ TEST(QudexSender, SendsAllFramesAfterARefusalButNoneAfterAnotherError) {
 
 TEST(QudexReceiver, PutsFramesOfManySizesTogetherWithoutACopy) {
     for (std::uint16_t frames : std::initializer_list<std::uint16_t>{1, 3, 206, 943}) {
-        for (std::size_t size : {1, 943, 21416}) {
+        for (const std::size_t size : {1U, 943U, 21416U}) {
             QudexBench bench{frames, size};
             bench.Expect(
                 {"", {Cut({1, frames, size}), Cut({2, frames, size}), Cut({3, frames, size})}, "1 2 3", ""});
