@@ -12,6 +12,10 @@ namespace {
 
 constexpr double DEFAULT_SATURATION = 10.0;
 
+constexpr std::size_t TSH = 1;
+constexpr std::size_t NBR = 2;
+constexpr std::size_t COG = 3;
+
 double ReadSaturation(const PliConfigInstanceNode& node) {
     if (!node.Has("saturation")) return DEFAULT_SATURATION;
     const auto saturation = node["saturation"].As<double>();
@@ -58,6 +62,34 @@ std::unique_ptr<Centroiding<T>> CreateCentroidingAlgorithm(const PliConfigInstan
         return centroiding;
     }
     common::LogAndThrow(fmt::format("CreateCentroidingAlgorithm could not create \"{}\"", type));
+}
+
+std::unique_ptr<Centroiding<float>> MakeEstimator(std::size_t option, float threshold, std::size_t nbrightest,
+                                                  std::size_t img_width, std::size_t img_height,
+                                                  double saturation) {
+    switch (option) {
+        case TSH:
+            return std::make_unique<CentroidingTSH<float>>(img_width, img_height, saturation, threshold);
+        case NBR: {
+            auto estimator = std::make_unique<CentroidingNBR<float>>(img_width, img_height, saturation);
+            estimator->SetNBrightest(nbrightest, true);
+            return estimator;
+        }
+        case COG:
+            return std::make_unique<CentroidingCOG<float>>(img_width, img_height, saturation);
+        default:
+            return nullptr;
+    }
+}
+
+EstimatorOptions OptionsOf(const Centroiding<float>& estimator) {
+    if (const auto* tsh = dynamic_cast<const CentroidingTSH<float>*>(&estimator)) {
+        return {0, tsh->treshold, TSH};
+    }
+    if (const auto* nbr = dynamic_cast<const CentroidingNBR<float>*>(&estimator)) {
+        return {nbr->GetNBrightest(), 0.0F, NBR};
+    }
+    return {0, 0.0F, COG};
 }
 
 template std::unique_ptr<Centroiding<float>> CreateCentroiding<float>(const PliConfigInstanceNode&,

@@ -67,5 +67,21 @@ TEST(CentroidingFactory, RefusesWhatItCannotMake) {
     EXPECT_THROW(FromNode("{type: cog, saturation: 1 px}"), oru::configng::PliConfigValueError);
 }
 
+TEST(EstimatorOptions, MakeEachEstimatorAndComeBackFromIt) {
+    const auto made = [](std::size_t option) { return factory::MakeEstimator(option, 3.5F, 5, 20, 10, 2.0); };
+    const std::pair<std::string, factory::EstimatorOptions> estimators[]{
+        {"tsh 3.5", {0, 3.5F, 1}}, {"nbr 5 true", {5, 0.0F, 2}}, {"cog", {0, 0.0F, 3}}};
+    for (const auto& [name, expected] : estimators) {
+        const auto estimator = made(expected.option);
+        EXPECT_EQ(Describe(*estimator), name + ", 20 x 10, 2");
+        const auto options = factory::OptionsOf(*estimator);
+        EXPECT_EQ(std::tie(options.nbrightest, options.threshold, options.option),
+                  std::tie(expected.nbrightest, expected.threshold, expected.option));
+    }
+    EXPECT_EQ(made(0), nullptr);
+    EXPECT_EQ(made(4), nullptr);
+    EXPECT_THROW(factory::MakeEstimator(2, 0.0F, 0, 20, 10, 2.0), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace vosk::image_processing

@@ -3,7 +3,9 @@
 #include <vosk/common/logger.hpp>
 #include <vosk/image_processing/badPixelCorrection.hpp>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <numeric>
 #include <stdexcept>
@@ -21,9 +23,14 @@ void CheckCoordinate(const char* axis, std::uint32_t value, std::uint32_t extent
 
 }  // namespace
 
-bad_pixel_correction_block::bad_pixel_correction_block(
-    std::uint32_t width, std::uint32_t height,
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> bad_pixels, std::vector<float> pixel_weights)
+bool Contains(const Roi& roi, const BadPixel& bad_pixel) noexcept {
+    const auto& [x, y] = bad_pixel;
+    return x >= roi.x_start && x < roi.x_stop && y >= roi.y_start && y < roi.y_stop;
+}
+
+bad_pixel_correction_block::bad_pixel_correction_block(std::uint32_t width, std::uint32_t height,
+                                                       std::vector<BadPixel> bad_pixels,
+                                                       std::vector<float> pixel_weights)
     : m_width{width},
       m_height{height},
       m_bad_pixels{std::move(bad_pixels)},
@@ -44,18 +51,33 @@ bad_pixel_correction_block::bad_pixel_correction_block(
 
 void bad_pixel_correction_block::work(std::span<float> frame, const Roi& roi) const {
     VOSK_ASSERT(frame.size() == std::size_t{m_width} * m_height);
-    for (const auto& [x, y] : m_bad_pixels) {
-        if (x < roi.x_start || x >= roi.x_stop || y < roi.y_start || y >= roi.y_stop) continue;
-        const float* weight = m_pixel_weights.data();
-        float* const pixel = frame.data() + std::size_t{y} * m_width + x;
-        float sum = 0.0F;
-        for (const float* row : {pixel - m_width, pixel, pixel + m_width}) {
-            for (const float* neighbour = row - 1; neighbour <= row + 1; ++neighbour) {
-                sum += *neighbour * *weight++;
-            }
-        }
-        *pixel = sum / m_weight_sum;
+    for (const BadPixel& bad_pixel : m_bad_pixels) {
+        if (Contains(roi, bad_pixel)) RepairPixel(frame, bad_pixel);
     }
+}
+
+std::vector<BadPixel> bad_pixel_correction_block::BadPixelsOf(const Roi& roi) const {
+    std::vector<BadPixel> found;
+    std::ranges::copy_if(m_bad_pixels, std::back_inserter(found),
+                         [&](const BadPixel& bad_pixel) { return Contains(roi, bad_pixel); });
+    return found;
+}
+
+void bad_pixel_correction_block::Repair(std::span<float> frame, std::span<const BadPixel> bad_pixels) const {
+    VOSK_ASSERT(frame.size() == std::size_t{m_width} * m_height);
+    for (const BadPixel& bad_pixel : bad_pixels) RepairPixel(frame, bad_pixel);
+}
+
+void bad_pixel_correction_block::RepairPixel(std::span<float> frame, const BadPixel& bad_pixel) const {
+    const float* weight = m_pixel_weights.data();
+    float* const pixel = frame.data() + std::size_t{bad_pixel.second} * m_width + bad_pixel.first;
+    float sum = 0.0F;
+    for (const float* row : {pixel - m_width, pixel, pixel + m_width}) {
+        for (const float* neighbour = row - 1; neighbour <= row + 1; ++neighbour) {
+            sum += *neighbour * *weight++;
+        }
+    }
+    *pixel = sum / m_weight_sum;
 }
 
 namespace factory {
@@ -73,8 +95,8 @@ const PliConfigInstanceNode& RequireSequence(const PliConfigInstanceNode& node) 
         node.GetWhere());
 }
 
-std::vector<std::pair<std::uint32_t, std::uint32_t>> ReadPixels(const PliConfigInstanceNode& list) {
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> pixels;
+std::vector<BadPixel> ReadPixels(const PliConfigInstanceNode& list) {
+    std::vector<BadPixel> pixels;
     for (const auto& pixel : RequireSequence(list)) {
         if (RequireSequence(pixel).GetSize() != 2) {
             throw PliConfigValueError(

@@ -16,13 +16,16 @@
 
 namespace vosk::image_processing {
 
+using BadPixel = std::pair<std::uint32_t, std::uint32_t>;  // x and y
+
+bool Contains(const Roi& roi, const BadPixel& bad_pixel) noexcept;
+
 class bad_pixel_correction_block {
 public:
     // Width and height are those of the cleaned frame; bad pixels are (x, y), none of them on its border. The
     // weights are the kernel, row by row: 0 is up-left of the pixel, 4 the pixel itself. What breaks this is
     // thrown as std::runtime_error, without a log. Weights without a usable sum are taken, with a warning.
-    bad_pixel_correction_block(std::uint32_t width, std::uint32_t height,
-                               std::vector<std::pair<std::uint32_t, std::uint32_t>> bad_pixels,
+    bad_pixel_correction_block(std::uint32_t width, std::uint32_t height, std::vector<BadPixel> bad_pixels,
                                std::vector<float> pixel_weights);
 
     // Repairs the bad pixels of the region in place, in the order of the list, so that one next to another
@@ -30,10 +33,17 @@ public:
     // be cleaned too; with another number of pixels the process ends. Allocates nothing.
     void work(std::span<float> frame, const Roi& roi) const;
 
+    // The same in two steps, so that the first, which goes through the whole list, need not be in the frame's
+    // path: which bad pixels lie in the region, and the repair of those.
+    std::vector<BadPixel> BadPixelsOf(const Roi& roi) const;
+    void Repair(std::span<float> frame, std::span<const BadPixel> bad_pixels) const;
+
 private:
+    void RepairPixel(std::span<float> frame, const BadPixel& bad_pixel) const;
+
     const std::uint32_t m_width;  // also the row stride
     const std::uint32_t m_height;
-    const std::vector<std::pair<std::uint32_t, std::uint32_t>> m_bad_pixels;
+    const std::vector<BadPixel> m_bad_pixels;
     const std::vector<float> m_pixel_weights;
     const float m_weight_sum;  // in single precision, from the first to the last
 };
