@@ -99,16 +99,6 @@ defs::FsRef FsRefOf(const ao_tasks::Executor& executor) {
     return {AsTipTilt(executor.m_fs_ref), AsTipTilt(executor.m_tt_ref), AsTipTilt(executor.m_m4_tt)};
 }
 
-template <class T>
-std::shared_ptr<T> Exchange() {
-    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{});
-}
-
-template <class T>
-std::shared_ptr<T> WaitableExchange(bool busy) {
-    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{}, busy);
-}
-
 }  // namespace
 
 AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)

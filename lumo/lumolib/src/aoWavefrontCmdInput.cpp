@@ -1,7 +1,6 @@
 #include <lumolib/aoWavefrontCmdInput.hpp>
 
 #include <lumolib/dataSyncManager.hpp>
-#include <lumolib/receiveLoop.hpp>
 #include <lumolib/utilities.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
 #include <vosk/common/logger.hpp>
@@ -76,89 +75,73 @@ bool IsValid(const defs::AoWavefrontCmdStream::ExtInfo::Header& header) {
 }  // namespace
 
 AoWavefrontCmdInput::AoWavefrontCmdInput(const oru::configng::PliConfigInstanceNode& node)
-    : RxThread{"AoWfCmdInput", node, "", std::chrono::microseconds{0}},
-      RxLspx{node, {}, QudexDefaults(node), LspxDefaults(), MemoryResource(), m_description},
-      m_ins_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<AoTasksInsDataSync>(
-          AoTasksInsDataSync::InstanceTag::DEFAULT, m_busy)},
-      m_output_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<AoOutputDataSync>(
-          AoOutputDataSync::InstanceTag::DEFAULT, m_busy)},
+    : LspxInput{"AoWfCmdInput",
+                node,
+                {},
+                QudexDefaults(node),
+                LspxDefaults(),
+                {log4cplus::WARN_LOG_LEVEL,
+                 "ReceiveSample: error: ", RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state}},
+      m_ins_sync{WaitableExchange<AoTasksInsDataSync>(m_busy)},
+      m_output_sync{WaitableExchange<AoOutputDataSync>(m_busy)},
       m_statistics{RuntimeMonitor::GetInstance().m_ao_statistics},
-      m_stream_state{RuntimeMonitor::GetInstance().m_ao_wavefront_cmd_state},
       m_counts{RuntimeMonitor::GetInstance().m_command_counts} {
     CheckForm(node, m_qudex_cfg, m_lspx_cfg);
 }
 
-void AoWavefrontCmdInput::Work(std::promise<void>& started) {
-    const auto buffers = std::make_unique<Buffers>();
-    m_lspx_receiver->Restart();
-    started.set_value();
-    while (IsRunning()) RunCycle(*buffers);
-}
-
-void AoWavefrontCmdInput::RunCycle(Buffers& buffers) {
-    ReceiveLspxOnce(
-        *m_lspx_receiver, gsl::as_writable_bytes(gsl::span{&buffers.header, 1}),
-        gsl::as_writable_bytes(gsl::span{&buffers.payload, 1}), m_timeout,
-        [this](const auto& error, auto now) { OnError(error, now); },
-        [&](const auto& leader, const auto& trailer, auto now) { OnSample(leader, trailer, buffers, now); },
-        [this](auto now) { m_stream_state->RecordInvalidSample(now); });
-}
-
-void AoWavefrontCmdInput::OnError(const std::error_code& error, time_point now) {
-    common::LogWarn("ReceiveSample: error: {}", error.message());
-    m_stream_state->RecordInvalidSample(now);
-    ReportLosses(*m_lspx_receiver, *m_stream_state);
+AoWavefrontCmdInput::Received AoWavefrontCmdInput::Receive() {
+    return m_lspx_receiver->ReceiveSample(gsl::as_writable_bytes(gsl::span{&m_buffers->header, 1}),
+                                          gsl::as_writable_bytes(gsl::span{&m_buffers->payload, 1}), {},
+                                          m_timeout);
 }
 
 // A command that could do harm goes on as one whose valid bit is clear, and one without a usable time as one
 // that was sent when it came: the AO output keeps its beat, and field stabilisation its reference.
-void AoWavefrontCmdInput::OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, Buffers& buffers,
-                                   time_point receive_time) {
+void AoWavefrontCmdInput::OnSample(const Leader& leader, const Trailer& trailer, time_point receive_time) {
+    auto& [header, payload] = *m_buffers;
     const auto id = trailer.SampleId();
     const bool has_time = IsUsable(trailer.Timestamp(), receive_time);
     const time_point command_time = has_time ? trailer.Timestamp() : receive_time;
-    if (IsValid(buffers.header)) {
-        const char* fault = has_time ? FaultOf(leader, buffers) : "its time is out of range";
+    if (IsValid(header)) {
+        const char* fault = has_time ? FaultOf(leader) : "its time is out of range";
         if (fault) {
             common::LogWarn("ReceiveSample: unusable wavefront command, sample_id = {}: {}{}", id, fault,
                             has_time ? "" : DistanceText(trailer.Timestamp(), receive_time));
-            buffers.header.flags &= static_cast<std::uint8_t>(~defs::AoWavefrontCmdStream::ExtInfo::VALID);
+            header.flags &= static_cast<std::uint8_t>(~defs::AoWavefrontCmdStream::ExtInfo::VALID);
         }
     }
 
-    KeepPair(leader, buffers);
-    const bool valid = IsValid(buffers.header);
+    KeepPair(leader);
+    const bool valid = IsValid(header);
     // AoTasks clears the flag when it has taken a command. Only valid ones are stored, in the modes they
     // pace.
     if (valid && m_ins_sync->IsDataReady() &&
         defs::IsInsDriven(VoskTelescopeStateManager::GetCurrentControlMode()))
         m_counts->overwritten_commands.fetch_add(1, std::memory_order_relaxed);
-    m_ins_sync->SetData(buffers.payload, buffers.header, id, command_time);
+    m_ins_sync->SetData(payload, header, id, command_time);
     m_output_sync->SetData(AoWavefrontCmdTimestamps{command_time, receive_time}, id, atomclk::AtomClk::now());
     if (valid) {
         m_statistics->Update(command_time, receive_time);
-        m_stream_state->RecordValidSample(receive_time);
+        m_account.RecordValid(receive_time);
     } else {
-        m_stream_state->RecordInvalidSample(receive_time);
+        m_account.RecordInvalid(receive_time);
     }
-    ReportLosses(*m_lspx_receiver, *m_stream_state);
     if (common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
         common::LogDebug("\t-> Received AO wavefront command at {}, sample_id = {}, valid = {}",
                          GetTimeString(receive_time), id, valid);
     }
 }
 
-// What would harm the mirror, or null. A short command leaves an older one in the rest of the buffer.
-const char* AoWavefrontCmdInput::FaultOf(const LeaderPacket& leader, const Buffers& buffers) {
-    if (leader.NumUnits() != buffers.payload.command.size()) return "it has another size";
-    if (!common::math::AllFinite(buffers.payload.command)) return "a value is not finite";
+const char* AoWavefrontCmdInput::FaultOf(const Leader& leader) const {
+    if (leader.NumUnits() != m_buffers->payload.command.size()) return "it has another size";
+    if (!common::math::AllFinite(m_buffers->payload.command)) return "a value is not finite";
     return nullptr;
 }
 
 // The first pair is stored whatever the mode and the valid bit: where there is none, the last one stays.
-void AoWavefrontCmdInput::KeepPair(const LeaderPacket& leader, Buffers& buffers) {
-    const auto pair = std::span{buffers.payload.command}.first<defs::TIP_TILT_SIZE>();
-    if (leader.NumUnits() == buffers.payload.command.size() && common::math::AllFinite(pair)) {
+void AoWavefrontCmdInput::KeepPair(const Leader& leader) {
+    const auto pair = std::span{m_buffers->payload.command}.first<defs::TIP_TILT_SIZE>();
+    if (leader.NumUnits() == m_buffers->payload.command.size() && common::math::AllFinite(pair)) {
         std::ranges::copy(pair, m_last_pair.begin());
     } else {
         std::ranges::copy(m_last_pair, pair.begin());

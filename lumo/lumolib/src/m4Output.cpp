@@ -15,28 +15,16 @@
 namespace vosk::lumo {
 
 using atomclk::AtomClk;
-using common::telegraf::TelemSender;
-
-namespace {
-
-constexpr defs::sample_id_t TELEMETRY_STEP = 500;
-
-pktwire::qudex::Sender::Config QudexDefaults() {
-    pktwire::qudex::Sender::Config config{};
-    config.num_frames = 3;
-    return config;
-}
-
-}  // namespace
 
 M4Output::M4Output(const oru::configng::PliConfigInstanceNode& node)
-    : TxThread{"M4Output", node, "", std::chrono::microseconds{0}, std::chrono::microseconds{0}},
-      TxQudex{node, {}, QudexDefaults(), MemoryResource(), m_description},
+    : QudexOutput{"M4Output",
+                  node,
+                  defs::M4Setpoint::SEGMENTS.size(),
+                  0,
+                  {RuntimeMonitor::GetInstance().m_m4_statistics,
+                   RuntimeMonitor::GetInstance().m_m4_output_state}},
       m_max_lateness{Configure(node)},
-      m_sync{DataSyncManager::GetInstance().GetOrRegisterDataSync<M4OutputDataSync>(
-          M4OutputDataSync::InstanceTag::DEFAULT, m_busy)},
-      m_statistics{RuntimeMonitor::GetInstance().m_m4_statistics},
-      m_stream_state{RuntimeMonitor::GetInstance().m_m4_output_state},
+      m_sync{WaitableExchange<M4OutputDataSync>(m_busy)},
       m_counts{RuntimeMonitor::GetInstance().m_command_counts} {
     if (m_qudex_cfg.num_frames != defs::M4Setpoint::SEGMENTS.size()) {
         Refuse(node, "num_frames",
@@ -55,20 +43,14 @@ M4Output::M4Output(const oru::configng::PliConfigInstanceNode& node)
     }
     m_sync->send_interval = std::chrono::duration_cast<std::chrono::milliseconds>(m_send_interval);
     m_sync->send_offset = m_send_offset;
-    if (!TelemSender::m_default_telegraph_host_ip_addr.empty() && TelemSender::m_default_telegraph_port > 0) {
-        m_telem.Setup("rtc_performance", "m4_output", "");
-    }
 }
 
 std::chrono::microseconds M4Output::Configure(const oru::configng::PliConfigInstanceNode& /*node*/) {
     return std::chrono::microseconds{50};
 }
 
-void M4Output::Work(std::promise<void>& started) {
-    started.set_value();
-    while (IsRunning() && RunCycle()) {
-    }
-    // AoTasks has stopped before: a restart sends nothing of this run, and all of the next one.
+// AoTasks has stopped before: a restart sends nothing of this run, and all of the next one.
+void M4Output::OnEnd() {
     m_sync->ClearDataReady();
 }
 
@@ -85,7 +67,7 @@ bool M4Output::RunCycle() {
         return true;
     }
     SendSegments(*setpoint);
-    PublishSendPeriod(*setpoint);
+    m_send_period.RecordSent(setpoint->id, setpoint->send_time);
     Report(*setpoint, tip_tilt);
     return true;
 }
@@ -142,30 +124,13 @@ void M4Output::SendSegments(const Setpoint& setpoint) {
     }
 }
 
-void M4Output::PublishSendPeriod(const Setpoint& setpoint) {
-    m_send_period.Update(setpoint.send_time - m_last_send);
-    m_last_send = setpoint.send_time;
-    if (setpoint.id % TELEMETRY_STEP != 0) return;
-
-    double max_us = 0.0;
-    double mean_us = 0.0;
-    double stddev_us = 0.0;
-    m_send_period.GetValues(max_us, mean_us, stddev_us);
-    m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, "m4_time_since_last_send_max_ms", max_us / 1000.0);
-    m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, "m4_time_since_last_send_mean_ms",
-                        mean_us / 1000.0);
-    m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, "m4_time_since_last_send_stddev_ms",
-                        stddev_us / 1000.0);
-}
-
 void M4Output::Report(const Setpoint& setpoint, defs::FloatVectorTT tip_tilt) {
     if (common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
         common::LogTrace("\t-> Sent M4 setpoint at {} (meant to be sent at {}), sample_id = {}",
                          GetTimeString(AtomClk::now()), GetTimeString(setpoint.send_time), setpoint.id);
     }
     RuntimeMonitor::GetPerformanceData().SetU4FsTt(setpoint.send_time, tip_tilt.AsSpan());
-    m_statistics->UpdateTsSent(setpoint.send_time);
-    m_stream_state->RecordSentSample(setpoint.send_time);
+    ReportSent(setpoint.send_time);
 }
 
 }  // namespace vosk::lumo

@@ -239,13 +239,12 @@ TEST_F(ReceiverTest, TheFeedbackCounterReportsEverySampleAfterALoss) {
     Stepped<M4FeedbackInput> input;
     const auto sync = Get<AoM4CapSensActDataSync>();
     defs::M4Feedback::Payload sent;
-    defs::M4Feedback::Payload buffer;
     unsigned id = 0;
     for (const std::uint32_t counter : {0U, 5U, 6U, 8U, 9U}) {  // a 0 is forgotten; 7 is lost
         sent.counter = counter;
         sent.values[0] = static_cast<float>(counter);
         m_m4.Send(sent, ++id, START);
-        input.RunCycle(buffer);
+        input.RunCycle();
         EXPECT_EQ(sync->GetSampleId(), id);
         EXPECT_EQ(sync->GetData().payload.values[0], static_cast<float>(counter));
     }
@@ -263,14 +262,9 @@ protected:
         m_input.RunCycle();
     }
 
-    struct SteppedInput : Stepped<AoWavefrontCmdInput> {
-        void RunCycle() { AoWavefrontCmdInput::RunCycle(m_buffers); }
-        Buffers m_buffers;
-    };
-
     atomclk::ManualClock m_clock{START};
     Peer m_instrument{5};
-    SteppedInput m_input;
+    Stepped<AoWavefrontCmdInput> m_input;
     std::shared_ptr<AoTasksInsDataSync> m_ins = Get<AoTasksInsDataSync>(false);
     std::shared_ptr<AoOutputDataSync> m_output = Get<AoOutputDataSync>(false);
 };

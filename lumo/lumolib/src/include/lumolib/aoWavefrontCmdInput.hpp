@@ -5,49 +5,41 @@
 // that could do harm counts as not valid.
 
 #include <lumolib/dataSyncCatalogue.hpp>
-#include <lumolib/lumoRxTx.hpp>
-#include <lumolib/lumoThread.hpp>
 #include <lumolib/runtimeMonitor.hpp>
+#include <lumolib/streamInput.hpp>
 
 #include <array>
-#include <future>
 #include <memory>
 #include <oru/configng/pliConfig.hpp>
-#include <system_error>
 #include <vosk/defs/wireRecords.hpp>
 
 namespace vosk::lumo {
 
-class AoWavefrontCmdInput : public RxThread, public RxLspx {
+class AoWavefrontCmdInput : public LspxInput {
 public:
     explicit AoWavefrontCmdInput(const oru::configng::PliConfigInstanceNode& node);
 
 protected:
+    Received Receive() override;
+    void OnSample(const Leader& leader, const Trailer& trailer, time_point now) override;
+
+private:
     struct Buffers {
         defs::AoWavefrontCmdStream::ExtInfo::Header header{};
         defs::AoWavefrontCmdStream::Payload payload{};
     };
 
-    void Work(std::promise<void>& started) override;
-    // One receive call and what follows from it.
-    void RunCycle(Buffers& buffers);
-
-private:
-    using LeaderPacket = pktwire::lspx::Receiver::LeaderPacket;
-    using TrailerPacket = pktwire::lspx::Receiver::TrailerPacket;
-
-    void OnError(const std::error_code& error, time_point now);
-    void OnSample(const LeaderPacket& leader, const TrailerPacket& trailer, Buffers& buffers,
-                  time_point receive_time);
-    static const char* FaultOf(const LeaderPacket& leader, const Buffers& buffers);
-    void KeepPair(const LeaderPacket& leader, Buffers& buffers);
+    // What would harm the mirror, or null. A short command leaves an older one in the rest of the buffer.
+    const char* FaultOf(const Leader& leader) const;
+    void KeepPair(const Leader& leader);
 
     const std::shared_ptr<AoTasksInsDataSync> m_ins_sync;
     const std::shared_ptr<AoOutputDataSync> m_output_sync;
     const std::shared_ptr<StatisticsBuffered> m_statistics;
-    const std::shared_ptr<InputStreamState> m_stream_state;
     const std::shared_ptr<CommandCounts> m_counts;
-    std::array<float, defs::TIP_TILT_SIZE> m_last_pair{};  // worker thread only
+    // Worker thread only.
+    const std::unique_ptr<Buffers> m_buffers = std::make_unique<Buffers>();
+    std::array<float, defs::TIP_TILT_SIZE> m_last_pair{};
 };
 
 }  // namespace vosk::lumo

@@ -52,4 +52,16 @@ private:
     std::map<Key, std::shared_ptr<DataSync>> m_data_syncs;
 };
 
+// The only instance of a class, as a thread's constructor asks for it: an object that is polled, and one for
+// which a thread waits.
+template <class T>
+std::shared_ptr<T> Exchange() {
+    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{});
+}
+
+template <class T>
+std::shared_ptr<T> WaitableExchange(bool busy) {
+    return DataSyncManager::GetInstance().GetOrRegisterDataSync<T>(typename T::InstanceTag{}, busy);
+}
+
 }  // namespace vosk::lumo

@@ -74,7 +74,7 @@ public:
 
 protected:
     // The thread's body: what may fail or take long, then started.set_value() once, then a loop while
-    // IsRunning(), which it tests at least once a wait. Lets only std::runtime_error out.
+    // IsRunning(), which it tests at least once a wait. What it throws ends the thread alone.
     virtual void Work(std::promise<void>& started) = 0;
 
     bool IsRunning() const noexcept { return common::IsRunning(m_running); }

@@ -4,52 +4,41 @@
 // the AO output.
 
 #include <lumolib/dataSyncCatalogue.hpp>
-#include <lumolib/lumoRxTx.hpp>
-#include <lumolib/lumoThread.hpp>
 #include <lumolib/runtimeMonitor.hpp>
+#include <lumolib/streamInput.hpp>
+
+#include <vosk/defs/wireRecords.hpp>
 
 #include <cstdint>
-#include <future>
 #include <memory>
-#include <oru/configng/pliConfig.hpp>
-#include <system_error>
-#include <vosk/defs/wireRecords.hpp>
 
 namespace vosk::lumo {
 
 // `am:setpoint_applied`, in. AoTasks pairs it with its setpoint by sample ID.
-class M4Input : public RxThread, public RxQudex {
+class M4Input : public QudexInput<defs::M4SetpointApplied::Payload> {
 public:
     explicit M4Input(const oru::configng::PliConfigInstanceNode& node);
 
 protected:
-    void Work(std::promise<void>& started) override;
-    // One receive call and what follows from it.
-    void RunCycle();
+    void OnSample(const defs::M4SetpointApplied::Payload& payload, const pktwire::qudex::Packet& first,
+                  time_point now) override;
 
 private:
-    void OnError(const std::error_code& error, time_point now);
-    void OnSample(const pktwire::qudex::Packet& packet, time_point now);
-
     const std::shared_ptr<M4InputDataSync> m_sync;
     const std::shared_ptr<StatisticsBuffered> m_statistics;
-    const std::shared_ptr<InputStreamState> m_stream_state;
-    defs::M4SetpointApplied::Payload m_payload{};  // worker thread only
 };
 
 // The capacitive sensors of M4, in. This stream reports nothing to the monitor.
-class M4FeedbackInput : public RxThread, public RxQudex {
+class M4FeedbackInput : public QudexInput<defs::M4Feedback::Payload> {
 public:
     explicit M4FeedbackInput(const oru::configng::PliConfigInstanceNode& node);
 
 protected:
-    void Work(std::promise<void>& started) override;
-    // One receive call and what follows from it.
-    void RunCycle(defs::M4Feedback::Payload& payload);
+    void OnStart() override { m_counter = 0; }
+    void OnSample(const defs::M4Feedback::Payload& payload, const pktwire::qudex::Packet& first,
+                  time_point now) override;
 
 private:
-    static void OnError(const std::error_code& error);
-    void OnSample(const pktwire::qudex::Packet& packet, const defs::M4Feedback::Payload& payload);
     void CheckCounter(std::uint32_t counter);
 
     const std::shared_ptr<AoM4CapSensActDataSync> m_sync;

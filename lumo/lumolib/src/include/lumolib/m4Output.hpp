@@ -4,24 +4,20 @@
 // planned moment and sends it as three packets. It doesn't decide that moment; it guards it against lateness.
 
 #include <lumolib/dataSyncCatalogue.hpp>
-#include <lumolib/lumoRxTx.hpp>
-#include <lumolib/lumoThread.hpp>
 #include <lumolib/runtimeMonitor.hpp>
-#include <lumolib/statistics.hpp>
+#include <lumolib/streamOutput.hpp>
 
 #include <atomclk/atomClk.hpp>
 #include <chrono>
-#include <future>
 #include <memory>
 #include <optional>
 #include <oru/configng/pliConfig.hpp>
-#include <vosk/common/telegraf/telemSender.hpp>
 #include <vosk/defs/valueTypes.hpp>
 #include <vosk/defs/wireRecords.hpp>
 
 namespace vosk::lumo {
 
-class M4Output : public TxThread, public TxQudex {
+class M4Output : public QudexOutput {
 public:
     // Also tells AoTasks, through M4OutputDataSync, the grid on which setpoints are to leave.
     explicit M4Output(const oru::configng::PliConfigInstanceNode& node);
@@ -30,13 +26,10 @@ public:
     static std::chrono::microseconds Configure(const oru::configng::PliConfigInstanceNode& node);
 
 protected:
-    void Work(std::promise<void>& started) override;
-    // One setpoint, from the wait for it to the report on it. False: the thread was stopped while it waited.
-    bool RunCycle();
+    bool RunCycle() override;
+    void OnEnd() override;
 
 private:
-    using time_point = atomclk::AtomClk::time_point;
-
     struct Setpoint {
         defs::sample_id_t id;
         time_point send_time;
@@ -49,7 +42,6 @@ private:
     bool PlanSend(Setpoint& setpoint);
     void Drop(const Setpoint& setpoint, time_point now);
     void SendSegments(const Setpoint& setpoint);
-    void PublishSendPeriod(const Setpoint& setpoint);
     void Report(const Setpoint& setpoint, defs::FloatVectorTT tip_tilt);
 
     const std::chrono::microseconds m_max_lateness;
@@ -57,13 +49,9 @@ private:
 
     // Worker thread only. m_wire is sent in place.
     defs::M4Setpoint::Payload m_wire{};
-    common::telegraf::SHMTelemSender m_telem;
-    StatisticsDuration m_send_period;
-    time_point m_last_send{};
+    SendPeriod m_send_period{"m4"};
     std::optional<defs::sample_id_t> m_taken_id;  // of the setpoint taken last
 
-    const std::shared_ptr<StatisticsBuffered> m_statistics;
-    const std::shared_ptr<OutputStreamState> m_stream_state;
     const std::shared_ptr<CommandCounts> m_counts;
 };
 

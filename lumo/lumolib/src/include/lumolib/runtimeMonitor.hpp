@@ -13,9 +13,10 @@
 
 #include <gim/config.hpp>
 #include <oru/configng/pliConfig.hpp>
+#include <vosk/defs/controlMode.hpp>
 
-#include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,13 @@ public:
     // enables those. Throws std::runtime_error on a name that isn't there and on a period that isn't
     // positive.
     static void EnableStatistics(const oru::configng::PliConfigInstanceNode& cfg);
+
+    // What one camera's thread reports into.
+    struct CameraFigures {
+        std::shared_ptr<Statistics> statistics;
+        std::shared_ptr<InputStreamState> state;
+    };
+    CameraFigures Of(defs::Camera camera) const;
 
     static PerformanceData& GetPerformanceData();
     static StateData& GetStateData();
@@ -95,10 +103,15 @@ private:
                                    const oru::configng::PliConfigInstanceNode& period);
     RuntimeMonitor();
 
+    struct CameraRow;
+    struct StreamRow;
+    static std::span<const CameraRow> CameraRows();
+    static std::span<const StreamRow> StreamRows();
+
     void MakeStatistics();
     void MakeStreamStates();
-
-    std::map<std::string, std::shared_ptr<Statistics>> StatisticsByName() const;  // the keys of `statistics`
+    std::shared_ptr<Statistics> StatisticsOf(
+        const std::string& name) const;  // a key of `statistics`; or null
 };
 
 }  // namespace vosk::lumo

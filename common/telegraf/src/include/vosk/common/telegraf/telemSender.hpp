@@ -39,6 +39,9 @@ public:
     // above 0; the host application sets both before it makes the threads.
     static std::string m_default_telegraph_host_ip_addr;
     static int m_default_telegraph_port;
+    static bool HasCollector() {
+        return !m_default_telegraph_host_ip_addr.empty() && m_default_telegraph_port > 0;
+    }
 
     // Set at set-up, constant afterwards.
     std::string m_tag_set;

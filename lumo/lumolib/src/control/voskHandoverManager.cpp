@@ -1,6 +1,6 @@
 #include <lumolib/voskHandoverManager.hpp>
 
-#include "wrappingTime.hpp"
+#include <lumolib/wrappingTime.hpp>
 
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>

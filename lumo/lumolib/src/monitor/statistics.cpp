@@ -1,6 +1,6 @@
 #include <lumolib/statistics.hpp>
 
-#include "wrappingTime.hpp"
+#include <lumolib/wrappingTime.hpp>
 
 #include <vosk/common/logger.hpp>
 

@@ -44,26 +44,52 @@ RuntimeMonitor& RuntimeMonitor::CreateInstance(const gim::Config& /*config*/) {
     return self;
 }
 
-// The two sensors of a guide probe share its number.
-void RuntimeMonitor::MakeStatistics() {
-    const auto camera = [this](unsigned long id) { return Append<Statistics>(m_statistics, id); };
-    const auto buffered = [this](unsigned long id) { return Append<StatisticsBuffered>(m_statistics, id); };
+struct RuntimeMonitor::CameraRow {
+    const char* name;
+    defs::Camera camera;
+    unsigned long id;  // the two sensors of a guide probe share its number
+    DataStreamIdentifier stream;
+    std::shared_ptr<Statistics> RuntimeMonitor::*statistics;
+    std::shared_ptr<InputStreamState> RuntimeMonitor::*state;
+};
 
-    m_img_gp1_statistics = camera(1);
-    m_wfs_gp1_statistics = camera(1);
-    m_img_gp2_statistics = camera(2);
-    m_wfs_gp2_statistics = camera(2);
-    m_img_gp3_statistics = camera(3);
-    m_wfs_gp3_statistics = camera(3);
-    m_img_pds_statistics = camera(4);
-    m_wfs_pds_statistics = camera(4);
-    m_fs_statistics = buffered(16);
-    m_m4_statistics = buffered(10);
-    m_m5_statistics = buffered(11);
-    m_pfs_statistics = buffered(12);
-    m_ms_statistics = buffered(13);
-    m_ao_statistics = buffered(14);
-    m_ecmwf_statistics = buffered(15);
+struct RuntimeMonitor::StreamRow {
+    const char* name;
+    unsigned long id;
+    std::shared_ptr<StatisticsBuffered> RuntimeMonitor::*statistics;
+};
+
+std::span<const RuntimeMonitor::CameraRow> RuntimeMonitor::CameraRows() {
+    using enum DataStreamIdentifier;
+    using Self = RuntimeMonitor;
+    static constexpr CameraRow ROWS[]{
+        {"img_gp1", defs::Camera::IMG_GP1, 1, IMG_GP1, &Self::m_img_gp1_statistics, &Self::m_img_gp1_state},
+        {"wfs_gp1", defs::Camera::WFS_GP1, 1, WFS_GP1, &Self::m_wfs_gp1_statistics, &Self::m_wfs_gp1_state},
+        {"img_gp2", defs::Camera::IMG_GP2, 2, IMG_GP2, &Self::m_img_gp2_statistics, &Self::m_img_gp2_state},
+        {"wfs_gp2", defs::Camera::WFS_GP2, 2, WFS_GP2, &Self::m_wfs_gp2_statistics, &Self::m_wfs_gp2_state},
+        {"img_gp3", defs::Camera::IMG_GP3, 3, IMG_GP3, &Self::m_img_gp3_statistics, &Self::m_img_gp3_state},
+        {"wfs_gp3", defs::Camera::WFS_GP3, 3, WFS_GP3, &Self::m_wfs_gp3_statistics, &Self::m_wfs_gp3_state},
+        {"img_pds", defs::Camera::IMG_PDS, 4, IMG_PDS, &Self::m_img_pds_statistics, &Self::m_img_pds_state},
+        {"wfs_pds", defs::Camera::WFS_PDS, 4, WFS_PDS, &Self::m_wfs_pds_statistics, &Self::m_wfs_pds_state},
+    };
+    return ROWS;
+}
+
+std::span<const RuntimeMonitor::StreamRow> RuntimeMonitor::StreamRows() {
+    using Self = RuntimeMonitor;
+    static constexpr StreamRow ROWS[]{
+        {"fs", 16, &Self::m_fs_statistics},       {"m4", 10, &Self::m_m4_statistics},
+        {"m5", 11, &Self::m_m5_statistics},       {"pfs", 12, &Self::m_pfs_statistics},
+        {"ms", 13, &Self::m_ms_statistics},       {"ao", 14, &Self::m_ao_statistics},
+        {"ecmwf", 15, &Self::m_ecmwf_statistics},
+    };
+    return ROWS;
+}
+
+void RuntimeMonitor::MakeStatistics() {
+    for (const auto& row : CameraRows()) this->*row.statistics = Append<Statistics>(m_statistics, row.id);
+    for (const auto& row : StreamRows())
+        this->*row.statistics = Append<StatisticsBuffered>(m_statistics, row.id);
 }
 
 void RuntimeMonitor::MakeStreamStates() {
@@ -75,14 +101,7 @@ void RuntimeMonitor::MakeStreamStates() {
         return Append<OutputStreamState>(m_stream_states, id);
     };
 
-    m_img_gp1_state = input(IMG_GP1);
-    m_wfs_gp1_state = input(WFS_GP1);
-    m_img_gp2_state = input(IMG_GP2);
-    m_wfs_gp2_state = input(WFS_GP2);
-    m_img_gp3_state = input(IMG_GP3);
-    m_wfs_gp3_state = input(WFS_GP3);
-    m_img_pds_state = input(IMG_PDS);
-    m_wfs_pds_state = input(WFS_PDS);
+    for (const auto& row : CameraRows()) this->*row.state = input(row.stream);
     m_ao_wavefront_cmd_state = input(AO_WAVEFRONT_CMD_INPUT);
     m_m4_input_state = input(M4_INPUT);
     m_m5_input_state = input(M5_INPUT);
@@ -97,15 +116,22 @@ void RuntimeMonitor::MakeStreamStates() {
     m_pfs_output_state = output(PFS_OUTPUT);
 }
 
-std::map<std::string, std::shared_ptr<Statistics>> RuntimeMonitor::StatisticsByName() const {
-    return {{"img_gp1", m_img_gp1_statistics}, {"wfs_gp1", m_wfs_gp1_statistics},
-            {"img_gp2", m_img_gp2_statistics}, {"wfs_gp2", m_wfs_gp2_statistics},
-            {"img_gp3", m_img_gp3_statistics}, {"wfs_gp3", m_wfs_gp3_statistics},
-            {"img_pds", m_img_pds_statistics}, {"wfs_pds", m_wfs_pds_statistics},
-            {"fs", m_fs_statistics},           {"m4", m_m4_statistics},
-            {"m5", m_m5_statistics},           {"pfs", m_pfs_statistics},
-            {"ms", m_ms_statistics},           {"ao", m_ao_statistics},
-            {"ecmwf", m_ecmwf_statistics}};
+RuntimeMonitor::CameraFigures RuntimeMonitor::Of(defs::Camera camera) const {
+    for (const auto& row : CameraRows()) {
+        if (row.camera == camera) return {this->*row.statistics, this->*row.state};
+    }
+    VOSK_ASSERT(false);
+    return {};
+}
+
+std::shared_ptr<Statistics> RuntimeMonitor::StatisticsOf(const std::string& name) const {
+    for (const auto& row : CameraRows()) {
+        if (row.name == name) return this->*row.statistics;
+    }
+    for (const auto& row : StreamRows()) {
+        if (row.name == name) return this->*row.statistics;
+    }
+    return nullptr;
 }
 
 void RuntimeMonitor::EnableStatistics(const PliConfigInstanceNode& cfg) {
@@ -120,13 +146,10 @@ void RuntimeMonitor::EnableStatistics(const PliConfigInstanceNode& cfg) {
 }
 
 void RuntimeMonitor::EnableStatisticsOf(const std::string& name, const PliConfigInstanceNode& period) {
-    const auto by_name = GetInstance().StatisticsByName();
-    const auto found = by_name.find(name);
-    if (found == by_name.end())
-        common::LogAndThrow("ERR: " + period.GetWhere() + ": no stream statistics " + name);
-    VOSK_ASSERT(found->second);
+    const auto statistics = GetInstance().StatisticsOf(name);
+    if (!statistics) common::LogAndThrow("ERR: " + period.GetWhere() + ": no stream statistics " + name);
     try {
-        found->second->Enable(ParseDuration<std::chrono::nanoseconds>(period.As<std::string>()));
+        statistics->Enable(ParseDuration<std::chrono::nanoseconds>(period.As<std::string>()));
     } catch (const std::exception& error) {
         common::LogAndThrow("ERR: " + period.GetWhere() + ": statistics of " + name + ": " + error.what());
     }

@@ -1,6 +1,6 @@
 #include <lumolib/streamState.hpp>
 
-#include "wrappingTime.hpp"
+#include <lumolib/wrappingTime.hpp>
 
 namespace vosk::lumo {
 

@@ -181,7 +181,7 @@ void Thread::TryWork(std::promise<void>& started) {
     m_priority_given.store(nodepin::PriorityOfThisThread());
     try {
         Work(started);
-    } catch (const std::runtime_error& failure) {
+    } catch (const std::exception& failure) {
         LogError("Thread {}, caught an excepion, details = {}", m_name, failure.what());
         m_failure = std::current_exception();
         try {
