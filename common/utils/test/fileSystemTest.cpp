@@ -24,41 +24,36 @@ protected:
         ::unsetenv("INTROOT");
         fs::current_path(m_before);
     }
+    static std::string Refusal(const std::vector<std::string>& directories) {
+        return vosk::test::TextOf<std::runtime_error>(
+            [&] { return FileSystem::FindFileOrThrow("none.fits", directories); });
+    }
 
     const fs::path m_before = fs::current_path();
     const vosk::test::TempDir m_root;
     const std::vector<std::string> m_directories{m_root / "one", m_root / "two"};
 };
 
-TEST_F(FileSearch, TakesTheFirstHitInItsOrder) {
+TEST_F(FileSearch, TakesTheFirstHitInItsOrderAndAnAbsolutePathAsItStands) {
     EXPECT_EQ(FileSystem::FindFile("flat.fits", m_directories), "");
     for (const char* path :
          {"int/resource/flat.fits", "two/flat.fits", "one/flat.fits", "cfg/flat.fits", "work/flat.fits"}) {
         const std::string expected = m_root.Put(path, "x");
-        EXPECT_EQ(FileSystem::FindFile("flat.fits", m_directories), expected);
         EXPECT_EQ(FileSystem::FindFileOrThrow("flat.fits", m_directories), expected);
+        EXPECT_EQ(FileSystem::FindFile(expected, {}), expected);
     }
-}
-
-TEST_F(FileSearch, TakesAbsolutePathsAndDirectories) {
-    const std::string file = m_root.Put("two/dark.fits", "x");
-    EXPECT_EQ(FileSystem::FindFile(file, {}), file);
     EXPECT_EQ(FileSystem::FindFile("one", {m_root.Path()}), m_root / "one");
     EXPECT_EQ(FileSystem::FindFile("/no/such/file", m_directories), "");
 }
 
-TEST_F(FileSearch, TellsWhereItSearched) {
-    const auto refusal = [](const std::vector<std::string>& directories) {
-        return vosk::test::TextOf<std::runtime_error>(
-            [&] { return FileSystem::FindFileOrThrow("none.fits", directories); });
-    };
+TEST_F(FileSearch, NamesThePlacesThatItSearched) {
     const std::string root = m_root.Path().string();
     const std::string start = "FileSystem: Path or file none.fits not found, searched in:\n/\n./\n$CFGPATH (";
-    EXPECT_EQ(refusal(m_directories), start + root + "/cfg)\n$INTROOT/resource (" + root +
+    EXPECT_EQ(Refusal(m_directories), start + root + "/cfg)\n$INTROOT/resource (" + root +
                                           "/int/resource)\n" + root + "/one\n" + root + "/two");
     ::unsetenv("CFGPATH");
     ::setenv("INTROOT", "", 1);
-    EXPECT_EQ(refusal({}), start + ")\n");
+    EXPECT_EQ(Refusal({}), start + ")\n");
 }
 
 }  // namespace
