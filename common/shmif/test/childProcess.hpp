@@ -1,9 +1,8 @@
 #pragma once
 
-// Helpers of the shared-memory tests: another process that can be told to go on or be killed, names that no
-// other test run uses.
+// Another process of a test, which can be told to go on or be killed.
 
-#include <sys/mman.h>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,34 +14,26 @@
 
 namespace vosk::test {
 
-// The two ends of what parent and child say to one another, a byte at a time.
+// What parent and child say to one another.
 class Signals {
 public:
-    Signals() {
-        if (::pipe(m_to_child) != 0 || ::pipe(m_to_parent) != 0) throw std::runtime_error{"pipe"};
-    }
     ~Signals() {
-        for (int fd : {m_to_child[0], m_to_child[1], m_to_parent[0], m_to_parent[1]}) ::close(fd);
+        ::close(m_to_child);
+        ::close(m_to_parent);
     }
-    Signals(const Signals&) = delete;
-    Signals& operator=(const Signals&) = delete;
-
-    void TellParent() { Put(m_to_parent[1]); }
-    void AwaitParent() { Get(m_to_child[0]); }
-    void TellChild() { Put(m_to_child[1]); }
-    void AwaitChild() { Get(m_to_parent[0]); }
+    void TellParent() const { ::eventfd_write(m_to_parent, 1); }
+    void AwaitParent() const { Await(m_to_child); }
+    void TellChild() const { ::eventfd_write(m_to_child, 1); }
+    void AwaitChild() const { Await(m_to_parent); }
 
 private:
-    static void Put(int fd) {
-        if (::write(fd, "x", 1) != 1) std::abort();
-    }
-    static void Get(int fd) {
-        char byte = 0;
-        if (::read(fd, &byte, 1) != 1) std::abort();
+    static void Await(int fd) {
+        eventfd_t count = 0;
+        if (::eventfd_read(fd, &count) != 0) std::abort();
     }
 
-    int m_to_child[2]{};
-    int m_to_parent[2]{};
+    const int m_to_child = ::eventfd(0, 0);
+    const int m_to_parent = ::eventfd(0, 0);
 };
 
 // Runs `body` in a process of its own; the process succeeds if it returns true. Killed if still there at the
@@ -61,7 +52,9 @@ public:
         ::_exit(succeeded ? 0 : 1);
     }
     ~ChildProcess() {
-        if (m_pid > 0) Kill();
+        if (m_pid <= 0) return;
+        ::kill(m_pid, SIGKILL);
+        Reap();
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -72,12 +65,6 @@ public:
         const int status = Reap();
         return WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
-
-    void Kill() {
-        ::kill(m_pid, SIGKILL);
-        Reap();
-    }
-
     bool IsAsleep() const {
         std::ifstream file{"/proc/" + std::to_string(m_pid) + "/stat"};
         std::string text;
@@ -88,8 +75,7 @@ public:
 private:
     int Reap() {
         int status = 0;
-        ::waitpid(m_pid, &status, 0);
-        m_pid = -1;
+        ::waitpid(std::exchange(m_pid, -1), &status, 0);
         return status;
     }
 
@@ -97,36 +83,18 @@ private:
     pid_t m_pid;
 };
 
-// A process that makes what `make` gives, and holds it until it is killed.
+// Makes what `make` gives in another process, which is killed while it holds it.
 template <class Make>
-class Holder {
-public:
-    explicit Holder(Make make)
-        : m_child{[make](Signals& signals) {
-              const auto held = make();
-              signals.TellParent();
-              signals.AwaitParent();
-              return true;
-          }} {
-        m_child.GetSignals().AwaitChild();
-    }
-
-private:
-    ChildProcess m_child;
-};
-
-// A prefix of this process and test; what is left under it goes away with the fixture.
-class UniquePrefix {
-public:
-    const std::string& Get() const { return m_prefix; }
-    std::string NameOf(const std::string& topic) const { return m_prefix + topic; }
-    bool Exists(const std::string& topic) const {
-        return ::access(("/dev/shm" + NameOf(topic)).c_str(), F_OK) == 0;
-    }
-    void Remove(const std::string& topic) const { ::shm_unlink(NameOf(topic).c_str()); }
-
-private:
-    const std::string m_prefix = std::string{"/"}.append(UniqueName()).append("_");
-};
+void KillAHolderOf(
+    Make make, const std::function<void()>& meanwhile = [] {}) {
+    ChildProcess child{[&](Signals& signals) {
+        const auto held = make();
+        signals.TellParent();
+        signals.AwaitParent();
+        return true;
+    }};
+    child.GetSignals().AwaitChild();
+    meanwhile();
+}
 
 }  // namespace vosk::test

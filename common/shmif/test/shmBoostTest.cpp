@@ -1,103 +1,66 @@
-#include <vosk/common/shmif/shmBaseRt.hpp>
 #include <vosk/common/shmif/shmBoost.hpp>
 
-#include "childProcess.hpp"
+#include "shmFixture.hpp"
 
+#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/messageQueue.hpp>
-#include <vosk/test/support.hpp>
 
-#include <fstream>
 #include <mutex>
 
-using namespace vosk::common::shmif;
 using testing::ElementsAre;
 using namespace vosk::test;
 
 namespace {
 
-constexpr const char* TOPIC = "queue";
 using Message = std::array<std::uint64_t, 4>;
 
-class ShmBoost : public ::testing::Test {
-protected:
-    ShmBoost() {
-        ShmIf::Setup(m_prefix.Get());
-        ShmIf::RegisterTopic(TOPIC, ShmType::SHM_QUEUE, sizeof(Message));
-    }
-    ~ShmBoost() override {
-        ShmIf::Teardown();
-        m_prefix.Remove(TOPIC);
-    }
+std::string BytesOf(std::uint64_t value) {
+    const Message message{value, value};
+    return {reinterpret_cast<const char*>(message.data()), sizeof(message)};
+}
 
-    // Leaves the queue locked, as a process does that is killed inside an operation.
-    void KillAHolder() const {
-        ChildProcess child{[&](Signals&) {
-            QueueLock{Name()}.Get().lock();
-            return true;
-        }};
-        ASSERT_TRUE(child.Succeeds());
-    }
+void Send(ShmWriterBoost& writer, std::uint64_t value) {
+    writer.TrySend(Message{value, value}.data());
+}
+
+class ShmBoost : public ShmTest {
+protected:
+    ShmBoost() : ShmTest{ShmType::SHM_QUEUE, sizeof(Message)} {}
 
     // As a collector does, in the place of the one that is there.
     std::unique_ptr<bip::message_queue> MakeQueue(std::size_t message_size = sizeof(Message)) const {
-        m_prefix.Remove(TOPIC);
-        return std::make_unique<bip::message_queue>(bip::create_only, Name().c_str(), 100, message_size);
+        Remove();
+        return std::make_unique<bip::message_queue>(bip::create_only, m_name.c_str(), 100, message_size);
     }
-    void PutFile(const std::string& bytes) const {
-        m_prefix.Remove(TOPIC);
-        std::ofstream{"/dev/shm" + Name(), std::ios::binary} << bytes;
-    }
-    std::string Content() const {
-        std::ifstream file{"/dev/shm" + Name(), std::ios::binary};
-        return {std::istreambuf_iterator<char>{file}, {}};
-    }
-
-    static std::string BytesOf(const Message& message) {
-        return {reinterpret_cast<const char*>(message.data()), sizeof(message)};
-    }
-
-    std::string Name() const { return m_prefix.NameOf(TOPIC); }
-
-    vosk::test::UniquePrefix m_prefix;
-    ShmIf m_shm;
 };
 
-TEST_F(ShmBoost, KeepsTheFirstHundredMessagesForAnotherProcess) {
+TEST_F(ShmBoost, KeepsTheFirstHundredMessagesForAnotherProcessAndAllocatesNothing) {
     ShmWriterBoost writer{m_shm, TOPIC};
-    for (std::uint64_t i = 1; i <= 101; ++i) writer.TrySend(Message{i, i, i, i}.data());
+    const std::size_t before = AllocationsOfThisThread();
+    for (std::uint64_t i = 1; i <= 110; ++i) Send(writer, i);
+    EXPECT_EQ(AllocationsOfThisThread(), before);
     ChildProcess child{[&](Signals&) {
-        const std::vector<std::string> messages = Drain(Name());
-        for (std::uint64_t i = 1; i <= messages.size(); ++i)
-            if (messages[i - 1] != BytesOf({i, i, i, i})) return false;
-        return messages.size() == 100;
+        std::vector<std::string> expected;
+        for (std::uint64_t i = 1; i <= 100; ++i) expected.push_back(BytesOf(i));
+        return Drain(m_name) == expected;
     }};
     EXPECT_TRUE(child.Succeeds());
 }
 
-TEST_F(ShmBoost, FirstWriterToCloseRemovesTheName) {
+TEST_F(ShmBoost, FirstWriterToCloseRemovesTheNameButNotThatOfAnotherQueue) {
     auto first = std::make_unique<ShmWriterBoost>(m_shm, TOPIC);
-    ShmWriterBoost second{m_shm, TOPIC};
-    EXPECT_TRUE(m_prefix.Exists(TOPIC));
+    auto second = std::make_unique<ShmWriterBoost>(m_shm, TOPIC);
+    EXPECT_TRUE(Exists());
     first.reset();
-    EXPECT_FALSE(m_prefix.Exists(TOPIC));
-    second.TrySend(Message{}.data());
-}
-
-TEST_F(ShmBoost, QueueThatWasMadeUnderTheNameSinceStays) {
-    auto old = std::make_unique<ShmWriterBoost>(m_shm, TOPIC);
-    m_prefix.Remove(TOPIC);
+    EXPECT_FALSE(Exists());
+    Send(*second, 1);
     const ShmWriterBoost successor{m_shm, TOPIC};
-    old.reset();
-    EXPECT_TRUE(m_prefix.Exists(TOPIC));
+    second.reset();
+    EXPECT_TRUE(Exists());
 }
 
-TEST_F(ShmBoost, TopicOfTheOtherKindIsRefused) {
-    EXPECT_THROW(ShmWriterBoost(m_shm, "fs_in"), std::runtime_error);
-    EXPECT_THROW(ShmWriterBoost(m_shm, "no_such_topic"), std::runtime_error);
-}
-
-TEST_F(ShmBoost, WhatIsNoSuchQueueIsRefusedByNameAndStaysAsItWas) {
+TEST_F(ShmBoost, ObjectThatIsNoSuchQueueIsRefusedByNameAndStaysAsItWas) {
     MakeQueue();
     const std::string queue = Content();
     MakeQueue(sizeof(Message) - 1);  // of the same size in all
@@ -112,48 +75,46 @@ TEST_F(ShmBoost, WhatIsNoSuchQueueIsRefusedByNameAndStaysAsItWas) {
                                                          {std::string(queue.size(), '\0'), incomplete},
                                                          {"", incomplete}};
     for (const auto& [content, text] : cases) {
-        PutFile(content);
+        PutContent(content);
         EXPECT_EQ(TextOf<std::runtime_error>([&] { ShmWriterBoost(m_shm, TOPIC); }),
-                  text + " (" + Name() + ")");
+                  text + " (" + m_name + ")");
         EXPECT_TRUE(Content() == content) << content.size();
     }
+    EXPECT_THROW(ShmWriterBoost(m_shm, "fs_in"), std::runtime_error);
 }
 
-TEST_F(ShmBoost, LockThatIsHeldRefusesInWords) {
+TEST_F(ShmBoost, LockThatIsHeldCostsAMessageAndAKilledHolderTheQueueUntilItsSuccessor) {
     ShmWriterBoost writer{m_shm, TOPIC};
     {
-        QueueLock held{Name()};
+        QueueLock held{m_name};
         const std::lock_guard lock{held.Get()};
-        EXPECT_THAT([&] { writer.TrySend(Message{1}.data()); },
-                    testing::ThrowsMessage<std::runtime_error>(testing::StartsWith("Boost exception: ")));
+        EXPECT_THAT(TextOf<std::runtime_error>([&] { Send(writer, 1); }),
+                    testing::StartsWith("Boost exception: "));
     }
-    writer.TrySend(Message{2}.data());
-    EXPECT_THAT(Drain(Name()), ElementsAre(BytesOf({2})));
-}
+    Send(writer, 2);
+    EXPECT_THAT(Drain(m_name), ElementsAre(BytesOf(2)));
 
-TEST_F(ShmBoost, LockedQueueIsLeftForItsSuccessor) {
-    ShmWriterBoost writer{m_shm, TOPIC};
-    KillAHolder();
+    QueueLock{m_name}.Get().lock();  // as a process leaves it that is killed inside an operation
     const auto restarted = MakeQueue();
-    EXPECT_THROW(writer.TrySend(Message{1}.data()), std::runtime_error);
-    writer.TrySend(Message{2}.data());
-    EXPECT_THAT(Drain(*restarted), ElementsAre(BytesOf({2})));
+    EXPECT_THROW(Send(writer, 3), std::runtime_error);
+    Send(writer, 4);
+    EXPECT_THAT(Drain(*restarted), ElementsAre(BytesOf(4)));
 }
 
 TEST_F(ShmBoost, SuccessorThatIsNoSuchQueueHoldsNobodyUp) {
     const LogCapture log;
     ShmWriterBoost writer{m_shm, TOPIC};
-    for (int i = 0; i < 100; ++i) writer.TrySend(Message{1}.data());
-    PutFile({});
-    writer.TrySend(Message{1}.data());
+    for (int i = 0; i < 100; ++i) Send(writer, 1);
+    PutContent({});
+    Send(writer, 1);
     EXPECT_TRUE(log.Lines().empty());
-    PutFile("x");
-    for (int i = 0; i < 3; ++i) writer.TrySend(Message{1}.data());
-    EXPECT_EQ(log.Texts("Data size mismatch in shared memory (" + Name()).size(), 1U);
-    m_prefix.Remove(TOPIC);
-    writer.TrySend(Message{1}.data());
-    writer.TrySend(Message{2}.data());
-    EXPECT_THAT(Drain(Name()), ElementsAre(BytesOf({2})));
+    PutContent("x");
+    for (int i = 0; i < 3; ++i) Send(writer, 1);
+    EXPECT_EQ(log.Texts("Data size mismatch in shared memory (" + m_name).size(), 1U);
+    Remove();
+    Send(writer, 1);
+    Send(writer, 2);
+    EXPECT_THAT(Drain(m_name), ElementsAre(BytesOf(2)));
 }
 
 }  // namespace

@@ -8,8 +8,8 @@ namespace {
 
 TEST_F(ShmRt, RegionWhoseCreatorDiedIsFinished) {
     for (std::size_t region_size : {std::size_t{0}, 80 + SIZE}) {
-        WriteRegion(std::string(region_size, '\0'));
-        ShmWriterRT writer = MakeWriter();
+        PutContent(std::string(region_size, '\0'));
+        const ShmWriterRT writer = MakeWriter();
         EXPECT_EQ(OpenCount(), 1U);
         EXPECT_EQ(RegionAt<std::uint64_t>(72), SIZE);
     }
@@ -29,15 +29,14 @@ TEST_F(ShmRt, CountThatAKilledProcessLeftStays) {
 
 TEST_F(ShmRt, KilledReaderIsForgottenByTheNext) {
     ShmWriterRT writer = MakeWriter();
-    {
-        const Holder holder{[&] { return std::make_unique<ShmReaderRT>(m_shm, TOPIC); }};
-        EXPECT_TRUE(Send(writer, 1));
-    }
+    KillAHolderOf([&] { return std::make_unique<ShmReaderRT>(m_shm, TOPIC); },
+                  [&] { EXPECT_TRUE(Send(writer, 1)); });
     EXPECT_EQ(ReaderCount(), 1U);
     EXPECT_FALSE(Send(writer, 2, 1ms));
     {
         ShmReaderRT reader{m_shm, TOPIC};
         EXPECT_EQ(ReaderCount(), 1U);
+        EXPECT_EQ(ReadSeq(), 1U);     // the slot is free at once
         EXPECT_EQ(Take(reader), 0U);  // the old record isn't for this reader
         EXPECT_TRUE(Send(writer, 3));
         EXPECT_EQ(Take(reader), 3U);
@@ -46,30 +45,28 @@ TEST_F(ShmRt, KilledReaderIsForgottenByTheNext) {
 }
 
 TEST_F(ShmRt, ReaderGoesOnWithTheNextWriterAfterAKill) {
-    auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
+    ShmReaderRT reader{m_shm, TOPIC};
     for (std::uint64_t value = 1; value <= 3; ++value) {
         PutAndDie(value);
-        EXPECT_EQ(Take(*reader), value);
+        EXPECT_EQ(Take(reader), value);
     }
 }
 
 TEST_F(ShmRt, RecordThatAPlainReaderLeavesIsWrittenOverAfterOneLimit) {
     ShmWriterRT writer = MakeWriter();
-    {
-        ShmReaderRT reader{m_shm, TOPIC};
-        EXPECT_TRUE(Send(writer, 1));
-        EXPECT_FALSE(Send(writer, 2, 1ms));
-        EXPECT_FALSE(Send(writer, 2, 1ms));  // this reader is only slow
-        AttachPlainReader();
-        EXPECT_FALSE(Send(writer, 2));
-        EXPECT_FALSE(Send(writer, 2, 1ms));
-        EXPECT_FALSE(Send(writer, 2));  // who does not wait writes over nothing
-        EXPECT_EQ(WriteSeq(), 1U);
-        EXPECT_TRUE(Send(writer, 3, 1ms));
-        EXPECT_EQ(WriteSeq(), 2U);
-        EXPECT_FALSE(Send(writer, 4, 1ms));  // now it has a record to take
-        EXPECT_FALSE(Send(writer, 4, 1ms));
-    }
+    ShmReaderRT reader{m_shm, TOPIC};
+    EXPECT_TRUE(Send(writer, 1));
+    EXPECT_FALSE(Send(writer, 2, 1ms));
+    EXPECT_FALSE(Send(writer, 2, 1ms));  // this reader is only slow
+    AttachPlainReader();
+    EXPECT_FALSE(Send(writer, 2));
+    EXPECT_FALSE(Send(writer, 2, 1ms));
+    EXPECT_FALSE(Send(writer, 2));  // who does not wait writes over nothing
+    EXPECT_EQ(WriteSeq(), 1U);
+    EXPECT_TRUE(Send(writer, 3, 1ms));
+    EXPECT_EQ(WriteSeq(), 2U);
+    EXPECT_FALSE(Send(writer, 4, 1ms));  // now it has a record to take
+    EXPECT_FALSE(Send(writer, 4, 1ms));
 }
 
 // A peer that ends in good order takes the name with it; who holds the old region finds the new one.
@@ -77,13 +74,14 @@ TEST_F(ShmRt, ReaderFollowsARestartedWriter) {
     auto first = std::make_unique<ShmWriterRT>(m_shm, TOPIC);
     ShmReaderRT reader = MakeReader();
     first.reset();
+    const std::string unfinished(80 + SIZE, '\0');
+    PutContent(unfinished);
+    EXPECT_EQ(Take(reader), 0U);
+    EXPECT_TRUE(Content() == unfinished);
     ChildProcess child{[&](Signals& signals) -> bool {
         ShmWriterRT writer{m_shm, TOPIC};
         signals.TellParent();
-        for (;;) {
-            Send(writer, 5, 1ms);
-            std::this_thread::sleep_for(1ms);
-        }
+        for (;; std::this_thread::sleep_for(1ms)) Send(writer, 5, 1ms);
     }};
     child.GetSignals().AwaitChild();
     EXPECT_TRUE(TakeSoon(reader, 5));
@@ -91,10 +89,7 @@ TEST_F(ShmRt, ReaderFollowsARestartedWriter) {
 }
 
 TEST_F(ShmRt, WriterFollowsARestartedReader) {
-    using Send = void (*)(ShmWriterRT&, const void*);
-    const Send timed_send = [](ShmWriterRT& writer, const void* data) { writer.TimedSend(data, 1ms); };
-    const Send try_send = [](ShmWriterRT& writer, const void* data) { writer.TrySend(data); };
-    for (const Send send : {timed_send, try_send}) {
+    for (const bool timed : {true, false}) {
         ShmWriterRT writer = MakeWriter();
         std::make_unique<ShmReaderRT>(m_shm, TOPIC).reset();
         ASSERT_FALSE(Exists());
@@ -107,7 +102,7 @@ TEST_F(ShmRt, WriterFollowsARestartedReader) {
         }};
         child.GetSignals().AwaitChild();
         EXPECT_TRUE(Eventually([&] {
-            send(writer, RecordOf(6).data());
+            timed ? static_cast<void>(Send(writer, 6, 1ms)) : writer.TrySend(RecordOf(6).data());
             return ReadSeq() > 0;
         }));
         child.GetSignals().TellChild();
@@ -119,10 +114,10 @@ TEST_F(ShmRt, WriterFollowsARestartedReader) {
 TEST_F(ShmRt, WriterOfAFullSlotMovesAndRespectsTheNewSlot) {
     for (const auto limit : {0us, 1000us}) {
         ShmWriterRT writer = MakeWriter();
-        ShmReaderRT old_reader{m_shm, TOPIC};
+        const ShmReaderRT old_reader{m_shm, TOPIC};
         ASSERT_TRUE(Send(writer, 1));
         AttachPlainReader();
-        m_prefix.Remove(TOPIC);
+        Remove();
         ShmReaderRT reader{m_shm, TOPIC};
         PutAndDie(9);
         for (int i = 0; i < 3; ++i) EXPECT_FALSE(Send(writer, 2, limit));
@@ -132,16 +127,15 @@ TEST_F(ShmRt, WriterOfAFullSlotMovesAndRespectsTheNewSlot) {
     }
 }
 
-TEST_F(ShmRt, NextWriterLeavesTheRecordOfASlowReader) {
-    ShmReaderRT reader{m_shm, TOPIC};
-    PutAndDie(1);
-    ShmWriterRT writer = MakeWriter();
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(Send(writer, 2, 1ms));
-    EXPECT_EQ(Take(reader), 1U);
-    EXPECT_TRUE(Send(writer, 2));
-}
-
-TEST_F(ShmRt, NextWriterGivesUpARecordThatAPlainReaderMayHaveFound) {
+TEST_F(ShmRt, NextWriterLeavesTheRecordOfASlowReaderButNotOfAPlainOne) {
+    {
+        ShmReaderRT reader{m_shm, TOPIC};
+        PutAndDie(1);
+        ShmWriterRT writer = MakeWriter();
+        for (int i = 0; i < 3; ++i) EXPECT_FALSE(Send(writer, 2, 1ms));
+        EXPECT_EQ(Take(reader), 1U);
+        EXPECT_TRUE(Send(writer, 2));
+    }
     PutAndDie(1);
     AttachPlainReader();
     ShmWriterRT writer = MakeWriter();
@@ -161,7 +155,7 @@ TEST_F(ShmRt, ReaderThatClosesLateLowersNothing) {
     EXPECT_EQ(Take(second), 2U);
 }
 
-TEST_F(ShmRt, ReaderMendsWhatAForeignOneLeavesBehind) {
+TEST_F(ShmRt, ReaderMendsTheCountsThatAForeignOneLeaves) {
     ShmWriterRT writer = MakeWriter();
     auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
     EXPECT_TRUE(Send(writer, 1));

@@ -1,9 +1,7 @@
 #include "shmRtFixture.hpp"
 
+#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/messageQueue.hpp>
-#include <vosk/test/support.hpp>
-
-#include <filesystem>
 
 using namespace vosk::test;
 
@@ -12,13 +10,11 @@ namespace {
 TEST_F(ShmRt, FreshRegionHasTheSharedFormat) {
     const ShmWriterRT writer = MakeWriter();
     EXPECT_TRUE(writer.IsValid());
-    const std::string bytes = ReadRegion();
-    ASSERT_EQ(bytes.size(), 80 + SIZE);
-    EXPECT_EQ(bytes.substr(40, 20), std::string(20, '\0'));                  // sequence, wakes, readers
-    EXPECT_EQ(bytes.substr(60, 4), std::string("\1\0\0\0", 4));              // open count
-    EXPECT_EQ(bytes.substr(64, 8), std::string(8, '\0'));                    // taken
-    EXPECT_EQ(bytes.substr(72, 8), std::string("\x80\x02\0\0\0\0\0\0", 8));  // 640
-    EXPECT_EQ(bytes.substr(80), std::string(SIZE, '\0'));
+    std::string expected(80 + SIZE - 40, '\0');  // behind the mutex
+    expected[60 - 40] = '\1';                    // open count
+    expected[72 - 40] = '\x80';                  // data size
+    expected[73 - 40] = '\2';
+    EXPECT_EQ(Content().substr(40), expected);
 }
 
 TEST_F(ShmRt, RecordStandsInTheSlotUntilTaken) {
@@ -40,7 +36,7 @@ TEST_F(ShmRt, RecordStandsInTheSlotUntilTaken) {
     EXPECT_TRUE(Send(writer, 8));
 }
 
-TEST_F(ShmRt, SendsNothingToNobody) {
+TEST_F(ShmRt, SendsNothingToNobodyUnlessTried) {
     ShmWriterRT writer = MakeWriter();
     EXPECT_TRUE(Send(writer, 1, GENEROUS));
     EXPECT_EQ(WriteSeq(), 0U);
@@ -52,15 +48,14 @@ TEST_F(ShmRt, SendsNothingToNobody) {
 TEST_F(ShmRt, UnansweredWaitLastsItsWholeLimit) {
     ShmWriterRT writer = MakeWriter();
     ShmReaderRT reader{m_shm, TOPIC};
-    Record record{};
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(reader.TimedReceive(record.data(), 1500us));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 1500us);
-
-    EXPECT_TRUE(writer.TimedSend(record.data(), 0us));
-    start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(writer.TimedSend(record.data(), 1500us));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 1500us);
+    const auto expect_long = [](const auto& wait) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(wait());
+        EXPECT_GE(std::chrono::steady_clock::now() - start, 1500us);
+    };
+    expect_long([&] { return Take(reader, 1500us); });
+    EXPECT_TRUE(Send(writer, 1));
+    expect_long([&] { return Send(writer, 2, 1500us); });
 }
 
 TEST_F(ShmRt, HandsEveryRecordToAnotherProcessWhole) {
@@ -95,65 +90,69 @@ TEST_F(ShmRt, LeavingReaderWakesTheWaitingWriter) {
     EXPECT_TRUE(child.Succeeds());
 }
 
-TEST_F(ShmRt, FirstToCloseRemovesTheName) {
+TEST_F(ShmRt, FirstToCloseRemovesTheNameButNotThatOfAnotherRegion) {
     auto writer = std::make_unique<ShmWriterRT>(m_shm, TOPIC);
     auto reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);
     EXPECT_EQ(OpenCount(), 1U);
     reader.reset();
     EXPECT_FALSE(Exists());
-    EXPECT_TRUE(writer->IsValid());
-
     reader = std::make_unique<ShmReaderRT>(m_shm, TOPIC);  // a region of its own
-    EXPECT_EQ(WriteSeq(), 0U);
     writer.reset();
     EXPECT_TRUE(Exists());
     writer = std::make_unique<ShmWriterRT>(m_shm, TOPIC);
-    writer.reset();
-    EXPECT_FALSE(Exists());
-}
-
-TEST_F(ShmRt, NameThatMovedToAnotherRegionStays) {
-    auto old = std::make_unique<ShmWriterRT>(m_shm, TOPIC);
-    m_prefix.Remove(TOPIC);
+    Remove();
     const ShmWriterRT successor = MakeWriter();
-    old.reset();
+    writer.reset();
     EXPECT_TRUE(Exists());
 }
 
-TEST_F(ShmRt, WhatIsNoSuchRegionIsRefusedByNameAndStaysAsItWas) {
-    const std::string name = m_prefix.NameOf(TOPIC);
+TEST_F(ShmRt, ObjectThatIsNoSuchRegionIsRefusedByNameAndStaysAsItWas) {
     std::vector<std::string> cases;
     for (const std::size_t size : {std::size_t{10}, std::size_t{79}, 80 + SIZE - 1, 80 + SIZE + 1})
         cases.emplace_back(size, '\0');
-    for (const std::size_t offset : {40U, 63U, 72U, 79U}) {  // something in the head, and not the data size
+    for (const auto offset : {40U, 63U, 72U, 79U}) {  // something in the head, and not the data size
         cases.emplace_back(80 + SIZE, '\0');
         cases.back()[offset] = 'x';
     }
-    for (const auto& foreign : cases) {
-        WriteRegion(foreign);
-        EXPECT_EQ(TextOf<std::runtime_error>([&] { MakeWriter(); }),
-                  "Data size mismatch in shared memory (" + name + ")");
-        EXPECT_THROW((ShmReaderRT{m_shm, TOPIC}), std::runtime_error);
-        EXPECT_TRUE(ReadRegion() == foreign) << foreign.size();
+    {
+        const bip::message_queue queue{bip::create_only, m_name.c_str(), 100, SIZE};
+        cases.push_back(Content());
     }
+    for (const auto& foreign : cases) {
+        PutContent(foreign);
+        EXPECT_EQ(TextOf<std::runtime_error>([&] { MakeWriter(); }),
+                  "Data size mismatch in shared memory (" + m_name + ")");
+        EXPECT_THROW((ShmReaderRT{m_shm, TOPIC}), std::runtime_error);
+        EXPECT_TRUE(Content() == foreign) << foreign.size();
+    }
+    // A queue, as long as a region.
+    ShmIf::RegisterTopic("as_long", ShmType::SHM_RT, cases.back().size() - 80);
+    std::filesystem::rename(m_path, "/dev/shm" + m_prefix + "as_long");
+    EXPECT_THROW((ShmWriterRT{m_shm, "as_long"}), std::runtime_error);
+    EXPECT_THAT(Drain(m_prefix + "as_long"), testing::IsEmpty());
+    ::shm_unlink((m_prefix + "as_long").c_str());
 }
 
-TEST_F(ShmRt, NameOfALiveQueueIsRefusedAndTheQueueStays) {
-    bip::message_queue queue{bip::create_only, m_prefix.NameOf("queue").c_str(), 100, SIZE};
-    const auto size = std::filesystem::file_size("/dev/shm" + m_prefix.NameOf("queue"));
-    ShmIf::RegisterTopic("queue", ShmType::SHM_RT, size - 80);
-    EXPECT_THROW((ShmWriterRT{m_shm, "queue"}), std::runtime_error);
-    EXPECT_TRUE(queue.try_send("x", 1, 0));
-    EXPECT_THAT(Drain(m_prefix.NameOf("queue")), testing::ElementsAre("x"));
-    m_prefix.Remove("queue");
+TEST_F(ShmRt, RefusalByTheSystemIsReported) {
+    ShmIf::RegisterTopic("no/such/folder", ShmType::SHM_RT, SIZE);
+    EXPECT_THAT(TextOf<std::runtime_error>([&] { ShmWriterRT(m_shm, "no/such/folder"); }),
+                testing::StartsWith("Failed to create/open shared memory: "));
 }
 
-TEST_F(ShmRt, SystemRefusalIsSaid) {
-    const std::string topic = "no/such/folder";
-    ShmIf::RegisterTopic(topic, ShmType::SHM_RT, SIZE);
-    EXPECT_THAT(([&] { ShmWriterRT(m_shm, topic); }),
-                testing::ThrowsMessage<std::runtime_error>(
-                    testing::StartsWith("Failed to create/open shared memory: ")));
+TEST_F(ShmRt, DataPathAllocatesNothing) {
+    ShmWriterRT writer = MakeWriter();
+    ShmReaderRT reader = MakeReader();
+    const std::size_t before = AllocationsOfThisThread();
+    ASSERT_GT(before, 0U);
+    for (int i = 0; i < 110; ++i) {
+        EXPECT_TRUE(Send(writer, 1, 1ms));
+        EXPECT_FALSE(Send(writer, 2, 10us));
+        EXPECT_TRUE(Take(reader, 1ms));
+        EXPECT_FALSE(Take(reader, 10us));
+        writer.TrySend(RecordOf(3).data());
+        EXPECT_TRUE(Take(reader));
+    }
+    EXPECT_EQ(AllocationsOfThisThread(), before);
 }
 
 }  // namespace
