@@ -3,13 +3,6 @@
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 using namespace std::chrono_literals;
 using vosk::lumo::HandoverBench;
 using vosk::test::At;
@@ -19,9 +12,6 @@ using enum vosk::defs::AoCommandSource;
 using enum vosk::lumo::VoskHandoverManager::State;
 
 namespace {
-
-constexpr auto INFO = log4cplus::INFO_LOG_LEVEL;
-constexpr auto DEBUG = log4cplus::DEBUG_LOG_LEVEL;
 
 class Handover : public testing::Test {
 protected:
@@ -36,8 +26,7 @@ protected:
     vosk::lumo::VoskHandoverManager& m_manager = m_bench.manager;
 };
 
-TEST_F(Handover, GoesToTheInstrumentAndBackInStepsAndLogsEach) {
-    const LogCapture log;
+TEST_F(Handover, GoesToTheInstrumentAndBackInSteps) {
     ExpectAt(IDLE, OFF, false);
     EXPECT_EQ(m_bench.RunCycle(), CCS);
     ExpectAt(IDLE, CCS, false);
@@ -63,33 +52,11 @@ TEST_F(Handover, GoesToTheInstrumentAndBackInStepsAndLogsEach) {
     ExpectAt(HANDBACK_WAIT_NEXT_CCS_CMD, NONE, true);
     EXPECT_EQ(m_bench.RunCycle(), CCS);
     ExpectAt(IDLE, CCS, false);
-
-    const std::string prefix = "HandoverStateManager";
-    std::vector<LogCapture::Line> lines;
-    for (const auto& line : log.Lines()) {
-        if (line.text.starts_with(prefix)) lines.push_back({line.level, line.text.substr(prefix.size())});
-    }
-    const std::vector<LogCapture::Line> expected{
-        {INFO, "::SetM4CmdSource(): CmdSource change OFF -> CCS/TEL"},
-        {DEBUG, ": initialize M4 cmd source, CCS has control"},
-        {INFO, "::SetM4CmdSource(): CmdSource change CCS/TEL -> NONE"},
-        {INFO, ": starting handover sequence, update M4 reference shape"},
-        {INFO, ": updated M4 reference shape, wait for a valid command from INS"},
-        {INFO, ": handover sequence, received first valid command from INS, discarding..."},
-        {INFO, "::SetM4CmdSource(): CmdSource change NONE -> INS"},
-        {DEBUG, ": handover completed, INS has control"},
-        {INFO, "::SetM4CmdSource(): CmdSource change INS -> NONE"},
-        {INFO, ": handback to CCS started, waiting for the first commands"},
-        {INFO, ": handback sequence, received first command from CCS, discarding..."},
-        {INFO, "::SetM4CmdSource(): CmdSource change NONE -> CCS/TEL"},
-        {DEBUG, ": handback completed, CCS has control"}};
-    EXPECT_EQ(lines, expected);
 }
 
 // The observers, which report the change complete, run before its record opens: the flag stays up until the
 // next handover ends.
 TEST_F(Handover, VariantsOfAModeNeedNoHandoverAndLeaveTheChangeOpen) {
-    LogCapture log;
     m_bench.RunCycle();
     HandoverBench::SetMode(HIGH_ORDER_CASCADE);
     m_bench.RunCycle();
@@ -100,8 +67,6 @@ TEST_F(Handover, VariantsOfAModeNeedNoHandoverAndLeaveTheChangeOpen) {
     ExpectAt(INS_CONTROL, INS, false);
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
     ExpectAt(INS_CONTROL, INS, true);
-    EXPECT_EQ(log.Count(INFO, "HandoverStateManager: changing control mode variant, no handover/handback"),
-              2);
 }
 
 TEST_F(Handover, AModeChangeInTheMiddleStartsTheOtherSequence) {
@@ -114,26 +79,26 @@ TEST_F(Handover, AModeChangeInTheMiddleStartsTheOtherSequence) {
 }
 
 TEST_F(Handover, TimesTheFirstCyclesOfEachHandoverOnce) {
-    LogCapture log;
+    const LogCapture log;
     atomclk::ManualClock clock{At(1ms)};
     HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
     m_bench.RunCycle(true, At(1500us));
     m_bench.RunCycle(false, At(2500us));
     m_bench.RunCycle(true, At(3500us));
     m_bench.RunCycle(true, At(4500us));
-    const auto stats = [](const char* none, const char* ins) {
-        return std::string{"\t-> Handover completed:\n\t\tTime to NONE cmd = "} + none +
-               "\n\t\tTime to INS cmd = " + ins;
-    };
-    EXPECT_EQ(log.Count(DEBUG, stats("500 us", "2500 us")), 1);
-
     clock.Set(At(10ms));
     HandoverBench::SetMode(TEL_DRIVEN);
     m_bench.RunCycle(true, At(10'500us));  // telescope cycles aren't timed
     HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
     m_bench.RunCycle(true, At(11ms));
     m_bench.RunCycle(true, At(12ms));
-    EXPECT_EQ(log.Count(DEBUG, stats("1000 us", "2000 us")), 1);
+    using testing::HasSubstr;
+    const auto times = [](const char* none, const char* ins) {
+        return testing::AllOf(HasSubstr(std::string{"NONE cmd = "} + none),
+                              HasSubstr(std::string{"INS cmd = "} + ins));
+    };
+    EXPECT_THAT(log.Texts("Time to NONE"),
+                testing::ElementsAre(times("500 us", "2500 us"), times("1000 us", "2000 us")));
 }
 
 TEST_F(Handover, ASourceThatDoesNotFitTheModeCountsAsNone) {
@@ -156,7 +121,6 @@ TEST_F(Handover, AfterAHundredCyclesWithoutASourceTheModeIsToBeSetAgain) {
     const auto& counts = *vosk::lumo::RuntimeMonitor::GetInstance().m_command_counts;
     const auto unfit = counts.unfit_source_cycles.load();
     const auto failed = counts.failed_mode_changes.load();
-    const LogCapture log;
     m_manager.SetM4CmdSource(INS);  // where a race between a change of mode and a cycle may leave it
     for (int i = 0; i < 99; ++i) m_bench.RunCycle();
     EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
@@ -164,11 +128,6 @@ TEST_F(Handover, AfterAHundredCyclesWithoutASourceTheModeIsToBeSetAgain) {
     EXPECT_TRUE(m_manager.IsModeToBeSetAgain());
     EXPECT_EQ(counts.unfit_source_cycles - unfit, 198U);
     EXPECT_EQ(counts.failed_mode_changes - failed, 1U);
-    EXPECT_EQ(
-        log.Count(log4cplus::WARN_LOG_LEVEL,
-                  "HandoverStateManager: nobody has commanded M4 for 100 cycles, the control mode is to "
-                  "be set again"),
-        1);
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);  // the remedy, which may fail as well
     EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
     for (int i = 0; i < 100; ++i) m_bench.RunCycle(false);
@@ -184,16 +143,15 @@ TEST_F(Handover, AnUnknownSourceIsStoredBeforeItThrows) {
     EXPECT_EQ(m_manager.GetM4CmdSource(), unknown);
 }
 
-TEST_F(Handover, ResetStartsAnewAndHearsOfModesOnce) {
+TEST_F(Handover, ResetReturnsToTheFirstStateAndHearsOfModesOnce) {
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
     m_bench.RunCycle();
-    LogCapture log;
+    const LogCapture log;
     vosk::lumo::ResetControlState();
     EXPECT_EQ(m_manager.GetState(), IDLE);
     EXPECT_EQ(m_manager.GetM4CmdSource(), OFF);
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
-    EXPECT_EQ(log.Count(INFO, "HandoverStateManager: starting handover sequence, update M4 reference shape"),
-              1);
+    EXPECT_EQ(log.Texts("starting handover sequence").size(), 1U);
 }
 
 }  // namespace

@@ -1,41 +1,20 @@
 // The library object: the walk through the document, the common start, the stop, the control commands.
 
-#include "testSupport.hpp"
+#include "loopBench.hpp"
 
-#include <unistd.h>
-#include <vosk/test/support.hpp>
-
-#include <gim/config.hpp>
 #include <lumolib/libMain.hpp>
-#include <lumolib/runtimeMonitor.hpp>
-#include <lumolib/voskHandoverManager.hpp>
-#include <lumolib/voskTelescopeStateManager.hpp>
-#include <vosk/test/logCapture.hpp>
 
 namespace vosk::lumo {
 namespace {
 
 using defs::Camera;
-using defs::VoskControlMode;
 using namespace std::chrono_literals;
+using namespace test;
 using namespace testing;
-using namespace vosk::test;
-
-gim::Config ConfigOf(const std::string& text) {
-    gim::Config config;
-    config.ParseText(text, "test.yaml");
-    return config;
-}
-
-std::vector<std::string> ThreadNames(const LibMain& library) {
-    std::vector<std::string> names;
-    for (const auto& [name, thread] : library.GetThreads()) names.push_back(name);
-    return names;
-}
+using vosk::test::TextOf;
 
 // The library with threads of the test's own beside those of the document.
-class OpenLibMain : public LibMain {
-public:
+struct OpenLibMain : LibMain {
     using LibMain::EnterThread;
     using LibMain::LibMain;
 };
@@ -44,13 +23,13 @@ class TestThread : public Thread {
 public:
     using Body = std::function<void(std::promise<void>&)>;
     TestThread(const std::string& name, Body body)
-        : Thread{name, test::CfgOf("cfg: {busy: false}"), ""}, m_body{std::move(body)} {}
+        : Thread{name, CfgOf("cfg: {busy: false}"), ""}, m_body{std::move(body)} {}
     bool HasEnded() const { return m_ended; }
 
 protected:
     void Work(std::promise<void>& started) override {
         m_body(started);
-        while (IsRunning()) std::this_thread::sleep_for(std::chrono::milliseconds{1});
+        while (IsRunning()) std::this_thread::sleep_for(1ms);
         m_ended = true;
     }
 
@@ -61,98 +40,84 @@ private:
 
 class LibMainTest : public ::testing::Test {
 public:
-    ~LibMainTest() override { m_library.StopThreads(); }
-
-protected:
     LibMainTest() {
         ResetControlState();
         VoskTelescopeStateManager::SetActiveCameraFS(Camera::IMG_GP1);
     }
+    ~LibMainTest() override { m_library.StopThreads(); }
 
-    OpenLibMain m_library{"libMainTest" + std::to_string(::getpid()) + "_"};
+protected:
+    void SetUpThreads(const std::string& text) {
+        gim::Config config;
+        config.ParseText(text, "test.yaml");
+        m_library.SetupThreads(config);
+    }
+    std::string RefusalOf(const std::string& cfg) {
+        return TextOf([&] { SetUpThreads("cfg: " + cfg); });
+    }
+
+    std::vector<std::string> ThreadNames() const {
+        std::vector<std::string> names;
+        for (const auto& [name, thread] : m_library.GetThreads()) names.push_back(name);
+        return names;
+    }
+
+    const LogCapture m_log;
+    OpenLibMain m_library{vosk::test::UniqueName() + "_"};
 };
 
 constexpr const char* OUTPUT = "{busy: false, ip_dest: 127.0.0.1, udp_dest: 47001}";
 
-std::string Receiver(int port) {
-    return "{busy: false, timeout: \"1 ms\", listen_udp: " + std::to_string(port) +
-           ", listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 1}";
-}
-
-TEST_F(LibMainTest, EmptyDocumentMakesNoThread) {
+TEST_F(LibMainTest, EmptyDocumentMakesNoThreadAndAnotherIsRefused) {
     for (const char* text : {"cfg: {}", "cfg:"}) {
-        const LogCapture log;
-        m_library.SetupThreads(ConfigOf(text));
-        EXPECT_THAT(ThreadNames(m_library), ElementsAre());
+        SetUpThreads(text);
+        EXPECT_THAT(ThreadNames(), IsEmpty());
         m_library.StartThreads();
         m_library.StopThreads();
-        const bool is_skipped = std::string{text} == "cfg:";
-        EXPECT_EQ(log.Texts("M4/M5/PFS/MS config invalid or missing, skipping..").size(), is_skipped);
-        EXPECT_EQ(log.Texts("GNU Radio Input/Output config invalid or missing, skipping..").size(),
-                  is_skipped);
     }
     EXPECT_THROW(m_library.SetupThreads(gim::Config{}), std::runtime_error);
-    EXPECT_THROW(m_library.SetupThreads(ConfigOf("cfg: 5")), std::runtime_error);
-}
-
-TEST(LibMain, TellsThatItStands) {
-    const LogCapture log;
-    const LibMain library{"libMainTest_"};
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "lumo library initialized"));
+    EXPECT_THROW(SetUpThreads("cfg: 5"), std::runtime_error);
 }
 
 TEST_F(LibMainTest, EmptiesTheRegistriesAndReadsTheResamplersBeforeItMakesAThread) {
-    const LogCapture log;
-    m_library.SetupThreads(ConfigOf(std::string{"cfg: {m4: {output: ["} + OUTPUT +
-                                    "]}, resamplers: [{id: r, definition: []}]}"));
-    std::vector<std::string> texts = log.Texts("");
-    texts.resize(5);
-    EXPECT_THAT(
-        texts,
-        ElementsAre("Setting up threads...", "DataSyncManager::Reset()", "ResamplerManager::Reset()",
-                    "ResamplerManager: found resampler configuration: r", "Setting up M4Output thread"));
+    SetUpThreads(std::string{"cfg: {m4: {output: ["} + OUTPUT + "]}, resamplers: [{id: r, definition: []}]}");
+    const auto texts = m_log.Texts("");
+    auto next = texts.begin();
+    for (const char* text :
+         {"DataSyncManager::Reset()", "ResamplerManager::Reset()",
+          "ResamplerManager: found resampler configuration: r", "Setting up M4Output thread"}) {
+        next = std::find(next, texts.end(), text);
+        EXPECT_NE(next, texts.end()) << text;
+    }
 }
 
-TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemByName) {
-    const LogCapture log;
-    m_library.SetupThreads(ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(UniquePort(0)) +
-                                    "]}, m4: {output: [" + OUTPUT + "], input: [" + Receiver(UniquePort(1)) +
-                                    "]}}"));
-    EXPECT_THAT(ThreadNames(m_library), ElementsAre("AoWfCmdInput", "M4Input", "M4Output"));
-    m_library.StartThreads();
-    m_library.StopThreads();
-    m_library.StartThreads();  // a stopped library starts again
-    m_library.StopThreads();
-
-    std::vector<std::string> order;
-    for (const std::string& text : log.Texts("Starting thread "))
-        order.push_back(text.substr(16, text.find(':') - 16));
-    EXPECT_THAT(order,
-                ElementsAre("AoWfCmdInput", "M4Input", "M4Output", "AoWfCmdInput", "M4Input", "M4Output"));
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "No M5 configuration found, skipping"));
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "No GPAO configuration found, skipping"));
+TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemAgainAfterAStop) {
+    SetUpThreads("cfg: {ao: {wavefront_cmd_stream: [" + ReceiverKeys(0) + "]}, m4: {output: [" + OUTPUT +
+                 "], input: [" + ReceiverKeys(1) + "], feedback: [" + ReceiverKeys(2) + "]}}");
+    for (unsigned starts : {1U, 2U}) {
+        m_library.StartThreads();
+        m_library.StopThreads();
+        EXPECT_EQ(m_log.Texts("Stopped thread ").size(), 4 * starts);
+    }
+    EXPECT_THAT(ThreadNames(), ElementsAre("AoWfCmdInput", "M4FeedbackInput", "M4Input", "M4Output"));
 }
 
-TEST_F(LibMainTest, RefusesWhatIsNotASequenceAndWhatNoEndpointCanUse) {
-    const auto refusal = [this](const std::string& text) {
-        return TextOf([&] { m_library.SetupThreads(ConfigOf(text)); });
-    };
-    EXPECT_EQ(refusal(std::string{"cfg: {m4: {output: "} + OUTPUT + "}}"),
-              "ERR: cfg.m4.output must be a sequence");
-    // Also a stream that no thread of this build serves.
-    EXPECT_EQ(refusal("cfg: {guide_probe: {vis_img: {camera_type: lisa}}}"),
-              "ERR: cfg.guide_probe.vis_img must be a sequence");
-    EXPECT_EQ(refusal("cfg: {guide_probe: {vis_img: []}}"), "no exception");
-    EXPECT_THROW(m_library.SetupThreads(ConfigOf("cfg: {m4: {output: []}}")), std::runtime_error);
-    const LogCapture log;
-    EXPECT_EQ(refusal("cfg: {m4: {input: [" + Receiver(0) + "]}}"), "Rx::Rx: udp_cfg.udp.listen is required");
-    EXPECT_THAT(log.Texts("", log4cplus::ERROR_LOG_LEVEL),
-                ElementsAre("Rx::Rx: udp_cfg.udp.listen is required"));
-    EXPECT_THAT(ThreadNames(m_library), ElementsAre());
+TEST_F(LibMainTest, RefusesWhatIsNoSequenceAndWhatNoEndpointCanUse) {
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string{"{m4: {output: "} + OUTPUT + "}}", "ERR: cfg.m4.output must be a sequence"},
+        // Also a stream that no thread of this build serves.
+        {"{guide_probe: {vis_img: {camera_type: lisa}}}", "ERR: cfg.guide_probe.vis_img must be a sequence"},
+        {"{guide_probe: {vis_img: []}}", "no exception"},
+        {"{m4: {output: []}}", "Element with index 0 not defined in node cfg.m4.output"},
+        {"{m4: {input: [{busy: false}]}}", "Rx::Rx: udp_cfg.udp.listen is required"}};
+    for (const auto& [cfg, text] : cases) EXPECT_EQ(RefusalOf(cfg), text);
+    // The text of each stands once in the log.
+    EXPECT_EQ(m_log.Texts("Rx::Rx: udp_cfg.udp.listen is required", log4cplus::ERROR_LOG_LEVEL).size(), 1U);
+    EXPECT_THAT(ThreadNames(), IsEmpty());
 }
 
-TEST_F(LibMainTest, WhatFailsToStartIsToldAndTheOthersRunOn) {
-    m_library.SetupThreads(ConfigOf("cfg: {}"));
+TEST_F(LibMainTest, AFailureToStartIsThrownAndTheOtherThreadsRunOn) {
+    SetUpThreads("cfg: {}");
     auto first = std::make_unique<TestThread>("A", [](auto& started) { started.set_value(); });
     const TestThread& running = *first;
     m_library.EnterThread(std::move(first));
@@ -166,7 +131,7 @@ TEST_F(LibMainTest, WhatFailsToStartIsToldAndTheOthersRunOn) {
 
 // With 3 s for each, B would be in time and C the one that isn't.
 TEST_F(LibMainTest, AllThreadsTogetherHaveThreeSecondsToReport) {
-    m_library.SetupThreads(ConfigOf("cfg: {}"));
+    SetUpThreads("cfg: {}");
     std::atomic<int> bodies{0};
     const auto enter = [&](const char* name, std::chrono::seconds report_after) {
         m_library.EnterThread(std::make_unique<TestThread>(name, [&bodies, report_after](auto& started) {
@@ -178,74 +143,56 @@ TEST_F(LibMainTest, AllThreadsTogetherHaveThreeSecondsToReport) {
     enter("A", 2s);
     enter("B", 4s);
     enter("C", 0s);  // never
-    const LogCapture log;
-    EXPECT_EQ(TextOf([this] { m_library.StartThreads(); }), "Thread B failed to start on time");
-    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, "Thread B failed to start on time"), 1);
+    const std::string text = "Thread B failed to start on time";
+    EXPECT_EQ(TextOf([this] { m_library.StartThreads(); }), text);
+    EXPECT_EQ(m_log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
     EXPECT_EQ(bodies, 3);
-    m_library.StopThreads();
 }
 
-TEST_F(LibMainTest, ALaterThreadOfANameReplacesTheEarlierOneAndIsToldOf) {
-    const LogCapture log;
-    m_library.SetupThreads(ConfigOf("cfg: {ao: {wavefront_cmd_stream: [" + Receiver(UniquePort(0)) + ", " +
-                                    Receiver(UniquePort(1)) + "]}}"));
-    EXPECT_THAT(ThreadNames(m_library), ElementsAre("AoWfCmdInput"));
-    EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL,
-                        "test.yaml:1: cfg.ao.wavefront_cmd_stream[1]: replaces another thread of the name "
-                        "AoWfCmdInput"));
+TEST_F(LibMainTest, ALaterThreadOfANameReplacesTheEarlierOneWithAWarning) {
+    SetUpThreads("cfg: {ao: {wavefront_cmd_stream: [" + ReceiverKeys(0) + ", " + ReceiverKeys(1) + "]}}");
+    EXPECT_THAT(m_log.Texts("cfg.ao.wavefront_cmd_stream[1]: replaces another", log4cplus::WARN_LOG_LEVEL),
+                SizeIs(1));
     m_library.StartThreads();
-    EXPECT_EQ(log.Texts("Started thread ").size(), 1U);
-    EXPECT_THAT(log.Texts("Started thread ")[0], HasSubstr(":" + std::to_string(UniquePort(1))));
-    m_library.StopThreads();
+    EXPECT_THAT(m_log.Texts("Started thread "), ElementsAre(HasSubstr(":" + std::to_string(UniquePort(1)))));
 }
 
 TEST_F(LibMainTest, StoppingPrintsTheStatisticsThatAreEnabled) {
-    m_library.SetupThreads(ConfigOf("cfg: {statistics: {m4: 2 ms}}"));
+    SetUpThreads("cfg: {statistics: {m4: 2 ms}}");
     m_library.StartThreads();
     for (const auto& statistics :
          {RuntimeMonitor::GetInstance().m_m4_statistics, RuntimeMonitor::GetInstance().m_m5_statistics}) {
         statistics->UpdateTsSent(time_point{});
         statistics->UpdateTsReceived(time_point{});
     }
-    const LogCapture log;
     m_library.StopThreads();
-    EXPECT_TRUE(log.Has(log4cplus::TRACE_LOG_LEVEL, "Stream 10: num_samples = 0"));
-    EXPECT_FALSE(log.Has(log4cplus::TRACE_LOG_LEVEL, "Stream 11: num_samples = 0"));
+    EXPECT_THAT(m_log.Texts("num_samples"), ElementsAre("Stream 10: num_samples = 0"));
 }
 
 TEST_F(LibMainTest, SimulationWantsFourTopics) {
-    const auto result = [this](const char* text) {
-        return TextOf([&] { m_library.SetupDataSync(test::CfgOf(text)); });
-    };
-    for (const char* text : {"cfg:", "cfg: {}", "cfg: {ecmwfsim: 5}", "cfg: {ecmwfsim: {}}",
-                             "cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c, d]}]}}"}) {
-        EXPECT_EQ(result(text), "no exception") << text;
+    for (const auto& [text, is_good] : {std::pair{"cfg:", true},
+                                        {"cfg: {}", true},
+                                        {"cfg: {ecmwfsim: 5}", true},
+                                        {"cfg: {ecmwfsim: {}}", true},
+                                        {"cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c, d]}]}}", true},
+                                        {"cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c]}]}}", false}}) {
+        const auto refusal = TextOf([&, text = text] { m_library.SetupDataSync(CfgOf(text)); });
+        EXPECT_EQ(refusal == "no exception", is_good) << text;
     }
-    EXPECT_EQ(result("cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c]}]}}"),
-              "ERR: ECMWFSim must be configured with SHM topics for all GPs, plus the PDS");
 }
 
-TEST_F(LibMainTest, ModeIsSwitchedBeforeTheCamera) {
-    const LogCapture log;
-    m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, Camera::WFS_GP2);
-    EXPECT_THAT(log.Texts("Changing "), ElementsAre("Changing VOSK Control Mode to INS_DRIVEN_CASCADE.",
-                                                    "Changing Active Camera FS to WFS_GP2."));
-    EXPECT_THAT(log.Texts("VoskTelescopeStateManager::"),
-                ElementsAre(HasSubstr("Control Mode change TEL_DRIVEN -> INS_DRIVEN_CASCADE"),
-                            HasSubstr("Active camera FS change IMG_GP1 -> WFS_GP2")));
-    EXPECT_EQ(m_library.GetControlMode(), VoskControlMode::INS_DRIVEN_CASCADE);
+TEST_F(LibMainTest, ModeIsSwitchedBeforeTheCameraAndAPresentModeIsNoChange) {
+    m_library.SetVoskMode(INS_DRIVEN_CASCADE, Camera::WFS_GP2);
+    EXPECT_THAT(m_log.Texts(" change "),
+                ElementsAre(HasSubstr("CmdSource change"), HasSubstr("Control Mode change"),
+                            HasSubstr("Active camera FS change")));
+    m_library.SetVoskMode(INS_DRIVEN_CASCADE, {});
     EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP2);
-}
-
-TEST_F(LibMainTest, APresentModeIsNoChangeAndAWrongOneIsRefused) {
-    m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, {});
-    EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::IMG_GP1);
-    const LogCapture log;
-    m_library.SetVoskMode(VoskControlMode::INS_DRIVEN_CASCADE, Camera::WFS_GP2);
-    EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP2);
-    EXPECT_THAT(log.Texts("HandoverStateManager"), ElementsAre());
-    EXPECT_THROW(m_library.SetVoskMode(static_cast<VoskControlMode>(7), {}), std::runtime_error);
-    EXPECT_EQ(m_library.GetControlMode(), VoskControlMode::INS_DRIVEN_CASCADE);
+    m_library.SetVoskMode(INS_DRIVEN_CASCADE, Camera::WFS_GP1);
+    EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP1);
+    EXPECT_THAT(m_log.Texts("starting handover sequence"), SizeIs(1));
+    EXPECT_THROW(m_library.SetVoskMode(static_cast<defs::VoskControlMode>(7), {}), std::runtime_error);
+    EXPECT_EQ(m_library.GetControlMode(), INS_DRIVEN_CASCADE);
 }
 
 }  // namespace
