@@ -1,10 +1,11 @@
-// What a worker of a LISA camera does with its regions, cleaning and centroids together: a region after the
-// other, and in chunks whose centroids are taken in one call while their pixels are still in the cache. Both
-// against the plain loops and against moving the same bytes.
+// From raw frame to centroids, as a worker of a camera's pipeline does it: ROI by ROI, and in batches whose
+// centroids are taken in one call while their pixels are still in the cache. Both against the plain loops and
+// against moving the same bytes; small ROIs also against large ones.
 
 #include "frames.hpp"
 
 #include <fmt/format.h>
+#include <vosk/image_processing/regionBatches.hpp>
 #include <vosk/reference/cleaning.hpp>
 
 #include <utility>
@@ -13,12 +14,19 @@ namespace vosk::bench {
 
 namespace {
 
-constexpr std::size_t CHUNK = 16;
+// ns a pixel.
+struct Times {
+    double one_by_one;
+    double batches;
+    double plain;
+    double moving;
+};
 
-std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator) {
+Times TimeWorker(const LisaFrame& frame, const Estimator& estimator, std::uint16_t size) {
     const auto removal = frame.MakeRemoval();
     reference::LisaCleaning plain{frame.bias, frame.flat, frame.table};
-    const auto rois = Regions(24);
+    const auto rois = Regions(size);
+    const image_processing::RegionBatches batches{rois, nullptr};
     std::vector<defs::Slope> slopes(rois.size());
     defs::AlignedFrame<std::uint32_t> moved(frame.table.size());
     const CleaningStream stream = frame.Stream(moved);
@@ -33,12 +41,7 @@ std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator)
                               },
                               [&] {
                                   removal->InvalidateCache();
-                                  for (std::size_t start = 0; start < rois.size(); start += CHUNK) {
-                                      const auto chunk = std::span{rois}.subspan(start, CHUNK);
-                                      for (const auto& roi : chunk) removal->RemoveNoise(frame.raw, {}, roi);
-                                      ours.ComputeMany(removal->GetFrame(), chunk,
-                                                       std::span{slopes}.subspan(start, CHUNK));
-                                  }
+                                  batches.ComputeSlopes(frame.raw, {}, *removal, ours, slopes);
                               },
                               [&] {
                                   plain.NewFrame(frame.raw);
@@ -49,12 +52,19 @@ std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator)
                               },
                               [&] { StreamCleaning(stream, rois); }},
                              estimator.repeats, PixelsOf(rois));
+    return {ns[0], ns[1], ns[2], ns[3]};
+}
 
+std::vector<Row> BenchWorker(const LisaFrame& frame, const Estimator& estimator) {
+    const auto large = TimeWorker(frame, estimator, 24);
+    const auto small = TimeWorker(frame, estimator, 8);
     const auto what = fmt::format("clean and {}, {}", estimator.name, frame.name);
-    const auto many = fmt::format("{}, {} at a time", what, CHUNK);
-    return {{what + ", one by one", estimator.plain_name, "ns/pixel", ns[0], ns[2]},
-            {many, estimator.plain_name, "ns/pixel", ns[1], ns[2]},
-            {many, "moving the same bytes", "ns/pixel", ns[1], ns[3]}};
+    const auto many = what + ", in batches";
+    return {{what + ", one by one", estimator.plain_name, "ns/pixel", large.one_by_one, large.plain},
+            {many, estimator.plain_name, "ns/pixel", large.batches, large.plain},
+            {many, "moving the same bytes", "ns/pixel", large.batches, large.moving},
+            {many + ", 8 x 8", "moving the same bytes", "ns/pixel", small.batches, small.moving},
+            {many + ", 8 x 8", "24 x 24", "ns/pixel", small.batches, large.batches}};
 }
 
 }  // namespace

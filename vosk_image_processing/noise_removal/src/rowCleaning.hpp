@@ -12,7 +12,7 @@
 
 namespace vosk::image_processing {
 
-// Pixels of one row of the cleaned frame.
+// Pixels of one row of the cleaned frame, or as many of each of several rows one below another.
 struct Stretch {
     const std::uint16_t* raw;        // the count of the first pixel; with positions: the raw frame
     const std::uint32_t* positions;  // null, or where in the raw frame each pixel's count is
@@ -22,12 +22,15 @@ struct Stretch {
     std::size_t first;  // in the cleaned frame, as an index
     std::size_t count;
     double dynamic_bias;  // 0.0 changes no bit
+    std::size_t rows;     // with positions: one
+    std::ptrdiff_t raw_stride;
 };
 
 struct Calibration {
     const float* master_bias;
     const float* flat;
-    bool is_ordinary;  // as IsOrdinary says of both; no dynamic bias is beyond 2^101 then
+    bool is_ordinary;    // as IsOrdinary says of both; no dynamic bias is beyond 2^101 then
+    std::size_t stride;  // of the cleaned frame and of both
 };
 
 // Whether no quotient can leave the range of a double, or its flat's reciprocal that of a float: so for any

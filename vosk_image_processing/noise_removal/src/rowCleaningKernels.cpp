@@ -173,22 +173,32 @@ HWY_INLINE void Clean(const Source& source, const float* master_bias, const floa
     }
 }
 
+template <class Divide, class Source>
+HWY_INLINE void CleanRows(Source source, const Stretch& stretch, const Calibration& calibration,
+                          float* cleaned) {
+    for (std::size_t row = 0, first = stretch.first; row < stretch.rows; ++row, first += calibration.stride) {
+        Clean<Divide>(source, calibration.master_bias + first, calibration.flat + first, stretch.dynamic_bias,
+                      cleaned + first, stretch.count);
+        source.raw += stretch.raw_stride;
+    }
+}
+
 template <class Divide>
-HWY_INLINE void CleanBy(const Stretch* stretches, std::size_t size, const Calibration& calibration,
+HWY_INLINE void CleanBy(const Stretch* stretches, std::size_t size, const Calibration& given,
                         float* cleaned) {
+    // Copies stay in registers: a store of pixels might change what is read through a pointer.
+    const Calibration calibration = given;
     for (const Stretch* at = stretches; at != stretches + size; ++at) {
-        const auto clean = [&](const auto& source) {
-            Clean<Divide>(source, calibration.master_bias + at->first, calibration.flat + at->first,
-                          at->dynamic_bias, cleaned + at->first, at->count);
-        };
-        if (at->positions != nullptr) {
-            clean(Scattered{at->raw, at->positions});
-        } else if (at->step == TAP_STEP) {
-            clean(OfATap<TAP_STEP>{at->raw});
-        } else if (at->step == -TAP_STEP) {
-            clean(OfATap<-TAP_STEP>{at->raw});
+        const Stretch stretch = *at;
+        const auto clean = [&](auto source) { CleanRows<Divide>(source, stretch, calibration, cleaned); };
+        if (stretch.positions != nullptr) {
+            clean(Scattered{stretch.raw, stretch.positions});
+        } else if (stretch.step == TAP_STEP) {
+            clean(OfATap<TAP_STEP>{stretch.raw});
+        } else if (stretch.step == -TAP_STEP) {
+            clean(OfATap<-TAP_STEP>{stretch.raw});
         } else {
-            clean(InOrder{at->raw});
+            clean(InOrder{stretch.raw});
         }
     }
 }

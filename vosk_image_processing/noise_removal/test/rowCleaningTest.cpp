@@ -40,12 +40,14 @@ TEST_P(CleanedStretch, GivesTheBitsOfThePlainLoopForEveryLengthAndSource) {
             ASSERT_TRUE(count % 2 == 0 || IsOrdinary(bias, flat));
             const bool is_ordinary = std::abs(dynamic) <= 0x1p101 && IsOrdinary(bias, flat);
             const std::uint16_t* const last = to_left.data() + (count == 0 ? 0 : (count - 1) * TAP_STEP);
-            for (const Stretch& stretch : {Stretch{in_order.data(), nullptr, 1, 0, count, dynamic},
-                                           Stretch{scattered.data(), positions.data(), 0, 0, count, dynamic},
-                                           Stretch{to_right.data(), nullptr, TAP_STEP, 0, count, dynamic},
-                                           Stretch{last, nullptr, -TAP_STEP, 0, count, dynamic}}) {
+            for (const Stretch& stretch :
+                 {Stretch{in_order.data(), nullptr, 1, 0, count, dynamic, 1, 0},
+                  Stretch{scattered.data(), positions.data(), 0, 0, count, dynamic, 1, 0},
+                  Stretch{to_right.data(), nullptr, TAP_STEP, 0, count, dynamic, 1, 0},
+                  Stretch{last, nullptr, -TAP_STEP, 0, count, dynamic, 1, 0}}) {
                 std::vector<float> cleaned(count + 2, UNTOUCHED);
-                CleanStretches(&stretch, 1, {bias.data(), flat.data(), is_ordinary}, cleaned.data() + 1);
+                CleanStretches(&stretch, 1, {bias.data(), flat.data(), is_ordinary, count},
+                               cleaned.data() + 1);
                 ASSERT_TRUE(SameBits(cleaned, expected))
                     << count << ", " << dynamic << ", step " << stretch.step;
             }
@@ -72,8 +74,8 @@ TEST_P(CleanedStretch, RoundsAnOrdinaryQuotientAsADivisionDoes) {
                 for (std::size_t i = 0; i < COUNT; ++i) {
                     expected[i] = reference::CleanedPixel(raw[i], bias[i], -signal, flat[i]);
                 }
-                const Stretch stretch{raw.data(), nullptr, 1, 0, COUNT, -signal};
-                CleanStretches(&stretch, 1, {bias.data(), flat.data(), true}, cleaned.data());
+                const Stretch stretch{raw.data(), nullptr, 1, 0, COUNT, -signal, 1, 0};
+                CleanStretches(&stretch, 1, {bias.data(), flat.data(), true, COUNT}, cleaned.data());
                 ASSERT_TRUE(SameBits(cleaned, expected)) << signal << " / " << gain;
             }
         }

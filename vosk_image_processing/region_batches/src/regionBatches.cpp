@@ -65,7 +65,7 @@ void RegionBatches::ComputeSlopes(gsl::span<const std::uint16_t> raw, const std:
                                   std::span<defs::Slope> slopes) const {
     VOSK_ASSERT(slopes.size() == m_rois.size());
     for (const Batch& batch : m_batches) {
-        for (const Roi& roi : batch.rois.Of(std::span{m_cleaned})) removal.RemoveNoise(raw, window, roi);
+        removal.RemoveNoiseOfMany(raw, window, batch.rois.Of(std::span{m_cleaned}));
         if (m_correction != nullptr) {
             m_correction->Repair(removal.GetFrame(), batch.bad_pixels.Of(std::span{m_bad_pixels}));
         }

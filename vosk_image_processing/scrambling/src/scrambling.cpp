@@ -57,6 +57,36 @@ void ScramblerBase::FindPieces() {
         FindPiecesOfRow(row);
     }
     m_row_pieces.push_back(m_pieces.size());
+    FindRowsAlike();
+}
+
+void ScramblerBase::FindRowsAlike() {
+    for (std::size_t row = 0; row < m_height; ++row) m_rows_alike.push_back({row + 1, 0});
+    for (std::size_t row = m_height; row-- > 1;) {
+        const auto stride = StrideToNext(row - 1);
+        if (!stride) continue;
+        const Rows& next = m_rows_alike[row];
+        m_rows_alike[row - 1] = {next.raw_stride == *stride ? next.stop : row + 1, *stride};
+    }
+}
+
+std::optional<std::ptrdiff_t> ScramblerBase::StrideToNext(std::size_t row) const {
+    const auto pieces_of = [&](std::size_t of) {
+        return std::span{m_pieces}.subspan(m_row_pieces[of], m_row_pieces[of + 1] - m_row_pieces[of]);
+    };
+    const auto above = pieces_of(row);
+    const auto below = pieces_of(row + 1);
+    if (above.empty() || below.empty()) return std::nullopt;
+    const auto stride_of = [](const Piece& from, const Piece& to) {
+        return std::ptrdiff_t{to.source} - std::ptrdiff_t{from.source};
+    };
+    const std::ptrdiff_t stride = stride_of(above.front(), below.front());
+    const auto is_like = [&](const Piece& from, const Piece& to) {
+        return from.x_start == to.x_start && from.x_stop == to.x_stop && from.step != 0 &&
+               from.step == to.step && stride_of(from, to) == stride;
+    };
+    if (!std::ranges::equal(above, below, is_like)) return std::nullopt;
+    return stride;
 }
 
 void ScramblerBase::FindPiecesOfRow(std::size_t row) {

@@ -20,10 +20,13 @@
 #include <cstdint>
 #include <gsl/span>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 
 namespace vosk::image_processing {
+
+class RowCleaning;
 
 class NoiseRemovalBase {
 public:
@@ -44,6 +47,13 @@ public:
     // raw frame holds. A ROI without pixels is nothing to do, wherever it lies.
     virtual void RemoveNoise(gsl::span<const std::uint16_t> frame, const std::optional<Window>& window,
                              const std::optional<Roi>& roi) = 0;
+
+    // The same for many ROIs, small ones at less cost. If one of them is refused, others may be cleaned or
+    // not.
+    virtual void RemoveNoiseOfMany(gsl::span<const std::uint16_t> frame, const std::optional<Window>& window,
+                                   std::span<const Roi> rois) {
+        for (const Roi& roi : rois) RemoveNoise(frame, window, roi);
+    }
 
     // The cleaned frame, row by row: zero where it was never cleaned. Writable for those who repair pixels.
     virtual const defs::AlignedFrame<float>& GetFrame() const = 0;
@@ -75,6 +85,8 @@ public:
 
     void RemoveNoise(gsl::span<const std::uint16_t> frame, const std::optional<Window>& window,
                      const std::optional<Roi>& roi) override;
+    void RemoveNoiseOfMany(gsl::span<const std::uint16_t> frame, const std::optional<Window>& window,
+                           std::span<const Roi> rois) override;
     const defs::AlignedFrame<float>& GetFrame() const override { return m_frame; }
     defs::AlignedFrame<float>& GetFrame() override { return m_frame; }
     // To be called for each new frame, before its first ROI; without it the dynamic biases of the frame
@@ -98,6 +110,7 @@ private:
         double bias{0.0};
     };
 
+    void AddRange(const std::uint16_t* raw, const PixelRange& range, RowCleaning& cleaning);
     // The dynamic bias of a group of rows, measured once a frame.
     double ComputeDynamicBias(const std::uint16_t* raw, std::size_t group);
     // The mean of a group's columns without light.

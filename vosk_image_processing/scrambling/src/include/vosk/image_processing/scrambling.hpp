@@ -55,6 +55,14 @@ protected:
     void ForEachPiece(std::size_t row, std::size_t x_start, std::size_t x_stop, std::size_t& hint,
                       Visit&& visit) const;
 
+    // Rows, from a given one on, whose pieces are all runs and the same but for their sources, which go on by
+    // a stride.
+    struct Rows {
+        std::size_t stop;
+        std::ptrdiff_t raw_stride;  // of one row alone: 0
+    };
+    Rows RowsAlike(std::size_t row) const { return m_rows_alike[row]; }
+
     // std::invalid_argument, in which `operation` names who was called.
     void RequireScrambledSize(std::size_t size, const char* operation) const;
 
@@ -70,11 +78,15 @@ private:
     void FindPieces();
     void FindPiecesOfRow(std::size_t row);
     std::int32_t StepOf(std::span<const std::uint32_t> run) const;
+    void FindRowsAlike();
+    // Of a row that is like the next one.
+    std::optional<std::ptrdiff_t> StrideToNext(std::size_t row) const;
 
     // The table in short: where it goes on in equal steps, a piece says as much as all its entries, which
     // then need not be read.
     std::vector<Piece> m_pieces;            // row by row
     std::vector<std::size_t> m_row_pieces;  // the first piece of each row, and the end
+    std::vector<Rows> m_rows_alike;         // by their first row
 };
 
 template <class Visit>
