@@ -1,6 +1,6 @@
 #include "calibration.hpp"
 
-#include "fitsImage.hpp"
+#include "files.hpp"
 #include "judge/prediction.hpp"
 #include "peers/wavefront.hpp"
 #include "zernike.hpp"

@@ -22,6 +22,13 @@ struct SaturationLimits {
     float gap = 0.0F;       // largest position of an actuator
 };
 
+// The calibration data of the AO loop, and the file in which the host finds its matrix.
+struct LoopCalibration {
+    std::filesystem::path basis_file;
+    ModalBasis basis;
+    SaturationLimits limits;
+};
+
 // Zernike polynomials from tip on, of rms 1 over a round mirror whose actuators are spread evenly over it.
 ModalBasis MakeModalBasis(std::uint32_t modes);
 

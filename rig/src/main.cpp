@@ -3,12 +3,13 @@
 
 #include "cameras/cameraFiles.hpp"
 #include "cameras/showFrame.hpp"
-#include "report/htmlReport.hpp"
+#include "files.hpp"
 #include "run.hpp"
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 #include <vosk/common/logSetup.hpp>
+#include <vosk/defs/sizes.hpp>
 
 #include <csignal>
 #include <exception>
@@ -41,17 +42,19 @@ int MakeData(const DataOptions& options) {
     Scenario scenario;
     scenario.name = "make-data";
     scenario.host.managed_modes = options.modes;
-    const std::filesystem::path basis_file = directory / "m2p.fits";
     std::filesystem::create_directories(directory);
-    const ModalBasis basis = MakeModalBasis(options.modes);
-    WriteModalBasis(basis_file, basis);
-    const SaturationLimits limits = ChooseLimits(basis, scenario);
-    WriteTextFile(directory / "host.yaml", MakeHostDocument(scenario, Ports{}, basis_file, limits));
+    LoopCalibration calibration{directory / "m2p.fits", MakeModalBasis(options.modes), {}};
+    WriteModalBasis(calibration.basis_file, calibration.basis);
+    calibration.limits = ChooseLimits(calibration.basis, scenario);
+    scenario.duration = Seconds{1.0};  // these peers never start, and need little memory
+    const ModeTimeline modes;
+    const auto peers = MakePeers(scenario, calibration, modes, Ports::From(47801));
+    WriteTextFile(directory / "host.yaml", MakeHostDocument(scenario, peers));
     WriteCameraFiles(directory, MakeCameraSet(options.seed, options.subapertures));
     fmt::print(
         "{}: {} modes by {} actuators\n{}: a configuration for vosk-host\n"
         "{}: what the cameras of seed {} are like; set CFGPATH to {}\n",
-        basis_file.string(), options.modes, defs::M4_CMD_SIZE, (directory / "host.yaml").string(),
+        calibration.basis_file.string(), options.modes, defs::M4_CMD_SIZE, (directory / "host.yaml").string(),
         (directory / "cameras.yaml").string(), options.seed, directory.string());
     return 0;
 }

@@ -1,5 +1,9 @@
 #include "run.hpp"
 
+#include "files.hpp"
+#include "host/hostProcess.hpp"
+#include "judge/aoLoop.hpp"
+#include "judge/hostJudge.hpp"
 #include "report/htmlReport.hpp"
 #include "report/table.hpp"
 
@@ -10,6 +14,7 @@
 #include <sys/file.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+#include <nodepin/nodepin.hpp>
 
 #include <atomic>
 #include <ctime>
@@ -31,13 +36,6 @@ constexpr auto STATUS_INTERVAL = 1000ms;
 // Setpoints of the last commands arrive, and their answers leave.
 constexpr auto SETTLING_TIME = 200ms;
 
-// The checking thread may fall behind by a whole run of common length; 350 MB.
-constexpr std::size_t LARGEST_RING = 16384;
-
-std::size_t ExpectedCommands(const Scenario& scenario) {
-    return static_cast<std::size_t>(scenario.instrument.rate * scenario.duration.count()) + 16;
-}
-
 std::string DescribeMachine() {
     utsname system{};
     uname(&system);
@@ -56,7 +54,8 @@ time_point NextGridPoint(time_point time, std::chrono::nanoseconds period) {
 // Tried on a thread of its own, which takes the priority with it.
 bool MayTakePriority(int priority) {
     bool may = false;
-    std::thread([&] { may = TakePriority(priority); }).join();
+    const auto look = [&] { may = nodepin::PriorityOfThisThread() == priority; };
+    nodepin::MakeThread("Priority", {{}, {}, priority}, look).join();
     return may;
 }
 
@@ -87,36 +86,7 @@ pktwire::detail::FileDescriptor LockDirectory(const std::filesystem::path& direc
             : fmt::format("{}: {}", directory.string(), std::generic_category().message(error)));
 }
 
-}  // namespace
-
-struct Run::Stage {
-    Stage(const Scenario& scenario, const Ports& ports, const ModalBasis& basis, SaturationLimits limits,
-          HostProcess::Files files)
-        : ring(std::min<std::size_t>(ExpectedCommands(scenario), LARGEST_RING)),
-          commands(ExpectedCommands(scenario)),
-          setpoints(ExpectedCommands(scenario)),
-          host(std::move(files)),
-          m4(scenario, ports, setpoints, ring),
-          check(ContentCheck(scenario, basis, limits, commands, modes), setpoints, ring),
-          instrument(scenario, ports, commands) {}
-
-    SetpointRing ring;
-    AppendLog<CommandRecord> commands;
-    AppendLog<SetpointRecord> setpoints;
-    ModeTimeline modes;
-    HostProcess host;
-    M4Peer m4;
-    CheckThread check;
-    Instrument instrument;
-    bool host_stopped = false;
-    std::size_t next_step = 0;
-    time_point next_status;
-};
-
-std::filesystem::path ModalBasisPath(const std::filesystem::path& directory, std::uint32_t modes) {
-    return directory / fmt::format("m2p_{}.fits", modes);
-}
-
+// The projection matrix that is there, or one that is made now.
 ModalBasis ProvideModalBasis(const std::filesystem::path& file, std::uint32_t modes) {
     if (std::filesystem::exists(file)) {
         ModalBasis basis = ReadModalBasis(file);
@@ -130,6 +100,44 @@ ModalBasis ProvideModalBasis(const std::filesystem::path& file, std::uint32_t mo
     return basis;
 }
 
+LoopCalibration ProvideCalibration(const Scenario& scenario, const std::filesystem::path& directory) {
+    const std::uint32_t modes = scenario.host.managed_modes;
+    const auto file = std::filesystem::absolute(directory / fmt::format("m2p_{}.fits", modes));
+    LoopCalibration calibration{file, ProvideModalBasis(file, modes), {}};
+    calibration.limits = ChooseLimits(calibration.basis, scenario);
+    return calibration;
+}
+
+}  // namespace
+
+// Everything that lives during a run. The peers refer to the modes, and outlive the host.
+struct Run::Stage {
+    ModeTimeline modes;
+    std::vector<std::unique_ptr<Peer>> peers;
+    std::unique_ptr<HostProcess> host;
+    bool host_stopped = false;
+    std::size_t next_step = 0;
+    time_point next_status;
+};
+
+std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const LoopCalibration& calibration,
+                                             const ModeTimeline& modes, Ports ports) {
+    auto instrument = std::make_unique<Instrument>(scenario, ports);
+    auto m4 = std::make_unique<M4Peer>(scenario, ports);
+    auto ao_loop = std::make_unique<AoLoop>(scenario, calibration, modes, *instrument, *m4);
+    std::vector<std::unique_ptr<Peer>> peers;
+    peers.push_back(std::move(instrument));
+    peers.push_back(std::move(m4));
+    peers.push_back(std::move(ao_loop));
+    return peers;
+}
+
+std::string MakeHostDocument(const Scenario& scenario, const std::vector<std::unique_ptr<Peer>>& peers) {
+    HostDocument document(scenario);
+    for (const auto& peer : peers) peer->AddTo(document);
+    return document.Text();
+}
+
 Run::Run(Scenario scenario, RunPaths paths)
     : m_scenario(std::move(scenario)), m_paths(std::move(paths)), m_lock(LockDirectory(m_paths.out)) {}
 
@@ -138,28 +146,23 @@ void Run::Interrupt() noexcept {
 }
 
 bool Run::Execute() {
-    const std::uint32_t modes = m_scenario.host.managed_modes;
-    const std::filesystem::path basis_file = std::filesystem::absolute(ModalBasisPath(m_paths.data, modes));
-    const ModalBasis basis = ProvideModalBasis(basis_file, modes);
-    const SaturationLimits limits = ChooseLimits(basis, m_scenario);
-    const Ports ports = Ports::FindFree();
+    const LoopCalibration calibration = ProvideCalibration(m_scenario, m_paths.data);
     const std::filesystem::path out = std::filesystem::absolute(m_paths.out);
-    WriteTextFile(out / "host.yaml", MakeHostDocument(m_scenario, ports, basis_file, limits));
-
     m_progress.Say(fmt::format("scenario {}: {}", m_scenario.name, m_scenario.description));
-    Stage stage(
-        m_scenario, ports, basis, limits,
-        {m_paths.host, out / "host.yaml", std::filesystem::relative(out / "host.sock"), out / "host.log"});
-    stage.host.WaitReady(HOST_SETUP_PATIENCE);
-    if (stage.host.Status().priority_refused || !MayTakePriority(m_scenario.host.PeerPriority())) {
+    Stage stage;
+    stage.peers = MakePeers(m_scenario, calibration, stage.modes, Ports::Free());
+    const HostProcess::Files files{m_paths.host, out / "host.yaml",
+                                   std::filesystem::relative(out / "host.sock"), out / "host.log"};
+    WriteTextFile(files.document, MakeHostDocument(m_scenario, stage.peers));
+    stage.host = std::make_unique<HostProcess>(files);
+    stage.host->WaitReady(HOST_SETUP_PATIENCE);
+    if (stage.host->Status().priority_refused || !MayTakePriority(m_scenario.host.PeerPriority())) {
         m_facts.advice = AdviseOnPriority(m_scenario.host.PeerPriority());
         m_progress.Say(m_facts.advice);
     }
 
-    m_first = NextGridPoint(AtomClk::now() + 200ms, m_scenario.CommandPeriod());
-    stage.m4.Start(m_first);
-    stage.check.Start();
-    stage.instrument.Start(m_first);
+    m_facts.start = NextGridPoint(AtomClk::now() + 200ms, m_scenario.CommandPeriod());
+    for (const auto& peer : stage.peers) peer->Start(m_facts.start);
     Drive(stage);
     End(stage);
     return Report(stage);
@@ -167,15 +170,15 @@ bool Run::Execute() {
 
 void Run::Drive(Stage& stage) {
     const time_point end =
-        m_first + std::chrono::duration_cast<std::chrono::nanoseconds>(m_scenario.duration);
+        m_facts.start + std::chrono::duration_cast<std::chrono::nanoseconds>(m_scenario.duration);
     for (time_point now = AtomClk::now(); now < end; now = AtomClk::now()) {
-        const Seconds time = now - m_first;
+        const Seconds time = now - m_facts.start;
         while (stage.next_step < m_scenario.steps.size() && m_scenario.steps[stage.next_step].at <= time) {
             const Step& step = m_scenario.steps[stage.next_step++];
             m_progress.Say(fmt::format("{:7.3f} s  {}", time.count(), ToString(step)));
             TakeStep(stage, step);
         }
-        if (!stage.host_stopped && !stage.host.Running())
+        if (!stage.host_stopped && !stage.host->Running())
             m_facts.trouble =
                 fmt::format("the host ended by itself {:.3f} s after the first command", time.count());
         if (g_interrupted) m_facts.trouble = fmt::format("interrupted after {:.3f} s", time.count());
@@ -185,26 +188,17 @@ void Run::Drive(Stage& stage) {
         // A step that is close is not slept over.
         time_point wake = now + DRIVE_STEP;
         if (stage.next_step < m_scenario.steps.size())
-            wake = std::min(wake, m_first + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                                m_scenario.steps[stage.next_step].at));
+            wake = std::min(wake, m_facts.start + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                      m_scenario.steps[stage.next_step].at));
         SleepUntil(wake);
     }
 }
 
 void Run::TakeStep(Stage& stage, const Step& step) {
-    struct Take {
-        Run& run;
-        Stage& stage;
-        void operator()(const SetMode& action) const { run.ChangeMode(stage, action.mode); }
-        void operator()(const SetM4Alive& action) const { stage.m4.SetAlive(action.alive); }
-        void operator()(const SetCommandsValid& action) const { stage.instrument.SetValid(action.valid); }
-        void operator()(const SetInstrumentSilent& action) const {
-            stage.instrument.SetSilent(action.silent);
-        }
-        void operator()(const rig::StopHost&) const { run.StopHost(stage); }
-    };
     try {
-        std::visit(Take{*this, stage}, step.action);
+        if (const auto* change = std::get_if<SetMode>(&step.action)) ChangeMode(stage, change->mode);
+        if (std::holds_alternative<rig::StopHost>(step.action)) StopHost(stage);
+        for (const auto& peer : stage.peers) peer->TakeStep(step.action);
     } catch (const std::runtime_error& error) {
         m_facts.trouble = fmt::format("step '{}' failed: {}", ToString(step), error.what());
     }
@@ -212,7 +206,7 @@ void Run::TakeStep(Stage& stage, const Step& step) {
 
 void Run::ChangeMode(Stage& stage, defs::VoskControlMode mode) {
     const std::size_t change = stage.modes.Ask(mode, AtomClk::now());
-    stage.host.Ask("mode " + vosk::to_string(mode));
+    stage.host->Ask("mode " + vosk::to_string(mode));
     stage.modes.Complete(change, AtomClk::now());
 }
 
@@ -220,14 +214,14 @@ void Run::StopHost(Stage& stage) {
     AskStatus(stage);
     m_facts.stop_asked = AtomClk::now();
     stage.host_stopped = true;
-    stage.host.Terminate();
-    m_facts.host_exit = stage.host.WaitExit(m_scenario.expect.host_stop + 2s);
+    stage.host->Terminate();
+    m_facts.host_exit = stage.host->WaitExit(m_scenario.expect.host_stop + 2s);
     m_facts.stop_took = AtomClk::now() - *m_facts.stop_asked;
 }
 
 void Run::AskStatus(Stage& stage) {
     const time_point asked = AtomClk::now();
-    m_facts.status = stage.host.Status();
+    m_facts.status = stage.host->Status();
     m_facts.status_time = asked;
 }
 
@@ -248,21 +242,15 @@ void Run::ShowProgress(Stage& stage, double time) {
     figures.duration = m_scenario.duration.count();
     figures.mode = stage.host_stopped ? "host stopped" : m_facts.status.mode;
     figures.source = m_facts.status.source;
-    figures.commands = stage.commands.Entries().size();
-    figures.setpoints = stage.m4.Received();
-    figures.checked = stage.check.Checked();
-    figures.wrong = stage.check.Wrong();
-    const auto setpoints = stage.setpoints.Entries();
-    const auto recent = setpoints.last(std::min<std::size_t>(setpoints.size(), 500));
-    std::vector<double> lateness;
-    for (const SetpointRecord& setpoint : recent)
-        lateness.push_back(MicrosecondsOf(setpoint.arrived - setpoint.planned));
-    figures.late_p99 = SpreadOf(std::move(lateness)).p99;
+    for (const auto& peer : stage.peers) {
+        const std::string words = peer->Progress();
+        if (!words.empty()) figures.peers += (figures.peers.empty() ? "" : ", ") + words;
+    }
     m_progress.Show(figures);
 }
 
 void Run::End(Stage& stage) {
-    stage.instrument.Stop();
+    for (const auto& peer : stage.peers) peer->FallSilent();
     SleepUntil(AtomClk::now() + SETTLING_TIME);
     if (!stage.host_stopped) {
         try {
@@ -271,36 +259,23 @@ void Run::End(Stage& stage) {
         } catch (const std::runtime_error& error) {
             if (!m_facts.trouble) m_facts.trouble = error.what();
         }
-        stage.host.Terminate();
-        m_facts.host_exit = stage.host.WaitExit(m_scenario.expect.host_stop + 2s);
+        stage.host->Terminate();
+        m_facts.host_exit = stage.host->WaitExit(m_scenario.expect.host_stop + 2s);
     }
-    stage.m4.Stop();
     m_progress.Close();
-    if (const auto left = stage.setpoints.Entries().size() - stage.check.Checked(); left > 500)
-        m_progress.Say(fmt::format("checking the last {} setpoints", left));
-    stage.check.Finish();
+    for (const auto& peer : stage.peers) peer->Stop();
 }
 
 bool Run::Report(Stage& stage) {
-    m_facts.start = m_first;
-    m_facts.commands = stage.commands.Entries();
-    m_facts.setpoints = stage.setpoints.Entries();
-    m_facts.checked = stage.check.Results();
     m_facts.modes = stage.modes.Changes();
-    m_facts.m4_absences = stage.m4.GetAbsences().All();
-    m_facts.incomplete_setpoints = stage.m4.IncompleteSetpoints();
-    m_facts.foreign_packets = stage.m4.ForeignPackets();
-    m_facts.log_overflow = stage.commands.Refused() + stage.setpoints.Refused();
-    m_facts.instrument_overruns = stage.instrument.Overruns();
-
-    const Accounts accounts = MakeAccounts(m_scenario, m_facts);
-    const Figures figures = MakeFigures(m_scenario, m_facts, accounts, stage.m4.GetFeedbackCounts());
-    const RunReport report = MakeReport(m_scenario, m_facts, accounts, figures);
+    std::vector<PeerAccount> accounts;
+    for (const auto& peer : stage.peers) accounts.push_back(peer->Account(m_facts));
+    const RunReport report = MakeReport(m_scenario, m_facts, JudgeHost(m_scenario, m_facts), accounts);
     fmt::print("{}", MakeTable(report));
     const std::filesystem::path page = m_paths.out / "report.html";
-    WriteTextFile(page, MakeHtmlReport(report, m_scenario, m_facts, accounts, DescribeMachine()));
+    WriteTextFile(page, MakeHtmlReport(report, DescribeMachine()));
     fmt::print("report: {}\n", page.string());
-    return accounts.Holds();
+    return report.Holds();
 }
 
 }  // namespace vosk::rig

@@ -4,16 +4,16 @@
 // scenario's steps at their times, ends everything in order and gathers what is known. Runs on the program's
 // main thread.
 
-#include "judge/accounting.hpp"
-#include "judge/checkThread.hpp"
-#include "peers/instrument.hpp"
-#include "peers/m4Peer.hpp"
-#include "report/figures.hpp"
+#include "calibration.hpp"
+#include "host/ports.hpp"
+#include "peers/peer.hpp"
 #include "report/progress.hpp"
 
 #include <pktwire/udpSocket.hpp>
 
 #include <filesystem>
+#include <memory>
+#include <vector>
 
 namespace vosk::rig {
 
@@ -23,9 +23,11 @@ struct RunPaths {
     std::filesystem::path out;   // document, log, report
 };
 
-// Makes the projection matrix unless a good one is there. Returns it.
-ModalBasis ProvideModalBasis(const std::filesystem::path& file, std::uint32_t modes);
-std::filesystem::path ModalBasisPath(const std::filesystem::path& directory, std::uint32_t modes);
+// All that surround the host, in the order in which they start and stop. A new peer is a line in this
+// function. The arguments outlive the peers.
+std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const LoopCalibration& calibration,
+                                             const ModeTimeline& modes, Ports ports);
+std::string MakeHostDocument(const Scenario& scenario, const std::vector<std::unique_ptr<Peer>>& peers);
 
 class Run {
 public:
@@ -57,7 +59,6 @@ private:
     pktwire::detail::FileDescriptor m_lock;  // on the directory of the run, which is this run's alone
     Progress m_progress;
     RunFacts m_facts;
-    time_point m_first;
 };
 
 }  // namespace vosk::rig

@@ -260,6 +260,10 @@ std::chrono::nanoseconds Scenario::FeedbackPeriod() const {
     return std::chrono::nanoseconds{std::llround(1e9 / m4.feedback_rate)};
 }
 
+std::size_t Scenario::ExpectedCommands() const {
+    return static_cast<std::size_t>(instrument.rate * duration.count()) + 16;
+}
+
 Seconds Scenario::TimeWithSetpoints() const {
     struct Conditions {
         bool ins = false;

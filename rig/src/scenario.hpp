@@ -6,6 +6,7 @@
 #include <vosk/defs/controlMode.hpp>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -79,9 +80,11 @@ struct SetInstrumentSilent {
 };
 struct StopHost {};
 
+using StepAction = std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, StopHost>;
+
 struct Step {
     Seconds at{0.0};
-    std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, StopHost> action;
+    StepAction action;
 };
 
 struct Expectation {
@@ -112,6 +115,8 @@ struct Scenario {
 
     std::chrono::nanoseconds CommandPeriod() const;
     std::chrono::nanoseconds FeedbackPeriod() const;
+    // At most, for logs that are sized before the run.
+    std::size_t ExpectedCommands() const;
     // For how long setpoints are due: valid commands come, the instrument has control, host and M4 are there.
     Seconds TimeWithSetpoints() const;
     // Another length. As many setpoints less are expected as their time is shorter. Throws std::runtime_error

@@ -1,247 +1,265 @@
 #include "judge/accounting.hpp"
 
+#include "judge/hostJudge.hpp"
+
 #include <vosk/test/support.hpp>
+
+#include <functional>
+#include <map>
 
 namespace vosk::rig {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace testing;
+using Fates = std::map<std::size_t, CommandFate>;
+
+time_point At(std::chrono::nanoseconds offset) {
+    return time_point{100s + offset};
+}
 
 // A run of ten valid commands, 2 ms apart from second 100 on, all under INS control and all answered. Each
-// test takes something away.
-class Books : public ::testing::Test {
-protected:
+// case takes something away.
+struct Books {
     static constexpr std::size_t COMMANDS = 10;
+    enum class Made { Yes, No };
 
-    Books() {
-        m_scenario.expect.min_setpoints = 0;
-        m_scenario.expect.max_exceptions = 0.5;
-        m_facts.status_time = At(1s);
-        m_facts.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(-50ms), At(-40ms)}};
+    explicit Books(std::string name) : what(std::move(name)) {
+        scenario.expect.min_setpoints = 0;
+        scenario.expect.max_exceptions = 0.5;
+        run.status_time = At(1s);
+        run.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(-50ms), At(-40ms)}};
+        run.host_exit = 0;
         for (std::size_t i = 0; i < COMMANDS; ++i) {
-            m_commands.push_back(
-                {i, At(2ms * i), At(2ms * i + 10us), static_cast<defs::sample_id_t>(i), true, {}});
+            const auto sample_id = static_cast<defs::sample_id_t>(i + 1);
+            commands.push_back({i, At(2ms * i), At(2ms * i + 10us), sample_id, true, {}});
             SetpointRecord setpoint;
             setpoint.planned = At(2ms * i + 1200us);
             setpoint.arrived = setpoint.planned + 20us;
-            setpoint.sample_id = static_cast<defs::sample_id_t>(i + 1);
+            setpoint.sample_id = sample_id;
             setpoint.in_order = setpoint.marked_valid = true;
             setpoint.answer = AnswerFate::Sent;
             setpoint.answer_sent = setpoint.arrived + 50us;
-            m_setpoints.push_back(setpoint);
-            CheckedSetpoint checked;
-            checked.setpoint = checked.command.emplace(i);
-            checked.content = Content::AsPredicted;
-            checked.prior_answer = i == 0 ? PriorAnswer::NotShown : PriorAnswer::Taken;
-            m_checked.push_back(checked);
+            setpoints.push_back(setpoint);
+            CheckedSetpoint result;
+            result.setpoint = result.command.emplace(i);
+            result.content = Content::AsPredicted;
+            result.prior_answer = i == 0 ? PriorAnswer::NotShown : PriorAnswer::Taken;
+            checked.push_back(result);
         }
     }
 
-    static time_point At(std::chrono::nanoseconds offset) { return time_point{100s + offset}; }
-
-    // The setpoint of this command never came; `made` tells whether a sample ID was spent on it.
-    enum class Made { Yes, No };
-    void TakeAway(std::size_t command, Made made) {
-        const auto gone = m_checked.begin() + static_cast<std::ptrdiff_t>(command);
-        m_setpoints.erase(m_setpoints.begin() + static_cast<std::ptrdiff_t>(command));
-        m_checked.erase(gone);
-        for (std::size_t i = command; i < m_checked.size(); ++i) {
-            m_checked[i].setpoint = i;
-            if (made == Made::No) --m_setpoints[i].sample_id;
+    // The `index`-th setpoint that is left never came; `made` tells whether a sample ID was spent on it.
+    Books& Without(std::size_t index, Made made) {
+        setpoints.erase(setpoints.begin() + static_cast<std::ptrdiff_t>(index));
+        checked.erase(checked.begin() + static_cast<std::ptrdiff_t>(index));
+        for (std::size_t i = index; i < checked.size(); ++i) {
+            checked[i].setpoint = i;
+            if (made == Made::No) --setpoints[i].sample_id;
         }
+        return *this;
     }
-
+    Books& Counting(std::uint64_t HostCounts::*count) {
+        ++(run.status.counts.*count);
+        return *this;
+    }
+    Books& With(const std::function<void(Books&)>& change) {
+        change(*this);
+        return *this;
+    }
     Accounts Make() {
-        m_facts.commands = m_commands;
-        m_facts.setpoints = m_setpoints;
-        m_facts.checked = m_checked;
-        if (!m_facts.host_exit) m_facts.host_exit = 0;
-        return MakeAccounts(m_scenario, m_facts);
+        loop.commands = commands;
+        loop.setpoints = setpoints;
+        loop.checked = checked;
+        return MakeAccounts(scenario, run, loop);
+    }
+    // `fates`: of the commands that did not go as predicted; `violations`: how each begins.
+    void Expect(const Fates& fates, std::uint64_t exceptions,
+                const std::vector<std::string>& violations = {}) {
+        const Accounts accounts = Make();
+        Fates found;
+        for (std::size_t i = 0; i < COMMANDS; ++i)
+            if (accounts.fates[i] != CommandFate::AsPredicted) found[i] = accounts.fates[i];
+        EXPECT_EQ(found, fates) << what;
+        EXPECT_EQ(accounts.exceptions, exceptions) << what;
+        std::vector<Matcher<std::string>> beginnings;
+        for (const std::string& violation : violations) beginnings.emplace_back(StartsWith(violation));
+        EXPECT_THAT(accounts.violations, ElementsAreArray(beginnings)) << what;
     }
 
-    Scenario m_scenario;
-    RunFacts m_facts;
-    std::vector<CommandRecord> m_commands;
-    std::vector<SetpointRecord> m_setpoints;
-    std::vector<CheckedSetpoint> m_checked;
+    std::string what;
+    Scenario scenario;
+    RunFacts run;
+    LoopFacts loop;
+    std::vector<CommandRecord> commands;
+    std::vector<SetpointRecord> setpoints;
+    std::vector<CheckedSetpoint> checked;
 };
 
-TEST_F(Books, HoldWhenAllIsWell) {
-    const Accounts accounts = Make();
-    EXPECT_THAT(accounts.violations, IsEmpty());
-    EXPECT_EQ(accounts.Count(CommandFate::AsPredicted), COMMANDS);
-    EXPECT_EQ(accounts.valid_in_ins_control, COMMANDS);
-    EXPECT_EQ(accounts.exceptions, 0U);
-    EXPECT_EQ(accounts.answers.in_time, COMMANDS);
-}
+constexpr auto YES = Books::Made::Yes;
+constexpr auto NO = Books::Made::No;
+constexpr auto LATE = &HostCounts::late_setpoints;
+constexpr auto MISSING = &HostCounts::missing_answers;
+using enum CommandFate;
 
-TEST_F(Books, TellOverwrittenFromLateByTheSampleIds) {
-    TakeAway(6, Made::No);
-    TakeAway(3, Made::Yes);
-    m_facts.status.counts.late_setpoints = 1;
-    m_facts.status.counts.missing_answers = 1;
-    const Accounts accounts = Make();
-    EXPECT_EQ(accounts.fates[3], CommandFate::Late);
-    EXPECT_EQ(accounts.fates[6], CommandFate::Overwritten);
-    EXPECT_EQ(accounts.exceptions, 2U);
-    EXPECT_THAT(accounts.violations, IsEmpty());
-}
-
-TEST_F(Books, FindASetpointThatWasLostInSilence) {
-    TakeAway(3, Made::Yes);
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("1 setpoints went without")));
-    m_facts.status.counts.missing_answers = 1;
-    EXPECT_EQ(Make().fates[3], CommandFate::Replaced);
-    EXPECT_THAT(Make().violations, IsEmpty());
-    m_facts.incomplete_setpoints = 1;
-    EXPECT_EQ(Make().fates[3], CommandFate::Incomplete);
-    EXPECT_THAT(Make().violations, IsEmpty());
-}
-
-TEST_F(Books, TakeTheHostsWordForALateSetpointAtTheEndAndNobodysForMore) {
-    TakeAway(9, Made::Yes);
-    EXPECT_EQ(Make().fates[9], CommandFate::Unexplained);
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("nothing tells why")));
-    m_facts.status.counts.late_setpoints = 1;
-    EXPECT_EQ(Make().fates[9], CommandFate::Late);
-    EXPECT_THAT(Make().violations, IsEmpty());
-}
-
-TEST_F(Books, RefuseTooManyExceptions) {
-    TakeAway(3, Made::No);
-    m_scenario.expect.max_exceptions = 0.1;
-    EXPECT_THAT(Make().violations, IsEmpty());
-    m_scenario.expect.max_exceptions = 0.09;
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("1 exceptions in 10 valid commands")));
-}
-
-TEST_F(Books, PutTheRigsOwnHarmDownToTheRig) {
-    TakeAway(4, Made::No);
-    m_commands[4].fault = FaultKind::Corrupt;
-    const Accounts accounts = Make();
-    EXPECT_EQ(accounts.fates[4], CommandFate::Harmed);
-    EXPECT_EQ(accounts.exceptions, 0U);
-    // A duplicated packet excuses nothing.
-    m_commands[4].fault = FaultKind::Duplicate;
-    EXPECT_EQ(Make().fates[4], CommandFate::Overwritten);
-}
-
-TEST_F(Books, LeaveOutWhatTheHandoverThrowsAwayButNoMore) {
-    m_facts.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(1ms), At(3ms)}};
+TEST(Books, NameWhatBecameOfACommandWithoutSetpoint) {
+    Books("all well").Expect({}, 0);
+    Books("IDs tell")
+        .Without(6, NO)
+        .Without(3, YES)
+        .Counting(LATE)
+        .Counting(MISSING)
+        .Expect({{3, Late}, {6, Overwritten}}, 2);
+    Books("the later of two was made")
+        .Without(3, NO)
+        .Without(3, YES)
+        .Counting(LATE)
+        .Counting(MISSING)
+        .Expect({{3, Overwritten}, {4, Late}}, 2);
+    Books("silence").Without(3, YES).Expect({{3, Replaced}}, 1, {"1 setpoints went without"});
+    Books("silence behind the host's last word")
+        .Without(3, YES)
+        .With([](Books& books) { books.run.status_time = books.setpoints[2].planned + 600us; })
+        .Expect({{3, Replaced}}, 1);
+    Books("no silence").Without(3, YES).Counting(MISSING).Expect({{3, Replaced}}, 1);
+    Books("in parts")
+        .Without(3, YES)
+        .Counting(MISSING)
+        .With([](Books& books) { books.loop.incomplete_setpoints = 1; })
+        .Expect({{3, Incomplete}}, 1);
+    Books("the last one").Without(9, YES).Expect({{9, Unexplained}}, 0, {"1 commands led to no setpoint"});
+    Books("the last one, late").Without(9, YES).Counting(LATE).Expect({{9, Late}}, 1);
+    for (const auto& [lost, violations] :
+         {std::pair(0U, std::vector<std::string>{"1 commands were never taken"}),
+          std::pair(1U, std::vector<std::string>{})})
+        Books("the host's count")
+            .Without(3, NO)
+            .With([lost = lost](Books& books) {
+                books.run.at_rest = true;
+                books.run.status.streams["AO_WAVEFRONT_CMD_INPUT"].lost = lost;
+            })
+            .Expect({{3, Overwritten}}, 1, violations);
+    for (const auto& [fault, fate, exceptions] :
+         {std::tuple(FaultKind::Corrupt, Harmed, 0U), std::tuple(FaultKind::Duplicate, Overwritten, 1U)})
+        Books("spoilt by the rig")
+            .Without(4, NO)
+            .With([fault = fault](Books& books) { books.commands[4].fault = fault; })
+            .Expect({{4, fate}}, exceptions);
+    Books("invalid")
+        .Without(5, NO)
+        .With([](Books& books) { books.commands[5].valid = false; })
+        .Expect({{5, NotForM4}}, 0);
     // Commands 0 and 1 were sent before the host said yes; 2 is thrown away.
-    for (int i = 0; i < 3; ++i) TakeAway(0, Made::No);
-    const Accounts accounts = Make();
-    EXPECT_EQ(accounts.fates[1], CommandFate::NotForM4);
-    EXPECT_EQ(accounts.fates[2], CommandFate::AtHandover);
-    EXPECT_EQ(accounts.fates[3], CommandFate::AsPredicted);
-    EXPECT_EQ(accounts.valid_in_ins_control, 8U);
-    EXPECT_THAT(accounts.violations, IsEmpty());
+    Books("handover")
+        .Without(0, NO)
+        .Without(0, NO)
+        .Without(0, NO)
+        .With([](Books& books) {
+            books.run.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(1ms), At(3ms)}};
+        })
+        .Expect({{0, NotForM4}, {1, NotForM4}, {2, AtHandover}}, 0);
+    Books("the host stops")
+        .Without(9, NO)
+        .Without(8, NO)
+        .Without(7, NO)
+        .With([](Books& books) { books.run.stop_asked = At(16ms); })
+        .Expect({{7, HostStopped}, {8, HostStopped}, {9, HostStopped}}, 0);
 }
 
-TEST_F(Books, CountInvalidCommandsAsNoneOfM4s) {
-    TakeAway(5, Made::No);
-    m_commands[5].valid = false;
-    EXPECT_EQ(Make().fates[5], CommandFate::NotForM4);
-    EXPECT_EQ(Make().valid_in_ins_control, 9U);
+TEST(Books, JudgeTheSetpoints) {
+    const auto arriving = [](std::chrono::nanoseconds late) {
+        return [late](Books& books) { books.setpoints[3].arrived = books.setpoints[3].planned + late; };
+    };
+    Books("as late as the margin").With(arriving(500us)).Expect({}, 0);
+    // No second exception for the answer that came too late with it.
+    Books("later")
+        .With(arriving(500001ns))
+        .With([](Books& books) { books.checked[4].prior_answer = PriorAnswer::NotTaken; })
+        .Expect({}, 1);
+    Books("as early as clocks may differ").With(arriving(-1us)).Expect({}, 0);
+    Books("earlier").With(arriving(-1001ns)).Expect({}, 0, {"1 setpoints reached M4 before"});
+    for (const auto& [share, violations] :
+         {std::pair(0.1, std::vector<std::string>{}),
+          std::pair(0.09, std::vector<std::string>{"1 exceptions in 10 valid"})})
+        Books("exceptions")
+            .Without(3, NO)
+            .With([share = share](Books& books) { books.scenario.expect.max_exceptions = share; })
+            .Expect({{3, Overwritten}}, 1, violations);
+    Books("two of one command")
+        .With([](Books& books) { books.checked[5].command = 4; })
+        .Expect({{5, Overwritten}}, 1, {"1 setpoints belong to a command that had one"});
+    Books("every other breach")
+        .Counting(&HostCounts::kept_back_setpoints)
+        .With([](Books& books) {
+            books.checked[2].content = Content::Wrong;
+            books.checked[3].content = Content::Unchecked;
+            books.setpoints[4].in_order = books.setpoints[5].marked_valid = false;
+            books.setpoints[8].sample_id = 3;
+            books.loop.foreign_packets = books.loop.log_overflow = 1;
+            books.scenario.expect.min_setpoints = 9;
+        })
+        .Expect({{2, WrongContent}, {3, Unchecked}}, 0,
+                {"1 commands led to setpoints with wrong", "1 setpoints went unchecked",
+                 "2 setpoints came with packets", "1 setpoints are not marked", "1 packets at M4's port",
+                 "1 records did not fit", "1 setpoints were kept back", "6 setpoints went without",
+                 "only 8 setpoints"});
 }
 
-TEST_F(Books, KnowWhenM4WasAwayAndWhenItWasBackInStep) {
-    for (int i = 0; i < 3; ++i) TakeAway(4, Made::Yes);
-    m_facts.m4_absences = {{At(9ms), At(15ms)}};
-    m_facts.status.counts.missing_answers = 3;
-    m_checked[4].prior_answer = PriorAnswer::NotShown;  // command 7, the first after the return
-    const Accounts accounts = Make();
-    for (std::size_t i = 4; i < 7; ++i) EXPECT_EQ(accounts.fates[i], CommandFate::M4Away);
-    EXPECT_EQ(accounts.exceptions, 0U);
+TEST(Books, CountAnswersByFate) {
+    Books books("answers");
+    books.setpoints[1].answer_sent = books.setpoints[1].planned + 501us;
+    books.setpoints[2].answer = AnswerFate::WrongSampleId;
+    books.setpoints[3].answer = AnswerFate::Harmed;
+    books.setpoints[4].answer = AnswerFate::NotSent;
+    // 1 us less than the answer's travel is left.
+    books.setpoints[7].answer_sent = books.setpoints[7].planned + 301us;
+    for (const std::size_t i : {2U, 3U, 4U, 5U, 7U, 8U})
+        books.checked[i].prior_answer = PriorAnswer::NotTaken;
+    const AnswerCounts answers = books.Make().answers;
+    EXPECT_THAT((std::vector{answers.in_time, answers.close, answers.late, answers.wrong_id, answers.harmed,
+                             answers.not_sent}),
+                ElementsAre(5, 1, 1, 1, 1, 1));
+    // Only the one before setpoint 7 was sent in time, and it counts against the host.
+    EXPECT_EQ(answers.not_taken, 1U);
+    EXPECT_EQ(books.Make().exceptions, 1U);
+    // Unless the rig shuffled it, or sent a foreign answer just before it.
+    books.setpoints[6].answer_fault = FaultKind::Reorder;
+    EXPECT_EQ(books.Make().answers.not_taken, 0U);
+    books.setpoints[6].answer_fault = FaultKind::Duplicate;
+    EXPECT_EQ(books.Make().answers.not_taken, 1U);
+    books.setpoints[5].answer_fault = FaultKind::WrongSampleId;
+    EXPECT_EQ(books.Make().answers.not_taken, 0U);
+    books.setpoints[5].answer_sent -= 200us;  // a whole period before the setpoint
+    EXPECT_EQ(books.Make().answers.not_taken, 1U);
+}
+
+TEST(Books, KnowWhenM4WasBackInStep) {
+    Books books("answers");
+    books.Without(4, YES).Without(4, YES).Without(4, YES);
+    books.loop.m4_absences = {{At(9ms), At(15ms)}};
+    books.run.status.counts.missing_answers = 3;
+    books.checked[4].prior_answer = PriorAnswer::NotShown;  // command 7, the first after the return
+    books.scenario.expect.recovery = 2ms;
+    const Accounts accounts = books.Make();
     ASSERT_EQ(accounts.recoveries.size(), 1U);
     EXPECT_EQ(accounts.recoveries[0].first_setpoint, 220us);
     EXPECT_EQ(accounts.recoveries[0].in_step, 2220us);
-    EXPECT_THAT(accounts.violations, IsEmpty());
-    m_scenario.expect.recovery = 2ms;
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("not in step within 2 ms")));
+    books.Expect({{4, M4Away}, {5, M4Away}, {6, M4Away}}, 0, {"after M4 came back, setpoints"});
 }
 
-TEST_F(Books, ExcuseEverythingBehindTheHostsStop) {
-    while (m_checked.size() > 6) TakeAway(6, Made::No);
-    m_facts.stop_asked = At(13ms);
-    m_facts.stop_took = 30ms;
-    const Accounts accounts = Make();
-    for (std::size_t i = 6; i < COMMANDS; ++i) EXPECT_EQ(accounts.fates[i], CommandFate::HostStopped);
-    EXPECT_THAT(accounts.violations, IsEmpty());
-    m_facts.host_exit = 143;
-    m_facts.stop_took = 10s;
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("code 143"), HasSubstr("more than 3000 ms")));
-}
-
-TEST_F(Books, CountAnswersByFate) {
-    m_setpoints[1].answer_sent = m_setpoints[1].planned + 501us;
-    m_setpoints[2].answer = AnswerFate::WrongSampleId;
-    m_setpoints[3].answer = AnswerFate::Harmed;
-    m_setpoints[4].answer = AnswerFate::NotSent;
-    m_setpoints[7].answer_sent =
-        m_setpoints[7].planned + 301us;  // 1 us less than the answer's travel is left
-    for (std::size_t i : {2U, 3U, 4U, 5U, 7U, 8U}) m_checked[i].prior_answer = PriorAnswer::NotTaken;
-    const Accounts accounts = Make();
-    EXPECT_EQ(accounts.answers.in_time, 5U);
-    EXPECT_EQ(accounts.answers.close, 1U);
-    EXPECT_EQ(accounts.answers.late, 1U);
-    EXPECT_EQ(accounts.answers.wrong_id, 1U);
-    EXPECT_EQ(accounts.answers.harmed, 1U);
-    EXPECT_EQ(accounts.answers.not_sent, 1U);
-    // Only the one before setpoint 7 was sent in time, and it counts against the host.
-    EXPECT_EQ(accounts.answers.not_taken, 1U);
-    EXPECT_EQ(accounts.exceptions, 1U);
-}
-
-TEST_F(Books, HoldTheHostToItsCountOfOverwrittenCommands) {
-    TakeAway(3, Made::No);
-    m_facts.at_rest = true;
-    HostStream& stream = m_facts.status.streams["AO_WAVEFRONT_CMD_INPUT"];
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("1 commands were never taken up")));
-    stream.lost = 1;
-    EXPECT_THAT(Make().violations, IsEmpty());
-}
-
-TEST_F(Books, JudgeTheSendTime) {
-    m_setpoints[3].arrived = m_setpoints[3].planned + 501us;
-    m_checked[4].prior_answer = PriorAnswer::NotTaken;  // no second exception of the one before
-    EXPECT_EQ(Make().sent_late, 1U);
-    EXPECT_EQ(Make().exceptions, 1U);
-    EXPECT_THAT(Make().violations, IsEmpty());
-    m_scenario.expect.send_margin = 501us;
-    EXPECT_EQ(Make().sent_late, 0U);
-    m_setpoints[5].arrived = m_setpoints[5].planned - 2us;
-    EXPECT_THAT(Make().violations, ElementsAre(HasSubstr("1 setpoints reached M4 before")));
-}
-
-TEST_F(Books, BookNoCommandTwice) {
-    m_checked[5].command = 4;
-    m_checked[4].content = Content::Wrong;
-    m_facts.modes[0].done = At(11ms);  // command 5 is nobody's
-    const Accounts accounts = Make();
-    EXPECT_EQ(accounts.fates[4], CommandFate::WrongContent);
-    EXPECT_THAT(accounts.violations, Contains(HasSubstr("1 setpoints belong to a command that had one")));
-}
-
-TEST_F(Books, NameEveryOtherBreach) {
-    m_checked[2].content = Content::Wrong;
-    m_checked[3].content = Content::Unchecked;
-    m_setpoints[4].in_order = false;
-    m_setpoints[5].marked_valid = false;
-    m_setpoints[8].sample_id = 3;
-    m_facts.foreign_packets = 1;
-    m_facts.log_overflow = 1;
-    m_facts.trouble = "the host ended by itself";
-    m_scenario.expect.min_setpoints = 10;
-    const Accounts accounts = Make();
-    EXPECT_THAT(
-        accounts.violations,
-        ElementsAre("the host ended by itself", HasSubstr("1 commands led to setpoints with wrong content"),
-                    HasSubstr("1 setpoints went unchecked"), HasSubstr("2 setpoints came with packets"),
-                    HasSubstr("1 setpoints are not marked"), HasSubstr("1 packets at M4's port"),
-                    HasSubstr("1 records did not fit"), HasSubstr("6 setpoints went without"),
-                    HasSubstr("only 8 setpoints")));
+TEST(JudgeHost, NamesWhatTheHostBroke) {
+    RunFacts facts;
+    EXPECT_THAT(JudgeHost({}, facts), ElementsAre(HasSubstr("did not end")));
+    facts.host_exit = 0;
+    facts.stop_took = 3s;
+    EXPECT_THAT(JudgeHost({}, facts), IsEmpty());
+    facts.status.counts.failed_mode_changes = 1;
+    facts.status.counts.clock_steps = 2;
+    facts.stop_took = 3001ms;
+    facts.host_exit = 143;
+    facts.trouble = "interrupted";
+    EXPECT_THAT(JudgeHost({}, facts), ElementsAre("interrupted", HasSubstr("1 changes"), HasSubstr("2 times"),
+                                                  HasSubstr("code 143"), HasSubstr("more than 3000 ms")));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-#include "host/hostProcess.hpp"
+#include "host/hostStatus.hpp"
 #include "report/htmlReport.hpp"
-#include "report/svgPlot.hpp"
+#include "report/plots.hpp"
 
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
@@ -12,54 +12,50 @@ using namespace std::chrono_literals;
 using namespace testing;
 
 TEST(HtmlReport, EscapesForeignTextAndNeedsNoNetwork) {
-    Scenario scenario;
-    scenario.name = "<script>alert(1)</script>";
-    RunFacts facts;
-    facts.trouble = "the host said \"</body>\"";
-    facts.host_exit = 0;
-    const Accounts accounts = MakeAccounts(scenario, facts);
-    const RunReport report =
-        MakeReport(scenario, facts, accounts, MakeFigures(scenario, facts, accounts, {}));
-    const std::string html = MakeHtmlReport(report, scenario, facts, accounts, "<machine>");
-    EXPECT_THAT(html, Not(HasSubstr("<script>")));
-    EXPECT_THAT(html, HasSubstr("&lt;script&gt;"));
-    EXPECT_THAT(html, HasSubstr("&lt;machine&gt;"));
-    EXPECT_THAT(html, HasSubstr("&quot;&lt;/body&gt;&quot;"));
-    EXPECT_THAT(html, HasSubstr("does not hold"));
-    EXPECT_THAT(html, Not(HasSubstr("http")));
+    RunReport report;
+    report.name = "<script>alert(1)</script>";
+    report.violations = {"the host said \"</body>\""};
+    const std::string html = MakeHtmlReport(report, "<machine>");
+    for (const char* text : {"&lt;script&gt;", "&lt;machine&gt;", "&quot;&lt;/body&gt;&quot;"})
+        EXPECT_THAT(html, HasSubstr(text));
+    EXPECT_THAT(html, AllOf(Not(HasSubstr("<script>")), Not(HasSubstr("http"))));
 }
 
-TEST(HtmlReport, SaysMoreAtTheLastBarOfTheHistogram) {
-    const std::vector<CommandRecord> commands(1);
-    std::vector<SetpointRecord> setpoints(200);
-    setpoints.back().arrived = time_point{5ms};
-    std::vector<CheckedSetpoint> checked(200);
-    for (std::size_t i = 0; i < checked.size(); ++i) {
-        checked[i].setpoint = i;
-        checked[i].command = 0;
-    }
-    RunFacts facts;
-    facts.commands = commands;
-    facts.setpoints = setpoints;
-    facts.checked = checked;
-    EXPECT_THAT(MakeHtmlReport({}, {}, facts, MakeAccounts({}, facts), ""), HasSubstr("more, up to 5000 us"));
+TEST(Report, GathersWhatThePeersSay) {
+    PeerAccount good;
+    good.achievement = "all was well";
+    good.history = {{2.0, "later"}, {1.0, "sooner"}};
+    std::vector<PeerAccount> accounts(2, good);
+    const RunReport holds = MakeReport({}, {}, {}, accounts);
+    EXPECT_EQ(holds.verdict, "the verdict holds: all was well; all was well");
+    const auto& rows = holds.sections.back().rows;
+    EXPECT_THAT(rows,
+                ElementsAre(Contains("sooner"), Contains("sooner"), Contains("later"), Contains("later")));
+    accounts[1].violations = {"one broke"};
+    EXPECT_THAT(MakeReport({}, {}, {"the host broke"}, accounts).violations,
+                ElementsAre("the host broke", "one broke"));
 }
 
-TEST(Figures, CountInjectedFaultsByStreamAndKind) {
-    const Scenario scenario = ParseScenario(R"({name: x, faults: [{stream: wavefront_command, kind: drop},
-        {stream: setpoint_applied, kind: wrong_sample_id}, {stream: feedback, kind: corrupt}]})",
-                                            "test");
-    std::vector<CommandRecord> commands(3);
-    commands[1].fault = FaultKind::Drop;
+TEST(Figures, CountWhatIsLostOnlyAtRest) {
     RunFacts facts;
-    facts.commands = commands;
-    facts.status.streams["AO_WAVEFRONT_CMD_INPUT"] = {2, 1, 0, 5};
-    FeedbackCounts feedback;
-    for (int i = 0; i < 4; ++i) feedback.faults.Add(FaultKind::Corrupt);
-    const auto faults = MakeFigures(scenario, facts, MakeAccounts(scenario, facts), feedback).faults;
-    const auto injected = [](std::uint64_t count) { return Field(&FaultFigures::injected, count); };
-    EXPECT_THAT(faults, ElementsAre(injected(1), injected(0), injected(4)));
-    EXPECT_EQ(faults[0].reported, "host: 1 invalid, 0 lost, 5 packets dropped by the kernel");
+    facts.status.streams["M4_OUTPUT"].samples = 5;
+    facts.status_time = time_point{3ms};
+    const auto figures = [&] {
+        const std::vector<time_point> arrived{time_point{1ms}, time_point{2ms}, time_point{4ms}};
+        return FiguresOfReceived("", arrived, 1ms, facts, "M4_OUTPUT", 1);
+    };
+    EXPECT_EQ(figures().lost, std::nullopt);
+    facts.at_rest = true;
+    EXPECT_EQ(figures().lost, 2U);      // of 5, two arrived by then and one in parts
+    EXPECT_EQ(figures().rate, 1000.0);  // the gap is no period
+}
+
+TEST(Histogram, GathersTheRarestInItsLastBar) {
+    std::vector<double> values(200);
+    values.back() = 5000.0;
+    const Plot plot = Histogram("", "", values);
+    EXPECT_EQ(plot.series[0].y.back(), 1.0);
+    EXPECT_EQ(plot.marks[0].text, "more, up to 5000 us");
 }
 
 TEST(DrawSvg, ManagesWithEmptyFlatAndInfiniteData) {

@@ -2,8 +2,7 @@
 
 #include "cameras/lisaReadout.hpp"
 #include "cameras/plainCentroid.hpp"
-#include "fitsImage.hpp"
-#include "report/htmlReport.hpp"
+#include "files.hpp"
 
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>

@@ -1,17 +1,13 @@
 #include "host/hostProcess.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <yaml-cpp/yaml.h>
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <csignal>
@@ -42,17 +38,6 @@ std::string TailOf(const std::filesystem::path& file) {
     return text.size() <= LENGTH ? text : "..." + text.substr(text.size() - LENGTH);
 }
 
-bool IsFree(std::uint16_t port) {
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    const bool free = bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(descriptor);
-    return free;
-}
-
 std::string ShmPrefix() {
     return fmt::format("vosk_rig_{}_", getpid());
 }
@@ -66,88 +51,6 @@ void RemoveShmOfHost() {
 }
 
 }  // namespace
-
-Ports Ports::FindFree() {
-    // Below the range from which the system gives ports to sockets that ask for none, so that a free one
-    // stays free until the host or M4 takes it; each rig begins elsewhere.
-    constexpr int FIRST = 20'000;
-    constexpr int COUNT = 12'000;
-    std::array<std::uint16_t, 4> ports{};
-    std::size_t found = 0;
-    for (int i = 0; i < COUNT && found < ports.size(); ++i) {
-        const auto port = static_cast<std::uint16_t>(FIRST + (getpid() * 16 + i) % COUNT);
-        if (IsFree(port)) ports[found++] = port;
-    }
-    if (found < ports.size()) throw std::runtime_error("no free UDP port on the loopback interface");
-    return {ports[0], ports[1], ports[2], ports[3]};
-}
-
-std::string MakeHostDocument(const Scenario& scenario, const Ports& ports, const std::filesystem::path& basis,
-                             SaturationLimits limits) {
-    const HostSettings& host = scenario.host;
-    const auto input = [&](std::uint16_t port, std::uint32_t topic) {
-        return fmt::format(
-            "{{busy: {}, timeout: \"50 ms\", listen_ip: 127.0.0.1, listen_udp: {}, iface_name: lo, "
-            "rxbuf_size: 4194304, qudex_topic: {}}}",
-            host.busy, port, topic);
-    };
-    return fmt::format(
-        "# Written by vosk-rig for the scenario '{}'.\n"
-        "host: {{priority: {}}}\n"
-        "cfg:\n"
-        "  ao:\n"
-        "    wavefront_cmd_stream:\n"
-        "      - {}\n"
-        "    ao_tasks:\n"
-        "      - busy: {}\n"
-        "        m4_send_delay: {} us\n"
-        "        m4_response_timeout: {} us\n"
-        "        gpao_highest_mode: {}\n"
-        "        delta_scaling: {}\n"
-        "        managed_modes: {}\n"
-        "        m2p_path: {}\n"
-        "        threshold_velocity: {:.9g}\n"
-        "        threshold_gap: {:.9g}\n"
-        "  m4:\n"
-        "    output:\n"
-        "      - {{busy: {}, send_interval: \"2 ms\", send_offset: \"0 us\", ip_dest: 127.0.0.1, udp_dest: "
-        "{}, "
-        "qudex_topic: {}}}\n"
-        "    input:\n"
-        "      - {}\n"
-        "    feedback:\n"
-        "      - {}\n",
-        scenario.name, host.priority, input(ports.wavefront_command, Topics::WAVEFRONT_COMMAND), host.busy,
-        host.m4_send_delay.count(), host.m4_response_timeout.count(), host.gpao_highest_mode,
-        host.delta_scaling, host.managed_modes, YAML::Dump(YAML::Node(basis.string())), limits.velocity,
-        limits.gap, host.busy, ports.setpoint, Topics::SETPOINT,
-        input(ports.setpoint_applied, Topics::SETPOINT_APPLIED), input(ports.feedback, Topics::FEEDBACK));
-}
-
-HostStatus ParseHostStatus(const std::string& json) {
-    try {
-        const auto report = nlohmann::json::parse(json);
-        HostStatus status;
-        report.at("mode").get_to(status.mode);
-        report.at("source").get_to(status.source);
-        report.at("handover_state").get_to(status.handover_state);
-        report.at("log_dropped").get_to(status.log_dropped);
-        for (const auto& thread : report.at("threads"))
-            if (thread.at("priority") > 0 && thread.at("priority_given") == 0) status.priority_refused = true;
-        for (const auto& stream : report.at("streams"))
-            status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid"),
-                                                 stream.at("lost"), stream.at("dropped_packets")};
-        for (const auto& [name, count] : HOST_COUNTS)
-            report.at("counts").at(name).get_to(status.counts.*count);
-        for (const auto& event : report.at("events"))
-            status.events.push_back({atomclk::AtomClk::time_point{
-                                         std::chrono::nanoseconds{event.at("time_ns").get<std::int64_t>()}},
-                                     event.at("text")});
-        return status;
-    } catch (const nlohmann::json::exception& error) {
-        throw std::runtime_error(fmt::format("the host's status can't be read: {}: {}", error.what(), json));
-    }
-}
 
 HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
     if (access(m_files.program.c_str(), X_OK) != 0)

@@ -32,10 +32,11 @@ constexpr std::array<FateText, COMMAND_FATES> FATES{{
 
 class Bookkeeper {
 public:
-    Bookkeeper(const Scenario& scenario, const RunFacts& facts) : m_scenario(scenario), m_facts(facts) {}
+    Bookkeeper(const Scenario& scenario, const RunFacts& run, const LoopFacts& loop)
+        : m_scenario(scenario), m_run(run), m_loop(loop) {}
 
     Accounts Make() {
-        m_accounts.fates.assign(m_facts.commands.size(), CommandFate::Unexplained);
+        m_accounts.fates.assign(m_loop.commands.size(), CommandFate::Unexplained);
         NameIrrelevantCommands();
         NameAnsweredCommands();
         NameCommandsAtHandover();
@@ -54,16 +55,16 @@ private:
     CommandFate& FateOf(std::size_t command) { return m_accounts.fates[command]; }
     bool Open(std::size_t command) { return FateOf(command) == CommandFate::Unexplained; }
     time_point PlannedSend(std::size_t command) const {
-        return m_facts.commands[command].time_stamp + m_scenario.host.m4_send_delay;
+        return m_loop.commands[command].time_stamp + m_scenario.host.m4_send_delay;
     }
 
     // A command counts from the moment at which the host had said yes to an instrument-driven mode until the
     // moment at which it was asked for another.
     void NameIrrelevantCommands() {
-        for (std::size_t i = 0; i < m_facts.commands.size(); ++i) {
-            const CommandRecord& command = m_facts.commands[i];
+        for (std::size_t i = 0; i < m_loop.commands.size(); ++i) {
+            const CommandRecord& command = m_loop.commands[i];
             bool in_control = false;
-            for (const ModeTimeline::Change& change : m_facts.modes) {
+            for (const ModeTimeline::Change& change : m_run.modes) {
                 const bool ins = defs::IsInsDriven(change.mode);
                 if (ins && !in_control && change.done <= command.sent) in_control = true;
                 // The last valid command before a handback may find the mode changed when it is taken up.
@@ -74,8 +75,8 @@ private:
     }
 
     void NameAnsweredCommands() {
-        std::vector<bool> named(m_facts.commands.size(), false);
-        for (const CheckedSetpoint& checked : m_facts.checked) {
+        std::vector<bool> named(m_loop.commands.size(), false);
+        for (const CheckedSetpoint& checked : m_loop.checked) {
             if (!checked.command) continue;
             if (named[*checked.command]) {
                 ++m_accounts.repeated;
@@ -102,11 +103,11 @@ private:
     // missing.
     void NameCommandsAtHandover() {
         bool ins_before = false;
-        for (const ModeTimeline::Change& change : m_facts.modes) {
+        for (const ModeTimeline::Change& change : m_run.modes) {
             const bool ins = defs::IsInsDriven(change.mode);
             if (ins && !ins_before) {
-                for (std::size_t i = 0; i < m_facts.commands.size(); ++i) {
-                    const CommandRecord& command = m_facts.commands[i];
+                for (std::size_t i = 0; i < m_loop.commands.size(); ++i) {
+                    const CommandRecord& command = m_loop.commands[i];
                     if (command.sent < change.done || !command.valid) continue;
                     if (Open(i) && !Harmed(i)) FateOf(i) = CommandFate::AtHandover;
                     if (!Harmed(i)) break;
@@ -117,23 +118,23 @@ private:
     }
 
     bool Harmed(std::size_t command) const {
-        const auto& fault = m_facts.commands[command].fault;
+        const auto& fault = m_loop.commands[command].fault;
         return fault && HarmOf(*fault) != Harm::None;
     }
 
     bool M4AwayAt(time_point time) const {
         // A setpoint that was on its way when M4 died was lost with M4's socket.
         const auto margin = m_scenario.CommandPeriod();
-        return std::any_of(m_facts.m4_absences.begin(), m_facts.m4_absences.end(), [&](const auto& absence) {
+        return std::any_of(m_loop.m4_absences.begin(), m_loop.m4_absences.end(), [&](const auto& absence) {
             return time >= absence.from - margin && (absence.to == time_point::max() || time <= absence.to);
         });
     }
 
     void NameHinderedCommands() {
-        for (std::size_t i = 0; i < m_facts.commands.size(); ++i) {
+        for (std::size_t i = 0; i < m_loop.commands.size(); ++i) {
             if (!Open(i)) continue;
             // A setpoint that was waiting for its send time goes down with the host.
-            if (m_facts.stop_asked && PlannedSend(i) + m_scenario.CommandPeriod() >= *m_facts.stop_asked)
+            if (m_run.stop_asked && PlannedSend(i) + m_scenario.CommandPeriod() >= *m_run.stop_asked)
                 FateOf(i) = CommandFate::HostStopped;
             else if (Harmed(i))
                 FateOf(i) = CommandFate::Harmed;
@@ -147,18 +148,18 @@ private:
     void NameSkippedCommands() {
         std::size_t next_command = 0;
         defs::sample_id_t last_made = 0;  // the first setpoint of a host is number 1
-        for (const CheckedSetpoint& checked : m_facts.checked) {
+        for (const CheckedSetpoint& checked : m_loop.checked) {
             if (!checked.command) continue;
-            const defs::sample_id_t sample_id = m_facts.setpoints[checked.setpoint].sample_id;
+            const defs::sample_id_t sample_id = m_loop.setpoints[checked.setpoint].sample_id;
             if (*checked.command >= next_command)
                 NameBetween(next_command, *checked.command, sample_id - last_made - 1);
             next_command = *checked.command + 1;
             last_made = sample_id;
         }
         // Behind the last setpoint no number tells; the host's own count does.
-        std::uint64_t told = m_facts.status.counts.late_setpoints;
+        std::uint64_t told = m_run.status.counts.late_setpoints;
         told -= std::min(told, m_accounts.Count(CommandFate::Late));
-        for (std::size_t i = m_facts.commands.size(); i-- > next_command && told > 0;) {
+        for (std::size_t i = m_loop.commands.size(); i-- > next_command && told > 0;) {
             if (!Open(i)) continue;
             Name(i, CommandFate::Late);
             --told;
@@ -181,7 +182,7 @@ private:
             const bool was_made = open.size() - i <= skipped;
             if (!was_made) {
                 Name(open[i], CommandFate::Overwritten);
-            } else if (m_accounts.Count(CommandFate::Incomplete) < m_facts.incomplete_setpoints) {
+            } else if (m_accounts.Count(CommandFate::Incomplete) < m_loop.incomplete_setpoints) {
                 Name(open[i], CommandFate::Incomplete);
             } else {
                 Name(open[i], CommandFate::Late);
@@ -195,7 +196,7 @@ private:
     void NameReplacedCommands() {
         std::uint64_t late = 0;
         for (CommandFate& fate : m_accounts.fates)
-            if (fate == CommandFate::Late && ++late > m_facts.status.counts.late_setpoints)
+            if (fate == CommandFate::Late && ++late > m_run.status.counts.late_setpoints)
                 fate = CommandFate::Replaced;
     }
 
@@ -205,9 +206,9 @@ private:
     }
 
     void CountSetpoints() {
-        for (std::size_t i = 0; i < m_facts.checked.size(); ++i) {
-            const CheckedSetpoint& checked = m_facts.checked[i];
-            const SetpointRecord& setpoint = m_facts.setpoints[checked.setpoint];
+        for (std::size_t i = 0; i < m_loop.checked.size(); ++i) {
+            const CheckedSetpoint& checked = m_loop.checked[i];
+            const SetpointRecord& setpoint = m_loop.setpoints[checked.setpoint];
             m_accounts.velocity_limited += checked.velocity_limited ? 1 : 0;
             m_accounts.gap_limited += checked.gap_limited ? 1 : 0;
             m_accounts.retimed += checked.retimed ? 1 : 0;
@@ -218,15 +219,15 @@ private:
             const bool runs_on =
                 i == 0 ||
                 static_cast<std::int32_t>(setpoint.sample_id -
-                                          m_facts.setpoints[m_facts.checked[i - 1].setpoint].sample_id) > 0;
+                                          m_loop.setpoints[m_loop.checked[i - 1].setpoint].sample_id) > 0;
             m_accounts.out_of_order += setpoint.in_order && runs_on ? 0 : 1;
         }
     }
 
     void CountAnswers() {
         AnswerCounts& answers = m_accounts.answers;
-        for (const CheckedSetpoint& checked : m_facts.checked) {
-            const SetpointRecord& setpoint = m_facts.setpoints[checked.setpoint];
+        for (const CheckedSetpoint& checked : m_loop.checked) {
+            const SetpointRecord& setpoint = m_loop.setpoints[checked.setpoint];
             switch (setpoint.answer) {
                 case AnswerFate::Sent:
                     ++(InTime(setpoint) ? answers.in_time : IsClose(setpoint) ? answers.close : answers.late);
@@ -242,7 +243,7 @@ private:
                     break;
             }
             if (checked.prior_answer != PriorAnswer::NotTaken || checked.setpoint == 0) continue;
-            const SetpointRecord& before = m_facts.setpoints[checked.setpoint - 1];
+            const SetpointRecord& before = m_loop.setpoints[checked.setpoint - 1];
             // A setpoint that was sent late is an exception by that name already.
             if (before.answer == AnswerFate::Sent && InTime(before) && !SentLate(before) &&
                 !Disturbed(checked.setpoint - 1))
@@ -266,11 +267,11 @@ private:
     // Whether the rig's own doing explains that this setpoint's answer was not taken: a fault on it, or a
     // late or foreign answer just before it, which the system took for this one's and refused.
     bool Disturbed(std::size_t setpoint) const {
-        const SetpointRecord& own = m_facts.setpoints[setpoint];
+        const SetpointRecord& own = m_loop.setpoints[setpoint];
         if (own.answer_fault && HarmOf(*own.answer_fault) != Harm::None) return true;
         const std::size_t first = setpoint > 4 ? setpoint - 4 : 0;
         for (std::size_t i = first; i < setpoint; ++i) {
-            const SetpointRecord& before = m_facts.setpoints[i];
+            const SetpointRecord& before = m_loop.setpoints[i];
             if (before.answer_sent > own.arrived - m_scenario.CommandPeriod() && before.answer_fault)
                 return true;
         }
@@ -278,11 +279,11 @@ private:
     }
 
     void FindRecoveries() {
-        for (const Absences::Absence& absence : m_facts.m4_absences) {
+        for (const Absences::Absence& absence : m_loop.m4_absences) {
             if (absence.to == time_point::max()) continue;
             Recovery recovery{absence.to, {}, {}};
-            for (const CheckedSetpoint& checked : m_facts.checked) {
-                const SetpointRecord& setpoint = m_facts.setpoints[checked.setpoint];
+            for (const CheckedSetpoint& checked : m_loop.checked) {
+                const SetpointRecord& setpoint = m_loop.setpoints[checked.setpoint];
                 if (setpoint.arrived < absence.to) continue;
                 if (!recovery.first_setpoint) recovery.first_setpoint = setpoint.arrived - absence.to;
                 if (checked.content == Content::AsPredicted && checked.prior_answer == PriorAnswer::Taken) {
@@ -308,7 +309,6 @@ private:
         const auto refuse = [this](std::uint64_t count, const char* what) {
             if (count > 0) m_accounts.violations.push_back(fmt::format("{} {}", count, what));
         };
-        if (m_facts.trouble) m_accounts.violations.push_back(*m_facts.trouble);
         refuse(m_accounts.Count(CommandFate::WrongContent), "commands led to setpoints with wrong content");
         refuse(m_accounts.Count(CommandFate::Unexplained),
                "commands led to no setpoint, and nothing tells why");
@@ -319,12 +319,10 @@ private:
         refuse(m_accounts.repeated, "setpoints belong to a command that had one already");
         refuse(m_accounts.early, "setpoints reached M4 before their planned send time");
         refuse(m_accounts.unmarked, "setpoints are not marked valid");
-        refuse(m_facts.foreign_packets, "packets at M4's port were no part of a setpoint");
-        refuse(m_facts.log_overflow, "records did not fit the rig's own logs");
-        refuse(m_facts.status.counts.kept_back_setpoints,
+        refuse(m_loop.foreign_packets, "packets at M4's port were no part of a setpoint");
+        refuse(m_loop.log_overflow, "records did not fit the rig's own logs");
+        refuse(m_run.status.counts.kept_back_setpoints,
                "setpoints were kept back, though all commands are finite");
-        refuse(m_facts.status.counts.failed_mode_changes, "changes of mode failed for good");
-        refuse(m_facts.status.counts.clock_steps, "times the clock was set in mid-run");
         JudgeSilence();
         JudgeOverwritten();
         if (m_accounts.ExceptionShare() > m_scenario.expect.max_exceptions)
@@ -337,7 +335,6 @@ private:
                 fmt::format("only {} setpoints with the right content, of at least {}",
                             m_accounts.Count(CommandFate::AsPredicted), m_scenario.expect.min_setpoints));
         JudgeRecoveries();
-        JudgeHostEnd();
     }
 
     // A setpoint that did not reach M4, or whose answer the rig spoilt, went without its answer, and the host
@@ -345,15 +342,15 @@ private:
     void JudgeSilence() {
         std::uint64_t unanswered = 0;
         defs::sample_id_t before = 0;  // the first setpoint of a host is number 1
-        for (const SetpointRecord& setpoint : m_facts.setpoints) {
-            if (AnswerDeadline(setpoint) > m_facts.status_time) break;
+        for (const SetpointRecord& setpoint : m_loop.setpoints) {
+            if (AnswerDeadline(setpoint) > m_run.status_time) break;
             // IDs run on by one; a jump back is judged with the IDs.
             const defs::sample_id_t skipped = setpoint.sample_id - before - 1;
             unanswered += skipped < (1U << 31U) ? skipped : 0;
             unanswered += setpoint.answer == AnswerFate::Sent ? 0 : 1;
             before = setpoint.sample_id;
         }
-        const HostCounts& counts = m_facts.status.counts;
+        const HostCounts& counts = m_run.status.counts;
         const std::uint64_t counted = counts.missing_answers + counts.foreign_answers;
         if (unanswered > counted)
             m_accounts.violations.push_back(fmt::format(
@@ -362,9 +359,9 @@ private:
 
     // The host counts the commands that it never took up, and those that never reached it.
     void JudgeOverwritten() {
-        const auto stream = m_facts.status.streams.find("AO_WAVEFRONT_CMD_INPUT");
-        if (!m_facts.at_rest || stream == m_facts.status.streams.end()) return;
-        const std::uint64_t counted = m_facts.status.counts.overwritten_commands + stream->second.lost;
+        const HostStream* stream = m_run.FindStream("AO_WAVEFRONT_CMD_INPUT");
+        if (!m_run.at_rest || stream == nullptr) return;
+        const std::uint64_t counted = m_run.status.counts.overwritten_commands + stream->lost;
         if (m_accounts.Count(CommandFate::Overwritten) > counted)
             m_accounts.violations.push_back(
                 fmt::format("{} commands were never taken up, but the host counts {}",
@@ -379,20 +376,9 @@ private:
                                 m_scenario.expect.recovery.count()));
     }
 
-    void JudgeHostEnd() {
-        if (!m_facts.host_exit) {
-            m_accounts.violations.emplace_back("the host did not end when it was told to");
-            return;
-        }
-        if (*m_facts.host_exit != 0)
-            m_accounts.violations.push_back(fmt::format("the host ended with code {}", *m_facts.host_exit));
-        if (m_facts.stop_took && *m_facts.stop_took > m_scenario.expect.host_stop)
-            m_accounts.violations.push_back(
-                fmt::format("the host took more than {} ms to end", m_scenario.expect.host_stop.count()));
-    }
-
     const Scenario& m_scenario;
-    const RunFacts& m_facts;
+    const RunFacts& m_run;
+    const LoopFacts& m_loop;
     Accounts m_accounts;
 };
 
@@ -411,8 +397,8 @@ double Accounts::ExceptionShare() const {
     return static_cast<double>(exceptions) / static_cast<double>(valid_in_ins_control);
 }
 
-Accounts MakeAccounts(const Scenario& scenario, const RunFacts& facts) {
-    return Bookkeeper(scenario, facts).Make();
+Accounts MakeAccounts(const Scenario& scenario, const RunFacts& run, const LoopFacts& loop) {
+    return Bookkeeper(scenario, run, loop).Make();
 }
 
 }  // namespace vosk::rig

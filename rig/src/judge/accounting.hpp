@@ -1,12 +1,12 @@
 #pragma once
 
-// The books of a run: what became of every valid command, of every setpoint and of every answer, each under
-// one name, and the verdict that follows. Made once, after the run, from the peers' logs and the host's
+// The books of the AO loop: what became of every valid command, of every setpoint and of every answer, each
+// under one name, and the verdict that follows. Made once, after the run, from the peers' logs and the host's
 // counts. No access to the run's threads: a function of its inputs.
 
-#include "host/hostProcess.hpp"
 #include "judge/contentCheck.hpp"
-#include "runLog.hpp"
+#include "peers/absences.hpp"
+#include "runFacts.hpp"
 #include "scenario.hpp"
 
 #include <array>
@@ -60,26 +60,15 @@ struct Recovery {
     std::optional<std::chrono::nanoseconds> in_step;         // setpoints right and answers taken again
 };
 
-// Everything that is known when a run is over.
-struct RunFacts {
-    std::string advice;  // what this run lacks on this machine and how to get it, if anything
-    time_point start;    // of the instrument's time grid
+// What instrument, M4 and the check of contents know of the loop when it is over.
+struct LoopFacts {
     std::span<const CommandRecord> commands;
     std::span<const SetpointRecord> setpoints;
     std::span<const CheckedSetpoint> checked;
-    std::vector<ModeTimeline::Change> modes;
     std::vector<Absences::Absence> m4_absences;
-    HostStatus status;                     // the last one before the end
-    time_point status_time;                // when the rig asked for it
-    bool at_rest = false;                  // no sample was on its way then
-    std::optional<time_point> stop_asked;  // of the host, in mid-run
-    std::optional<std::chrono::nanoseconds> stop_took;
-    std::optional<int> host_exit;
     std::uint64_t incomplete_setpoints = 0;  // that reached M4 in parts
     std::uint64_t foreign_packets = 0;       // at M4's port that were no part of a setpoint
     std::uint64_t log_overflow = 0;          // records that the rig itself could not keep
-    std::uint64_t instrument_overruns = 0;   // commands never sent, as the rig itself woke too late
-    std::optional<std::string> trouble;      // what ended the run early, if anything did
 };
 
 struct Accounts {
@@ -105,6 +94,6 @@ struct Accounts {
     bool Holds() const { return violations.empty(); }
 };
 
-Accounts MakeAccounts(const Scenario& scenario, const RunFacts& facts);
+Accounts MakeAccounts(const Scenario& scenario, const RunFacts& run, const LoopFacts& loop);
 
 }  // namespace vosk::rig

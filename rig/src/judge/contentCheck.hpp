@@ -6,8 +6,10 @@
 // One thread at a time; it may run beside the peers.
 
 #include "judge/prediction.hpp"
+#include "modeTimeline.hpp"
+#include "peers/appendLog.hpp"
+#include "peers/setpointRing.hpp"
 #include "peers/wavefront.hpp"
-#include "runLog.hpp"
 
 #include <optional>
 #include <span>

@@ -3,9 +3,10 @@
 // A receiving socket that remembers when each packet reached it, by the kernel's clock, and in which order.
 // So a peer can tell when a sample was sent without its own wake-up in the figure. Belongs to one thread.
 
-#include "runLog.hpp"
+#include "clock.hpp"
 
 #include <pktwire/udpSocket.hpp>
+#include <vosk/defs/sizes.hpp>
 
 #include <array>
 #include <cstddef>

@@ -2,14 +2,14 @@
 
 #include "peers/loopback.hpp"
 
-#include <sched.h>
+#include <fmt/format.h>
 #include <nodepin/nodepin.hpp>
-
-#include <ctime>
 
 namespace vosk::rig {
 namespace {
 
+constexpr std::uint32_t TOPIC = 401;
+constexpr const char* HOST_STREAM = "AO_WAVEFRONT_CMD_INPUT";
 constexpr defs::sample_id_t WRONG_ID_STEP = 1000;
 
 pktwire::lspx::Sender::Config SenderConfig() {
@@ -23,49 +23,49 @@ pktwire::lspx::Sender::Config SenderConfig() {
 
 }  // namespace
 
-bool TakePriority(int priority) {
-    const sched_param parameters{priority};
-    return priority == 0 || sched_setscheduler(0, SCHED_FIFO, &parameters) == 0;
-}
-
-void SleepUntil(time_point time) {
-    const auto count = time.time_since_epoch();
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(count);
-    const timespec until{seconds.count(), (count - seconds).count()};
-    while (clock_nanosleep(CLOCK_TAI, TIMER_ABSTIME, &until, nullptr) == EINTR) {
-    }
-}
-
-Instrument::Instrument(const Scenario& scenario, const Ports& ports, AppendLog<CommandRecord>& log)
-    : m_log(log),
+Instrument::Instrument(const Scenario& scenario, Ports& ports)
+    : m_scenario(scenario),
+      m_port(ports.Take()),
+      m_log(scenario.ExpectedCommands()),
       m_period(scenario.CommandPeriod()),
       m_patience(std::min<std::chrono::nanoseconds>(m_period / 2, scenario.host.m4_send_delay / 4)),
       m_last_number(static_cast<std::uint64_t>(scenario.instrument.rate * scenario.duration.count())),
-      m_priority(scenario.host.PeerPriority()),
       m_wavefront(scenario.instrument, scenario.seed),
       m_faults(scenario, rig::Stream::WavefrontCommand),
-      m_socket(LoopbackTo(ports.wavefront_command), nullptr),
+      m_socket(LoopbackTo(m_port), nullptr),
       m_faulty_socket(m_socket),
-      m_qudex(CheckedSamples(Topics::WAVEFRONT_COMMAND, 5), m_faulty_socket, nullptr),
+      m_qudex(CheckedSamples(TOPIC, 5), m_faulty_socket, nullptr),
       m_sender(SenderConfig(), m_qudex) {}
 
 Instrument::~Instrument() {
-    Stop();
+    FallSilent();
+}
+
+void Instrument::AddTo(HostDocument& document) const {
+    document.AddInput("ao", "wavefront_cmd_stream", m_port, TOPIC);
 }
 
 void Instrument::Start(time_point first) {
     m_first = first;
     m_running = true;
-    m_thread = nodepin::MakeThread("Instrument", {}, [this] { Run(); });
+    m_thread = nodepin::MakeThread("Instrument", {{}, {}, m_scenario.host.PeerPriority()}, [this] { Run(); });
 }
 
-void Instrument::Stop() {
+void Instrument::TakeStep(const StepAction& action) {
+    if (const auto* validity = std::get_if<SetCommandsValid>(&action)) m_valid = validity->valid;
+    if (const auto* silence = std::get_if<SetInstrumentSilent>(&action)) m_silent = silence->silent;
+}
+
+std::string Instrument::Progress() const {
+    return fmt::format("{} commands", m_log.Entries().size());
+}
+
+void Instrument::FallSilent() {
     m_running = false;
     if (m_thread.joinable()) m_thread.join();
 }
 
 void Instrument::Run() {
-    TakePriority(m_priority);
     for (std::uint64_t number = 0; number < m_last_number && m_running; ++number) {
         const time_point time_stamp = m_first + m_period * static_cast<std::int64_t>(number);
         m_wavefront.Make(number, m_payload.command);
@@ -77,6 +77,21 @@ void Instrument::Run() {
         }
         SendCommand(number, time_stamp);
     }
+}
+
+PeerAccount Instrument::Account(const RunFacts& facts) const {
+    std::vector<time_point> times;
+    FaultCounts faults;
+    for (const CommandRecord& command : m_log.Entries()) {
+        times.push_back(command.sent);
+        faults.Add(command.fault);
+    }
+    PeerAccount account;
+    account.streams = {FiguresOfSent("wavefront command", times, m_period, facts, HOST_STREAM)};
+    if (account.streams[0].remark.empty()) account.streams[0].remark = "invalid: marked so, or broken";
+    account.faults =
+        FiguresOfFaults(m_scenario, rig::Stream::WavefrontCommand, faults, HostCountsOf(facts, HOST_STREAM));
+    return account;
 }
 
 void Instrument::SendCommand(std::uint64_t number, time_point time_stamp) {

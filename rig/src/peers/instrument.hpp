@@ -1,13 +1,14 @@
 #pragma once
 
 // The instrument: a thread that sends one wavefront command at each point of a time grid, over LSPX. It
-// sleeps in between, to absolute times, so that a late command shifts no other. The driver of the run owns
-// it.
+// sleeps in between, to absolute times, so that a late command shifts no other.
 
-#include "host/hostProcess.hpp"
+#include "host/ports.hpp"
+#include "peers/appendLog.hpp"
 #include "peers/faultySocket.hpp"
+#include "peers/loopRecords.hpp"
+#include "peers/peer.hpp"
 #include "peers/wavefront.hpp"
-#include "runLog.hpp"
 
 #include <pktwire/lspx.hpp>
 #include <vosk/defs/wireRecords.hpp>
@@ -17,24 +18,24 @@
 
 namespace vosk::rig {
 
-class Instrument {
+class Instrument final : public Peer {
 public:
-    // The log has one entry a command sent. Throws std::runtime_error if the socket can't be made.
-    Instrument(const Scenario& scenario, const Ports& ports, AppendLog<CommandRecord>& log);
-    ~Instrument();
-    Instrument(const Instrument&) = delete;
-    Instrument& operator=(const Instrument&) = delete;
+    // Throws std::runtime_error if the socket can't be made.
+    Instrument(const Scenario& scenario, Ports& ports);
+    ~Instrument() override;
 
-    // The first command carries `first` as its time stamp.
-    void Start(time_point first);
-    void Stop();
+    void AddTo(HostDocument& document) const override;
+    void Start(time_point first) override;  // the first command carries `first` as its time stamp
+    void TakeStep(const StepAction& action) override;
+    std::string Progress() const override;
+    void FallSilent() override;
+    void Stop() override { FallSilent(); }
+    PeerAccount Account(const RunFacts& facts) const override;
 
-    // Any thread.
-    void SetValid(bool valid) { m_valid.store(valid, std::memory_order_relaxed); }
-    void SetSilent(bool silent) { m_silent.store(silent, std::memory_order_relaxed); }
-
+    // One entry a command sent.
+    const AppendLog<CommandRecord>& Log() const { return m_log; }
     // Grid points at which this thread itself woke too late to send a command that the host could serve, and
-    // sent none.
+    // sent none. Any thread.
     std::uint64_t Overruns() const { return m_overruns.load(std::memory_order_relaxed); }
 
 private:
@@ -43,11 +44,12 @@ private:
     void Run();
     void SendCommand(std::uint64_t number, time_point time_stamp);
 
-    AppendLog<CommandRecord>& m_log;
+    const Scenario& m_scenario;
+    const std::uint16_t m_port;
+    AppendLog<CommandRecord> m_log;
     const std::chrono::nanoseconds m_period;
     const std::chrono::nanoseconds m_patience;  // how late a command may leave
     const std::uint64_t m_last_number;
-    const int m_priority;
     WavefrontGenerator m_wavefront;
     FaultGenerator m_faults;
     pktwire::UdpTxSocket m_socket;
@@ -66,11 +68,5 @@ private:
     std::atomic<std::uint64_t> m_overruns{0};
     std::thread m_thread;
 };
-
-// Gives the calling thread a priority under SCHED_FIFO, unless it is 0. False if the system refuses.
-bool TakePriority(int priority);
-
-// Sleeps to an absolute time; returns at once if it has passed.
-void SleepUntil(time_point time);
 
 }  // namespace vosk::rig

@@ -1,8 +1,8 @@
 #include "peers/m4Peer.hpp"
 
-#include "peers/instrument.hpp"
 #include "peers/loopback.hpp"
 
+#include <fmt/format.h>
 #include <nodepin/nodepin.hpp>
 
 #include <algorithm>
@@ -12,13 +12,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr std::uint32_t SETPOINT_TOPIC = 402;
+constexpr std::uint32_t ANSWER_TOPIC = 403;
+constexpr std::uint32_t FEEDBACK_TOPIC = 404;
+constexpr const char* NOT_COUNTED = "the host keeps no count of this stream";
+
+// The checking thread may fall behind by a whole run of common length; 350 MB.
+constexpr std::size_t LARGEST_RING = 16384;
+
 constexpr defs::sample_id_t WRONG_ID_STEP = 1000;
 // How often the thread looks whether it is to die, return or stop.
 constexpr auto LOOK_ROUND = 2ms;
 
 pktwire::qudex::Receiver::Config ReceiverConfig() {
     pktwire::qudex::Receiver::Config config;
-    config.topic = Topics::SETPOINT;
+    config.topic = SETPOINT_TOPIC;
     config.num_frames = defs::M4Setpoint::SEGMENTS.size();
     return config;
 }
@@ -27,33 +35,50 @@ pktwire::qudex::Receiver::Config ReceiverConfig() {
 
 M4Peer::Life::Life(std::uint16_t port) : socket(port), receiver(ReceiverConfig(), socket, nullptr) {}
 
-M4Peer::Outlet::Outlet(const Scenario& scenario, Stream stream, std::uint16_t port, std::uint32_t topic)
-    : socket(LoopbackTo(port), nullptr),
+M4Peer::Outlet::Outlet(const Scenario& scenario, Stream stream, std::uint16_t to, std::uint32_t topic)
+    : port(to),
+      socket(LoopbackTo(to), nullptr),
       faulty_socket(socket),
       sender(CheckedSamples(topic, 3), faulty_socket, nullptr),
       faults(scenario, stream) {}
 
-M4Peer::M4Peer(const Scenario& scenario, const Ports& ports, AppendLog<SetpointRecord>& log,
-               SetpointRing& ring)
-    : m_answer_delay(scenario.m4.answer_delay),
+M4Peer::M4Peer(const Scenario& scenario, Ports& ports)
+    : m_scenario(scenario),
       m_feedback_period(scenario.FeedbackPeriod()),
-      m_port(ports.setpoint),
-      m_priority(scenario.host.PeerPriority()),
-      m_log(log),
-      m_ring(ring),
-      m_answers(scenario, Stream::SetpointApplied, ports.setpoint_applied, Topics::SETPOINT_APPLIED),
-      m_feedback(scenario, Stream::Feedback, ports.feedback, Topics::FEEDBACK),
-      m_life(std::make_unique<Life>(m_port)) {}
+      m_port(ports.Take()),
+      m_log(scenario.ExpectedCommands()),
+      m_ring(std::min<std::size_t>(scenario.ExpectedCommands(), LARGEST_RING)),
+      m_answers(scenario, Stream::SetpointApplied, ports.Take(), ANSWER_TOPIC),
+      m_feedback(scenario, Stream::Feedback, ports.Take(), FEEDBACK_TOPIC) {}
 
 M4Peer::~M4Peer() {
     Stop();
 }
 
+void M4Peer::AddTo(HostDocument& document) const {
+    document.Add(
+        "m4", "output",
+        fmt::format("{{busy: {}, send_interval: \"2 ms\", send_offset: \"0 us\", ip_dest: 127.0.0.1, "
+                    "udp_dest: {}, qudex_topic: {}}}",
+                    m_scenario.host.busy, m_port, SETPOINT_TOPIC));
+    document.AddInput("m4", "input", m_answers.port, ANSWER_TOPIC);
+    document.AddInput("m4", "feedback", m_feedback.port, FEEDBACK_TOPIC);
+}
+
 void M4Peer::Start(time_point first) {
     m_first = first;
+    m_life = std::make_unique<Life>(m_port);
     PlanFeedback(first);
     m_running = true;
-    m_thread = nodepin::MakeThread("M4", {}, [this] { Run(); });
+    m_thread = nodepin::MakeThread("M4", {{}, {}, m_scenario.host.PeerPriority()}, [this] { Run(); });
+}
+
+void M4Peer::TakeStep(const StepAction& action) {
+    if (const auto* life = std::get_if<SetM4Alive>(&action)) m_wanted_alive = life->alive;
+}
+
+std::string M4Peer::Progress() const {
+    return fmt::format("{} setpoints", m_received.load(std::memory_order_relaxed));
 }
 
 void M4Peer::Stop() {
@@ -61,8 +86,36 @@ void M4Peer::Stop() {
     if (m_thread.joinable()) m_thread.join();
 }
 
+PeerAccount M4Peer::Account(const RunFacts& facts) const {
+    std::vector<time_point> arrivals;
+    std::vector<time_point> answers;
+    FaultCounts answer_faults;
+    for (const SetpointRecord& setpoint : m_log.Entries()) {
+        arrivals.push_back(setpoint.arrived);
+        if (setpoint.answer_sent != time_point{}) answers.push_back(setpoint.answer_sent);
+        answer_faults.Add(setpoint.answer_fault);
+    }
+    StreamFigures feedback;
+    feedback.name = "M4 feedback";
+    feedback.sent = m_feedback_counter;
+    feedback.remark = NOT_COUNTED;
+    const auto period = m_scenario.CommandPeriod();
+    const HostCounts& counts = facts.status.counts;
+
+    PeerAccount account;
+    account.streams = {FiguresOfReceived("am:setpoint", arrivals, period, facts, "M4_OUTPUT", m_incomplete),
+                       FiguresOfSent("am:setpoint_applied", answers, period, facts, "M4_INPUT"), feedback};
+    account.faults =
+        FiguresOfFaults(m_scenario, Stream::SetpointApplied, answer_faults,
+                        fmt::format("{}; {} answers missing, {} foreign", HostCountsOf(facts, "M4_INPUT"),
+                                    counts.missing_answers, counts.foreign_answers));
+    for (const FaultFigures& fault :
+         FiguresOfFaults(m_scenario, Stream::Feedback, m_feedback_faults, NOT_COUNTED))
+        account.faults.push_back(fault);
+    return account;
+}
+
 void M4Peer::Run() {
-    TakePriority(m_priority);
     while (m_running) {
         LiveOrDie();
         const time_point now = AtomClk::now();
@@ -144,7 +197,7 @@ void M4Peer::ScheduleAnswer(std::size_t record, time_point arrived) {
     free->waiting = true;
     free->record = record;
     free->fault = m_answers.faults.Next(arrived - m_first);
-    free->due = arrived + m_answer_delay;
+    free->due = arrived + m_scenario.m4.answer_delay;
     if (free->fault && free->fault->kind == FaultKind::Delay) free->due += free->fault->delay;
     free->payload.setpoint = m_setpoint.setpoint;
     free->payload.applied_sample_id = m_log.Written(record).sample_id;
@@ -190,11 +243,10 @@ void M4Peer::PlanFeedback(time_point grid_point) {
 void M4Peer::SendFeedback(time_point now) {
     m_feedback_record.counter = ++m_feedback_counter;
     defs::sample_id_t sample_id = m_feedback_counter;
-    ++m_feedback_counts.sent;
     if (m_feedback_fault) {
         if (m_feedback_fault->kind == FaultKind::WrongSampleId) sample_id += WRONG_ID_STEP;
         m_feedback.faulty_socket.Arm(*m_feedback_fault);
-        m_feedback_counts.faults.Add(m_feedback_fault->kind);
+        m_feedback_faults.Add(m_feedback_fault->kind);
     }
     m_feedback.sender.SetSampleId(sample_id);
     static_cast<void>(m_feedback.sender.SendSample(BytesOf(m_feedback_record), now, {}));

@@ -2,13 +2,15 @@
 
 // M4: a thread that receives setpoints, tells what it applied after its answer delay, and reports its
 // sensors on a grid of its own. It applies each setpoint as it stands. It can die, taking its socket with it,
-// and come back. The driver of the run owns it.
+// and come back.
 
-#include "host/hostProcess.hpp"
+#include "host/ports.hpp"
+#include "peers/absences.hpp"
+#include "peers/appendLog.hpp"
 #include "peers/arrivalSocket.hpp"
 #include "peers/faultySocket.hpp"
-#include "report/figures.hpp"
-#include "runLog.hpp"
+#include "peers/peer.hpp"
+#include "peers/setpointRing.hpp"
 
 #include <pktwire/qudex.hpp>
 #include <vosk/defs/wireRecords.hpp>
@@ -20,28 +22,25 @@
 
 namespace vosk::rig {
 
-class M4Peer {
+class M4Peer final : public Peer {
 public:
-    // Setpoints go to the log and their vectors to the ring, in the order of arrival. An entry of the log is
-    // published when its answer is settled. Throws std::runtime_error if a socket can't be made.
-    M4Peer(const Scenario& scenario, const Ports& ports, AppendLog<SetpointRecord>& log, SetpointRing& ring);
-    ~M4Peer();
-    M4Peer(const M4Peer&) = delete;
-    M4Peer& operator=(const M4Peer&) = delete;
+    // Throws std::runtime_error if a socket can't be made.
+    M4Peer(const Scenario& scenario, Ports& ports);
+    ~M4Peer() override;
 
-    // `first`: the start of the run, from which the times of faults count.
-    void Start(time_point first);
-    void Stop();
+    void AddTo(HostDocument& document) const override;
+    void Start(time_point first) override;
+    void TakeStep(const StepAction& action) override;  // takes effect within a few milliseconds
+    std::string Progress() const override;
+    void Stop() override;
+    PeerAccount Account(const RunFacts& facts) const override;
 
-    // Any thread. Takes effect within a few milliseconds.
-    void SetAlive(bool alive) { m_wanted_alive.store(alive, std::memory_order_relaxed); }
-
-    // Any thread.
-    const Absences& GetAbsences() const { return m_absences; }
-    std::uint64_t Received() const { return m_received.load(std::memory_order_relaxed); }
-
+    // Setpoints in the order of arrival, each published when its answer is settled, and their vectors on the
+    // way to whoever checks them.
+    const AppendLog<SetpointRecord>& Log() const { return m_log; }
+    SetpointRing& Ring() { return m_ring; }
+    const Absences& GetAbsences() const { return m_absences; }  // any thread
     // After Stop().
-    FeedbackCounts GetFeedbackCounts() const { return m_feedback_counts; }
     std::uint64_t IncompleteSetpoints() const { return m_incomplete; }
     std::uint64_t ForeignPackets() const { return m_foreign; }
 
@@ -59,6 +58,7 @@ private:
     // A stream to the host.
     struct Outlet {
         Outlet(const Scenario& scenario, Stream stream, std::uint16_t port, std::uint32_t topic);
+        const std::uint16_t port;
         pktwire::UdpTxSocket socket;
         FaultySocket faulty_socket;
         pktwire::qudex::Sender sender;
@@ -85,12 +85,11 @@ private:
     void PublishSettled();
     time_point NextDue() const;
 
-    const std::chrono::nanoseconds m_answer_delay;
+    const Scenario& m_scenario;
     const std::chrono::nanoseconds m_feedback_period;
     const std::uint16_t m_port;
-    const int m_priority;
-    AppendLog<SetpointRecord>& m_log;
-    SetpointRing& m_ring;
+    AppendLog<SetpointRecord> m_log;
+    SetpointRing m_ring;
     Outlet m_answers;
     Outlet m_feedback;
 
@@ -104,7 +103,7 @@ private:
     time_point m_feedback_grid;  // the next sample's point of the grid
     time_point m_feedback_due;   // when it is to leave
     std::optional<Fault> m_feedback_fault;
-    FeedbackCounts m_feedback_counts;
+    FaultCounts m_feedback_faults;
     std::uint64_t m_incomplete = 0;
     std::uint64_t m_foreign = 0;
 

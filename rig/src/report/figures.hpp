@@ -1,16 +1,14 @@
 #pragma once
 
-// The figures of a run that the table and the report share: per-stream counts and periods, and how exactly
-// setpoints left at their planned time. Worked out once, after the run.
+// Figures of streams, faults and times, as every peer gives them. Worked out after the run.
 
-#include "judge/accounting.hpp"
 #include "peers/faults.hpp"
+#include "runFacts.hpp"
 
 #include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace vosk::rig {
@@ -29,7 +27,7 @@ struct StreamFigures {
     std::string name;
     std::uint64_t sent = 0;
     std::uint64_t received = 0;
-    std::optional<std::uint64_t> lost;  // whole; of setpoints if none was on its way then
+    std::optional<std::uint64_t> lost;  // whole; of what the host sends if none was on its way then
     std::uint64_t invalid = 0;          // as the receiver counts them
     double rate = 0.0;                  // hertz
     double jitter = 0.0;                // standard deviation of the period, microseconds
@@ -41,6 +39,15 @@ struct StreamFigures {
 using StreamCells = std::array<std::string, 6>;
 StreamCells CellsOf(const StreamFigures& stream);
 
+// A stream to the host, which counts it as `host_name`, with the times at which its samples left.
+StreamFigures FiguresOfSent(const std::string& name, const std::vector<time_point>& sent,
+                            std::chrono::nanoseconds period, const RunFacts& facts,
+                            const std::string& host_name);
+// A stream from the host, with the times at which its samples arrived; `broken` ones arrived in parts.
+StreamFigures FiguresOfReceived(const std::string& name, const std::vector<time_point>& arrived,
+                                std::chrono::nanoseconds period, const RunFacts& facts,
+                                const std::string& host_name, std::uint64_t broken);
+
 // Of one kind on one stream.
 struct FaultFigures {
     Stream stream;
@@ -48,27 +55,10 @@ struct FaultFigures {
     std::uint64_t injected = 0;
     std::string reported;  // what the host counts of the stream, with its first kind
 };
-
-struct Figures {
-    std::vector<StreamFigures> streams;
-    std::vector<FaultFigures> faults;  // every kind that the scenario names
-    Spread instrument;                 // actual less planned send time of the commands
-    Spread lateness;                   // actual less planned send time of the setpoints
-    Spread command_to_setpoint;
-    Spread answer;  // from the arrival of a setpoint to its answer
-    std::vector<std::pair<double, std::string>>
-        history;  // seconds after the first command, and what happened
-};
-
-struct FeedbackCounts {
-    std::uint64_t sent = 0;
-    FaultCounts faults;
-};
-
-Figures MakeFigures(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts,
-                    const FeedbackCounts& feedback);
-
-double MicrosecondsOf(std::chrono::nanoseconds duration);
-double SecondsSince(const RunFacts& facts, time_point time);  // after the first command
+// Every kind that the scenario names for the stream.
+std::vector<FaultFigures> FiguresOfFaults(const Scenario& scenario, Stream stream, const FaultCounts& counts,
+                                          std::string reported);
+// What the host counts of a stream that it receives; empty if it doesn't know the stream.
+std::string HostCountsOf(const RunFacts& facts, const std::string& host_name);
 
 }  // namespace vosk::rig

@@ -32,10 +32,8 @@ std::string CutToWidth(std::string line, std::size_t width) {
 }  // namespace
 
 std::string FormatProgress(const ProgressFigures& figures) {
-    return fmt::format(
-        "{:5.1f}/{:g} s {} ({}): {} commands, {} setpoints, {} checked, {} wrong, late p99 {:.0f} us",
-        figures.time, figures.duration, figures.mode, figures.source, figures.commands, figures.setpoints,
-        figures.checked, figures.wrong, figures.late_p99);
+    return fmt::format("{:5.1f}/{:g} s {} ({}): {}", figures.time, figures.duration, figures.mode,
+                       figures.source, figures.peers);
 }
 
 Progress::Progress() : m_terminal(isatty(STDOUT_FILENO) == 1) {}

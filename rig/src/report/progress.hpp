@@ -3,7 +3,6 @@
 // Tells how a run goes: one line that keeps changing where somebody looks at a terminal, a plain line a
 // second elsewhere. Used by the driver of the run.
 
-#include <cstdint>
 #include <string>
 
 namespace vosk::rig {
@@ -13,11 +12,7 @@ struct ProgressFigures {
     double duration = 0.0;
     std::string mode;
     std::string source;
-    std::uint64_t commands = 0;
-    std::uint64_t setpoints = 0;
-    std::uint64_t checked = 0;
-    std::uint64_t wrong = 0;
-    double late_p99 = 0.0;  // of the last second's setpoints, microseconds
+    std::string peers;  // in their words
 };
 
 std::string FormatProgress(const ProgressFigures& figures);

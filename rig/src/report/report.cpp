@@ -8,25 +8,34 @@
 namespace vosk::rig {
 namespace {
 
+template <class T>
+void Append(std::vector<T>& to, const std::vector<T>& from) {
+    to.insert(to.end(), from.begin(), from.end());
+}
+
 class Author {
 public:
-    Author(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts, const Figures& figures)
-        : m_scenario(scenario), m_facts(facts), m_accounts(accounts), m_figures(figures) {}
+    Author(const Scenario& scenario, const RunFacts& facts, std::span<const PeerAccount> accounts)
+        : m_scenario(scenario), m_facts(facts), m_accounts(accounts) {}
 
-    RunReport Write() const {
+    RunReport Write(std::vector<std::string> violations) const {
         RunReport report;
-        report.sections = {Settings(), Commands(), Answers(), Counts(),
-                           Streams(),  Faults(),   Times(),   History()};
-        report.holds = m_accounts.Holds();
-        report.violations = m_accounts.violations;
+        report.name = m_scenario.name;
+        report.description = m_scenario.description;
+        report.violations = std::move(violations);
+        report.sections.push_back(Settings());
+        std::string achievements;
+        for (const PeerAccount& account : m_accounts) {
+            Append(report.violations, account.violations);
+            Append(report.sections, account.sections);
+            Append(report.plots, account.plots);
+            Append(report.notes, account.notes);
+            if (account.achievement.empty()) continue;
+            achievements += (achievements.empty() ? ": " : "; ") + account.achievement;
+        }
+        Append(report.sections, {Counts(), Streams(), Faults(), Times(), WriteHistory()});
+        report.verdict = report.Holds() ? "the verdict holds" + achievements : "the verdict does not hold";
         report.advice = m_facts.advice;
-        report.verdict =
-            report.holds
-                ? fmt::format(
-                      "the verdict holds: {} of {} valid commands under INS control led to the setpoint "
-                      "that the rig computes; every other one is accounted for by name",
-                      m_accounts.Count(CommandFate::AsPredicted), m_accounts.valid_in_ins_control)
-                : "the verdict does not hold";
         return report;
     }
 
@@ -47,52 +56,6 @@ private:
                          host.PeerPriority(), m_facts.advice.empty() ? "" : "; not granted by the system")}};
     }
 
-    ReportSection Commands() const {
-        ReportSection section{"Commands", {"what became of them", "count", ""}, {}, {}};
-        const auto row = [&](std::string_view name, std::uint64_t count, std::string_view meaning) {
-            if (count > 0)
-                section.rows.push_back({std::string(name), fmt::to_string(count), std::string(meaning)});
-        };
-        for (std::size_t i = 0; i < COMMAND_FATES; ++i) {
-            const auto fate = static_cast<CommandFate>(i);
-            row(NameOf(fate), m_accounts.count[i], MeaningOf(fate));
-        }
-        row("all", m_facts.commands.size(), "sent");
-        row("rig overran", m_facts.instrument_overruns, "never sent, as the rig itself woke too late");
-        row("step limited", m_accounts.velocity_limited, "the step limit scaled the setpoint");
-        row("gap limited", m_accounts.gap_limited, "the position limit scaled the setpoint");
-        row("sent late", m_accounts.sent_late,
-            fmt::format("the setpoint reached M4 more than {} us after its time",
-                        m_scenario.expect.send_margin.count()));
-        row("retimed", m_accounts.retimed,
-            "sent at the time of an invalid command that came at once after it");
-        section.notes.push_back(
-            fmt::format("Exceptions (overwritten, late, replaced, incomplete, sent late, answer not taken): "
-                        "{} = {:.3f} % of "
-                        "the valid commands under INS control; {:.3g} % are allowed.",
-                        m_accounts.exceptions, 100.0 * m_accounts.ExceptionShare(),
-                        100.0 * m_scenario.expect.max_exceptions));
-        return section;
-    }
-
-    ReportSection Answers() const {
-        const AnswerCounts& answers = m_accounts.answers;
-        const auto row = [](const char* name, std::uint64_t count, const char* meaning) {
-            return std::vector<std::string>{name, fmt::to_string(count), meaning};
-        };
-        return {
-            "Answers of M4",
-            {"answer", "count", ""},
-            {row("in time", answers.in_time, "so early that the host must have it in time"),
-             row("close", answers.close, "so close to the end of the host's patience that either may happen"),
-             row("late", answers.late, "after the end of the host's patience"),
-             row("wrong ID", answers.wrong_id, "sent with another sample ID by the rig"),
-             row("harmed", answers.harmed, "spoilt by the rig on its way to the host"),
-             row("not sent", answers.not_sent, "M4 died with the answer due"),
-             row("not taken", answers.not_taken, "of those in time: the next setpoint does not build on it")},
-            {}};
-    }
-
     ReportSection Counts() const {
         ReportSection section{"What the host counts", {"count", "since its start"}, {}, {}};
         const auto row = [&](std::string name, std::uint64_t count) {
@@ -109,41 +72,58 @@ private:
                               {"stream", "sent", "received", "lost", "invalid", "rate, Hz", "jitter, us", ""},
                               {},
                               {}};
-        for (const StreamFigures& stream : m_figures.streams) {
-            std::vector<std::string> row{stream.name};
-            for (const std::string& cell : CellsOf(stream)) row.push_back(cell);
-            row.push_back(stream.remark);
-            section.rows.push_back(std::move(row));
+        for (const PeerAccount& account : m_accounts) {
+            for (const StreamFigures& stream : account.streams) {
+                std::vector<std::string> row{stream.name};
+                for (const std::string& cell : CellsOf(stream)) row.push_back(cell);
+                row.push_back(stream.remark);
+                section.rows.push_back(std::move(row));
+            }
         }
         return section;
     }
 
     ReportSection Faults() const {
         ReportSection section{"Faults injected", {"stream", "kind", "injected", ""}, {}, {}};
-        for (const FaultFigures& fault : m_figures.faults)
-            section.rows.push_back({ToString(fault.stream), ToString(fault.kind),
-                                    fmt::to_string(fault.injected), fault.reported});
+        for (const PeerAccount& account : m_accounts)
+            for (const FaultFigures& fault : account.faults)
+                section.rows.push_back({ToString(fault.stream), ToString(fault.kind),
+                                        fmt::to_string(fault.injected), fault.reported});
         return section;
     }
 
     ReportSection Times() const {
         ReportSection section{"Times", {"us", "min", "p50", "p99", "max"}, {}, {}};
-        const auto row = [&](const char* name, const Spread& spread) {
-            section.rows.push_back({name, fmt::format("{:.1f}", spread.min),
-                                    fmt::format("{:.1f}", spread.p50), fmt::format("{:.1f}", spread.p99),
-                                    fmt::format("{:.1f}", spread.max)});
-        };
-        row("command: actual less planned send time", m_figures.instrument);
-        row("setpoint: actual less planned send time", m_figures.lateness);
-        row("command sent to setpoint received", m_figures.command_to_setpoint);
-        row("setpoint received to answer sent", m_figures.answer);
+        for (const PeerAccount& account : m_accounts) {
+            for (const auto& [name, spread] : account.times) {
+                std::vector<std::string> row{name};
+                for (const double value : {spread.min, spread.p50, spread.p99, spread.max})
+                    row.push_back(fmt::format("{:.1f}", value));
+                section.rows.push_back(std::move(row));
+            }
+        }
         return section;
     }
 
-    ReportSection History() const {
+    ReportSection WriteHistory() const {
+        History history;
+        for (const ModeTimeline::Change& change : m_facts.modes) {
+            const auto mode = vosk::to_string(change.mode);
+            history.emplace_back(m_facts.SecondsSinceStart(change.asked), "rig asks for " + mode);
+            if (change.done != time_point::max())
+                history.emplace_back(m_facts.SecondsSinceStart(change.done), "host confirms " + mode);
+        }
+        for (const Step& step : m_scenario.steps)
+            if (!std::holds_alternative<SetMode>(step.action) && step.at < m_scenario.duration)
+                history.emplace_back(step.at.count(), "step: " + ToString(step));
+        for (const HostEvent& event : m_facts.status.events)
+            history.emplace_back(m_facts.SecondsSinceStart(event.time), "host: " + event.text);
+        for (const PeerAccount& account : m_accounts) Append(history, account.history);
+        std::stable_sort(history.begin(), history.end(),
+                         [](const auto& left, const auto& right) { return left.first < right.first; });
+
         ReportSection section{"Handover and events", {"s", ""}, {}, {}};
-        for (const auto& [time, what] : m_figures.history)
-            section.rows.push_back({fmt::format("{:.6f}", time), what});
+        for (const auto& [time, what] : history) section.rows.push_back({fmt::format("{:.6f}", time), what});
         if (m_facts.stop_took)
             section.notes.push_back(fmt::format("The host ended {:.1f} ms after SIGTERM, with code {}.",
                                                 MicrosecondsOf(*m_facts.stop_took) / 1e3,
@@ -153,15 +133,14 @@ private:
 
     const Scenario& m_scenario;
     const RunFacts& m_facts;
-    const Accounts& m_accounts;
-    const Figures& m_figures;
+    const std::span<const PeerAccount> m_accounts;
 };
 
 }  // namespace
 
-RunReport MakeReport(const Scenario& scenario, const RunFacts& facts, const Accounts& accounts,
-                     const Figures& figures) {
-    return Author(scenario, facts, accounts, figures).Write();
+RunReport MakeReport(const Scenario& scenario, const RunFacts& facts, std::vector<std::string> violations,
+                     std::span<const PeerAccount> accounts) {
+    return Author(scenario, facts, accounts).Write(std::move(violations));
 }
 
 }  // namespace vosk::rig

@@ -41,7 +41,7 @@ std::string MakeTable(const RunReport& report) {
     std::string text;
     for (const ReportSection& section : report.sections)
         if (!section.rows.empty() || !section.notes.empty()) text += FormatSection(section);
-    text += fmt::format("\nVERDICT: {}\n", report.holds ? "holds" : "does not hold");
+    text += fmt::format("\nVERDICT: {}\n", report.Holds() ? "holds" : "does not hold");
     for (const std::string& violation : report.violations) text += fmt::format("  - {}\n", violation);
     if (!report.advice.empty()) text += report.advice + "\n";
     return text;

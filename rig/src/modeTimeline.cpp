@@ -1,4 +1,4 @@
-#include "runLog.hpp"
+#include "modeTimeline.hpp"
 
 #include <algorithm>
 
@@ -48,21 +48,6 @@ std::size_t ModeTimeline::HandoversAskedBy(time_point time) const {
         before = change.mode;
     }
     return handovers;
-}
-
-void Absences::Begin(time_point now) {
-    const std::lock_guard lock(m_mutex);
-    m_absences.push_back({now, time_point::max()});
-}
-
-void Absences::End(time_point now) {
-    const std::lock_guard lock(m_mutex);
-    if (!m_absences.empty()) m_absences.back().to = now;
-}
-
-std::vector<Absences::Absence> Absences::All() const {
-    const std::lock_guard lock(m_mutex);
-    return m_absences;
 }
 
 }  // namespace vosk::rig

@@ -1,13 +1,15 @@
 #pragma once
 
-// Writes the rig's FITS images: beside the file and moved into place, so that an interrupted run leaves no
-// half of one.
+// Writes the rig's files. FITS images are written beside the file and moved into place, so that an
+// interrupted run leaves no half of one.
 
 #include <unistd.h>
 #include <vosk/common/fits.hpp>
 
 #include <filesystem>
+#include <fstream>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,14 @@ void WriteFitsImage(const std::filesystem::path& file, std::span<const T> values
         common::Fits::WriteImg<T>(fits, values, axes);
     }
     std::filesystem::rename(partial, file);
+}
+
+// Throws std::runtime_error if the file can't be written.
+inline void WriteTextFile(const std::filesystem::path& file, const std::string& text) {
+    std::ofstream output(file, std::ios::binary | std::ios::trunc);
+    output << text;
+    output.close();
+    if (!output) throw std::runtime_error(file.string() + ": can't be written");
 }
 
 }  // namespace vosk::rig

@@ -1,0 +1,32 @@
+#pragma once
+
+// The host's configuration document, to which each peer adds what the host must know of it.
+
+#include "scenario.hpp"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vosk::rig {
+
+class HostDocument {
+public:
+    explicit HostDocument(const Scenario& scenario) : m_name(scenario.name), m_host(scenario.host) {}
+
+    // One object of the host: the only element of the list `group`.`key`. `value`: a YAML map, in one line or
+    // in several.
+    void Add(const std::string& group, const std::string& key, const std::string& value);
+    // A stream that the host receives.
+    void AddInput(const std::string& group, const std::string& key, std::uint16_t port, std::uint32_t topic);
+
+    std::string Text() const;
+
+private:
+    std::string m_name;
+    HostSettings m_host;
+    std::map<std::string, std::string> m_groups;  // the text below each
+};
+
+}  // namespace vosk::rig

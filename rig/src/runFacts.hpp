@@ -1,0 +1,38 @@
+#pragma once
+
+// What is known of the run and of the host when a run is over, whoever its peers were.
+
+#include "clock.hpp"
+#include "host/hostStatus.hpp"
+#include "modeTimeline.hpp"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vosk::rig {
+
+struct RunFacts {
+    std::string advice;  // what this run lacks on this machine and how to get it, if anything
+    time_point start;    // of the instrument's time grid
+    std::vector<ModeTimeline::Change> modes;
+    HostStatus status;                     // the last one before the end
+    time_point status_time;                // when the rig asked for it
+    bool at_rest = false;                  // no sample was on its way then
+    std::optional<time_point> stop_asked;  // of the host, in mid-run
+    std::optional<std::chrono::nanoseconds> stop_took;
+    std::optional<int> host_exit;
+    std::optional<std::string> trouble;  // what ended the run early, if anything did
+
+    double SecondsSinceStart(time_point time) const {
+        return std::chrono::duration<double>(time - start).count();
+    }
+    // Null if the host tells nothing of a stream of this name.
+    const HostStream* FindStream(const std::string& name) const {
+        const auto found = status.streams.find(name);
+        return found == status.streams.end() ? nullptr : &found->second;
+    }
+};
+
+}  // namespace vosk::rig
