@@ -1,56 +1,44 @@
 #include <oru/configng/pliConfigDocument.hpp>
 
-#include <iterator>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
 
 using namespace oru::configng;
-using testing::HasSubstr;
+using namespace testing;
+using namespace vosk::test;
 using Matrix = oru::experimental::datatypes::PliMatrix2D<double>;
 using oru::configng::util::IsActualMatrix;
 using Shape = std::optional<std::pair<unsigned long, unsigned long>>;
 
 namespace {
 
-using namespace vosk::test;
-
 PliConfigInstanceNode Value(const std::string& text) {
-    return vosk::test::NodeOf("v: " + text)["v"];
+    return NodeOf("v: " + text)["v"];
 }
 
 template <class T>
-std::string RefusalOf(const std::string& text) {
-    return TextOf<PliConfigValueError>([&text] { return Value(text).As<T>(); });
+void ExpectRefusal(std::initializer_list<const char*> texts, const std::string& reason) {
+    for (const char* text : texts)
+        EXPECT_THAT(TextOf<PliConfigValueError>([text] { return Value(text).As<T>(); }), EndsWith(reason))
+            << text;
 }
 
-TEST(Node, KnowsItsPathAndPlace) {
-    const auto top =
-        vosk::test::NodeOf("# head\ncfg:\n  m4:\n    output:\n      - cpu: 3\n        busy: true\n");
-    const auto cpu = top["cfg"]["m4"]["output"][0]["busy"];
-    EXPECT_EQ(cpu.GetPath(), "cfg.m4.output[0].busy");
-    EXPECT_EQ(cpu.GetLine(), 6);
-    EXPECT_EQ(cpu.GetFile(), "test.yaml");
-    EXPECT_EQ(top["cfg"].GetLine(), 2);
-    EXPECT_EQ(top.GetPath(), "test.yaml");
-
+TEST(Node, KnowsItsPathAndPlaceAndOutlivesItsDocument) {
+    const auto busy = NodeOf(
+        "# head\ncfg:\n  m4:\n    output:\n      - cpu: 3\n        busy: {b: deep}\n")["cfg"]["m4"]["output"]
+                                                                                      [0]["busy"];
+    EXPECT_EQ(busy.GetPath(), "cfg.m4.output[0].busy");
+    EXPECT_EQ(busy.GetWhere(), "test.yaml:6");
+    EXPECT_EQ(busy["b"].As<std::string>(), "deep");
+    EXPECT_EQ(NodeOf("a: 1").GetPath(), "test.yaml");
     const PliConfigInstanceNode nowhere;
     EXPECT_EQ(nowhere.GetKind(), PliConfigNodeKind::UNDEFINED);
     EXPECT_EQ(nowhere.GetWhere(), "");
 }
 
-TEST(Node, OutlivesItsDocument) {
-    PliConfigInstanceNode kept;
-    {
-        const auto document = PliConfigDocument::FromText("cfg: {a: [1, {b: deep}]}", "gone.yaml");
-        kept = document.Instances()["cfg"]["a"][1];
-    }
-    EXPECT_EQ(kept["b"].As<std::string>(), "deep");
-    EXPECT_EQ(kept.GetPath(), "cfg.a[1]");
-}
-
-TEST(Node, TellsWhatItLacks) {
-    const auto cfg = vosk::test::NodeOf("cfg: {list: [1, 2], text: x, nothing: }")["cfg"];
+TEST(Node, RefusesAnAccessToWhatItIsNot) {
+    const auto cfg = NodeOf("cfg: {list: [1, 2], text: x, nothing: }")["cfg"];
     EXPECT_EQ(cfg.GetSize(), 3U);
     EXPECT_TRUE(cfg.Has("list"));
     EXPECT_FALSE(cfg.Has("List"));
@@ -58,21 +46,22 @@ TEST(Node, TellsWhatItLacks) {
 
     const auto list = cfg["list"];
     const auto text = cfg["text"];
-    EXPECT_EQ(TextOf<PliConfigNotFoundError>([&] { cfg["busy"]; }), "Member busy not defined in node cfg");
-    EXPECT_EQ(TextOf<PliConfigNotFoundError>([&] { list[2]; }),
-              "Element with index 2 not defined in node cfg.list");
-    EXPECT_EQ(TextOf<PliConfigNotFoundError>([&] { list[-1]; }),
-              "Element with index -1 not defined in node cfg.list");
-    const std::pair<std::function<void()>, const char*> of_another_kind[] = {
-        {[&] { static_cast<void>(text.Has("a")); },
-         "Member existence by name is supported only on MAP nodes"},
-        {[&] { list["a"]; }, "Member access by name not supported on non map nodes"},
-        {[&] { cfg[0]; }, "Member access by index not supported on non sequence nodes"},
-        {[&] { static_cast<void>(text.GetSize()); }, "GetSize() not supported on non sequence/map nodes"},
-        {[&] { static_cast<void>(cfg.GetScalar()); },
-         "Invalid access to scalar value, node type is not SCALAR"},
-        {[&] { static_cast<void>(list.Keys()); }, "Invalid access to map value, node type is not MAP"}};
-    for (const auto& [call, expected] : of_another_kind)
+    using Refusals = std::vector<std::pair<std::function<void()>, const char*>>;
+    for (const auto& [call, expected] :
+         Refusals{{[&] { cfg["busy"]; }, "Member busy not defined in node cfg"},
+                  {[&] { list[2]; }, "Element with index 2 not defined in node cfg.list"},
+                  {[&] { list[-1]; }, "Element with index -1 not defined in node cfg.list"}})
+        EXPECT_EQ(TextOf<PliConfigNotFoundError>(call), expected);
+    for (const auto& [call, expected] : Refusals{
+             {[&] { static_cast<void>(text.Has("a")); },
+              "Member existence by name is supported only on MAP nodes"},
+             {[&] { list["a"]; }, "Member access by name not supported on non map nodes"},
+             {[&] { cfg[0]; }, "Member access by index not supported on non sequence nodes"},
+             {[&] { static_cast<void>(text.GetSize()); },
+              "GetSize() not supported on non sequence/map nodes"},
+             {[&] { static_cast<void>(cfg.GetScalar()); },
+              "Invalid access to scalar value, node type is not SCALAR"},
+             {[&] { static_cast<void>(list.Keys()); }, "Invalid access to map value, node type is not MAP"}})
         EXPECT_EQ(TextOf<PliConfigTypeError>(call), expected);
     try {
         list["a"];
@@ -81,17 +70,15 @@ TEST(Node, TellsWhatItLacks) {
     }
 }
 
-TEST(Iteration, WalksInTheOrderOfTheDocument) {
-    const auto cfg = vosk::test::NodeOf("cfg: {z: 1, a: [10, 20], m: 3}")["cfg"];
-    EXPECT_EQ(cfg.Keys(), (std::vector<std::string>{"z", "a", "m"}));
+TEST(Iteration, WalksInTheOrderOfTheDocumentToItsEnd) {
+    const auto cfg = NodeOf("cfg: {z: 1, a: [10, 20], m: 3}")["cfg"];
+    EXPECT_THAT(cfg.Keys(), ElementsAre("z", "a", "m"));
     std::vector<std::string> paths;
     for (const auto& value : cfg) paths.push_back(value.GetPath());
     for (const auto& element : cfg["a"]) paths.push_back(element.GetPath());
-    EXPECT_EQ(paths, (std::vector<std::string>{"cfg.z", "cfg.a", "cfg.m", "cfg.a[0]", "cfg.a[1]"}));
+    EXPECT_THAT(paths, ElementsAre("cfg.z", "cfg.a", "cfg.m", "cfg.a[0]", "cfg.a[1]"));
     EXPECT_EQ(std::distance(cfg.begin(), cfg.end()), 3);
-}
 
-TEST(Iteration, EndsAndRefuses) {
     const auto empty = Value("[]");
     EXPECT_EQ(empty.begin(), empty.end());
     EXPECT_EQ(TextOf<PliConfigIterationError>([&] { *empty.begin(); }), "Iteration was already completed");
@@ -113,15 +100,11 @@ TEST(Scalar, ConvertsIntegersWithinTheirRange) {
     EXPECT_EQ(Value("0o17").As<int>(), 15);
     EXPECT_EQ(Value("+010").As<int>(), 10);
     EXPECT_EQ(Value("-0").As<unsigned int>(), 0U);
-
-    for (const std::string& refusal :
-         {RefusalOf<int>("2147483648"), RefusalOf<int>("-2147483649"), RefusalOf<unsigned char>("300"),
-          RefusalOf<unsigned int>("-1"), RefusalOf<unsigned long>("18446744073709551616")}) {
-        EXPECT_THAT(refusal, HasSubstr(" is out of range"));
-    }
-    for (const char* text : {"12abc", "yes", "1.0", "1e3", "--1", "+-1", "0x", "1_000", "+"}) {
-        EXPECT_THAT(RefusalOf<int>(text), HasSubstr(" is no integer")) << text;
-    }
+    ExpectRefusal<int>({"2147483648", "-2147483649"}, " is out of range");
+    ExpectRefusal<unsigned char>({"300"}, " is out of range");
+    ExpectRefusal<unsigned int>({"-1"}, " is out of range");
+    ExpectRefusal<unsigned long>({"18446744073709551616"}, " is out of range");
+    ExpectRefusal<int>({"12abc", "yes", "1.0", "1e3", "--1", "+-1", "0x", "1_000", "+"}, " is no integer");
 }
 
 TEST(Scalar, ConvertsRealsAndBooleans) {
@@ -130,31 +113,23 @@ TEST(Scalar, ConvertsRealsAndBooleans) {
     EXPECT_EQ(Value("+.5").As<double>(), 0.5);
     EXPECT_EQ(Value("-.inf").As<float>(), -std::numeric_limits<float>::infinity());
     EXPECT_TRUE(std::isnan(Value(".nan").As<double>()));
-    EXPECT_THAT(RefusalOf<float>("1e39"), HasSubstr(" is out of range"));
-    for (const char* text : {"inf", "nan", "1.5x", "+-5", ".", "0x10", "1,5", "true"}) {
-        EXPECT_THAT(RefusalOf<double>(text), HasSubstr(" is no number")) << text;
-    }
-
+    ExpectRefusal<float>({"1e39"}, " is out of range");
+    ExpectRefusal<double>({"inf", "nan", "1.5x", "+-5", ".", "0x10", "1,5", "true"}, " is no number");
     for (const char* text : {"true", "True", "TRUE"}) EXPECT_TRUE(Value(text).As<bool>());
     for (const char* text : {"false", "False", "FALSE"}) EXPECT_FALSE(Value(text).As<bool>());
-    for (const char* text : {"yes", "on", "1", "tRUE", "truee"}) {
-        EXPECT_THAT(RefusalOf<bool>(text), HasSubstr(" is neither true nor false")) << text;
-    }
+    ExpectRefusal<bool>({"yes", "on", "1", "tRUE", "truee"}, " is neither true nor false");
 }
 
-TEST(Scalar, TakesQuotedTextForText) {
+TEST(Scalar, TakesQuotedTextForTextAndOtherKindsForNoValue) {
     EXPECT_EQ(Value("'3'").As<std::string>(), "3");
     EXPECT_EQ(Value("500 us").As<std::string>(), "500 us");
     EXPECT_EQ(Value("'~'").As<std::string>(), "~");
-    EXPECT_EQ(RefusalOf<int>("\"3\""),
-              "Data type conversion to int for node v failed, reason: \"3\" is quoted, so it is text");
-    EXPECT_THAT(RefusalOf<bool>("!!str true"), HasSubstr("quoted"));
-}
-
-TEST(Scalar, OtherKindsAreNoValue) {
-    EXPECT_EQ(RefusalOf<int>("{a: 1}"),
-              "Data type conversion to int for node v failed, reason: disallowed by converter");
-    EXPECT_THAT(RefusalOf<std::string>("~"), HasSubstr("reason: disallowed by converter"));
+    ExpectRefusal<bool>({"!!str true"}, "\"true\" is quoted, so it is text");
+    ExpectRefusal<int>(
+        {"\"3\""}, "Data type conversion to int for node v failed, reason: \"3\" is quoted, so it is text");
+    ExpectRefusal<int>({"{a: 1}"},
+                       "Data type conversion to int for node v failed, reason: disallowed by converter");
+    ExpectRefusal<std::string>({"~"}, "reason: disallowed by converter");
 }
 
 TEST(Matrix, IsFoundAndReadRowByRow) {
@@ -163,8 +138,13 @@ TEST(Matrix, IsFoundAndReadRowByRow) {
     const auto matrix = node.As<Matrix>();
     EXPECT_EQ(matrix.GetRows(), 2U);
     EXPECT_EQ(matrix.GetColumns(), 3U);
-    EXPECT_EQ(matrix.GetData(), (std::vector<double>{1, 2, 3, 4, 5, 6.5}));
+    EXPECT_THAT(matrix.GetData(), ElementsAre(1, 2, 3, 4, 5, 6.5));
     EXPECT_EQ(Value("[]").As<Matrix>().GetData().size(), 0U);
+    const std::string start =
+        "Data type conversion to oru::experimental::datatypes::PliMatrix2D<double> for node v failed, "
+        "reason: ";
+    ExpectRefusal<Matrix>({"[[1, 2], [3]]", "[[1, [2]]]"}, start + "disallowed by converter");
+    ExpectRefusal<Matrix>({"[[1, x]]"}, start + "\"x\" is no number");
 }
 
 TEST(Matrix, LogsWhyANodeIsNone) {
@@ -175,18 +155,9 @@ TEST(Matrix, LogsWhyANodeIsNone) {
     EXPECT_EQ(IsActualMatrix(Value("[[1, 2], [3, 4], [5]]")), std::nullopt);
     const auto debug = [](const char* text) { return LogCapture::Line{log4cplus::DEBUG_LOG_LEVEL, text}; };
     EXPECT_THAT(log.Lines(),
-                testing::ElementsAre(debug("IsActualMatrix: dimensions are zero"),
-                                     debug("IsActualMatrix: Member row is not a sequence ( it is 3"),
-                                     debug("IsActualMatrix: Member row 3 has incorrect size 1 expected: 2")));
-}
-
-TEST(Matrix, RefusesOtherShapesAndElements) {
-    const std::string start =
-        "Data type conversion to oru::experimental::datatypes::PliMatrix2D<double> for node v failed, "
-        "reason: ";
-    EXPECT_EQ(RefusalOf<Matrix>("[[1, 2], [3]]"), start + "disallowed by converter");
-    EXPECT_EQ(RefusalOf<Matrix>("[[1, [2]]]"), start + "disallowed by converter");
-    EXPECT_EQ(RefusalOf<Matrix>("[[1, x]]"), start + "\"x\" is no number");
+                ElementsAre(debug("IsActualMatrix: dimensions are zero"),
+                            debug("IsActualMatrix: Member row is not a sequence ( it is 3"),
+                            debug("IsActualMatrix: Member row 3 has incorrect size 1 expected: 2")));
 }
 
 }  // namespace

@@ -71,6 +71,30 @@ inline Bytes With(Bytes datagram, std::size_t offset, unsigned value) {
     return datagram;
 }
 
+// Samples and frames by the words of a text: ID, then where it differs .frame, @nanoseconds after TIME (or no
+// time at all), /component.
+inline Packets PacketsOf(const std::string& words) {
+    Packets packets;
+    std::istringstream in{words};
+    for (std::string word; in >> word;) {
+        std::size_t end = 0;
+        Sample sample{.id = static_cast<unsigned>(std::stoul(word, &end))};
+        std::size_t number = 0;
+        for (word.erase(0, end); !word.empty(); word.erase(0, end)) {
+            const bool is_given = word.size() > 1;
+            const long value = is_given ? std::stol(word.substr(1), &end) : 0;
+            end = is_given ? end + 1 : 1;
+            if (word[0] == '.') number = static_cast<std::size_t>(value);
+            if (word[0] == '@')
+                sample.time = is_given ? TIME + std::chrono::nanoseconds{value} : time_point{};
+            if (word[0] == '/') sample.component = static_cast<std::uint16_t>(value);
+        }
+        for (const Bytes& frame : number == 0 ? Cut(sample) : Packets{Frame(sample, number)})
+            packets.push_back(frame);
+    }
+    return packets;
+}
+
 // Datagrams in the order of arrival, and all that comes of them.
 struct Arrivals {
     const char* name;

@@ -45,7 +45,8 @@ TEST(QudexReceiver, RefusesSamplesThatCannotBeReceivedAndGoesOn) {
                            {"overlapping", {placed(5, {0, 9, 20})}, "qudex:4", ""},
                            {"with a hole", {placed(6, {0, 11, 20})}, "qudex:4", ""},
                            {"out of order", {placed(7, {0, 20, 10})}, "qudex:4", ""},
-                           {"begun late", {placed(8, {1, 11, 20})}, "qudex:4", " stale 2"}};
+                           {"begun late", {placed(8, {1, 11, 20})}, "qudex:4", " stale 2"},
+                           {"ended early", {SizeUntold(Cut({3, 3, 29}))}, "qudex:2", ""}};
     for (const auto& [name, refused, error, rest] : cases) {
         QudexBench{}.Expect({name, {refused[0], Cut({9})}, error + " 9", "refused 1" + rest});
     }
@@ -94,104 +95,60 @@ TEST(QudexReceiver, StraysThatNoSampleCanHoldCostNothing) {
     QudexBench{6, 60}.Expect(arrivals);
 }
 
+struct Late {
+    const char* name;
+    const char* packets;
+    const char* received;
+    const char* counts;
+};
+
 TEST(QudexReceiver, LateAndForgedPacketsCostNoSampleButTheirOwn) {
-    const auto at = [](unsigned id, std::int64_t ns) {
-        return Cut({.id = id, .time = TIME + std::chrono::nanoseconds{ns}});
-    };
-    const auto undated = [](unsigned id) { return Cut({.id = id, .time = {}}); };
-    const auto range = [&](unsigned first, unsigned last) {
-        Packets packets;
-        for (unsigned id = first; id <= last; ++id) {
-            for (const Bytes& frame : Cut({id})) packets.push_back(frame);
-        }
-        return packets;
-    };
-    Arrivals replays{"replays, a clock set back, a sender restarted with an older clock",
-                     {},
-                     "100 101 102 103 104 4 5",
-                     "stale 45"};
-    for (unsigned id = 100; id < 104; ++id) {
-        for (const auto& [it, time] : {std::pair{id, id}, {id - 40, 50U}, {id - 39, 50U}, {id + 1000, 50U}})
-            replays.packets.push_back(at(it, time));
-    }
-    replays.packets.push_back(at(104, 90));
-    for (unsigned id = 1; id <= 5; ++id) replays.packets.push_back(at(id, id));
-    Arrivals forged{"a forged sample that makes three late",
-                    {Cut({10}), at(26, 1000)},
-                    "10 26 14 15 16 17",
-                    "missed 15 stale 30"};
-    for (unsigned id = 11; id <= 17; ++id) {
-        forged.packets.push_back(Cut({id}));
-        forged.packets.push_back(Cut({10}));  // was delivered, and stays over
-    }
-    Arrivals senders{"two senders", {}, "1 2 3", "foreign 9 reordered 3"};
-    Arrivals twice{"two ways, so that each comes twice", {}, "4 5 6 7 8 9 10 11 12 13", "stale 30"};
-    for (unsigned id = 1; id <= 10; ++id) {
-        twice.packets.push_back(Cut({id + 3}));
-        twice.packets.push_back(Cut({id}));
-        const auto ours = Cut({.id = id, .component = 5});
-        const auto theirs = Cut({.id = id, .component = 6});
-        if (id <= 3) senders.packets.push_back({ours[0], theirs[1], theirs[0], ours[2], theirs[2], ours[1]});
-    }
-    // The clock is behind, and the samples make no run: they are numbered in large steps. One is lost on the
-    // way.
-    Arrivals alone{"a stream from which nothing else is delivered",
-                   {at(1000, 3600)},
-                   "1000 qudex:1 2360",
-                   "given_up 1 lost 1 stale 49"};
-    for (unsigned i = 1; i <= 18; ++i) alone.packets.push_back(Cut({2000 + 20 * i}));
-    const Arrivals cases[]{
-        alone,
-        replays,
-        forged,
-        senders,
-        twice,
-        {"late, twice, new starts by time and by ID",
-         {at(100, 0), at(99, -1), at(100, 0), at(102, 2), at(101, 1), at(98, 3), undated(0),
-          undated(0xFFFFFFFF), at(1, 4)},
-         "100 102 98 0 1",
-         "missed 1 stale 12"},
-        {"15 IDs back is late, 16 a new start",
-         {undated(100), undated(85), undated(84)},
-         "100 84",
-         "stale 3"},
-        {"15 IDs ahead an older time does not count",
-         {at(100, 9), at(115, 0), at(131, -1)},
-         "100 115",
-         "missed 14 stale 3"},
-        // 3 missed, then 9997, then none, as the sender was started again, ahead and back; 11 did not come.
-        {"missed samples",
-         {Cut({0xFFFFFFFE}), Cut({2}), Cut({10000}), Cut({3000000}), Cut({10}), {Frame({12}, 2)}, Cut({13})},
-         "4294967294 2 10000 3000000 10 qudex:1 13",
+    const Late cases[]{
+        {"replays, a clock set back, a sender restarted with an older clock",
+         "100@100 60@50 61@50 1100@50 101@101 61@50 62@50 1101@50 102@102 62@50 63@50 1102@50 "
+         "103@103 63@50 64@50 1103@50 104@90 1@1 2@2 3@3 4@4 5@5",
+         "100 101 102 103 104 4 5", "stale 45"},
+        {"a forged sample that makes three late; 10 was delivered, and stays over",
+         "10 26@1000 11 10 12 10 13 10 14 10 15 10 16 10 17 10", "10 26 14 15 16 17", "missed 15 stale 30"},
+        {"two senders",
+         "1/5.1 1/6.2 1/6.1 1/5.3 1/6.3 1/5.2 2/5.1 2/6.2 2/6.1 2/5.3 2/6.3 2/5.2 "
+         "3/5.1 3/6.2 3/6.1 3/5.3 3/6.3 3/5.2",
+         "1 2 3", "foreign 9 reordered 3"},
+        {"two ways, so that each comes twice", "4 1 5 2 6 3 7 4 8 5 9 6 10 7 11 8 12 9 13 10",
+         "4 5 6 7 8 9 10 11 12 13", "stale 30"},
+        {"a clock that is behind, and samples in large steps, which make no run; one is lost on the way",
+         "1000@3600 2020 2040 2060 2080 2100 2120 2140 2160 2180 2200 2220 2240 2260 2280 2300 2320 2340 "
+         "2360",
+         "1000 qudex:1 2360", "given_up 1 lost 1 stale 49"},
+        {"late, twice, new starts by time and by ID", "100@0 99@-1 100@0 102@2 101@1 98@3 0@ 4294967295@ 1@4",
+         "100 102 98 0 1", "missed 1 stale 12"},
+        {"15 IDs back is late, 16 a new start", "100@ 85@ 84@", "100 84", "stale 3"},
+        {"15 IDs ahead an older time does not count", "100@9 115@0 131@-1", "100 115", "missed 14 stale 3"},
+        {"3 missed, 9997, none as the sender was started again, ahead and back; 11 did not come",
+         "4294967294 2 10000 3000000 10 12.2 13", "4294967294 2 10000 3000000 10 qudex:1 13",
          "given_up 1 missed 10001 lost 2"},
-        {"forged frames of the future",
-         {Cut({10}), {Frame({14}, 2), Frame({0x80000000}, 1)}, range(11, 16)},
-         "10 qudex:1 qudex:1 11 12 13 15 16",
-         "given_up 2 missed 1 lost 4 stale 3"}};
-    for (const Arrivals& arrivals : cases) QudexBench{}.Expect(arrivals);
+        {"forged frames of the future", "10 14.2 2147483648.1 11 12 13 14 15 16",
+         "10 qudex:1 qudex:1 11 12 13 15 16", "given_up 2 missed 1 lost 4 stale 3"}};
+    for (const auto& [name, packets, received, counts] : cases)
+        QudexBench{}.Expect({name, {PacketsOf(packets)}, received, counts});
 }
 
 TEST(QudexReceiver, LatePacketsThatMakeUpNoRunOfSamplesChangeNothing) {
-    const Arrivals cases[]{
-        {"copies of one frame", {Packets(20, Frame({15}, 1))}, "", "stale 63"},
+    const std::tuple<const char*, Packets, const char*> cases[]{
+        {"copies of one frame", Packets(20, Frame({15}, 1)), "stale 63"},
         {"samples of one frame that do not fit",
-         {Cut({13, 1, 1}), Cut({14, 1, 1}), Cut({15, 1, 1})},
-         "",
+         {Frame({13, 1, 1}, 1), Frame({14, 1, 1}, 1), Frame({15, 1, 1}, 1)},
          "malformed 9 stale 3"},
-        {"frames of several cuts", {Cut({13, 1}), Cut({14, 2}), Cut({15, 1})}, "", "stale 15"},
-        {"the last frames of samples", {{Frame({13}, 3), Frame({14}, 3), Frame({15}, 3)}}, "", "stale 12"},
-        {"several senders",
-         {Cut({13, 1, 30, TIME, 1}), Cut({14, 1, 30, TIME, 2}), Cut({15, 1, 30, TIME, 3})},
-         "",
-         "stale 12"}};
-    for (const auto& [name, strays, none, counts] : cases) {
-        Arrivals arrivals{name, {Cut({16})}, "16 17", counts};
-        for (int i = 0; i < 3; ++i)
-            arrivals.packets.insert(arrivals.packets.end(), strays.begin(), strays.end());
-        arrivals.packets.push_back(Cut({12}));  // late as well
-        arrivals.packets.push_back(Cut({17}));
-        QudexBench{}.Expect(arrivals);
-    }
+        {"frames of several cuts",
+         {Frame({13, 1}, 1), Frame({14, 2}, 1), Frame({14, 2}, 2), Frame({15, 1}, 1)},
+         "stale 15"},
+        {"the last frames of samples", PacketsOf("13.3 14.3 15.3"), "stale 12"},
+        {"first frames, and the last ones twice", PacketsOf("13.1 13.3 13.3 14.1 14.3 14.3 15.1 15.3 15.3"),
+         "stale 30"},
+        {"several senders", PacketsOf("13/1 14/2 15/3"), "stale 30"}};
+    for (const auto& [name, strays, counts] : cases)
+        QudexBench{}.Expect(
+            {name, {PacketsOf("16"), strays, strays, strays, PacketsOf("12 17")}, "16 17", counts});
 }
 
 }  // namespace
