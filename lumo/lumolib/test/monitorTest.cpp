@@ -139,6 +139,27 @@ TEST(StreamState, PeriodIsKnownFromTheSecondSampleOnAndInvalidOnesTakePart) {
     EXPECT_FLOAT_EQ(topic.period_min, 9.223372e9F);
 }
 
+// The quantile of a sorted list, or up to a sixteenth more.
+TEST(DurationHistogram, GivesQuantilesOfAnyDurationsWithinABucket) {
+    std::vector<std::int64_t> times;
+    for (std::int64_t time = 0; time < 68'000'000'000; time += time / 7 + 1) times.push_back(time);
+    DurationHistogram histogram;
+    EXPECT_EQ(histogram.GetQuantile(0.5), 0ns);
+    for (const auto time : times) histogram.Add(std::chrono::nanoseconds{time});
+    for (const double share : {0.001, 0.1, 0.5, 0.9, 0.99, 1.0}) {
+        const auto rank = static_cast<std::size_t>(std::ceil(share * static_cast<double>(times.size())));
+        const std::int64_t exact = times[rank - 1];
+        const auto found = histogram.GetQuantile(share).count();
+        EXPECT_GE(found, exact) << share;
+        EXPECT_LE(found, exact + exact / 16) << share;
+    }
+    DurationHistogram ends;
+    ends.Add(std::chrono::nanoseconds{LOWEST});
+    ends.Add(std::chrono::nanoseconds{HIGHEST});
+    EXPECT_EQ(ends.GetQuantile(0.5), 0ns);
+    EXPECT_EQ(ends.GetQuantile(1.0), std::chrono::nanoseconds{(std::int64_t{1} << 36U) - 1});
+}
+
 TEST(Monitor, SurvivesTimesAtBothEndsOfTheClock) {
     InputStreamState state{DataStreamIdentifier::M4_INPUT};
     state.RecordValidSample(At(LOWEST));

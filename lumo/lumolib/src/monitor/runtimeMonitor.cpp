@@ -40,6 +40,7 @@ RuntimeMonitor& RuntimeMonitor::CreateInstance(const gim::Config& /*config*/) {
     self.m_command_counts = std::make_shared<CommandCounts>();
     self.MakeStatistics();
     self.MakeStreamStates();
+    for (auto& frames : self.m_frame_figures) frames = std::make_shared<FrameFigures>();
     self.Reset();
     return self;
 }
@@ -118,7 +119,8 @@ void RuntimeMonitor::MakeStreamStates() {
 
 RuntimeMonitor::CameraFigures RuntimeMonitor::Of(defs::Camera camera) const {
     for (const auto& row : CameraRows()) {
-        if (row.camera == camera) return {this->*row.statistics, this->*row.state};
+        if (row.camera != camera) continue;
+        return {this->*row.statistics, this->*row.state, m_frame_figures[static_cast<std::size_t>(camera)]};
     }
     VOSK_ASSERT(false);
     return {};
@@ -157,6 +159,9 @@ void RuntimeMonitor::EnableStatisticsOf(const std::string& name, const PliConfig
 
 void RuntimeMonitor::Reset() {
     for (const auto& state : m_stream_states) state->Reset();
+    for (const auto& frames : m_frame_figures) {
+        if (frames) frames->Reset();
+    }
     m_performance_data->Reset();
     for (const auto& [name, count] : COMMAND_COUNTS) m_command_counts.get()->*count = 0;
 }

@@ -6,6 +6,7 @@
 // stay readable.
 
 #include <lumolib/commandCounts.hpp>
+#include <lumolib/frameFigures.hpp>
 #include <lumolib/performanceData.hpp>
 #include <lumolib/stateData.hpp>
 #include <lumolib/statistics.hpp>
@@ -15,6 +16,7 @@
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/defs/controlMode.hpp>
 
+#include <array>
 #include <memory>
 #include <span>
 #include <string>
@@ -44,14 +46,15 @@ public:
     struct CameraFigures {
         std::shared_ptr<Statistics> statistics;
         std::shared_ptr<InputStreamState> state;
+        std::shared_ptr<FrameFigures> frames;
     };
     CameraFigures Of(defs::Camera camera) const;
 
     static PerformanceData& GetPerformanceData();
     static StateData& GetStateData();
 
-    // Zeroes the stream states, the performance data and the counts, and leaves the statistics and the state
-    // data alone. Call while no worker runs.
+    // Zeroes the stream states, the figures of frames, the performance data and the counts, and leaves the
+    // statistics and the state data alone. Call while no worker runs.
     void Reset();
 
     std::shared_ptr<PerformanceData> m_performance_data;
@@ -97,6 +100,8 @@ public:
 
     std::vector<std::shared_ptr<Statistics>> m_statistics;      // all of the above, in their order
     std::vector<std::shared_ptr<StreamState>> m_stream_states;  // all of the above, in their order
+
+    std::array<std::shared_ptr<FrameFigures>, 8> m_frame_figures;  // by Camera; null until CreateInstance
 
 private:
     static void EnableStatisticsOf(const std::string& name,
