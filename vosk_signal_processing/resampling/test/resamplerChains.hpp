@@ -33,29 +33,27 @@ inline void PrintTo(const Stage& stage, std::ostream* out) {
          << stage.stop;
 }
 
-// In their waitable form, which does all that the bare one does.
-template <class R, class... Args>
-std::unique_ptr<Resampler<Sample>> Make(Args&&... args) {
-    return std::make_unique<WaitableResamplerImplementation<R>>(std::forward<Args>(args)...);
-}
-
 template <std::size_t Order>
-std::unique_ptr<Resampler<Sample>> MakeFilter(const Filter& filter, bool initialize_state) {
+std::unique_ptr<Resampler<Sample>> MakeFilter(const Filter& filter, bool initialize_state,
+                                              bool waitable = true) {
     std::array<double, Order * Order> a{};
     for (std::size_t i = 0; i < a.size(); ++i) a[i] = filter.a[i / Order][i % Order];
     using Column = std::span<const double, Order>;
-    return Make<StateSpaceFilter<Sample, Accessed, Order, 1, 1>>(
-        a, Column{filter.b}, Column{filter.c}, std::span<const double, 1>{&filter.d, 1}, initialize_state);
+    return factory::detail::Make<StateSpaceFilter<Sample, Accessed, Order, 1, 1>>(
+        waitable, a, Column{filter.b}, Column{filter.c}, std::span<const double, 1>{&filter.d, 1},
+        initialize_state);
 }
 
-inline std::unique_ptr<Resampler<Sample>> MakeReal(const Stage& stage) {
+inline std::unique_ptr<Resampler<Sample>> MakeReal(const Stage& stage, bool waitable) {
+    using factory::detail::Make;
     const std::chrono::nanoseconds stop{stage.stop};
-    if (stage.kind == Kind::IDENTITY) return Make<IdentityResampler<Sample, Opaque>>(stop);
-    if (stage.kind == Kind::LERP) return Make<LerpUpsampler<Sample, Accessed>>(stage.in, stage.out, stop);
-    if (stage.kind == Kind::HELD) return Make<LerpUpsampler<Sample, Opaque>>(stage.in, stage.out, stop);
-    if (stage.kind == Kind::FILTER1) return MakeFilter<1>(FIRST_ORDER, false);
-    if (stage.kind == Kind::FILTER2) return MakeFilter<2>(SECOND_ORDER, false);
-    return Make<SampleIdDecimatingDownsampler<Sample, Opaque>>(stage.in, stage.out, stop);
+    const auto& [kind, in, out, ns] = stage;
+    if (kind == Kind::IDENTITY) return Make<IdentityResampler<Sample, Opaque>>(waitable, stop);
+    if (kind == Kind::LERP) return Make<LerpUpsampler<Sample, Accessed>>(waitable, in, out, stop);
+    if (kind == Kind::HELD) return Make<LerpUpsampler<Sample, Opaque>>(waitable, in, out, stop);
+    if (kind == Kind::FILTER1) return MakeFilter<1>(FIRST_ORDER, false, waitable);
+    if (kind == Kind::FILTER2) return MakeFilter<2>(SECOND_ORDER, false, waitable);
+    return Make<SampleIdDecimatingDownsampler<Sample, Opaque>>(waitable, in, out, stop);
 }
 
 inline std::unique_ptr<reference::Resampler> MakeModel(const Stage& stage) {
@@ -68,13 +66,14 @@ inline std::unique_ptr<reference::Resampler> MakeModel(const Stage& stage) {
                                                       stage.stop);
 }
 
-// Without a container for a chain of one.
+// In its waitable form, which does all that the bare one does, of bare stages; without a container for a
+// chain of one.
 inline std::unique_ptr<Resampler<Sample>> MakeReal(const std::vector<Stage>& chain) {
-    if (chain.size() == 1) return MakeReal(chain.front());
+    if (chain.size() == 1) return MakeReal(chain.front(), true);
     std::vector<std::unique_ptr<Resampler<Sample>>> stages;
     stages.reserve(chain.size());
-    for (const Stage& stage : chain) stages.push_back(MakeReal(stage));
-    return Make<ResamplerContainer<Sample>>(std::move(stages));
+    for (const Stage& stage : chain) stages.push_back(MakeReal(stage, false));
+    return factory::detail::Make<ResamplerContainer<Sample>>(true, std::move(stages));
 }
 
 inline std::unique_ptr<reference::Resampler> MakeModel(const std::vector<Stage>& chain) {

@@ -114,6 +114,30 @@ TEST(TwoThreads, OneProducerAndOneConsumerAtFullSpeedSeeWholeSamplesInOrder) {
     Meet("chain", MakeChain(), true, origin);
 }
 
+// For the thread sanitizer: the stage's waiter does not know the chain's mutex.
+TEST(TwoThreads, AWaitableStageAnswersItsWaiterWhileItsChainRuns) {
+    using Mailbox = IdentityResampler<Proof, Opaque>;
+    auto stage = std::make_unique<WaitableResamplerImplementation<Mailbox>>(1h);
+    WaitableResampler& waitable = *stage;
+    std::vector<Stage> stages;
+    stages.push_back(std::move(stage));
+    stages.push_back(std::make_unique<Mailbox>(0ns));
+    ResamplerContainer<Proof> chain{std::move(stages)};
+    const auto add = [&](std::uint64_t origin) {
+        Proof proof = Proof::Of(origin);
+        proof.timestamp = AtomClk::now();
+        chain.AddSample(proof);
+    };
+    std::thread producer{[&] {
+        for (std::uint64_t origin = 1; origin <= 2'000; ++origin) add(origin);
+    }};
+    for (int i = 0; i < 2'000; ++i) waitable.IsDataReady();
+    producer.join();
+    EXPECT_TRUE(waitable.IsDataReady());
+    EXPECT_EQ(chain.GetSample()->words[0], 1U);
+    EXPECT_EQ(chain.GetSample()->words[0], 2'000U);
+}
+
 // The sleep has no end of its own within the test's patience: without a notification it would outlast it.
 TEST(TwoThreads, AConsumerSleepsOnTwoResamplersByOneSynchronizer) {
     for (const bool busy : {false, true}) {

@@ -78,7 +78,7 @@ TEST(Resampler, GivesWhatWasWorkedOutOnPaper) {
             EXPECT_EQ(ReadDue(*resampler, step.reads), step.outputs) << "input at " << step.at;
         }
     }
-    EXPECT_FALSE(MakeReal(Stage{Kind::LERP})->GetSample());  // before the first input
+    EXPECT_FALSE(MakeReal({Stage{Kind::LERP}})->GetSample());  // before the first input
 }
 
 // Polled four times an input, which is as often as outputs are due.

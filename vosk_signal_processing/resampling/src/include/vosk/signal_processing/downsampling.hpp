@@ -18,12 +18,12 @@ public:
         : StopIntervalResampler<T, A>{stop_interval}, m_decimation{DecimationOf(input_rate, output_rate)} {}
 
     bool HasSamples() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         return this->IsDue(m_sample);
     }
 
     void AddSample(const T& sample) override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         ++m_input_count;
         if (m_input_count >= m_decimation || sample.sample_id >= m_next_sample_id) {
             m_input_count = 0;
@@ -34,7 +34,7 @@ public:
     }
 
     std::optional<T> GetSample() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         auto output = this->Take(m_sample);
         if (output) output->sample_id = ++m_output_sample_id;
         return output;
@@ -58,7 +58,6 @@ private:
     std::uint32_t m_output_sample_id = 0;                 // of the last output
     std::uint32_t m_next_sample_id = 0;                   // from this ID on the next output is due
     std::uint64_t m_input_count = 0;                      // since the last output became due
-    std::mutex m_mutex;
 };
 
 }  // namespace vosk::signal_processing

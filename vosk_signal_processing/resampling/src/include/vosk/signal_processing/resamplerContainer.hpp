@@ -4,6 +4,7 @@
 
 #include <vosk/common/assert.hpp>
 #include <vosk/signal_processing/resampling.hpp>
+#include <vosk/signal_processing/waitableResampler.hpp>
 
 #include <algorithm>
 #include <memory>
@@ -12,7 +13,8 @@
 namespace vosk::signal_processing {
 
 // The chain runs at the pace of its end: a stage that still holds output takes no more input. Age is judged
-// in the stages. Lock order: the container's mutex, then that of a stage.
+// in the stages. They are the container's alone and locked by its mutex; but a waitable stage has to answer
+// whoever waits for it, and locks its own after the container's.
 template <ResamplerSample T>
 class ResamplerContainer : public Resampler<T> {
 public:
@@ -23,23 +25,28 @@ public:
         if (std::find(m_resamplers.begin(), m_resamplers.end(), nullptr) != m_resamplers.end()) {
             common::LogAndThrow("ResamplerContainer: resampler is a nullptr");
         }
+        for (const auto& resampler : m_resamplers) {
+            if (dynamic_cast<WaitableResampler*>(resampler.get()) == nullptr) {
+                resampler->LeaveLockingToOwner();
+            }
+        }
     }
 
     bool HasSamples() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         PullPushSamples();
         return m_resamplers.back()->HasSamples();
     }
 
     void AddSample(const T& sample) override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         VOSK_ASSERT(!m_resamplers.empty());
         m_resamplers.front()->AddSample(sample);
         PullPushSamples();
     }
 
     std::optional<T> GetSample() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         PullPushSamples();
         return m_resamplers.back()->GetSample();
     }
@@ -59,7 +66,6 @@ private:
     }
 
     const std::vector<std::unique_ptr<Resampler<T>>> m_resamplers;  // called under m_mutex
-    std::mutex m_mutex;
 };
 
 }  // namespace vosk::signal_processing

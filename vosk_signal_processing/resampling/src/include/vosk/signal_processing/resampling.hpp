@@ -4,8 +4,8 @@
 // pushes samples, the consumer pulls them, and a resampler decides what the consumer sees. Here the contract
 // of all resamplers and the simplest one; built at set-up, from configuration (resamplingFactory.hpp).
 //
-// Threads: one producer and one consumer. Each operation of a stage holds its mutex for a few copies, that of
-// a chain for all that it moves (resamplerContainer.hpp); none allocates or logs after construction.
+// Threads: one producer and one consumer. Each operation of a resampler holds its mutex for a few copies,
+// that of a chain for all that it moves (resamplerContainer.hpp); none allocates or logs after construction.
 
 #include <atomclk/atomClk.hpp>
 #include <vosk/common/logger.hpp>
@@ -86,6 +86,24 @@ inline Duration IntervalOf(std::size_t rate, const char* what) {
 
 }  // namespace detail
 
+// A mutex that its user may do without.
+class OptionalMutex {
+public:
+    // Before another thread knows it.
+    void Disable() noexcept { m_is_used = false; }
+
+    void lock() {
+        if (m_is_used) m_mutex.lock();
+    }
+    void unlock() {
+        if (m_is_used) m_mutex.unlock();
+    }
+
+private:
+    std::mutex m_mutex;
+    bool m_is_used = true;  // constant once threads share it
+};
+
 // What all resamplers have in common for those who only keep them.
 class ResamplerBase {
 public:
@@ -109,6 +127,13 @@ public:
     // Consumer: the present output, also if it is no new one; a consumer that wants each output once asks
     // HasSamples() first. Empty, without a change of state, if the data is too old.
     virtual std::optional<T> GetSample() = 0;
+
+    // For an owner that calls the resampler under a mutex of its own, before any other thread knows it: each
+    // operation leaves the resampler's mutex alone from then on.
+    void LeaveLockingToOwner() noexcept { m_mutex.Disable(); }
+
+protected:
+    OptionalMutex m_mutex;
 };
 
 // Data stops flowing at a fixed time after its origin, however late it arrives.
@@ -182,23 +207,22 @@ public:
     explicit IdentityResampler(Duration stop_interval) : StopIntervalResampler<T, A>{stop_interval} {}
 
     bool HasSamples() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         return this->IsDue(m_sample);
     }
 
     void AddSample(const T& sample) override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         m_sample = {sample, true};
     }
 
     std::optional<T> GetSample() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         return this->Take(m_sample);
     }
 
 private:
     typename StopIntervalResampler<T, A>::Slot m_sample;  // guarded by m_mutex
-    std::mutex m_mutex;
 };
 
 }  // namespace vosk::signal_processing

@@ -63,12 +63,12 @@ public:
     }
 
     bool HasSamples() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         return m_has_sample && !this->IsTooOld(m_output);
     }
 
     void AddSample(const T& sample) override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         m_output = sample;
         const auto values = A::Values(m_output);
         for (std::size_t i = 0; i < values.size(); ++i) {
@@ -81,7 +81,7 @@ public:
     }
 
     std::optional<T> GetSample() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         if (this->IsTooOld(m_output)) return std::nullopt;
         m_has_sample = false;
         return m_output;
@@ -132,7 +132,6 @@ private:
     T m_output{};
     bool m_has_sample = false;
     bool m_state_valid = true;  // false: the first input is to set it
-    std::mutex m_mutex;
 };
 
 }  // namespace vosk::signal_processing

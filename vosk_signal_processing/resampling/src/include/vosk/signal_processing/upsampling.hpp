@@ -32,12 +32,12 @@ public:
     }
 
     bool HasSamples() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         return m_output_index < m_upsampling_factor && !this->IsTooOld(m_samples[m_newest]);
     }
 
     void AddSample(const T& sample) override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         if (m_newest == NONE) {
             m_samples = {sample, sample};
             m_newest = 1;
@@ -57,7 +57,7 @@ public:
 
     // Empty also before the first input. Goes on along the line past the outputs that are due.
     std::optional<T> GetSample() override {
-        const std::lock_guard lock{m_mutex};
+        const std::lock_guard lock{this->m_mutex};
         if (m_newest == NONE || this->IsTooOld(m_samples[m_newest])) return std::nullopt;
         T output = m_samples[m_newest];
         const auto offset =
@@ -97,7 +97,6 @@ private:
     std::array<T, 2> m_samples{};          // the last two inputs, by turns
     std::uint32_t m_output_sample_id = 0;  // of the last output
     std::size_t m_output_index;            // of the next output after the newest input
-    std::mutex m_mutex;
 };
 
 }  // namespace vosk::signal_processing
