@@ -1,40 +1,41 @@
+// What a check of a document finds, and the reference page: its example can run and holds every key of its
+// tables that threads of this build read.
+
 #include "../src/configCheck.hpp"
 
 #include "../src/controlSocket.hpp"
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 #include <vosk/common/fits.hpp>
+#include <vosk/test/node.hpp>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
-#include <cmath>
-#include <filesystem>
-#include <fstream>
-#include <vector>
+#include <map>
+#include <sstream>
 
-using namespace vosk::host;
-using testing::AllOf;
+namespace vosk::host {
+namespace {
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
-using vosk::common::Fits;
+using vosk::test::UniquePort;
+using Strings = std::vector<std::string>;
 
-namespace {
-
-std::vector<std::string> FindingsOf(const std::string& document) {
+Strings FindingsOf(const std::string& document) {
     gim::Config config;
     config.ParseText(document, "site.yaml");
-    std::vector<std::string> texts;
+    Strings texts;
     for (const auto& finding : CheckConfig(config)) texts.push_back(ToText(finding));
     return texts;
 }
 
 // "12 cfg.m4.output[0].cpu", with " warning" behind it for a warning.
-std::vector<std::string> PlacesOf(const std::string& document) {
-    std::vector<std::string> places;
+Strings PlacesOf(const std::string& document) {
+    Strings places;
     for (const std::string& text : FindingsOf(document)) {
         EXPECT_EQ(text.find('\n'), std::string::npos) << text;
         const auto path = text.find(": ") + 2;
@@ -47,7 +48,7 @@ std::vector<std::string> PlacesOf(const std::string& document) {
 }
 
 // Of a stream's only element, whose keys stand in a line each, from line 4 on: "4 busy".
-std::vector<std::string> PlacesIn(const std::string& section, const std::string& stream, std::string keys) {
+Strings PlacesIn(const std::string& section, const std::string& stream, std::string keys) {
     while (keys.find("; ") != std::string::npos) keys.replace(keys.find("; "), 2, "\n        ");
     auto places = PlacesOf("cfg:\n  " + section + ":\n    " + stream + ":\n      - " + keys + "\n");
     const std::string path = "cfg." + section + "." + stream + "[0].";
@@ -56,16 +57,18 @@ std::vector<std::string> PlacesIn(const std::string& section, const std::string&
     return places;
 }
 
+void WriteM2p(const std::string& file, std::size_t modes, float value) {
+    common::Fits::WriteImg<float>(common::Fits::FitsFileWrite(file, true, {}),
+                                  std::vector<float>(modes * 5352, value), {{modes, 5352}});
+}
+
 TEST(ConfigCheck, PassesWhatCanRun) {
-    EXPECT_THAT(FindingsOf("host: {log_level: warn, log_file: new.log, control_socket: /tmp/new.sock}\n"
-                           "cfg:\n"
-                           "  m4:\n"
-                           "    output:\n"
-                           "      - {busy: false, ip_dest: 127.0.0.1, udp_dest: 47999, qudex_topic: 1}\n"
-                           "  resamplers: [{id: a, definition: [{type: zoh}]}]\n"),
-                IsEmpty());
-    for (const char* empty : {"cfg:\n", "host:\ncfg: {m4: , statistics: , resamplers: }\n"})
-        EXPECT_THAT(FindingsOf(empty), IsEmpty()) << empty;
+    for (const char* document :
+         {"cfg:\n", "host:\ncfg: {m4: , statistics: , resamplers: }\n",
+          "host: {log_level: warn, log_file: new.log, control_socket: /tmp/new.sock}\n"
+          "cfg: {m4: {output: [{busy: false, ip_dest: 127.0.0.1, udp_dest: 47999, qudex_topic: 1}]},\n"
+          "  resamplers: [{id: a, definition: [{type: zoh}]}]}\n"})
+        EXPECT_THAT(FindingsOf(document), IsEmpty()) << document;
 }
 
 TEST(ConfigCheck, FindsAllProblemsEachWithItsPlace) {
@@ -75,14 +78,15 @@ TEST(ConfigCheck, FindsAllProblemsEachWithItsPlace) {
                            "  m44: {}\n  pfs: []\n  m5: {output: 5}\n"
                            "extra: 1\n"),
                 UnorderedElementsAre(
-                    AllOf(StartsWith("site.yaml:2: cfg.statistics.no_such_stream: "), HasSubstr("no stream")),
-                    AllOf(StartsWith("site.yaml:2: cfg.statistics.m4: "), HasSubstr("duration format")),
-                    StartsWith("site.yaml:4: cfg.m4.input: "), StartsWith("site.yaml:5: cfg.m4.output: "),
+                    StartsWith("site.yaml:2: cfg.statistics.no_such_stream: "),
+                    StartsWith("site.yaml:2: cfg.statistics.m4: "), StartsWith("site.yaml:4: cfg.m4.input: "),
+                    StartsWith("site.yaml:5: cfg.m4.output: "),
                     "site.yaml:6: cfg.m44: nothing reads this key", StartsWith("site.yaml:7: cfg.pfs: "),
                     "site.yaml:8: cfg.m5.output: ERR: cfg.m5.output must be a sequence",
                     "site.yaml:9: extra: nothing reads this key"));
     EXPECT_THAT(PlacesOf("other: 1\n"), ElementsAre("1 site.yaml.cfg", "1 other"));
     EXPECT_THAT(PlacesOf("cfg: [1]\n"), ElementsAre("1 cfg"));
+    EXPECT_THAT(PlacesOf("cfg: {m4: {output: [[1, 2]]}}\n"), ElementsAre("1 cfg.m4.output[0]"));
 }
 
 TEST(ConfigCheck, GoesOnKeyByKeyWithinAnElement) {
@@ -97,55 +101,51 @@ TEST(ConfigCheck, GoesOnKeyByKeyWithinAnElement) {
                 UnorderedElementsAre("4 busy", "4 udp_dest", "5 send_offset", "6 num_frames", "7 niovs",
                                      "8 sample_size"));
     const vosk::test::TempDir dir;
-    constexpr std::size_t ACTUATORS = 5352;
-    Fits::WriteImg<float>(Fits::FitsFileWrite(dir / "nan.fits", true, {}),
-                          std::vector<float>(2 * ACTUATORS, NAN), {{2, ACTUATORS}});
-    const std::string file = dir / "nan.fits";
-    const std::pair<std::string, std::string> faults_of_m2p[] = {
-        {"managed_modes: 2; m2p_path: nowhere.fits", "5 m2p_path"},
-        {"managed_modes: 2; m2p_path: " + file, "5 m2p_path"},
-        {"managed_modes: -1; m2p_path: " + file, "4 managed_modes"},
-        {"managed_modes: 5353; m2p_path: " + file, "4 managed_modes"}};
-    for (const auto& [keys, place] : faults_of_m2p) {
+    WriteM2p(dir / "nan.fits", 2, NAN);
+    WriteM2p(dir / "zero.fits", 2, 0.0F);
+    for (const auto& [modes, file, place] :
+         std::vector<std::array<std::string, 3>>{{"2", "nowhere.fits", "5 m2p_path"},
+                                                 {"2", "nan.fits", "5 m2p_path"},
+                                                 {"3", "zero.fits", "5 m2p_path"},  // of another shape
+                                                 {"-1", "zero.fits", "4 managed_modes"},
+                                                 {"5353", "zero.fits", "4 managed_modes"}}) {
         EXPECT_THAT(PlacesIn("ao", "ao_tasks",
-                             keys + "; m4_send_delay: -1 ms; gpao_highest_mode: 1; delta_scaling: 3; "
-                                    "threshold_velocity: -1; threshold_gap: .nan; m4_delay: 1 ms"),
+                             "managed_modes: " + modes + "; m2p_path: " + dir / file +
+                                 "; m4_send_delay: -1 ms; gpao_highest_mode: 1; delta_scaling: 3; "
+                                 "threshold_velocity: -1; threshold_gap: .nan; m4_delay: 1 ms"),
                     UnorderedElementsAre("4 busy", place, "6 m4_send_delay", "4 m4_response_timeout",
                                          "7 gpao_highest_mode", "8 delta_scaling", "9 threshold_velocity",
                                          "10 threshold_gap", "11 m4_delay"));
     }
 }
 
-// Which would end the stream later, have it give nothing, or be refused by a layer of the endpoint.
+// Another form would end the stream later, let it give nothing, or be refused by a layer of the endpoint.
 TEST(ConfigCheck, RefusesAFormThatNoWavefrontCommandHas) {
-    const auto element = [](int number, const std::string& keys) {
-        return "      - {listen_ip: 127.0.0.1, busy: false, timeout: 1 ms, qudex_topic: 1, listen_udp: " +
-               std::to_string(vosk::test::UniquePort(number)) + ", " + keys + "}\n";
-    };
-    const std::string path = " cfg.ao.wavefront_cmd_stream[";
-    EXPECT_THAT(
-        PlacesOf("cfg:\n  ao:\n    wavefront_cmd_stream:\n" +
-                 element(0, "iface_name: lo, num_frames: 2,\n         trailer_extended_info_size: 1") +
-                 element(1,
-                         "iface_name: nowhere0,\n         num_frames: 1, data_unit_size: 0,\n"
-                         "         buf_packets: 4097, buf_samples: 1025")),
-        UnorderedElementsAre("4" + path + "0].num_frames", "5" + path + "0].trailer_extended_info_size",
-                             "6" + path + "1].iface_name", "7" + path + "1].num_frames",
-                             "7" + path + "1].data_unit_size", "8" + path + "1].buf_packets",
-                             "8" + path + "1].buf_samples", "6" + path + "1] warning"));
+    const std::string good =
+        "busy: false; listen_ip: 127.0.0.1; timeout: 1 ms; listen_udp: " + std::to_string(UniquePort()) +
+        "; iface_name: ";
+    EXPECT_THAT(PlacesIn("ao", "wavefront_cmd_stream",
+                         good + "lo; qudex_topic: 1; num_frames: 2; trailer_extended_info_size: 1; "
+                                "endianness: BE; leader_extended_info_size: 0"),
+                UnorderedElementsAre("10 num_frames", "11 trailer_extended_info_size", "12 endianness",
+                                     "13 leader_extended_info_size"));
+    EXPECT_THAT(PlacesIn("ao", "wavefront_cmd_stream",
+                         good + "nowhere0; num_frames: 1; data_unit_size: 0; buf_packets: 4097; "
+                                "buf_samples: 1025"),
+                UnorderedElementsAre("4 qudex_topic", "8 iface_name", "9 num_frames", "10 data_unit_size",
+                                     "11 buf_packets", "12 buf_samples"));
 }
 
 TEST(ConfigCheck, WarnsOfWhatASetUpWarnsOf) {
-    const std::string port = std::to_string(vosk::test::UniquePort());
-    const std::string receiver = "busy: false, listen_ip: 127.0.0.1, iface_name: lo, listen_udp: ";
+    const std::string receiver = "{listen_ip: 127.0.0.1, iface_name: lo, listen_udp: ";
     EXPECT_THAT(
         PlacesOf("cfg:\n"
                  "  m4:\n"
                  "    output: [{busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: 1 us}]\n"
-                 "    input: [{" +
-                 receiver + port + "}]\n    feedback: [{" + receiver +
-                 std::to_string(vosk::test::UniquePort(1)) +
-                 ", timeout: 1001 ms, rxbuf_size: 99999999999}]\n"
+                 "    input: [" +
+                 receiver + std::to_string(UniquePort()) + ", busy: false}]\n    feedback: [" + receiver +
+                 std::to_string(UniquePort(1)) +
+                 ", busy: false, timeout: 1001 ms, rxbuf_size: 99999999999}]\n"
                  "  m5: {input: [{resampler: a}]}\n"
                  "  resamplers: [text]\n"),
         ElementsAre("7 cfg.resamplers[0] warning", "4 cfg.m4.input[0].timeout warning",
@@ -153,43 +153,107 @@ TEST(ConfigCheck, WarnsOfWhatASetUpWarnsOf) {
                     "5 cfg.m4.feedback[0] warning", "6 cfg.m5.input warning"));
     // As many threads as there are CPUs, unless there are more than two.
     const auto busy = PlacesOf(
-        "host: {priority: 1}\ncfg:\n  m4:\n    output: [{busy: true, ip_dest: 127.0.0.1, udp_dest: 9}]\n"
-        "    input: [{busy: true, listen_ip: 127.0.0.1, iface_name: lo, listen_udp: " +
-        port + "}]\n");
+        "host: {priority: 1}\ncfg: {m4: {output: [{busy: true, ip_dest: 127.0.0.1, udp_dest: 9}], input: [" +
+        receiver + std::to_string(UniquePort()) + ", busy: true}]}}\n");
     EXPECT_EQ(busy.empty(), ::sysconf(_SC_NPROCESSORS_ONLN) > 2) << busy.size();
 }
 
 TEST(ConfigCheck, LooksAtEachKeyOfTheHost) {
     const vosk::test::TempDir dir;
     const ControlSocket live{dir / "live"};
-    const std::string file = dir.Put("file", "");
-    EXPECT_THAT(FindingsOf("host:\n"
-                           "  log_level: loud\n"
-                           "  log_file: " +
-                           file +
-                           "/log\n"
-                           "  shm_prefix: /a/b\n"
-                           "  control_socket: " +
-                           dir / "live" +
-                           "\n"
-                           "  telegraf: {address: 127.0.0.1, port: 0}\n"
-                           "cfg:\n"),
+    EXPECT_THAT(FindingsOf("host:\n  log_level: loud\n  log_file: " + dir.Put("file", "") +
+                           "/log\n  shm_prefix: /a/b\n  control_socket: " + dir / "live" +
+                           "\n  telegraf: {address: 127.0.0.1, port: 0}\ncfg:\n"),
                 UnorderedElementsAre(
-                    AllOf(StartsWith("site.yaml:2: host.log_level: "), HasSubstr("'loud'")),
-                    AllOf(StartsWith("site.yaml:3: host.log_file: "), HasSubstr("Not a directory")),
-                    AllOf(StartsWith("site.yaml:4: host.shm_prefix: "), HasSubstr("no slash")),
+                    StartsWith("site.yaml:2: host.log_level: "), StartsWith("site.yaml:3: host.log_file: "),
+                    StartsWith("site.yaml:4: host.shm_prefix: "),
                     AllOf(StartsWith("site.yaml:5: host.control_socket: "), HasSubstr("process listens")),
-                    AllOf(StartsWith("site.yaml:6: host.telegraf: "), HasSubstr("port other than 0"))));
+                    StartsWith("site.yaml:6: host.telegraf: ")));
     EXPECT_THAT(PlacesOf("host: {log_file: [1], control_socket: [1], priority: 200}\ncfg:\n"),
                 UnorderedElementsAre("1 host.log_file", "1 host.control_socket", "1 host.priority"));
 }
 
 TEST(ConfigCheck, LeavesNothingInSharedMemory) {
     const std::string name = "vosk_check_" + std::to_string(::getpid()) + "_planted";
-    const std::vector<std::string> files{"/dev/shm/" + name, "/dev/shm/sem." + name};
+    const Strings files{"/dev/shm/" + name, "/dev/shm/sem." + name};
     for (const auto& file : files) std::ofstream{file} << "x";
     FindingsOf("cfg: {m4: {output: 5}}\n");
     for (const auto& file : files) EXPECT_FALSE(std::filesystem::exists(file)) << file;
 }
 
+std::string Page() {
+    std::ifstream stream{CONFIGURATION_PAGE};
+    return {std::istreambuf_iterator<char>{stream}, {}};
+}
+
+std::string Example() {
+    const std::string page = Page();
+    const std::string fence = "```yaml\n";
+    const std::size_t start = page.find(fence) + fence.size();
+    return page.substr(start, page.find("```", start) - start);
+}
+
+// The keys in the tables of the page, by the line that opens their section.
+std::map<std::string, Strings> KeysOfPage() {
+    std::map<std::string, Strings> keys;
+    std::istringstream page{Page()};
+    std::string section;
+    for (std::string line; std::getline(page, line);) {
+        if (line.starts_with("## ")) section = line.substr(3);
+        if (line.starts_with("LSPX ")) section = line.substr(0, line.find(" ("));
+        if (!line.starts_with("| `")) continue;
+        std::istringstream cell{line.substr(3, line.find(" |", 2) - 3)};
+        for (std::string key, between; std::getline(cell, key, '`'); std::getline(cell, between, '`'))
+            keys[section].push_back(key);
+    }
+    return keys;
+}
+
+// The keys of a map within the node as "telegraf.port".
+Strings KeysOf(const oru::configng::PliConfigInstanceNode& node) {
+    Strings keys;
+    for (const std::string& key : node.Keys()) {
+        keys.push_back(key);
+        if (!node[key].IsMap()) continue;
+        for (const std::string& inner : node[key].Keys()) keys.push_back(key + "." + inner);
+    }
+    return keys;
+}
+
+TEST(ConfigurationPage, HoldsAnExampleThatCanRun) {
+    const vosk::test::TempDir dir;
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(dir.Path());
+    WriteM2p("m2p.fits", 500, 0.0F);
+    std::string document = Example();
+    const std::string key = "listen_udp: ";
+    int receivers = 0;
+    for (std::size_t at = document.find(key); at != std::string::npos; at = document.find(key, at + 1)) {
+        const auto port = std::to_string(UniquePort(receivers++));
+        document.replace(at + key.size(), port.size(), port);
+    }
+    EXPECT_EQ(receivers, 3);
+    EXPECT_THAT(FindingsOf(document), IsEmpty());
+    std::filesystem::current_path(before);
+}
+
+TEST(ConfigurationPage, HasEveryKeyOfItsTablesInTheExample) {
+    const auto top = vosk::test::NodeOf(Example());
+    const auto ao = top["cfg"]["ao"];
+    const auto receiver = ao["wavefront_cmd_stream"][0];
+    const auto sender = top["cfg"]["m4"]["output"][0];
+    auto tables = KeysOfPage();
+    for (const auto& [section, node] : {std::pair{"Every thread", receiver},
+                                        {"Receivers", receiver},
+                                        {"LSPX receivers", receiver},
+                                        {"Every thread", sender},
+                                        {"Senders", sender},
+                                        {"`ao.ao_tasks`", ao["ao_tasks"][0]},
+                                        {"`host`", top["host"]}}) {
+        EXPECT_FALSE(tables[section].empty()) << section;
+        EXPECT_THAT(KeysOf(node), testing::IsSupersetOf(tables[section])) << section;
+    }
+}
+
 }  // namespace
+}  // namespace vosk::host

@@ -1,0 +1,345 @@
+// Commands from a line to its reply, on a stream and on the control socket; what the host reports of itself.
+
+#include "../src/blasKernel.hpp"
+#include "../src/clockWatch.hpp"
+#include "../src/commands.hpp"
+#include "../src/controlSocket.hpp"
+#include "../src/statusReport.hpp"
+#include "unixSocket.hpp"
+
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <vosk/test/support.hpp>
+#include <vosk/test/tempDir.hpp>
+
+#include <csignal>
+#include <list>
+#include <nlohmann/json.hpp>
+
+namespace vosk::host {
+namespace {
+
+using defs::Camera;
+using defs::VoskControlMode;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+using vosk::test::At;
+using vosk::test::TextOf;
+
+struct MockTarget : ControlTarget {
+    MOCK_METHOD(void, SetMode, (VoskControlMode mode, std::optional<Camera> camera), (override));
+    MOCK_METHOD(void, SetCamera, (Camera camera), (override));
+    MOCK_METHOD(std::string, Status, (), (override));
+    MOCK_METHOD(void, Stop, (), (override));
+};
+
+TEST(Commands, DoWhatTheirWordsSayAndNothingElse) {
+    testing::StrictMock<MockTarget> target;
+    EXPECT_CALL(target, SetMode(VoskControlMode::INS_DRIVEN_CASCADE, std::optional{Camera::WFS_GP2}));
+    EXPECT_CALL(target, SetMode(VoskControlMode::TEL_DRIVEN, std::optional<Camera>{}));
+    EXPECT_CALL(target, SetCamera(Camera::IMG_PDS));
+    EXPECT_CALL(target, Status()).WillOnce(testing::Return("{}"));
+    EXPECT_CALL(target, Stop()).WillOnce(testing::Throw(std::runtime_error{"too late"}));
+    const std::string foreign = std::string("\x1b[2J\0\xff", 6) + std::string(1000, 'x');
+    for (const auto& [line, reply] : std::vector<std::pair<std::string, std::string>>{
+             {"mode INS_DRIVEN_CASCADE WFS_GP2", "ok"},
+             {"  mode\tTEL_DRIVEN ", "ok"},
+             {"camera IMG_PDS", "ok"},
+             {"status", "{}"},
+             {"stop", "error: too late"},
+             {"help", "ok: mode"},
+             {"mode ins_driven_cascade", "error: 'ins_driven_cascade' is no"},
+             {"mode TEL_DRIVEN WFS_GP9", "error: 'WFS_GP9' is no camera"},
+             {"mode", "error: wrong number of words"},
+             {"stop now", "error: wrong number of words"},
+             {foreign, "error: '?[2J??" + std::string(34, 'x') + "...' is no command"}}) {
+        EXPECT_THAT(Execute(line, target), StartsWith(reply));
+    }
+    EXPECT_EQ(Execute(" \t ", target), "");
+}
+
+class Client {
+public:
+    explicit Client(UniqueFd fd) : m_fd{std::move(fd)} {}
+
+    void Send(const std::string& bytes) const {
+        EXPECT_EQ(::send(m_fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), std::ssize(bytes));
+    }
+    void EndSending() const { ::shutdown(m_fd.Get(), SHUT_WR); }
+
+    // All that has come so far.
+    const std::string& Received() {
+        std::array<char, 4096> bytes{};
+        ssize_t count = 0;
+        while ((count = ::recv(m_fd.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0)
+            m_received.append(bytes.data(), static_cast<std::size_t>(count));
+        m_is_let_go = count == 0 || errno == ECONNRESET;
+        return m_received;
+    }
+    bool IsLetGo() {
+        Received();
+        return m_is_let_go;
+    }
+
+private:
+    UniqueFd m_fd;
+    bool m_is_let_go = false;
+    std::string m_received;
+};
+
+// A stream on a socket that may block: a stream that waited would hang the test.
+class CommandStreamTest : public ::testing::Test {
+protected:
+    CommandStreamTest() {
+        std::signal(SIGPIPE, SIG_IGN);
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        m_near = UniqueFd{ends[0]};
+        m_client.emplace(UniqueFd{ends[1]});
+        m_stream.emplace(ends[0], ends[0]);
+    }
+
+    bool Serve(int times = 1) {
+        const auto handler = [this](const std::string& line) {
+            m_lines.push_back(line);
+            return line.empty() ? line : std::string(m_reply_size, 'r');
+        };
+        while (m_stream->Serve(handler))
+            if (--times == 0) return true;
+        return false;
+    }
+
+    UniqueFd m_near;
+    std::optional<Client> m_client;
+    std::optional<CommandStream> m_stream;
+    std::vector<std::string> m_lines;
+    std::size_t m_reply_size = 2;
+};
+
+TEST_F(CommandStreamTest, AnswersLinesHoweverTheyArrive) {
+    m_client->Send("one\r\n\ntwo\nth");
+    EXPECT_TRUE(Serve(2));
+    EXPECT_EQ(m_client->Received(), "rr\nrr\n");
+    m_client->Send("ree\nlast without an end");
+    m_client->EndSending();
+    EXPECT_FALSE(Serve(3));
+    EXPECT_THAT(m_lines, ElementsAre("one", "", "two", "three", "last without an end"));
+    EXPECT_EQ(m_client->Received(), "rr\nrr\nrr\nrr\n");
+}
+
+// No part of a line that is too long may ever be taken for a command.
+TEST_F(CommandStreamTest, LineThatIsTooLongIsRefusedWholeAndAlone) {
+    const std::string longest(MAX_LINE, 'x');
+    m_client->Send("before\n" + longest + "\n" + std::string(3 * MAX_LINE, 'y') + "stop");
+    EXPECT_TRUE(Serve(6));
+    EXPECT_EQ(m_client->Received(), "rr\nrr\nerror: a line has at most 1024 bytes\n");
+    m_client->Send("stop\nafter\n");
+    EXPECT_TRUE(Serve());
+    EXPECT_THAT(m_lines, ElementsAre("before", longest, "after"));
+}
+
+TEST_F(CommandStreamTest, ReadsNoFurtherWhileRepliesWait) {
+    m_reply_size = 1'000'000;  // more than a socket holds
+    m_client->Send("one\ntwo\n");
+    EXPECT_TRUE(Serve(10));
+    EXPECT_THAT(m_lines, ElementsAre("one"));
+    EXPECT_EQ(m_stream->WaitsFor().events, POLLOUT);
+    m_client->Send("three\n");
+    m_client->EndSending();
+    EXPECT_TRUE(Serve());
+    int waiting = 0;
+    ::ioctl(m_near.Get(), FIONREAD, &waiting);
+    EXPECT_EQ(waiting, 6);
+    while (Serve()) m_client->Received();
+    EXPECT_THAT(m_lines, ElementsAre("one", "two", "three"));
+    EXPECT_EQ(m_client->Received().size(), 3 * (m_reply_size + 1));
+}
+
+TEST_F(CommandStreamTest, IsOverWhenTheClientIsGone) {
+    m_client->Send("one\ntwo\n");
+    m_client.reset();
+    EXPECT_FALSE(Serve());
+    EXPECT_THAT(m_lines, ElementsAre("one"));
+}
+
+class ControlSocketTest : public ::testing::Test {
+protected:
+    ControlSocketTest() { std::signal(SIGPIPE, SIG_IGN); }
+
+    Client& Connect() { return m_clients.emplace_back(MakeSocketAt(m_path, ::connect)); }
+
+    void Serve() {
+        m_socket.Serve([](const std::string& line) { return "got " + line; });
+    }
+    template <class Condition>
+    bool ServeUntil(Condition condition) {
+        return vosk::test::Eventually([&] {
+            Serve();
+            return condition();
+        });
+    }
+
+    bool HasSomethingToServe() const {
+        std::vector<pollfd> sources;
+        m_socket.AppendSources(sources);
+        return ::poll(sources.data(), sources.size(), 0) != 0;
+    }
+
+    vosk::test::TempDir m_dir;
+    std::string m_path = m_dir / "control";
+    ControlSocket m_socket{m_path};
+    std::list<Client> m_clients;
+};
+
+TEST_F(ControlSocketTest, ServesClientsApartAndLetsGoThoseThatHaveEnded) {
+    struct stat status {};
+    ASSERT_EQ(::stat(m_path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);  // the owner's alone
+    Client& first = Connect();
+    Client& second = Connect();
+    first.Send("one\ntw");
+    second.Send("three\nfour");
+    second.EndSending();
+    EXPECT_TRUE(ServeUntil([&] { return second.IsLetGo() && !first.Received().empty(); }));
+    EXPECT_EQ(first.Received(), "got one\n");
+    EXPECT_EQ(second.Received(), "got three\ngot four\n");
+    m_clients.clear();
+    EXPECT_TRUE(ServeUntil([&] { return m_socket.GetClientCount() == 0; }));
+}
+
+TEST_F(ControlSocketTest, OneClientTooManyIsRefusedAndHindersNoOther) {
+    for (std::size_t i = 0; i < MAX_CLIENTS; ++i) {
+        Connect();
+        Serve();
+    }
+    EXPECT_TRUE(ServeUntil([&] { return m_socket.GetClientCount() == MAX_CLIENTS; }));
+    Client& extra = Connect();
+    EXPECT_TRUE(ServeUntil([&] { return extra.IsLetGo(); }));
+    EXPECT_EQ(extra.Received(), "error: too many clients\n");
+    m_clients.pop_front();
+    EXPECT_TRUE(ServeUntil([&] { return m_socket.GetClientCount() == MAX_CLIENTS - 1; }));
+    Client& next = Connect();
+    next.Send("y\n");
+    EXPECT_TRUE(ServeUntil([&] { return next.Received() == "got y\n"; }));
+}
+
+// Otherwise the control thread would never rest.
+TEST_F(ControlSocketTest, WithoutAFreeDescriptorAClientWaitsInSilence) {
+    Client& client = Connect();
+    client.Send("x\n");
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const auto lowest_free = static_cast<rlim_t>(UniqueFd{::dup(0)}.Get());
+    const rlimit none{lowest_free, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_TRUE(HasSomethingToServe());
+    Serve();
+    EXPECT_FALSE(HasSomethingToServe());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(ServeUntil([&] { return client.Received() == "got x\n"; }));
+}
+
+TEST_F(ControlSocketTest, TakesOnlyANameThatADeadProcessLeftAndRemovesOnlyItsOwnFile) {
+    const std::string left = m_dir / "left";
+    MakeSocketAt(left, ::bind);
+    {
+        const ControlSocket socket{left};
+        EXPECT_TRUE(MakeSocketAt(left, ::connect).IsOpen());
+        ::unlink(left.c_str());
+        MakeSocketAt(left, ::bind);  // of the host that came after it
+    }
+    EXPECT_EQ(::access(left.c_str(), F_OK), 0);
+    { const ControlSocket own{left}; }
+    EXPECT_NE(::access(left.c_str(), F_OK), 0);
+
+    const std::string file = m_dir.Put("file", "precious");
+    for (const auto& [path, reason] : std::vector<std::pair<std::string, std::string>>{
+             {m_path, "another process listens there"},
+             {file, "no socket"},
+             {std::string(200, 'x'), "1 to 107 bytes"},
+             {"/no/such/socket", "its directory /no/such: No such file"},
+             {file + "/socket", "its directory " + file + ": Not a directory"}}) {
+        EXPECT_THAT(TextOf([&path = path] { VetSocketPath(path); }), HasSubstr(reason));
+        EXPECT_THAT(TextOf([&path = path] { ControlSocket{path}; }), HasSubstr(reason));
+    }
+    EXPECT_EQ(m_dir.Content("file"), "precious");
+    EXPECT_TRUE(MakeSocketAt(m_path, ::connect).IsOpen());
+}
+
+TEST(StatusReport, IsOneLineOfJsonWithNullForWhatJsonCannotWrite) {
+    using Float = std::numeric_limits<float>;
+    Status status;
+    status.counts.back() = std::uint64_t{1} << 63U;
+    status.streams.resize(3);
+    status.streams[0] = {.valid = true, .stream_id = 1, .period_max = -9.2e9F, .period_min = 9.2e9F};
+    status.streams[1] = {.valid = true, .period_max = 1, .period_min = 1e-12F, .rate = Float::infinity()};
+    status.streams[1].losses = {3, 4, 5};
+    status.events = {{At(0), "a \"quoted\"\n\\ \xff text"}};
+    const std::string text = ToJson(status);
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    const auto json = nlohmann::json::parse(text);
+    const auto& streams = json["streams"];
+    EXPECT_EQ(streams[0]["name"], "M4_OUTPUT");
+    EXPECT_EQ(streams[0]["period"], 0);  // two samples with one time stamp
+    EXPECT_TRUE(streams[0]["period_min"].is_null());
+    EXPECT_TRUE(streams[0]["period_max"].is_null());
+    EXPECT_TRUE(streams[1]["rate"].is_null());
+    EXPECT_EQ(streams[1]["period_min"], 1e-12);
+    EXPECT_EQ(streams[1]["stale_packets"], 5);
+    EXPECT_TRUE(streams[2]["period"].is_null());
+    EXPECT_EQ(json["counts"]["grid_points_skipped"], std::uint64_t{1} << 63U);
+    EXPECT_EQ(json["events"][0]["text"], "a \"quoted\"\n\\ \ufffd text");
+}
+
+TEST(EventList, NotesChangesOnceAndKeepsTheLatest) {
+    EventList list;
+    ControlState state;
+    for (int i = 0; i <= 1000; ++i) {
+        state.handover_state = i;
+        for (int look : {0, 1}) list.Look(state, At(2 * i + look));
+        EXPECT_EQ(list.Get().size(), std::min(static_cast<std::size_t>(4 + i), MAX_EVENTS));
+    }
+    EXPECT_EQ(list.Get().back().text, "handover state 1000");
+    EXPECT_EQ(list.Get().back().time, At(2000));
+}
+
+TEST(ClockWatch, TellsAStepFromSlewing) {
+    using namespace std::chrono_literals;
+    const auto at = [](auto time) { return ClockWatch::Steady::time_point{time}; };
+    ClockWatch watch{At(100s), at(5s)};
+    EXPECT_EQ(watch.Look(At(111s), at(15s)), std::nullopt);
+    EXPECT_EQ(watch.Look(At(75s), at(16s)), -37s);
+    EXPECT_EQ(watch.Look(At(76s), at(17s)), std::nullopt);
+    EXPECT_EQ(watch.Look(At(79s), at(18s)), 2s);
+}
+
+ThreadState State(bool busy, int priority, int given) {
+    return {"T", {.cpu = -1, .busy = busy, .priority = priority, .priority_given = given}};
+}
+
+TEST(Machine, ReportsWhatTheSystemRefused) {
+    const std::string model = "#1 SMP PREEMPT_DYNAMIC Debian";
+    EXPECT_EQ(PreemptionModel(model, "none (voluntary) full"), "PREEMPT_DYNAMIC (voluntary)");
+    EXPECT_EQ(PreemptionModel(model, ""), "PREEMPT_DYNAMIC");
+    EXPECT_EQ(PreemptionModel("#1 SMP Debian", ""), "no PREEMPT");
+    EXPECT_EQ(LookAtMachine({State(false, 0, 0), State(false, 5, 5)}, 0).priority, "given to 1 of 1 threads");
+    EXPECT_THAT(ToLine(LookAtMachine({State(false, 3, 3), State(false, 5, 0)}, EPERM)),
+                AllOf(HasSubstr("memory not locked: Operation not permitted, limit "),
+                      HasSubstr("real-time priority given to 1 of 2 threads, limit ")));
+    const std::vector spinning{State(true, 1, 1), State(true, 1, 1)};
+    EXPECT_TRUE(HasNoCpuToSpare(spinning, 2));
+    EXPECT_FALSE(HasNoCpuToSpare(spinning, 3));
+    EXPECT_FALSE(HasNoCpuToSpare({State(true, 0, 0), State(false, 1, 1)}, 1));
+}
+
+TEST(BlasKernel, FollowsTheCpuWhereTheLibraryDoesNotKnowIt) {
+    EXPECT_EQ(ChooseBetterKernel("Haswell", {.avx2 = true, .avx512 = true}), "SkylakeX");
+    EXPECT_EQ(ChooseBetterKernel("Nehalem", {.avx2 = true}), "Haswell");
+    EXPECT_EQ(ChooseBetterKernel("Cooperlake", {.avx2 = true, .avx512 = true}), std::nullopt);
+    EXPECT_EQ(ChooseBetterKernel("Zen", {.avx2 = true}), std::nullopt);
+    EXPECT_EQ(ChooseBetterKernel("Nehalem", {}), std::nullopt);
+}
+
+}  // namespace
+}  // namespace vosk::host
