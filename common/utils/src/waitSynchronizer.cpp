@@ -71,6 +71,12 @@ bool WaitSynchronizer::IsAnyFlagNotReady() {
     return std::any_of(m_flags.begin(), m_flags.end(), [](auto* flag) { return !flag->IsDataReady(); });
 }
 
+bool WaitSynchronizer::SeesAnyFlag(bool ready) {
+    const std::unique_lock lock{m_flags_mutex, std::try_to_lock};
+    return lock && std::any_of(m_flags.begin(), m_flags.end(),
+                               [ready](auto* flag) { return flag->IsDataReady() == ready; });
+}
+
 void WaitSynchronizer::RegisterFlag(WaitSynchronizerFlagBase& flag) {
     const std::lock_guard lock{m_flags_mutex};
     m_flags.push_back(&flag);
@@ -82,24 +88,22 @@ void WaitSynchronizer::UnregisterFlag(WaitSynchronizerFlagBase& flag) {
 }
 
 bool BusyWaitSynchronizer::Wait(const int& running) {
-    return Spin([this] { return IsAnyFlagReady(); }, running);
+    return Spin([this] { return SeesAnyFlag(true); }, running);
 }
 
 bool BusyWaitSynchronizer::WaitUntil(const AtomClk::time_point& time, const int& running) {
     return Spin(
-        [this, test = TimeTest{time}]() mutable { return IsAnyFlagReady() || test.IsOver(AtomClk::now()); },
+        [this, test = TimeTest{time}]() mutable { return SeesAnyFlag(true) || test.IsOver(AtomClk::now()); },
         running);
 }
 
 bool BusyWaitSynchronizer::WaitForNotReady(const int& running) {
-    return Spin([this] { return IsAnyFlagNotReady(); }, running);
+    return Spin([this] { return SeesAnyFlag(false); }, running);
 }
 
 bool BusyWaitSynchronizer::WaitForNotReadyUntil(const AtomClk::time_point& time, const int& running) {
     return Spin(
-        [this, test = TimeTest{time}]() mutable {
-            return IsAnyFlagNotReady() || test.IsOver(AtomClk::now());
-        },
+        [this, test = TimeTest{time}]() mutable { return SeesAnyFlag(false) || test.IsOver(AtomClk::now()); },
         running);
 }
 

@@ -23,15 +23,6 @@ using common::LogTrace;
 using common::LogWarn;
 using oru::configng::PliConfigInstanceNode;
 
-void FreeBuffer(const std::string& name, void* buffer, std::size_t size) {
-    std::error_code error;
-    nodepin::Free(buffer, size, error);
-    if (error) {
-        LogError("Thread {}, nodepin::Free has failed, code = {}, message = {}", name, error.value(),
-                 error.message());
-    }
-}
-
 // A stop waits for one receiver after the other.
 constexpr std::chrono::seconds LONG_TIMEOUT{1};
 
@@ -67,7 +58,7 @@ Thread::Thread(const std::string& name, const PliConfigInstanceNode& node, const
     }
     m_busy = GetParamOr(node, "busy", m_busy);
     m_cpu = GetParamOr(node, "cpu", m_cpu);
-    m_numa_policies.priority = GetPriority(node);
+    m_numa_placement.SetPriority(GetPriority(node));
     LogTrace("Thread {}: CPU = {}, busy waiting = {}", m_name, m_cpu, m_busy ? 1 : 0);
     m_synchronizer = common::MakeWaitSynchronizer(m_busy);
     m_numa_buf_size = GetParamOr(node, "numa_buf_size", m_numa_buf_size);
@@ -80,29 +71,23 @@ Thread::~Thread() {
 
 void Thread::SetUpPlacement(const PliConfigInstanceNode& node) {
     LogDebug("{}: NUMA available, setting CPU binding = {}", m_name, m_cpu);
-    const auto numa_node = nodepin::GetNodeOfCpu(m_cpu);
-    if (!numa_node) {
+    if (!m_numa_placement.BindTo(m_cpu)) {
         return WarnOf(node, "cpu", fmt::format("Thread {}, CPU binding has failed", m_name));
     }
-    m_numa_policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(m_cpu);
-    m_numa_policies.mem_policy = nodepin::MemPolicy::MakeBindNode(*numa_node);
-    if (m_numa_buf_size != 0) SetUpBuffer(node, *m_numa_policies.mem_policy);
+    if (m_numa_buf_size != 0) SetUpBuffer(node);
 }
 
-void Thread::SetUpBuffer(const PliConfigInstanceNode& node, const nodepin::MemPolicy& policy) {
+void Thread::SetUpBuffer(const PliConfigInstanceNode& node) {
     LogDebug("Thread {}, setting NUMA buffer, size = {}", m_name, m_numa_buf_size);
-    std::error_code error;
-    m_numa_buffer = {
-        nodepin::Allocate(m_numa_buf_size, policy, error),
-        [name = m_name, size = m_numa_buf_size](void* buffer) { FreeBuffer(name, buffer, size); }};
-    if (!error) error = nodepin::MemLock(m_numa_buffer.get(), m_numa_buf_size);
-    if (error) {
-        return WarnOf(node, "numa_buf_size",
-                      fmt::format("Thread {}, setting NUMA buffer has failed, code = {}, message = {}",
-                                  m_name, error.value(), error.message()));
+    const auto log_free_failed = [name = m_name](const std::error_code& error) {
+        LogError("Thread {}, nodepin::Free has failed, code = {}, message = {}", name, error.value(),
+                 error.message());
+    };
+    if (const auto error = m_numa_placement.ProvideBuffer(m_numa_buf_size, log_free_failed)) {
+        WarnOf(node, "numa_buf_size",
+               fmt::format("Thread {}, setting NUMA buffer has failed, code = {}, message = {}", m_name,
+                           error.value(), error.message()));
     }
-    m_memory_resource = std::make_unique<std::pmr::monotonic_buffer_resource>(
-        m_numa_buffer.get(), m_numa_buf_size, std::pmr::get_default_resource());
 }
 
 std::size_t Thread::SetupDiagnosticStreams(const PliConfigInstanceNode& node,
@@ -150,7 +135,7 @@ std::future<void> Thread::Start() {
     m_has_ended_by_itself.store(false);
     common::SetRunning(m_running, true);
     try {
-        m_worker = nodepin::MakeThread(m_name, m_numa_policies,
+        m_worker = nodepin::MakeThread(m_name, m_numa_placement.Policies(),
                                        [this, started = std::move(started)]() mutable { TryWork(started); });
     } catch (const std::exception& error) {
         common::SetRunning(m_running, false);

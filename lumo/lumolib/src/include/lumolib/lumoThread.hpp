@@ -8,7 +8,7 @@
 // Work() and WaitUntil() are for the worker.
 
 #include <atomclk/atomClk.hpp>
-#include <nodepin/nodepin.hpp>
+#include <nodepin/numaPlacement.hpp>
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
 #include <vosk/defs/valueTypes.hpp>
@@ -18,7 +18,6 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
-#include <functional>
 #include <future>
 #include <memory>
 #include <memory_resource>
@@ -66,7 +65,7 @@ public:
         int priority_given;  // by the system, at the last start
     };
     Placement GetPlacement() const noexcept {
-        return {m_cpu, m_busy, m_numa_policies.priority, m_priority_given.load()};
+        return {m_cpu, m_busy, m_numa_placement.Policies().priority, m_priority_given.load()};
     }
 
     const std::string& GetName() const noexcept { return m_name; }
@@ -99,20 +98,19 @@ protected:
     }
 
     // Memory on the thread's node for what is allocated once, at set-up; null without a buffer.
-    std::pmr::memory_resource* MemoryResource() const noexcept { return m_memory_resource.get(); }
+    std::pmr::memory_resource* MemoryResource() const noexcept { return m_numa_placement.MemoryResource(); }
 
 private:
     void SetUpPlacement(const oru::configng::PliConfigInstanceNode& node);
-    void SetUpBuffer(const oru::configng::PliConfigInstanceNode& node, const nodepin::MemPolicy& policy);
+    void SetUpBuffer(const oru::configng::PliConfigInstanceNode& node);
     void TryWork(std::promise<void>& started);
     void SendDiagnosticBytes(defs::sample_id_t sample_id, const atomclk::AtomClk::time_point& time,
                              gsl::span<const std::byte> sample, const atomclk::AtomClk::time_point& log_time);
 
     // All constant after construction, but m_running and m_worker; what the streams send with is the
     // worker's.
-    nodepin::NumaPolicies m_numa_policies;  // places nothing without a CPU or without NUMA
-    std::unique_ptr<void, std::function<void(void*)>> m_numa_buffer;
-    unsigned long m_numa_buf_size = 0;  // bytes
+    nodepin::NumaPlacement m_numa_placement;  // binds nothing without a CPU or without NUMA
+    unsigned long m_numa_buf_size = 0;        // bytes
 
 protected:
     const std::string m_name;
@@ -122,7 +120,6 @@ protected:
     std::shared_ptr<common::WaitSynchronizer> m_synchronizer;
 
 private:
-    std::unique_ptr<std::pmr::monotonic_buffer_resource> m_memory_resource;
     std::vector<std::shared_ptr<TxQudex>> m_diagnostic_streams;  // in the order of the configuration
 
 protected:

@@ -5,8 +5,9 @@
 // come. Exchange objects and resamplers are flags, and one synchroniser can watch several of them, so that a
 // thread with several inputs has one wait.
 //
-// Threads: one at a time waits on a synchroniser. Anyone may set, clear and read flags and notify, at any
-// time; none of that ever blocks on a waiter. Lock order: CVSynchronizer's m_cv_mutex, then m_flags_mutex.
+// Threads: one at a time waits on a synchroniser for a ready flag, and one more may wait there for the flag
+// to be cleared. Anyone may set, clear and read flags and notify, at any time; none of that ever blocks on a
+// waiter. Lock order: CVSynchronizer's m_cv_mutex, then m_flags_mutex.
 
 #include <atomclk/atomClk.hpp>
 
@@ -62,6 +63,11 @@ public:
     void RegisterFlag(WaitSynchronizerFlagBase& flag);
     // An unknown flag is no error. When it returns, no thread is looking at the flag any more.
     void UnregisterFlag(WaitSynchronizerFlagBase& flag);
+
+protected:
+    // For a waiter that spins: whether some flag is ready, or is not. False also where another thread is at
+    // the list: a lock that is waited for would be a system call.
+    bool SeesAnyFlag(bool ready);
 
 private:
     std::vector<WaitSynchronizerFlagBase*> m_flags;  // not owned; guarded by m_flags_mutex
