@@ -69,15 +69,6 @@ TEST_F(Handover, VariantsOfAModeNeedNoHandoverAndLeaveTheChangeOpen) {
     ExpectAt(INS_CONTROL, INS, true);
 }
 
-TEST_F(Handover, AModeChangeInTheMiddleStartsTheOtherSequence) {
-    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-    m_manager.RegisterM4RefShapeUpdate();
-    HandoverBench::SetMode(TEL_DRIVEN);
-    ExpectAt(HANDBACK_WAIT_CCS_CMD, NONE, true);
-    HandoverBench::SetMode(INS_DRIVEN_SEQUENTIAL);
-    ExpectAt(HANDOVER_UPDATE_REF_SHAPE, NONE, true);
-}
-
 TEST_F(Handover, TimesTheFirstCyclesOfEachHandoverOnce) {
     const LogCapture log;
     atomclk::ManualClock clock{At(1ms)};
@@ -102,16 +93,15 @@ TEST_F(Handover, TimesTheFirstCyclesOfEachHandoverOnce) {
 }
 
 TEST_F(Handover, ASourceThatDoesNotFitTheModeCountsAsNone) {
-    struct Case {
-        vosk::defs::VoskControlMode mode;
-        vosk::defs::AoCommandSource source;
-        vosk::defs::AoCommandSource expected;
-    };
-    for (const auto& [mode, source, expected] :
-         {Case{TEL_DRIVEN, INS, NONE}, Case{TEL_DRIVEN, CCS, CCS}, Case{TEL_DRIVEN_WITH_GPAO_TT, INS, NONE},
-          Case{HIGH_ORDER_CASCADE, INS, INS}, Case{HIGH_ORDER_CASCADE_WITH_GPAO_TT, INS, INS},
-          Case{INS_DRIVEN_CASCADE, CCS, NONE}, Case{INS_DRIVEN_CASCADE, INS, INS},
-          Case{INS_DRIVEN_SEQUENTIAL, CCS, NONE}, Case{INS_DRIVEN_SEQUENTIAL, OFF, OFF}}) {
+    for (const auto& [mode, source, expected] : {std::tuple{TEL_DRIVEN, INS, NONE},
+                                                 {TEL_DRIVEN, CCS, CCS},
+                                                 {TEL_DRIVEN_WITH_GPAO_TT, INS, NONE},
+                                                 {HIGH_ORDER_CASCADE, INS, INS},
+                                                 {HIGH_ORDER_CASCADE_WITH_GPAO_TT, INS, INS},
+                                                 {INS_DRIVEN_CASCADE, CCS, NONE},
+                                                 {INS_DRIVEN_CASCADE, INS, INS},
+                                                 {INS_DRIVEN_SEQUENTIAL, CCS, NONE},
+                                                 {INS_DRIVEN_SEQUENTIAL, OFF, OFF}}) {
         m_manager.SetM4CmdSource(source);
         EXPECT_EQ(m_manager.SourceOfCycle(mode), expected) << static_cast<int>(mode);
     }

@@ -59,45 +59,30 @@ struct TestTxLspx : TxLspx {
     using TxLspx::m_udp_cfg;
 };
 
-TEST(Endpoints, RefuseWhatTheyCannotWorkWithoutInTheLogAndByException) {
+TEST(Endpoints, RefuseWhatTheyCannotWorkWithout) {
     const auto rx = [](const std::string& keys) { return [keys] { TestRxLspx{keys}; }; };
     const auto tx = [](const std::string& keys) { return [keys] { TestTxLspx{keys}; }; };
     const std::pair<std::function<void()>, std::string> cases[] = {
-        {rx("iface_name: lo"), "Rx::Rx: udp_cfg.udp.listen is required"},
-        {[] { TestRxQudex{vosk::test::NodeOf("node: 5")["node"]}; },
-         "Rx::Rx: udp_cfg.udp.listen is required"},
-        {rx("listen_udp: 1, iface_name: lo, listen_ip: ''"), "Rx::Rx: udp_cfg.ip.listen is required"},
-        {rx("listen_udp: 45117"), "Rx::Rx: udp_cfg.iface_name is required"},
-        {rx(RX + ", num_frames: 0"), "RxQudex::RxQudex: qudex_cfg.num_frames is required"},
-        {tx("udp_dest: 1"), "Tx::Tx: udp_cfg.ip.dst is required"},
-        {tx("ip_dest: 127.0.0.1"), "Tx::Tx: udp_cfg.udp.dst is required"},
-        {tx(TX + ", num_frames: 0"), "TxQudex::TxQudex: qudex_cfg.num_frames is required"},
-        {tx(TX + ", frame_size: 0"), "TxLspx::TxLspx: lspx_cfg.frame_size is required"},
-        {rx("listen_udp: 1, listen_ip: localhost"),
-         "ERR: node.listen_ip: not an IPv4 address: \"localhost\""},
-        {tx(TX + ", ip_src: 1.2.3.256"), "ERR: node.ip_src: not an IPv4 address: \"1.2.3.256\""},
-        {rx(RX + ", qudex_topic: -1"), "ERR: node.qudex_topic must not be negative"}};
+        {rx("iface_name: lo"), "udp_cfg.udp.listen is required"},
+        {[] { TestRxQudex{vosk::test::NodeOf("node: 5")["node"]}; }, "udp_cfg.udp.listen is required"},
+        {rx("listen_udp: 1, iface_name: lo, listen_ip: ''"), "udp_cfg.ip.listen is required"},
+        {rx("listen_udp: 45117"), "udp_cfg.iface_name is required"},
+        {rx(RX + ", num_frames: 0"), "qudex_cfg.num_frames is required"},
+        {tx("udp_dest: 1"), "udp_cfg.ip.dst is required"},
+        {tx("ip_dest: 127.0.0.1"), "udp_cfg.udp.dst is required"},
+        {tx(TX + ", num_frames: 0"), "qudex_cfg.num_frames is required"},
+        {tx(TX + ", frame_size: 0"), "lspx_cfg.frame_size is required"},
+        {rx("listen_udp: 1, listen_ip: localhost"), "node.listen_ip: not an IPv4 address: \"localhost\""},
+        {tx(TX + ", ip_src: 1.2.3.256"), "node.ip_src: not an IPv4 address: \"1.2.3.256\""},
+        {rx(RX + ", qudex_topic: -1"), "node.qudex_topic must not be negative"}};
     for (const auto& [make, text] : cases) {
         const LogCapture log;
-        EXPECT_EQ(vosk::test::TextOf<std::runtime_error>(make), text);
-        EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL, text)) << text;
+        const std::string refusal = vosk::test::TextOf<std::runtime_error>(make);
+        EXPECT_THAT(log.Texts(text, log4cplus::ERROR_LOG_LEVEL), SizeIs(1)) << refusal;
     }
 }
 
-TEST(Endpoints, TellWithWhichSettingsALayerCouldNotBeBuilt) {
-    const LogCapture log;
-    EXPECT_THROW(
-        TestRxLspx{"listen_ip: 203.0.113.7, listen_udp: 45117, iface_name: lo, cpu: 1, busy_poll: 50"},
-        std::runtime_error);
-    EXPECT_THAT(
-        log.Lines().back().text,
-        AllOf(StartsWith("Rx::Rx could not construct pktwire::UdpRxSocket, details = "),
-              EndsWith(", m_udp_cfg.ip.listen = 203.0.113.7, m_udp_cfg.udp.listen = 45117, "
-                       "m_udp_cfg.iface_name = lo, m_udp_cfg.rxbuf_size = 0, m_udp_cfg.incoming_cpu = 1, "
-                       "m_udp_cfg.busy_poll = 50")));
-}
-
-TEST(RxLspx, ReadsItsKeysOverTheDefaultsAndTakesTheQudexReceiverOver) {
+TEST(Endpoints, ReadTheKeysOfAReceiverOverTheDefaults) {
     std::string description;
     const TestRxLspx rx{RX + ", cpu: -1, qudex_topic: 1234, checksum_force_ignore: true, endianness: Be, "
                              "leader_extended_info_size: 4, buf_samples: 3",
@@ -110,74 +95,10 @@ TEST(RxLspx, ReadsItsKeysOverTheDefaultsAndTakesTheQudexReceiverOver) {
     EXPECT_EQ(rx.m_lspx_cfg.leader_extended_info_size, 4);
     EXPECT_EQ(rx.m_lspx_cfg.data_unit_size, 4);
     EXPECT_EQ(rx.m_lspx_cfg.buf_samples, 3U);
-    EXPECT_EQ(rx.m_receiver, nullptr);
-    EXPECT_NE(rx.m_lspx_receiver, nullptr);
+    EXPECT_EQ(rx.m_receiver, nullptr);  // the LSPX receiver has taken it over
 }
 
-TEST(RxQudex, NeedsAnAddressOnlyForTheDescription) {
-    const std::string no_address = "iface_name: lo, listen_udp: " + PORT;
-    EXPECT_NE(TestRxQudex{Node(no_address)}.m_receiver, nullptr);
-    std::string description;
-    EXPECT_THROW((TestRxQudex{Node(no_address), description}), oru::configng::PliConfigNotFoundError);
-    const TestRxQudex described{Node(RX), description};
-    EXPECT_EQ(description, "QUDEX receiver listening on: 127.0.0.1:" + PORT + ", topic ID: 0");
-}
-
-// What a receiver, made and used as told, says at its end when these datagrams have come.
-template <class Endpoint>
-std::string Told(std::vector<std::string> datagrams, const std::function<std::unique_ptr<Endpoint>()>& make,
-                 const std::function<std::uint64_t(Endpoint&)>& receive) {
-    const LogCapture log;
-    {
-        pktwire::UdpTxSocket tx{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr};
-        const auto endpoint = make();
-        for (std::string& datagram : datagrams) {
-            iovec piece{datagram.data(), datagram.size()};
-            mmsghdr message{};
-            message.msg_hdr.msg_iov = &piece;
-            message.msg_hdr.msg_iovlen = 1;
-            EXPECT_FALSE(tx.Send({&message, 1}));
-        }
-        EXPECT_TRUE(vosk::test::Eventually([&] { return receive(*endpoint) == datagrams.size(); }));
-    }
-    const auto texts = log.Texts("Receiver on 127.0.0.1:" + PORT + ", topic ID: 0: ");
-    return texts.empty() ? "" : texts.back();
-}
-
-TEST(Receivers, TellAtTheirEndWhatTheyMetBesidesSamples) {
-    vosk::test::RecordingSocket taken;
-    auto config = QudexSenderDefaults();
-    config.checksum_enable = true;
-    std::vector<std::byte> buffer(12);
-    pktwire::qudex::Sender{config, taken, nullptr}.SendSample(buffer, {}, {});
-    const std::string frame = taken.datagrams.front();
-    auto flipped = frame;
-    flipped.back() ^= 1;
-    auto foreign = frame;
-    foreign[0] = 0;
-    const std::function make_qudex = [] { return std::make_unique<TestRxQudex>(Node(RX)); };
-    const std::function receive_qudex = [&buffer](TestRxQudex& endpoint) {
-        endpoint.m_receiver->ReceiveSample(buffer, 0s);
-        return endpoint.m_receiver->GetCounters().packets;
-    };
-    const std::pair<const char*, std::vector<std::string>> cases[] = {
-        {"of wrong checksum: 1, ", {flipped}},
-        {"too short: 1, ", {frame.substr(0, frame.size() - 1)}},
-        {"too long: 1, ", {frame + "x"}},
-        {"duplicate: 1, ", {frame, frame}},
-        {"foreign: 1, ", {foreign}}};
-    for (const auto& [count, datagrams] : cases)
-        EXPECT_THAT(Told(datagrams, make_qudex, receive_qudex), HasSubstr(count));
-    EXPECT_EQ(Told({}, make_qudex, receive_qudex), "");
-    const std::function make_lspx = [] { return std::make_unique<TestRxLspx>(RX); };
-    const std::function receive_lspx = [&buffer](TestRxLspx& endpoint) {
-        endpoint.m_lspx_receiver->ReceiveSample({}, buffer, {}, 0s);
-        return endpoint.m_lspx_receiver->GetCounters().packets;
-    };
-    EXPECT_THAT(Told({foreign}, make_lspx, receive_lspx), HasSubstr("foreign: 1, "));
-}
-
-TEST(TxLspx, ReadsItsKeysOverTheDefaults) {
+TEST(Endpoints, ReadTheKeysOfASenderOverTheDefaults) {
     std::string description;
     const TestTxLspx tx{TX + ", ip_time_to_live: 3, udp_checksum_enable: true, qudex_topic: 7, "
                              "component_id: 9, frame_size: 4866, trailer_extended_info_size: 2",
@@ -189,19 +110,71 @@ TEST(TxLspx, ReadsItsKeysOverTheDefaults) {
     EXPECT_EQ(tx.m_lspx_cfg.frame_size, 4866U);
     EXPECT_EQ(tx.m_lspx_cfg.trailer_extended_info_size, 2);
     EXPECT_EQ(tx.m_lspx_cfg.source, 0x10);
+
+    // An address is needed only for the description.
+    const auto no_address = Node("iface_name: lo, listen_udp: " + PORT);
+    EXPECT_NE(TestRxQudex{no_address}.m_receiver, nullptr);
+    EXPECT_THROW((TestRxQudex{no_address, description}), oru::configng::PliConfigNotFoundError);
 }
 
-TEST(Endpoints, FlagsAreReadInAnyCase) {
-    const auto endianness = [](const std::string& text) {
-        return TestTxLspx{TX + ", endianness: " + text}.m_lspx_cfg.endianness;
-    };
-    for (const char* text : {"be", "Be", "BE"}) EXPECT_EQ(endianness(text), 0) << text;
-    for (const char* text : {"LE", "BEE", "''"}) EXPECT_EQ(endianness(text), 8) << text;
-    const auto source = [](const std::string& text) {
-        return TestTxLspx{TX + ", source: " + text}.m_lspx_cfg.source;
-    };
-    EXPECT_EQ(source("real"), 0);
-    EXPECT_EQ(source("SIM"), 0x10);
+TEST(Endpoints, ReadFlagsInAnyCase) {
+    for (const auto& [text, flag] :
+         {std::pair{"be", 0}, {"Be", 0}, {"BE", 0}, {"LE", 8}, {"BEE", 8}, {"''", 8}})
+        EXPECT_EQ((TestTxLspx{TX + ", endianness: " + text}.m_lspx_cfg.endianness), flag) << text;
+    for (const auto& [text, flag] : {std::pair{"real", 0}, {"SIM", 0x10}})
+        EXPECT_EQ((TestTxLspx{TX + ", source: " + text}.m_lspx_cfg.source), flag) << text;
+}
+
+void SendAll(std::vector<std::string>& datagrams) {
+    pktwire::UdpTxSocket tx{vosk::test::SendingTo(vosk::test::UniquePort()), nullptr};
+    for (std::string& datagram : datagrams) {
+        iovec piece{datagram.data(), datagram.size()};
+        mmsghdr message{};
+        message.msg_hdr.msg_iov = &piece;
+        message.msg_hdr.msg_iovlen = 1;
+        EXPECT_FALSE(tx.Send({&message, 1}));
+    }
+}
+
+TEST(Receivers, LogAtTheirEndWhatTheyMetBesidesSamples) {
+    vosk::test::RecordingSocket taken;
+    auto config = QudexSenderDefaults();
+    config.checksum_enable = true;
+    std::vector<std::byte> buffer(12);
+    pktwire::qudex::Sender{config, taken, nullptr}.SendSample(buffer, {}, {});
+    const std::string packet = taken.datagrams.front();
+    auto flipped = packet;
+    flipped.back() ^= 1;
+    auto foreign = packet;
+    foreign[0] = 0;
+    std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"of wrong checksum: 1, ", {flipped}}, {"too short: 1, ", {packet.substr(0, packet.size() - 1)}},
+        {"too long: 1, ", {packet + "x"}},     {"duplicate: 1, ", {packet, packet}},
+        {"foreign: 1, ", {foreign}},           {"", {}}};
+    const std::string prefix = "Receiver on 127.0.0.1:" + PORT + ", topic ID: 0: ";
+    for (auto& [count, datagrams] : cases) {
+        const LogCapture log;
+        {
+            const TestRxQudex rx{Node(RX)};
+            SendAll(datagrams);
+            EXPECT_TRUE(vosk::test::Eventually([&] {
+                rx.m_receiver->ReceiveSample(buffer, 0s);
+                return rx.m_receiver->GetCounters().packets == datagrams.size();
+            }));
+        }
+        EXPECT_EQ(log.Texts(prefix).size(), datagrams.empty() ? 0U : 1U);
+        EXPECT_EQ(log.Texts(count).empty(), datagrams.empty()) << count;
+    }
+    const LogCapture log;
+    {
+        const TestRxLspx rx{RX};
+        SendAll(cases[4].second);
+        EXPECT_TRUE(vosk::test::Eventually([&] {
+            rx.m_lspx_receiver->ReceiveSample({}, buffer, {}, 0s);
+            return rx.m_lspx_receiver->GetCounters().packets == 1;
+        }));
+    }
+    EXPECT_THAT(log.Texts(prefix), ElementsAre(HasSubstr("foreign: 1, ")));
 }
 
 TEST(Endpoints, PeerThatIsNotThereIsNoFailure) {

@@ -197,18 +197,17 @@ TEST(PerformanceData, CountsFieldStabilisationCyclesByInput) {
     data.UpdateFSInput(At(5), flags);
     data.UpdateFSOutput(At(7), false);
     data.UpdateFSOutput(At(8), true);
-    auto telemetry = data.GetFSTelemetryData();
-    EXPECT_EQ(telemetry.fs_input_cycles, 1U);
-    EXPECT_EQ(telemetry.fs_output_cycles, 2U);
-    EXPECT_EQ(telemetry.fs_output_count, 1U);
-    EXPECT_THAT(telemetry.fs_input_counts, ElementsAre(1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1));
-
+    const auto sums = [&data] {
+        const auto fs = data.GetFSTelemetryData();
+        return std::array{fs.fs_input_cycles, fs.fs_output_cycles, fs.fs_output_count};
+    };
+    EXPECT_THAT(sums(), ElementsAre(1, 2, 1));
+    EXPECT_THAT(data.GetFSTelemetryData().fs_input_counts, ElementsAre(1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1));
     data.ResetFSTelemetryData();  // spares the time and the flag
-    telemetry = data.GetFSTelemetryData();
-    EXPECT_EQ(telemetry.fs_time, At(5));
-    EXPECT_TRUE(telemetry.fs_output_done);
-    EXPECT_EQ(telemetry.fs_input_cycles + telemetry.fs_output_cycles + telemetry.fs_output_count, 0U);
-    EXPECT_THAT(telemetry.fs_input_counts, testing::Each(0U));
+    EXPECT_EQ(data.GetFSTelemetryData().fs_time, At(5));
+    EXPECT_TRUE(data.GetFSTelemetryData().fs_output_done);
+    EXPECT_THAT(sums(), testing::Each(0U));
+    EXPECT_THAT(data.GetFSTelemetryData().fs_input_counts, testing::Each(0U));
 }
 
 class RuntimeMonitorTest : public testing::Test {
