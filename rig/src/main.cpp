@@ -72,28 +72,6 @@ int RunScenario(const std::filesystem::path& file, RunPaths paths, double second
     return Run(std::move(scenario), std::move(paths)).Execute() ? 0 : 1;
 }
 
-void AddShowFrameOptions(CLI::App& command, ShowFrameOptions& options) {
-    command.add_option("out", options.out, "the PNG file to write")->required();
-    command.add_option("--camera", options.camera, "lisa, alice or marana")
-        ->check(CLI::IsMember({"lisa", "alice", "marana"}));
-    command.add_option("--view", options.view, "cleaned, or raw as the camera delivers it")
-        ->check(CLI::IsMember({"cleaned", "raw"}));
-    command.add_option("--seed", options.seed, "of sensor, noise and spots, as for make-data");
-    command.add_option("--number", options.number, "of the frame");
-    command
-        .add_option("--motion", options.motion, "rms of the spots about their reference points, in pixels")
-        ->check(CLI::NonNegativeNumber);
-    command.add_option("--region", options.region, "what to show: X Y WIDTH HEIGHT, in pixels of the view");
-    command.add_option("--zoom", options.zoom, "picture pixels a frame pixel; else what fits a screen")
-        ->check(CLI::Range(1, 64));
-    command.add_option("--subapertures", options.subapertures, "of the wavefront sensor, as for make-data")
-        ->check(CLI::Range(std::size_t{1}, WfsGrid::MOST));
-    command
-        .add_option("--frame", options.frame,
-                    "a FITS file with a raw frame to show instead of a rendered one")
-        ->check(CLI::ExistingFile);
-}
-
 int Main(int argc, char** argv) {
     common::OpenStandardDescriptors();
     common::SetupLogging(log4cplus::WARN_LOG_LEVEL);
@@ -123,8 +101,15 @@ int Main(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
 
     ShowFrameOptions picture;
-    CLI::App* show_frame = app.add_subcommand("show-frame", "Draw a camera frame, its regions and its spots");
-    AddShowFrameOptions(*show_frame, picture);
+    CLI::App* show_frame = app.add_subcommand("show-frame", "Draw a camera's cleaned frame with its ROIs");
+    show_frame->add_option("out", picture.out, "the PNG file to write")->required();
+    show_frame->add_option("--camera", picture.camera, "lisa, alice or marana")
+        ->check(CLI::IsMember({"lisa", "alice", "marana"}));
+    show_frame->add_option("--seed", picture.seed, "of sensor, noise and spots, as for make-data");
+    show_frame
+        ->add_option("--frame", picture.frame,
+                     "a FITS file with a raw frame to show instead of a rendered one")
+        ->check(CLI::ExistingFile);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <source_location>
 
 namespace vosk::rig {
 namespace {
@@ -24,7 +25,8 @@ struct Books {
     static constexpr std::size_t COMMANDS = 10;
     enum class Made { Yes, No };
 
-    explicit Books(std::string name) : what(std::move(name)) {
+    // Without some setpoints: each the n-th that is left then, and whether a sample ID was spent on it.
+    explicit Books(const std::vector<std::pair<std::size_t, Made>>& gone = {}) {
         scenario.expect.min_setpoints = 0;
         scenario.expect.max_exceptions = 0.5;
         run.status_time = At(1s);
@@ -47,20 +49,18 @@ struct Books {
             result.prior_answer = i == 0 ? PriorAnswer::NotShown : PriorAnswer::Taken;
             checked.push_back(result);
         }
+        for (const auto& [index, made] : gone) {
+            setpoints.erase(setpoints.begin() + static_cast<std::ptrdiff_t>(index));
+            checked.erase(checked.begin() + static_cast<std::ptrdiff_t>(index));
+            for (std::size_t i = index; i < checked.size(); ++i) {
+                checked[i].setpoint = i;
+                if (made == Made::No) --setpoints[i].sample_id;
+            }
+        }
     }
 
-    // The `index`-th setpoint that is left never came; `made` tells whether a sample ID was spent on it.
-    Books& Without(std::size_t index, Made made) {
-        setpoints.erase(setpoints.begin() + static_cast<std::ptrdiff_t>(index));
-        checked.erase(checked.begin() + static_cast<std::ptrdiff_t>(index));
-        for (std::size_t i = index; i < checked.size(); ++i) {
-            checked[i].setpoint = i;
-            if (made == Made::No) --setpoints[i].sample_id;
-        }
-        return *this;
-    }
-    Books& Counting(std::uint64_t HostCounts::*count) {
-        ++(run.status.counts.*count);
+    Books& Counting(std::initializer_list<std::uint64_t HostCounts::*> counts) {
+        for (const auto count : counts) ++(run.status.counts.*count);
         return *this;
     }
     Books& With(const std::function<void(Books&)>& change) {
@@ -74,20 +74,20 @@ struct Books {
         return MakeAccounts(scenario, run, loop);
     }
     // `fates`: of the commands that did not go as predicted; `violations`: how each begins.
-    void Expect(const Fates& fates, std::uint64_t exceptions,
-                const std::vector<std::string>& violations = {}) {
+    void Expect(const Fates& fates, std::uint64_t exceptions, const std::vector<std::string>& violations = {},
+                std::source_location where = std::source_location::current()) {
+        SCOPED_TRACE(where.line());
         const Accounts accounts = Make();
         Fates found;
         for (std::size_t i = 0; i < COMMANDS; ++i)
             if (accounts.fates[i] != CommandFate::AsPredicted) found[i] = accounts.fates[i];
-        EXPECT_EQ(found, fates) << what;
-        EXPECT_EQ(accounts.exceptions, exceptions) << what;
+        EXPECT_EQ(found, fates);
+        EXPECT_EQ(accounts.exceptions, exceptions);
         std::vector<Matcher<std::string>> beginnings;
         for (const std::string& violation : violations) beginnings.emplace_back(StartsWith(violation));
-        EXPECT_THAT(accounts.violations, ElementsAreArray(beginnings)) << what;
+        EXPECT_THAT(accounts.violations, ElementsAreArray(beginnings));
     }
 
-    std::string what;
     Scenario scenario;
     RunFacts run;
     LoopFacts loop;
@@ -103,65 +103,41 @@ constexpr auto MISSING = &HostCounts::missing_answers;
 using enum CommandFate;
 
 TEST(Books, NameWhatBecameOfACommandWithoutSetpoint) {
-    Books("all well").Expect({}, 0);
-    Books("IDs tell")
-        .Without(6, NO)
-        .Without(3, YES)
-        .Counting(LATE)
-        .Counting(MISSING)
-        .Expect({{3, Late}, {6, Overwritten}}, 2);
-    Books("the later of two was made")
-        .Without(3, NO)
-        .Without(3, YES)
-        .Counting(LATE)
-        .Counting(MISSING)
-        .Expect({{3, Overwritten}, {4, Late}}, 2);
-    Books("silence").Without(3, YES).Expect({{3, Replaced}}, 1, {"1 setpoints went without"});
-    Books("silence behind the host's last word")
-        .Without(3, YES)
+    Books().Expect({}, 0);
+    Books({{6, NO}, {3, YES}}).Counting({LATE, MISSING}).Expect({{3, Late}, {6, Overwritten}}, 2);
+    Books({{3, NO}, {3, YES}}).Counting({LATE, MISSING}).Expect({{3, Overwritten}, {4, Late}}, 2);
+    Books({{3, YES}}).Expect({{3, Replaced}}, 1, {"1 setpoints went without"});
+    Books({{3, YES}})
         .With([](Books& books) { books.run.status_time = books.setpoints[2].planned + 600us; })
         .Expect({{3, Replaced}}, 1);
-    Books("no silence").Without(3, YES).Counting(MISSING).Expect({{3, Replaced}}, 1);
-    Books("in parts")
-        .Without(3, YES)
-        .Counting(MISSING)
+    Books({{3, YES}}).Counting({MISSING}).Expect({{3, Replaced}}, 1);
+    Books({{3, YES}})
+        .Counting({MISSING})
         .With([](Books& books) { books.loop.incomplete_setpoints = 1; })
         .Expect({{3, Incomplete}}, 1);
-    Books("the last one").Without(9, YES).Expect({{9, Unexplained}}, 0, {"1 commands led to no setpoint"});
-    Books("the last one, late").Without(9, YES).Counting(LATE).Expect({{9, Late}}, 1);
-    for (const auto& [lost, violations] :
-         {std::pair(0U, std::vector<std::string>{"1 commands were never taken"}),
-          std::pair(1U, std::vector<std::string>{})})
-        Books("the host's count")
-            .Without(3, NO)
-            .With([lost = lost](Books& books) {
-                books.run.at_rest = true;
-                books.run.status.streams["AO_WAVEFRONT_CMD_INPUT"].lost = lost;
-            })
-            .Expect({{3, Overwritten}}, 1, violations);
+    Books({{9, YES}}).Expect({{9, Unexplained}}, 0, {"1 commands led to no setpoint"});
+    Books({{9, YES}}).Counting({LATE}).Expect({{9, Late}}, 1);
+    const auto losing = [](std::uint64_t lost) {
+        return [lost](Books& books) {
+            books.run.at_rest = true;
+            books.run.status.streams["AO_WAVEFRONT_CMD_INPUT"].lost = lost;
+        };
+    };
+    Books({{3, NO}}).With(losing(0)).Expect({{3, Overwritten}}, 1, {"1 commands were never taken"});
+    Books({{3, NO}}).With(losing(1)).Expect({{3, Overwritten}}, 1);
     for (const auto& [fault, fate, exceptions] :
          {std::tuple(FaultKind::Corrupt, Harmed, 0U), std::tuple(FaultKind::Duplicate, Overwritten, 1U)})
-        Books("spoilt by the rig")
-            .Without(4, NO)
+        Books({{4, NO}})
             .With([fault = fault](Books& books) { books.commands[4].fault = fault; })
             .Expect({{4, fate}}, exceptions);
-    Books("invalid")
-        .Without(5, NO)
-        .With([](Books& books) { books.commands[5].valid = false; })
-        .Expect({{5, NotForM4}}, 0);
+    Books({{5, NO}}).With([](Books& books) { books.commands[5].valid = false; }).Expect({{5, NotForM4}}, 0);
     // Commands 0 and 1 were sent before the host said yes; 2 is thrown away.
-    Books("handover")
-        .Without(0, NO)
-        .Without(0, NO)
-        .Without(0, NO)
+    Books({{0, NO}, {0, NO}, {0, NO}})
         .With([](Books& books) {
             books.run.modes = {{defs::VoskControlMode::INS_DRIVEN_CASCADE, At(1ms), At(3ms)}};
         })
         .Expect({{0, NotForM4}, {1, NotForM4}, {2, AtHandover}}, 0);
-    Books("the host stops")
-        .Without(9, NO)
-        .Without(8, NO)
-        .Without(7, NO)
+    Books({{9, NO}, {8, NO}, {7, NO}})
         .With([](Books& books) { books.run.stop_asked = At(16ms); })
         .Expect({{7, HostStopped}, {8, HostStopped}, {9, HostStopped}}, 0);
 }
@@ -170,26 +146,24 @@ TEST(Books, JudgeTheSetpoints) {
     const auto arriving = [](std::chrono::nanoseconds late) {
         return [late](Books& books) { books.setpoints[3].arrived = books.setpoints[3].planned + late; };
     };
-    Books("as late as the margin").With(arriving(500us)).Expect({}, 0);
+    Books().With(arriving(500us)).Expect({}, 0);
     // No second exception for the answer that came too late with it.
-    Books("later")
+    Books()
         .With(arriving(500001ns))
         .With([](Books& books) { books.checked[4].prior_answer = PriorAnswer::NotTaken; })
         .Expect({}, 1);
-    Books("as early as clocks may differ").With(arriving(-1us)).Expect({}, 0);
-    Books("earlier").With(arriving(-1001ns)).Expect({}, 0, {"1 setpoints reached M4 before"});
-    for (const auto& [share, violations] :
-         {std::pair(0.1, std::vector<std::string>{}),
-          std::pair(0.09, std::vector<std::string>{"1 exceptions in 10 valid"})})
-        Books("exceptions")
-            .Without(3, NO)
-            .With([share = share](Books& books) { books.scenario.expect.max_exceptions = share; })
-            .Expect({{3, Overwritten}}, 1, violations);
-    Books("two of one command")
+    Books().With(arriving(-1us)).Expect({}, 0);
+    Books().With(arriving(-1001ns)).Expect({}, 0, {"1 setpoints reached M4 before"});
+    const auto allowing = [](double share) {
+        return [share](Books& books) { books.scenario.expect.max_exceptions = share; };
+    };
+    Books({{3, NO}}).With(allowing(0.1)).Expect({{3, Overwritten}}, 1);
+    Books({{3, NO}}).With(allowing(0.09)).Expect({{3, Overwritten}}, 1, {"1 exceptions in 10 valid"});
+    Books()
         .With([](Books& books) { books.checked[5].command = 4; })
         .Expect({{5, Overwritten}}, 1, {"1 setpoints belong to a command that had one"});
-    Books("every other breach")
-        .Counting(&HostCounts::kept_back_setpoints)
+    Books()
+        .Counting({&HostCounts::kept_back_setpoints})
         .With([](Books& books) {
             books.checked[2].content = Content::Wrong;
             books.checked[3].content = Content::Unchecked;
@@ -206,7 +180,7 @@ TEST(Books, JudgeTheSetpoints) {
 }
 
 TEST(Books, CountAnswersByFate) {
-    Books books("answers");
+    Books books;
     books.setpoints[1].answer_sent = books.setpoints[1].planned + 501us;
     books.setpoints[2].answer = AnswerFate::WrongSampleId;
     books.setpoints[3].answer = AnswerFate::Harmed;
@@ -234,8 +208,7 @@ TEST(Books, CountAnswersByFate) {
 }
 
 TEST(Books, KnowWhenM4WasBackInStep) {
-    Books books("answers");
-    books.Without(4, YES).Without(4, YES).Without(4, YES);
+    Books books({{4, YES}, {4, YES}, {4, YES}});
     books.loop.m4_absences = {{At(9ms), At(15ms)}};
     books.run.status.counts.missing_answers = 3;
     books.checked[4].prior_answer = PriorAnswer::NotShown;  // command 7, the first after the return

@@ -23,8 +23,7 @@ protected:
             *m_commands.Append() = {i, TimeOf(i), TimeOf(i), static_cast<defs::sample_id_t>(i), true, {}};
         }
         m_commands.Publish(COMMANDS);
-        m_modes.Complete(m_modes.Ask(defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, time_point{50s}),
-                         time_point{51s});
+        Change(defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, time_point{50s});
         m_check = std::make_unique<ContentCheck>(m_scenario, basis, SaturationLimits{VELOCITY, 1000.0F},
                                                  m_commands, m_modes);
     }
@@ -48,18 +47,28 @@ protected:
         return setpoint;
     }
 
-    CheckedSetpoint Check(std::size_t command, defs::sample_id_t sample_id, const std::vector<float>& vector,
-                          AnswerFate answer = AnswerFate::Sent) {
+    SetpointRecord Record(std::size_t command, defs::sample_id_t sample_id, AnswerFate answer) const {
         SetpointRecord record;
-        record.planned = TimeOf(command) + m_scenario.host.m4_send_delay;
-        record.arrived = record.planned;
+        record.arrived = record.planned = TimeOf(command) + m_scenario.host.m4_send_delay;
         record.sample_id = sample_id;
         record.answer = answer;
-        if (answer == AnswerFate::Sent) record.answer_sent = record.arrived;
+        if (answer != AnswerFate::NotSent) record.answer_sent = record.arrived;
+        return record;
+    }
+    static SetpointRing::Vector Kept(const std::vector<float>& vector) {
         SetpointRing::Vector kept{};
         std::copy(vector.begin(), vector.end(), kept.begin());
+        return kept;
+    }
+    CheckedSetpoint Check(std::size_t command, defs::sample_id_t sample_id, const std::vector<float>& vector,
+                          AnswerFate answer = AnswerFate::Sent) {
+        const SetpointRecord record = Record(command, sample_id, answer);
+        const SetpointRing::Vector kept = Kept(vector);
         const ContentCheck::Item item{0, &record, &kept};
         return m_check->Check(std::span(&item, 1)).front();
+    }
+    void Change(defs::VoskControlMode mode, time_point time) {
+        m_modes.Complete(m_modes.Ask(mode, time), time);
     }
 
     const std::vector<float> m_flat = std::vector<float>(defs::M4_CMD_SIZE, 0.0F);
@@ -85,13 +94,25 @@ TEST_F(ContentCheckTest, FollowsTheAnswersFromSetpointToSetpoint) {
     EXPECT_EQ(not_taken.prior_answer, PriorAnswer::NotTaken);
 }
 
-TEST_F(ContentCheckTest, RefusesAnAnswerThatWasNeverSent) {
-    const auto first = MakeSetpoint(0, m_flat);
-    Check(0, 1, first, AnswerFate::NotSent);
-    EXPECT_EQ(Check(1, 2, MakeSetpoint(1, first)).content, Content::Wrong);
+TEST_F(ContentCheckTest, RefusesAnAnswerThatCouldNotBeTaken) {
+    for (const AnswerFate answer : {AnswerFate::NotSent, AnswerFate::WrongSampleId}) {
+        const auto first = MakeSetpoint(0, m_flat);
+        Check(0, 1, first, answer);
+        EXPECT_EQ(Check(1, 2, MakeSetpoint(1, first)).content, Content::Wrong);
+    }
     // Sample ID 4 was spent on a setpoint that never left.
     EXPECT_EQ(Check(3, 5, MakeSetpoint(3, m_flat)).content, Content::AsPredicted);
     EXPECT_EQ(Check(4, 7, MakeSetpoint(4, MakeSetpoint(3, m_flat))).content, Content::Wrong);
+}
+
+TEST_F(ContentCheckTest, GivesTheContentOfAValidCommandTheTimeOfAnInvalidOne) {
+    m_commands.Written(2).valid = m_commands.Written(3).valid = false;
+    const CheckedSetpoint checked = Check(3, 1, MakeSetpoint(1, m_flat));
+    EXPECT_EQ(checked.content, Content::AsPredicted);
+    EXPECT_EQ(checked.command, 1U);
+    EXPECT_TRUE(checked.retimed);
+    m_commands.Written(0).valid = false;
+    EXPECT_EQ(Check(0, 2, MakeSetpoint(0, m_flat)).content, Content::NoCommand);
 }
 
 TEST_F(ContentCheckTest, FindsAWrongElementAnywhere) {
@@ -104,10 +125,9 @@ TEST_F(ContentCheckTest, FindsAWrongElementAnywhere) {
 }
 
 TEST_F(ContentCheckTest, KnowsATimeThatBelongsToNoCommand) {
-    SetpointRecord record;
-    record.planned = TimeOf(3) + m_scenario.host.m4_send_delay + 1ns;
-    const SetpointRing::Vector vector{};
-    const ContentCheck::Item item{0, &record, &vector};
+    SetpointRecord record = Record(3, 1, AnswerFate::Sent);
+    record.planned += 1ns;
+    const ContentCheck::Item item{0, &record, nullptr};
     EXPECT_EQ(m_check->Check(std::span(&item, 1)).front().content, Content::NoCommand);
 }
 
@@ -122,12 +142,20 @@ TEST_F(ContentCheckTest, TakesEitherModeWhileOneIsBeingChanged) {
 TEST_F(ContentCheckTest, TakesUpTheReferenceShapeAtASecondHandover) {
     const auto first = MakeSetpoint(0, m_flat);
     Check(0, 1, first);
-    m_modes.Complete(m_modes.Ask(defs::VoskControlMode::TEL_DRIVEN, TimeOf(1)), TimeOf(1));
-    m_modes.Complete(m_modes.Ask(defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, TimeOf(2)), TimeOf(2));
-    const auto after = MakeSetpoint(4, first, first);
-    EXPECT_EQ(Check(4, 2, after).content, Content::AsPredicted);
-    EXPECT_EQ(Check(5, 3, MakeSetpoint(5, after, first)).content, Content::AsPredicted);
-    EXPECT_EQ(Check(6, 5, MakeSetpoint(6, m_flat)).content, Content::Wrong);
+    Change(defs::VoskControlMode::TEL_DRIVEN, TimeOf(2));
+    Change(defs::VoskControlMode::INS_DRIVEN_SEQUENTIAL, TimeOf(3));
+    // The one before the handover and the one after it in one go: the reference shape is what was applied
+    // between.
+    const auto last = MakeSetpoint(1, first);
+    const auto after = MakeSetpoint(5, last, last);
+    const std::array records{Record(1, 2, AnswerFate::Sent), Record(5, 3, AnswerFate::Sent)};
+    const std::array vectors{Kept(last), Kept(after)};
+    const std::array<ContentCheck::Item, 2> items{
+        {{0, &records[0], &vectors[0]}, {1, &records[1], &vectors[1]}}};
+    for (const CheckedSetpoint& checked : m_check->Check(items))
+        EXPECT_EQ(checked.content, Content::AsPredicted);
+    EXPECT_EQ(Check(6, 4, MakeSetpoint(6, after, last)).content, Content::AsPredicted);
+    EXPECT_EQ(Check(7, 6, MakeSetpoint(7, m_flat)).content, Content::Wrong);
 }
 
 }  // namespace

@@ -26,30 +26,17 @@ std::set<int> HarmedSamples(const Scenario& scenario, Stream stream) {
     return harmed;
 }
 
-TEST(FaultGenerator, HarmsTheSameSamplesInEveryRun) {
-    const Scenario scenario = WithRule({.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 0.02});
-    const std::set<int> first = HarmedSamples(scenario, Stream::Feedback);
-    EXPECT_EQ(first, HarmedSamples(scenario, Stream::Feedback));
-    EXPECT_GT(first.size(), 50U);
-    EXPECT_LT(first.size(), 160U);
-    EXPECT_TRUE(HarmedSamples(scenario, Stream::WavefrontCommand).empty());
-}
-
-TEST(FaultGenerator, AnotherRulesWindowShiftsNoChoice) {
+TEST(FaultGenerator, HarmsTheSameSamplesInEveryRunWhateverAnotherRuleDoes) {
     const FaultRule drops{.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 0.02};
     Scenario both = WithRule(drops);
     both.faults.push_back(
-        {.stream = Stream::Feedback, .kind = FaultKind::Corrupt, .share = 1.0, .from = 100s, .to = 101s});
-    EXPECT_EQ(HarmedSamples(both, Stream::Feedback), HarmedSamples(WithRule(drops), Stream::Feedback));
-}
-
-TEST(FaultGenerator, KeepsToItsWindow) {
-    const Scenario scenario =
-        WithRule({.stream = Stream::Feedback, .kind = FaultKind::Drop, .share = 1.0, .from = 1s, .to = 2s});
-    FaultGenerator generator(scenario, Stream::Feedback);
-    EXPECT_FALSE(generator.Next(Seconds{0.999}));
-    EXPECT_TRUE(generator.Next(Seconds{1.0}));
-    EXPECT_FALSE(generator.Next(Seconds{2.0}));
+        {.stream = Stream::Feedback, .kind = FaultKind::Corrupt, .share = 1.0, .from = 1s, .to = 2s});
+    std::set<int> expected = HarmedSamples(WithRule(drops), Stream::Feedback);
+    EXPECT_GT(expected.size(), 50U);
+    EXPECT_LT(expected.size(), 160U);
+    for (int i = 1000; i < 2000; ++i) expected.insert(i);
+    EXPECT_EQ(HarmedSamples(both, Stream::Feedback), expected);
+    EXPECT_TRUE(HarmedSamples(both, Stream::WavefrontCommand).empty());
 }
 
 // Sends the packets "ab", "cd", "ef", each in two pieces.

@@ -1,7 +1,5 @@
 #include "cameras/frameRenderer.hpp"
 
-#include "cameras/canvas.hpp"
-#include "cameras/frameView.hpp"
 #include "cameras/renderRow.hpp"
 #include "portableRandom.hpp"
 
@@ -9,8 +7,6 @@
 #include <hwy/targets.h>
 
 #include <cmath>
-#include <limits>
-#include <numbers>
 #include <stdexcept>
 
 namespace vosk::rig {
@@ -75,51 +71,6 @@ TEST_P(RenderedRow, HasTheCountsOfThePlainLoop) {
     }
 }
 
-TEST(SpotProfile, SharesLightAsAGaussianOverPixelsDoes) {
-    constexpr double RMS = 1.4;
-    const SpotProfile profile(RMS);
-    std::vector<float> shares(profile.Size());
-    PortableRandom random(1);
-    for (int i = 0; i < 200; ++i) {
-        const double center = i == 0 ? 100.0 : random.Uniform(-3.0, 1000.0);
-        const std::ptrdiff_t first = profile.Evaluate(center, shares);
-        double sum = 0.0;
-        double moment = 0.0;
-        for (std::size_t k = 0; k < shares.size(); ++k) {
-            const double left = static_cast<double>(first) + static_cast<double>(k) - 0.5 - center;
-            const auto below = [](double x) { return 0.5 * std::erfc(-x / (RMS * std::numbers::sqrt2)); };
-            // Between two places of 1/64 pixel, an interpolation errs by their squared distance / 8 times the
-            // curvature, which is 0.2 at most here.
-            EXPECT_NEAR(shares[k], below(left + 1.0) - below(left), 0.2 / 64 / 64 / 8 + 1e-6);
-            sum += shares[k];
-            moment += shares[k] * (left + 0.5);
-        }
-        EXPECT_NEAR(sum, 1.0, 1e-6);
-        EXPECT_NEAR(moment / sum, 0.0, 1e-5);
-    }
-}
-
-TEST(FrameRenderer, MakesTheSameFrameWheneverItIsAsked) {
-    const auto sensor = Sensor(AliceModel());
-    FrameRenderer one(sensor, 2);
-    FrameRenderer other(sensor, 2);
-    const std::vector<Spot> spots{{100.25, 50.5, 20000.0},
-                                  {-2.0, 239.5, 5000.0},
-                                  {1e300, 0.0, 1.0},
-                                  {std::numeric_limits<double>::quiet_NaN(), 3.0, 1.0}};
-    std::vector<std::uint16_t> first(57600);
-    std::vector<std::uint16_t> second(57600);
-    one.Render(8, spots, first);
-    one.Render(9, {}, second);
-    EXPECT_NE(first, second);
-    one.Render(8, spots, second);
-    EXPECT_EQ(first, second);
-    other.Render(8, spots, second);
-    EXPECT_EQ(first, second);
-    FrameRenderer(sensor, 3).Render(8, spots, second);
-    EXPECT_NE(first, second);
-}
-
 // Calibration files and frames are made apart from each other, perhaps on different machines.
 TEST_P(RenderedFrame, IsTheSameOnEveryMachine) {
     std::vector<std::uint16_t> raw(783360);
@@ -148,46 +99,6 @@ TEST(FrameRenderer, ReadsAWindowAsAPartOfTheWhole) {
     std::vector<std::uint16_t> raw(783360);
     EXPECT_THROW(FrameRenderer(Sensor(LisaModel()), 2).Render(1, spots, {0, 0, 1, 1}, raw),
                  std::invalid_argument);
-}
-
-// The prescan is overscan: the bias of its tap and the drift of its rows, and no light.
-TEST(FrameRenderer, FillsThePrescanWithBiasAndDrift) {
-    const auto sensor = Sensor(LisaModel());
-    const CameraModel& model = sensor->model;
-    FrameRenderer renderer(sensor, 2);
-    std::vector<std::uint16_t> raw(model.RawSize());
-    renderer.Render(5, std::vector<Spot>{{838.0, 100.0, 1e6}}, raw);
-    for (std::size_t row = 0; row < model.height; row += 17) {
-        double sum = 0.0;
-        for (std::size_t i = model.width; i < model.Stride(); ++i) {
-            const std::size_t place = row * model.Stride() + i;
-            sum += raw[sensor->position[place]] - double{sensor->bias[place]};
-        }
-        const double expected = renderer.Drift(5, row / FrameRenderer::GROUP_ROWS);
-        EXPECT_NEAR(sum / 120.0, expected, 5.0 * model.read_noise / std::sqrt(120.0)) << row;
-    }
-}
-
-TEST(DrawFrame, ShowsARegionEnlargedWithOutlinesAndMarks) {
-    FrameView view;
-    view.width = 30;
-    view.values.assign(600, 10.0F);
-    view.values[7 * view.width + 12] = 1000.0F;
-    view.region = {10, 20, 5, 15};
-    view.zoom = 8;
-    view.outlines = {{11, 15, 6, 10}};
-    const Canvas plain = DrawFrame(view);
-    EXPECT_EQ(plain.Width(), 80);
-    EXPECT_GT(plain.Height(), 80);
-    EXPECT_EQ(plain.At(2 * 8 + 4, 2 * 8 + 4), (Rgb{255, 255, 255}));
-    EXPECT_LT(plain.At(6 * 8 + 4, 2 * 8 + 4).red, 40);
-    EXPECT_GT(plain.At(8, 12).blue, plain.At(8, 12).red);
-    view.founds = {{12.0, 7.0, 1.0}};
-    const Rgb mark = DrawFrame(view).At(2 * 8 + 4, 2 * 8 + 4);
-    EXPECT_GT(mark.red, mark.green);
-    // An empty or undefined region is drawn too.
-    view.values.assign(600, std::numeric_limits<float>::quiet_NaN());
-    EXPECT_EQ(DrawFrame(view).Width(), 80);
 }
 
 }  // namespace

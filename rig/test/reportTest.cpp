@@ -1,9 +1,6 @@
-#include "host/hostStatus.hpp"
 #include "report/htmlReport.hpp"
-#include "report/plots.hpp"
 
 #include <vosk/test/support.hpp>
-#include <vosk/test/tempDir.hpp>
 
 namespace vosk::rig {
 namespace {
@@ -48,45 +45,6 @@ TEST(Figures, CountWhatIsLostOnlyAtRest) {
     facts.at_rest = true;
     EXPECT_EQ(figures().lost, 2U);      // of 5, two arrived by then and one in parts
     EXPECT_EQ(figures().rate, 1000.0);  // the gap is no period
-}
-
-TEST(Histogram, GathersTheRarestInItsLastBar) {
-    std::vector<double> values(200);
-    values.back() = 5000.0;
-    const Plot plot = Histogram("", "", values);
-    EXPECT_EQ(plot.series[0].y.back(), 1.0);
-    EXPECT_EQ(plot.marks[0].text, "more, up to 5000 us");
-}
-
-TEST(DrawSvg, ManagesWithEmptyFlatAndInfiniteData) {
-    const double infinity = std::numeric_limits<double>::infinity();
-    for (const auto style : {PlotSeries::Style::Line, PlotSeries::Style::Dots, PlotSeries::Style::Bars}) {
-        EXPECT_THAT(DrawSvg({"", "", "", true, {{"a", "a", style, {}, {}, {}}}, {}}), Not(HasSubstr("nan")));
-        EXPECT_THAT(DrawSvg({"", "", "", false, {{"a", "a", style, {1, 1}, {2, 2}, {}}}, {{1, "x"}}}),
-                    Not(HasSubstr("nan")));
-    }
-    const PlotSeries gap{"a", "a", PlotSeries::Style::Line, {0, 1, 2}, {1, infinity, 2}, {}};
-    EXPECT_THAT(DrawSvg({"", "", "", false, {gap}, {}}), Not(HasSubstr("inf")));
-}
-
-TEST(HostStatus, IsReadFromTheHostsJson) {
-    const std::string counts =
-        R"({"late_setpoints":1,"missing_answers":2,"foreign_answers":3,"kept_back_setpoints":4,)"
-        R"("overwritten_commands":5,"unfit_source_cycles":6,"failed_mode_changes":0,"clock_steps":7,"grid_points_skipped":8})";
-    const HostStatus status = ParseHostStatus(
-        R"({"mode":"TEL_DRIVEN","source":"CCS/TEL","handover_state":0,"log_dropped":2,"counts":)" + counts +
-        R"(,"threads":[{"priority":0,"priority_given":0},{"priority":9,"priority_given":0}])"
-        R"(,"streams":[{"name":"M4_OUTPUT","samples":7,"invalid":0,"lost":3,"dropped_packets":4}],)"
-        R"("events":[{"time_ns":5,"text":"say \"hi\" \u00b5"}]})");
-    EXPECT_EQ(status.source, "CCS/TEL");
-    EXPECT_EQ(status.streams.at("M4_OUTPUT").lost, 3U);
-    EXPECT_TRUE(status.priority_refused);
-    EXPECT_EQ(status.counts.grid_points_skipped, 8U);
-    ASSERT_EQ(status.events.size(), 1U);
-    EXPECT_EQ(status.events[0].time.time_since_epoch().count(), 5);
-    EXPECT_EQ(status.events[0].text, "say \"hi\" \u00b5");
-    EXPECT_THROW(ParseHostStatus("ok"), std::runtime_error);
-    EXPECT_THROW(ParseHostStatus("{\"mode\": "), std::runtime_error);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "cameras/cameraFiles.hpp"
 
 #include "cameras/lisaReadout.hpp"
-#include "cameras/plainCentroid.hpp"
 #include "files.hpp"
 
 #include <fmt/format.h>

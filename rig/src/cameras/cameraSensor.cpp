@@ -4,6 +4,7 @@
 #include "portableRandom.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 namespace vosk::rig {
@@ -138,6 +139,12 @@ CameraModel ModelNamed(const std::string& name) {
         if (model.name == name) return model;
     }
     throw std::invalid_argument("no camera is called " + name);
+}
+
+double SpotThreshold(const CameraModel& model) {
+    const double variance =
+        double{model.read_noise} * model.read_noise + double{model.gain} * model.background;
+    return model.background + 5.0 * std::sqrt(variance);
 }
 
 std::vector<float> CameraSensor::Image(const defs::AlignedFrame<float>& field) const {

@@ -46,6 +46,9 @@ CameraModel MaranaModel();  // 2048 x 2048
 // "lisa", "alice" or "marana"; std::invalid_argument for anything else.
 CameraModel ModelNamed(const std::string& name);
 
+// Five times the noise of the sky, above the sky: what a pixel of a spot should reach.
+double SpotThreshold(const CameraModel& model);
+
 struct BadPixel {
     std::uint32_t x;
     std::uint32_t y;

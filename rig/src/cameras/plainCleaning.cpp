@@ -1,7 +1,9 @@
-#include "cameras/plainCentroid.hpp"
+#include "cameras/plainCleaning.hpp"
+
+#include "cameras/frameRenderer.hpp"
 
 #include <algorithm>
-#include <cmath>
+#include <cstddef>
 
 namespace vosk::rig {
 namespace {
@@ -32,9 +34,7 @@ void Repair(std::vector<float>& image, std::size_t width, const BadPixel& pixel)
     value = static_cast<float>((sum - value) / 8.0);
 }
 
-}  // namespace
-
-std::vector<float> DescrambleFrame(const CameraSensor& sensor, std::span<const std::uint16_t> raw) {
+std::vector<float> Descramble(const CameraSensor& sensor, std::span<const std::uint16_t> raw) {
     const CameraModel& model = sensor.model;
     std::vector<float> image;
     image.reserve(model.width * model.height);
@@ -47,9 +47,11 @@ std::vector<float> DescrambleFrame(const CameraSensor& sensor, std::span<const s
     return image;
 }
 
+}  // namespace
+
 std::vector<float> CleanFrame(const CameraSensor& sensor, std::span<const std::uint16_t> raw) {
     const CameraModel& model = sensor.model;
-    const std::vector<float> image = DescrambleFrame(sensor, raw);
+    const std::vector<float> image = Descramble(sensor, raw);
     std::vector<float> cleaned(image.size());
     double drift = 0.0;
     for (std::size_t row = 0; row < model.height; ++row) {
@@ -63,30 +65,6 @@ std::vector<float> CleanFrame(const CameraSensor& sensor, std::span<const std::u
     }
     for (const BadPixel& pixel : sensor.bad_pixels) Repair(cleaned, model.width, pixel);
     return cleaned;
-}
-
-double SpotThreshold(const CameraModel& model) {
-    const double variance =
-        double{model.read_noise} * model.read_noise + double{model.gain} * model.background;
-    return model.background + 5.0 * std::sqrt(variance);
-}
-
-Spot FindSpot(const std::vector<float>& cleaned, std::size_t width, const Box& box, double threshold) {
-    double sum = 0.0;
-    double x = 0.0;
-    double y = 0.0;
-    for (std::size_t row = box.y_start; row < box.y_stop; ++row) {
-        for (std::size_t column = box.x_start; column < box.x_stop; ++column) {
-            const double value = cleaned[row * width + column];
-            if (value < threshold) continue;
-            sum += value;
-            x += value * static_cast<double>(column);
-            y += value * static_cast<double>(row);
-        }
-    }
-    if (sum > 0.0) return {x / sum, y / sum, sum};
-    return {static_cast<double>(box.x_start + box.x_stop - 1) / 2.0,
-            static_cast<double>(box.y_start + box.y_stop - 1) / 2.0, 0.0};
 }
 
 }  // namespace vosk::rig
