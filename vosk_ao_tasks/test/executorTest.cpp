@@ -1,6 +1,7 @@
 #include <atomclk/atomClk.hpp>
 #include <vosk/ao_tasks/executor.hpp>
 #include <vosk/common/logger.hpp>
+#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/logCapture.hpp>
 
 #include <iterator>
@@ -27,10 +28,10 @@ struct Mutexes {
 // An executor with its inputs, whose one managed mode (tip) moves all actuators alike.
 class Bench {
 public:
-    explicit Bench(float threshold_velocity = NO_LIMIT)
+    explicit Bench(float threshold_velocity = NO_LIMIT, bool delta = true)
         : m_executor{std::make_unique<Executor>(
               vosk::ao_tasks::CommandAssembly::Config{10},
-              vosk::ao_tasks::M4SaturationManagement::Config{true, 1, Vector(M4_CMD_SIZE, 1.0F),
+              vosk::ao_tasks::M4SaturationManagement::Config{delta, 1, Vector(M4_CMD_SIZE, 1.0F),
                                                              threshold_velocity, NO_LIMIT})} {}
 
     Executor* operator->() { return m_executor.get(); }
@@ -206,6 +207,27 @@ TEST(Executor, LocksBothInputsWithoutADeadlock) {
     Mutexes other;
     PassBesideAWriter(one, one.u4, one.gpao);
     PassBesideAWriter(other, other.gpao, other.u4);
+}
+
+TEST(Executor, AllocatesNothingInAPass) {
+    for (const bool delta : {true, false}) {
+        Bench bench{1.0F, delta};
+        const Vector answer(M4_CMD_SIZE, 1.0F);
+        bench.command.assign(bench.command.size(), 1.0F);
+        bench->PrintTimeStats();  // the log is set up on its first use
+        const auto before = vosk::test::AllocationsOfAllThreads();
+        ASSERT_GT(before, 0U);
+        for (std::uint32_t mode = 0; mode < 8; ++mode) {
+            bench->UpdateRefShape();
+            bench->Step0_SetControlMode(static_cast<VoskControlMode>(mode));
+            bench.Split();
+            bench.Assemble();
+            bench->Step3_ProcessM4SetpointData();
+            bench->Step4a_ProcessM4SetpointAppliedData(std::span<const float, M4_CMD_SIZE>{answer});
+            bench->PrintTimeStats();
+        }
+        EXPECT_EQ(vosk::test::AllocationsOfAllThreads(), before);
+    }
 }
 
 TEST(Executor, TellsItsTimesOnTheWorkersLogAtTrace) {

@@ -115,7 +115,7 @@ void LisaNoiseRemoval::AddRange(const std::uint16_t* raw, const PixelRange& rang
         const auto [alike_stop, raw_stride] = RowsAlike(row);
         const std::size_t stop = std::min({range.y_stop, alike_stop, (row / GROUP_ROWS + 1) * GROUP_ROWS});
         const double bias = ComputeDynamicBias(raw, row / GROUP_ROWS);
-        ForEachPiece(row, range.x_start, range.x_stop, hint, [&](const Piece& piece) {
+        ForEachPiece(row, range.x_start, range.x_stop, hint, [&, raw_stride = raw_stride](const Piece& piece) {
             const std::size_t first = row * m_width + piece.x_start;
             const std::size_t count = piece.x_stop - piece.x_start;
             if (piece.step != 0) {
