@@ -115,16 +115,17 @@ void LisaNoiseRemoval::AddRange(const std::uint16_t* raw, const PixelRange& rang
         const auto [alike_stop, raw_stride] = RowsAlike(row);
         const std::size_t stop = std::min({range.y_stop, alike_stop, (row / GROUP_ROWS + 1) * GROUP_ROWS});
         const double bias = ComputeDynamicBias(raw, row / GROUP_ROWS);
-        ForEachPiece(row, range.x_start, range.x_stop, hint, [&, raw_stride = raw_stride](const Piece& piece) {
-            const std::size_t first = row * m_width + piece.x_start;
-            const std::size_t count = piece.x_stop - piece.x_start;
-            if (piece.step != 0) {
-                cleaning.Add(
-                    {raw + piece.source, nullptr, piece.step, first, count, bias, stop - row, raw_stride});
-            } else {
-                cleaning.Add({raw, m_scramble.data() + first, 0, first, count, bias, 1, 0});
-            }
-        });
+        ForEachPiece(row, range.x_start, range.x_stop, hint,
+                     [&, raw_stride = raw_stride](const Piece& piece) {
+                         const std::size_t first = row * m_width + piece.x_start;
+                         const std::size_t count = piece.x_stop - piece.x_start;
+                         if (piece.step != 0) {
+                             cleaning.Add({raw + piece.source, nullptr, piece.step, first, count, bias,
+                                           stop - row, raw_stride});
+                         } else {
+                             cleaning.Add({raw, m_scramble.data() + first, 0, first, count, bias, 1, 0});
+                         }
+                     });
         row = stop;
     }
 }
