@@ -79,8 +79,10 @@ TEST_F(LibMainTest, EmptyDocumentMakesNoThreadAndNoDocumentIsRefused) {
     EXPECT_THROW(SetUpThreads("cfg: 5"), std::runtime_error);
 }
 
-TEST_F(LibMainTest, EmptiesTheRegistriesAndReadsTheResamplersBeforeItMakesAThread) {
-    SetUpThreads(std::string{"cfg: {m4: {output: ["} + OUTPUT + "]}, resamplers: [{id: r, definition: []}]}");
+TEST_F(LibMainTest, EmptiesTheRegistriesThenMakesTheStreamsAndStartsThemAgainAfterAStop) {
+    SetUpThreads("cfg: {ao: {wavefront_cmd_stream: [" + ReceiverKeys(0) + "]}, m4: {output: [" + OUTPUT +
+                 "], input: [" + ReceiverKeys(1) + "], feedback: [" + ReceiverKeys(2) +
+                 "]}, resamplers: [{id: r, definition: []}]}");
     const auto texts = m_log.Texts("");
     auto next = texts.begin();
     for (const char* text :
@@ -89,11 +91,6 @@ TEST_F(LibMainTest, EmptiesTheRegistriesAndReadsTheResamplersBeforeItMakesAThrea
         next = std::find(next, texts.end(), text);
         EXPECT_NE(next, texts.end()) << text;
     }
-}
-
-TEST_F(LibMainTest, MakesTheStreamsThatTheDocumentDescribesAndStartsThemAgainAfterAStop) {
-    SetUpThreads("cfg: {ao: {wavefront_cmd_stream: [" + ReceiverKeys(0) + "]}, m4: {output: [" + OUTPUT +
-                 "], input: [" + ReceiverKeys(1) + "], feedback: [" + ReceiverKeys(2) + "]}}");
     for (unsigned starts : {1U, 2U}) {
         m_library.StartThreads();
         m_library.StopThreads();

@@ -88,12 +88,10 @@ TEST(Endpoints, ReadTheKeysOfAReceiverOverTheDefaults) {
                              "leader_extended_info_size: 4, buf_samples: 3",
                         description};
     EXPECT_EQ(description, "LSPX receiver listening on: 127.0.0.1:" + PORT + ", topic ID: 1234");
-    EXPECT_EQ(rx.m_udp_cfg.incoming_cpu, std::nullopt);
-    EXPECT_EQ(rx.m_udp_cfg.busy_poll, std::nullopt);
-    EXPECT_EQ(rx.m_qudex_cfg.num_frames, 5);
+    EXPECT_FALSE(rx.m_udp_cfg.incoming_cpu || rx.m_udp_cfg.busy_poll);
     EXPECT_TRUE(rx.m_qudex_cfg.checksum_force_ignore);
+    EXPECT_EQ(rx.m_qudex_cfg.num_frames, 5);
     EXPECT_EQ(rx.m_lspx_cfg.leader_extended_info_size, 4);
-    EXPECT_EQ(rx.m_lspx_cfg.data_unit_size, 4);
     EXPECT_EQ(rx.m_lspx_cfg.buf_samples, 3U);
     EXPECT_EQ(rx.m_receiver, nullptr);  // the LSPX receiver has taken it over
 }

@@ -84,23 +84,18 @@ TEST_F(ResamplerManagerTest, ANodeWithoutADefinitionGetsAMailboxWhichCanBeReplac
               "CreateResamplerComponent could not create magic: m");
 }
 
-TEST_F(ResamplerManagerTest, WarnsOfTheThirdUserAndServesIt) {
-    const auto producer = Get("resampler: half", 3);
-    const auto consumer = Get("resampler: half", 3);
-    EXPECT_TRUE(m_log.Texts("use count > 2").empty());
-    EXPECT_EQ(Get("resampler: half", 3), producer);
-    EXPECT_EQ(m_log.Texts("use count > 2", log4cplus::WARN_LOG_LEVEL).size(), 1U);
-}
-
-TEST_F(ResamplerManagerTest, WhatIsNotThereIsRefused) {
+TEST_F(ResamplerManagerTest, WarnsOfTheThirdUserAndRefusesWhatIsNotThere) {
     for (const std::string id : {"without_definition", "elsewhere"})
         EXPECT_THROW(Get("resampler: " + id), std::runtime_error) << id;
     auto& manager = ResamplerManager::GetInstance();
-    const ResamplerManager::ResamplerId id{typeid(CentroidError), "half", 2};
+    const ResamplerManager::ResamplerId id{typeid(CentroidError), "half", 3};
     EXPECT_THROW(manager.GetResamplerOrThrow(id), std::runtime_error);
     EXPECT_EQ(manager.GetResampler(id), nullptr);
-    const auto resampler = Get("resampler: half", 2);
-    EXPECT_EQ(manager.GetResamplerOrThrow(id), resampler);
+    const auto producer = Get("resampler: half", 3);
+    const auto consumer = Get("resampler: half", 3);
+    EXPECT_TRUE(m_log.Texts("use count > 2").empty());
+    EXPECT_EQ(manager.GetResamplerOrThrow(id), producer);
+    EXPECT_EQ(m_log.Texts("use count > 2", log4cplus::WARN_LOG_LEVEL).size(), 1U);
 }
 
 TEST_F(ResamplerManagerTest, ANewStartForgetsTheOldWithoutTakingItFromItsHolders) {
