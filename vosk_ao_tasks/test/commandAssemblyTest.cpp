@@ -1,11 +1,9 @@
 #include <vosk/ao_tasks/commandAssembly.hpp>
-#include <vosk/ao_tasks/commandSplitting.hpp>
 #include <vosk/test/support.hpp>
 
 namespace {
 
 using vosk::ao_tasks::CommandAssembly;
-using vosk::ao_tasks::CommandSplitting;
 using vosk::defs::VoskControlMode;
 using namespace vosk::defs;
 
@@ -59,16 +57,6 @@ TEST(CommandAssembly, RefusesModesOutOfRange) {
         EXPECT_EQ(vosk::test::TextOf<std::runtime_error>([&] { CommandAssembly{{value}}; }),
                   "ERR: Incorrect 'ho_cascade_modes' value = " + std::to_string(value));
     }
-}
-
-TEST(CommandSplitting, CutsAllElements) {
-    std::array<float, TIP_TILT_SIZE> first{};
-    std::array<float, TIP_TILT_SIZE> second{};
-    std::array<float, HIGH_ORDER_SIZE> high_order{};
-    CommandSplitting{}.Work(Counting<WAVEFRONT_CMD_SIZE>(0.0F), first, second, high_order);
-    EXPECT_EQ(first, (std::array{0.0F, 1.0F}));
-    EXPECT_EQ(second, (std::array{2.0F, 3.0F}));
-    EXPECT_EQ(high_order, Counting<HIGH_ORDER_SIZE>(4.0F));
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
-#include <atomclk/atomClk.hpp>
 #include <vosk/ao_tasks/executor.hpp>
-#include <vosk/common/logger.hpp>
 #include <vosk/test/allocationCount.hpp>
-#include <vosk/test/logCapture.hpp>
 
 #include <iterator>
 #include <mutex>
@@ -228,24 +225,6 @@ TEST(Executor, AllocatesNothingInAPass) {
         }
         EXPECT_EQ(vosk::test::AllocationsOfAllThreads(), before);
     }
-}
-
-TEST(Executor, TellsItsTimesOnTheWorkersLogAtTrace) {
-    const atomclk::ManualClock clock{atomclk::AtomClk::time_point{std::chrono::seconds{1}}};
-    const vosk::test::LogCapture log;
-    Bench bench;
-    bench->PrintTimeStats();
-    const std::vector<vosk::test::LogCapture::Line> expected{
-        {log4cplus::TRACE_LOG_LEVEL,
-         "AoTasks data processing timings (task duration):\n\tcmd_splitting = 0 us, cmd_assembly = "
-         "0 us, m4_ref_shape = 0 us, m4_saturation = 0 us, m4_applied_process = 0 us"},
-        {log4cplus::DEBUG_LOG_LEVEL,
-         "M4 Saturation Management timings (steps duration) [delta cmd]:\n\tdelta_act_pos = 0 us, "
-         "scale_vel = 0 us, pos1 = 0 us, scale_gap = 0 us, am_setpoint = 0 us"}};
-    EXPECT_EQ(log.Lines(), expected);
-    vosk::common::GetLogger().setLogLevel(log4cplus::DEBUG_LOG_LEVEL);
-    bench->PrintTimeStats();
-    EXPECT_EQ(log.Lines(), expected);
 }
 
 TEST(ExecutorDeathTest, StopsOnAStepOutOfOrder) {

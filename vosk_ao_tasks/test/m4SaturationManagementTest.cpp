@@ -14,12 +14,17 @@ constexpr float NAN_F = std::numeric_limits<float>::quiet_NaN();
 constexpr float INF = std::numeric_limits<float>::infinity();
 using Vector = std::vector<float>;
 
-Vector Limit(const Config& config, const Vector& command, const Vector& applied) {
+// The setpoint, and whether the projection was finite.
+std::pair<Vector, bool> Work(const Config& config, const Vector& command, const Vector& applied) {
     auto block = std::make_unique<M4SaturationManagement>(config);
     Vector setpoint(SIZE, -1.0F);
     using In = std::span<const float, SIZE>;
     block->Work(In{command}, In{applied}, std::span<float, SIZE>{setpoint});
-    return setpoint;
+    return {setpoint, block->IsProjectionFinite()};
+}
+
+Vector Limit(const Config& config, const Vector& command, const Vector& applied) {
+    return Work(config, command, applied).first;
 }
 
 Vector Random(std::size_t count) {
@@ -149,12 +154,7 @@ TEST(M4SaturationManagement, SaysWhereAFiniteCommandHasNoFinitePosition) {
         Config config{delta, 2, Vector(2 * SIZE), 1, 5};
         auto& matrix = config.m2p;
         const auto is_finite = [&](const Vector& command) {
-            const auto block = std::make_unique<M4SaturationManagement>(config);
-            const Vector input = Filled(command);
-            Vector setpoint(SIZE);
-            using In = std::span<const float, SIZE>;
-            block->Work(In{input}, In{Vector(SIZE)}, std::span<float, SIZE>{setpoint});
-            return block->IsProjectionFinite();
+            return Work(config, Filled(command), Vector(SIZE)).second;
         };
         matrix[0] = 2.0F;
         matrix[1] = -2.0F;
@@ -167,23 +167,21 @@ TEST(M4SaturationManagement, SaysWhereAFiniteCommandHasNoFinitePosition) {
 }
 
 TEST(M4SaturationManagement, RefusesABadConfiguration) {
-    const auto refusal = [](const Config& config) {
-        return vosk::test::TextOf<std::runtime_error>([&] { M4SaturationManagement{config}; });
-    };
-    const std::string error = "M4SaturationManagement: ERROR: ";
-    const std::string velocity = error + "Wrong 'delta_threshold', must be a positive value.";
-    const std::string gap = error + "Wrong 'gap_threshold', must be a positive value.";
-    EXPECT_EQ(refusal(OneMode(true, -1, -1)), velocity);
-    EXPECT_EQ(refusal(OneMode(true, NAN_F, 0)), velocity);
-    EXPECT_EQ(refusal(OneMode(true, 0, -1)), gap);
-    EXPECT_EQ(refusal(OneMode(true, 0, NAN_F)), gap);
-    EXPECT_EQ(refusal({true, 2, Vector(SIZE), -1, 0}),
-              error + "Wrong size of the M2P projection matrix, size = 5352, but should be 5352 x 2 = 10704");
-    EXPECT_EQ(refusal({true, 5353, Vector(SIZE * 5353), 0, 0}),
-              error + "Wrong 'managed_modes', must be at most 5352, but is 5353.");
-    Config config = OneMode(true, 0, 0);
-    config.m2p[SIZE - 1] = NAN_F;
-    EXPECT_EQ(refusal(config), error + "The M2P projection matrix holds a value that is not finite.");
+    Config not_finite = OneMode(true, 0, 0);
+    not_finite.m2p[SIZE - 1] = NAN_F;
+    const std::pair<Config, std::string> cases[]{
+        {OneMode(true, -1, -1), "Wrong 'delta_threshold', must be a positive value."},
+        {OneMode(true, NAN_F, 0), "Wrong 'delta_threshold', must be a positive value."},
+        {OneMode(true, 0, NAN_F), "Wrong 'gap_threshold', must be a positive value."},
+        {{true, 2, Vector(SIZE), -1, 0},
+         "Wrong size of the M2P projection matrix, size = 5352, but should be 5352 x 2 = 10704"},
+        {{true, 5353, Vector(SIZE * 5353), 0, 0},
+         "Wrong 'managed_modes', must be at most 5352, but is 5353."},
+        {not_finite, "The M2P projection matrix holds a value that is not finite."}};
+    for (const auto& [config, text] : cases) {
+        EXPECT_EQ(vosk::test::TextOf<std::runtime_error>([&c = config] { M4SaturationManagement{c}; }),
+                  "M4SaturationManagement: ERROR: " + text);
+    }
 }
 
 }  // namespace

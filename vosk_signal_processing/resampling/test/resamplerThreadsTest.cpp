@@ -1,5 +1,4 @@
-// Producer and consumer in a resampler at once, and a consumer that sleeps on two of them. For the thread
-// sanitizer too.
+// Producer and consumer in a resampler at once. For the thread sanitizer too.
 
 #include <vosk/signal_processing/resamplingFactory.hpp>
 #include <vosk/test/support.hpp>
@@ -11,8 +10,6 @@ namespace {
 
 using atomclk::AtomClk;
 using vosk::test::At;
-using vosk::test::Eventually;
-using vosk::test::PATIENCE;
 
 constexpr auto PERIOD = 1ms;  // from input to input
 
@@ -136,43 +133,6 @@ TEST(TwoThreads, AWaitableStageAnswersItsWaiterWhileItsChainRuns) {
     EXPECT_TRUE(waitable.IsDataReady());
     EXPECT_EQ(chain.GetSample()->words[0], 1U);
     EXPECT_EQ(chain.GetSample()->words[0], 2'000U);
-}
-
-// The sleep has no end of its own within the test's patience: without a notification it would outlast it.
-TEST(TwoThreads, AConsumerSleepsOnTwoResamplersByOneSynchronizer) {
-    for (const bool busy : {false, true}) {
-        const auto synchronizer = common::MakeWaitSynchronizer(busy);
-        using Mailbox = WaitableResamplerImplementation<IdentityResampler<Proof, Opaque>>;
-        std::array<Mailbox, 2> mailboxes{Mailbox{0ns}, Mailbox{0ns}};
-        for (Mailbox& mailbox : mailboxes) mailbox.ReplaceSynchronizer(synchronizer);
-        int running = 1;
-        std::array<std::atomic<std::uint64_t>, 2> taken{};
-        std::atomic<bool> has_ended{false};
-        std::thread consumer{[&] {
-            while (synchronizer->WaitUntil(AtomClk::now() + 2 * PATIENCE, running)) {
-                for (std::size_t i = 0; i < 2; ++i) {
-                    if (mailboxes[i].HasSamples()) taken[i] = mailboxes[i].GetSample()->words[0];
-                }
-            }
-            has_ended = true;
-        }};
-        // Again and again, as a notification between the consumer's look and its sleep is lost.
-        bool is_woken = true;
-        for (std::uint64_t origin = 1; origin <= 200 && is_woken; ++origin) {
-            const std::size_t i = origin % 3 == 0 ? 1 : 0;
-            is_woken = Eventually([&] {
-                mailboxes[i].AddSample(Proof::Of(origin));
-                return taken[i] == origin;
-            });
-        }
-        common::SetRunning(running, false);
-        EXPECT_TRUE(Eventually([&] {
-            synchronizer->Notify();
-            return has_ended.load();
-        }));
-        consumer.join();
-        EXPECT_TRUE(is_woken);
-    }
 }
 
 }  // namespace
