@@ -153,8 +153,8 @@ TEST(M4SaturationManagement, SaysWhereAFiniteCommandHasNoFinitePosition) {
     for (const bool delta : {true, false}) {
         Config config{delta, 2, Vector(2 * SIZE), 1, 5};
         auto& matrix = config.m2p;
-        const auto is_finite = [&](const Vector& command) {
-            return Work(config, Filled(command), Vector(SIZE)).second;
+        const auto is_finite = [&](const Vector& command, const Vector& applied = {}) {
+            return Work(config, Filled(command), Filled(applied)).second;
         };
         matrix[0] = 2.0F;
         matrix[1] = -2.0F;
@@ -163,6 +163,10 @@ TEST(M4SaturationManagement, SaysWhereAFiniteCommandHasNoFinitePosition) {
         matrix = Vector(2 * SIZE);
         matrix.back() = 2.0F;
         EXPECT_FALSE(is_finite({0, 3e38F}));
+        // Only the sum of position and step overflows, unless the step is cut before.
+        EXPECT_EQ(is_finite({0, 1.9e38F}, {0, 1e38F}), delta);
+        config.threshold_velocity = INF;
+        EXPECT_FALSE(is_finite({0, 1.9e38F}, {0, 1e38F}));
     }
 }
 

@@ -63,8 +63,6 @@ TEST(CentroidingFactory, RefusesWhatItCannotMake) {
         EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, error), 1);
     }
     EXPECT_THROW(FromNode("{type: nbr, nbrightest: 0}"), std::invalid_argument);
-    EXPECT_THROW(FromNode("{type: nbr, nbrightest: -1}"), oru::configng::PliConfigValueError);
-    EXPECT_THROW(FromNode("{type: cog, saturation: 1 px}"), oru::configng::PliConfigValueError);
 }
 
 TEST(EstimatorOptions, MakeEachEstimatorAndComeBackFromIt) {

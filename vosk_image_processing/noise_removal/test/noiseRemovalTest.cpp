@@ -77,16 +77,13 @@ TEST(NoiseRemoval, RefusesOtherFramesRoisAndWindowsAndLeavesTheOutputAlone) {
     expect(2, MARANA_SIZE, window, {}, "window of 2049 x 2048" + large);
     expect(2, MARANA_SIZE, Window{0, 0, 65535, 65535}, At(0, 1, 0, 1), "window of 65535 x 65535" + large);
     EXPECT_NO_THROW(cameras[2].removal->RemoveNoise(raw, window, At(0, 9, 5, 5)));
-}
-
-TEST(NoiseRemoval, ChecksTheMasterBiasBeforeTheFlat) {
     const AlignedFrame<float> right(ALICE_SIZE);
     const AlignedFrame<float> wrong(ALICE_SIZE - 1);
-    const std::string text = " vector size: 57599, expected: 57600";
+    const std::string size = " vector size: 57599, expected: 57600";
     ExpectRefused<std::invalid_argument>([&] { AliceNoiseRemoval(wrong, wrong); },
-                                         "NoiseRemovalBase: unexpected master bias" + text);
+                                         "NoiseRemovalBase: unexpected master bias" + size);
     ExpectRefused<std::invalid_argument>([&] { AliceNoiseRemoval(right, wrong); },
-                                         "NoiseRemovalBase: unexpected flat" + text);
+                                         "NoiseRemovalBase: unexpected flat" + size);
 }
 
 TEST(NoiseRemoval, KnowsTheInstructionSetBeforeItsFirstFrame) {
@@ -109,14 +106,6 @@ TEST(NoiseRemoval, AllocatesNothingWhileItCleans) {
         }
         EXPECT_EQ(test::AllocationsOfThisThread(), before);
         EXPECT_EQ(removal.GetFrame().data(), pixels);
-    }
-}
-
-TEST(AlignedFrame, StartsOn32BytesAlsoAfterItHasGrown) {
-    std::vector<AlignedFrame<std::uint16_t>> frames;  // all at once, so that none gets the place of another
-    for (std::size_t size = 1; size < 200; size += 3) {
-        frames.emplace_back(size).push_back(0);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(frames.back().data()) % 32, 0U) << size;
     }
 }
 
@@ -178,20 +167,16 @@ TEST_F(NoiseRemovalFactory, FindsTheTableOfLisaAtItsOnePlace) {
 }
 
 TEST_F(NoiseRemovalFactory, SaysWhatIsWrongWithTheConfiguration) {
-    const auto expect = [](const auto& create, const std::string& name) {
-        const auto fails = [&](const oru::configng::PliConfigInstanceNode& node, const std::string& text) {
-            ExpectRefused<std::runtime_error>([&] { create(node, "nr"); }, name + text);
-        };
-        for (const char* text : {"t: {other: 1}", "t: {nr: text}", "t: {nr: [dark_path]}", "t: text"}) {
-            fails(NodeOf(text)["t"], " could not create \"nr\"");
-        }
-        fails({}, " could not create \"nr\"");
-        fails(NodeOf("nr: {dark_path: a}"), ": node misconfigured");
-        fails(NodeOf("nr: {flat_path: a}"), ": node misconfigured");
+    const auto refuses = [](const auto& create, const std::string& section, const std::string& text) {
+        ExpectRefused<std::runtime_error>([&] { create(NodeOf("t: " + section)["t"], "nr"); }, text);
     };
-    expect(factory::CreateLisaNoiseRemoval, "CreateLisaNoiseRemoval");
-    expect(factory::CreateAliceNoiseRemoval, "CreateAliceNoiseRemoval");
-    expect(factory::CreateMaranaNoiseRemoval, "CreateMaranaNoiseRemoval");
+    for (const char* section : {"{other: 1}", "{nr: text}", "{nr: [dark_path]}", "text"}) {
+        refuses(factory::CreateLisaNoiseRemoval, section, "CreateLisaNoiseRemoval could not create \"nr\"");
+    }
+    refuses(factory::CreateAliceNoiseRemoval, "{nr: {dark_path: a}}",
+            "CreateAliceNoiseRemoval: node misconfigured");
+    refuses(factory::CreateMaranaNoiseRemoval, "{nr: {flat_path: a}}",
+            "CreateMaranaNoiseRemoval: node misconfigured");
 }
 
 }  // namespace
