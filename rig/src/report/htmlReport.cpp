@@ -2,9 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
 #include <iterator>
-#include <stdexcept>
 
 namespace vosk::rig {
 namespace {
