@@ -16,8 +16,6 @@ namespace vosk::lumo {
 
 namespace {
 
-constexpr int MIN_FRAMES = 3;
-
 // Clocks of peers on one site agree far better.
 constexpr std::chrono::seconds MAX_TIME_AHEAD{1};
 
@@ -36,20 +34,6 @@ pktwire::lspx::Receiver::Config LspxDefaults() {
     config.data_unit_size = sizeof(float);
     config.buf_samples = 2;
     return config;
-}
-
-// The buffers have one form; in another the values would be read wrong, or none would come at all.
-void CheckForm(const oru::configng::PliConfigInstanceNode& node,
-               const pktwire::qudex::Receiver::Config& qudex, const pktwire::lspx::Receiver::Config& lspx) {
-    const auto require = [&node](bool is_good, const char* key, const char* form) {
-        if (!is_good) Refuse(node, key, fmt::format("ERR: {}.{} {}", node.GetPath(), key, form));
-    };
-    require(qudex.num_frames >= MIN_FRAMES, "num_frames", "must be at least 3: leader, payload, trailer");
-    require(lspx.endianness == pktwire::lspx::LITTLE_ENDIAN_UNITS, "endianness", "must be LE");
-    require(lspx.data_unit_size == sizeof(float), "data_unit_size", "must be 4");
-    require(lspx.leader_extended_info_size == sizeof(defs::AoWavefrontCmdStream::ExtInfo::Header),
-            "leader_extended_info_size", "must be 4");
-    require(lspx.trailer_extended_info_size == 0, "trailer_extended_info_size", "must be 0");
 }
 
 // 0 is no time, which means at once. One far ahead would keep AoTasks, M4Output and the AO output waiting for
@@ -86,7 +70,7 @@ AoWavefrontCmdInput::AoWavefrontCmdInput(const oru::configng::PliConfigInstanceN
       m_output_sync{WaitableExchange<AoOutputDataSync>(m_busy)},
       m_statistics{RuntimeMonitor::GetInstance().m_ao_statistics},
       m_counts{RuntimeMonitor::GetInstance().m_command_counts} {
-    CheckForm(node, m_qudex_cfg, m_lspx_cfg);
+    RequireForm(node, sizeof(float), sizeof(m_buffers->header));
 }
 
 AoWavefrontCmdInput::Received AoWavefrontCmdInput::Receive() {

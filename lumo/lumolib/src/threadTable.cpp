@@ -1,11 +1,15 @@
 #include <lumolib/threadTable.hpp>
 
+#include <lumolib/aliceInput.hpp>
 #include <lumolib/aoTasks.hpp>
 #include <lumolib/aoWavefrontCmdInput.hpp>
+#include <lumolib/imageProcessing.hpp>
 #include <lumolib/m4Input.hpp>
 #include <lumolib/m4Output.hpp>
 #include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
+
+#include <strings.h>
 
 namespace vosk::lumo {
 
@@ -17,6 +21,25 @@ namespace {
 template <class T>
 void Make(const PliConfigInstanceNode& node, const EnterThread& enter) {
     enter(std::make_unique<T>(node));
+}
+
+// An ALICE camera has two threads. The one that processes comes first: its `busy` key decides how it waits.
+// Under a review the other is looked at all the same.
+void MakeAlice(const PliConfigInstanceNode& node, const EnterThread& enter) {
+    Attempt(node, [&] { Make<ImageProcessing>(node, enter); });
+    Make<AliceInput>(node, enter);
+}
+
+bool IsLisa(const PliConfigInstanceNode& node) {
+    if (!node.Has("camera_type")) return false;
+    const auto type = node["camera_type"].As<std::string>();
+    return ::strcasecmp(type.c_str(), "lisa") == 0;
+}
+
+void MakeGuideProbeImager(const PliConfigInstanceNode& node, const EnterThread& enter) {
+    if (!IsLisa(node)) return MakeAlice(node, enter);
+    WarnOf(node, "no thread of this build serves it, skipping");
+    node.PassOver();
 }
 
 void LogIfAny(const std::string& text) {
@@ -55,7 +78,8 @@ void WalkSection(const SectionEntry& section, const PliConfigInstanceNode& node,
 
 std::span<const SectionEntry> CameraAndCommandSections() {
     static const std::vector<SectionEntry> sections{
-        {"guide_probe", {{"vis_img", EntriesUsed::EVERY, {}}, {"wfs", EntriesUsed::EVERY, {}}}},
+        {"guide_probe",
+         {{"vis_img", EntriesUsed::EVERY, MakeGuideProbeImager}, {"wfs", EntriesUsed::EVERY, {}}}},
         {"pds", {{"vis_img", EntriesUsed::EVERY, {}}, {"wfs", EntriesUsed::EVERY, {}}}},
         {"ao", {{"wavefront_cmd_stream", EntriesUsed::EVERY, Make<AoWavefrontCmdInput>}}},
     };

@@ -1,6 +1,14 @@
 #include <lumolib/streamInput.hpp>
 
+#include <lumolib/utilities.hpp>
+
 namespace vosk::lumo {
+
+namespace {
+
+constexpr int MIN_FRAMES = 3;
+
+}  // namespace
 
 LspxInput::LspxInput(const std::string& name, const oru::configng::PliConfigInstanceNode& node,
                      const pktwire::UdpRxSocket::Config& udp, const pktwire::qudex::Receiver::Config& qudex,
@@ -8,6 +16,19 @@ LspxInput::LspxInput(const std::string& name, const oru::configng::PliConfigInst
     : RxThread{name, node, "", std::chrono::microseconds{0}},
       RxLspx{node, udp, qudex, lspx, MemoryResource(), m_description},
       m_account{std::move(account)} {}
+
+void LspxInput::RequireForm(const oru::configng::PliConfigInstanceNode& node, std::size_t data_unit_size,
+                            std::size_t leader_info_size) const {
+    const auto require = [&node](bool is_good, const char* key, const std::string& form) {
+        if (!is_good) Refuse(node, key, fmt::format("ERR: {}.{} must be {}", node.GetPath(), key, form));
+    };
+    require(m_qudex_cfg.num_frames >= MIN_FRAMES, "num_frames", "at least 3: leader, payload, trailer");
+    require(m_lspx_cfg.endianness == pktwire::lspx::LITTLE_ENDIAN_UNITS, "endianness", "LE");
+    require(m_lspx_cfg.data_unit_size == data_unit_size, "data_unit_size", std::to_string(data_unit_size));
+    require(m_lspx_cfg.leader_extended_info_size == leader_info_size, "leader_extended_info_size",
+            std::to_string(leader_info_size));
+    require(m_lspx_cfg.trailer_extended_info_size == 0, "trailer_extended_info_size", "0");
+}
 
 void LspxInput::Work(std::promise<void>& started) {
     m_lspx_receiver->Restart();

@@ -7,6 +7,7 @@
 // thread at a time while the threads run; StopThreads, also after StartThreads has thrown; destroy. The
 // registries behind it are process-wide, so one LibMain may be in use at a time.
 
+#include <lumolib/cOptions.hpp>
 #include <lumolib/lumoThread.hpp>
 #include <lumolib/threadTable.hpp>
 
@@ -17,6 +18,7 @@
 #include <oru/configng/pliConfig.hpp>
 #include <span>
 #include <string>
+#include <utility>
 #include <vosk/defs/controlMode.hpp>
 
 namespace vosk::lumo {
@@ -59,6 +61,21 @@ public:
 
     defs::VoskControlMode GetControlMode();
     defs::Camera GetActiveCameraFs();
+
+    // The imaging cameras, by the first list of which one takes the command: the threads ImageProcessing, or
+    // else those of the other cameras. To set goes to all of a list, and is true if one has taken it; each
+    // that refuses is a line at ERROR. To get asks the first alone, and is all zero where there is none.
+    // Reference position and centroid box are in whole pixels; the options are those of COptions.
+    bool SetImageProcessing_CRef(unsigned int ref_x, unsigned int ref_y, unsigned int box_x,
+                                 unsigned int box_y);
+    std::pair<unsigned int, unsigned int> GetImageProcessing_RefPos();
+    std::pair<unsigned int, unsigned int> GetImageProcessing_CentBox();
+    bool SetImageProcessing_COpt(unsigned int option, float threshold, unsigned int nbrightest);
+    COptions GetImageProcessing_COpt();
+
+    // Guide-probe centering. Always true.
+    bool EnableGPCentering();
+    bool DisableGPCentering();
 
     const std::map<std::string, std::unique_ptr<Thread>>& GetThreads() const { return m_threads; }
 

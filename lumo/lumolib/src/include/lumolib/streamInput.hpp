@@ -119,6 +119,12 @@ protected:
     // Leader or trailer is absent.
     virtual void OnNothing(time_point now) { m_account.RecordInvalid(now); }
 
+    // Refuses keys with which the buffers, which have one form, would be filled wrongly or not at all:
+    // samples of two packets, units that aren't little-endian or of another size, another size of the
+    // leader's information, any of the trailer's.
+    void RequireForm(const oru::configng::PliConfigInstanceNode& node, std::size_t data_unit_size,
+                     std::size_t leader_info_size) const;
+
     void Work(std::promise<void>& started) override;
     void RunCycle();
 
