@@ -4,8 +4,10 @@
 #include <lumolib/aoTasks.hpp>
 #include <lumolib/aoWavefrontCmdInput.hpp>
 #include <lumolib/imageProcessing.hpp>
+#include <lumolib/lisaInput.hpp>
 #include <lumolib/m4Input.hpp>
 #include <lumolib/m4Output.hpp>
+#include <lumolib/maranaInput.hpp>
 #include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 
@@ -37,9 +39,8 @@ bool IsLisa(const PliConfigInstanceNode& node) {
 }
 
 void MakeGuideProbeImager(const PliConfigInstanceNode& node, const EnterThread& enter) {
-    if (!IsLisa(node)) return MakeAlice(node, enter);
-    WarnOf(node, "no thread of this build serves it, skipping");
-    node.PassOver();
+    if (IsLisa(node)) return Make<ImgLisaInput>(node, enter);
+    MakeAlice(node, enter);
 }
 
 void LogIfAny(const std::string& text) {
@@ -79,8 +80,11 @@ void WalkSection(const SectionEntry& section, const PliConfigInstanceNode& node,
 std::span<const SectionEntry> CameraAndCommandSections() {
     static const std::vector<SectionEntry> sections{
         {"guide_probe",
-         {{"vis_img", EntriesUsed::EVERY, MakeGuideProbeImager}, {"wfs", EntriesUsed::EVERY, {}}}},
-        {"pds", {{"vis_img", EntriesUsed::EVERY, {}}, {"wfs", EntriesUsed::EVERY, {}}}},
+         {{"vis_img", EntriesUsed::EVERY, MakeGuideProbeImager},
+          {"wfs", EntriesUsed::EVERY, Make<WfsLisaInput>}}},
+        {"pds",
+         {{"vis_img", EntriesUsed::EVERY, Make<ImgMaranaInput>},
+          {"wfs", EntriesUsed::EVERY, Make<WfsLisaInput>}}},
         {"ao", {{"wavefront_cmd_stream", EntriesUsed::EVERY, Make<AoWavefrontCmdInput>}}},
     };
     return sections;

@@ -37,6 +37,8 @@ public:
     NumaThreadPool(const NumaThreadPool&) = delete;
     NumaThreadPool& operator=(const NumaThreadPool&) = delete;
 
+    std::size_t GetSize() const noexcept { return m_workers.size(); }
+
     // Provisioning stands before the first Run(), or between runs that are over.
 
     // Adds a worker, with locked memory on the node of its CPU where the machine has it, and returns when its

@@ -1,0 +1,152 @@
+#pragma once
+
+// What the tests of camera threads share: calibration files, the nodes of the threads, a camera that sends
+// frames to them on the loopback interface, and a simulator that stands in the completion task.
+
+#include "loopBench.hpp"
+
+#include <cstdlib>
+#include <lumolib/lisaInput.hpp>
+#include <lumolib/maranaInput.hpp>
+#include <lumolib/resamplerManager.hpp>
+#include <lumolib/simSourceManager.hpp>
+#include <mutex>
+
+namespace vosk::lumo::test {
+
+using Pixels = std::vector<std::uint16_t>;
+
+template <class T>
+void WriteFits(const std::string& path, const std::vector<T>& values, const std::vector<std::size_t>& axes) {
+    common::Fits::WriteImg<T>(common::Fits::FitsFileWrite(path, true), values, axes);
+}
+
+// ROIs of 10 x 10 in a grid, each with its reference point at its corner.
+struct Grid {
+    explicit Grid(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            const auto x = static_cast<std::uint16_t>(20 + i % 79 * 10);
+            const auto y = static_cast<std::uint16_t>(i / 79 * 10);
+            rois.insert(rois.end(),
+                        {x, static_cast<std::uint16_t>(x + 10), y, static_cast<std::uint16_t>(y + 10)});
+            references.insert(references.end(), {static_cast<float>(x), static_cast<float>(y)});
+        }
+    }
+    std::vector<std::uint16_t> rois;
+    std::vector<float> references;
+};
+
+class CameraTest : public LoopTest {
+protected:
+    static constexpr std::size_t WIDTH = 960;  // of a raw LISA frame, whose first 840 columns are the image
+    static constexpr std::size_t SIZE = WIDTH * 816;
+    static constexpr std::size_t MODES = defs::GPAO_CMD_SIZE;
+
+    CameraTest() {
+        ResamplerManager::CreateInstance(gim::Config{}, "resamplers");
+        SimSourceManager::GetInstance().m_simulator.reset();
+        ::setenv("CFGPATH", directory.Path().c_str(), 1);
+        std::vector<std::uint32_t> table;
+        for (std::uint32_t i = 0; i < 840 * 816; ++i)
+            table.push_back(i / 840 * static_cast<std::uint32_t>(WIDTH) + i % 840);
+        WriteFits(directory / "data/scrambling/lisa_descrambling_vector.fits", table, {table.size()});
+        WriteFits(directory / "dark.fits", std::vector<float>(840 * 816), {840, 816});
+        WriteFits(directory / "flat.fits", std::vector<float>(840 * 816, 1.0F), {840, 816});
+    }
+    ~CameraTest() override {
+        for (const auto& file : std::filesystem::directory_iterator{"/tmp"}) {
+            if (file.path().filename().string().find(DUMP_ID) != std::string::npos)
+                std::filesystem::remove(file.path());
+        }
+    }
+
+    static std::string Common(const std::string& camera, const std::string& calibration) {
+        return "{busy: false, timeout: 50 ms, listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
+               "listen_udp: " +
+               std::to_string(UniquePort()) + ", camera_id: " + camera +
+               ", noise_removal: {dark_path: " + calibration + "dark.fits, flat_path: " + calibration +
+               "flat.fits}";
+    }
+
+    // A sensor of `count` sub-apertures; `matrix` stands in the file in the order given, zeroes where it
+    // ends.
+    oru::configng::PliConfigInstanceNode WfsNode(std::size_t count, std::size_t workers,
+                                                 std::vector<float> matrix = {},
+                                                 const std::string& more = "") const {
+        const Grid grid{count};
+        matrix.resize(2 * count * MODES);
+        WriteFits(directory / "rois.fits", grid.rois, {4, count});
+        WriteFits(directory / "references.fits", grid.references, {2, count});
+        WriteFits(directory / "control.fits", matrix, {2 * count, MODES});
+        std::string pool;
+        for (std::size_t i = 0; i < workers; ++i) pool += "{}, ";
+        return CfgOf("cfg: " + Common("WFS_GP1", directory / "") + ", rois_path: " + directory / "rois.fits" +
+                     ", reference_points_path: " + directory / "references.fits" + ", control_matrix_path: " +
+                     directory / "control.fits" + ", modes2tt_matrix: [1, 10, 100, 1000], " +
+                     "centroiding_pool: [" + pool + "]" + more + "}");
+    }
+
+    static auto Results(defs::Camera camera) {
+        return ResamplerManager::GetInstance()
+            .GetOrRegisterResampler<defs::CentroidError,
+                                    signal_processing::NoDataAccessor<defs::CentroidError>>(
+                CfgOf("cfg: {}"), "cent_err_resampler", static_cast<int>(camera), false);
+    }
+    static auto StateOf(defs::Camera camera) {
+        return RuntimeMonitor::GetInstance().Of(camera).state->GetTopicData();
+    }
+
+    static constexpr const char* DUMP_ID = "_77777777";  // in the names of the files that these tests dump
+    static constexpr unsigned FIRST_ID = 777777770;
+
+    vosk::test::TempDir directory;
+};
+
+// A camera: frames with the leader information of their kind.
+class CameraPeer {
+public:
+    explicit CameraPeer(std::uint16_t num_frames) : m_sender{Config(num_frames), m_socket, nullptr} {}
+
+    template <class Info>
+    void Send(const Info& info, std::span<const std::uint16_t> pixels, unsigned id,
+              pktwire::lspx::Status status = pktwire::lspx::Status::good) {
+        pktwire::lspx::Sender::Config config{};
+        config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
+        config.leader_extended_info_size = sizeof(Info);
+        config.frame_size = static_cast<std::uint32_t>(pixels.size());
+        pktwire::lspx::Sender sender{config, m_sender};
+        sender.SetSampleId(id);
+        ASSERT_FALSE(sender.SendSample(gsl::as_bytes(gsl::span{&info, 1}),
+                                       gsl::as_bytes(gsl::span{pixels.data(), pixels.size()}), {},
+                                       vosk::test::At(seconds{id}), {}, status));
+    }
+
+private:
+    static pktwire::qudex::Sender::Config Config(std::uint16_t num_frames) {
+        pktwire::qudex::Sender::Config config{};
+        config.topic = TOPIC;
+        config.num_frames = num_frames;
+        return config;
+    }
+
+    pktwire::UdpTxSocket m_socket{vosk::test::SendingTo(UniquePort()), nullptr};
+    pktwire::qudex::Sender m_sender;
+};
+
+// Runs in the completion task of a wavefront sensor: the slopes are those of `fill`.
+struct TestSimulator : simulation::CentroidSimulator {
+    explicit TestSimulator(std::function<bool(defs::SlopeVector&)> fill_slopes)
+        : fill{std::move(fill_slopes)} {}
+    bool IsEnabled() override { return true; }
+    bool GetSimCentroids(CentroidError&, CentroidError&, CentroidError&, CentroidError&, WfsTopic& gp1,
+                         WfsTopic&, WfsTopic&, WfsTopic&) override {
+        return fill(gp1.slopes);
+    }
+    std::function<bool(defs::SlopeVector&)> fill;
+};
+
+inline void Simulate(std::function<bool(defs::SlopeVector&)> fill) {
+    SimSourceManager::GetInstance().m_simulator = std::make_shared<TestSimulator>(std::move(fill));
+}
+
+}  // namespace vosk::lumo::test
