@@ -32,6 +32,19 @@ int LockMemory() {
     return lumo::SetRTParameters() == 0 ? 0 : errno;
 }
 
+constexpr const char* NOT_TAKEN = "no imaging camera has taken it; the log has the reason of each";
+constexpr const char* NO_IMAGING_CAMERA = "there is no imaging camera";
+
+std::vector<CameraState> CameraStates() {
+    std::vector<CameraState> states;
+    for (const auto& [name, camera] : defs::CAMERAS) {
+        const auto figures = RuntimeMonitor::GetInstance().Of(camera);
+        states.push_back({camera, figures.state->GetTopicData(), figures.statistics->GetLateCount(),
+                          figures.frames->GetTopicData()});
+    }
+    return states;
+}
+
 // A handover takes a few cycles of 2 ms; its steps are worth seeing.
 constexpr std::chrono::milliseconds LOOK_DURING_HANDOVER{5};
 constexpr std::chrono::milliseconds LOOK_OTHERWISE{50};
@@ -202,6 +215,37 @@ void Host::LookAtClock() {
                     std::chrono::duration_cast<std::chrono::milliseconds>(*step).count());
 }
 
+void Host::SetReference(const ReferenceBox& reference) {
+    const auto [ref_x, ref_y, box_x, box_y] = reference;
+    if (!m_library.SetImageProcessing_CRef(ref_x, ref_y, box_x, box_y)) throw std::runtime_error{NOT_TAKEN};
+}
+
+ReferenceBox Host::GetReference() {
+    if (m_library.GetImageProcessing_COpt().option == 0) throw std::runtime_error{NO_IMAGING_CAMERA};
+    const auto [ref_x, ref_y] = m_library.GetImageProcessing_RefPos();
+    const auto [box_x, box_y] = m_library.GetImageProcessing_CentBox();
+    return {ref_x, ref_y, box_x, box_y};
+}
+
+void Host::SetCentroiding(const lumo::COptions& options) {
+    if (!m_library.SetImageProcessing_COpt(options.option, options.threshold, options.nbrightest))
+        throw std::runtime_error{NOT_TAKEN};
+}
+
+lumo::COptions Host::GetCentroiding() {
+    const auto options = m_library.GetImageProcessing_COpt();
+    if (options.option == 0) throw std::runtime_error{NO_IMAGING_CAMERA};
+    return options;
+}
+
+void Host::SetCentering(bool enabled) {
+    enabled ? m_library.EnableGPCentering() : m_library.DisableGPCentering();
+}
+
+bool Host::GetCentering() {
+    return lumo::VoskTelescopeStateManager::GetGPCenteringEnabled();
+}
+
 std::string Host::Status() {
     LookAtControlState();
     LookAtThreads();
@@ -216,6 +260,7 @@ std::string Host::Status() {
                         .threads = ThreadStates(),
                         .threads_ended = {m_threads_ended.begin(), m_threads_ended.end()},
                         .streams = {},
+                        .cameras = CameraStates(),
                         .counts = lumo::Read(*RuntimeMonitor::GetInstance().m_command_counts),
                         .commands = performance.GetDataTopic(),
                         .wavefront = performance.GetWavefrontMetricData(),

@@ -63,6 +63,12 @@ public:
 
     void SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) override;
     void SetCamera(defs::Camera camera) override;
+    void SetReference(const ReferenceBox& reference) override;
+    ReferenceBox GetReference() override;
+    void SetCentroiding(const lumo::COptions& options) override;
+    lumo::COptions GetCentroiding() override;
+    void SetCentering(bool enabled) override;
+    bool GetCentering() override;
     std::string Status() override;
     void Stop() override { m_running = false; }
 

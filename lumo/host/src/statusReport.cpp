@@ -2,7 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace vosk::host {
@@ -66,6 +68,26 @@ Json StreamJson(const lumo::StreamTopic& stream) {
             {"rate", JsonPeriod(stream, stream.rate)}};
 }
 
+Json CentroidJson(const std::optional<defs::Slope>& slope) {
+    if (!slope) return {};
+    return {{"flux", slope->flux}, {"x", slope->x}, {"y", slope->y}};
+}
+
+Json CameraJson(const CameraState& camera) {
+    const auto microseconds = [&camera](std::chrono::nanoseconds time) {
+        return camera.frames.processed == 0 ? Json() : Json(static_cast<float>(time.count()) / 1000.0F);
+    };
+    return {{"name", to_string(camera.camera)},
+            {"rate", JsonPeriod(camera.stream, camera.stream.rate)},
+            {"frames", camera.stream.sample_count},
+            {"invalid", camera.stream.invalid_count},
+            {"late", camera.late},
+            {"processed", camera.frames.processed},
+            {"processing_p50_us", microseconds(camera.frames.p50)},
+            {"processing_p99_us", microseconds(camera.frames.p99)},
+            {"centroid", CentroidJson(camera.frames.centroid)}};
+}
+
 Json CountsJson(const lumo::CommandFigures& counts) {
     Json json;
     for (std::size_t i = 0; i < counts.size(); ++i) json[lumo::COMMAND_COUNTS[i].first] = counts[i];
@@ -123,6 +145,7 @@ std::string ToJson(const Status& status) {
                     {"threads", JsonList(status.threads, ThreadJson)},
                     {"threads_ended", status.threads_ended},
                     {"streams", JsonList(status.streams, StreamJson)},
+                    {"cameras", JsonList(status.cameras, CameraJson)},
                     {"counts", CountsJson(status.counts)},
                     {"commands", CommandsJson(status.commands)},
                     {"wavefront", WavefrontJson(status.wavefront)},

@@ -6,6 +6,7 @@
 #include "machine.hpp"
 
 #include <lumolib/commandCounts.hpp>
+#include <lumolib/frameFigures.hpp>
 #include <lumolib/performanceData.hpp>
 #include <lumolib/stateData.hpp>
 #include <lumolib/streamState.hpp>
@@ -17,6 +18,13 @@
 
 namespace vosk::host {
 
+struct CameraState {
+    defs::Camera camera{};
+    lumo::StreamTopic stream;
+    unsigned long late = 0;
+    lumo::FrameTopic frames;
+};
+
 struct Status {
     ControlState control;
     bool handover_running = false;      // M4 is on its way from one source to the other
@@ -27,6 +35,7 @@ struct Status {
     std::vector<ThreadState> threads;
     std::vector<std::string> threads_ended;  // names of the threads that ended by themselves
     std::vector<lumo::StreamTopic> streams;
+    std::vector<CameraState> cameras;
     lumo::CommandFigures counts{};
     lumo::PerformanceTopic commands;
     lumo::WavefrontMetricData wavefront;

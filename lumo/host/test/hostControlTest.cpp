@@ -30,6 +30,12 @@ using vosk::test::TextOf;
 struct MockTarget : ControlTarget {
     MOCK_METHOD(void, SetMode, (VoskControlMode mode, std::optional<Camera> camera), (override));
     MOCK_METHOD(void, SetCamera, (Camera camera), (override));
+    MOCK_METHOD(void, SetReference, (const ReferenceBox& reference), (override));
+    MOCK_METHOD(ReferenceBox, GetReference, (), (override));
+    MOCK_METHOD(void, SetCentroiding, (const lumo::COptions& options), (override));
+    MOCK_METHOD(lumo::COptions, GetCentroiding, (), (override));
+    MOCK_METHOD(void, SetCentering, (bool enabled), (override));
+    MOCK_METHOD(bool, GetCentering, (), (override));
     MOCK_METHOD(std::string, Status, (), (override));
     MOCK_METHOD(void, Stop, (), (override));
 };
@@ -57,6 +63,35 @@ TEST(Commands, DoWhatTheirWordsSayAndNothingElse) {
         EXPECT_THAT(Execute(line, target), StartsWith(reply));
     }
     EXPECT_EQ(Execute(" \t ", target), "");
+}
+
+TEST(Commands, SetImagingCamerasAndReplyInTheSameWords) {
+    testing::NiceMock<MockTarget> target;
+    ReferenceBox reference;
+    lumo::COptions options;
+    bool centering = false;
+    ON_CALL(target, SetReference).WillByDefault(testing::SaveArg<0>(&reference));
+    ON_CALL(target, GetReference).WillByDefault(testing::ReturnPointee(&reference));
+    ON_CALL(target, SetCentroiding).WillByDefault(testing::SaveArg<0>(&options));
+    ON_CALL(target, GetCentroiding).WillByDefault(testing::ReturnPointee(&options));
+    ON_CALL(target, SetCentering).WillByDefault(testing::SaveArg<0>(&centering));
+    ON_CALL(target, GetCentering).WillByDefault(testing::ReturnPointee(&centering));
+    for (const std::string command :
+         {"reference 1 2 3 4294967295", "centroiding tsh -3.5", "centroiding nbr 5", "centroiding cog",
+          "centering on", "centering off"}) {
+        EXPECT_EQ(Execute(command, target), "ok");
+        const std::string name = command.substr(0, command.find(' '));
+        EXPECT_EQ(name + " " + Execute(name, target), command);
+    }
+    EXPECT_CALL(target, SetReference).Times(0);
+    EXPECT_CALL(target, SetCentroiding).Times(0);
+    EXPECT_CALL(target, SetCentering).Times(0);
+    for (const char* command :
+         {"reference 1 2 3", "reference 1 2 3 -4", "reference 1 2 3 4294967296", "reference 1 2 3.5 4",
+          "reference nan 2 3 4", "centroiding tsh", "centroiding tsh nan", "centroiding tsh 1x",
+          "centroiding nbr -1", "centroiding cog 1", "centroiding 1 2", "centering ON", "centering on off"}) {
+        EXPECT_THAT(Execute(command, target), StartsWith("error: ")) << command;
+    }
 }
 
 class Client {
@@ -275,6 +310,8 @@ TEST(StatusReport, IsOneLineOfJsonWithNullForWhatJsonCannotWrite) {
     status.streams[0] = {.valid = true, .stream_id = 1, .period_max = -9.2e9F, .period_min = 9.2e9F};
     status.streams[1] = {.valid = true, .period_max = 1, .period_min = 1e-12F, .rate = Float::infinity()};
     status.streams[1].losses = {3, 4, 5};
+    status.cameras.resize(2);
+    status.cameras[1].frames = {1, std::chrono::nanoseconds{1500}, {}, defs::Slope{2.5, NAN, 0}};
     status.events = {{At(0), "a \"quoted\"\n\\ \xff text"}};
     const std::string text = ToJson(status);
     EXPECT_EQ(text.find('\n'), std::string::npos);
@@ -288,6 +325,10 @@ TEST(StatusReport, IsOneLineOfJsonWithNullForWhatJsonCannotWrite) {
     EXPECT_EQ(streams[1]["period_min"], 1e-12);
     EXPECT_EQ(streams[1]["stale_packets"], 5);
     EXPECT_TRUE(streams[2]["period"].is_null());
+    EXPECT_TRUE(json["cameras"][0]["processing_p50_us"].is_null());
+    EXPECT_TRUE(json["cameras"][0]["centroid"].is_null());
+    EXPECT_EQ(json["cameras"][1]["processing_p50_us"], 1.5);
+    EXPECT_EQ(json["cameras"][1]["centroid"].dump(), R"({"flux":2.5,"x":null,"y":0.0})");
     EXPECT_EQ(json["counts"]["grid_points_skipped"], std::uint64_t{1} << 63U);
     EXPECT_EQ(json["events"][0]["text"], "a \"quoted\"\n\\ \ufffd text");
 }

@@ -104,6 +104,10 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
                       HasSubstr(R"("text":"handover state 1"})")));
     EXPECT_EQ(Ask("camera IMG_GP3"), "ok\n");
     EXPECT_THAT(Ask("status"), HasSubstr(R"("mode":"INS_DRIVEN_CASCADE","camera":"IMG_GP3")"));
+    EXPECT_EQ(Ask("centering off"), "ok\n");
+    EXPECT_THAT(Ask("status"), HasSubstr(R"("gp_centering":false)"));
+    for (const char* no_camera : {"reference", "reference 120 120 8 8", "centroiding", "centroiding cog"})
+        EXPECT_THAT(Ask(no_camera), HasSubstr(" no imaging camera")) << no_camera;
     EXPECT_THAT(Ask("nonsense"), StartsWith("error: "));
     ExpectToStop();
     EXPECT_EQ(Errors(), "");
