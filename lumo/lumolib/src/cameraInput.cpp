@@ -139,6 +139,7 @@ void CameraInput::Work(std::promise<void>& started) {
         ~IdleAtEnd() { pool.Wait(); }
         const common::NumaThreadPool& pool;
     } idle_at_end{m_pool};
+    m_receive_time = {};
     LspxInput::Work(started);
 }
 
@@ -208,29 +209,28 @@ void CameraInput::Drain(CentroidResampler& resampler) {
     while (resampler.HasSamples()) static_cast<void>(resampler.GetSample());
 }
 
-void CameraInput::AddSubtask(const PliConfigInstanceNode& node, const Sensor& sensor, std::size_t start,
-                             std::size_t stop) {
+CameraInput::Parts CameraInput::MakeParts(const PliConfigInstanceNode& node, const Sensor& sensor) {
     namespace factory = image_processing::factory;
     const auto try_at = [&](const char* key, const std::function<void()>& step) {
         Attempt(node.Has(key) ? node[key] : node, step);
     };
-    std::unique_ptr<ComputeSlopesSubtask::Estimator> centroiding;
-    std::unique_ptr<ComputeSlopesSubtask::BadPixelCorrection> bad_pixels;
-    std::unique_ptr<ComputeSlopesSubtask::NoiseRemoval> noise_removal;
+    Parts parts;
     try_at("centroiding_algorithm", [&] {
-        centroiding =
+        parts.centroiding =
             factory::CreateCentroiding<float>(node, "centroiding_algorithm", sensor.width, sensor.height);
     });
     try_at("bad_pixel_correction", [&] {
-        bad_pixels =
+        parts.bad_pixel_correction =
             factory::CreateBadPixelCorrection(node, "bad_pixel_correction", sensor.width, sensor.height);
     });
-    try_at("noise_removal", [&] { noise_removal = sensor.make_noise_removal(node, "noise_removal"); });
-    if (!centroiding || !noise_removal) return;
-    try_at("centroiding_pool", [&] {
-        m_subtasks.emplace_back(std::move(noise_removal), std::move(bad_pixels), std::move(centroiding),
-                                start, stop, m_rois);
-    });
+    try_at("noise_removal", [&] { parts.noise_removal = sensor.make_noise_removal(node, "noise_removal"); });
+    return parts;
+}
+
+void CameraInput::AddSubtask(Parts parts, std::size_t start, std::size_t stop) {
+    if (!parts.centroiding || !parts.noise_removal) return;
+    m_subtasks.emplace_back(std::move(parts.noise_removal), std::move(parts.bad_pixel_correction),
+                            std::move(parts.centroiding), start, stop, m_rois);
 }
 
 bool CameraInput::IsWhole(const Leader& leader, std::size_t pixels) const {
@@ -307,10 +307,9 @@ void ImgCameraInput::SetUp(const PliConfigInstanceNode& node, const Sensor& sens
     m_cent_err_resampler = GetResampler(node);
     const Box box{node["cent_box"][0].As<std::size_t>(), node["cent_box"][1].As<std::size_t>()};
     const Point ref{node["refpos"][0].As<double>(), node["refpos"][1].As<double>()};
-    Attempt(node["refpos"], [&] {
-        m_rois = {RoiAround(ref, box, sensor.width, sensor.height)};
-        AddSubtask(node, sensor, 0, 1);
-    });
+    Attempt(node["refpos"], [&] { m_rois = {RoiAround(ref, box, sensor.width, sensor.height)}; });
+    Parts parts = MakeParts(node, sensor);
+    if (!m_rois.empty()) AddSubtask(std::move(parts), 0, 1);
     m_pool.ProvisionMainThreadTask([this] { ComputeSlopes(0); });
     m_pool.ProvisionCompletionTask([this] { RunStep([this] { Complete(); }); });
     OpenSimOutput(node, m_sim_output);

@@ -125,13 +125,16 @@ void WfsLisaInput::ReadConfiguration(const PliConfigInstanceNode& node) {
                fmt::format("{}: Unexpected size of modes2tt_matrix, expected: {}, got: {}", m_name, VALUES,
                            m_modes2tt.size()));
     }
-    if (configuration) BalancePool(node);
+    if (configuration && m_pool.GetSize() != 0) {
+        BalancePool(node);
+    } else {  // under a review
+        MakeParts(node, SENSOR);
+    }
     m_pool.ProvisionCompletionTask([this] { RunStep([this] { Complete(); }); });
 }
 
 void WfsLisaInput::BalancePool(const PliConfigInstanceNode& node) {
     const std::size_t workers = m_pool.GetSize();
-    if (workers == 0) return;  // under a review
     const std::size_t count = m_rois.size();
     const std::size_t section = (count + workers) / workers;
     LogDebug("{}: Balancing centroiding task pool, ROI section size {}", m_name, section);
@@ -139,7 +142,8 @@ void WfsLisaInput::BalancePool(const PliConfigInstanceNode& node) {
         const std::size_t start = worker * section;
         const std::size_t stop = std::min(start + section, count);
         LogDebug("{}: Constructing centroiding task {}..{} / {}", m_name, start, stop, count);
-        AddSubtask(node, SENSOR, start, stop);
+        Parts parts = MakeParts(node, SENSOR);
+        oru::configng::Attempt(node["centroiding_pool"], [&] { AddSubtask(std::move(parts), start, stop); });
         m_pool.ProvisionTask(worker, [this, worker] { ComputeSlopes(worker); });
     }
 }
@@ -186,7 +190,7 @@ void WfsLisaInput::GetSimCentroidsForCamera(std::span<defs::Slope> slopes) {
 }
 
 void WfsLisaInput::ProjectToModalBase() {
-    std::array<float, 2 * defs::MAX_SLOPES> components;  // not filled: only those that are there are read
+    std::array<float, 2 * defs::MAX_SLOPES> components{};
     auto* next = components.data();
     for (const defs::Slope& slope : m_gpao_coefficients.slopes) {
         *next++ = static_cast<float>(slope.x);

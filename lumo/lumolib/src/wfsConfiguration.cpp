@@ -50,6 +50,7 @@ template <class T, class... Alternatives>
 std::vector<T> Load(const PliConfigInstanceNode& node, const ImageFile& image, std::size_t naxis1,
                     std::size_t naxis2, const char* what) {
     std::vector<T> values;
+    if (!image.IsUsable()) return values;  // under a review
     Attempt(node[image.key],
             [&] { values = common::LoadMatrix<T, Alternatives...>(image.path, naxis1, naxis2, what); });
     return values;

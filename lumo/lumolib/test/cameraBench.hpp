@@ -108,7 +108,7 @@ public:
     explicit CameraPeer(std::uint16_t num_frames) : m_sender{Config(num_frames), m_socket, nullptr} {}
 
     template <class Info>
-    void Send(const Info& info, std::span<const std::uint16_t> pixels, unsigned id,
+    void Send(const Info& info, std::span<const std::uint16_t> pixels, unsigned id, AtomClk::time_point time,
               pktwire::lspx::Status status = pktwire::lspx::Status::good) {
         pktwire::lspx::Sender::Config config{};
         config.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
@@ -117,8 +117,14 @@ public:
         pktwire::lspx::Sender sender{config, m_sender};
         sender.SetSampleId(id);
         ASSERT_FALSE(sender.SendSample(gsl::as_bytes(gsl::span{&info, 1}),
-                                       gsl::as_bytes(gsl::span{pixels.data(), pixels.size()}), {},
-                                       vosk::test::At(seconds{id}), {}, status));
+                                       gsl::as_bytes(gsl::span{pixels.data(), pixels.size()}), {}, time, {},
+                                       status));
+    }
+
+    template <class Info>
+    void Send(const Info& info, std::span<const std::uint16_t> pixels, unsigned id,
+              pktwire::lspx::Status status = pktwire::lspx::Status::good) {
+        Send(info, pixels, id, vosk::test::At(seconds{id}), status);
     }
 
 private:

@@ -154,6 +154,13 @@ protected:
             const oru::configng::PliConfigInstanceNode& node, const std::string& key);
     };
 
+    // Of a subtask, and of no other.
+    struct Parts {
+        std::unique_ptr<ComputeSlopesSubtask::NoiseRemoval> noise_removal;
+        std::unique_ptr<ComputeSlopesSubtask::BadPixelCorrection> bad_pixel_correction;
+        std::unique_ptr<ComputeSlopesSubtask::Estimator> centroiding;
+    };
+
     // Of the sample received last. Receive thread.
     virtual time_point ExposureTime() const = 0;
 
@@ -192,11 +199,11 @@ protected:
         const auto topic = GetParam<std::string>(node, "shm_topic");
         oru::configng::Attempt(node["shm_topic"], [&] { output.emplace(topic); });
     }
-    // Appends a subtask with parts of its own, as the keys `centroiding_algorithm`, `bad_pixel_correction`
-    // and `noise_removal` (required) tell. Throws as their factories and the subtask; under a review nothing
-    // is appended where a part is missing.
-    void AddSubtask(const oru::configng::PliConfigInstanceNode& node, const Sensor& sensor, std::size_t start,
-                    std::size_t stop);
+    // As the keys `centroiding_algorithm`, `bad_pixel_correction` and `noise_removal` (required) tell, with
+    // the errors of their factories.
+    static Parts MakeParts(const oru::configng::PliConfigInstanceNode& node, const Sensor& sensor);
+    // With the errors of the subtask. Under a review nothing is appended where a part is missing.
+    void AddSubtask(Parts parts, std::size_t start, std::size_t stop);
 
     // What the network may fill, receive thread; and what the tasks work on.
     CameraFrame& IdleFrame() noexcept { return m_frames[1 - m_frame_index]; }
