@@ -3,9 +3,11 @@
 #include "loopBench.hpp"
 
 #include <lumolib/aliceInput.hpp>
+#include <lumolib/cameraInput.hpp>
 #include <lumolib/imageProcessing.hpp>
 #include <lumolib/libMain.hpp>
 #include <lumolib/resamplerManager.hpp>
+#include <vosk/image_processing/noiseRemovalFactory.hpp>
 #include <vosk/test/allocationCount.hpp>
 
 #include <condition_variable>
@@ -275,16 +277,57 @@ TEST_F(AliceTest, ReceivesFramesWhateverTheirStatusButNoShortOnes) {
               "AliceInput: Invalid camera ID: WFS_PDS");
 }
 
+// One of the second list, with frames of ALICE's size.
+class OtherCamera final : public ImgCameraInput {
+public:
+    explicit OtherCamera(const oru::configng::PliConfigInstanceNode& node)
+        : ImgCameraInput{"Marana_IMG_PDS", node, {}, {.topic = TOPIC, .num_frames = 3}, Form(), 240, 240} {
+        constexpr std::array CAMERAS{defs::Camera::IMG_PDS};
+        SetUp(node,
+              {240, 240,
+               [](const auto& of, const auto& key) -> std::unique_ptr<NoiseRemoval> {
+                   return image_processing::factory::CreateAliceNoiseRemoval(of, key);
+               }},
+              CAMERAS);
+    }
+
+private:
+    using NoiseRemoval = image_processing::NoiseRemovalBase;
+    static pktwire::lspx::Receiver::Config Form() {
+        pktwire::lspx::Receiver::Config config{};
+        config.data_unit_size = 2;
+        return config;
+    }
+    Received Receive() override { return {}; }
+    time_point ExposureTime() const override { return {}; }
+    void DiagnoseFrame() override {}
+};
+
 struct OpenLibMain : LibMain {
     using LibMain::EnterThread;
     using LibMain::LibMain;
 };
 
-TEST_F(AliceTest, CommandsGoToAllCamerasOfTheFirstListThatTakesThem) {
+TEST_F(AliceTest, CommandsGoToAllAliceCamerasAndElseToTheOthers) {
     OpenLibMain library{vosk::test::UniqueName() + "_"};
     EXPECT_FALSE(library.SetImageProcessing_CRef(120, 120, 8, 8));
     EXPECT_THAT(library.GetImageProcessing_RefPos(), Pair(0U, 0U));
     EXPECT_EQ(library.GetImageProcessing_COpt().option, 0U);
+    std::string keys = ReceiverKeys();
+    keys.pop_back();
+    auto other = std::make_unique<OtherCamera>(
+        CfgOf("cfg: " + keys +
+              ", camera_id: IMG_PDS, cent_box: [20, 20], refpos: [99.5, 99.5], noise_removal: "
+              "{dark_path: " +
+              m_directory / "dark.fits" + ", flat_path: " + m_directory / "flat.fits}}"));
+    const OtherCamera& pds = *other;
+    library.EnterThread(std::move(other));
+    EXPECT_THAT(library.GetImageProcessing_RefPos(), Pair(99U, 99U));
+    EXPECT_TRUE(library.SetImageProcessing_CRef(50, 60, 6, 8));
+    EXPECT_THAT(pds.GetRefPos(), Pair(50U, 60U));
+    EXPECT_THAT(library.GetImageProcessing_CentBox(), Pair(6U, 8U));
+    EXPECT_TRUE(library.SetImageProcessing_COpt(1, 2.5F, 0));
+    EXPECT_EQ(library.GetImageProcessing_COpt().threshold, 2.5F);
     const ImageProcessing* cameras[2];
     for (const int number : {0, 1}) {
         auto thread = std::make_unique<ImageProcessing>(Element(number == 0 ? "IMG_GP2" : "IMG_PDS"));
@@ -293,6 +336,7 @@ TEST_F(AliceTest, CommandsGoToAllCamerasOfTheFirstListThatTakesThem) {
     }
     EXPECT_TRUE(library.SetImageProcessing_CRef(30, 40, 10, 12));
     for (const auto* camera : cameras) EXPECT_THAT(camera->GetRefPos(), Pair(30U, 40U));
+    EXPECT_THAT(pds.GetRefPos(), Pair(50U, 60U));
     EXPECT_THAT(library.GetImageProcessing_CentBox(), Pair(10U, 12U));
     const LogCapture log;
     EXPECT_FALSE(library.SetImageProcessing_CRef(3, 40, 10, 12));
