@@ -119,6 +119,26 @@ TEST(ConfigCheck, GoesOnKeyByKeyWithinAnElement) {
     }
 }
 
+TEST(ConfigCheck, LooksAtBothThreadsOfAnAliceCamera) {
+    const std::string processing = "image_processing.";
+    EXPECT_THAT(
+        PlacesIn("guide_probe", "vis_img",
+                 "camera_id: IMG_GP1; iface_name: lo; timeout: 1 ms; endianness: BE; num_frames: 2; "
+                 "image_processing: {cpux: 1, cent_err_resampler: nowhere, cent_box: [8, 241],; "
+                 "  noise_removal: {dark_path: no_dark.fits, flat_path: no_flat.fits}, refpos: [1, -1],; "
+                 "  centroiding_algorithm: {type: nbr, nbrightest: 0},; "
+                 "  bad_pixels: [[0, 5]], pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1]}"),
+        UnorderedElementsAre(
+            "4 busy", "4 qudex_topic", "4 listen_udp", "4 listen_ip", "7 endianness", "8 num_frames",
+            "9 " + processing + "busy", "9 " + processing + "cpux", "9 " + processing + "cent_err_resampler",
+            "9 " + processing + "cent_box", "10 " + processing + "noise_removal.dark_path",
+            "10 " + processing + "noise_removal.flat_path", "10 " + processing + "refpos[1]",
+            "11 " + processing + "centroiding_algorithm", "12 " + processing + "bad_pixels"));
+    EXPECT_THAT(
+        PlacesIn("guide_probe", "vis_img", "camera_id: WFS_GP1; image_processing: 5"),
+        testing::IsSupersetOf({"4 cfg.guide_probe.vis_img[0]", "4 camera_id", "4 busy", "4 listen_udp"}));
+}
+
 // Another form would end the stream later, let it give nothing, or be refused by a layer of the endpoint.
 TEST(ConfigCheck, RefusesAFormThatNoWavefrontCommandHas) {
     const std::string good =

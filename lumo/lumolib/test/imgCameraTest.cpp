@@ -119,10 +119,11 @@ TEST_F(ImgCamera, RefusesWorkersAndCamerasOfAnotherKindAndReportsAllFaultsToARev
     { const ImgMaranaInput camera{node}; }
     std::set<std::string> keys;
     for (const auto& finding : review.Findings()) keys.insert(finding.path);
-    EXPECT_THAT(keys, testing::IsSupersetOf({"cfg.camera_id", "cfg.endianness", "cfg.reference_points_path",
-                                             "cfg.control_matrix_path", "cfg.rois_path",
-                                             "cfg.modes2tt_matrix", "cfg.centroiding_pool",
-                                             "cfg.noise_removal", "cfg.cent_box[1]", "cfg.refpos"}));
+    EXPECT_THAT(keys,
+                testing::IsSupersetOf({"cfg.camera_id", "cfg.endianness", "cfg.reference_points_path",
+                                       "cfg.control_matrix_path", "cfg.rois_path", "cfg.modes2tt_matrix",
+                                       "cfg.centroiding_pool", "cfg.noise_removal.dark_path",
+                                       "cfg.noise_removal.flat_path", "cfg.cent_box[1]", "cfg.refpos"}));
 }
 
 class ImgMarana : public CameraTest {

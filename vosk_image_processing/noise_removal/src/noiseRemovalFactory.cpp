@@ -1,5 +1,8 @@
 #include <fmt/format.h>
+#include <oru/configng/pliConfigReview.hpp>
+#include <vosk/common/calibrationFile.hpp>
 #include <vosk/common/logger.hpp>
+#include <vosk/defs/alignedFrame.hpp>
 #include <vosk/image_processing/noiseRemovalFactory.hpp>
 
 #include <utility>
@@ -23,23 +26,37 @@ std::pair<std::string, std::string> CalibrationPaths(const PliConfigInstanceNode
     return {section["dark_path"].As<std::string>(), section["flat_path"].As<std::string>()};
 }
 
+// A review is to find the faults of both files, each at its key; a run ends with the first.
+void ReviewFiles(const PliConfigInstanceNode& section, std::size_t width, std::size_t height) {
+    if (oru::configng::PliConfigReview::Current() == nullptr) return;
+    for (const auto& [key, what] : {std::pair{"dark_path", "dark"}, {"flat_path", "flat"}}) {
+        oru::configng::Attempt(section[key], [&] {
+            defs::AlignedFrame<float> image(width * height);
+            common::LoadInto(image, section[key].As<std::string>(), {width, height}, what);
+        });
+    }
+}
+
 }  // namespace
 
 std::unique_ptr<LisaNoiseRemoval> CreateLisaNoiseRemoval(const PliConfigInstanceNode& node,
                                                          const std::string& key) {
     const auto [dark, flat] = CalibrationPaths(node, key, "CreateLisaNoiseRemoval");
+    ReviewFiles(node[key], LisaGeometry::WIDTH, LisaGeometry::HEIGHT);
     return std::make_unique<LisaNoiseRemoval>(dark, flat, std::nullopt);
 }
 
 std::unique_ptr<AliceNoiseRemoval> CreateAliceNoiseRemoval(const PliConfigInstanceNode& node,
                                                            const std::string& key) {
     const auto [dark, flat] = CalibrationPaths(node, key, "CreateAliceNoiseRemoval");
+    ReviewFiles(node[key], AliceNoiseRemoval::WIDTH, AliceNoiseRemoval::HEIGHT);
     return std::make_unique<AliceNoiseRemoval>(dark, flat);
 }
 
 std::unique_ptr<MaranaNoiseRemoval> CreateMaranaNoiseRemoval(const PliConfigInstanceNode& node,
                                                              const std::string& key) {
     const auto [dark, flat] = CalibrationPaths(node, key, "CreateMaranaNoiseRemoval");
+    ReviewFiles(node[key], MaranaNoiseRemoval::WIDTH, MaranaNoiseRemoval::HEIGHT);
     return std::make_unique<MaranaNoiseRemoval>(dark, flat);
 }
 
