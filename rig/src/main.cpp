@@ -48,7 +48,7 @@ int MakeData(const DataOptions& options) {
     calibration.limits = ChooseLimits(calibration.basis, scenario);
     scenario.duration = Seconds{1.0};  // these peers never start, and need little memory
     const ModeTimeline modes;
-    const auto peers = MakePeers(scenario, calibration, modes, Ports::From(47801));
+    const auto peers = MakePeers(scenario, calibration, modes, Ports::From(47801), directory);
     WriteTextFile(directory / "host.yaml", MakeHostDocument(scenario, peers));
     WriteCameraFiles(directory, MakeCameraSet(options.seed, options.subapertures));
     fmt::print(

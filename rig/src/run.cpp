@@ -4,6 +4,7 @@
 #include "host/hostProcess.hpp"
 #include "judge/aoLoop.hpp"
 #include "judge/hostJudge.hpp"
+#include "peers/cameraPeer.hpp"
 #include "report/htmlReport.hpp"
 #include "report/table.hpp"
 
@@ -121,11 +122,13 @@ struct Run::Stage {
 };
 
 std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const LoopCalibration& calibration,
-                                             const ModeTimeline& modes, Ports ports) {
+                                             const ModeTimeline& modes, Ports ports,
+                                             const std::filesystem::path& files) {
+    std::vector<std::unique_ptr<Peer>> peers = MakeCameras(scenario, files, ports);
+    if (!scenario.ao_loop) return peers;
     auto instrument = std::make_unique<Instrument>(scenario, ports);
     auto m4 = std::make_unique<M4Peer>(scenario, ports);
     auto ao_loop = std::make_unique<AoLoop>(scenario, calibration, modes, *instrument, *m4);
-    std::vector<std::unique_ptr<Peer>> peers;
     peers.push_back(std::move(instrument));
     peers.push_back(std::move(m4));
     peers.push_back(std::move(ao_loop));
@@ -150,7 +153,9 @@ bool Run::Execute() {
     const std::filesystem::path out = std::filesystem::absolute(m_paths.out);
     m_progress.Say(fmt::format("scenario {}: {}", m_scenario.name, m_scenario.description));
     Stage stage;
-    stage.peers = MakePeers(m_scenario, calibration, stage.modes, Ports::Free());
+    stage.peers = MakePeers(m_scenario, calibration, stage.modes, Ports::Free(), out / "cameras");
+    // Where the host finds the descrambling vector.
+    if (!m_scenario.cameras.empty()) setenv("CFGPATH", (out / "cameras").c_str(), 1);
     const HostProcess::Files files{m_paths.host, out / "host.yaml",
                                    std::filesystem::relative(out / "host.sock"), out / "host.log"};
     WriteTextFile(files.document, MakeHostDocument(m_scenario, stage.peers));

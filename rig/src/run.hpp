@@ -24,9 +24,10 @@ struct RunPaths {
 };
 
 // All that surround the host, in the order in which they start and stop. A new peer is a line in this
-// function. The arguments outlive the peers.
+// function. The arguments outlive the peers. `files`: where the cameras put what the host reads of them.
 std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const LoopCalibration& calibration,
-                                             const ModeTimeline& modes, Ports ports);
+                                             const ModeTimeline& modes, Ports ports,
+                                             const std::filesystem::path& files);
 std::string MakeHostDocument(const Scenario& scenario, const std::vector<std::unique_ptr<Peer>>& peers);
 
 class Run {

@@ -15,10 +15,28 @@ namespace {
 using Document = oru::configng::PliConfigDocument;
 using Node = oru::configng::PliConfigInstanceNode;
 
-constexpr std::array<std::pair<const char*, Stream>, 3> STREAMS{
+constexpr std::array<std::pair<const char*, Stream>, 11> STREAMS{
     {{"wavefront_command", Stream::WavefrontCommand},
      {"setpoint_applied", Stream::SetpointApplied},
-     {"feedback", Stream::Feedback}}};
+     {"feedback", Stream::Feedback},
+     {"IMG_GP1", Stream::ImgGp1},
+     {"IMG_GP2", Stream::ImgGp2},
+     {"IMG_GP3", Stream::ImgGp3},
+     {"IMG_PDS", Stream::ImgPds},
+     {"WFS_GP1", Stream::WfsGp1},
+     {"WFS_GP2", Stream::WfsGp2},
+     {"WFS_GP3", Stream::WfsGp3},
+     {"WFS_PDS", Stream::WfsPds}}};
+
+constexpr std::array<std::pair<const char*, CameraKind>, 4> CAMERA_KINDS{{{"lisa_wfs", CameraKind::LisaWfs},
+                                                                          {"lisa", CameraKind::Lisa},
+                                                                          {"marana", CameraKind::Marana},
+                                                                          {"alice", CameraKind::Alice}}};
+
+constexpr std::uint32_t MARANA_SIZE = 2048;
+
+constexpr std::array<std::pair<const char*, bool>, 2> SILENCE{{{"silent", true}, {"sending", false}}};
+constexpr std::array<std::pair<const char*, std::uint32_t>, 3> METHODS{{{"tsh", 1}, {"nbr", 2}, {"cog", 3}}};
 
 constexpr std::array<std::pair<const char*, FaultKind>, FAULT_KINDS> KINDS{
     {{"drop", FaultKind::Drop},
@@ -27,7 +45,10 @@ constexpr std::array<std::pair<const char*, FaultKind>, FAULT_KINDS> KINDS{
      {"delay", FaultKind::Delay},
      {"wrong_sample_id", FaultKind::WrongSampleId},
      {"corrupt", FaultKind::Corrupt},
-     {"truncate", FaultKind::Truncate}}};
+     {"truncate", FaultKind::Truncate},
+     {"bad_status", FaultKind::BadStatus},
+     {"wrong_data_type", FaultKind::WrongDataType},
+     {"wrong_window", FaultKind::WrongWindow}}};
 
 template <class Names, class Value>
 std::string NameOf(const Names& names, Value value) {
@@ -89,6 +110,18 @@ public:
         Fail(fmt::format("'{}' can't be '{}'", key, text));
     }
 
+    template <std::size_t N>
+    void ReadNumbers(const std::string& key, std::array<std::uint32_t, N>& values) const {
+        if (!Has(key)) return;
+        std::size_t count = 0;
+        if (!m_node[key].IsSequence()) Fail(m_node[key], fmt::format("'{}' must be a list", key));
+        for (const Node& element : m_node[key]) {
+            if (count < N) values[count] = element.As<std::uint32_t>();
+            ++count;
+        }
+        if (count != N) Fail(m_node[key], fmt::format("'{}' must have {} numbers", key, N));
+    }
+
     template <class Reader>
     void ReadSection(const std::string& key, Reader reader) const {
         if (Has(key)) reader(Section(m_node[key]));
@@ -135,6 +168,56 @@ void ReadM4(const Section& section, M4Settings& m4) {
     section.ReadInRange("feedback_rate", m4.feedback_rate, 1.0, 2000.0);
 }
 
+void ReadLight(const Section& section, LightSettings& light) {
+    section.ReadInRange("d_over_r0", light.d_over_r0, 0.0, 100.0);
+    section.ReadInRange("v_over_d", light.v_over_d, 0.1, 100.0);
+    section.ReadInRange("shake_frequency", light.shake_frequency, 0.1, 200.0);
+    section.ReadInRange("shake_damping", light.shake_damping, 0.001, 0.9);
+    section.ReadInRange("shake_rms", light.shake_rms, 0.0, 10.0);
+}
+
+defs::Camera ReadCameraId(const Section& section) {
+    std::string id;
+    section.Read("camera", id);
+    const auto found = defs::CAMERAS.find(id);
+    if (found == defs::CAMERAS.end()) section.Fail(fmt::format("there is no camera '{}'", id));
+    return found->second;
+}
+
+PixelWindow ReadWindow(const Section& section) {
+    std::array<std::uint32_t, 4> values{0, 0, MARANA_SIZE, MARANA_SIZE};
+    section.ReadNumbers("window", values);
+    const auto [x, y, width, height] = values;
+    if (width == 0 || height == 0 || x > MARANA_SIZE || y > MARANA_SIZE || width > MARANA_SIZE - x ||
+        height > MARANA_SIZE - y)
+        section.Fail("'window' must be x, y, width and height of a part of the sensor");
+    return {x, y, width, height};
+}
+
+CameraSettings ReadCamera(const Section& section) {
+    CameraSettings camera;
+    camera.camera = ReadCameraId(section);
+    section.ReadName("kind", CAMERA_KINDS, camera.kind);
+    const bool is_wfs = camera.kind == CameraKind::LisaWfs;
+    const bool is_pds = camera.camera == defs::Camera::IMG_PDS;
+    if (is_wfs != (camera.camera >= defs::Camera::WFS_GP1) || is_pds != (camera.kind == CameraKind::Marana))
+        section.Fail("a camera of this kind can't have this name");
+    section.ReadInRange("rate", camera.rate, 0.5, 2000.0);
+    section.ReadDuration("transfer", camera.transfer);
+    if (camera.transfer > camera.Period()) section.Fail("'transfer' must be shorter than the period");
+    section.ReadInRange("pixels_per_radian", camera.pixels_per_radian, 0.0, 10.0);
+    section.ReadInRange("ring", camera.ring, std::size_t{0}, std::size_t{1000});
+    section.ReadInRange("subapertures", camera.subapertures, std::size_t{43}, std::size_t{1024});
+    section.ReadInRange("workers", camera.workers, 1U, 64U);
+    if (camera.kind == CameraKind::Marana) camera.window = ReadWindow(section);
+    constexpr std::array<std::array<std::uint32_t, 2>, 4> MIDDLES{
+        {{420, 408}, {420, 408}, {1024, 1024}, {120, 120}}};
+    camera.reference = MIDDLES[static_cast<std::size_t>(camera.kind)];
+    section.ReadNumbers("reference", camera.reference);
+    section.ReadNumbers("box", camera.box);
+    return camera;
+}
+
 FaultRule ReadFault(const Section& section) {
     FaultRule rule;
     section.ReadName("stream", STREAMS, rule.stream);
@@ -156,9 +239,25 @@ defs::VoskControlMode ParseMode(const Section& section, const std::string& text)
     section.Fail(fmt::format("there is no control mode '{}'", text));
 }
 
+// One of 'stream', 'rate' and 'window'.
+StepAction ReadCameraStep(const Section& section) {
+    const defs::Camera camera = ReadCameraId(section);
+    if (section.Has("stream")) {
+        bool silent = false;
+        section.ReadName("stream", SILENCE, silent);
+        return SetCameraSilent{camera, silent};
+    }
+    if (section.Has("rate")) {
+        SetCameraRate change{camera, 1.0};
+        section.ReadInRange("rate", change.rate, 0.5, 2000.0);
+        return change;
+    }
+    if (!section.Has("window")) section.Fail("'camera' needs 'stream', 'rate' or 'window'");
+    return SetCameraWindow{camera, ReadWindow(section)};
+}
+
 Step ReadStep(const Section& section) {
     constexpr std::array<std::pair<const char*, bool>, 2> LIFE{{{"dead", false}, {"alive", true}}};
-    constexpr std::array<std::pair<const char*, bool>, 2> SILENCE{{{"silent", true}, {"sending", false}}};
     constexpr std::array<std::pair<const char*, bool>, 2> VALIDITY{{{"valid", true}, {"invalid", false}}};
 
     Step step;
@@ -188,8 +287,29 @@ Step ReadStep(const Section& section) {
         step.action = StopHost{};
         ++actions;
     }
+    if (section.Has("camera")) {
+        step.action = ReadCameraStep(section);
+        ++actions;
+    }
+    if (section.Has("centroiding")) {
+        SetCentroiding change{1, 0.0, 0};
+        section.ReadName("centroiding", METHODS, change.option);
+        section.Read("threshold", change.threshold);
+        section.Read("nbrightest", change.nbrightest);
+        step.action = change;
+        ++actions;
+    }
+    if (section.Has("reference")) {
+        SetReference change{{}, {40, 40}};
+        section.ReadNumbers("reference", change.reference);
+        section.ReadNumbers("box", change.box);
+        step.action = change;
+        ++actions;
+    }
     if (actions != 1)
-        section.Fail("a step needs exactly one of 'mode', 'm4', 'instrument', 'commands', 'host'");
+        section.Fail(
+            "a step needs exactly one of 'mode', 'm4', 'instrument', 'commands', 'host', 'camera', "
+            "'centroiding', 'reference'");
     return step;
 }
 
@@ -204,6 +324,7 @@ void ReadExpectation(const Section& section, Expectation& expect) {
 // A command or a feedback sample that leaves later must not hold up the next one; of answers M4 keeps a few.
 void RefuseImpossibleDelays(const Section& root, const Scenario& scenario) {
     for (const FaultRule& rule : scenario.faults) {
+        if (rule.stream >= Stream::ImgGp1) continue;  // a frame that leaves later holds up those behind it
         const bool is_answer = rule.stream == Stream::SetpointApplied;
         const auto limit = is_answer ? ANSWERS_KEPT * scenario.CommandPeriod() - scenario.m4.answer_delay
                            : rule.stream == Stream::Feedback ? scenario.FeedbackPeriod()
@@ -227,6 +348,10 @@ Scenario ReadScenario(const Document& document) {
     root.ReadSection("instrument",
                      [&](const Section& section) { ReadInstrument(section, scenario.instrument); });
     root.ReadSection("m4", [&](const Section& section) { ReadM4(section, scenario.m4); });
+    root.ReadSection("light", [&](const Section& section) { ReadLight(section, scenario.light); });
+    root.ReadList("cameras",
+                  [&](const Section& section) { scenario.cameras.push_back(ReadCamera(section)); });
+    scenario.ao_loop = scenario.cameras.empty() || root.Has("instrument");
     root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
     root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });
     root.ReadSection("expect", [&](const Section& section) { ReadExpectation(section, scenario.expect); });
@@ -260,6 +385,10 @@ std::chrono::nanoseconds Scenario::FeedbackPeriod() const {
     return std::chrono::nanoseconds{std::llround(1e9 / m4.feedback_rate)};
 }
 
+std::chrono::nanoseconds CameraSettings::Period() const {
+    return std::chrono::nanoseconds{std::llround(1e9 / rate)};
+}
+
 std::size_t Scenario::ExpectedCommands() const {
     return static_cast<std::size_t>(instrument.rate * duration.count()) + 16;
 }
@@ -288,7 +417,11 @@ Seconds Scenario::TimeWithSetpoints() const {
     for (const Step& step : steps) {
         if (step.at >= duration) break;
         advance(step.at);
-        std::visit(conditions, step.action);
+        // Steps of cameras are none of its business.
+        const auto apply = [&](const auto& action) {
+            if constexpr (requires { conditions(action); }) conditions(action);
+        };
+        std::visit(apply, step.action);
     }
     advance(duration);
     return total;
@@ -352,6 +485,25 @@ std::string ToString(const Step& step) {
             return action.silent ? "instrument silent" : "instrument sends";
         }
         std::string operator()(const StopHost&) const { return "SIGTERM to the host"; }
+        std::string operator()(const SetCameraSilent& action) const {
+            return vosk::to_string(action.camera) + (action.silent ? " silent" : " sends");
+        }
+        std::string operator()(const SetCameraRate& action) const {
+            return fmt::format("{} at {:g} Hz", vosk::to_string(action.camera), action.rate);
+        }
+        std::string operator()(const SetCameraWindow& action) const {
+            const PixelWindow& window = action.window;
+            return fmt::format("{} reads {} x {} at {}, {}", vosk::to_string(action.camera), window.width,
+                               window.height, window.x, window.y);
+        }
+        std::string operator()(const SetCentroiding& action) const {
+            return fmt::format("centroiding {}, threshold {:g}, {} brightest", NameOf(METHODS, action.option),
+                               action.threshold, action.nbrightest);
+        }
+        std::string operator()(const SetReference& action) const {
+            return fmt::format("reference {}, {} in a box of {} x {}", action.reference[0],
+                               action.reference[1], action.box[0], action.box[1]);
+        }
     };
     return std::visit(Describe{}, step.action);
 }

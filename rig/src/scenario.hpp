@@ -5,6 +5,7 @@
 
 #include <vosk/defs/controlMode.hpp>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -42,7 +43,61 @@ struct M4Settings {
     double feedback_rate = 100.0;                // samples a second
 };
 
-enum class Stream { WavefrontCommand, SetpointApplied, Feedback };
+// The turbulent atmosphere in front of the cameras, and the wind's grip on the telescope.
+struct LightSettings {
+    double d_over_r0 = 5.0;  // telescope's diameter over Fried's parameter
+    double v_over_d = 10.0;  // wind over diameter, a second: the knee of tip and tilt lies at 0.6 of it
+    double shake_frequency = 14.0;  // of tip and tilt, hertz
+    double shake_damping = 0.02;
+    double shake_rms = 0.4;  // radians
+};
+
+enum class CameraKind { LisaWfs, Lisa, Marana, Alice };
+
+// A rectangle of a sensor, in pixels.
+struct PixelWindow {
+    std::uint32_t x = 0;
+    std::uint32_t y = 0;
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+
+    friend bool operator==(const PixelWindow&, const PixelWindow&) = default;
+};
+
+struct CameraSettings {
+    defs::Camera camera = defs::Camera::WFS_GP1;
+    CameraKind kind = CameraKind::LisaWfs;
+    double rate = 50.0;                        // frames a second
+    std::chrono::microseconds transfer{4000};  // from the first packet of a frame to the last
+    double pixels_per_radian = 0.3;            // by which a tip or tilt of this rms moves a spot
+    std::size_t ring = 0;            // so many frames, rendered ahead and sent over and over; 0: each is new
+    std::size_t subapertures = 700;  // of a wavefront sensor
+    std::uint32_t workers = 1;       // of the host, for a wavefront sensor
+    PixelWindow window;              // that a MARANA reads out at first
+    std::array<std::uint32_t, 2> reference{};  // of an imaging camera's star, pixels; and the box about it
+    std::array<std::uint32_t, 2> box{40, 40};
+
+    std::chrono::nanoseconds Period() const;
+};
+
+// Those of the cameras are in the order of defs::Camera.
+enum class Stream {
+    WavefrontCommand,
+    SetpointApplied,
+    Feedback,
+    ImgGp1,
+    ImgGp2,
+    ImgGp3,
+    ImgPds,
+    WfsGp1,
+    WfsGp2,
+    WfsGp3,
+    WfsPds
+};
+
+constexpr Stream StreamOf(defs::Camera camera) {
+    return static_cast<Stream>(static_cast<int>(Stream::ImgGp1) + static_cast<int>(camera));
+}
 
 // What befalls a sample on its way to the host.
 enum class FaultKind {
@@ -53,8 +108,11 @@ enum class FaultKind {
     WrongSampleId,  // the whole sample carries another ID
     Corrupt,        // one byte of one packet is changed
     Truncate,       // one packet is cut short
+    BadStatus,      // the status byte of a frame is not 0
+    WrongDataType,  // a MARANA's leader tells another data type
+    WrongWindow,    // a MARANA's leader tells a window that leaves the sensor
 };
-inline constexpr std::size_t FAULT_KINDS = 7;
+inline constexpr std::size_t FAULT_KINDS = 10;
 
 struct FaultRule {
     Stream stream = Stream::WavefrontCommand;
@@ -79,8 +137,32 @@ struct SetInstrumentSilent {
     bool silent;
 };
 struct StopHost {};
+struct SetCameraSilent {
+    defs::Camera camera;
+    bool silent;
+};
+struct SetCameraRate {
+    defs::Camera camera;
+    double rate;
+};
+struct SetCameraWindow {
+    defs::Camera camera;
+    PixelWindow window;
+};
+// Commands to the host, for the imaging cameras.
+struct SetCentroiding {
+    std::uint32_t option;  // 1 TSH, 2 NBR, 3 COG
+    double threshold;
+    std::uint32_t nbrightest;
+};
+struct SetReference {
+    std::array<std::uint32_t, 2> reference;
+    std::array<std::uint32_t, 2> box;
+};
 
-using StepAction = std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, StopHost>;
+using StepAction =
+    std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, StopHost, SetCameraSilent,
+                 SetCameraRate, SetCameraWindow, SetCentroiding, SetReference>;
 
 struct Step {
     Seconds at{0.0};
@@ -109,6 +191,9 @@ struct Scenario {
     HostSettings host;
     InstrumentSettings instrument;
     M4Settings m4;
+    bool ao_loop = true;  // instrument and M4 are there
+    LightSettings light;
+    std::vector<CameraSettings> cameras;
     std::vector<FaultRule> faults;
     std::vector<Step> steps;  // in order of time
     Expectation expect;

@@ -12,6 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* ALICE = "alice";
 constexpr const char* LISA_TABLE_FILE = "data/scrambling/lisa_descrambling_vector.fits";
 
 // As YAML has it, whatever the directory is called.
@@ -19,22 +20,15 @@ std::string Quoted(const fs::path& file) {
     return YAML::Dump(YAML::Node(file.string()));
 }
 
-std::string BadPixelSection(const CameraSensor& sensor) {
-    std::string text =
-        "  bad_pixel_correction:\n    pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1]\n    bad_pixels:";
+std::string BadPixelKeys(const CameraSensor& sensor) {
+    std::string text = "pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1]\nbad_pixels: [";
     for (const BadPixel& pixel : sensor.bad_pixels)
-        text += fmt::format("\n      - [{}, {}]", pixel.x, pixel.y);
-    return text + "\n";
+        text += fmt::format("{}[{}, {}]", text.back() == '[' ? "" : ", ", pixel.x, pixel.y);
+    return text + "]\n";
 }
 
-std::string SensorSection(const fs::path& directory, const CameraSensor& sensor) {
-    const std::string& name = sensor.model.name;
-    const fs::path data = directory / "data" / name;
-    return fmt::format(
-        "{}:\n  noise_removal:\n    dark_path: {}\n    flat_path: {}\n"
-        "  centroiding_algorithm: {{type: tsh, treshold: {:.1f}}}\n{}",
-        name, Quoted(data / "dark.fits"), Quoted(data / "flat.fits"), SpotThreshold(sensor.model),
-        BadPixelSection(sensor));
+std::string Section(const std::string& name, const std::string& keys) {
+    return name + ":\n" + Indented(keys);
 }
 
 }  // namespace
@@ -44,20 +38,45 @@ CameraSet MakeCameraSet(std::uint64_t seed, std::size_t subapertures) {
             MakeWfsGrid(subapertures, seed)};
 }
 
-std::string MakeCameraDocument(const fs::path& directory, const CameraSet& cameras) {
+std::string Indented(const std::string& text) {
+    std::string result;
+    for (const char letter : text) {
+        if (result.empty() || result.back() == '\n') result += "  ";
+        result += letter;
+    }
+    return result;
+}
+
+std::string SensorKeys(const fs::path& directory, const CameraSensor& sensor) {
+    const std::string& name = sensor.model.name;
+    const fs::path data = directory / "data" / name;
+    const std::string bad_pixels = BadPixelKeys(sensor);
+    return fmt::format(
+        "noise_removal:\n  dark_path: {}\n  flat_path: {}\n"
+        "centroiding_algorithm: {{type: tsh, treshold: {:.1f}}}\n{}",
+        Quoted(data / "dark.fits"), Quoted(data / "flat.fits"), SpotThreshold(sensor.model),
+        name == ALICE ? bad_pixels : Section("bad_pixel_correction", bad_pixels));
+}
+
+std::string GridKeys(const fs::path& directory) {
     const fs::path lisa = directory / "data" / "lisa";
+    return fmt::format(
+        "rois_path: {}\nreference_points_path: {}\ncontrol_matrix_path: {}\n"
+        "modes2tt_matrix: [1, 0, 0, 1]  # the first two modes are tip and tilt, in pixels\n",
+        Quoted(lisa / "rois.fits"), Quoted(lisa / "reference_points.fits"),
+        Quoted(lisa / "control_matrix.fits"));
+}
+
+std::string MakeCameraDocument(const fs::path& directory, const CameraSet& cameras) {
     return fmt::format(
                "# Sections for the cameras of a configuration document. LISA's descrambling vector is found "
                "by\n"
-               "# its name, {}, if CFGPATH names this directory.\n",
+               "# its name, {}, if CFGPATH names this directory. Those of alice stand below "
+               "image_processing.\n",
                LISA_TABLE_FILE) +
-           SensorSection(directory, cameras.lisa) +
-           fmt::format(
-               "  rois_path: {}\n  reference_points_path: {}\n  control_matrix_path: {}\n"
-               "  modes2tt_matrix: [1, 0, 0, 1]  # the first two modes are tip and tilt, in pixels\n",
-               Quoted(lisa / "rois.fits"), Quoted(lisa / "reference_points.fits"),
-               Quoted(lisa / "control_matrix.fits")) +
-           SensorSection(directory, cameras.alice) + SensorSection(directory, cameras.marana);
+           Section("lisa", SensorKeys(directory, cameras.lisa) + GridKeys(directory)) +
+           Section(ALICE, SensorKeys(directory, cameras.alice)) +
+           Section("marana", SensorKeys(directory, cameras.marana));
 }
 
 void WriteSensorFiles(const fs::path& directory, const CameraSensor& sensor) {

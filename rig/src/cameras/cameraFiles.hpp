@@ -37,6 +37,13 @@ void WriteCameraFiles(const std::filesystem::path& directory, const CameraSet& c
 void WriteSensorFiles(const std::filesystem::path& directory, const CameraSensor& sensor);
 void WriteGridFiles(const std::filesystem::path& directory, const WfsGrid& grid);
 
+// What an element of a configuration document needs to know of these files, as lines of YAML; with ALICE the
+// map `image_processing` of the element.
+std::string SensorKeys(const std::filesystem::path& directory, const CameraSensor& sensor);
+std::string GridKeys(const std::filesystem::path& directory);
+// Lines further to the right.
+std::string Indented(const std::string& text);
+
 // The content of cameras.yaml.
 std::string MakeCameraDocument(const std::filesystem::path& directory, const CameraSet& cameras);
 

@@ -5,8 +5,8 @@
 namespace vosk::rig {
 
 void HostDocument::Add(const std::string& group, const std::string& key, const std::string& value) {
-    std::string& text = m_groups[group];
-    text += fmt::format("    {}:\n      - ", key);
+    std::string& text = m_groups[group][key];
+    text += "      - ";
     for (const char letter : value) text += letter == '\n' ? "\n        " : std::string(1, letter);
     text += "\n";
 }
@@ -23,7 +23,10 @@ std::string HostDocument::Text() const {
     std::string text =
         fmt::format("# Written by vosk-rig for the scenario '{}'.\nhost: {{priority: {}}}\ncfg:\n", m_name,
                     m_host.priority);
-    for (const auto& [group, objects] : m_groups) text += fmt::format("  {}:\n{}", group, objects);
+    for (const auto& [group, keys] : m_groups) {
+        text += fmt::format("  {}:\n", group);
+        for (const auto& [key, elements] : keys) text += fmt::format("    {}:\n{}", key, elements);
+    }
     return text;
 }
 

@@ -15,7 +15,7 @@ class HostDocument {
 public:
     explicit HostDocument(const Scenario& scenario) : m_name(scenario.name), m_host(scenario.host) {}
 
-    // One object of the host: the only element of the list `group`.`key`. `value`: a YAML map, in one line or
+    // One object of the host: the next element of the list `group`.`key`. `value`: a YAML map, in one line or
     // in several.
     void Add(const std::string& group, const std::string& key, const std::string& value);
     // A stream that the host receives.
@@ -26,7 +26,8 @@ public:
 private:
     std::string m_name;
     HostSettings m_host;
-    std::map<std::string, std::string> m_groups;  // the text below each
+    // The text below each key of each group.
+    std::map<std::string, std::map<std::string, std::string>> m_groups;
 };
 
 }  // namespace vosk::rig

@@ -38,10 +38,6 @@ std::string TailOf(const std::filesystem::path& file) {
     return text.size() <= LENGTH ? text : "..." + text.substr(text.size() - LENGTH);
 }
 
-std::string ShmPrefix() {
-    return fmt::format("vosk_rig_{}_", getpid());
-}
-
 // A host that was killed leaves its names in shared memory behind.
 void RemoveShmOfHost() {
     std::error_code ignored;
@@ -51,6 +47,10 @@ void RemoveShmOfHost() {
 }
 
 }  // namespace
+
+std::string ShmPrefix() {
+    return fmt::format("vosk_rig_{}_", getpid());
+}
 
 HostProcess::HostProcess(Files files) : m_files(std::move(files)) {
     if (access(m_files.program.c_str(), X_OK) != 0)

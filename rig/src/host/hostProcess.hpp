@@ -14,6 +14,9 @@
 
 namespace vosk::rig {
 
+// Of the names in shared memory of the host that this process starts.
+std::string ShmPrefix();
+
 class HostProcess {
 public:
     struct Files {

@@ -15,6 +15,9 @@ Harm HarmOf(FaultKind kind) {
         case FaultKind::Drop:
         case FaultKind::Corrupt:
         case FaultKind::Truncate:
+        case FaultKind::BadStatus:
+        case FaultKind::WrongDataType:
+        case FaultKind::WrongWindow:
             return Harm::Certain;
     }
     throw std::runtime_error("Unknown enum value.");

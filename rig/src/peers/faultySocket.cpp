@@ -5,8 +5,9 @@
 
 namespace vosk::rig {
 
-FaultySocket::FaultySocket(pktwire::TxSocket& inner) : m_inner(inner) {
-    for (Held& held : m_held) held.bytes.resize(MAX_SIZE);
+FaultySocket::FaultySocket(pktwire::TxSocket& inner, std::size_t packets, std::size_t size)
+    : m_inner(inner), m_held(packets), m_order(packets + 1), m_pieces(packets + 1), m_messages(packets + 1) {
+    for (Held& held : m_held) held.bytes.resize(size);
 }
 
 void FaultySocket::Arm(const Fault& fault) {
@@ -24,12 +25,12 @@ std::error_code FaultySocket::Send(std::span<mmsghdr> messages) noexcept {
 }
 
 void FaultySocket::Hold(const msghdr& message) noexcept {
-    if (m_count == MAX_PACKETS) return;
+    if (m_count == m_held.size()) return;
     Held& held = m_held[m_count++];
     held.size = 0;
     for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
         const auto* from = static_cast<const std::byte*>(message.msg_iov[i].iov_base);
-        const std::size_t size = std::min(message.msg_iov[i].iov_len, MAX_SIZE - held.size);
+        const std::size_t size = std::min(message.msg_iov[i].iov_len, held.bytes.size() - held.size);
         std::copy_n(from, size, held.bytes.begin() + static_cast<std::ptrdiff_t>(held.size));
         held.size += size;
     }
@@ -63,6 +64,9 @@ void FaultySocket::Harm(const Fault& fault) noexcept {
             break;
         case FaultKind::Delay:
         case FaultKind::WrongSampleId:
+        case FaultKind::BadStatus:
+        case FaultKind::WrongDataType:
+        case FaultKind::WrongWindow:
             break;  // up to who sends
     }
 }
@@ -73,15 +77,14 @@ std::error_code FaultySocket::Release() noexcept {
     m_fault.reset();
     if (m_count == 0) return {};
     Harm(fault);
-    std::array<iovec, MAX_PACKETS + 1> pieces{};
-    std::array<mmsghdr, MAX_PACKETS + 1> messages{};
     for (std::size_t i = 0; i < m_order_count; ++i) {
         Held& held = m_held[m_order[i]];
-        pieces[i] = {held.bytes.data(), held.size};
-        messages[i].msg_hdr.msg_iov = &pieces[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
+        m_pieces[i] = {held.bytes.data(), held.size};
+        m_messages[i] = {};
+        m_messages[i].msg_hdr.msg_iov = &m_pieces[i];
+        m_messages[i].msg_hdr.msg_iovlen = 1;
     }
-    return m_inner.Send(std::span(messages).first(m_order_count));
+    return m_inner.Send(std::span(m_messages).first(m_order_count));
 }
 
 }  // namespace vosk::rig

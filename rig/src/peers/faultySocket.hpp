@@ -8,7 +8,6 @@
 
 #include <pktwire/udpSocket.hpp>
 
-#include <array>
 #include <cstddef>
 #include <optional>
 #include <vector>
@@ -17,7 +16,8 @@ namespace vosk::rig {
 
 class FaultySocket final : public pktwire::TxSocket {
 public:
-    explicit FaultySocket(pktwire::TxSocket& inner);
+    // For samples of up to `packets` packets of up to `size` bytes.
+    explicit FaultySocket(pktwire::TxSocket& inner, std::size_t packets = 8, std::size_t size = 32768);
 
     // Before the sample is sent.
     void Arm(const Fault& fault);
@@ -27,9 +27,6 @@ public:
     std::error_code Send(std::span<mmsghdr> messages) noexcept override;
 
 private:
-    static constexpr std::size_t MAX_PACKETS = 8;
-    static constexpr std::size_t MAX_SIZE = 32768;
-
     struct Held {
         std::size_t size = 0;
         std::vector<std::byte> bytes;
@@ -41,10 +38,13 @@ private:
 
     pktwire::TxSocket& m_inner;
     std::optional<Fault> m_fault;
-    std::array<Held, MAX_PACKETS> m_held;
+    std::vector<Held> m_held;
     std::size_t m_count = 0;
-    std::array<std::size_t, MAX_PACKETS + 1> m_order{};
+    // One more than m_held: a packet may go twice.
+    std::vector<std::size_t> m_order;
     std::size_t m_order_count = 0;
+    std::vector<iovec> m_pieces;
+    std::vector<mmsghdr> m_messages;
 };
 
 }  // namespace vosk::rig

@@ -44,6 +44,7 @@ public:
         for (const ReportSection& section : report.sections) WriteSection(section);
         Write("<h2>Plots</h2>\n");
         for (const Plot& plot : report.plots) Write("{}", DrawSvg(plot));
+        for (const std::string& picture : report.pictures) Write("{}", picture);
         Write("<h2>How to read this</h2>\n<ul class=\"note\">\n");
         for (const std::string& note : report.notes) Write("<li>{}</li>\n", EscapeHtml(note));
         Write("</ul>\n</body></html>\n");

@@ -29,6 +29,7 @@ public:
             Append(report.violations, account.violations);
             Append(report.sections, account.sections);
             Append(report.plots, account.plots);
+            Append(report.pictures, account.pictures);
             Append(report.notes, account.notes);
             if (account.achievement.empty()) continue;
             achievements += (achievements.empty() ? ": " : "; ") + account.achievement;
@@ -42,18 +43,29 @@ public:
 private:
     ReportSection Settings() const {
         const HostSettings& host = m_scenario.host;
-        return {
-            "Settings",
-            {},
-            {},
-            {fmt::format("{:g} commands a second for {:g} s; {} managed modes, {} scaling; setpoints leave "
-                         "{} us after the command's time stamp, answers are awaited for {} us; M4 answers "
-                         "{} us after a setpoint.",
-                         m_scenario.instrument.rate, m_scenario.duration.count(), host.managed_modes,
-                         host.delta_scaling ? "delta" : "absolute", host.m4_send_delay.count(),
-                         host.m4_response_timeout.count(), m_scenario.m4.answer_delay.count()),
-             fmt::format("Priority of the host's threads: {}, of the peers: {}{}.", host.priority,
-                         host.PeerPriority(), m_facts.advice.empty() ? "" : "; not granted by the system")}};
+        ReportSection section{"Settings", {}, {}, {}};
+        if (m_scenario.ao_loop)
+            section.notes.push_back(fmt::format(
+                "{:g} commands a second for {:g} s; {} managed modes, {} scaling; setpoints leave {} us "
+                "after "
+                "the command's time stamp, answers are awaited for {} us; M4 answers {} us after a setpoint.",
+                m_scenario.instrument.rate, m_scenario.duration.count(), host.managed_modes,
+                host.delta_scaling ? "delta" : "absolute", host.m4_send_delay.count(),
+                host.m4_response_timeout.count(), m_scenario.m4.answer_delay.count()));
+        if (!m_scenario.cameras.empty()) section.notes.push_back(LightInWords());
+        section.notes.push_back(fmt::format("Priority of the host's threads: {}, of the peers: {}{}.",
+                                            host.priority, host.PeerPriority(),
+                                            m_facts.advice.empty() ? "" : "; not granted by the system"));
+        return section;
+    }
+
+    std::string LightInWords() const {
+        const LightSettings& light = m_scenario.light;
+        return fmt::format(
+            "Light for {:g} s: D/r0 {:g}, V/D {:g} a second, so that tip and tilt have their knee at {:.1f} "
+            "Hz: a small, fast telescope; shaking of {:g} radians rms at {:g} Hz.",
+            m_scenario.duration.count(), light.d_over_r0, light.v_over_d, 0.6 * light.v_over_d,
+            light.shake_rms, light.shake_frequency);
     }
 
     ReportSection Counts() const {

@@ -33,7 +33,8 @@ struct PeerAccount {
     std::vector<std::pair<std::string, Spread>> times;
     History history;
     std::vector<Plot> plots;
-    std::vector<std::string> notes;  // how to read its part of the report
+    std::vector<std::string> pictures;  // as HTML
+    std::vector<std::string> notes;     // how to read its part of the report
 };
 
 struct RunReport {
@@ -41,6 +42,7 @@ struct RunReport {
     std::string description;
     std::vector<ReportSection> sections;
     std::vector<Plot> plots;
+    std::vector<std::string> pictures;
     std::vector<std::string> notes;
     std::string verdict;
     std::vector<std::string> violations;

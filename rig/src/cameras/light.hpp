@@ -1,0 +1,39 @@
+#pragma once
+
+// The light that reaches the cameras: a turbulent atmosphere and the telescope's shaking in the wind, as
+// Zernike coefficients over time. Each mode is a process of second order with the variance that Kolmogorov's
+// turbulence gives it (Noll 1976) and its knee where the wind puts it (Conan, Rousset, Madec 1995);
+// correlations between radial orders are left out. Made for a whole run ahead, constant afterwards: whoever
+// asks twice gets the same light, and threads share it freely.
+
+#include "scenario.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace vosk::rig {
+
+// Of one coefficient of this radial order, in square radians, where the telescope's diameter is Fried's
+// parameter.
+double NollVariance(unsigned radial_order);
+
+class Light {
+public:
+    static constexpr double RATE = 1000.0;  // of the grid that all processes step on, hertz
+
+    Light(const LightSettings& settings, std::uint64_t seed, std::uint32_t modes, Seconds duration);
+
+    std::uint32_t Modes() const { return m_modes; }
+    // From tip on, radians rms; between two grid points on the line that joins them, beyond the run as at its
+    // end.
+    void At(Seconds time, std::span<double> coefficients) const;
+
+private:
+    std::uint32_t m_modes;
+    std::size_t m_points;
+    std::vector<float> m_values;  // m_modes a grid point
+};
+
+}  // namespace vosk::rig

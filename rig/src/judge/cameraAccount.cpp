@@ -1,0 +1,135 @@
+#include "judge/cameraAccount.hpp"
+
+#include "report/plots.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace vosk::rig {
+namespace {
+
+class Describer {
+public:
+    Describer(const Scenario& scenario, const RunFacts& run, const CameraScene& scene, std::uint64_t seed,
+              const CameraFacts& facts)
+        : m_scenario(scenario),
+          m_run(run),
+          m_scene(scene),
+          m_seed(seed),
+          m_facts(facts),
+          m_name(vosk::to_string(scene.Settings().camera)),
+          m_accounts(AccountForFrames(facts, scene.Settings().kind)) {
+        m_methods.push_back({1, SpotThreshold(scene.Sensor()->model), scene.Regions()});
+        m_errors = MeasureErrors(
+            facts, m_accounts, scene,
+            [this](const FrameRecord& frame, const ResultRecord& result) {
+                return CentroidingOf(frame, result);
+            },
+            run.start);
+    }
+
+    PeerAccount Describe() const {
+        PeerAccount account;
+        account.violations = JudgeFrames(m_name, m_facts, m_accounts, m_run.FindStream(m_name), m_run.at_rest,
+                                         m_scenario.expect.max_exceptions);
+        for (std::string& violation : JudgeErrors(m_name, m_errors))
+            account.violations.push_back(std::move(violation));
+        account.achievement = fmt::format("{}: {} of {} frames led to a result", m_name, m_accounts.processed,
+                                          m_facts.frames.size());
+        if (m_errors.values > 0)
+            account.achievement +=
+                fmt::format(", with {:.3f} times the noise that the light gives them", m_errors.InNoise());
+        std::vector<time_point> sent;
+        FaultCounts faults;
+        for (const FrameRecord& frame : m_facts.frames) {
+            sent.push_back(frame.begun);
+            faults.Add(frame.fault);
+        }
+        account.streams = {FiguresOfSent(m_name, sent, m_scene.Settings().Period(), m_run, m_name)};
+        account.faults = FiguresOfFaults(m_scenario, StreamOf(m_scene.Settings().camera), faults,
+                                         HostCountsOf(m_run, m_name));
+        account.sections = {Frames()};
+        if (m_errors.values > 0 || m_errors.unpredicted > 0) account.sections.push_back(Errors());
+        AddTimes(account);
+        return account;
+    }
+
+private:
+    const Centroiding* CentroidingOf(const FrameRecord&, const ResultRecord&) const {
+        return &m_methods.back();
+    }
+
+    ReportSection Frames() const {
+        const auto row = [](const char* name, std::uint64_t count, const char* meaning) {
+            return std::vector<std::string>{name, fmt::to_string(count), meaning};
+        };
+        ReportSection section{m_name + ": frames", {"what became of them", "count", ""}, {}, {}};
+        section.rows = {row("processed", m_accounts.processed, "their result was seen in shared memory")};
+        const auto add = [&](const char* name, std::uint64_t count, const char* meaning) {
+            if (count > 0) section.rows.push_back(row(name, count, meaning));
+        };
+        add("unseen", m_accounts.unseen,
+            m_facts.published ? "processed; a newer result took the place before the watch looked"
+                              : "this camera's results are not shown: the host's counts tell");
+        add("refused", m_accounts.refused, "spoilt on their way, and not used");
+        add("used", m_accounts.used, "spoilt on their way, and used all the same");
+        add("lost", m_accounts.lost, "whole, and without a result");
+        add("rig overran", m_facts.overruns, "never sent, as the rig itself was late");
+        return section;
+    }
+
+    ReportSection Errors() const {
+        ReportSection section{m_name + ": centroids against the light", {"", "value"}, {}, {}};
+        const auto count = static_cast<double>(std::max<std::uint64_t>(m_errors.values, 1));
+        section.rows = {{"centroids compared", fmt::to_string(m_errors.values / 2)},
+                        {"error against the light, pixels rms",
+                         fmt::format("{:.4f}", std::sqrt(m_errors.error_squares / count))},
+                        {"the same as theory has it",
+                         fmt::format("{:.4f}", std::sqrt(m_errors.expected_squares / count))},
+                        {"scatter in units of the noise", fmt::format("{:.4f}", m_errors.InNoise())}};
+        if (m_errors.repaired > 0)
+            section.rows.push_back(
+                {fmt::format("worst of {} over a repaired pixel, pixels", m_errors.repaired),
+                 fmt::format("{:.4f}", m_errors.repaired_worst)});
+        if (m_errors.unpredicted > 0)
+            section.rows.push_back(
+                {fmt::format("worst of {} over the brightest pixels, pixels", m_errors.unpredicted),
+                 fmt::format("{:.4f}", m_errors.unpredicted_worst)});
+        return section;
+    }
+
+    void AddTimes(PeerAccount& account) const {
+        std::vector<double> transfer;
+        for (const FrameRecord& frame : m_facts.frames)
+            transfer.push_back(MicrosecondsOf(frame.sent - frame.begun));
+        std::vector<double> latency;
+        for (std::size_t i = 0; i < m_facts.results.size(); ++i)
+            if (m_accounts.frame_of[i])
+                latency.push_back(
+                    MicrosecondsOf(m_facts.results[i].seen - m_facts.frames[*m_accounts.frame_of[i]].sent));
+        account.times = {{m_name + ": first packet to last", SpreadOf(std::move(transfer))}};
+        if (!latency.empty())
+            account.times.emplace_back(m_name + ": last packet to result", SpreadOf(std::move(latency)));
+    }
+
+    const Scenario& m_scenario;
+    const RunFacts& m_run;
+    const CameraScene& m_scene;
+    const std::uint64_t m_seed;
+    const CameraFacts& m_facts;
+    const std::string m_name;
+    const FrameAccounts m_accounts;
+    std::vector<Centroiding> m_methods;
+    SpotErrors m_errors;
+};
+
+}  // namespace
+
+PeerAccount DescribeCamera(const Scenario& scenario, const RunFacts& run, const CameraScene& scene,
+                           std::uint64_t seed, const CameraFacts& facts) {
+    return Describer(scenario, run, scene, seed, facts).Describe();
+}
+
+}  // namespace vosk::rig

@@ -1,0 +1,103 @@
+#include "judge/spotPrediction.hpp"
+
+#include <cmath>
+#include <numbers>
+
+namespace vosk::rig {
+namespace {
+
+// Of a normal value that counts as 0 below the threshold.
+struct Moments {
+    double mean;
+    double variance;
+};
+
+Moments CutOff(double mean, double noise, double threshold) {
+    const double place = (mean - threshold) / noise;
+    if (place > 8.0) return {mean, noise * noise};
+    if (place < -8.0) return {0.0, 0.0};
+    const double above = 0.5 * std::erfc(-place / std::numbers::sqrt2);
+    const double edge = std::exp(-0.5 * place * place) / std::sqrt(2.0 * std::numbers::pi);
+    const double first = mean * above + noise * edge;
+    const double second = (mean * mean + noise * noise) * above + noise * (mean + threshold) * edge;
+    return {first, second - first * first};
+}
+
+// What a spot leaves on the pixels of one axis.
+class AxisShares {
+public:
+    AxisShares(const SpotProfile& profile, double center) : m_shares(profile.Size()) {
+        m_first = profile.Evaluate(center, m_shares);
+    }
+    double At(std::size_t pixel) const {
+        const std::ptrdiff_t place = static_cast<std::ptrdiff_t>(pixel) - m_first;
+        const bool is_inside = place >= 0 && place < static_cast<std::ptrdiff_t>(m_shares.size());
+        return is_inside ? double{m_shares[static_cast<std::size_t>(place)]} : 0.0;
+    }
+
+private:
+    std::vector<float> m_shares;
+    std::ptrdiff_t m_first;
+};
+
+bool IsRead(const PixelWindow& window, std::size_t x, std::size_t y) {
+    return window.width == 0 ||
+           (x >= window.x && x < window.x + window.width && y >= window.y && y < window.y + window.height);
+}
+
+}  // namespace
+
+SpotPredictor::SpotPredictor(const CameraSensor& sensor)
+    : m_sensor(sensor), m_profile(sensor.model.spot_rms), m_is_bad(sensor.model.width * sensor.model.height) {
+    for (const BadPixel& pixel : sensor.bad_pixels) m_is_bad[pixel.y * sensor.model.width + pixel.x] = 1;
+}
+
+SpotPrediction SpotPredictor::Predict(const Spot& spot, const SpotRegion& region, const PixelWindow& window,
+                                      double threshold) const {
+    constexpr double ROUNDING = 1.0 / 12.0;
+    const CameraModel& model = m_sensor.model;
+    const double read = double{model.read_noise} * model.read_noise + ROUNDING;
+    const AxisShares columns(m_profile, spot.x);
+    const AxisShares rows(m_profile, spot.y);
+    struct Pixel {
+        double x, y, variance;
+    };
+    std::vector<Pixel> pixels;
+    SpotPrediction result;
+    double sum_x = 0.0;
+    double sum_y = 0.0;
+    for (std::size_t y = region.y_start; y < region.y_stop; ++y) {
+        for (std::size_t x = region.x_start; x < region.x_stop; ++x) {
+            if (!IsRead(window, x, y)) continue;
+            if (m_is_bad[y * model.width + x] != 0) {
+                result.has_bad_pixel = true;
+                continue;
+            }
+            const double flat = m_sensor.flat[y * model.Stride() + x];
+            const double light = spot.flux * columns.At(x) * rows.At(y) + double{model.background};
+            const double noise = std::sqrt(read + double{model.gain} * light * flat) / flat;
+            const Moments value = CutOff(light, noise, threshold);
+            if (value.mean == 0.0 && value.variance == 0.0) continue;
+            const Pixel pixel{static_cast<double>(x), static_cast<double>(y), value.variance};
+            result.flux += value.mean;
+            sum_x += value.mean * pixel.x;
+            sum_y += value.mean * pixel.y;
+            pixels.push_back(pixel);
+        }
+    }
+    // Nothing but a chance pixel of the sky.
+    if (result.flux < spot.flux / 100.0) return {0.0, 0.0, 0.0, 0.0, 0.0, result.has_bad_pixel};
+    const double center_x = sum_x / result.flux;
+    const double center_y = sum_y / result.flux;
+    for (const Pixel& pixel : pixels) {
+        result.sigma_x += pixel.variance * (pixel.x - center_x) * (pixel.x - center_x);
+        result.sigma_y += pixel.variance * (pixel.y - center_y) * (pixel.y - center_y);
+    }
+    result.sigma_x = std::sqrt(result.sigma_x) / result.flux;
+    result.sigma_y = std::sqrt(result.sigma_y) / result.flux;
+    result.x = center_x - region.ref_x;
+    result.y = center_y - region.ref_y;
+    return result;
+}
+
+}  // namespace vosk::rig

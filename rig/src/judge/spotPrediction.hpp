@@ -1,0 +1,42 @@
+#pragma once
+
+// What a centroid of a spot should come out as, from theory alone: the mean and the noise of a centre of
+// gravity over the pixels from a threshold on. A pixel of mean m and noise s is taken if its value reaches
+// the threshold, so that its contribution has the moments of a normal distribution cut off there. Photon,
+// read and rounding noise count; the estimate moves with the threshold's cut and with the sky, and both stand
+// in the mean. Bad pixels are left out: a region that has one is marked.
+
+#include "cameras/cameraScene.hpp"
+#include "cameras/spotProfile.hpp"
+
+#include <limits>
+#include <vector>
+
+namespace vosk::rig {
+
+struct SpotPrediction {
+    double flux = 0.0;
+    double x = 0.0;  // from the reference point, pixels
+    double y = 0.0;
+    double sigma_x = 0.0;
+    double sigma_y = 0.0;
+    bool has_bad_pixel = false;
+};
+
+class SpotPredictor {
+public:
+    static constexpr double NO_THRESHOLD = -std::numeric_limits<double>::infinity();
+
+    explicit SpotPredictor(const CameraSensor& sensor);
+
+    // Pixels outside `window` are 0 without noise; a window of no width is the whole sensor.
+    SpotPrediction Predict(const Spot& spot, const SpotRegion& region, const PixelWindow& window,
+                           double threshold) const;
+
+private:
+    const CameraSensor& m_sensor;
+    SpotProfile m_profile;
+    std::vector<char> m_is_bad;  // of the image
+};
+
+}  // namespace vosk::rig
