@@ -64,7 +64,7 @@ TEST_P(Panels, BothProductsKeepTheErrorBoundAndAgreeWithBlas) {
 
 // Neither a 0 in the matrix nor a neighbouring row hides what is not finite.
 TEST_P(Panels, AnInfiniteElementShowsInEveryRowOfItsProductAlone) {
-    Vector matrix(70 * 3);
+    Vector matrix(std::size_t{70} * 3);
     matrix[0] = 1.0F;
     const Vector finite{1.0F, 2.0F, 3.0F};
     Vector infinite = finite;

@@ -102,6 +102,7 @@ void ShowFrame(const ShowFrameOptions& options) {
     std::vector<std::uint16_t> raw(model.RawSize());
     if (options.frame.empty()) {
         std::vector<Spot> spots;
+        spots.reserve(regions.size());
         for (const Region& region : regions) spots.push_back(region.spot);
         FrameRenderer(sensor, options.seed).Render(0, spots, raw);
     } else {

@@ -47,8 +47,8 @@ RuntimeMonitor& RuntimeMonitor::CreateInstance(const gim::Config& /*config*/) {
 
 struct RuntimeMonitor::CameraRow {
     const char* name;
-    defs::Camera camera;
     unsigned long id;  // the two sensors of a guide probe share its number
+    defs::Camera camera;
     DataStreamIdentifier stream;
     std::shared_ptr<Statistics> RuntimeMonitor::*statistics;
     std::shared_ptr<InputStreamState> RuntimeMonitor::*state;
@@ -64,14 +64,14 @@ std::span<const RuntimeMonitor::CameraRow> RuntimeMonitor::CameraRows() {
     using enum DataStreamIdentifier;
     using Self = RuntimeMonitor;
     static constexpr CameraRow ROWS[]{
-        {"img_gp1", defs::Camera::IMG_GP1, 1, IMG_GP1, &Self::m_img_gp1_statistics, &Self::m_img_gp1_state},
-        {"wfs_gp1", defs::Camera::WFS_GP1, 1, WFS_GP1, &Self::m_wfs_gp1_statistics, &Self::m_wfs_gp1_state},
-        {"img_gp2", defs::Camera::IMG_GP2, 2, IMG_GP2, &Self::m_img_gp2_statistics, &Self::m_img_gp2_state},
-        {"wfs_gp2", defs::Camera::WFS_GP2, 2, WFS_GP2, &Self::m_wfs_gp2_statistics, &Self::m_wfs_gp2_state},
-        {"img_gp3", defs::Camera::IMG_GP3, 3, IMG_GP3, &Self::m_img_gp3_statistics, &Self::m_img_gp3_state},
-        {"wfs_gp3", defs::Camera::WFS_GP3, 3, WFS_GP3, &Self::m_wfs_gp3_statistics, &Self::m_wfs_gp3_state},
-        {"img_pds", defs::Camera::IMG_PDS, 4, IMG_PDS, &Self::m_img_pds_statistics, &Self::m_img_pds_state},
-        {"wfs_pds", defs::Camera::WFS_PDS, 4, WFS_PDS, &Self::m_wfs_pds_statistics, &Self::m_wfs_pds_state},
+        {"img_gp1", 1, defs::Camera::IMG_GP1, IMG_GP1, &Self::m_img_gp1_statistics, &Self::m_img_gp1_state},
+        {"wfs_gp1", 1, defs::Camera::WFS_GP1, WFS_GP1, &Self::m_wfs_gp1_statistics, &Self::m_wfs_gp1_state},
+        {"img_gp2", 2, defs::Camera::IMG_GP2, IMG_GP2, &Self::m_img_gp2_statistics, &Self::m_img_gp2_state},
+        {"wfs_gp2", 2, defs::Camera::WFS_GP2, WFS_GP2, &Self::m_wfs_gp2_statistics, &Self::m_wfs_gp2_state},
+        {"img_gp3", 3, defs::Camera::IMG_GP3, IMG_GP3, &Self::m_img_gp3_statistics, &Self::m_img_gp3_state},
+        {"wfs_gp3", 3, defs::Camera::WFS_GP3, WFS_GP3, &Self::m_wfs_gp3_statistics, &Self::m_wfs_gp3_state},
+        {"img_pds", 4, defs::Camera::IMG_PDS, IMG_PDS, &Self::m_img_pds_statistics, &Self::m_img_pds_state},
+        {"wfs_pds", 4, defs::Camera::WFS_PDS, WFS_PDS, &Self::m_wfs_pds_statistics, &Self::m_wfs_pds_state},
     };
     return ROWS;
 }
