@@ -136,14 +136,7 @@ protected:
     }
     static MaranaLeaderInfo Info(std::uint32_t type, std::uint32_t width, std::uint32_t height,
                                  std::uint32_t x, std::uint32_t y) {
-        MaranaLeaderInfo info;
-        info.exposure_time = vosk::test::At(seconds{1000});
-        info.data_type = type;
-        info.width = width;
-        info.height = height;
-        info.x_offset = x;
-        info.y_offset = y;
-        return info;
+        return {vosk::test::At(seconds{1000}), type, width, height, x, y};
     }
 };
 
