@@ -6,7 +6,6 @@
 #include "portableRandom.hpp"
 
 #include <vosk/common/fits.hpp>
-#include <vosk/image_processing/badPixelCorrection.hpp>
 #include <vosk/image_processing/centroiding.hpp>
 #include <vosk/image_processing/noiseRemoval.hpp>
 #include <vosk/test/support.hpp>
@@ -93,7 +92,7 @@ Bench MaranaBench() {
     return bench;
 }
 
-// Cleans a rendered frame region by region, as a camera thread does, and hands out each one's cleaned frame.
+// Cleans a rendered frame ROI by ROI, as a camera thread does, and hands out each one's cleaned frame.
 void ForEachCleaned(Bench& bench, const std::vector<Spot>& spots,
                     const std::function<void(std::size_t, defs::AlignedFrame<float>&)>& use) {
     FrameRenderer renderer(bench.sensor, SEED);
@@ -191,34 +190,6 @@ TEST_P(ClosedCircle, FindsSpotsAsFarFromTheirPlaceAsNoiseAllows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cameras, ClosedCircle, ::testing::Values(&LisaBench, &AliceBench, &MaranaBench));
-
-// Each in the light of a spot, so that neither a dead nor a hot one passes for its neighbours.
-TEST(ClosedCircleWithBadPixels, RepairsThemFromTheirNeighbours) {
-    Bench bench = LisaBench();
-    const CameraModel& model = bench.sensor->model;
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> bad_pixels;
-    std::vector<BadPixel> judged;
-    std::vector<Spot> spots;
-    bench.rois.clear();
-    for (const BadPixel& bad : bench.sensor->bad_pixels) {
-        bad_pixels.emplace_back(bad.x, bad.y);
-        if (bad.x < 32 || bad.x > 808 || bad.y < 16 || bad.y > 800) continue;
-        judged.push_back(bad);
-        bench.rois.push_back(CenteredRoi(bad.x - 10, bad.y - 11, 24, model));
-        spots.push_back({bad.x + 0.5, bad.y + 0.5, model.spot_flux});
-    }
-    ASSERT_GT(judged.size(), 15U);
-    const bad_pixel_correction_block correction(840, 816, bad_pixels, {1, 1, 1, 1, 0, 1, 1, 1, 1});
-    ForEachCleaned(bench, spots, [&](std::size_t i, defs::AlignedFrame<float>& cleaned) {
-        correction.work(cleaned, bench.rois[i]);
-        const float* pixel = cleaned.data() + judged[i].y * model.width + judged[i].x;
-        double around = -double{*pixel};
-        for (const float* row : {pixel - model.width, pixel, pixel + model.width})
-            around += double{row[-1]} + row[0] + row[1];
-        EXPECT_GT(*pixel, 100.0F);
-        EXPECT_NEAR(*pixel, around / 8.0, 1e-3);
-    });
-}
 
 }  // namespace
 }  // namespace vosk::rig

@@ -24,9 +24,9 @@ using lumo::GetTimeString;
 
 constexpr std::size_t M4_CMD_SIZE = M4SaturationManagement::M4_CMD_SIZE;
 
-// The largest absolute value; 0 if there is none. What is not a number is passed over: one actuator of
-// unknown position must not lift the limits of the others. In lanes, each with its own largest, for the
-// compiler to vectorise: in one chain of comparisons it takes as long as the projection of a small matrix.
+// The largest absolute value; 0 if there is none. NaN is passed over: one actuator of unknown position must
+// not lift the limits of the others. In lanes, each with its own largest, for the compiler to vectorise: in
+// one chain of comparisons it takes as long as the projection of a small matrix.
 float LargestMagnitude(std::span<const float> values) {
     constexpr std::size_t LANES = 32;
     const auto larger = [](float a, float b) { return b > a ? b : a; };

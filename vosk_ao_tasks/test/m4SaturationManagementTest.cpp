@@ -174,17 +174,15 @@ TEST(M4SaturationManagement, RefusesABadConfiguration) {
     Config not_finite = OneMode(true, 0, 0);
     not_finite.m2p[SIZE - 1] = NAN_F;
     const std::pair<Config, std::string> cases[]{
-        {OneMode(true, -1, -1), "Wrong 'delta_threshold', must be a positive value."},
-        {OneMode(true, NAN_F, 0), "Wrong 'delta_threshold', must be a positive value."},
-        {OneMode(true, 0, NAN_F), "Wrong 'gap_threshold', must be a positive value."},
-        {{true, 2, Vector(SIZE), -1, 0},
-         "Wrong size of the M2P projection matrix, size = 5352, but should be 5352 x 2 = 10704"},
-        {{true, 5353, Vector(SIZE * 5353), 0, 0},
-         "Wrong 'managed_modes', must be at most 5352, but is 5353."},
-        {not_finite, "The M2P projection matrix holds a value that is not finite."}};
+        {OneMode(true, -1, 0), "Wrong 'delta_threshold'"},
+        {OneMode(true, NAN_F, 0), "Wrong 'delta_threshold'"},
+        {OneMode(true, 0, NAN_F), "Wrong 'gap_threshold'"},
+        {{true, 2, Vector(SIZE), 0, 0}, "size = 5352, but should be 5352 x 2 = 10704"},
+        {{true, 5353, Vector(SIZE * 5353), 0, 0}, "Wrong 'managed_modes'"},
+        {not_finite, "a value that is not finite"}};
     for (const auto& [config, text] : cases) {
-        EXPECT_EQ(vosk::test::TextOf<std::runtime_error>([&c = config] { M4SaturationManagement{c}; }),
-                  "M4SaturationManagement: ERROR: " + text);
+        EXPECT_THAT(vosk::test::TextOf<std::runtime_error>([&c = config] { M4SaturationManagement{c}; }),
+                    testing::HasSubstr(text));
     }
 }
 

@@ -70,7 +70,7 @@ void OrderPairwise(std::span<const std::int32_t> keys, std::span<std::uint32_t> 
     using V = hn::Vec<decltype(d)>;
     const std::size_t lanes = hn::Lanes(d);
     const V one = hn::Set(d, 1);
-    // Filled up to whole vectors with what comes before nothing.
+    // The last vector is filled up with the smallest integer, which no key is: it is counted before no key.
     std::array<std::int32_t, MAX_PAIRWISE> own;
     std::array<std::int32_t, MAX_PAIRWISE> ranks;
     const std::size_t size = places.size();
@@ -82,7 +82,7 @@ void OrderPairwise(std::span<const std::int32_t> keys, std::span<std::uint32_t> 
         const V these = hn::LoadU(d, own.data() + block * lanes);
         // Of equal keys the earlier one comes first: for those, one less is enough to be larger.
         const V lower = hn::Sub(these, one);
-        V before = hn::Zero(d);  // how many come before these
+        V before = hn::Zero(d);  // the number of keys that come before these
         const auto count = [&](std::int32_t other, V limits) HWY_ATTR {
             before = hn::IfThenElse(hn::Gt(hn::Set(d, other), limits), hn::Add(before, one), before);
         };

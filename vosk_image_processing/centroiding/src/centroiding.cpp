@@ -200,7 +200,7 @@ struct CentroidingNBR<T>::Method {
 template <class T>
 void CentroidingNBR<T>::Compute(gsl::span<const T> frame, const Roi& roi) {
     this->CheckFrameSize(frame.size());
-    // Before the scratch grows to the size of a region that no frame has.
+    // Before the scratch grows to the size of a ROI that no frame has.
     const PixelRange range = this->RangeOf(roi);
     const std::size_t count = std::min(m_nbrightest, range.Size());
     if (count == 0) return this->SetNothing();

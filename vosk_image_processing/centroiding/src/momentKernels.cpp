@@ -15,7 +15,7 @@ namespace {
 
 #if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128 || HWY_HAVE_SCALABLE
 
-// The plain form: region by region. Also where the width of vectors is known at run time only.
+// The plain form: ROI by ROI. Also where the width of vectors is known at run time only.
 template <class Keep>
 void Sum(const RegionBatch& batch, Keep keep, Moments* moments) {
     for (const float* row : batch.first_pixels) {
@@ -45,10 +45,10 @@ struct From {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-// As many regions as there are doubles in a vector, but at least the four of a block.
+// As many ROIs as there are doubles in a vector, but at least the four of a block.
 constexpr std::size_t DOUBLES = std::min<std::size_t>(8, HWY_MAX_BYTES / sizeof(double));
 constexpr std::size_t REGIONS = std::max<std::size_t>(4, DOUBLES);
-constexpr std::size_t VECTORS = REGIONS / DOUBLES;  // of doubles, to hold one value a region
+constexpr std::size_t VECTORS = REGIONS / DOUBLES;  // of doubles, to hold one value a ROI
 constexpr std::size_t COLUMNS = 4;                  // that are loaded and transposed at once
 
 using Floats = hn::FixedTag<float, REGIONS>;
@@ -69,7 +69,7 @@ struct From {
     float threshold;
 };
 
-// Four pixels of a region; where a vector has room for eight, behind them four of the region four further on.
+// Four pixels of a ROI; where a vector has room for eight, behind them four of the ROI four further on.
 template <class D>
 HWY_INLINE hn::Vec<D> LoadPixels(D floats, const float* const* regions, std::size_t offset) {
     if constexpr (hn::MaxLanes(floats) == COLUMNS) {
@@ -81,7 +81,7 @@ HWY_INLINE hn::Vec<D> LoadPixels(D floats, const float* const* regions, std::siz
     }
 }
 
-// The column `offset` and the three behind it, each with a pixel of every region.
+// The column `offset` and the three behind it, each with a pixel of every ROI.
 HWY_INLINE std::array<FloatVector, COLUMNS> LoadColumns(const float* const* regions, std::size_t offset) {
     const Floats floats;
     const hn::Repartition<double, Floats> pairs;
@@ -137,7 +137,7 @@ struct Sums {
     std::array<DoubleVector, VECTORS> y;
 };
 
-// GROUPS times REGIONS regions at once: with two groups, the additions of one hide the latency of the other.
+// GROUPS times REGIONS ROIs at once: with two groups, the additions of one hide the latency of the other.
 template <std::size_t GROUPS, class Keep>
 void SumGroups(const float* const* regions, const RegionBatch& batch, Keep keep,
                std::array<Sums, GROUPS>& sums) {
@@ -161,7 +161,7 @@ void SumGroups(const float* const* regions, const RegionBatch& batch, Keep keep,
             }
         }
         if (rest == 0) continue;
-        // The frame may end with the region: what is left of the rows is taken from copies.
+        // The frame may end with the ROI: what is left of the rows is taken from copies.
         for (std::size_t group = 0; group < GROUPS; ++group) {
             std::array<std::array<float, COLUMNS>, REGIONS> copies;
             std::array<const float*, REGIONS> first;
@@ -191,7 +191,7 @@ void SumSome(const float* const* regions, std::size_t count, const RegionBatch& 
 
 template <class Keep>
 void Sum(const RegionBatch& batch, Keep keep, Moments* moments) {
-    // Lanes without a region do the last one again.
+    // Lanes without a ROI do the last one again.
     std::array<const float*, MAX_BATCH> regions;
     regions.fill(batch.first_pixels.back());
     std::copy(batch.first_pixels.begin(), batch.first_pixels.end(), regions.begin());

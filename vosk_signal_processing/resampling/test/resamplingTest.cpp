@@ -1,4 +1,4 @@
-// What the resamplers give, worked out on paper; when they notify.
+// The outputs of resamplers, worked out on paper, and their notifications.
 
 #include "resamplerChains.hpp"
 
@@ -30,7 +30,7 @@ TEST(Resampler, GivesWhatWasWorkedOutOnPaper) {
           {26, 7, 9, {{31000, 9, 9}, {33500, 10, 10}}},
           {46, 7, 1, {{46000, 11, 7}}},
           {56, 11, 9, {{58500, 12, 12}, {61000, 13, 13}, {63500, 14, 14}}}}},
-        // Read late; a gap in the numbers; a sender that starts anew.
+        // Read late; a gap in the numbers; a sender that starts again.
         {{{Kind::DECIMATION, 300, 100}},
          {{1, 5, 9, {{1000, 1, 5}}},
           {2, 0, 9, {}},
@@ -49,19 +49,11 @@ TEST(Resampler, GivesWhatWasWorkedOutOnPaper) {
           {8, 30, 9, {{0, 1, 10}, {2000, 2, 10}, {8000, 3, 30}, {10000, 4, 40}}},
           {12, 50, 1, {{12000, 5, 50}}},
           {16, 0, 9, {{14000, 6, 60}, {16000, 7, 0}, {18000, 8, -25}}}}},
-        // Of four outputs an input, each second one.
-        {{{Kind::LERP, 250, 1000}, {Kind::DECIMATION, 1000, 500}},
-         {{0, 10, 9, {{0, 1, 10}, {2000, 2, 10}}}, {4, 14, 9, {{4000, 3, 14}, {6000, 4, 16}}}}},
-        // The filter's state knows nothing of what was left out: y = x + u / 8, then x = 3 x / 4 + u / 4.
+        // The filter's state knows nothing of the inputs that were left out: y = x + u / 8, then
+        // x = 3 x / 4 + u / 4.
         {{{Kind::DECIMATION, 1000, 500}, {Kind::FILTER1}},
-         {{0, 8, 9, {{0, 1, 1}}},
-          {1, 99, 9, {}},
-          {2, 16, 9, {{2000, 2, 4}}},
-          {3, 99, 9, {}},
-          {4, 0, 9, {{4000, 3, 5.5F}}}}},
-        {{{Kind::FILTER1}, {Kind::LERP, 500, 1000}},
-         {{0, 8, 9, {{0, 1, 1}, {1000, 2, 1}}}, {2, 16, 9, {{2000, 3, 4}, {3000, 4, 5.5F}}}}},
-        // What has left a stage no longer ages in it; what waits in it does.
+         {{0, 8, 9, {{0, 1, 1}}}, {1, 99, 9, {}}, {2, 16, 9, {{2000, 2, 4}}}}},
+        // A sample ages in the stage where it waits, and no longer in one that it has left.
         {{{Kind::IDENTITY, 1, 1, 3'000'000}, {Kind::IDENTITY}},
          {{0, 1, 0, {}, 0, 2}, {4, 2, 9, {{0, 1, 1}}, 0, 7}, {5, 3, 9, {{5000, 3, 3}}, 0, 7}}},
     };
@@ -79,24 +71,6 @@ TEST(Resampler, GivesWhatWasWorkedOutOnPaper) {
         }
     }
     EXPECT_FALSE(MakeReal({Stage{Kind::LERP}})->GetSample());  // before the first input
-}
-
-// Polled four times an input, which is as often as outputs are due.
-TEST(Resampler, AFilterBetweenTwoRateChangesCostsThreeOfFourOutputs) {
-    const Stage up{Kind::LERP, 250, 4000};
-    const Stage down{Kind::DECIMATION, 4000, 1000};
-    const Stage filter{Kind::FILTER1};
-    const std::pair<std::vector<Stage>, int> cases[] = {
-        {{filter, up, down}, 4}, {{up, down, filter}, 4}, {{up, filter, down}, 1}};
-    for (const auto& [stages, expected] : cases) {
-        const auto resampler = MakeReal(stages);
-        for (std::uint32_t id = 1; id <= 8; ++id) {
-            resampler->AddSample({At(4ms * id), id, {1.0F, 0.0F}});
-            int outputs = 0;
-            for (int poll = 0; poll < 4; ++poll) outputs += !ReadDue(*resampler, 1).empty();
-            EXPECT_EQ(outputs, expected) << ::testing::PrintToString(stages) << " input " << id;
-        }
-    }
 }
 
 // Looks at its flags within each notification, which hangs if the resampler is still locked then.

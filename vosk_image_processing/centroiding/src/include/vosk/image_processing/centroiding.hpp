@@ -1,12 +1,12 @@
 #pragma once
 
-// Centroiding turns the cleaned pixels of a region of interest into a flux and the displacement of its spot
-// from the region's reference point: a plain centre of gravity (COG), one above a threshold (TSH), or one
+// Centroiding turns the cleaned pixels of a region of interest (ROI) into a flux and the displacement of its
+// spot from the ROI's reference point: a plain centre of gravity (COG), one above a threshold (TSH), or one
 // over the n brightest pixels (NBR). An estimator knows no threads and locks nothing: each worker owns one.
 //
 // The results are those of the plain loop, bit for bit: pixels are widened to double and summed in raster
-// order, one addition after another. A NaN in the region gives a NaN flux, unless TSH skips it. After the
-// first region of its size an estimator allocates nothing.
+// order, one addition after another. A NaN in the ROI gives a NaN flux, unless TSH skips it. After the
+// first ROI of its size an estimator allocates nothing.
 
 #include <vosk/defs/valueTypes.hpp>
 #include <vosk/image_processing/pixelRange.hpp>
@@ -39,7 +39,7 @@ public:
     const std::size_t img_size;
     const double saturation;  // x and y are clamped to -saturation..saturation, in pixels
 
-    // Of the region computed last.
+    // Of the ROI computed last.
     double flux{0.0};
     double x{0.0};
     double y{0.0};
@@ -55,7 +55,7 @@ protected:
     void CheckAll(std::size_t frame_size, std::span<const Roi> rois, std::span<defs::Slope> slopes) const;
 
     void SetNothing();
-    // `cx` and `cy` are offsets from the region's start.
+    // `cx` and `cy` are offsets from the ROI's start.
     void SetPosition(const Roi& roi, double cx, double cy);
     void SetFromMoments(const Roi& roi, const Moments& moments);
 
@@ -69,19 +69,19 @@ public:
     using CentroidingBase::CentroidingBase;
 
     // `frame` is the full frame, row by row. The result stands in `flux`, `x` and `y`. A frame of the wrong
-    // size or a region that reaches out of it is logged and thrown as std::invalid_argument, and the former
-    // result stays. A region without pixels, or whose sum is 0.0, gives a flux, x and y of 0.0.
+    // size or a ROI that reaches out of it is logged and thrown as std::invalid_argument, and the former
+    // result stays. A ROI without pixels, or whose sum is 0.0, gives a flux, x and y of 0.0.
     virtual void Compute(gsl::span<const T> frame, const Roi& roi) = 0;
 
-    // The same for many regions of one frame, each result into the slope of its index: as many slopes as
-    // regions, or the process ends. A region that reaches out of the frame is refused before the first
-    // result. COG and TSH do regions of equal size that follow one another side by side, some four times as
+    // The same for many ROIs of one frame, each result into the slope of its index: as many slopes as
+    // ROIs, or the process ends. A ROI that reaches out of the frame is refused before the first
+    // result. COG and TSH do ROIs of equal size that follow one another side by side, some four times as
     // fast and with the same bits; a worker does best with 16 and more at a time, few enough for their pixels
     // to stay in its cache.
     virtual void ComputeMany(gsl::span<const T> frame, std::span<const Roi> rois,
                              std::span<defs::Slope> slopes);
 
-    // Calls method(value, dx, dy) for each pixel in raster order, with its offsets from the region's start.
+    // Calls method(value, dx, dy) for each pixel in raster order, with its offsets from the ROI's start.
     template <class Method>
     void ForEachPixel(Method& method, gsl::span<const T> frame, const Roi& roi) const {
         CheckFrameSize(frame.size());
@@ -97,7 +97,7 @@ public:
     }
 
 protected:
-    // ComputeMany of an estimator whose moments of equal regions sum(batch, moments) takes.
+    // ComputeMany of an estimator whose moments of equal ROIs sum(batch, moments) takes.
     template <class Sum>
     void ComputeByMoments(gsl::span<const T> frame, std::span<const Roi> rois, std::span<defs::Slope> slopes,
                           const Sum& sum);
@@ -145,7 +145,7 @@ public:
 
     // With weights, the brightest of n pixels counts n times, the last once. An `nbrightest` of 0 is logged
     // and thrown as std::invalid_argument, and the former settings stay. More pixels than before take more
-    // scratch, which is made here for the regions seen so far: no frame has to.
+    // scratch, which is made here for the ROIs seen so far: no frame has to.
     void SetNBrightest(std::size_t nbrightest, bool weight_pixels);
     std::size_t GetNBrightest() const noexcept { return m_nbrightest; }
     bool GetWeightPixels() const noexcept { return m_weight_pixels; }
@@ -160,7 +160,7 @@ private:
         double dy;
     };
 
-    // Grows the scratch to regions of that size. It never shrinks, so that only a larger region allocates.
+    // Grows the scratch to ROIs of that size. It never shrinks, so that only a larger ROI allocates.
     void Grow(std::size_t size);
     // The brightest `count` pixels of the range, the brightest first, into m_pixels.
     void TakeBrightest(gsl::span<const T> frame, const PixelRange& range, std::size_t count);
@@ -169,9 +169,9 @@ private:
     std::size_t m_nbrightest{1};  // never 0
     bool m_weight_pixels{true};
 
-    // Scratch, overwritten by every Compute: 8 bytes a pixel of the largest region, and 24 a pixel that takes
+    // Scratch, overwritten by every Compute: 8 bytes a pixel of the largest ROI, and 24 a pixel that takes
     // part, or 32 of many.
-    std::vector<std::int32_t> m_keys;     // of the region, its last pixel first: the larger, the brighter
+    std::vector<std::int32_t> m_keys;     // of the ROI, its last pixel first: the larger, the brighter
     std::vector<std::uint32_t> m_places;  // in m_keys; the brightest first
     std::vector<Pixel> m_pixels;          // the brightest
     std::vector<std::uint64_t> m_ranked;  // key and place in one, where a sort orders them

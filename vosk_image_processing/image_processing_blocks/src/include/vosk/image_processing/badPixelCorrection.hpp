@@ -1,7 +1,7 @@
 #pragma once
 
 // Replaces bad pixels of a cleaned frame by a weighted mean of their 3 x 3 neighbourhood, before the centroid
-// is taken. Constant after construction; a worker calls it for each of its regions.
+// is taken. Constant after construction; a worker calls it for each of its ROIs.
 
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/image_processing/roi.hpp>
@@ -28,13 +28,13 @@ public:
     bad_pixel_correction_block(std::uint32_t width, std::uint32_t height, std::vector<BadPixel> bad_pixels,
                                std::vector<float> pixel_weights);
 
-    // Repairs the bad pixels of the region in place, in the order of the list, so that one next to another
-    // sees its repaired value. `frame` is the whole cleaned frame, in which the pixels around the region must
+    // Repairs the bad pixels of the ROI in place, in the order of the list, so that one next to another
+    // sees its repaired value. `frame` is the whole cleaned frame, in which the pixels around the ROI must
     // be cleaned too; with another number of pixels the process ends. Allocates nothing.
     void work(std::span<float> frame, const Roi& roi) const;
 
     // The same in two steps, so that the first, which goes through the whole list, need not be in the frame's
-    // path: which bad pixels lie in the region, and the repair of those.
+    // path: which bad pixels lie in the ROI, and the repair of those.
     std::vector<BadPixel> BadPixelsOf(const Roi& roi) const;
     void Repair(std::span<float> frame, std::span<const BadPixel> bad_pixels) const;
 

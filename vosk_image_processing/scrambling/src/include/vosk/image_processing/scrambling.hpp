@@ -21,8 +21,8 @@
 
 namespace vosk::image_processing {
 
-// Where eight taps are clocked together, they take turns in the raw buffer: the pixels of each lie so far
-// apart.
+// The distance in the raw buffer between two pixels of one tap, where eight taps are clocked together and
+// take turns.
 inline constexpr std::int32_t TAP_STEP = 8;
 
 class ScramblerBase {
@@ -43,8 +43,8 @@ protected:
         std::uint32_t x_stop;
         std::uint32_t source;  // of its first pixel, in the raw buffer
         // From a pixel to the next in the raw buffer: 1 for neighbours; TAP_STEP or -TAP_STEP for those of
-        // one tap, where TAP_STEP values can be read from each pixel on, the last one too; 0 for what is no
-        // run: the table has to be asked.
+        // one tap, where TAP_STEP values can be read from each pixel on, the last one too; 0 for pixels
+        // that are no run: their positions stand in the table alone.
         std::int32_t step;
     };
 
@@ -63,7 +63,7 @@ protected:
     };
     Rows RowsAlike(std::size_t row) const { return m_rows_alike[row]; }
 
-    // std::invalid_argument, in which `operation` names who was called.
+    // std::invalid_argument, in which `operation` names the function called.
     void RequireScrambledSize(std::size_t size, const char* operation) const;
 
     // Set in the constructors, constant afterwards.
@@ -118,7 +118,7 @@ public:
 
     // Puts the pixels of the ROI, or without one the whole image, into the frame; the others stay. For the
     // frame's user. std::invalid_argument, and nothing written, if `frame` isn't a raw buffer or the ROI
-    // reaches out of the image; one without pixels is nothing to do, wherever it lies.
+    // reaches out of the image; a ROI without pixels changes nothing, wherever it lies.
     void Descramble(gsl::span<const FROM> frame, const std::optional<Roi>& roi = {});
 
     // The image: zero until it is written.
