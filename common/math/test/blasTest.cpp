@@ -5,10 +5,7 @@
 
 namespace {
 
-using vosk::common::math::cblas_AddVectors;
-using vosk::common::math::cblas_MultiplyMatrixByVector;
-using vosk::common::math::ScaleVector;
-
+using namespace vosk::common::math;
 using Vector = std::vector<float>;
 
 const Vector A{1, 2, 3, 4, 5, 6};  // row-major: 2 x 3; column-major: 3 x 2
@@ -45,19 +42,18 @@ TEST(Vectors, AreAddedAndScaledAndZeroClearsEvenNaN) {
 TEST(BlasDeathTest, StopsOnSizesThatDoNotFit) {
     Vector two(2);
     Vector three(3);
-    EXPECT_DEATH(cblas_AddVectors(1.0F, two, three), "x\\.size\\(\\) == y\\.size\\(\\)");
-    EXPECT_DEATH(cblas_MultiplyMatrixByVector(CblasNoTrans, 1.0F, A, two, 0.0F, two),
-                 "A\\.size\\(\\) == \\(x\\.size\\(\\) \\* y\\.size\\(\\)\\)");
+    EXPECT_DEATH(cblas_AddVectors(1.0F, two, three), "x.size.*y.size");
+    EXPECT_DEATH(cblas_MultiplyMatrixByVector(CblasNoTrans, 1.0F, A, two, 0.0F, two), "A.size");
 }
 
 TEST(AllFinite, FindsTheOneValueThatIsNotFiniteAnywhere) {
     Vector values(37, -std::numeric_limits<float>::max());
-    EXPECT_TRUE(vosk::common::math::AllFinite(values));
-    EXPECT_TRUE(vosk::common::math::AllFinite({}));
+    EXPECT_TRUE(AllFinite(values));
+    EXPECT_TRUE(AllFinite({}));
     for (float& value : values) {
         for (const float special : {NAN_F, INFINITY, -INFINITY}) {
             const float before = std::exchange(value, special);
-            EXPECT_FALSE(vosk::common::math::AllFinite(values)) << &value - values.data();
+            EXPECT_FALSE(AllFinite(values)) << &value - values.data();
             value = before;
         }
     }

@@ -15,35 +15,29 @@ using vosk::common::shmif::ShmIf;
 namespace {
 
 struct RecordingSender final : TelemSender {
-    bool IsSetup() const override { return m_is_setup; }
-    void Send(const std::string& line) override { m_lines.push_back(line); }
+    bool IsSetup() const override { return true; }
+    void Send(const std::string& line) override { m_line = line; }
 
-    bool m_is_setup = true;
-    std::vector<std::string> m_lines;
+    std::string m_line;
 };
 
-TEST(TelemSender, WritesOneFieldALineWithUpToSixteenDigitsAndRefusesEmptyNamesOnceSetUp) {
+TEST(TelemSender, WritesOneFieldALineWithUpToSixteenDigitsAndRefusesEmptyNames) {
     RecordingSender sender;
     sender.m_source = "s";
-    const auto line = [&sender](const auto& value) {
+    const auto expect_text = [&sender](const std::string& text, const auto& value) {
         sender.RecordPoint("rtc_performance", "m4_output", "field", value);
-        return sender.m_lines.back();
+        EXPECT_EQ(sender.m_line, "/oru/cs/vosk(s),rtc_performance=m4_output field=" + text);
     };
-    const std::string head = "/oru/cs/vosk(s),rtc_performance=m4_output field=";
-    EXPECT_EQ(line(0.1), head + "0.1");
-    EXPECT_EQ(line(1234567.125), head + "1234567.125");
-    EXPECT_EQ(line(1.0 / 3.0), head + "0.3333333333333333");
-    EXPECT_EQ(line(4294967295U), head + "4294967295");
-    EXPECT_EQ(line(-7), head + "-7");
-    const std::array<const char*, 3> cases[]{{"", "t", "f"}, {"s", "", "f"}, {"s", "t", ""}};
-    for (const auto& names : cases) {
-        const auto record = [&] { sender.RecordPoint(names[0], names[1], names[2], 1); };
-        sender.m_is_setup = true;
-        EXPECT_EQ(TextOf<std::invalid_argument>(record), "tag_set, tag or field_set empty");
-        sender.m_is_setup = false;
-        EXPECT_NO_THROW(record());
+    expect_text("0.1", 0.1);
+    expect_text("1234567.125", 1234567.125);
+    expect_text("0.3333333333333333", 1.0 / 3.0);
+    expect_text("4294967295", 4294967295U);
+    expect_text("-7", -7);
+    for (const auto& [set, tag, field] : {std::tuple{"", "t", "f"}, {"s", "", "f"}, {"s", "t", ""}}) {
+        EXPECT_EQ(TextOf<std::invalid_argument>(
+                      [&, s = set, t = tag, f = field] { sender.RecordPoint(s, t, f, 1); }),
+                  "tag_set, tag or field_set empty");
     }
-    EXPECT_EQ(sender.m_lines.size(), 5U);
 }
 
 class SHMTelemSenderTest : public Test {
@@ -66,17 +60,14 @@ TEST_F(SHMTelemSenderTest, FillsOneZeroPaddedMessageALineAndDropsALineThatDoesNo
     Record("before the set-up", 1);
     SetupSender();
     Record(std::string(100, 'x'), 3);
-    Record("gpao_sample_diff", 3);
-    const std::string head = "/oru/cs/vosk(" + m_prefix.substr(1) + "),rtc_performance=field_stabilization ";
-    std::string line = head + "gpao_sample_diff=3";
+    Record("diff", 3);
+    std::string line = "/oru/cs/vosk(" + m_prefix.substr(1) + "),rtc_performance=field_stabilization diff=3";
     line.resize(256, '\0');
-    EXPECT_THAT(Drain(m_queue), ElementsAre(StartsWith(head + "xxx"), line));
-
+    EXPECT_THAT(Drain(m_queue), ElementsAre(HasSubstr(" xxx"), line));
     m_sender.Send(std::string(257, 'x'));
     EXPECT_TRUE(Drain(m_queue).empty());
     m_sender.Send(std::string(256, 'x'));
-    for (int i = 0; i < 150; ++i) m_sender.Send("line");
-    EXPECT_EQ(Drain(m_queue).size(), 100U);
+    EXPECT_EQ(Drain(m_queue).size(), 1U);
 }
 
 TEST_F(SHMTelemSenderTest, LongestLineFitsWithTheLongestPrefix) {

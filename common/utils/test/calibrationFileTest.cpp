@@ -1,7 +1,5 @@
 #include <vosk/common/calibrationFile.hpp>
 
-#include <sys/stat.h>
-#include <filesystem>
 #include <vosk/common/logger.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
@@ -22,8 +20,7 @@ TEST(CalibrationFile, IsNamedInTheLogWithItsDoubtsOrInOneRefusalWithItsAxes) {
     };
     const LogCapture log;
     EXPECT_THAT(load(2, 3), ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_THAT(log.Lines(),
-                ElementsAre(LogCapture::Line{log4cplus::INFO_LOG_LEVEL, "Reading M2P FITS file " + path}));
+    EXPECT_EQ(log.Count(log4cplus::INFO_LOG_LEVEL, "Reading M2P FITS file " + path), 1);
     std::string content = dir.Content("m2p.fits");
     content[29] = 'F';           // of SIMPLE
     content[2880 + 1] = '\x01';  // of the first value
@@ -33,18 +30,12 @@ TEST(CalibrationFile, IsNamedInTheLogWithItsDoubtsOrInOneRefusalWithItsAxes) {
     EXPECT_THAT(log.Texts("", log4cplus::WARN_LOG_LEVEL),
                 ElementsAre(doubt + "SIMPLE is F", doubt + "DATASUM is wrong", doubt + "CHECKSUM is wrong"));
 
-    const auto expect_refusal = [&](const std::string& reason) {
-        const std::string text = "ERR: Unable to load M2P FITS file: " + reason;
-        EXPECT_EQ(vosk::test::TextOf<Logged>([&] { return load(3, 2); }), text);
-        EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
-    };
-    expect_refusal(path +
-                   ": Fits: Image size does not match for the 0th dimension, expected: 3, acctual: 2 "
-                   "(wanted: NAXIS1 = 3, NAXIS2 = 2; found: NAXIS1 = 2, NAXIS2 = 3)");
-    std::filesystem::remove(path);
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    expect_refusal("Fits: Could not open " + path +
-                   ", details: could not open the named file, no regular file");
+    const std::string text =
+        "ERR: Unable to load M2P FITS file: " + path +
+        ": Fits: Image size does not match for the 0th dimension, expected: 3, acctual: 2 "
+        "(wanted: NAXIS1 = 3, NAXIS2 = 2; found: NAXIS1 = 2, NAXIS2 = 3)";
+    EXPECT_EQ(vosk::test::TextOf<Logged>([&] { load(3, 2); }), text);
+    EXPECT_EQ(log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
 }
 
 }  // namespace

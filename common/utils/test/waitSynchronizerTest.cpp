@@ -10,7 +10,6 @@ namespace vosk::common {
 namespace {
 
 constexpr auto NEVER = AtomClk::time_point::max();
-const AtomClk::time_point LONG_PAST{AtomClk::duration{1}};
 
 // A wait on a thread of its own. The constructor returns when the thread is at its wait; a wait that never
 // ends fails the test and is then stopped.
@@ -39,74 +38,55 @@ private:
     std::future<bool> m_result;
 };
 
-struct Wait {
-    const char* name;
-    bool for_ready;
-    bool until_time;
-
-    bool operator()(WaitSynchronizer& on, AtomClk::time_point time, const int& running) const {
-        if (until_time)
-            return for_ready ? on.WaitUntil(time, running) : on.WaitForNotReadyUntil(time, running);
-        return for_ready ? on.Wait(running) : on.WaitForNotReady(running);
-    }
-};
-constexpr Wait WAITS[]{{"Wait", true, false},
-                       {"WaitForNotReady", false, false},
-                       {"WaitUntil", true, true},
-                       {"WaitForNotReadyUntil", false, true}};
-
 void Set(WaitSynchronizerFlag& flag, bool ready) {
     ready ? flag.SetDataReady() : flag.ClearDataReady();
 }
 
 class Waits : public testing::TestWithParam<bool> {
 protected:
-    Waiter Start(const Wait& wait, AtomClk::time_point time = NEVER) const {
-        return Waiter{
-            [this, wait, time](const int& running) { return wait(*m_synchronizer, time, running); }};
+    static constexpr int RUNNING = 1;
+    static constexpr int STOPPED = 0;
+
+    // All four waits; those without a time take NEVER.
+    bool Wait(bool for_ready, bool timed, AtomClk::time_point time, const int& running) const {
+        WaitSynchronizer& on = *m_synchronizer;
+        if (timed) return for_ready ? on.WaitUntil(time, running) : on.WaitForNotReadyUntil(time, running);
+        return for_ready ? on.Wait(running) : on.WaitForNotReady(running);
+    }
+    Waiter Start(bool for_ready, bool timed, AtomClk::time_point time = NEVER) const {
+        return Waiter{[=, this](const int& running) { return Wait(for_ready, timed, time, running); }};
     }
 
     std::shared_ptr<WaitSynchronizer> m_synchronizer = MakeWaitSynchronizer(GetParam());
-    const int m_running = 1;
-    const int m_stopped = 0;
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, Waits, testing::Values(true, false),
                          [](const auto& kind) { return kind.param ? "Busy" : "Sleeping"; });
 
-TEST_P(Waits, EndByTheirFlagByAStopAndByNothingElse) {
-    for (const Wait& wait : WAITS) {
-        SCOPED_TRACE(wait.name);
-        for (const bool has_flag : {true, false}) {
-            std::optional<WaitSynchronizerFlag> flag;
-            if (has_flag) Set(flag.emplace(m_synchronizer), !wait.for_ready);
-            auto stopped = Start(wait);
+TEST_P(Waits, EndByTheirFlagAStopOrTheirTimeAndByNothingElse) {
+    for (const auto& [for_ready, timed] :
+         {std::pair{true, false}, {false, false}, {true, true}, {false, true}}) {
+        SCOPED_TRACE(testing::Message() << (for_ready ? "ready " : "not ready ") << timed);
+        const auto expect_only_a_stop_ends_it = [&, ready = for_ready, until = timed] {
+            auto stopped = Start(ready, until);
             m_synchronizer->Notify();
             EXPECT_TRUE(stopped.IsWaiting());
             stopped.Stop();
             EXPECT_EQ(stopped.Result(), false);
-            if (!has_flag) continue;
-            auto ended = Start(wait);
-            EXPECT_TRUE(ended.IsWaiting());
-            Set(*flag, wait.for_ready);
-            EXPECT_EQ(ended.Result(), true);
-            EXPECT_TRUE(wait(*m_synchronizer, NEVER, m_running));
-            EXPECT_FALSE(wait(*m_synchronizer, NEVER, m_stopped));
-        }
-    }
-}
-
-TEST_P(Waits, EndAtTheirTimeAndNeverTooEarly) {
-    WaitSynchronizerFlag flag{m_synchronizer};
-    for (const Wait& wait : WAITS) {
-        if (!wait.until_time) continue;
-        Set(flag, !wait.for_ready);
-        for (int i = 0; i < 20; ++i) {
+        };
+        expect_only_a_stop_ends_it();
+        WaitSynchronizerFlag flag{m_synchronizer};
+        Set(flag, !for_ready);
+        expect_only_a_stop_ends_it();
+        for (int i = 0; timed && i < 20; ++i) {
             const auto time = AtomClk::now() + 200us;
-            EXPECT_TRUE(wait(*m_synchronizer, time, m_running));
-            EXPECT_GE(AtomClk::now(), time) << wait.name;
+            EXPECT_TRUE(Wait(for_ready, timed, time, RUNNING));
+            EXPECT_GE(AtomClk::now(), time);
         }
-        EXPECT_TRUE(wait(*m_synchronizer, AtomClk::time_point::min(), m_running));
-        EXPECT_FALSE(wait(*m_synchronizer, LONG_PAST, m_stopped));
+        auto ended = Start(for_ready, timed);
+        EXPECT_TRUE(ended.IsWaiting());
+        Set(flag, for_ready);
+        EXPECT_EQ(ended.Result(), true);
+        EXPECT_FALSE(Wait(for_ready, timed, AtomClk::time_point::min(), STOPPED));
     }
 }
 
@@ -118,7 +98,7 @@ TEST_P(Waits, GoByAtomClkAndSeeThatItIsSet) {
                                            {NEVER, start - 1s, NEVER},
                                            {NEVER, start - 1s, start - 1s - 1ns}}) {
         atomclk::ManualClock clock{start};
-        auto waiter = Start(WAITS[2], until);
+        auto waiter = Start(true, true, until);
         clock.Set(idle);
         EXPECT_TRUE(waiter.IsWaiting(3ms));
         // To and fro, until the wait has looked at both.
@@ -140,18 +120,16 @@ TEST_P(Waits, EitherOfTwoFlagsCountsAndAReplacedSynchronizerLosesIts) {
     EXPECT_FALSE(m_synchronizer->IsAnyFlagReady());
     second.ReplaceSynchronizer(m_synchronizer);
     EXPECT_FALSE(former->IsAnyFlagReady());
-    const std::tuple<bool, bool, bool, bool> cases[]{{false, false, false, true},
-                                                     {false, true, true, true},
-                                                     {true, false, true, true},
-                                                     {true, true, true, false}};
-    for (const auto& [a, b, any_ready, any_not_ready] : cases) {
+    for (const auto& [a, b] : {std::pair{false, false}, {false, true}, {true, false}, {true, true}}) {
         Set(first, a);
         Set(second, b);
-        EXPECT_EQ(m_synchronizer->IsAnyFlagReady(), any_ready);
-        EXPECT_EQ(m_synchronizer->IsAnyFlagNotReady(), any_not_ready);
+        EXPECT_EQ(m_synchronizer->IsAnyFlagReady(), a || b);
+        EXPECT_EQ(m_synchronizer->IsAnyFlagNotReady(), !a || !b);
     }
-    EXPECT_THROW(second.ReplaceSynchronizer(nullptr), std::invalid_argument);
+    EXPECT_EQ(test::TextOf<std::invalid_argument>([&] { second.ReplaceSynchronizer(nullptr); }),
+              "WaitSynchronizerFlagBase: synchronizer cannot be nullptr");
     EXPECT_TRUE(m_synchronizer->IsAnyFlagReady());
+    EXPECT_THROW(WaitSynchronizerFlag{nullptr}, std::invalid_argument);
 }
 
 // The writer sets the flag at any moment, also between the waiter's test and its sleep, and notifies once.
@@ -178,7 +156,7 @@ TEST_P(Waits, LoseNoHandOver) {
 
 TEST_P(Waits, GoOnWhileFlagsComeAndGo) {
     WaitSynchronizerFlag last{m_synchronizer};
-    auto waiter = Start(WAITS[0]);
+    auto waiter = Start(true, false);
     for (int i = 0; i < 5'000; ++i) {
         const WaitSynchronizerFlag passing{m_synchronizer};
         m_synchronizer->Notify();
@@ -186,12 +164,6 @@ TEST_P(Waits, GoOnWhileFlagsComeAndGo) {
     EXPECT_TRUE(waiter.IsWaiting());
     last.SetDataReady();
     EXPECT_EQ(waiter.Result(), true);
-}
-
-TEST(WaitSynchronizerFlagBase, RefusesToBeWithoutASynchronizer) {
-    EXPECT_EQ(test::TextOf<std::invalid_argument>(
-                  [] { WaitSynchronizerFlag{std::shared_ptr<WaitSynchronizer>{}}; }),
-              "WaitSynchronizerFlagBase: synchronizer cannot be nullptr");
 }
 
 }  // namespace

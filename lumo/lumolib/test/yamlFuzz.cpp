@@ -41,9 +41,9 @@ auto MadeBy(Make make) -> decltype(make()) {
     return {};
 }
 
-template <class T>
+template <class... T>
 void Convert(const PliConfigInstanceNode& node) {
-    MadeBy([&node] { return std::optional{node.As<T>()}; });
+    (MadeBy([&node] { return std::optional{node.As<T>()}; }), ...);
 }
 
 // The same in both units up to rounding.
@@ -58,14 +58,8 @@ void ReadDuration(const std::string& text) try {
 }
 
 void Walk(const PliConfigInstanceNode& node) {
-    Convert<bool>(node);
-    Convert<int>(node);
-    Convert<unsigned char>(node);
-    Convert<unsigned long>(node);
-    Convert<float>(node);
-    Convert<double>(node);
-    Convert<std::string>(node);
-    Convert<oru::experimental::datatypes::PliMatrix2D<double>>(node);
+    Convert<bool, int, unsigned char, unsigned long, float, double, std::string,
+            oru::experimental::datatypes::PliMatrix2D<double>>(node);
     if (node.GetKind() == PliConfigNodeKind::SCALAR) ReadDuration(node.As<std::string>());
     if (!node.IsSequence() && !node.IsMap()) return;
     for (const auto& child : node) Walk(child);
@@ -109,19 +103,12 @@ void Drive(resampling::Resampler<Sample>& resampler, Bytes course, atomclk::Manu
         std::memcpy(&number, course.data() + 1, sizeof number);
         const AtomClk::time_point time{AtomClk::duration{number}};
         const auto value = std::bit_cast<float>(static_cast<std::uint32_t>(number));
-        switch (course[0] % 4) {
-            case 0:
-                clock.Set(time);
-                break;
-            case 1:
-                if (resampler.HasSamples() && course[0] % 8 == 1 && !resampler.GetSample()) std::terminate();
-                break;
-            case 2:
-                static_cast<void>(resampler.GetSample());
-                break;
-            default:
-                resampler.AddSample({time, static_cast<std::uint32_t>(number), {value, -value}});
-        }
+        const int step = course[0] % 8;
+        if (step % 4 == 0) clock.Set(time);
+        if (step % 4 == 2) static_cast<void>(resampler.GetSample());
+        if (step % 4 == 3) resampler.AddSample({time, static_cast<std::uint32_t>(number), {value, -value}});
+        if (step == 1 && resampler.HasSamples() && !resampler.GetSample()) std::terminate();
+        if (step == 5) static_cast<void>(resampler.HasSamples());
     }
 }
 

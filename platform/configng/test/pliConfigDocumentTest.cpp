@@ -20,33 +20,23 @@ std::string Repeat(const std::string& text, std::size_t times) {
     return all;
 }
 
-std::vector<std::string> PathsOf(const std::vector<PliConfigKey>& keys) {
-    std::vector<std::string> paths;
-    for (const auto& key : keys) paths.push_back(key.path + ":" + std::to_string(key.line));
-    return paths;
-}
-
 TEST(Document, RefusesWhatIsNoConfiguration) {
-    EXPECT_EQ(RefusalOf(""), "t.yaml: the document is empty");
-    EXPECT_EQ(RefusalOf("# only a comment\n"), "t.yaml: the document is empty");
-    EXPECT_EQ(RefusalOf("~"), "t.yaml: the document is empty");
-    EXPECT_EQ(RefusalOf("\n- a\n"), "t.yaml:2: the top of the document is no map");
-    EXPECT_EQ(RefusalOf("cfg:\n  a: 1\nb: [1,\n"), "t.yaml:4:1: end of sequence flow not found");
-    EXPECT_EQ(RefusalOf("cfg: 1\n---\ncfg: 2\n"), "t.yaml:2:1: a second document begins");
-    EXPECT_EQ(RefusalOf("a: 1\nb:\n  c: 1\n  d: 2\n  c: 3\n"), "t.yaml:5:3: key \"c\" stands twice in b");
-    EXPECT_EQ(RefusalOf("a: &x {b: 1}\nc:\n  <<: *x\n"), "t.yaml:3:3: merge keys are not supported");
-    EXPECT_EQ(RefusalOf("a: !color 5"), "t.yaml:1:4: unknown tag \"!color\"");
-    for (const char* text : {"? [a]\n: 1", "~: 1", "? {a: 1}\n: 1", "x: &x a\n*x : 1"}) {
+    for (const auto& [text, refusal] : std::initializer_list<std::pair<std::string, const char*>>{
+             {"", ": the document is empty"},
+             {"# only a comment\n", ": the document is empty"},
+             {"\n- a\n", ":2: the top of the document is no map"},
+             {"cfg:\n  a: 1\nb: [1,\n", ":4:1: end of sequence flow not found"},
+             {"cfg: 1\n---\ncfg: 2\n", ":2:1: a second document begins"},
+             {"a: 1\nb:\n  c: 1\n  d: 2\n  c: 3\n", ":5:3: key \"c\" stands twice in b"},
+             {"a: &x {b: 1}\nc:\n  <<: *x\n", ":3:3: merge keys are not supported"},
+             {"a: !color 5", ":1:4: unknown tag \"!color\""},
+             {"cfg: 1\nb: \x04\nlost: 2\n", ":2: byte 10 of the document is no UTF-8 text"}})
+        EXPECT_EQ(RefusalOf(text), std::string{"t.yaml"} + refusal);
+    for (const char* text : {"? [a]\n: 1", "~: 1", "? {a: 1}\n: 1", "x: &x a\n*x : 1"})
         EXPECT_THAT(RefusalOf(text), HasSubstr("a key must be text")) << text;
-    }
-}
-
-TEST(Document, RefusesBytesThatAreNoText) {
-    EXPECT_EQ(RefusalOf("cfg: 1\nb: \x04\nlost: 2\n"), "t.yaml:2: byte 10 of the document is no UTF-8 text");
     for (const std::string& bytes : {std::string{"\0", 1}, std::string{"\xc3"}, std::string{"\xc0\x80"},
-                                     std::string{"\xed\xa0\x80"}, std::string{"\xf4\x90\x80\x80"}}) {
+                                     std::string{"\xed\xa0\x80"}, std::string{"\xf4\x90\x80\x80"}})
         EXPECT_THAT(RefusalOf(bytes), HasSubstr("no UTF-8 text"));
-    }
     const auto document = PliConfigDocument::FromText("\xef\xbb\xbfname: \xc2\xb5m \xf0\x9f\x94\xad\n", "t");
     EXPECT_EQ(document.Instances()["name"].As<std::string>(), "\xc2\xb5m \xf0\x9f\x94\xad");
 }
@@ -69,7 +59,6 @@ TEST(Document, ExpandsAliasesWithinBounds) {
 
     EXPECT_THAT(RefusalOf("a: &x [1, *x]"), HasSubstr("an alias inside the node that it names"));
     EXPECT_EQ(RefusalOf("&k name: 1\nb: *k\n"), "t.yaml:2:4: an alias that names a key");
-    EXPECT_THAT(RefusalOf("a: *unknown"), HasSubstr("t.yaml:1:"));
     std::string laughs = "k0: &a0 [1]\n";
     std::string nested = "k0: &a0 [1]\n";
     for (int i = 1; i < 80; ++i) {
@@ -87,34 +76,34 @@ TEST(Document, ReadsAFileAndNamesItInErrors) {
     directory.Put("a.yaml", "cfg:\n  a: [\n");
     const std::string pipe = directory / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-    for (const auto& [file, text] : {std::pair{path, path + ":3:1: "},
-                                     {testing::TempDir(), testing::TempDir() + ": is no file"},
-                                     {pipe, pipe + ": is no file"},
-                                     {"/no/such.yaml", "/no/such.yaml: can't be opened: No such file"},
-                                     {"/dev/zero", "/dev/zero: is no file"}}) {
+    for (const auto& [file, text] : {std::pair{path, ":3:1: "},
+                                     {pipe, ": is no file"},
+                                     {"/no/such.yaml", ": can't be opened: No such file"},
+                                     {"/dev/zero", ": is no file"}})
         EXPECT_THAT(
             vosk::test::TextOf<PliConfigDocumentError>([&file = file] { PliConfigDocument::FromFile(file); }),
-            testing::StartsWith(text));
-    }
+            testing::StartsWith(file + text));
 }
 
 TEST(UnreadKeys, AreThoseThatNobodyAskedFor) {
     const auto document = PliConfigDocument::FromText(
         "cfg:\n  m4:\n    input:\n      - busy: true\n        cpuu: 3\n      - busy: true\n  extra: {a: 1}\n",
         "t");
-    EXPECT_THAT(PathsOf(UnreadKeys(document)), ElementsAre("cfg:1"));
-
+    const auto unread = [&document] {
+        std::string keys;
+        for (const auto& key : UnreadKeys(document)) keys += fmt::format(" {}:{}", key.path, key.line);
+        return keys;
+    };
+    EXPECT_EQ(unread(), " cfg:1");
     const auto cfg = document.Instances()["cfg"];
     EXPECT_TRUE(cfg.Has("m4"));
     EXPECT_FALSE(cfg["m4"]["input"][0].Has("cpu"));
     cfg["m4"]["input"][0]["busy"].As<bool>();
-    EXPECT_THAT(PathsOf(UnreadKeys(document)),
-                ElementsAre("cfg.m4.input[0].cpuu:5", "cfg.m4.input[1]:6", "cfg.extra:7"));
+    EXPECT_EQ(unread(), " cfg.m4.input[0].cpuu:5 cfg.m4.input[1]:6 cfg.extra:7");
     for (const auto& value : cfg) static_cast<void>(value);
-    EXPECT_THAT(PathsOf(UnreadKeys(document)),
-                ElementsAre("cfg.m4.input[0].cpuu:5", "cfg.m4.input[1]:6", "cfg.extra.a:7"));
+    EXPECT_EQ(unread(), " cfg.m4.input[0].cpuu:5 cfg.m4.input[1]:6 cfg.extra.a:7");
     cfg["extra"].PassOver();
-    EXPECT_THAT(PathsOf(UnreadKeys(document)), ElementsAre("cfg.m4.input[0].cpuu:5", "cfg.m4.input[1]:6"));
+    EXPECT_EQ(unread(), " cfg.m4.input[0].cpuu:5 cfg.m4.input[1]:6");
 }
 
 }  // namespace

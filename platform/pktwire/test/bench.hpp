@@ -63,9 +63,6 @@ inline Packets Cut(const Sample& sample) {
     return Cut(SenderConfig(sample.frames, sample.component), sample.id,
                ContentOf(sample.id, sample.size, sample.component), sample.time);
 }
-inline Bytes Frame(const Sample& sample, std::size_t number) {
-    return Cut(sample)[number - 1];
-}
 inline Bytes With(Bytes datagram, std::size_t offset, unsigned value) {
     datagram[offset] = static_cast<std::byte>(value);
     return datagram;
@@ -77,19 +74,18 @@ inline Packets PacketsOf(const std::string& words) {
     Packets packets;
     std::istringstream in{words};
     for (std::string word; in >> word;) {
-        std::size_t end = 0;
-        Sample sample{.id = static_cast<unsigned>(std::stoul(word, &end))};
+        std::istringstream parts{word};
+        Sample sample{.id = 0};
+        parts >> sample.id;
         std::size_t number = 0;
-        for (word.erase(0, end); !word.empty(); word.erase(0, end)) {
-            const bool is_given = word.size() > 1;
-            const long value = is_given ? std::stol(word.substr(1), &end) : 0;
-            end = is_given ? end + 1 : 1;
-            if (word[0] == '.') number = static_cast<std::size_t>(value);
-            if (word[0] == '@')
-                sample.time = is_given ? TIME + std::chrono::nanoseconds{value} : time_point{};
-            if (word[0] == '/') sample.component = static_cast<std::uint16_t>(value);
+        for (char mark = 0; parts >> mark;) {
+            long value = 0;
+            parts >> value;
+            if (mark == '.') number = static_cast<std::size_t>(value);
+            if (mark == '@') sample.time = parts ? TIME + std::chrono::nanoseconds{value} : time_point{};
+            if (mark == '/') sample.component = static_cast<std::uint16_t>(value);
         }
-        for (const Bytes& frame : number == 0 ? Cut(sample) : Packets{Frame(sample, number)})
+        for (const Bytes& frame : number == 0 ? Cut(sample) : Packets{Cut(sample)[number - 1]})
             packets.push_back(frame);
     }
     return packets;

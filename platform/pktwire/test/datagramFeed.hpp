@@ -105,16 +105,9 @@ void Feed(FakeRxSocket& socket, const std::vector<Bytes>& sample, FuzzInput& inp
 
 // Memory for a receiver, taken from the system once for all runs. Callers' buffers are not in it, so that the
 // sanitizer sees every byte beyond them.
-class ReceiverMemory {
-public:
-    std::pmr::memory_resource* Get() { return &m_resource; }
-
-private:
-    static std::span<std::byte> Arena() {
-        static std::vector<std::byte> arena(std::size_t{6} << 20U);
-        return arena;
-    }
-    std::pmr::monotonic_buffer_resource m_resource{Arena().data(), Arena().size()};
-};
+inline std::pmr::monotonic_buffer_resource ReceiverMemory() {
+    static std::vector<std::byte> arena(std::size_t{6} << 20U);
+    return std::pmr::monotonic_buffer_resource{arena.data(), arena.size()};
+}
 
 }  // namespace pktwire::test

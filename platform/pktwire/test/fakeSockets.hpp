@@ -50,7 +50,15 @@ public:
         const std::size_t count = std::min({messages.size(), m_batch, datagrams.size()});
         error = count == 0 ? std::make_error_code(std::errc::operation_would_block) : std::error_code{};
         for (mmsghdr& message : messages.first(count)) {
-            Scatter(datagrams.front(), message);
+            const Bytes& datagram = datagrams.front();
+            std::size_t done = 0;
+            for (const iovec& iov : std::span{message.msg_hdr.msg_iov, message.msg_hdr.msg_iovlen}) {
+                const std::size_t part = std::min(iov.iov_len, datagram.size() - done);
+                if (part != 0) std::memcpy(iov.iov_base, datagram.data() + done, part);
+                done += part;
+            }
+            message.msg_len = static_cast<unsigned>(done);
+            message.msg_hdr.msg_flags = done < datagram.size() ? MSG_TRUNC : 0;
             datagrams.pop_front();
         }
         return count;
@@ -60,17 +68,6 @@ public:
     }
 
 private:
-    static void Scatter(const Bytes& datagram, mmsghdr& message) noexcept {
-        std::size_t done = 0;
-        for (const iovec& iov : std::span{message.msg_hdr.msg_iov, message.msg_hdr.msg_iovlen}) {
-            const std::size_t part = std::min(iov.iov_len, datagram.size() - done);
-            if (part != 0) std::memcpy(iov.iov_base, datagram.data() + done, part);
-            done += part;
-        }
-        message.msg_len = static_cast<unsigned>(done);
-        message.msg_hdr.msg_flags = done < datagram.size() ? MSG_TRUNC : 0;
-    }
-
     std::size_t m_batch;
 };
 
@@ -96,11 +93,11 @@ public:
 
 // The datagrams of one sample.
 inline std::vector<Bytes> Cut(const qudex::Sender::Config& config, unsigned id, const Bytes& sample,
-                              std::optional<time_point> time, std::optional<std::uint16_t> extra = {}) {
+                              std::optional<time_point> time) {
     FakeTxSocket socket;
     qudex::Sender sender{config, socket, nullptr};
     sender.SetSampleId(id);
-    sender.SendSample(sample, time, extra);
+    sender.SendSample(sample, time, {});
     return socket.Take();
 }
 

@@ -60,7 +60,10 @@ struct LspxBench : Bench<lspx::Receiver> {
     }
     std::error_code Receive() override {
         std::fill(buffer.Get().begin(), buffer.Get().end(), std::byte{});
-        return by_packet ? ReceivePackets() : ReceiveWhole();
+        if (by_packet) return ReceivePackets();
+        auto [error, sample] = receiver.ReceiveSample(leader_info, buffer.Get(), trailer_info, 1h);
+        if (!error) Check(*sample.leader, *sample.trailer);
+        return error;
     }
     auto Into(gsl::span<std::byte> piece) {
         auto builder = MakeRxIovsBuilder<lspx::detail::RxTraits, 1, 6>(entries);
@@ -74,11 +77,6 @@ struct LspxBench : Bench<lspx::Receiver> {
     }
     auto ReceiveTrailer() { return receiver.ReceiveTrailerPacket(Into(trailer_info), 1h); }
 
-    std::error_code ReceiveWhole() {
-        auto [error, sample] = receiver.ReceiveSample(leader_info, buffer.Get(), trailer_info, 1h);
-        if (!error) Check(*sample.leader, *sample.trailer);
-        return error;
-    }
     std::error_code ReceivePackets() {
         const auto leader = ReceiveLeader();
         if (leader.error) return leader.error;
@@ -146,41 +144,36 @@ TEST(LspxSender, WritesLeaderPayloadAndTrailerByteByByte) {
 }
 
 // The code blocks of the page, from which peers in other languages are written.
-Bytes ExampleOfWireFormatPage() {
+TEST(LspxSender, SendsTheExampleOfTheWireFormatPage) {
     std::ifstream page{VOSK_WIRE_FORMAT_PAGE};
-    Bytes bytes;
+    Bytes example;
     bool in_block = false;
     for (std::string line; std::getline(page, line);) {
         if (line == "```") {
             in_block = !in_block;
         } else if (in_block) {
-            bytes = bytes + FromHex(line);
+            example = example + FromHex(line);
         }
     }
-    return bytes;
-}
-
-TEST(LspxSender, SendsTheExampleOfTheWireFormatPage) {
     const Stream stream{.num_frames = 4, .units = 3, .leader_info = 1, .status = lspx::Status::good};
     Bytes sent;
-    for (const Bytes& datagram :
+    for (Bytes datagram :
          CutParts(stream, 9, {FromHex("ee"), FromHex("a1a2 b1b2 c1c2"), {}}, vosk::test::At(1))) {
-        sent = sent + With(With(With(With(datagram, 24, 0), 25, 0), 26, 0), 27, 7);  // topic
+        const Bytes topic = FromHex("00000007");
+        std::copy(topic.begin(), topic.end(), datagram.begin() + 24);
+        sent = sent + datagram;
     }
-    EXPECT_EQ(ExampleOfWireFormatPage(), sent);
+    EXPECT_EQ(example, sent);
 }
 
 TEST(LspxSender, RefusesSpansOfOtherSizesThanConfigured) {
     FakeTxSocket socket;
     qudex::Sender qudex_sender{SenderConfig(3), socket, nullptr};
     lspx::Sender sender{{.leader_extended_info_size = 4, .frame_size = 3}, qudex_sender};
-    const auto send = [&sender](std::size_t info, std::size_t payload) {
-        return sender.SendSample(Bytes(info), Bytes(payload), {}, TIME, {}, {});
-    };
     for (const auto& [info, payload] : {std::pair{3U, 12U}, {4U, 13U}, {4U, 0U}})
-        EXPECT_EQ(send(info, payload), std::errc::invalid_argument);
-    EXPECT_TRUE(socket.Take().empty());
-    EXPECT_FALSE(send(4, 12));
+        EXPECT_EQ(sender.SendSample(Bytes(info), Bytes(payload), {}, TIME, {}, {}),
+                  std::errc::invalid_argument);
+    EXPECT_TRUE(socket.datagrams.empty());
     qudex::Sender too_few{SenderConfig(2), socket, nullptr};
     EXPECT_THROW((lspx::Sender{{.frame_size = 3}, too_few}), std::runtime_error);
 }
@@ -193,7 +186,7 @@ TEST(LspxReceiver, ReceivesCameraFramesWhereTheyBelongInBothManners) {
         LspxBench bench{stream, false};
         bench.Expect({"whole samples", {Cut(stream, 1), Cut(stream, 2)}, "1 2", ""});
         bench.by_packet = true;
-        bench.Expect({"packet by packet", {Cut(stream, 3), Cut(stream, 4)}, "3 4", ""});
+        bench.Expect({"packet by packet", {Cut(stream, 3)}, "3", ""});
         EXPECT_EQ(bench.Counters().copied + bench.Counters().ahead, 0U);
     }
 }
@@ -211,11 +204,6 @@ TEST(LspxReceiver, EachFaultAndEachOtherSetUpCostsOneSampleInBothManners) {
         bad[3][offset] ^= static_cast<std::byte>(by);
         return bad;
     };
-    const auto of = [&stream](auto Stream::*field, auto value) {
-        Stream other = stream;
-        other.*field = static_cast<std::decay_t<decltype(other.*field)>>(value);
-        return Cut(other, 3);
-    };
     Packets short_body = good;
     short_body[3].resize(good[3].size() - 2);
     short_body[3][35] = static_cast<std::byte>(good[3].size() - 2 - 48);
@@ -230,13 +218,14 @@ TEST(LspxReceiver, EachFaultAndEachOtherSetUpCostsOneSampleInBothManners) {
         {"a short body", short_body, "lspx:15", 0},
         {"another first unit", changed(63, 1), "lspx:15", 0},
         {"another count of units", changed(59, 1), "lspx:15", 0},
-        {"byte order", of(&Stream::endianness, lspx::BIG_ENDIAN_UNITS), "lspx:1", 0},
-        {"unit size", of(&Stream::unit_size, 4), "lspx:2", 0},
-        {"leader information", of(&Stream::leader_info, 5), "lspx:3", 0},
-        {"trailer information", of(&Stream::trailer_info, 5), "lspx:3", 0},
-        {"padding", of(&Stream::padding, 1), "lspx:4", 0},
-        {"frames", of(&Stream::num_frames, 31), "qudex:3", 0},
-        {"units", of(&Stream::units, 301), "lspx:13", 0}};
+        {"byte order", Cut({.num_frames = 30, .units = 300, .endianness = lspx::BIG_ENDIAN_UNITS}, 3),
+         "lspx:1", 0},
+        {"unit size", Cut({.num_frames = 30, .units = 300, .unit_size = 4}, 3), "lspx:2", 0},
+        {"leader information", Cut({.num_frames = 30, .units = 300, .leader_info = 5}, 3), "lspx:3", 0},
+        {"trailer information", Cut({.num_frames = 30, .units = 300, .trailer_info = 5}, 3), "lspx:3", 0},
+        {"padding", Cut({.num_frames = 30, .units = 300, .padding = 1}, 3), "lspx:4", 0},
+        {"frames", Cut({.num_frames = 31, .units = 300}, 3), "qudex:3", 0},
+        {"units", Cut({.num_frames = 30, .units = 301}, 3), "lspx:13", 0}};
     for (const auto& [name, bad, error, lost] : cases) {
         for (bool by_packet : {false, true}) {
             LspxBench bench{stream, by_packet};
@@ -248,7 +237,7 @@ TEST(LspxReceiver, EachFaultAndEachOtherSetUpCostsOneSampleInBothManners) {
     }
 }
 
-TEST(LspxReceiver, RepairsAnyOrderInBothManners) {
+TEST(LspxReceiver, OrdersWindowsStraysAndNewStartsCostNothingInBothManners) {
     const Stream stream{.num_frames = 30, .units = 300, .trailer_info = 1};
     Packets mixed = Cut(stream, 1);
     Packets backwards{mixed.rbegin(), mixed.rend()};
@@ -259,19 +248,20 @@ TEST(LspxReceiver, RepairsAnyOrderInBothManners) {
     std::rotate(mixed.begin() + 15, mixed.end() - 1, mixed.end());
     ExpectInBothManners(stream, {"mixed", {mixed}, "1", "duplicate 1 reordered 12"});
     ExpectInBothManners(stream, {"backwards, beside another", {backwards}, "1", "reordered 29"});
-}
 
-TEST(LspxReceiver, FollowsWindowsOfChangingSizeInBothManners) {
-    const Stream full{.num_frames = 12, .units = 1000};
-    const Stream window{.num_frames = 5, .units = 31};
+    const Stream window{.num_frames = 5, .units = 31, .trailer_info = 1};
     ExpectInBothManners(
-        full, {"windows of changing size",
-               {Cut(full, 1), Cut(window, 2), Cut(window, 3), Cut(full, 4), Cut(window, 5), Cut(full, 6)},
-               "1 2 3 4 5 6",
-               ""});
-}
+        stream, {"windows", {Cut(stream, 1), Cut(window, 2), Cut(window, 3), Cut(stream, 4)}, "1 2 3 4", ""});
 
-TEST(LspxReceiver, StraysBetweenThePacketsOfASampleCostNothingInBothManners) {
+    Packets headless = Cut(Stream{}, 1);
+    headless.erase(headless.begin());
+    for (const bool by_packet : {false, true}) {
+        LspxBench bench{{}, by_packet};
+        for (const Packets& packets : {headless, Cut(Stream{}, 2), Cut(Stream{}, 1, TIME + 1s)})
+            bench.socket.Put(packets);
+        EXPECT_EQ(bench.ReceiveAll(), "qudex:1 2 1") << by_packet;
+    }
+
     const Packets good = Cut(Stream{}, 1);
     const Packets theirs = Cut(Stream{}, 1, TIME, 1);
     const Packets misfits{With(Cut(Stream{}, 100)[0], 23, 1), Cut({.num_frames = 6}, 101)[2],
@@ -282,17 +272,6 @@ TEST(LspxReceiver, StraysBetweenThePacketsOfASampleCostNothingInBothManners) {
         strays.packets.push_back({theirs[i - 1], good[i]});
     }
     ExpectInBothManners(Stream{}, strays);
-}
-
-TEST(LspxReceiver, FollowsASenderThatStartsAgainUnderTheIdOfALostSampleInBothManners) {
-    const Packets good = Cut(Stream{}, 1);
-    const Packets headless{good.begin() + 1, good.end()};
-    for (const bool by_packet : {false, true}) {
-        LspxBench bench{{}, by_packet};
-        for (const Packets& packets : {headless, Cut(Stream{}, 2), Cut(Stream{}, 1, TIME + 1s)})
-            bench.socket.Put(packets);
-        EXPECT_EQ(bench.ReceiveAll(), "qudex:1 2 1") << by_packet;
-    }
 }
 
 TEST(LspxReceiver, PacketCallsForAnotherKindSayOtherPacket) {

@@ -12,8 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     config.num_frames = static_cast<std::uint16_t>(input.Byte() % 20 + 1);
     config.buf_packets = input.Byte() % 5;
     test::FakeRxSocket socket{input.Byte() % 12U};
-    test::ReceiverMemory memory;
-    qudex::Receiver receiver{config, socket, memory.Get()};
+    auto memory = test::ReceiverMemory();
+    qudex::Receiver receiver{config, socket, &memory};
     test::Bytes small(input.Word() % 700);
     test::Bytes large(small.size() + 1);
     const auto place_of = [](const test::Bytes& datagram) -> std::size_t {

@@ -14,17 +14,13 @@ Packets SizeUntold(Packets datagrams) {
 
 TEST(QudexReceiver, CountsBadPacketsByKindAndReceivesTheSampleAllTheSame) {
     const auto good = Cut({9});
-    const Packets bad{FromHex("51"),
-                      {},
-                      Bytes(good[1].begin(), good[1].end() - 1),
-                      good[1] + FromHex("00"),
-                      Counting(9000),
-                      With(good[1], 0, 0),
-                      With(good[1], 4, 2),
-                      With(good[1], 27, 9),
-                      With(good[1], 21, 0),
-                      With(good[1], 21, 4),
-                      With(good[1], 23, 2)};
+    Packets bad{FromHex("51"),
+                {},
+                Bytes(good[1].begin(), good[1].end() - 1),
+                good[1] + FromHex("00"),
+                Counting(9000)};
+    for (const auto& [offset, value] : {std::pair{0, 0}, {4, 2}, {27, 9}, {21, 0}, {21, 4}, {23, 2}})
+        bad.push_back(With(good[1], static_cast<std::size_t>(offset), static_cast<unsigned>(value)));
     QudexBench bench;
     bench.Expect({"", {{good[0]}, bad, {good[1], good[2]}}, "9", "short 3 long 1 foreign 4 malformed 3"});
     EXPECT_EQ(bench.Counters().packets, 14U);
@@ -76,7 +72,7 @@ TEST(QudexReceiver, AFloodOfStrangersDoesNotHoldTheCaller) {
 
 TEST(QudexReceiver, ASenderSetUpAgainWithinASampleCostsThatSampleAndIsRefused) {
     QudexBench bench;
-    bench.socket.Put({Frame({1}, 1)});
+    bench.socket.Put({Cut({1})[0]});
     for (unsigned id = 2; id < 100; ++id) bench.socket.Put(Cut({id, 4}));
     EXPECT_EQ(bench.Receive(), qudex::RxErrc::sample_given_up);
     EXPECT_EQ(bench.Receive(), qudex::RxErrc::frame_count);
@@ -84,9 +80,9 @@ TEST(QudexReceiver, ASenderSetUpAgainWithinASampleCostsThatSampleAndIsRefused) {
 
 TEST(QudexReceiver, StraysThatNoSampleCanHoldCostNothing) {
     const Packets good = Cut({10, 6, 60});
-    const Packets strays{Cut({100, 1, 1})[0],    SizeUntold(Cut({101, 1, 1}))[0],
-                         Cut({102, 1, 61})[0],   SizeUntold(Cut({103, 1, 61}))[0],
-                         Frame({104, 7, 60}, 2), With(SizeUntold(Cut({300, 6, 60}))[2], 31, 51)};
+    const Packets strays{Cut({100, 1, 1})[0],  SizeUntold(Cut({101, 1, 1}))[0],
+                         Cut({102, 1, 61})[0], SizeUntold(Cut({103, 1, 61}))[0],
+                         Cut({104, 7, 60})[1], With(SizeUntold(Cut({300, 6, 60}))[2], 31, 51)};
     Arrivals arrivals{"", {}, "10", "malformed 30"};
     for (const Bytes& frame : good) {
         if (!arrivals.packets.empty()) arrivals.packets.push_back(strays);
@@ -95,52 +91,47 @@ TEST(QudexReceiver, StraysThatNoSampleCanHoldCostNothing) {
     QudexBench{6, 60}.Expect(arrivals);
 }
 
-struct Late {
-    const char* name;
-    const char* packets;
-    const char* received;
-    const char* counts;
-};
-
 TEST(QudexReceiver, LateAndForgedPacketsCostNoSampleButTheirOwn) {
-    const Late cases[]{
-        {"replays, a clock set back, a sender restarted with an older clock",
-         "100@100 60@50 61@50 1100@50 101@101 61@50 62@50 1101@50 102@102 62@50 63@50 1102@50 "
-         "103@103 63@50 64@50 1103@50 104@90 1@1 2@2 3@3 4@4 5@5",
-         "100 101 102 103 104 4 5", "stale 45"},
-        {"a forged sample that makes three late; 10 was delivered, and stays over",
-         "10 26@1000 11 10 12 10 13 10 14 10 15 10 16 10 17 10", "10 26 14 15 16 17", "missed 15 stale 30"},
-        {"two senders",
-         "1/5.1 1/6.2 1/6.1 1/5.3 1/6.3 1/5.2 2/5.1 2/6.2 2/6.1 2/5.3 2/6.3 2/5.2 "
-         "3/5.1 3/6.2 3/6.1 3/5.3 3/6.3 3/5.2",
-         "1 2 3", "foreign 9 reordered 3"},
-        {"two ways, so that each comes twice", "4 1 5 2 6 3 7 4 8 5 9 6 10 7 11 8 12 9 13 10",
-         "4 5 6 7 8 9 10 11 12 13", "stale 30"},
-        {"a clock that is behind, and samples in large steps, which make no run; one is lost on the way",
-         "1000@3600 2020 2040 2060 2080 2100 2120 2140 2160 2180 2200 2220 2240 2260 2280 2300 2320 2340 "
-         "2360",
-         "1000 qudex:1 2360", "given_up 1 lost 1 stale 49"},
-        {"late, twice, new starts by time and by ID", "100@0 99@-1 100@0 102@2 101@1 98@3 0@ 4294967295@ 1@4",
-         "100 102 98 0 1", "missed 1 stale 12"},
-        {"15 IDs back is late, 16 a new start", "100@ 85@ 84@", "100 84", "stale 3"},
-        {"15 IDs ahead an older time does not count", "100@9 115@0 131@-1", "100 115", "missed 14 stale 3"},
-        {"3 missed, 9997, none as the sender was started again, ahead and back; 11 did not come",
-         "4294967294 2 10000 3000000 10 12.2 13", "4294967294 2 10000 3000000 10 qudex:1 13",
-         "given_up 1 missed 10001 lost 2"},
-        {"forged frames of the future", "10 14.2 2147483648.1 11 12 13 14 15 16",
-         "10 qudex:1 qudex:1 11 12 13 15 16", "given_up 2 missed 1 lost 4 stale 3"}};
-    for (const auto& [name, packets, received, counts] : cases)
+    for (const auto& [name, packets, received, counts] : std::initializer_list<std::array<const char*, 4>>{
+             {"replays, a clock set back, a sender restarted with an older clock",
+              "100@100 60@50 61@50 1100@50 101@101 61@50 62@50 1101@50 102@102 62@50 63@50 1102@50 "
+              "103@103 63@50 64@50 1103@50 104@90 1@1 2@2 3@3 4@4 5@5",
+              "100 101 102 103 104 4 5", "stale 45"},
+             {"a forged sample that makes three late; 10 was delivered, and stays over",
+              "10 26@1000 11 10 12 10 13 10 14 10 15 10 16 10 17 10", "10 26 14 15 16 17",
+              "missed 15 stale 30"},
+             {"two senders",
+              "1/5.1 1/6.2 1/6.1 1/5.3 1/6.3 1/5.2 2/5.1 2/6.2 2/6.1 2/5.3 2/6.3 2/5.2 "
+              "3/5.1 3/6.2 3/6.1 3/5.3 3/6.3 3/5.2",
+              "1 2 3", "foreign 9 reordered 3"},
+             {"two ways, so that each comes twice", "4 1 5 2 6 3 7 4 8 5 9 6 10 7 11 8 12 9 13 10",
+              "4 5 6 7 8 9 10 11 12 13", "stale 30"},
+             {"a clock that is behind, and samples in large steps, which make no run; one is lost on the way",
+              "1000@3600 2020 2040 2060 2080 2100 2120 2140 2160 2180 2200 2220 2240 2260 2280 2300 2320 "
+              "2340 "
+              "2360",
+              "1000 qudex:1 2360", "given_up 1 lost 1 stale 49"},
+             {"late, twice, new starts by time and by ID",
+              "100@0 99@-1 100@0 102@2 101@1 98@3 0@ 4294967295@ 1@4", "100 102 98 0 1", "missed 1 stale 12"},
+             {"15 IDs back is late, 16 a new start", "100@ 85@ 84@", "100 84", "stale 3"},
+             {"15 IDs ahead an older time does not count", "100@9 115@0 131@-1", "100 115",
+              "missed 14 stale 3"},
+             {"3 missed, 9997, none as the sender was started again, ahead and back; 11 did not come",
+              "4294967294 2 10000 3000000 10 12.2 13", "4294967294 2 10000 3000000 10 qudex:1 13",
+              "given_up 1 missed 10001 lost 2"},
+             {"forged frames of the future", "10 14.2 2147483648.1 11 12 13 14 15 16",
+              "10 qudex:1 qudex:1 11 12 13 15 16", "given_up 2 missed 1 lost 4 stale 3"}})
         QudexBench{}.Expect({name, {PacketsOf(packets)}, received, counts});
 }
 
 TEST(QudexReceiver, LatePacketsThatMakeUpNoRunOfSamplesChangeNothing) {
     const std::tuple<const char*, Packets, const char*> cases[]{
-        {"copies of one frame", Packets(20, Frame({15}, 1)), "stale 63"},
+        {"copies of one frame", Packets(20, Cut({15})[0]), "stale 63"},
         {"samples of one frame that do not fit",
-         {Frame({13, 1, 1}, 1), Frame({14, 1, 1}, 1), Frame({15, 1, 1}, 1)},
+         {Cut({13, 1, 1})[0], Cut({14, 1, 1})[0], Cut({15, 1, 1})[0]},
          "malformed 9 stale 3"},
         {"frames of several cuts",
-         {Frame({13, 1}, 1), Frame({14, 2}, 1), Frame({14, 2}, 2), Frame({15, 1}, 1)},
+         {Cut({13, 1})[0], Cut({14, 2})[0], Cut({14, 2})[1], Cut({15, 1})[0]},
          "stale 15"},
         {"the last frames of samples", PacketsOf("13.3 14.3 15.3"), "stale 12"},
         {"first frames, and the last ones twice", PacketsOf("13.1 13.3 13.3 14.1 14.3 14.3 15.1 15.3 15.3"),

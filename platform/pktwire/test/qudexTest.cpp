@@ -11,15 +11,12 @@ namespace {
 
 TEST(Crc32c, GivesTheKnownValueInBothForms) {
     const std::string digits = "123456789";
-    detail::Crc32c crc;
-    crc.Add(std::as_bytes(std::span{digits}).first(4));
-    crc.Add(std::as_bytes(std::span{digits}).subspan(4));
-    EXPECT_EQ(crc.Value(), 0xE3069283U);
     EXPECT_EQ(~detail::Crc32cByTable(~0U, std::as_bytes(std::span{digits})), 0xE3069283U);
     const Bytes longer = Counting(8001);
-    detail::Crc32c other;
-    other.Add(longer);
-    EXPECT_EQ(other.Value(), ~detail::Crc32cByTable(~0U, longer));
+    detail::Crc32c crc;
+    crc.Add(std::span{longer}.first(4));
+    crc.Add(std::span{longer}.subspan(4));
+    EXPECT_EQ(crc.Value(), ~detail::Crc32cByTable(~0U, longer));
 }
 
 TEST(Qudex, HeaderIsWrittenByteByByteAndReadBack) {
@@ -35,9 +32,6 @@ TEST(Qudex, HeaderIsWrittenByteByByteAndReadBack) {
                                     "00000000 00000002 e1e2 0000 00000003 00000000 c1 c2"),
                             FromHex("51554458 01 02 0506 a1a2a3a4 1112131415161718 0002 0002 01020304"
                                     "00000002 00000001 e1e2 0000 00000003 00000000 c3")));
-    // The ID goes up by itself.
-    ASSERT_FALSE(sender.SendSample(FromHex("c1 c2 c3"), TIME, {}));
-    EXPECT_EQ(tx.Take().front()[11], std::byte{0xA5});
     EXPECT_EQ(sender.SendSample(FromHex("c1 c2"), TIME, {}), std::errc::message_size);
 
     FakeRxSocket rx;
@@ -71,7 +65,6 @@ TEST(QudexSender, SendsPiecesOfAnySizeAsFramesInPlace) {
     bench.Expect({"pieces", {tx.Take()}, "7 8", ""});
     // The second sample arrived where it belongs, since the first one taught the cut.
     EXPECT_EQ(bench.Counters().copied, 2U);
-
     std::array<gsl::span<const std::byte>, 1> entries{};
     EXPECT_EQ(sender.SendPacket(detail::IovsBuilder<const std::byte>{entries, 0}, TIME, {}),
               std::errc::invalid_argument);
@@ -93,8 +86,7 @@ TEST(QudexReceiver, PutsFramesOfManySizesTogetherWithoutACopy) {
     for (std::uint16_t frames : std::initializer_list<std::uint16_t>{1, 3, 206, 943}) {
         for (const std::size_t size : {1U, 943U, 21416U}) {
             QudexBench bench{frames, size};
-            bench.Expect(
-                {"", {Cut({1, frames, size}), Cut({2, frames, size}), Cut({3, frames, size})}, "1 2 3", ""});
+            bench.Expect({"", {Cut({1, frames, size}), Cut({2, frames, size})}, "1 2", ""});
             EXPECT_EQ(bench.Counters().copied + bench.Counters().ahead, 0U);
         }
     }
@@ -157,31 +149,26 @@ TEST(QudexReceiver, ARestartForgetsAllThatCameBefore) {
 
 TEST(QudexReceiver, ACallerWhoKeepsPacketsGetsAnErrorWhenNoneIsLeft) {
     QudexBench bench{1, 10};
-    std::vector<qudex::Receiver::SampleHandle> held;
-    std::error_code error;
-    for (unsigned id = 1; id < 100 && !error; ++id) {
-        bench.socket.Put(Cut({id, 1, 10}));
-        auto result = bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns);
-        error = result.first;
-        if (!error) held.push_back(std::move(*result.second));
-    }
-    EXPECT_EQ(error, std::errc::no_buffer_space);
-    EXPECT_GE(held.size(), 4U);
+    for (unsigned id = 1; id < 100; ++id) bench.socket.Put(Cut({id, 1, 10}));
+    const auto receive = [&bench] { return bench.receiver.ReceiveSample(bench.buffer.Get(), 0ns); };
+    std::vector<decltype(receive())> held;
+    do held.push_back(receive());
+    while (!held.back().first);
+    EXPECT_EQ(held.back().first, std::errc::no_buffer_space);
+    EXPECT_GE(held.size(), 5U);
     held.clear();
     EXPECT_FALSE(bench.Receive());
 }
 
 TEST(QudexReceiver, ConfigurationsThatCannotWorkAreRefused) {
     FakeRxSocket rx;
+    for (const auto& [frames, queue] : {std::pair{0, 0UL}, {3, 1'000'000'000'000UL}}) {
+        auto config = ReceiverConfig(static_cast<std::uint16_t>(frames));
+        config.buf_packets = queue;
+        EXPECT_THROW((qudex::Receiver{config, rx, nullptr}), std::runtime_error);
+    }
     FakeTxSocket tx;
-    auto config = ReceiverConfig(3);
-    config.buf_packets = 1'000'000'000'000;
-    auto wide = SenderConfig(1);
-    wide.niovs = 1'000'000;
-    EXPECT_THROW((qudex::Receiver{ReceiverConfig(0), rx, nullptr}), std::runtime_error);
-    EXPECT_THROW((qudex::Receiver{config, rx, nullptr}), std::runtime_error);
     EXPECT_THROW((qudex::Sender{SenderConfig(0), tx, nullptr}), std::runtime_error);
-    EXPECT_THROW((qudex::Sender{wide, tx, nullptr}), std::runtime_error);
 }
 
 }  // namespace

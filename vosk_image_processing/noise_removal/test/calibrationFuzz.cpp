@@ -70,7 +70,9 @@ private:
     const fs::path m_dir = fs::temp_directory_path() / ("calibrationFuzz" + std::to_string(::getpid()));
 };
 
-void Clean(NoiseRemovalBase& removal) {
+// From an image that may be spoilt.
+void CleanAlice(const std::string& first, const std::string& second) {
+    AliceNoiseRemoval removal{first, second};
     const std::vector<std::uint16_t> raw(AliceNoiseRemoval::WIDTH * AliceNoiseRemoval::HEIGHT, 100);
     removal.RemoveNoise(raw, {}, {});
 }
@@ -85,15 +87,6 @@ void CleanLisa(const std::string& table) {
     removal.RemoveNoise(raw, {}, Roi{300, 324, 5, 29, 840, 816, 0.0, 0.0});
 }
 
-template <class Make>
-void Try(Make make) {
-    try {
-        make();
-    } catch (const std::exception&) {
-        // What a set-up says of bad data.
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
@@ -105,27 +98,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const Files files;
     if (size == 0) return 0;
     const Bytes bytes{data + 1, size - 1};
-    switch (data[0] % 4) {
-        case 0:
-            Try([&] {
-                AliceNoiseRemoval removal{files.Spoilt("image", bytes), files.Right("image")};
-                Clean(removal);
-            });
-            break;
-        case 1:
-            Try([&] {
-                AliceNoiseRemoval removal{files.Right("image"), files.Spoilt("image", bytes)};
-                Clean(removal);
-            });
-            break;
-        case 2:
-            Try([&] { CleanLisa(files.Spoilt("lisa", bytes)); });
-            break;
-        default:
-            Try([&] {
-                Descrambler<std::uint16_t, float> descrambler{16, 8, 20, 8, files.Spoilt("table", bytes)};
-                descrambler.Descramble(std::vector<std::uint16_t>(20UL * 8, 7));
-            });
+    try {
+        const std::uint8_t kind = data[0] % 4;
+        if (kind == 0) CleanAlice(files.Spoilt("image", bytes), files.Right("image"));
+        if (kind == 1) CleanAlice(files.Right("image"), files.Spoilt("image", bytes));
+        if (kind == 2) CleanLisa(files.Spoilt("lisa", bytes));
+        if (kind != 3) return 0;
+        Descrambler<std::uint16_t, float> descrambler{16, 8, 20, 8, files.Spoilt("table", bytes)};
+        descrambler.Descramble(std::vector<std::uint16_t>(20UL * 8, 7));
+    } catch (const std::exception&) {
+        // What a set-up says of bad data.
     }
     return 0;
 }
