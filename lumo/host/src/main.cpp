@@ -2,9 +2,11 @@
 //
 //   vosk-host CONFIG          runs until SIGINT, SIGTERM or the command "stop"
 //   vosk-host check CONFIG    tells everything that is wrong with a document, and runs nothing
+//   vosk-host ctl SOCKET COMMAND   sends a command to a host that runs
 
 #include "blasKernel.hpp"
 #include "configCheck.hpp"
+#include "controlClient.hpp"
 #include "host.hpp"
 #include "hostSettings.hpp"
 
@@ -21,6 +23,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace vosk::host {
 
@@ -33,6 +37,8 @@ struct CommandLine {
     HostSettings settings;
     bool serve_stdin = false;
     bool check_only = false;
+    std::string socket;  // to send a command to
+    std::vector<std::string> command;
 };
 
 // The text is good if `parse` takes it.
@@ -63,6 +69,9 @@ void Describe(CLI::App& app, CommandLine& line) {
     CLI::App* check = app.add_subcommand("check", "Tell what is wrong with a document, run nothing");
     check->add_option("CONFIG", line.document, "Configuration document")->required();
     check->callback([&line] { line.check_only = true; });
+    CLI::App* ctl = app.add_subcommand("ctl", "Send a command to a host that runs");
+    ctl->add_option("SOCKET", line.socket, "Its control socket")->required();
+    ctl->add_option("COMMAND", line.command, "As on its terminal; 'help' lists them")->required();
 }
 
 // Both may be one file, as the log is too: nobody is to write over the others.
@@ -100,7 +109,16 @@ int Check(const gim::Config& config) {
     return is_good ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+int Control(const CommandLine& line) {
+    std::string command;
+    for (const std::string& word : line.command) command += word + ' ';
+    const std::string reply = Ask(line.socket, command);
+    fmt::print("{}\n", reply);
+    return reply.starts_with("error: ") ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
 int Run(const CommandLine& line, char** arguments) {
+    if (!line.command.empty()) return Control(line);
     if (line.check_only) return Check(LoadDocument(line.document));
 
     LoadBestBlasKernel(arguments);
@@ -144,7 +162,8 @@ int Main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return Fail(error.what(), EXIT_USAGE);
     }
-    if (line.document.empty()) return Fail("which configuration document? See --help", EXIT_USAGE);
+    if (line.document.empty() && line.command.empty())
+        return Fail("which configuration document? See --help", EXIT_USAGE);
     try {
         return Run(line, argv);
     } catch (const oru::configng::PliConfigDocumentError& error) {
