@@ -162,11 +162,5 @@ TEST_P(FastForms, GiveTheBitsOfThePlainLoop) {
     }
 }
 
-TEST(Centroiding, KnowsTheInstructionSetBeforeItsFirstFrame) {
-    hwy::GetChosenTarget().DeInit();
-    const CentroidingCOG<float> cog{WIDTH, HEIGHT, SATURATION};
-    EXPECT_TRUE(hwy::GetChosenTarget().IsInitialized());
-}
-
 }  // namespace
 }  // namespace vosk::image_processing

@@ -67,19 +67,13 @@ TEST(BadPixelCorrection, RoundsEachProductAndSumInTurn) {
 }
 
 TEST(BadPixelCorrection, RefusesPixelsOnTheBorderAndOtherKernels) {
-    const auto is_refused = [](std::uint32_t x, std::uint32_t y, std::size_t weights) {
-        return test::TextOf<std::runtime_error>([&] {
-                   return bad_pixel_correction_block{WIDTH, HEIGHT, {{x, y}}, Weights(weights, 1.0F)};
-               }) != "no exception";
+    const auto make = [](BadPixel bad_pixel, std::size_t weights) {
+        bad_pixel_correction_block(WIDTH, HEIGHT, {bad_pixel}, Weights(weights, 1.0F));
     };
-    EXPECT_FALSE(is_refused(1, 1, 9));
-    EXPECT_FALSE(is_refused(WIDTH - 2, HEIGHT - 2, 9));
-    EXPECT_TRUE(is_refused(0, 1, 9));
-    EXPECT_TRUE(is_refused(1, 0, 9));
-    EXPECT_TRUE(is_refused(WIDTH - 1, 1, 9));
-    EXPECT_TRUE(is_refused(1, HEIGHT - 1, 9));
-    EXPECT_TRUE(is_refused(~0U, 1, 9));
-    EXPECT_TRUE(is_refused(1, 1, 10));
+    for (const BadPixel& inside : {BadPixel{1, 1}, {WIDTH - 2, HEIGHT - 2}}) EXPECT_NO_THROW(make(inside, 9));
+    for (const BadPixel& outside : {BadPixel{0, 1}, {1, 0}, {WIDTH - 1, 1}, {1, HEIGHT - 1}, {~0U, 1}})
+        EXPECT_THROW(make(outside, 9), std::runtime_error) << outside.first;
+    EXPECT_THROW(make({1, 1}, 10), std::runtime_error);
 }
 
 TEST(BadPixelCorrection, WarnsOfWeightsWithoutAUsableSum) {

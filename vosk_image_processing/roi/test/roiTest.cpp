@@ -25,7 +25,7 @@ TEST(Rectangles, AreRefusedWhereTheyLeaveTheFrameOrRunBack) {
         {reference(240.001, 0), "Roi: invalid reference point: (240.001000,0.000000)"},
         {reference(1, -0.001), "Roi: invalid reference point: (1.000000,-0.001000)"},
         {[] { Window(1, 0, 2048, 1024, 2048, 1024); }, "Window: invalid offsets: (1..2049),(0..1024)"},
-        {[] { Window(0, 1000, 10, 49, 2048, 1024); }, "Window: invalid offsets: (0..10),(1000..1049)"},
+        {[] { Window(0, 1000, 10, 25, 2048, 1024); }, "Window: invalid offsets: (0..10),(1000..1025)"},
         {[] {
              RangeOf(Roi{1, 11, 0, 10, 99, 99, 0, 0}, 10, 20, "Test");
          },
