@@ -34,6 +34,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 constexpr auto HOST_SETUP_PATIENCE = 30s;  // a sanitized host on a busy machine reads its matrix slowly
 constexpr auto DRIVE_STEP = 5ms;
 constexpr auto STATUS_INTERVAL = 1000ms;
+constexpr auto LOOK_INTERVAL = 200ms;  // where the status tells the centroids of an ALICE
 // Setpoints of the last commands arrive, and their answers leave.
 constexpr auto SETTLING_TIME = 200ms;
 
@@ -203,6 +204,7 @@ void Run::TakeStep(Stage& stage, const Step& step) {
     try {
         if (const auto* change = std::get_if<SetMode>(&step.action)) ChangeMode(stage, change->mode);
         if (std::holds_alternative<rig::StopHost>(step.action)) StopHost(stage);
+        TellHost(stage, step.action);
         for (const auto& peer : stage.peers) peer->TakeStep(step.action);
     } catch (const std::runtime_error& error) {
         m_facts.trouble = fmt::format("step '{}' failed: {}", ToString(step), error.what());
@@ -213,6 +215,22 @@ void Run::ChangeMode(Stage& stage, defs::VoskControlMode mode) {
     const std::size_t change = stage.modes.Ask(mode, AtomClk::now());
     stage.host->Ask("mode " + vosk::to_string(mode));
     stage.modes.Complete(change, AtomClk::now());
+}
+
+// Commands for the imaging cameras.
+void Run::TellHost(Stage& stage, const StepAction& action) {
+    std::string line;
+    if (const auto* change = std::get_if<SetReference>(&action))
+        line = fmt::format("reference {} {} {} {}", change->reference[0], change->reference[1],
+                           change->box[0], change->box[1]);
+    if (const auto* change = std::get_if<SetCentroiding>(&action))
+        line = change->option == 1   ? fmt::format("centroiding tsh {}", change->threshold)
+               : change->option == 2 ? fmt::format("centroiding nbr {}", change->nbrightest)
+                                     : "centroiding cog";
+    if (line.empty()) return;
+    const time_point asked = AtomClk::now();
+    stage.host->Ask(line);
+    m_facts.commands.push_back({asked, AtomClk::now(), action});
 }
 
 void Run::StopHost(Stage& stage) {
@@ -228,11 +246,12 @@ void Run::AskStatus(Stage& stage) {
     const time_point asked = AtomClk::now();
     m_facts.status = stage.host->Status();
     m_facts.status_time = asked;
+    if (!m_scenario.cameras.empty()) m_facts.looks.push_back({asked, AtomClk::now(), m_facts.status.cameras});
 }
 
 void Run::PollHost(Stage& stage) {
     if (stage.host_stopped || AtomClk::now() < stage.next_status) return;
-    stage.next_status = AtomClk::now() + STATUS_INTERVAL;
+    stage.next_status = AtomClk::now() + (m_scenario.cameras.empty() ? STATUS_INTERVAL : LOOK_INTERVAL);
     try {
         AskStatus(stage);
     } catch (const std::runtime_error& error) {

@@ -48,6 +48,7 @@ private:
     void Drive(Stage& stage);
     void TakeStep(Stage& stage, const Step& step);
     void ChangeMode(Stage& stage, defs::VoskControlMode mode);
+    void TellHost(Stage& stage, const StepAction& action);
     void StopHost(Stage& stage);
     void AskStatus(Stage& stage);
     void PollHost(Stage& stage);

@@ -194,6 +194,12 @@ PixelWindow ReadWindow(const Section& section) {
     return {x, y, width, height};
 }
 
+// An odd one means another thing to each kind of camera.
+void ReadBox(const Section& section, std::array<std::uint32_t, 2>& box) {
+    section.ReadNumbers("box", box);
+    if (box[0] % 2 != 0 || box[1] % 2 != 0) section.Fail("the sides of a 'box' must be even");
+}
+
 CameraSettings ReadCamera(const Section& section) {
     CameraSettings camera;
     camera.camera = ReadCameraId(section);
@@ -214,7 +220,7 @@ CameraSettings ReadCamera(const Section& section) {
         {{420, 408}, {420, 408}, {1024, 1024}, {120, 120}}};
     camera.reference = MIDDLES[static_cast<std::size_t>(camera.kind)];
     section.ReadNumbers("reference", camera.reference);
-    section.ReadNumbers("box", camera.box);
+    ReadBox(section, camera.box);
     return camera;
 }
 
@@ -302,7 +308,7 @@ Step ReadStep(const Section& section) {
     if (section.Has("reference")) {
         SetReference change{{}, {40, 40}};
         section.ReadNumbers("reference", change.reference);
-        section.ReadNumbers("box", change.box);
+        ReadBox(section, change.box);
         step.action = change;
         ++actions;
     }

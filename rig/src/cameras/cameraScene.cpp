@@ -37,6 +37,12 @@ CameraScene::View CameraScene::ViewOf(std::uint64_t number, Seconds exposed) con
     return {static_cast<double>(place) * Seconds{m_settings.Period()}, place};
 }
 
+std::vector<double> CameraScene::CoefficientsAt(Seconds light) const {
+    std::vector<double> coefficients(m_light->Modes());
+    m_light->At(light, coefficients);
+    return coefficients;
+}
+
 void CameraScene::SpotsAt(Seconds light, std::vector<Spot>& spots) const {
     std::array<double, defs::GPAO_CMD_SIZE> coefficients{};
     const std::span modes = std::span(coefficients).first(m_light->Modes());

@@ -45,6 +45,8 @@ public:
         std::uint64_t noise;
     };
     View ViewOf(std::uint64_t number, Seconds exposed) const;
+    // Of the light, radians rms, from tip on.
+    std::vector<double> CoefficientsAt(Seconds light) const;
     // One spot a region.
     void SpotsAt(Seconds light, std::vector<Spot>& spots) const;
 

@@ -7,6 +7,23 @@
 
 namespace vosk::rig {
 
+namespace {
+
+HostCamera CameraOf(const nlohmann::json& json) {
+    const auto microseconds = [&](const char* name) {
+        return json.at(name).is_null() ? 0.0 : json.at(name).get<double>();
+    };
+    HostCamera camera{json.at("late"), json.at("processed"), microseconds("processing_p50_us"),
+                      microseconds("processing_p99_us"), std::nullopt};
+    const auto& centroid = json.at("centroid");
+    const auto is_number = [&](const char* name) { return centroid.at(name).is_number(); };
+    if (centroid.is_object() && is_number("flux") && is_number("x") && is_number("y"))
+        camera.centroid = {centroid.at("flux"), centroid.at("x"), centroid.at("y")};
+    return camera;
+}
+
+}  // namespace
+
 HostStatus ParseHostStatus(const std::string& json) {
     try {
         const auto report = nlohmann::json::parse(json);
@@ -20,6 +37,7 @@ HostStatus ParseHostStatus(const std::string& json) {
         for (const auto& stream : report.at("streams"))
             status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid"),
                                                  stream.at("lost"), stream.at("dropped_packets")};
+        for (const auto& camera : report.at("cameras")) status.cameras[camera.at("name")] = CameraOf(camera);
         for (const auto& [name, count] : HOST_COUNTS)
             report.at("counts").at(name).get_to(status.counts.*count);
         for (const auto& event : report.at("events"))

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +19,21 @@ struct HostStream {
     std::uint64_t invalid = 0;
     std::uint64_t lost = 0;             // whole samples
     std::uint64_t dropped_packets = 0;  // by the kernel
+};
+
+// What the host tells of a camera's frames beyond its stream.
+struct HostCamera {
+    struct Centroid {
+        double flux = 0.0;
+        double x = 0.0;
+        double y = 0.0;
+    };
+
+    std::uint64_t late = 0;
+    std::uint64_t processed = 0;
+    double p50 = 0.0;  // of the processing times, microseconds
+    double p99 = 0.0;
+    std::optional<Centroid> centroid;  // of the last frame of an imaging camera
 };
 
 // What went wrong with commands and setpoints since the host's start.
@@ -56,6 +72,7 @@ struct HostStatus {
     bool priority_refused = false;  // a thread asked for one and has none
     HostCounts counts;
     std::map<std::string, HostStream> streams;
+    std::map<std::string, HostCamera> cameras;
     std::vector<HostEvent> events;
 };
 

@@ -21,18 +21,14 @@ public:
           m_facts(facts),
           m_name(vosk::to_string(scene.Settings().camera)),
           m_accounts(AccountForFrames(facts, scene.Settings().kind)) {
-        m_methods.push_back({1, SpotThreshold(scene.Sensor()->model), scene.Regions()});
-        m_errors = MeasureErrors(
-            facts, m_accounts, scene,
-            [this](const FrameRecord& frame, const ResultRecord& result) {
-                return CentroidingOf(frame, result);
-            },
-            run.start);
+        const MethodTimeline methods(scene, TakesCommands() ? run.commands : std::vector<HostCommand>{});
+        m_errors = facts.published ? MeasureErrors(facts, m_accounts, scene, methods, run.start)
+                                   : MeasureLooks(facts, scene, methods, run.looks, run.start);
     }
 
     PeerAccount Describe() const {
         PeerAccount account;
-        account.violations = JudgeFrames(m_name, m_facts, m_accounts, m_run.FindStream(m_name), m_run.at_rest,
+        account.violations = JudgeFrames(m_name, m_scene.Settings().kind, m_facts, m_accounts, m_run,
                                          m_scenario.expect.max_exceptions);
         for (std::string& violation : JudgeErrors(m_name, m_errors))
             account.violations.push_back(std::move(violation));
@@ -57,8 +53,12 @@ public:
     }
 
 private:
-    const Centroiding* CentroidingOf(const FrameRecord&, const ResultRecord&) const {
-        return &m_methods.back();
+    // The host's commands go to the ALICE cameras, and to other imaging cameras only where there are none.
+    bool TakesCommands() const {
+        if (m_scene.IsWfs()) return false;
+        const auto is_alice = [](const CameraSettings& camera) { return camera.kind == CameraKind::Alice; };
+        return std::any_of(m_scenario.cameras.begin(), m_scenario.cameras.end(), is_alice) ==
+               is_alice(m_scene.Settings());
     }
 
     ReportSection Frames() const {
@@ -76,6 +76,13 @@ private:
         add("refused", m_accounts.refused, "spoilt on their way, and not used");
         add("used", m_accounts.used, "spoilt on their way, and used all the same");
         add("lost", m_accounts.lost, "whole, and without a result");
+        if (const HostCamera* camera = m_run.FindCamera(m_name)) {
+            section.rows.push_back(row("host: processed", camera->processed, "as the host counts"));
+            add("host: late", camera->late, "their work was not done when the next frame came");
+            section.notes.push_back(
+                fmt::format("Processing took {:.0f} us (p50), {:.0f} us (p99), as the host measures.",
+                            camera->p50, camera->p99));
+        }
         add("rig overran", m_facts.overruns, "never sent, as the rig itself was late");
         return section;
     }
@@ -121,7 +128,6 @@ private:
     const CameraFacts& m_facts;
     const std::string m_name;
     const FrameAccounts m_accounts;
-    std::vector<Centroiding> m_methods;
     SpotErrors m_errors;
 };
 

@@ -13,6 +13,7 @@ constexpr double SATURATION = 10.0;  // pixels, beyond which the host cuts a cen
 constexpr double OUTLIER = 7.0;      // in units of the noise
 constexpr double REPAIRED_LIMIT = 1.0;
 constexpr double UNPREDICTED_LIMIT = 0.6;
+constexpr double STRANGER = 1.0;  // pixels; more than any method's noise, less than most frames differ
 constexpr std::uint32_t TSH = 1;
 constexpr std::uint32_t COG = 3;
 constexpr std::size_t MOST_PICTURED = 4000;
@@ -77,8 +78,8 @@ FrameAccounts AccountForFrames(const CameraFacts& facts, CameraKind camera) {
     return accounts;
 }
 
-std::vector<std::string> JudgeFrames(const std::string& name, const CameraFacts& facts,
-                                     const FrameAccounts& accounts, const HostStream* stream, bool at_rest,
+std::vector<std::string> JudgeFrames(const std::string& name, CameraKind kind, const CameraFacts& facts,
+                                     const FrameAccounts& accounts, const RunFacts& run,
                                      double max_exceptions) {
     std::vector<std::string> violations;
     const auto require = [&](bool holds, const std::string& what) {
@@ -86,14 +87,23 @@ std::vector<std::string> JudgeFrames(const std::string& name, const CameraFacts&
     };
     const std::uint64_t sent = facts.frames.size();
     const std::uint64_t whole = sent - accounts.refused - accounts.used;
+    const auto require_most = [&](std::uint64_t count, const std::string& what) {
+        const std::uint64_t missing = whole - std::min(whole, count);
+        require(static_cast<double>(missing) <= max_exceptions * static_cast<double>(whole),
+                fmt::format("{} {} of {} whole frames", what, count, whole));
+    };
     require(accounts.used == 0, fmt::format("{} frames were used though they were spoilt", accounts.used));
     require(accounts.foreign == 0, fmt::format("{} results belong to no frame", accounts.foreign));
     require(accounts.disorder == 0, fmt::format("{} results came out of order", accounts.disorder));
-    require(static_cast<double>(accounts.lost) <= max_exceptions * static_cast<double>(whole),
-            fmt::format("{} of {} whole frames have no result", accounts.lost, whole));
+    require_most(whole - accounts.lost, "there are results of");
     require(!facts.published || accounts.processed > 0 || whole == 0, "no result was seen");
-    require(stream != nullptr, "the host tells nothing of this stream");
-    if (stream == nullptr || !at_rest) return violations;
+    const HostStream* const stream = run.FindStream(name);
+    const HostCamera* const camera = run.FindCamera(name);
+    if (stream == nullptr || camera == nullptr) {
+        require(false, "the host tells nothing of this camera");
+        return violations;
+    }
+    if (!run.at_rest) return violations;
     // A frame with a wrong ID leaves a gap of many that were never sent.
     const auto is_misnumbered = [](const FrameRecord& frame) {
         return frame.fault == FaultKind::WrongSampleId;
@@ -104,13 +114,46 @@ std::vector<std::string> JudgeFrames(const std::string& name, const CameraFacts&
                             stream->samples, stream->invalid, stream->lost));
     require(stream->samples <= whole,
             fmt::format("the host counts {} valid frames, but {} were whole", stream->samples, whole));
-    require(static_cast<double>(whole - std::min(whole, stream->samples)) <=
-                max_exceptions * static_cast<double>(whole),
-            fmt::format("the host counts {} valid frames of {} whole ones", stream->samples, whole));
-    require(!facts.published || *facts.published <= stream->samples,
-            fmt::format("the host shows {} results of {} valid frames", facts.published.value_or(0),
-                        stream->samples));
+    require_most(stream->samples, "the host counts as valid");
+    // An ALICE frame may take the place of the one before; no other is skipped.
+    if (kind == CameraKind::Alice)
+        require_most(camera->processed, "the host has processed");
+    else
+        require(
+            camera->processed == stream->samples,
+            fmt::format("the host has processed {} of {} valid frames", camera->processed, stream->samples));
+    require(!facts.published || *facts.published == camera->processed,
+            fmt::format("the host shows {} results of {} processed frames", facts.published.value_or(0),
+                        camera->processed));
     return violations;
+}
+
+MethodTimeline::MethodTimeline(const CameraScene& scene, std::span<const HostCommand> commands) {
+    Period period{
+        time_point::min(), time_point::min(), {TSH, SpotThreshold(scene.Sensor()->model), scene.Regions()}};
+    m_periods.push_back(period);
+    for (const HostCommand& command : commands) {
+        period.asked = command.asked;
+        period.done = command.done;
+        if (const auto* change = std::get_if<SetCentroiding>(&command.action)) {
+            period.centroiding.option = change->option;
+            period.centroiding.threshold = change->threshold;
+        }
+        if (const auto* change = std::get_if<SetReference>(&command.action))
+            period.centroiding.regions = {RegionAround(change->reference, change->box)};
+        m_periods.push_back(period);
+    }
+}
+
+const Centroiding* MethodTimeline::Find(time_point whole, time_point seen) const {
+    const Period* latest = nullptr;
+    for (const Period& period : m_periods) {
+        if (period.done <= whole)
+            latest = &period;
+        else if (period.asked < seen)
+            return nullptr;
+    }
+    return latest == nullptr ? nullptr : &latest->centroiding;
 }
 
 namespace {
@@ -149,15 +192,26 @@ public:
         m_errors.true_tilt.push_back(true_tilt / count);
     }
 
+    // From what the frame should give, in pixels.
+    double Distance(const FrameRecord& frame, const defs::Slope& slope, const Centroiding& centroiding) {
+        m_scene.SpotsAt(frame.view.light, m_spots);
+        const SpotPrediction expected = m_predictor.Predict(
+            m_spots, centroiding.regions.front(), WindowOf(frame),
+            centroiding.option == COG ? SpotPredictor::NO_THRESHOLD : centroiding.threshold);
+        return std::hypot(slope.x - Cut(expected.x), slope.y - Cut(expected.y));
+    }
+
 private:
+    PixelWindow WindowOf(const FrameRecord& frame) const {
+        return m_scene.Settings().kind == CameraKind::Marana ? frame.window : PixelWindow{};
+    }
+
     void Compare(const FrameRecord& frame, const defs::Slope& slope, const Spot& spot,
                  const SpotRegion& region, const Centroiding& centroiding) {
         const bool has_theory = centroiding.option == TSH || centroiding.option == COG;
         const double threshold =
             centroiding.option == COG ? SpotPredictor::NO_THRESHOLD : centroiding.threshold;
-        const PixelWindow window =
-            m_scene.Settings().kind == CameraKind::Marana ? frame.window : PixelWindow{};
-        const SpotPrediction expected = m_predictor.Predict(spot, region, window, threshold);
+        const SpotPrediction expected = m_predictor.Predict(m_spots, region, WindowOf(frame), threshold);
         const double error_x = slope.x - Cut(expected.x);
         const double error_y = slope.y - Cut(expected.y);
         const double worst = std::max(std::abs(error_x), std::abs(error_y));
@@ -167,7 +221,9 @@ private:
         }
         if (!has_theory) {
             ++m_errors.unpredicted;
-            m_errors.unpredicted_worst = std::max(m_errors.unpredicted_worst, worst);
+            m_errors.unpredicted_worst =
+                std::max({m_errors.unpredicted_worst, std::abs(slope.x - Cut(spot.x - region.ref_x)),
+                          std::abs(slope.y - Cut(spot.y - region.ref_y))});
             return;
         }
         if (expected.has_bad_pixel) {
@@ -205,10 +261,8 @@ private:
 
 }  // namespace
 
-SpotErrors MeasureErrors(
-    const CameraFacts& facts, const FrameAccounts& accounts, const CameraScene& scene,
-    const std::function<const Centroiding*(const FrameRecord&, const ResultRecord&)>& centroiding_of,
-    time_point start) {
+SpotErrors MeasureErrors(const CameraFacts& facts, const FrameAccounts& accounts, const CameraScene& scene,
+                         const MethodTimeline& methods, time_point start) {
     constexpr std::size_t MOST_PREDICTED = 150'000;  // spots, some seconds
     SpotErrors errors;
     Measurer measurer(scene, errors);
@@ -218,10 +272,49 @@ SpotErrors MeasureErrors(
         const std::span<const defs::Slope> slopes = facts.slopes_of(result);
         if (slopes.empty() || !accounts.frame_of[i]) continue;
         const FrameRecord& frame = facts.frames[*accounts.frame_of[i]];
-        const Centroiding* const centroiding = centroiding_of(frame, result);
+        const Centroiding* const centroiding = methods.Find(frame.sent, result.seen);
         if (centroiding == nullptr) continue;
-        measurer.Add(frame, slopes, *centroiding, i % stride == 0,
-                     std::chrono::duration<double>(frame.exposed - start).count());
+        measurer.Add(frame, slopes, *centroiding, i % stride == 0, Seconds{frame.exposed - start}.count());
+    }
+    return errors;
+}
+
+SpotErrors MeasureLooks(const CameraFacts& facts, const CameraScene& scene, const MethodTimeline& methods,
+                        std::span<const CameraLook> looks, time_point start) {
+    constexpr std::size_t CANDIDATES = 3;
+    const std::string name = vosk::to_string(scene.Settings().camera);
+    SpotErrors errors;
+    Measurer measurer(scene, errors);
+    for (const CameraLook& look : looks) {
+        const auto told = look.cameras.find(name);
+        if (told == look.cameras.end() || !told->second.centroid) continue;
+        const HostCamera::Centroid& centroid = *told->second.centroid;
+        const defs::Slope slope{centroid.flux, centroid.x, centroid.y};
+        // The newest frames that were whole before the answer, the newest one last.
+        const auto end =
+            std::partition_point(facts.frames.begin(), facts.frames.end(),
+                                 [&](const FrameRecord& frame) { return frame.sent < look.answered; });
+        const auto count = std::min<std::ptrdiff_t>(CANDIDATES, end - facts.frames.begin());
+        const FrameRecord* nearest = nullptr;
+        double best = 0.0;
+        bool is_certain = true;
+        for (auto frame = end - count; frame != end; ++frame) {
+            const Centroiding* const centroiding = methods.Find(frame->sent, look.answered);
+            if (centroiding == nullptr) is_certain = false;
+            if (centroiding == nullptr) continue;
+            const double distance = measurer.Distance(*frame, slope, *centroiding);
+            if (nearest == nullptr || distance < best) {
+                nearest = &*frame;
+                best = distance;
+            }
+        }
+        if (nearest == nullptr || !is_certain) continue;
+        if (best > STRANGER) {
+            ++errors.strangers;
+            continue;
+        }
+        measurer.Add(*nearest, std::span(&slope, 1), *methods.Find(nearest->sent, look.answered), true,
+                     Seconds{nearest->exposed - start}.count());
     }
     return errors;
 }
@@ -233,6 +326,8 @@ std::vector<std::string> JudgeErrors(const std::string& name, const SpotErrors& 
     };
     require(errors.wrong_counts == 0,
             fmt::format("{} results have another number of spots", errors.wrong_counts));
+    require(errors.strangers == 0,
+            fmt::format("{} centroids that the host reported fit no frame", errors.strangers));
     require(errors.outliers == 0,
             fmt::format("{} centroids are off by more than {:g} times the noise", errors.outliers, OUTLIER));
     require(errors.repaired_worst < REPAIRED_LIMIT,

@@ -59,9 +59,9 @@ bool SpoilsFrame(FaultKind kind, CameraKind camera);
 
 FrameAccounts AccountForFrames(const CameraFacts& facts, CameraKind camera);
 
-// All that is wrong, in words. `stream`: what the host counts; null if it tells nothing.
-std::vector<std::string> JudgeFrames(const std::string& name, const CameraFacts& facts,
-                                     const FrameAccounts& accounts, const HostStream* stream, bool at_rest,
+// All that is wrong, in words.
+std::vector<std::string> JudgeFrames(const std::string& name, CameraKind kind, const CameraFacts& facts,
+                                     const FrameAccounts& accounts, const RunFacts& run,
                                      double max_exceptions);
 
 // How far results are from the light, one value an axis.
@@ -84,15 +84,36 @@ struct SpotErrors {
     std::uint64_t unpredicted = 0;  // of a method without a theory here
     double unpredicted_worst = 0.0;
     std::uint64_t wrong_counts = 0;  // results with another number of spots
+    std::uint64_t strangers = 0;     // centroids of a report that fit no frame
 
     double InNoise() const { return values == 0 ? 0.0 : std::sqrt(squares / static_cast<double>(values)); }
 };
 
-// `centroiding_of` gives the method that a result was found with, or nothing while it was being changed.
-SpotErrors MeasureErrors(
-    const CameraFacts& facts, const FrameAccounts& accounts, const CameraScene& scene,
-    const std::function<const Centroiding*(const FrameRecord&, const ResultRecord&)>& centroiding_of,
-    time_point start);
+// The method that a frame's result was found with: the latest one that was told before the frame was whole.
+// Null while it was being changed: told before the result was seen, but not confirmed before the frame was
+// whole.
+class MethodTimeline {
+public:
+    // `commands` those of the run if they concern this camera.
+    MethodTimeline(const CameraScene& scene, std::span<const HostCommand> commands);
+
+    const Centroiding* Find(time_point whole, time_point seen) const;
+
+private:
+    struct Period {
+        time_point asked;
+        time_point done;
+        Centroiding centroiding;
+    };
+    std::vector<Period> m_periods;
+};
+
+SpotErrors MeasureErrors(const CameraFacts& facts, const FrameAccounts& accounts, const CameraScene& scene,
+                         const MethodTimeline& methods, time_point start);
+// The same for a camera of which only the host's own report of its latest centroid is known: it must be that
+// of one of the frames that were just sent.
+SpotErrors MeasureLooks(const CameraFacts& facts, const CameraScene& scene, const MethodTimeline& methods,
+                        std::span<const CameraLook> looks, time_point start);
 
 std::vector<std::string> JudgeErrors(const std::string& name, const SpotErrors& errors);
 

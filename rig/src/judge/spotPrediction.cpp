@@ -40,6 +40,23 @@ private:
     std::ptrdiff_t m_first;
 };
 
+struct SpotLight {
+    SpotLight(const SpotProfile& profile, const Spot& spot)
+        : flux(spot.flux), columns(profile, spot.x), rows(profile, spot.y) {}
+    double At(std::size_t x, std::size_t y) const { return flux * columns.At(x) * rows.At(y); }
+
+    double flux;
+    AxisShares columns;
+    AxisShares rows;
+};
+
+bool IsNear(const Spot& spot, const SpotRegion& region, double reach) {
+    const auto is_near = [reach](double place, std::size_t start, std::size_t stop) {
+        return place > static_cast<double>(start) - reach && place < static_cast<double>(stop) + reach;
+    };
+    return is_near(spot.x, region.x_start, region.x_stop) && is_near(spot.y, region.y_start, region.y_stop);
+}
+
 bool IsRead(const PixelWindow& window, std::size_t x, std::size_t y) {
     return window.width == 0 ||
            (x >= window.x && x < window.x + window.width && y >= window.y && y < window.y + window.height);
@@ -52,13 +69,14 @@ SpotPredictor::SpotPredictor(const CameraSensor& sensor)
     for (const BadPixel& pixel : sensor.bad_pixels) m_is_bad[pixel.y * sensor.model.width + pixel.x] = 1;
 }
 
-SpotPrediction SpotPredictor::Predict(const Spot& spot, const SpotRegion& region, const PixelWindow& window,
-                                      double threshold) const {
+SpotPrediction SpotPredictor::Predict(std::span<const Spot> spots, const SpotRegion& region,
+                                      const PixelWindow& window, double threshold) const {
     constexpr double ROUNDING = 1.0 / 12.0;
     const CameraModel& model = m_sensor.model;
     const double read = double{model.read_noise} * model.read_noise + ROUNDING;
-    const AxisShares columns(m_profile, spot.x);
-    const AxisShares rows(m_profile, spot.y);
+    std::vector<SpotLight> lights;
+    for (const Spot& spot : spots)
+        if (IsNear(spot, region, static_cast<double>(m_profile.Size()))) lights.emplace_back(m_profile, spot);
     struct Pixel {
         double x, y, variance;
     };
@@ -74,7 +92,8 @@ SpotPrediction SpotPredictor::Predict(const Spot& spot, const SpotRegion& region
                 continue;
             }
             const double flat = m_sensor.flat[y * model.Stride() + x];
-            const double light = spot.flux * columns.At(x) * rows.At(y) + double{model.background};
+            double light = double{model.background};
+            for (const SpotLight& spot : lights) light += spot.At(x, y);
             const double noise = std::sqrt(read + double{model.gain} * light * flat) / flat;
             const Moments value = CutOff(light, noise, threshold);
             if (value.mean == 0.0 && value.variance == 0.0) continue;
@@ -86,7 +105,7 @@ SpotPrediction SpotPredictor::Predict(const Spot& spot, const SpotRegion& region
         }
     }
     // Nothing but a chance pixel of the sky.
-    if (result.flux < spot.flux / 100.0) return {0.0, 0.0, 0.0, 0.0, 0.0, result.has_bad_pixel};
+    if (result.flux < model.spot_flux / 100.0) return {0.0, 0.0, 0.0, 0.0, 0.0, result.has_bad_pixel};
     const double center_x = sum_x / result.flux;
     const double center_y = sum_y / result.flux;
     for (const Pixel& pixel : pixels) {

@@ -10,6 +10,7 @@
 #include "cameras/spotProfile.hpp"
 
 #include <limits>
+#include <span>
 #include <vector>
 
 namespace vosk::rig {
@@ -29,8 +30,9 @@ public:
 
     explicit SpotPredictor(const CameraSensor& sensor);
 
-    // Pixels outside `window` are 0 without noise; a window of no width is the whole sensor.
-    SpotPrediction Predict(const Spot& spot, const SpotRegion& region, const PixelWindow& window,
+    // `spots` are all of the frame: one that has wandered far leaves light in the next region. Pixels outside
+    // `window` are 0 without noise; a window of no width is the whole sensor.
+    SpotPrediction Predict(std::span<const Spot> spots, const SpotRegion& region, const PixelWindow& window,
                            double threshold) const;
 
 private:

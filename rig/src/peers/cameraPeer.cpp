@@ -23,6 +23,8 @@ constexpr std::uint32_t FIRST_TOPIC = 500;
 constexpr defs::sample_id_t WRONG_ID_STEP = 1000;
 constexpr std::size_t MARANA_PACKET = 4458;  // pixels, so that a whole frame has 943 packets
 constexpr std::size_t LARGEST_PACKET = 9216;
+// The host writes its first frame to files, which may hold it up for longer than its socket holds frames.
+constexpr std::chrono::milliseconds QUIET_AFTER_FIRST{1500};
 constexpr std::size_t RESULTS_KEPT = 1000;
 
 std::size_t MostPackets(CameraKind kind) {
@@ -63,6 +65,13 @@ std::size_t MostFrames(const Scenario& scenario, const CameraSettings& settings)
         if (change != nullptr && change->camera == settings.camera) rate = std::max(rate, change->rate);
     }
     return static_cast<std::size_t>(rate * scenario.duration.count()) + 16;
+}
+
+// Well above a period: a host that gives a broken frame up in the middle of the next one loses that, too.
+std::chrono::milliseconds TimeoutFor(const CameraSettings& settings) {
+    using std::chrono::milliseconds;
+    return std::clamp(std::chrono::ceil<milliseconds>(4 * settings.Period()), milliseconds{50},
+                      milliseconds{1000});
 }
 
 std::string TopicOf(defs::Camera camera) {
@@ -116,9 +125,9 @@ void CameraPeer::AddTo(HostDocument& document) const {
     const auto pair = [](const auto& values) { return fmt::format("[{}, {}]", values[0], values[1]); };
     const bool is_alice = settings.kind == CameraKind::Alice;
     std::string text = fmt::format(
-        "camera_id: {}\nbusy: {}\ntimeout: \"50 ms\"\nlisten_ip: 127.0.0.1\nlisten_udp: {}\niface_name: lo\n"
+        "camera_id: {}\nbusy: {}\ntimeout: \"{} ms\"\nlisten_ip: 127.0.0.1\nlisten_udp: {}\niface_name: lo\n"
         "qudex_topic: {}\n",
-        Name(), m_scenario.host.busy, m_port, m_topic);
+        Name(), m_scenario.host.busy, TimeoutFor(settings).count(), m_port, m_topic);
     std::string processing = SensorKeys(m_directory, *m_scene->Sensor());
     if (m_scene->IsWfs()) {
         processing += GridKeys(m_directory / Name()) + "centroiding_pool:\n";
@@ -194,7 +203,7 @@ void CameraPeer::Run() {
     for (time_point exposed = m_first; exposed < end && m_running; exposed += Period(), ++number) {
         const Frame& frame = NextFrame(number, exposed);
         SleepUntil(exposed);
-        if (m_silent) continue;
+        if (m_silent || (number > 0 && exposed - m_first < QUIET_AFTER_FIRST)) continue;
         if (AtomClk::now() - exposed > Period() / 2) {
             ++m_overruns;
             continue;
