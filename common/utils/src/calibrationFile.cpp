@@ -4,6 +4,8 @@
 #include <vosk/common/fileSystem.hpp>
 #include <vosk/common/logger.hpp>
 
+#include <algorithm>
+#include <cmath>
 #include <exception>
 #include <stdexcept>
 
@@ -51,6 +53,18 @@ std::string ReadCalibration(const std::string& name, const std::string& what, co
     } catch (const std::exception& error) {
         LogAndThrow(refusal(error));
     }
+}
+
+std::vector<float> LoadFiniteMatrix(const std::string& name, std::size_t naxis1, std::size_t naxis2,
+                                    const std::string& what) {
+    const Fits::Dims dims{{naxis1, naxis2}};
+    std::vector<float> matrix;
+    ReadCalibration(name, what, dims, [&](const Fits::Handle& file) {
+        matrix = Fits::ReadImg<float>(file, dims);
+        if (!std::ranges::all_of(matrix, [](float value) { return std::isfinite(value); }))
+            throw std::runtime_error("a value is not finite");
+    });
+    return matrix;
 }
 
 }  // namespace vosk::common

@@ -30,12 +30,6 @@ using CmdSource = defs::AoM4SetpointApplied::ExtInfo::CmdSource;
 using Assembly = ao_tasks::CommandAssembly;
 using Saturation = ao_tasks::M4SaturationManagement;
 
-std::chrono::microseconds GetDelay(const oru::configng::PliConfigInstanceNode& node, const std::string& key) {
-    const auto delay = GetBoundedDurationParam(node, key);
-    if (delay < delay.zero()) Refuse(node, key, "ERR: " + node[key].GetPath() + " must not be negative");
-    return delay;
-}
-
 // A value that its block takes. Under a review `harmless` stands for another.
 template <class T>
 T GetVetted(const oru::configng::PliConfigInstanceNode& node, const std::string& key, void (*vet)(T),
@@ -122,8 +116,8 @@ AoTasks::AoTasks(const oru::configng::PliConfigInstanceNode& node)
 }
 
 AoTasks::Config AoTasks::Configure(const oru::configng::PliConfigInstanceNode& node) {
-    return {.m4_send_delay = GetDelay(node, "m4_send_delay"),
-            .m4_response_timeout = GetDelay(node, "m4_response_timeout"),
+    return {.m4_send_delay = GetNonNegativeDurationParam(node, "m4_send_delay"),
+            .m4_response_timeout = GetNonNegativeDurationParam(node, "m4_response_timeout"),
             .gpao_highest_mode = GetVetted(node, "gpao_highest_mode", Assembly::VetHoCascadeModes,
                                            Assembly::LOWEST_HO_CASCADE_MODES),
             .delta_scaling = GetParam<bool>(node, "delta_scaling"),

@@ -16,9 +16,6 @@ namespace vosk::lumo {
 
 namespace {
 
-// Clocks of peers on one site agree far better.
-constexpr std::chrono::seconds MAX_TIME_AHEAD{1};
-
 // The topic has no default here.
 pktwire::qudex::Receiver::Config QudexDefaults(const oru::configng::PliConfigInstanceNode& node) {
     pktwire::qudex::Receiver::Config config{};
@@ -34,12 +31,6 @@ pktwire::lspx::Receiver::Config LspxDefaults() {
     config.data_unit_size = sizeof(float);
     config.buf_samples = 2;
     return config;
-}
-
-// 0 is no time, which means at once. One far ahead would keep AoTasks, M4Output and the AO output waiting for
-// it.
-bool IsUsable(time_point command_time, time_point receive_time) {
-    return command_time >= time_point{} && command_time <= receive_time + MAX_TIME_AHEAD;
 }
 
 // In floating point, as the distance of a wild time fits no duration.

@@ -4,9 +4,7 @@
 #include <cstddef>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/utilities.hpp>
-#include <mutex>
 #include <pktwire/iovsBuilder.hpp>
-#include <shared_mutex>
 #include <span>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/timeString.hpp>
@@ -74,18 +72,14 @@ bool M4Output::RunCycle() {
 
 // The bytes are swapped here, ahead of the wait, so that little is left to do when the moment has come.
 std::optional<M4Output::Setpoint> M4Output::TakeSetpoint() {
-    const std::shared_lock lock{m_sync->GetMutex()};
-    if (!m_sync->IsNewData() && m_sync->GetSampleId() == m_taken_id) {
-        m_sync->ClearDataReady();
-        return {};
-    }
-    m_taken_id = m_sync->GetSampleId();
-    const M4SetpointData& data = m_sync->GetDataRef();
-    const Setpoint setpoint{m_sync->GetSampleId(), data.send_time, m_sync->GetTimestamp()};
-    defs::ToWireOrder(data.setpoint, m_wire.setpoint);
-    m_wire.valid = data.valid;
-    m_sync->ClearDataReady();
-    return setpoint;
+    Setpoint setpoint{};
+    const bool is_news =
+        TakeNews(*m_sync, m_taken_id, [&](const auto& data, auto id, time_point handed_over) {
+            setpoint = {id, data.send_time, handed_over};
+            defs::ToWireOrder(data.setpoint, m_wire.setpoint);
+            m_wire.valid = data.valid;
+        });
+    return is_news ? std::optional{setpoint} : std::nullopt;
 }
 
 bool M4Output::PlanSend(Setpoint& setpoint) {

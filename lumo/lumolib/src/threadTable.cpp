@@ -1,13 +1,21 @@
 #include <lumolib/threadTable.hpp>
 
 #include <lumolib/aliceInput.hpp>
+#include <lumolib/aoOutput.hpp>
 #include <lumolib/aoTasks.hpp>
 #include <lumolib/aoWavefrontCmdInput.hpp>
+#include <lumolib/ecmwfSimInput.hpp>
+#include <lumolib/fieldStabilizationInput.hpp>
+#include <lumolib/fieldStabilizationOutput.hpp>
+#include <lumolib/gpaoInput.hpp>
+#include <lumolib/gpaoOutput.hpp>
 #include <lumolib/imageProcessing.hpp>
 #include <lumolib/lisaInput.hpp>
 #include <lumolib/m4Input.hpp>
 #include <lumolib/m4Output.hpp>
+#include <lumolib/m5InputOutput.hpp>
 #include <lumolib/maranaInput.hpp>
+#include <lumolib/pfsMsInputOutput.hpp>
 #include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 
@@ -98,16 +106,18 @@ std::span<const SectionEntry> QudexSections() {
           {"feedback", EntriesUsed::FIRST, Make<M4FeedbackInput>}},
          "No M4 configuration found, skipping"},
         {"m5",
-         {{"input", EntriesUsed::FIRST, {}}, {"output", EntriesUsed::FIRST, {}}},
+         {{"input", EntriesUsed::FIRST, Make<M5Input>}, {"output", EntriesUsed::FIRST, Make<M5Output>}},
          "No M5 configuration found, skipping"},
         {"pfs",
-         {{"input", EntriesUsed::FIRST, {}}, {"output", EntriesUsed::FIRST, {}}},
+         {{"input", EntriesUsed::FIRST, Make<PfsInput>}, {"output", EntriesUsed::FIRST, Make<PfsOutput>}},
          "No PFS configuration found, skipping"},
-        {"ms", {{"output", EntriesUsed::FIRST, {}}}, "No MS configuration found, skipping"},
+        {"ms", {{"output", EntriesUsed::FIRST, Make<MSOutput>}}, "No MS configuration found, skipping"},
         {"ao",
-         {{"output", EntriesUsed::FIRST, {}}, {"ao_tasks", EntriesUsed::FIRST, Make<AoTasks>}},
+         {{"output", EntriesUsed::FIRST, Make<AoOutput>}, {"ao_tasks", EntriesUsed::FIRST, Make<AoTasks>}},
          "No AO configuration found, skipping"},
-        {"ecmwfsim", {{"input", EntriesUsed::FIRST, {}}}, "No ECMWFSim configuration found, skipping"},
+        {"ecmwfsim",
+         {{"input", EntriesUsed::FIRST, Make<ECMWFSimInput>}},
+         "No ECMWFSim configuration found, skipping"},
     };
     return sections;
 }
@@ -115,12 +125,14 @@ std::span<const SectionEntry> QudexSections() {
 std::span<const SectionEntry> FlowgraphSections() {
     static const std::vector<SectionEntry> sections{
         {"fieldstabilization",
-         {{"input", EntriesUsed::FIRST, {}, "No FieldStabilization input configuration found, skipping"},
-          {"output", EntriesUsed::FIRST, {}, "No FieldStabilization output configuration found, skipping"}},
+         {{"input", EntriesUsed::FIRST, Make<FieldStabilizationInput>,
+           "No FieldStabilization input configuration found, skipping"},
+          {"output", EntriesUsed::FIRST, Make<FieldStabilizationOutput>,
+           "No FieldStabilization output configuration found, skipping"}},
          "No FieldStabilization configuration found, skipping"},
         {"gpao",
-         {{"input", EntriesUsed::FIRST, {}, "No GPAO input configuration found, skipping"},
-          {"output", EntriesUsed::FIRST, {}, "No GPAO output configuration found, skipping"}},
+         {{"input", EntriesUsed::FIRST, Make<GpaoInput>, "No GPAO input configuration found, skipping"},
+          {"output", EntriesUsed::FIRST, Make<GpaoOutput>, "No GPAO output configuration found, skipping"}},
          "No GPAO configuration found, skipping"},
     };
     return sections;

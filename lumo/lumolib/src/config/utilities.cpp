@@ -100,4 +100,26 @@ microseconds GetBoundedDurationParamOr(const oru::configng::PliConfigInstanceNod
     return node.Has(key) ? GetBoundedDurationParam(node, key) : default_value;
 }
 
+std::chrono::microseconds GetNonNegativeDurationParam(const PliConfigInstanceNode& node,
+                                                      const std::string& key) {
+    const auto value = GetBoundedDurationParam(node, key);
+    if (value >= value.zero()) return value;
+    Refuse(node, key, "ERR: " + node.GetPath() + "." + key + " must not be negative");
+    return value.zero();
+}
+
+std::chrono::microseconds GetNonNegativeDurationParamOr(const PliConfigInstanceNode& node,
+                                                        const std::string& key,
+                                                        std::chrono::microseconds default_value) {
+    return node.Has(key) ? GetNonNegativeDurationParam(node, key) : default_value;
+}
+
+std::chrono::milliseconds GetUpdateInterval(const PliConfigInstanceNode& node) {
+    constexpr const char* KEY = "update_interval";
+    const auto interval = std::chrono::ceil<std::chrono::milliseconds>(GetBoundedDurationParam(node, KEY));
+    if (interval > interval.zero()) return interval;
+    Refuse(node, KEY, "ERR: " + node.GetPath() + "." + KEY + " must be positive");
+    return std::chrono::milliseconds{1};
+}
+
 }  // namespace vosk::lumo

@@ -26,16 +26,6 @@ using oru::configng::PliConfigInstanceNode;
 // A stop waits for one receiver after the other.
 constexpr std::chrono::seconds LONG_TIMEOUT{1};
 
-// A grid or a time-out that runs backwards would only show as lateness.
-std::chrono::microseconds GetNonNegativeDuration(const PliConfigInstanceNode& node, const std::string& key,
-                                                 std::chrono::microseconds default_value) {
-    const auto value = GetBoundedDurationParamOr(node, key, default_value);
-    if (value < value.zero()) {
-        Refuse(node, key, fmt::format("ERR: {}.{} must not be negative", node.GetPath(), key));
-    }
-    return value;
-}
-
 int GetPriority(const PliConfigInstanceNode& node) {
     const int priority = GetParamOr(node, "priority", nodepin::default_priority);
     if (priority < 0 || priority > nodepin::MAX_PRIORITY) {
@@ -181,7 +171,8 @@ void Thread::TryWork(std::promise<void>& started) {
 
 RxThread::RxThread(const std::string& name, const PliConfigInstanceNode& node, const std::string& description,
                    std::chrono::microseconds default_timeout)
-    : Thread{name, node, description}, m_timeout{GetNonNegativeDuration(node, "timeout", default_timeout)} {
+    : Thread{name, node, description},
+      m_timeout{GetNonNegativeDurationParamOr(node, "timeout", default_timeout)} {
     if (m_timeout == m_timeout.zero() && !m_busy) {
         WarnOf(node, "timeout", fmt::format("Thread {}, polls without rest, having no timeout", m_name));
     }
@@ -196,7 +187,7 @@ TxThread::TxThread(const std::string& name, const PliConfigInstanceNode& node, c
                    std::chrono::microseconds default_send_interval,
                    std::chrono::microseconds default_send_offset)
     : Thread{name, node, description},
-      m_send_interval{GetNonNegativeDuration(node, "send_interval", default_send_interval)},
+      m_send_interval{GetNonNegativeDurationParamOr(node, "send_interval", default_send_interval)},
       m_send_offset{GetBoundedDurationParamOr(node, "send_offset", default_send_offset)} {}
 
 }  // namespace vosk::lumo

@@ -34,28 +34,27 @@ void QudexOutput::ReportSent(time_point send_time) {
     m_figures.state->RecordSentSample(send_time);
 }
 
-SendPeriod::SendPeriod(const std::string& stream) : m_field_prefix{stream + "_time_since_last_send_"} {
-    if (common::telegraf::TelemSender::HasCollector())
-        m_telem.Setup("rtc_performance", stream + "_output", "");
+DurationTelemetry::DurationTelemetry(const std::string& tag, const std::string& prefix) : m_prefix{prefix} {
+    if (common::telegraf::TelemSender::HasCollector()) m_telem.Setup("rtc_performance", tag, "");
 }
+
+void DurationTelemetry::PublishFigures() {
+    double max_us = 0.0;
+    double mean_us = 0.0;
+    double stddev_us = 0.0;
+    m_duration.GetValues(max_us, mean_us, stddev_us);
+    Publish(m_prefix + "max_ms", max_us / 1000.0);
+    Publish(m_prefix + "mean_ms", mean_us / 1000.0);
+    Publish(m_prefix + "stddev_ms", stddev_us / 1000.0);
+}
+
+SendPeriod::SendPeriod(const std::string& stream)
+    : m_period{stream + "_output", stream + "_time_since_last_send_"} {}
 
 void SendPeriod::RecordSent(defs::sample_id_t id, time_point send_time) {
     m_period.Update(send_time - m_last_send);
     m_last_send = send_time;
-    if (id % TELEMETRY_STEP == 0) Publish();
-}
-
-void SendPeriod::Publish() {
-    double max_us = 0.0;
-    double mean_us = 0.0;
-    double stddev_us = 0.0;
-    m_period.GetValues(max_us, mean_us, stddev_us);
-    const auto publish = [this](const char* field, double us) {
-        m_telem.RecordPoint(m_telem.m_tag_set, m_telem.m_tag, m_field_prefix + field, us / 1000.0);
-    };
-    publish("max_ms", max_us);
-    publish("mean_ms", mean_us);
-    publish("stddev_ms", stddev_us);
+    if (id % TELEMETRY_STEP == 0) m_period.PublishFigures();
 }
 
 }  // namespace vosk::lumo

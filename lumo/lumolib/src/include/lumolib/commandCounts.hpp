@@ -21,14 +21,16 @@ struct alignas(64) CommandCounts {
     Count kept_back_setpoints{0};  // not sent, a value was not finite
     Count overwritten_commands{
         0};  // valid wavefront commands that a later one replaced before AoTasks took them
-    Count unfit_source_cycles{0};  // cycles of AoTasks with a source that does not fit the mode
-    Count failed_mode_changes{0};  // that ended without a source for M4
-    Count clock_steps{0};          // of more than a second
-    Count grid_points_skipped{0};  // by threads that send on a grid
+    Count unfit_source_cycles{0};         // cycles of AoTasks with a source that does not fit the mode
+    Count failed_mode_changes{0};         // that ended without a source for M4
+    Count clock_steps{0};                 // of more than a second
+    Count grid_points_skipped{0};         // by threads on a grid that fell far behind
+    Count unusable_flowgraph_records{0};  // a value was not finite, or the time out of range
+    Count dropped_beats{0};  // wavefront commands that came while AoOutput sent for the one before
 };
 
 // By name, as `status` shows them.
-inline constexpr std::array<std::pair<std::string_view, CommandCounts::Count CommandCounts::*>, 9>
+inline constexpr std::array<std::pair<std::string_view, CommandCounts::Count CommandCounts::*>, 11>
     COMMAND_COUNTS{{
         {"late_setpoints", &CommandCounts::late_setpoints},
         {"missing_answers", &CommandCounts::missing_answers},
@@ -39,6 +41,8 @@ inline constexpr std::array<std::pair<std::string_view, CommandCounts::Count Com
         {"failed_mode_changes", &CommandCounts::failed_mode_changes},
         {"clock_steps", &CommandCounts::clock_steps},
         {"grid_points_skipped", &CommandCounts::grid_points_skipped},
+        {"unusable_flowgraph_records", &CommandCounts::unusable_flowgraph_records},
+        {"dropped_beats", &CommandCounts::dropped_beats},
     }};
 
 using CommandFigures = std::array<std::uint64_t, COMMAND_COUNTS.size()>;  // in that order

@@ -142,6 +142,8 @@ namespace detail {
 template <class Base, class T, class Attribute>
 class DataSyncOf : public Base {
 public:
+    using Record = T;
+
     template <class... Values>
     void SetData(Values&&... values) {
         m_attribute.SetData(std::forward<Values>(values)...);

@@ -158,6 +158,15 @@ protected:
     std::chrono::microseconds m_send_offset;    // from that grid
 };
 
+// Clocks of peers on one site agree far better.
+inline constexpr std::chrono::seconds MAX_TIME_AHEAD{1};
+
+// Whether a time that a peer gave can be planned with. 0 is none, which means at once; one far ahead would
+// keep threads waiting for it.
+inline bool IsUsable(atomclk::AtomClk::time_point time, atomclk::AtomClk::time_point now) {
+    return time >= atomclk::AtomClk::time_point{} && time <= now + MAX_TIME_AHEAD;
+}
+
 // The first point at or after `time` of the grid that is anchored at the clock's epoch, plus the offset. All
 // users of one interval so fall on one grid. Without an interval, `time` plus the offset. Whoever takes
 // `time` from a packet bounds it first: the sum must not pass the end of the clock.

@@ -89,4 +89,14 @@ std::chrono::microseconds GetBoundedDurationParamOr(const oru::configng::PliConf
                                                     const std::string& key,
                                                     std::chrono::microseconds default_value);
 
+// The same for durations that can't run backwards: "ERR: <path> must not be negative".
+std::chrono::microseconds GetNonNegativeDurationParam(const oru::configng::PliConfigInstanceNode& node,
+                                                      const std::string& key);
+std::chrono::microseconds GetNonNegativeDurationParamOr(const oru::configng::PliConfigInstanceNode& node,
+                                                        const std::string& key,
+                                                        std::chrono::microseconds default_value);
+
+// `update_interval` of a thread on a grid; "ERR: <path> must be positive" if it is not.
+std::chrono::milliseconds GetUpdateInterval(const oru::configng::PliConfigInstanceNode& node);
+
 }  // namespace vosk::lumo

@@ -35,6 +35,10 @@ std::vector<T> LoadMatrix(const std::string& name, std::size_t naxis1, std::size
     return matrix;
 }
 
+// The matrix of floats of exactly these axes, as LoadMatrix; refused if a value is not finite.
+std::vector<float> LoadFiniteMatrix(const std::string& name, std::size_t naxis1, std::size_t naxis2,
+                                    const std::string& what);
+
 // The image of exactly these axes into a container of its size and element type. Returns the file's full
 // path.
 template <class Container>

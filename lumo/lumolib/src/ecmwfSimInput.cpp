@@ -1,0 +1,42 @@
+#include <lumolib/ecmwfSimInput.hpp>
+
+#include <lumolib/dataSyncManager.hpp>
+#include <lumolib/resamplerManager.hpp>
+#include <vosk/common/logger.hpp>
+#include <vosk/common/timeString.hpp>
+
+namespace vosk::lumo {
+
+using defs::CentroidError;
+
+ECMWFSimInput::ECMWFSimInput(const oru::configng::PliConfigInstanceNode& node)
+    : QudexInput{"ECMWFSimInput",
+                 node,
+                 1,
+                 {log4cplus::WARN_LOG_LEVEL,
+                  "ECMWFSimInput: ReceiveSample(): ", RuntimeMonitor::GetInstance().m_ecmwf_input_state}},
+      m_sync{Exchange<EcmWfSimDataSync>()},
+      m_statistics{RuntimeMonitor::GetInstance().m_ecmwf_statistics} {
+    auto& manager = ResamplerManager::GetInstance();
+    for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
+        m_resamplers[i] =
+            manager.GetOrRegisterResampler<CentroidError, signal_processing::NoDataAccessor<CentroidError>>(
+                node, "cent_err_resampler", static_cast<int>(i), false);
+    }
+}
+
+void ECMWFSimInput::OnSample(const defs::WfsPayload& payload, const pktwire::qudex::Packet& first,
+                             time_point now) {
+    const auto id = first.SampleId();
+    m_sync->SetData(payload, id, atomclk::AtomClk::now());
+    for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
+        const auto& block = payload.blocks[i];
+        m_resamplers[i]->AddSample({block.timestamp, id, {0.0, block.x, block.y}});
+    }
+    if (common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
+        common::LogDebug("\tReceived ECMWFSim input at {}, SampleId = {}", GetTimeString(now), id);
+    }
+    m_statistics->UpdateTsReceived(now);
+}
+
+}  // namespace vosk::lumo
