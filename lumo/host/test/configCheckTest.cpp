@@ -158,24 +158,37 @@ TEST(ConfigCheck, RefusesAFormThatNoWavefrontCommandHas) {
 
 TEST(ConfigCheck, WarnsOfWhatASetUpWarnsOf) {
     const std::string receiver = "{listen_ip: 127.0.0.1, iface_name: lo, listen_udp: ";
-    EXPECT_THAT(
-        PlacesOf("cfg:\n"
-                 "  m4:\n"
-                 "    output: [{busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: 1 us}]\n"
-                 "    input: [" +
-                 receiver + std::to_string(UniquePort()) + ", busy: false}]\n    feedback: [" + receiver +
-                 std::to_string(UniquePort(1)) +
-                 ", busy: false, timeout: 1001 ms, rxbuf_size: 99999999999}]\n"
-                 "  m5: {input: [{resampler: a}]}\n"
-                 "  resamplers: [text]\n"),
-        ElementsAre("7 cfg.resamplers[0] warning", "4 cfg.m4.input[0].timeout warning",
-                    "3 cfg.m4.output[0].send_interval warning", "5 cfg.m4.feedback[0].timeout warning",
-                    "5 cfg.m4.feedback[0] warning", "6 cfg.m5.input warning"));
+    EXPECT_THAT(PlacesOf("cfg:\n"
+                         "  m4:\n"
+                         "    output: [{busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: 1 us}]\n"
+                         "    input: [" +
+                         receiver + std::to_string(UniquePort()) + ", busy: false}]\n    feedback: [" +
+                         receiver + std::to_string(UniquePort(1)) +
+                         ", busy: false, timeout: 1001 ms, rxbuf_size: 99999999999}]\n"
+                         "  resamplers: [text]\n"),
+                ElementsAre("6 cfg.resamplers[0] warning", "4 cfg.m4.input[0].timeout warning",
+                            "3 cfg.m4.output[0].send_interval warning",
+                            "5 cfg.m4.feedback[0].timeout warning", "5 cfg.m4.feedback[0] warning"));
     // As many threads as there are CPUs, unless there are more than two.
     const auto busy = PlacesOf(
         "host: {priority: 1}\ncfg: {m4: {output: [{busy: true, ip_dest: 127.0.0.1, udp_dest: 9}], input: [" +
         receiver + std::to_string(UniquePort()) + ", busy: true}]}}\n");
     EXPECT_EQ(busy.empty(), ::sysconf(_SC_NPROCESSORS_ONLN) > 2) << busy.size();
+}
+
+TEST(ConfigCheck, GoesOnBehindTheFaultsOfTheThreadsAroundTheFlowgraphs) {
+    EXPECT_THAT(
+        PlacesIn("ao", "output", "{busy: false,; m5_ptt_act: {udp_dest: 9},; fs_u4: {frame_size: 0}}"),
+        testing::IsSupersetOf({"4 m4_cap_sens_act", "5 m5_ptt_act.ip_dest", "5 m5_ptt_act.send_delay",
+                               "6 fs_u4.ip_dest", "6 fs_u4.frame_size"}));
+    EXPECT_THAT(PlacesIn("fieldstabilization", "input",
+                         "{busy: false, update_offset: 0 us,; shm_topic: gpao_in,; update_interval: 0 ms,; "
+                         "cent_err_resampler: none,; diagnostic_streams: [{udp_dest: 9}]}"),
+                testing::IsSupersetOf({"5 shm_topic", "6 update_interval", "7 cent_err_resampler",
+                                       "8 diagnostic_streams[0].ip_dest"}));
+    EXPECT_THAT(PlacesOf("cfg:\n  guide_probe: {vis_img: [{camera_id: IMG_GP2, image_processing: {}}]}\n  "
+                         "ecmwfsim: {input: [{}]}\n"),
+                testing::Contains("3 cfg.ecmwfsim.input[0] warning"));
 }
 
 TEST(ConfigCheck, LooksAtEachKeyOfTheHost) {
@@ -245,6 +258,9 @@ TEST(ConfigurationPage, HoldsAnExampleThatCanRun) {
     const auto before = std::filesystem::current_path();
     std::filesystem::current_path(dir.Path());
     WriteM2p("m2p.fits", 500, 0.0F);
+    WriteM2p("ins2gpao.fits", 52, 0.0F);
+    common::Fits::WriteImg<float>(common::Fits::FitsFileWrite("gpao2ins.fits", true, {}),
+                                  std::vector<float>(4866 * 52), {4866, 52});
     std::string document = Example();
     const std::string key = "listen_udp: ";
     int receivers = 0;
@@ -252,7 +268,7 @@ TEST(ConfigurationPage, HoldsAnExampleThatCanRun) {
         const auto port = std::to_string(UniquePort(receivers++));
         document.replace(at + key.size(), port.size(), port);
     }
-    EXPECT_EQ(receivers, 3);
+    EXPECT_EQ(receivers, 6);
     EXPECT_THAT(FindingsOf(document), IsEmpty());
     std::filesystem::current_path(before);
 }
@@ -260,6 +276,8 @@ TEST(ConfigurationPage, HoldsAnExampleThatCanRun) {
 TEST(ConfigurationPage, HasEveryKeyOfItsTablesInTheExample) {
     const auto top = vosk::test::NodeOf(Example());
     const auto ao = top["cfg"]["ao"];
+    const auto fs = top["cfg"]["fieldstabilization"];
+    const auto gpao = top["cfg"]["gpao"];
     const auto receiver = ao["wavefront_cmd_stream"][0];
     const auto sender = top["cfg"]["m4"]["output"][0];
     auto tables = KeysOfPage();
@@ -269,6 +287,11 @@ TEST(ConfigurationPage, HasEveryKeyOfItsTablesInTheExample) {
                                         {"Every thread", sender},
                                         {"Senders", sender},
                                         {"`ao.ao_tasks`", ao["ao_tasks"][0]},
+                                        {"`ao.output`", ao["output"][0]},
+                                        {"`fieldstabilization.input`", fs["input"][0]},
+                                        {"`fieldstabilization.output`", fs["output"][0]},
+                                        {"`gpao.input`", gpao["input"][0]},
+                                        {"`gpao.output`", gpao["output"][0]},
                                         {"`host`", top["host"]}}) {
         EXPECT_FALSE(tables[section].empty()) << section;
         EXPECT_THAT(KeysOf(node), testing::IsSupersetOf(tables[section])) << section;

@@ -11,6 +11,7 @@
 namespace vosk::lumo {
 
 using defs::AoCommandSource;
+using oru::configng::Attempt;
 using oru::configng::PliConfigInstanceNode;
 
 namespace {
@@ -18,7 +19,11 @@ namespace {
 constexpr std::chrono::microseconds LOCKED_BEFORE_SEND{10};
 
 std::string Describe(const PliConfigInstanceNode& node) {
-    const auto topic = [&](const char* stream) { return GetParam<std::string>(node[stream], "qudex_topic"); };
+    const auto topic = [&](const char* stream) {
+        std::string text;
+        Attempt(node[stream], [&] { text = GetParam<std::string>(node[stream], "qudex_topic"); });
+        return text;
+    };
     return fmt::format(
         "AO QUDEX sender for topic IDs = {} (ao:m5_ptt_act), {} (ao:field_stabilization_u4), {} "
         "(ao:m4_setpoint_applied), {} (ao:m4_cap_sens_act)",
@@ -38,7 +43,11 @@ std::unique_ptr<TxLspx> MakeEndpoint(const PliConfigInstanceNode& node, const ch
     lspx.endianness = pktwire::lspx::LITTLE_ENDIAN_UNITS;
     lspx.leader_extended_info_size = sizeof(typename Stream::ExtInfo::Header);
     lspx.frame_size = sizeof(typename Stream::Payload) / sizeof(float);
-    return std::make_unique<TxLspx>(node[stream], udp, qudex, lspx, memory, std::nullopt);
+    std::unique_ptr<TxLspx> endpoint;
+    Attempt(node[stream], [&] {
+        endpoint = std::make_unique<TxLspx>(node[stream], udp, qudex, lspx, memory, std::nullopt);
+    });
+    return endpoint;
 }
 
 }  // namespace
@@ -61,7 +70,9 @@ AoOutput::AoOutput(const PliConfigInstanceNode& node)
 
 AoOutput::Config AoOutput::Configure(const PliConfigInstanceNode& node) {
     const auto delay = [&](const char* stream) {
-        return GetBoundedDurationParam(node[stream], "send_delay");
+        std::chrono::microseconds value{0};
+        Attempt(node[stream], [&] { value = GetBoundedDurationParam(node[stream], "send_delay"); });
+        return value;
     };
     return {.m5_ptt_act = delay("m5_ptt_act"),
             .fs_u4 = delay("fs_u4"),

@@ -2,12 +2,28 @@
 
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/resamplerManager.hpp>
+#include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/timeString.hpp>
 
 namespace vosk::lumo {
 
 using defs::CentroidError;
+
+namespace {
+
+constexpr long USERS_WITHOUT_CAMERA = 2;  // the registry, and this thread
+
+// Of all threads that use these resamplers only the cameras are made before this one.
+void WarnOfAnotherProducer(const oru::configng::PliConfigInstanceNode& node, long users,
+                           defs::Camera camera) {
+    if (users <= USERS_WITHOUT_CAMERA) return;
+    WarnOf(node, fmt::format("the camera {} feeds the same resampler: field stabilisation will see now a "
+                             "measured error, now a simulated one",
+                             to_string(camera)));
+}
+
+}  // namespace
 
 ECMWFSimInput::ECMWFSimInput(const oru::configng::PliConfigInstanceNode& node)
     : QudexInput{"ECMWFSimInput",
@@ -17,11 +33,13 @@ ECMWFSimInput::ECMWFSimInput(const oru::configng::PliConfigInstanceNode& node)
                   "ECMWFSimInput: ReceiveSample(): ", RuntimeMonitor::GetInstance().m_ecmwf_input_state}},
       m_sync{Exchange<EcmWfSimDataSync>()},
       m_statistics{RuntimeMonitor::GetInstance().m_ecmwf_statistics} {
+    if (node.Has("shm_topic")) node["shm_topic"].PassOver();  // that is for LibMain::SetupDataSync
     auto& manager = ResamplerManager::GetInstance();
     for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
         m_resamplers[i] =
             manager.GetOrRegisterResampler<CentroidError, signal_processing::NoDataAccessor<CentroidError>>(
                 node, "cent_err_resampler", static_cast<int>(i), false);
+        WarnOfAnotherProducer(node, m_resamplers[i].use_count(), defs::Camera{static_cast<unsigned>(i)});
     }
 }
 

@@ -48,13 +48,14 @@ FieldStabilizationInput::FieldStabilizationInput(const oru::configng::PliConfigI
       m_stream_state{RuntimeMonitor::GetInstance().m_fs_input_state},
       m_counts{RuntimeMonitor::GetInstance().m_command_counts},
       m_simulated{m_config.centroid_sim_enabled ? std::make_unique<Simulated>() : nullptr} {
+    constexpr const char* RESAMPLER = "cent_err_resampler";
     auto& manager = ResamplerManager::GetInstance();
     for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
-        oru::configng::Attempt(node, [&] {
+        oru::configng::Attempt(node.Has(RESAMPLER) ? node[RESAMPLER] : node, [&] {
             m_resamplers[i] =
                 manager
                     .GetOrRegisterResampler<CentroidError, signal_processing::NoDataAccessor<CentroidError>>(
-                        node, "cent_err_resampler", static_cast<int>(i), false);
+                        node, RESAMPLER, static_cast<int>(i), false);
         });
     }
     if (m_config.loopback_m5_output) m_m5_output_sync = WaitableExchange<M5OutputDataSync>(m_busy);
@@ -78,11 +79,10 @@ FieldStabilizationInput::Config FieldStabilizationInput::Configure(
                   .loopback_m4_output = GetParamOr(node, "loopback_m4_output", false),
                   .centroid_sim_enabled = GetParamOr(node, "centroid_sim_enabled", false)};
     if (config.timeout * LONGEST_PART > config.update_interval) {
-        WarnOf(
-            node, "timeout",
-            fmt::format("a flowgraph that died costs {} us of each interval: a quarter of update_interval is "
-                        "enough for one that lives",
-                        config.timeout.count()));
+        WarnOf(node, "timeout",
+               fmt::format("Thread FSInput, may wait {} us of each interval for a flowgraph that has died; a "
+                           "quarter of the interval is enough for one that lives",
+                           config.timeout.count()));
     }
     return config;
 }

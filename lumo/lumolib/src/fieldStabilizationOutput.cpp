@@ -20,8 +20,8 @@ bool IsFinite(const defs::FloatVectorTT& tt) {
 }
 
 bool CanBeSent(const Record& record, time_point now) {
-    return IsUsable(record.timestamp, now) && IsFinite(record.m5) && IsFinite(record.u4_tt) &&
-           IsFinite(record.ms) && std::ranges::all_of(record.pfs, IsFinite);
+    return IsUsable(record.timestamp, now) && IsUsable(record.input_timestamp, now) && IsFinite(record.m5) &&
+           IsFinite(record.u4_tt) && IsFinite(record.ms) && std::ranges::all_of(record.pfs, IsFinite);
 }
 
 }  // namespace

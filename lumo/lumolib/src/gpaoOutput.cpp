@@ -59,7 +59,8 @@ void GpaoOutput::RunCycle() {
 bool GpaoOutput::Receive() {
     common::shmif::GpaoTopicOut received;
     if (!m_channel->TimedReceive(&received, m_config.timeout)) return false;
-    if (!IsUsable(received.timestamp, atomclk::AtomClk::now()) ||
+    const auto now = atomclk::AtomClk::now();
+    if (!IsUsable(received.timestamp, now) || !IsUsable(received.input_timestamp, now) ||
         !common::math::AllFinite(received.gpao_cmd)) {
         m_counts->unusable_flowgraph_records.fetch_add(1, std::memory_order_relaxed);
         return false;

@@ -66,6 +66,11 @@ defs::FloatVectorTT M5Output::ApplySky2m5(const defs::FloatVectorTT& tt) const {
     return Apply(common::math::applySky2M5, tt, *m_target_sync);
 }
 
+// FieldStabilizationOutput has stopped before: a restart sends nothing of this run.
+void M5Output::OnEnd() {
+    m_sync->ClearDataReady();
+}
+
 bool M5Output::RunCycle() {
     const auto synchronizer = m_sync->GetSynchronizer();
     if (!synchronizer->Wait(m_running)) return false;

@@ -63,10 +63,6 @@ std::vector<PliConfigInstanceNode> ElementsUsed(const StreamEntry& entry,
 
 void WalkStream(const StreamEntry& entry, const PliConfigInstanceNode& stream, const VisitElement& visit) {
     if (!stream.IsSequence()) common::LogAndThrow("ERR: " + stream.GetPath() + " must be a sequence");
-    if (!entry.make) {
-        WarnOf(stream, "no thread of this build serves it, skipping");
-        return stream.PassOver();
-    }
     for (const auto& element : ElementsUsed(entry, stream)) {
         Attempt(element, [&] { visit(entry, element); });
     }

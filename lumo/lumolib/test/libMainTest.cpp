@@ -102,7 +102,6 @@ TEST_F(LibMainTest, EmptiesTheRegistriesThenMakesTheStreamsAndStartsThemAgainAft
 TEST_F(LibMainTest, RefusesWhatIsNoSequenceAndWhatNoEndpointCanUse) {
     const std::pair<std::string, std::string> cases[] = {
         {std::string{"{m4: {output: "} + OUTPUT + "}}", "ERR: cfg.m4.output must be a sequence"},
-        // Also a stream that no thread of this build serves.
         {"{guide_probe: {vis_img: {camera_type: lisa}}}", "ERR: cfg.guide_probe.vis_img must be a sequence"},
         {"{guide_probe: {vis_img: []}}", "no exception"},
         {"{m4: {output: []}}", "Element with index 0 not defined in node cfg.m4.output"},

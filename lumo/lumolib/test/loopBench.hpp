@@ -9,6 +9,7 @@
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/lumoThread.hpp>
+#include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskHandoverManager.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
@@ -16,6 +17,7 @@
 #include <vosk/common/fits.hpp>
 #include <vosk/common/shmif/shmIf.hpp>
 #include <vosk/common/telegraf/telemSender.hpp>
+#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/loopback.hpp>
 #include <vosk/test/tempDir.hpp>
@@ -57,6 +59,37 @@ protected:
         VoskTelescopeStateManager::SetCurrentControlMode(mode);
     }
 };
+
+// A thread whose cycles the test runs.
+template <class Base>
+struct Running : Base {
+    explicit Running(const std::string& keys) : Base{CfgOf("cfg: " + keys)} { SetRunning(true); }
+    ~Running() override { SetRunning(false); }
+    void SetRunning(bool run) { common::SetRunning(this->m_running, run); }
+    using Base::RunCycle;
+};
+
+// Of twenty cycles behind a first one; in a program that links vosk_allocation_count.
+template <class Cycle>
+std::size_t AllocationsOf(const Cycle& cycle) {
+    cycle();
+    const auto before = vosk::test::AllocationsOfThisThread();
+    for (int i = 0; i < 20; ++i) cycle();
+    return vosk::test::AllocationsOfThisThread() - before;
+}
+
+// As the threads that feed and read the resampler of that number find it.
+inline auto CentroidResampler(int number) {
+    using Error = defs::CentroidError;
+    return ResamplerManager::GetInstance()
+        .GetOrRegisterResampler<Error, signal_processing::NoDataAccessor<Error>>(vosk::test::NodeOf("{}"), "",
+                                                                                 number, false);
+}
+inline void DefineResamplers(const std::string& definitions) {
+    gim::Config config;
+    config.ParseText("cfg: {resamplers: [" + definitions + "]}", "test.yaml");
+    ResamplerManager::CreateInstance(config, "resamplers");
+}
 
 // Metrics go to this agent while the object lives.
 struct TelemetryAgent {

@@ -42,7 +42,7 @@ public:
         pktwire::qudex::Sender::Config qudex{};
         qudex.num_frames = 1;
         qudex.sample_size = sizeof(Record);
-        SetupDiagnosticStreams(node, {}, qudex);
+        oru::configng::Attempt(node, [&] { SetupDiagnosticStreams(node, {}, qudex); });
     }
 
 protected:

@@ -44,6 +44,7 @@ public:
 
 protected:
     bool RunCycle() override;
+    void OnEnd() override;
 
 private:
     void Report(time_point send_time, defs::sample_id_t id, const defs::FloatVectorTT& sky,

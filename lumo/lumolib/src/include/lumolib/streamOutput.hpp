@@ -91,6 +91,9 @@ protected:
         while (m_resampler->HasSamples()) m_resampler->GetSample();
     }
 
+    // FieldStabilizationOutput has stopped before: a restart sends nothing of this run.
+    void OnEnd() final { m_sync->ClearDataReady(); }
+
     bool RunCycle() final {
         const auto synchronizer = m_sync->GetSynchronizer();
         if (!synchronizer->Wait(m_running)) return false;

@@ -1,0 +1,236 @@
+// The threads of M5, PFS, MS, ECMWFSim and the AO output, cycle by cycle without their threads: the test
+// plays field stabilisation and AoTasks on one side and the network's peers on the other.
+
+#include "loopBench.hpp"
+
+#include <future>
+#include <lumolib/aoOutput.hpp>
+#include <lumolib/ecmwfSimInput.hpp>
+#include <lumolib/m5InputOutput.hpp>
+#include <lumolib/pfsMsInputOutput.hpp>
+#include <pktwire/detail/wire.hpp>
+#include <vosk/test/recordingSocket.hpp>
+
+namespace vosk::lumo {
+namespace {
+
+using namespace test;
+using namespace testing;
+using defs::FloatVectorTT;
+using pktwire::wire::QudexHeader;
+
+struct Datagram {
+    explicit Datagram(const std::string& bytes) {
+        std::memcpy(&header, bytes.data(), sizeof header);
+        for (const char byte : bytes.substr(sizeof header))
+            hex += fmt::format("{:02x}", static_cast<std::uint8_t>(byte));
+    }
+    AtomClk::time_point Time() const { return AtomClk::time_point{header.timestamp}; }
+    QudexHeader header;
+    std::string hex;
+};
+
+// A sending thread, what it sent, and the object it sends from, which is of class Sync.
+template <class Base, class Sync>
+struct Sending : Running<Base> {
+    explicit Sending(const std::string& keys = "")
+        : Running<Base>{
+              "{busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: 2 ms, send_offset: 250 us" +
+              keys + "}"} {
+        this->m_sender = std::make_unique<pktwire::qudex::Sender>(this->m_qudex_cfg, socket, nullptr);
+    }
+    template <class Record>
+    std::vector<Datagram> Cycle(const Record& record, unsigned id, AtomClk::time_point time) {
+        socket.datagrams.clear();
+        sync->SetData(record, id, time);
+        EXPECT_TRUE(this->RunCycle());
+        return {socket.datagrams.begin(), socket.datagrams.end()};
+    }
+    vosk::test::RecordingSocket socket;
+    std::shared_ptr<Sync> sync = Get<Sync>(false);
+};
+
+class ActuatorTest : public LoopTest {
+protected:
+    ActuatorTest() {
+        DefineResamplers(
+            "{id: twice, definition: [{type: upsampler, name: lerp, input_sample_rate: 250, "
+            "outut_sample_rate: 500}]}");
+        // On the equator and the northern meridian, where M5 is turned by half a turn.
+        Get<PfsTargetDataSync>()->SetData(pfs::TelPointingData{}, 1U, START);
+    }
+    atomclk::ManualClock m_clock{START + seconds{1}};
+};
+
+// The notification of a record that has been taken.
+void NotifyLate(common::WaitSynchronizerFlagBase& flag) {
+    flag.SetDataReady();
+}
+
+constexpr FloatVectorTT PAIR{1.5F, -2.0F};
+const std::string PAIR_BE = "3ff8000000000000c000000000000000";
+
+TEST_F(ActuatorTest, M5IsCommandedInItsOwnCoordinatesOnTheGridAndOnce) {
+    Sending<M5Output, M5OutputDataSync> output;
+    for (const auto& [late, sent] : {std::pair{0, 250}, {1, 2250}, {2'000'000, 2250}, {2'000'001, 4250}}) {
+        const auto datagrams = output.Cycle(PAIR, 70U, START + nanoseconds{late});
+        ASSERT_EQ(datagrams.size(), 1U);
+        EXPECT_EQ(datagrams[0].Time(), START + microseconds{sent});
+        EXPECT_EQ(datagrams[0].header.sample_id, 70U);
+        EXPECT_EQ(datagrams[0].hex, "0000000000000000000000000000f8bf0000000000000040");
+    }
+    NotifyLate(*output.sync);
+    EXPECT_TRUE(output.RunCycle());
+    EXPECT_EQ(output.socket.datagrams.size(), 1U);
+    output.Start().get();
+    for (const unsigned id : {1U, 2U}) {  // the second one while the first waits for its time
+        output.sync->SetData(PAIR, id, START + seconds{9});
+        ASSERT_TRUE(id == 2 || Eventually([&] { return !output.sync->IsNewData(); }));
+    }
+    output.Stop();
+    EXPECT_FALSE(output.sync->IsDataReady());  // nothing for the next run
+}
+
+TEST_F(ActuatorTest, M5IsHeardInBothCoordinates) {
+    Running<M5Input> input{ReceiverKeys()};
+    Peer{1}.Send(defs::M5PttAct::Payload{0.5, 1.5, -2.0, {7.0}}, 5, START);
+    input.RunCycle();
+    EXPECT_EQ(Get<M5InputDataSync>()->GetData(), (FloatVectorTT{-1.5F, 2.0F}));
+    EXPECT_EQ(Get<M5InputDataSync>()->GetTimestamp(), START + seconds{1});  // of its reception
+    const auto [payload, header] = Get<AoM5PttActDataSync>()->GetData();
+    EXPECT_EQ((std::array{payload.piston, payload.tip, payload.tilt}), (std::array{0.5F, 1.5F, -2.0F}));
+    EXPECT_EQ(AtomClk::time_point{header.m5_time}, START);
+}
+
+TEST_F(ActuatorTest, PfsCorrectionsCarryTheTimeOfTheSampleAndWhetherCenteringIsOn) {
+    Sending<PfsOutput, PfsOutputDataSync> output;
+    const std::string time = "0000034630b8a001";  // an hour and 1 ns
+    for (const bool centering : {true, false}) {
+        VoskTelescopeStateManager::SetGPCenteringEnabled(centering);
+        const auto datagrams = output.Cycle(PfsOutputData{{{PAIR, {}, PAIR}}}, 6U, START + nanoseconds{1});
+        ASSERT_EQ(datagrams.size(), 1U);
+        const std::string flag = centering ? "00000001" : "00000000";
+        EXPECT_EQ(datagrams[0].hex,
+                  time + PAIR_BE + flag + time + std::string(32, '0') + flag + time + PAIR_BE + flag);
+        EXPECT_EQ(datagrams[0].Time(), START + microseconds{2250});
+        const auto shown = RuntimeMonitor::GetPerformanceData().GetDataTopic();
+        EXPECT_EQ(shown.gp_cmd[2], centering ? PAIR : FloatVectorTT{});
+        EXPECT_EQ(shown.gp_cmd_valid, centering);
+    }
+}
+
+TEST_F(ActuatorTest, MsCorrectionsCarryTheirSendTimeAndAnUpsamplerMakesSeveral) {
+    Sending<MSOutput, MSOutputDataSync> output{", resampler: twice"};
+    std::vector<AtomClk::time_point> times;
+    for (const unsigned id : {0U, 1U, 2U}) {
+        const auto datagrams = output.Cycle(PAIR, id, START + id * milliseconds{4});
+        EXPECT_TRUE(id == 0 || datagrams.size() == 2);
+        for (const auto& datagram : datagrams) {
+            times.push_back(datagram.Time());
+            EXPECT_EQ(datagram.hex,
+                      fmt::format("{:016x}", times.back().time_since_epoch().count()) + PAIR_BE + "00000001");
+        }
+    }
+    for (std::size_t i = 1; i < times.size(); ++i) EXPECT_EQ(times[i] - times[i - 1], milliseconds{2});
+}
+
+TEST_F(ActuatorTest, SimulatedErrorsReachTheirCamerasWithTheTimesOfTheirBlocks) {
+    Running<ECMWFSimInput> input{ReceiverKeys()};
+    defs::WfsPayload payload;
+    for (unsigned i = 0; i < 4; ++i) {
+        payload.blocks[i].timestamp = vosk::test::At(i);  // the first has none
+        payload.blocks[i].x = 1.0 + i;
+        payload.blocks[i].y = -1.0 - i;
+    }
+    Peer{1}.Send(payload, 5, START);
+    input.RunCycle();
+    for (unsigned i = 0; i < 4; ++i) {
+        const auto sample = CentroidResampler(static_cast<int>(i))->GetSample();
+        ASSERT_TRUE(sample);
+        EXPECT_EQ(sample->timestamp, vosk::test::At(i));
+        EXPECT_EQ(sample->sample_id, 5U);
+        EXPECT_EQ((std::array{sample->slope.flux, sample->slope.x, sample->slope.y}),
+                  (std::array{0.0, 1.0 + i, -1.0 - i}));
+    }
+}
+
+// The AO output, with all four streams to one listener, and delays that fall.
+class AoOutputTest : public ActuatorTest {
+protected:
+    static std::string Stream(const std::string& name, unsigned topic) {
+        return fmt::format(", {}: {{ip_dest: 127.0.0.1, udp_dest: {}, qudex_topic: {}, send_delay: {} us}}",
+                           name, UniquePort(), topic, 100 - topic);
+    }
+    void Beat(unsigned id) {
+        m_beat->SetData(AoWavefrontCmdTimestamps{START, START + nanoseconds{7}}, id, START);
+    }
+    // The datagrams that have come.
+    std::vector<Datagram> Received() {
+        std::vector<Datagram> datagrams;
+        std::string bytes(9000, '\0');
+        iovec piece{bytes.data(), bytes.size()};
+        std::array<mmsghdr, 1> message{};
+        message[0].msg_hdr.msg_iov = &piece;
+        message[0].msg_hdr.msg_iovlen = 1;
+        for (std::error_code error; m_socket.ReceiveBatch(message, error) == 1;)
+            datagrams.emplace_back(bytes.substr(0, message[0].msg_len));
+        return datagrams;
+    }
+
+    pktwire::UdpRxSocket m_socket{vosk::test::Listening(UniquePort()), nullptr};
+    AoOutputDataSync* m_beat = Get<AoOutputDataSync>(false).get();
+    Running<AoOutput> m_output{"{busy: false" + Stream("m5_ptt_act", 1) + Stream("fs_u4", 2) +
+                               Stream("m4_setpoint_applied", 3) + Stream("m4_cap_sens_act", 4) + "}"};
+};
+
+TEST_F(AoOutputTest, FourSamplesLeaveInTheirOrderThoughTheirDelaysFall) {
+    Get<AoM5PttActDataSync>()->SetData(defs::M5PttAct::Payload{0.5, 1.5, -2.0, {}}, 1U,
+                                       START + nanoseconds{3});
+    Beat(9);
+    EXPECT_TRUE(m_output.RunCycle());
+    const auto datagrams = Received();
+    std::vector<unsigned> topics;
+    for (const auto& datagram : datagrams) {
+        topics.push_back(datagram.header.topic);
+        EXPECT_EQ(datagram.header.sample_id, 9U);
+        EXPECT_EQ(datagram.Time(), START + microseconds{100 - topics.back()});
+    }
+    ASSERT_THAT(topics, ElementsAre(1, 1, 1, 2, 2, 2, 3, 3, 3, 3, 3, 4, 4, 4, 4, 4));
+    // The beat's time of reception, M5's time, and that there was data.
+    EXPECT_THAT(datagrams[0].hex, EndsWith("0000034630b8a0070000034630b8a003" + std::string(32, '0') + "01"));
+    EXPECT_THAT(datagrams[1].hex, EndsWith("0000003f0000c03f000000c0"));
+    EXPECT_EQ(AllocationsOf([&] { Beat(9), m_output.RunCycle(); }), 0U);
+}
+
+TEST_F(AoOutputTest, ABeatThatComesDuringTheSendsIsDroppedWheneverItsNotificationComes) {
+    const LogCapture log;
+    m_clock.Advance(-seconds{1});
+    Beat(1);
+    auto cycle = std::async(std::launch::async, [this] { return m_output.RunCycle(); });
+    ASSERT_TRUE(Eventually([&] { return !log.Texts("AoOutput waiting until").empty(); }));
+    Beat(2);
+    m_clock.Advance(seconds{1});
+    EXPECT_TRUE(cycle.get());
+    EXPECT_EQ(Counted().dropped_beats, 1U);
+    EXPECT_FALSE(m_beat->IsDataReady());
+    EXPECT_EQ(Received().size(), 16U);
+    NotifyLate(*m_beat);
+    EXPECT_TRUE(m_output.RunCycle());
+    EXPECT_EQ(Received().size(), 0U);
+}
+
+TEST_F(AoOutputTest, EachSourceInTheStatusHasItsText) {
+    const LogCapture log;
+    unsigned source = 0;
+    for (const char* text : {"NONE", "CCS/TEL", "INS", "CCS/TEL", "INS", "OFF", "OFF", "OFF"}) {
+        Get<AoM4SetpointAppliedDataSync>()->GetDataRef().header.status =
+            static_cast<std::uint16_t>(0x100U | source << 9U);
+        Beat(++source);
+        EXPECT_TRUE(m_output.RunCycle());
+        EXPECT_THAT(log.Texts("Sent AO data").back(),
+                    HasSubstr(fmt::format(" = {}, cmd_source = {} at:", source, text)));
+    }
+}
+
+}  // namespace
+}  // namespace vosk::lumo
