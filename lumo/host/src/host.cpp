@@ -128,7 +128,7 @@ Host::~Host() {
     m_library.StopThreads();
 }
 
-void Host::Run(const Signals& signals) {
+std::set<std::string> Host::Run(const Signals& signals) {
     common::LogInfo("Running with {} threads.", m_library.GetThreads().size());
     common::LimitRepeatedLines();
     Signals::Admit();
@@ -138,7 +138,9 @@ void Host::Run(const Signals& signals) {
         LookAtClock();
         WaitForWork(signals);
     }
+    LookAtThreads();
     common::LogInfo("Stopping.");
+    return m_threads_ended;
 }
 
 void Host::WaitForWork(const Signals& signals) {

@@ -58,8 +58,8 @@ public:
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    // Serves until a signal or the command "stop", then stops the threads.
-    void Run(const Signals& signals);
+    // Serves until a signal or the command "stop". Gives the names of the threads that ended by themselves.
+    std::set<std::string> Run(const Signals& signals);
 
     void SetMode(defs::VoskControlMode mode, std::optional<defs::Camera> camera) override;
     void SetCamera(defs::Camera camera) override;

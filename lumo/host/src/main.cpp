@@ -117,6 +117,12 @@ int Control(const CommandLine& line) {
     return reply.starts_with("error: ") ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
+// Must not throw, whatever has become of standard error.
+int Fail(const std::string& text, int exit_code) noexcept {
+    std::fputs(("vosk-host: " + text + '\n').c_str(), stderr);
+    return exit_code;
+}
+
 int Run(const CommandLine& line, char** arguments) {
     if (!line.command.empty()) return Control(line);
     if (line.check_only) return Check(LoadDocument(line.document));
@@ -128,14 +134,11 @@ int Run(const CommandLine& line, char** arguments) {
     SetupLog(settings);
     common::LogInfo("Reading configuration document {}", config.GetPath());
     Host host{config, settings, line.serve_stdin || ::isatty(STDIN_FILENO) != 0};
-    host.Run(signals);
-    return EXIT_SUCCESS;
-}
-
-// Must not throw, whatever has become of standard error.
-int Fail(const std::string& text, int exit_code) noexcept {
-    std::fputs(("vosk-host: " + text + '\n').c_str(), stderr);
-    return exit_code;
+    const auto ended = host.Run(signals);
+    if (ended.empty()) return EXIT_SUCCESS;
+    std::string text = "threads that ended by themselves:";
+    for (const std::string& name : ended) text += ' ' + name;
+    return Fail(text, EXIT_FAILURE);
 }
 
 // On one line, whatever an exception brings.

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <vosk/common/fits.hpp>
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
@@ -146,6 +147,25 @@ TEST_F(HostProgram, StopsCleanlyAtASignal) {
     }
 }
 
+// Field stabilisation, which has no flowgraph here, paces AoTasks in a mode that has no name for its source.
+TEST_F(HostProgram, NamesAThreadThatEndedByItselfAndFailsAtItsEnd) {
+    common::Fits::WriteImg<float>(common::Fits::FitsFileWrite(m_dir / "m2p.fits", true, {}),
+                                  std::vector<float>(5352), {1, 5352});
+    WriteDocument(
+        "cfg: {ao: {ao_tasks: [{busy: false, m4_send_delay: 0 us, m4_response_timeout: 1 ms, "
+        "gpao_highest_mode: 10, delta_scaling: true, managed_modes: 1, m2p_path: " +
+        (m_dir / "m2p.fits") +
+        ", threshold_velocity: 1, threshold_gap: 1}]}, fieldstabilization: {output: [{busy: false, "
+        "shm_topic: fs_out, update_interval: 2 ms, update_offset: 0 us}]}}\n");
+    StartWithSocket();
+    EXPECT_EQ(Ask("mode HIGH_ORDER_CASCADE"), "ok\n");
+    EXPECT_TRUE(vosk::test::Eventually(
+        [&] { return Ask("status").find(R"("threads_ended":["AoTasks"])") != std::string::npos; }));
+    EXPECT_EQ(Ask("stop"), "ok\n");
+    EXPECT_EQ(ExitCode(), 1);
+    EXPECT_EQ(Errors(), "vosk-host: threads that ended by themselves: AoTasks\n");
+}
+
 TEST_F(HostProgram, TakesCommandsFromStandardInput) {
     m_input = m_dir.Put("in", "mode INS_DRIVEN_CASCADE\n" + std::string(3000, 'x') + "\nnonsense\nstop");
     EXPECT_EQ(ExitCodeOf({m_document, "--stdin", "--log-level", "warn"}), 0);
@@ -208,9 +228,9 @@ TEST_F(HostProgram, PrintsItsVersionAndRefusesAWrongCommandLine) {
 }
 
 TEST_F(HostProgram, CheckPrintsAllAndFailsOnAProblemOnly) {
-    WriteDocument("cfg: {m5: {input: []}}\n");
+    WriteDocument("cfg: {resamplers: [text]}\n");
     EXPECT_EQ(ExitCodeOf({"check", m_document}), 0);
-    EXPECT_THAT(Output(), AllOf(HasSubstr(":1: cfg.m5.input: warning: "), EndsWith("No problems.\n")));
+    EXPECT_THAT(Output(), AllOf(HasSubstr(":1: cfg.resamplers[0]: warning: "), EndsWith("No problems.\n")));
 
     WriteDocument("cfg:\n  m4:\n    output:\n      - {ip_dest: 127.0.0.1}\n  m44: 1\n");
     EXPECT_EQ(ExitCodeOf({"check", m_document}), 1);
