@@ -18,7 +18,6 @@ namespace vosk::lumo {
 
 using common::LogWarn;
 using image_processing::MaranaNoiseRemoval;
-using image_processing::Window;
 using oru::configng::PliConfigInstanceNode;
 
 namespace {
