@@ -93,13 +93,11 @@ inline void DefineResamplers(const std::string& definitions) {
 
 // Metrics go to this agent while the object lives.
 struct TelemetryAgent {
-    explicit TelemetryAgent(int port = 8094) {
-        TelemSender::m_default_telegraph_host_ip_addr = "127.0.0.1";
+    TelemetryAgent() { Set("127.0.0.1", 8094); }
+    ~TelemetryAgent() { Set("", 0); }
+    static void Set(const char* address, int port) {
+        TelemSender::m_default_telegraph_host_ip_addr = address;
         TelemSender::m_default_telegraph_port = port;
-    }
-    ~TelemetryAgent() {
-        TelemSender::m_default_telegraph_host_ip_addr.clear();
-        TelemSender::m_default_telegraph_port = 0;
     }
 };
 
@@ -120,16 +118,15 @@ inline std::string AoTasksKeys(const vosk::test::TempDir& directory, const std::
            ", m4_response_timeout: " + response_timeout + ", threshold_velocity: 1e6, threshold_gap: 1e6}";
 }
 
-// Sends of each sample all packets, all but the last or the last alone.
+// Sends of each sample the packets from `first` on, `count` of them.
 struct PartSocket final : pktwire::TxSocket {
-    enum class Part { ALL, BUT_LAST, LAST };
     explicit PartSocket(int number) : socket{vosk::test::SendingTo(UniquePort(number)), nullptr} {}
     std::error_code Send(std::span<mmsghdr> messages) noexcept override {
-        if (part == Part::LAST) messages = messages.last(1);
-        return socket.Send(messages.first(messages.size() - (part == Part::BUT_LAST ? 1 : 0)));
+        return socket.Send(messages.subspan(first, count));
     }
     pktwire::UdpTxSocket socket;
-    Part part = Part::ALL;
+    std::size_t first = 0;
+    std::size_t count = std::dynamic_extent;
 };
 
 // Sends to the receiver of the same number. Allocates nothing for a sample.
@@ -160,14 +157,14 @@ public:
     // Stops the receiver between the packets of sample 7, starts it again, and sends the rest and sample 8.
     template <class Sync, class SendSample>
     void RestartWithinASample(Thread&& receiver, const Sync& sync, SendSample send) {
-        using enum PartSocket::Part;
-        for (const auto part : {BUT_LAST, LAST}) {
+        for (const std::size_t first : {std::size_t{0}, std::size_t{1}}) {
             receiver.Stop();
             receiver.Start().get();
-            m_socket.part = part;
+            m_socket.first = first;
+            m_socket.count = first == 0 ? 1 : std::dynamic_extent;
             send(7);
         }
-        m_socket.part = ALL;
+        m_socket.first = 0;
         send(8);
         EXPECT_TRUE(Eventually([&] { return sync.GetSampleId() == 8; }));
         receiver.Stop();
