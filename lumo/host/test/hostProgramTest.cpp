@@ -93,15 +93,15 @@ protected:
 };
 
 TEST_F(HostProgram, ServesCommandsUntilStop) {
+    WriteDocument(
+        "host: {priority: 1}\n"
+        "cfg: {m4: {output: [{busy: false, priority: 0, ip_dest: 127.0.0.1, udp_dest: 9}]}}\n");
     StartWithSocket();
-    EXPECT_THAT(Ask("status"), StartsWith(R"({"mode":"TEL_DRIVEN","camera":"IMG_GP1","source":"OFF",)"));
-    EXPECT_EQ(Ask("mode HIGH_ORDER_CASCADE"), "ok\n");  // a variant, which needs no handover
-    EXPECT_THAT(Ask("status"), HasSubstr(R"("handover_running":false,"mode_to_be_set_again":false,)"));
+    EXPECT_THAT(Ask("status"), HasSubstr(R"({"name":"M4Output","cpu":-1,"busy":false,"priority":0,)"));
     EXPECT_EQ(Ask("mode INS_DRIVEN_CASCADE WFS_GP2"), "ok\n");
     EXPECT_THAT(Ask("status"),
                 AllOf(StartsWith(R"({"mode":"INS_DRIVEN_CASCADE","camera":"WFS_GP2","source":"NONE",)"),
                       HasSubstr(R"("handover_state":1,"handover_running":true,)"),
-                      HasSubstr(R"({"name":"M4_OUTPUT","valid":false,"samples":0,)"),
                       HasSubstr(R"("text":"handover state 1"})")));
     EXPECT_EQ(Ask("camera IMG_GP3"), "ok\n");
     EXPECT_THAT(Ask("status"), HasSubstr(R"("mode":"INS_DRIVEN_CASCADE","camera":"IMG_GP3")"));
@@ -111,7 +111,6 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
     EXPECT_THAT(Ask("status"), HasSubstr(R"("gp_centering":false)"));
     for (const char* no_camera : {"reference", "reference 120 120 8 8", "centroiding", "centroiding cog"})
         EXPECT_THAT(Ask(no_camera), HasSubstr(" no imaging camera")) << no_camera;
-    EXPECT_THAT(Ask("nonsense"), StartsWith("error: "));
     ExpectToStop();
     EXPECT_EQ(Errors(), "");
     EXPECT_NE(::access((m_dir / "sock").c_str(), F_OK), 0);
@@ -119,22 +118,6 @@ TEST_F(HostProgram, ServesCommandsUntilStop) {
     const std::size_t handover = log.find("starting handover sequence");
     EXPECT_NE(handover, std::string::npos);
     EXPECT_EQ(handover, log.rfind("starting handover sequence"));
-}
-
-TEST_F(HostProgram, ShowsWhatItFoundOnTheMachineAndWhatItGaveItsThreads) {
-    WriteDocument(
-        "host: {priority: 1}\n"
-        "cfg: {m4: {output: [{busy: false, priority: 0, ip_dest: 127.0.0.1, udp_dest: 9}]}}\n");
-    StartWithSocket();
-    EXPECT_THAT(Ask("status"), HasSubstr(R"({"name":"M4Output","cpu":-1,"busy":false,"priority":0,)"));
-    ExpectToStop();
-    EXPECT_THAT(Output(), HasSubstr("real-time priority not asked for; TAI offset "));
-    timespec tai{};
-    timespec utc{};
-    ::clock_gettime(CLOCK_REALTIME, &utc);
-    ::clock_gettime(CLOCK_TAI, &tai);
-    EXPECT_EQ(Output().find("The kernel does not know how far TAI") != std::string::npos,
-              tai.tv_sec - utc.tv_sec < 10);
 }
 
 TEST_F(HostProgram, StopsCleanlyAtASignal) {
@@ -174,9 +157,8 @@ TEST_F(HostProgram, TakesCommandsFromStandardInput) {
 }
 
 TEST_F(HostProgram, RunsOnWhenItsOutputIsLostOrClosed) {
-    m_input = m_dir.Put("in", "status\nstatus\n");
     m_output = "/dev/full";
-    StartWithSocket({"--stdin"});
+    StartWithSocket();
     EXPECT_THAT(Ask("status"), StartsWith("{"));
     ExpectToStop();
     m_closed = {STDIN_FILENO, STDOUT_FILENO};
@@ -198,11 +180,10 @@ TEST_F(HostProgram, OpensItsLogFileAgainAtAHangUp) {
 }
 
 TEST_F(HostProgram, SetUpFailureIsOneLineAndOneErrorOfTheLog) {
-    for (const std::string stream :
-         {"output:\n      - {ip_dest: 127.0.0.1}",  // refused for its keys
-          "input:\n      - {busy: true, listen_ip: 127.0.0.1, iface_name: nowhere0, "
-          "listen_udp: 9}"}) {  // refused by the endpoint
-        WriteDocument("cfg:\n  m4:\n    " + stream + "\n");
+    for (const std::string element :
+         {"{ip_dest: 127.0.0.1}",  // refused for its keys
+          "{busy: true, ip_dest: 127.0.0.1, udp_dest: 9, ip_src: 192.0.2.1}"}) {  // by the endpoint
+        WriteDocument("cfg:\n  m4:\n    output:\n      - " + element + "\n");
         EXPECT_EQ(ExitCodeOf({m_document}), 1);
         const std::string errors = Errors();
         EXPECT_THAT(errors, StartsWith("vosk-host: "));
@@ -212,30 +193,21 @@ TEST_F(HostProgram, SetUpFailureIsOneLineAndOneErrorOfTheLog) {
         EXPECT_NE(log.find(" ERROR "), std::string::npos);
         EXPECT_EQ(log.find(" ERROR "), log.rfind(" ERROR "));
     }
-    EXPECT_EQ(ExitCodeOf({m_dir / "nowhere"}), 1);
-    EXPECT_THAT(Errors(), HasSubstr("nowhere"));
 }
 
-TEST_F(HostProgram, PrintsItsVersionAndRefusesAWrongCommandLine) {
-    EXPECT_EQ(ExitCodeOf({"--version"}), 0);
-    EXPECT_THAT(Output(), testing::MatchesRegex("vosk-host [0-9]+[.][0-9]+[.][0-9]+\n"));
+TEST_F(HostProgram, RefusesAWrongCommandLine) {
     EXPECT_EQ(ExitCodeOf({}), 2);
-    for (const auto& [option, value] :
-         {std::pair{"--no-such-option", "1"}, {"--log-level", "loud"}, {"--shm-prefix", "a/b"}}) {
-        EXPECT_EQ(ExitCodeOf({m_document, option, value}), 2) << option;
-        EXPECT_THAT(Errors(), StartsWith("vosk-host: "));
-    }
+    for (const char* option : {"--no-such-option", "--log-level"})
+        EXPECT_EQ(ExitCodeOf({m_document, option, "loud"}), 2) << option;
 }
 
 TEST_F(HostProgram, CheckPrintsAllAndFailsOnAProblemOnly) {
     WriteDocument("cfg: {resamplers: [text]}\n");
     EXPECT_EQ(ExitCodeOf({"check", m_document}), 0);
     EXPECT_THAT(Output(), AllOf(HasSubstr(":1: cfg.resamplers[0]: warning: "), EndsWith("No problems.\n")));
-
-    WriteDocument("cfg:\n  m4:\n    output:\n      - {ip_dest: 127.0.0.1}\n  m44: 1\n");
+    WriteDocument("cfg:\n  m44: 1\n");
     EXPECT_EQ(ExitCodeOf({"check", m_document}), 1);
-    EXPECT_THAT(Output(), AllOf(HasSubstr(":4: cfg.m4.output[0].busy: "),
-                                EndsWith(":5: cfg.m44: nothing reads this key\n")));
+    EXPECT_THAT(Output(), EndsWith(":2: cfg.m44: nothing reads this key\n"));
     EXPECT_EQ(Errors(), "");
 }
 

@@ -52,10 +52,6 @@ protected:
         config.ParseText(text, "test.yaml");
         m_library.SetupThreads(config);
     }
-    std::string RefusalOf(const std::string& cfg) {
-        return TextOf([&] { SetUpThreads("cfg: " + cfg); });
-    }
-
     std::vector<std::string> ThreadNames() const {
         std::vector<std::string> names;
         for (const auto& [name, thread] : m_library.GetThreads()) names.push_back(name);
@@ -66,31 +62,22 @@ protected:
     OpenLibMain m_library{vosk::test::UniqueName() + "_"};
 };
 
-constexpr const char* OUTPUT = "{busy: false, ip_dest: 127.0.0.1, udp_dest: 47001}";
-
 TEST_F(LibMainTest, EmptyDocumentMakesNoThreadAndNoDocumentIsRefused) {
-    for (const char* text : {"cfg: {}", "cfg:"}) {
-        SetUpThreads(text);
-        m_library.StartThreads();
-        EXPECT_THAT(ThreadNames(), IsEmpty());
-        m_library.StopThreads();
-    }
+    SetUpThreads("cfg:");
+    m_library.StartThreads();
+    EXPECT_THAT(ThreadNames(), IsEmpty());
     EXPECT_THROW(m_library.SetupThreads(gim::Config{}), std::runtime_error);
     EXPECT_THROW(SetUpThreads("cfg: 5"), std::runtime_error);
 }
 
 TEST_F(LibMainTest, EmptiesTheRegistriesThenMakesTheStreamsAndStartsThemAgainAfterAStop) {
-    SetUpThreads("cfg: {ao: {wavefront_cmd_stream: [" + ReceiverKeys(0) + "]}, m4: {output: [" + OUTPUT +
-                 "], input: [" + ReceiverKeys(1) + "], feedback: [" + ReceiverKeys(2) +
+    const auto former = Get<FsRefDataSync>();
+    SetUpThreads("cfg: {ao: {wavefront_cmd_stream: [" + ReceiverKeys(0) +
+                 "]}, m4: {output: [{busy: false, ip_dest: 127.0.0.1, udp_dest: 47001}], input: [" +
+                 ReceiverKeys(1) + "], feedback: [" + ReceiverKeys(2) +
                  "]}, resamplers: [{id: r, definition: []}]}");
-    const auto texts = m_log.Texts("");
-    auto next = texts.begin();
-    for (const char* text :
-         {"DataSyncManager::Reset()", "ResamplerManager::Reset()",
-          "ResamplerManager: found resampler configuration: r", "Setting up M4Output thread"}) {
-        next = std::find(next, texts.end(), text);
-        EXPECT_NE(next, texts.end()) << text;
-    }
+    EXPECT_NE(Get<FsRefDataSync>(), former);
+    EXPECT_THAT(m_log.Texts("ResamplerManager: found resampler configuration: r"), SizeIs(1));
     for (unsigned starts : {1U, 2U}) {
         m_library.StartThreads();
         m_library.StopThreads();
@@ -100,13 +87,10 @@ TEST_F(LibMainTest, EmptiesTheRegistriesThenMakesTheStreamsAndStartsThemAgainAft
 }
 
 TEST_F(LibMainTest, RefusesWhatIsNoSequenceAndWhatNoEndpointCanUse) {
-    const std::pair<std::string, std::string> cases[] = {
-        {std::string{"{m4: {output: "} + OUTPUT + "}}", "ERR: cfg.m4.output must be a sequence"},
-        {"{guide_probe: {vis_img: {camera_type: lisa}}}", "ERR: cfg.guide_probe.vis_img must be a sequence"},
-        {"{guide_probe: {vis_img: []}}", "no exception"},
-        {"{m4: {output: []}}", "Element with index 0 not defined in node cfg.m4.output"},
-        {"{m4: {input: [{busy: false}]}}", "Rx::Rx: udp_cfg.udp.listen is required"}};
-    for (const auto& [cfg, text] : cases) EXPECT_EQ(RefusalOf(cfg), text);
+    for (const char* streams : {"m4: {output: {busy: false, ip_dest: 127.0.0.1, udp_dest: 47001}}",
+                                "guide_probe: {vis_img: {camera_type: lisa}}",
+                                "m4: {output: []}", "m4: {input: [{busy: false}]}"})
+        EXPECT_THROW(SetUpThreads(std::string{"cfg: {"} + streams + "}"), std::runtime_error) << streams;
     // The text of each stands once in the log.
     EXPECT_EQ(m_log.Texts("Rx::Rx: udp_cfg.udp.listen is required", log4cplus::ERROR_LOG_LEVEL).size(), 1U);
     EXPECT_THAT(ThreadNames(), IsEmpty());
@@ -139,9 +123,7 @@ TEST_F(LibMainTest, AllThreadsTogetherHaveThreeSecondsToReport) {
     enter("A", 2s);
     enter("B", 4s);
     enter("C", 0s);  // never
-    const std::string text = "Thread B failed to start on time";
-    EXPECT_EQ(TextOf([this] { m_library.StartThreads(); }), text);
-    EXPECT_EQ(m_log.Count(log4cplus::ERROR_LOG_LEVEL, text), 1);
+    EXPECT_EQ(TextOf([this] { m_library.StartThreads(); }), "Thread B failed to start on time");
     EXPECT_EQ(bodies, 3);
 }
 
@@ -166,15 +148,11 @@ TEST_F(LibMainTest, StoppingPrintsTheStatisticsThatAreEnabled) {
 }
 
 TEST_F(LibMainTest, SimulationWantsFourTopics) {
-    for (const auto& [text, is_good] : {std::pair{"cfg:", true},
-                                        {"cfg: {}", true},
-                                        {"cfg: {ecmwfsim: 5}", true},
-                                        {"cfg: {ecmwfsim: {}}", true},
-                                        {"cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c, d]}]}}", true},
-                                        {"cfg: {ecmwfsim: {input: [{shm_topic: [a, b, c]}]}}", false}}) {
-        const auto refusal = TextOf([&, text = text] { m_library.SetupDataSync(CfgOf(text)); });
-        EXPECT_EQ(refusal == "no exception", is_good) << text;
-    }
+    const auto set_up = [this](const std::string& topics) {
+        m_library.SetupDataSync(CfgOf("cfg: {ecmwfsim: {input: [{shm_topic: " + topics + "}]}}"));
+    };
+    EXPECT_NO_THROW(set_up("[a, b, c, d]"));
+    EXPECT_THROW(set_up("[a, b, c]"), std::exception);
 }
 
 TEST_F(LibMainTest, ModeIsSwitchedBeforeTheCameraAndAPresentModeIsNoChange) {
@@ -184,11 +162,7 @@ TEST_F(LibMainTest, ModeIsSwitchedBeforeTheCameraAndAPresentModeIsNoChange) {
                             HasSubstr("Active camera FS change")));
     m_library.SetVoskMode(INS_DRIVEN_CASCADE, {});
     EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP2);
-    m_library.SetVoskMode(INS_DRIVEN_CASCADE, Camera::WFS_GP1);
-    EXPECT_EQ(m_library.GetActiveCameraFs(), Camera::WFS_GP1);
     EXPECT_THAT(m_log.Texts("starting handover sequence"), SizeIs(1));
-    EXPECT_THROW(m_library.SetVoskMode(static_cast<defs::VoskControlMode>(7), {}), std::runtime_error);
-    EXPECT_EQ(m_library.GetControlMode(), INS_DRIVEN_CASCADE);
 }
 
 }  // namespace
