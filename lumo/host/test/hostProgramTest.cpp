@@ -181,7 +181,7 @@ TEST_F(HostProgram, OpensItsLogFileAgainAtAHangUp) {
 
 TEST_F(HostProgram, SetUpFailureIsOneLineAndOneErrorOfTheLog) {
     for (const std::string element :
-         {"{ip_dest: 127.0.0.1}",  // refused for its keys
+         {"{ip_dest: 127.0.0.1}",                                                 // refused for its keys
           "{busy: true, ip_dest: 127.0.0.1, udp_dest: 9, ip_src: 192.0.2.1}"}) {  // by the endpoint
         WriteDocument("cfg:\n  m4:\n    output:\n      - " + element + "\n");
         EXPECT_EQ(ExitCodeOf({m_document}), 1);

@@ -108,9 +108,9 @@ TEST_F(Setters, GpaoAppliedSetpointIsZeroBehindItsData) {
 }
 
 TEST_F(Setters, PfsDataIsNarrowedByGuideProbe) {
-    const auto wire = BytesWith(312, {{44, {0x3F, 0xC0}},    // 0.125
-                                      {52, {0xBF, 0xC0}},    // -0.125
-                                      {252, {0x40, 0x20}},   // 8
+    const auto wire = BytesWith(312, {{44, {0x3F, 0xC0}},     // 0.125
+                                      {52, {0xBF, 0xC0}},     // -0.125
+                                      {252, {0x40, 0x20}},    // 8
                                       {304, {0x40, 0x08}}});  // 3
     const auto data =
         Written<PfsInputDataSync>(At(8), *FromBytes<pfs::PFSTargetData>(wire), 3U, At(8))->GetData();

@@ -153,9 +153,9 @@ TEST_F(M4OutputTest, PublishesTheSendPeriodEachFiveHundredthSample) {
     for (const std::string& message :
          vosk::test::Drain(common::shmif::ShmIf{}.GetPrefix() + "vosk_telemetry_queue"))
         lines.push_back(message.substr(message.rfind(' ') + 1).c_str());  // without its padding
-    EXPECT_THAT(lines, ElementsAre("m4_time_since_last_send_max_ms=0.02",
-                                   "m4_time_since_last_send_mean_ms=0.015",
-                                   "m4_time_since_last_send_stddev_ms=0.007"));
+    EXPECT_THAT(lines,
+                ElementsAre("m4_time_since_last_send_max_ms=0.02", "m4_time_since_last_send_mean_ms=0.015",
+                            "m4_time_since_last_send_stddev_ms=0.007"));
 }
 
 // A receiver whose cycles the test runs.
