@@ -30,7 +30,7 @@ std::pair<std::string, std::string> CalibrationPaths(const PliConfigInstanceNode
 void ReviewFiles(const PliConfigInstanceNode& section, std::size_t width, std::size_t height) {
     if (oru::configng::PliConfigReview::Current() == nullptr) return;
     for (const auto& [key, what] : {std::pair{"dark_path", "dark"}, {"flat_path", "flat"}}) {
-        oru::configng::Attempt(section[key], [&] {
+        oru::configng::Attempt(section[key], [&, key = key, what = what] {
             defs::AlignedFrame<float> image(width * height);
             common::LoadInto(image, section[key].As<std::string>(), {width, height}, what);
         });
