@@ -57,7 +57,7 @@ void FieldStabilizationOutput::Work(std::promise<void>& started) {
 
 bool FieldStabilizationOutput::RunCycle(time_point grid_point, std::uint32_t cycle) {
     m_record.timestamp = grid_point;
-    const bool got = Receive();
+    const bool got = Receive(grid_point + m_config.update_interval);
     if (!IsRunning()) return false;
     if (got) {
         if (m_record.sample_id != cycle) ++m_sample_id_mismatch;
@@ -79,10 +79,13 @@ bool FieldStabilizationOutput::RunCycle(time_point grid_point, std::uint32_t cyc
     return true;
 }
 
-// A record that could do harm counts as none: no limit stands between it and M5, MS and PFS.
-bool FieldStabilizationOutput::Receive() {
+// The read ends at the next grid point: without a flowgraph each cycle would else end a little later than the
+// one before. A record that could do harm counts as none: no limit stands between it and M5, MS and PFS.
+bool FieldStabilizationOutput::Receive(time_point next) {
+    const std::chrono::nanoseconds left = next - atomclk::AtomClk::now();
+    const auto limit = std::clamp<std::chrono::nanoseconds>(left, left.zero(), m_config.update_interval);
     Record received;
-    if (!m_channel->TimedReceive(&received, m_config.update_interval)) return false;
+    if (!m_channel->TimedReceive(&received, limit)) return false;
     if (!CanBeSent(received, atomclk::AtomClk::now())) {
         m_counts->unusable_flowgraph_records.fetch_add(1, std::memory_order_relaxed);
         return false;

@@ -214,6 +214,13 @@ TEST_F(FsOutput, SpreadsARecordAndRepeatsItUnderTheCycleWhileNoneThatIsUsableCom
     EXPECT_FALSE(m_ms.IsNewData());
 }
 
+// It would else wait a minute for the flowgraph, and the grid would run away from it.
+TEST_F(FlowgraphTest, AReadOfFsOutputEndsAtTheNextGridPoint) {
+    Running<FieldStabilizationOutput> output{
+        "{busy: false, shm_topic: fs_out, update_interval: 60000 ms, update_offset: 0 us}"};
+    EXPECT_TRUE(output.RunCycle(START - std::chrono::minutes{1}, 0));
+}
+
 // Small whole numbers, so that a product is exact in whatever order it is summed.
 Floats Numbers(std::size_t count, std::size_t step) {
     Floats numbers(count);

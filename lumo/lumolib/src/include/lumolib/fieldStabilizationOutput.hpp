@@ -22,7 +22,7 @@ class FieldStabilizationOutput
     : public FlowgraphThread<common::shmif::FieldStablizationTopicOut, common::shmif::ShmReaderRT> {
 public:
     struct Config {
-        std::chrono::milliseconds update_interval;  // also the limit of one read
+        std::chrono::milliseconds update_interval;  // also bounds one read
         std::chrono::microseconds update_offset;
     };
 
@@ -43,8 +43,8 @@ protected:
     void PublishTelemetry();
 
 private:
-    // Whether a new, usable record came.
-    bool Receive();
+    // Whether a new, usable record came before the next grid point.
+    bool Receive(time_point next);
 
     const Config m_config;
     const std::shared_ptr<MSOutputDataSync> m_ms_sync;
