@@ -1,8 +1,10 @@
 #include "judge/cameraAccount.hpp"
 
+#include "judge/cameraPictures.hpp"
 #include "report/plots.hpp"
 
 #include <fmt/format.h>
+#include <vosk/defs/sizes.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -20,10 +22,10 @@ public:
           m_seed(seed),
           m_facts(facts),
           m_name(vosk::to_string(scene.Settings().camera)),
-          m_accounts(AccountForFrames(facts, scene.Settings().kind)) {
-        const MethodTimeline methods(scene, TakesCommands() ? run.commands : std::vector<HostCommand>{});
-        m_errors = facts.published ? MeasureErrors(facts, m_accounts, scene, methods, run.start)
-                                   : MeasureLooks(facts, scene, methods, run.looks, run.start);
+          m_accounts(AccountForFrames(facts, scene.Settings().kind)),
+          m_methods(scene, TakesCommands() ? run.commands : std::vector<HostCommand>{}) {
+        m_errors = facts.published ? MeasureErrors(facts, m_accounts, scene, m_methods, run.start)
+                                   : MeasureLooks(facts, scene, m_methods, run.looks, run.start);
     }
 
     PeerAccount Describe() const {
@@ -49,6 +51,8 @@ public:
         account.sections = {Frames()};
         if (m_errors.values > 0 || m_errors.unpredicted > 0) account.sections.push_back(Errors());
         AddTimes(account);
+        AddPlots(account);
+        AddPictures(account);
         return account;
     }
 
@@ -107,18 +111,109 @@ private:
         return section;
     }
 
+    // Without the first frame, during which the host writes files.
     void AddTimes(PeerAccount& account) const {
         std::vector<double> transfer;
         for (const FrameRecord& frame : m_facts.frames)
             transfer.push_back(MicrosecondsOf(frame.sent - frame.begun));
-        std::vector<double> latency;
-        for (std::size_t i = 0; i < m_facts.results.size(); ++i)
-            if (m_accounts.frame_of[i])
-                latency.push_back(
-                    MicrosecondsOf(m_facts.results[i].seen - m_facts.frames[*m_accounts.frame_of[i]].sent));
         account.times = {{m_name + ": first packet to last", SpreadOf(std::move(transfer))}};
-        if (!latency.empty())
-            account.times.emplace_back(m_name + ": last packet to result", SpreadOf(std::move(latency)));
+        std::vector<double> time;
+        std::vector<double> latency;
+        for (std::size_t i = 0; i < m_facts.results.size(); ++i) {
+            if (m_accounts.frame_of[i].value_or(0) == 0) continue;
+            const FrameRecord& frame = m_facts.frames[*m_accounts.frame_of[i]];
+            time.push_back(m_run.SecondsSinceStart(frame.exposed));
+            latency.push_back(MicrosecondsOf(m_facts.results[i].seen - frame.sent));
+        }
+        if (latency.empty()) return;
+        account.times.emplace_back(m_name + ": last packet to result", SpreadOf(latency));
+        account.plots.push_back(
+            PlotOverTime(m_name + ": last packet sent to result seen", time, latency, Marks()));
+        account.plots.push_back(Histogram(m_name + ": distribution of that time", "frames", latency));
+    }
+
+    void AddPlots(PeerAccount& account) const {
+        const auto line = [&](const char* title, const std::vector<double>& found,
+                              const std::vector<double>& truth) {
+            account.plots.push_back({fmt::format("{}: {}", m_name, title),
+                                     "s after the start",
+                                     "pixels",
+                                     false,
+                                     {{"true", "c", PlotSeries::Style::Line, m_errors.time, truth, {}},
+                                      {"found", "bad", PlotSeries::Style::Dots, m_errors.time, found, {}}},
+                                     Marks()});
+        };
+        if (m_errors.time.empty()) return;
+        line("mean spot in x", m_errors.tip, m_errors.true_tip);
+        line("mean spot in y", m_errors.tilt, m_errors.true_tilt);
+        account.plots.push_back({m_name + ": error against the light",
+                                 "s after the start",
+                                 "pixels rms",
+                                 false,
+                                 {{"", "a", PlotSeries::Style::Line, m_errors.time, m_errors.rms, {}}},
+                                 Marks()});
+        account.plots.push_back({m_name + ": centroids less what theory expects",
+                                 "x, pixels",
+                                 "y, pixels",
+                                 false,
+                                 {{"", "a", PlotSeries::Style::Dots, m_errors.error_x, m_errors.error_y, {}}},
+                                 {}});
+        if (m_scene.IsWfs()) AddModes(account);
+    }
+
+    // The host shows slopes, not coefficients: these are the rig's own reconstruction from them.
+    void AddModes(PeerAccount& account) const {
+        constexpr std::uint32_t DEFOCUS = 2;
+        const std::uint32_t modes = defs::GPAO_CMD_SIZE;
+        const std::vector<float> matrix = MakeControlMatrix(m_scene.Grid(), modes);
+        PlotSeries found{"from the host's slopes", "bad", PlotSeries::Style::Dots, {}, {}, {}};
+        PlotSeries truth{"true", "c", PlotSeries::Style::Line, {}, {}, {}};
+        for (std::size_t i = 0; i < m_facts.results.size(); ++i) {
+            const auto slopes = m_facts.slopes_of(m_facts.results[i]);
+            if (!m_accounts.frame_of[i] || 2 * slopes.size() * modes != matrix.size()) continue;
+            const FrameRecord& frame = m_facts.frames[*m_accounts.frame_of[i]];
+            double sum = 0.0;
+            for (std::size_t j = 0; j < slopes.size(); ++j)
+                sum += double{matrix[2 * j * modes + DEFOCUS]} * slopes[j].x +
+                       double{matrix[(2 * j + 1) * modes + DEFOCUS]} * slopes[j].y;
+            found.x.push_back(m_run.SecondsSinceStart(frame.exposed));
+            found.y.push_back(sum / m_scene.Settings().pixels_per_radian);
+            truth.y.push_back(m_scene.CoefficientsAt(frame.view.light)[DEFOCUS]);
+        }
+        truth.x = found.x;
+        account.plots.push_back(
+            {m_name + ": third mode", "s after the start", "radians", false, {truth, found}, Marks()});
+    }
+
+    void AddPictures(PeerAccount& account) const {
+        for (std::size_t i = m_facts.results.size(); i-- > 0;) {
+            const ResultRecord& result = m_facts.results[i];
+            const auto slopes = m_facts.slopes_of(result);
+            if (slopes.empty() || !m_accounts.frame_of[i]) continue;
+            const FrameRecord& frame = m_facts.frames[*m_accounts.frame_of[i]];
+            const Centroiding* const centroiding = m_methods.Find(frame.sent, result.seen);
+            if (centroiding == nullptr) continue;
+            account.pictures.push_back(DrawFrame(m_scene, m_seed, frame, slopes, centroiding->regions));
+            if (m_scene.IsWfs()) account.pictures.push_back(DrawSlopes(m_scene, frame, slopes));
+            return;
+        }
+    }
+
+    bool Concerns(const StepAction& action) const {
+        const auto is_this = [&](const auto& step) {
+            if constexpr (requires { step.camera; }) return step.camera == m_scene.Settings().camera;
+            return false;
+        };
+        const bool is_command =
+            std::holds_alternative<SetCentroiding>(action) || std::holds_alternative<SetReference>(action);
+        return std::visit(is_this, action) || (is_command && TakesCommands());
+    }
+
+    std::vector<PlotMark> Marks() const {
+        std::vector<PlotMark> marks;
+        for (const Step& step : m_scenario.steps)
+            if (Concerns(step.action)) marks.push_back({step.at.count(), ToString(step)});
+        return marks;
     }
 
     const Scenario& m_scenario;
@@ -128,6 +223,7 @@ private:
     const CameraFacts& m_facts;
     const std::string m_name;
     const FrameAccounts m_accounts;
+    const MethodTimeline m_methods;
     SpotErrors m_errors;
 };
 

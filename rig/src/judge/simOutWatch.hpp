@@ -2,8 +2,9 @@
 
 // Watches a camera's mailbox in shared memory from outside: a thread that takes each result as it appears.
 // The host publishes without waiting for anybody, so a result counts only if two copies of it agree and no
-// newer one appeared meanwhile. It attaches as nobody's reader, and reads the region by its documented
-// layout.
+// newer one appeared meanwhile. A host that is held up in the middle of a record would still deceive it, if
+// the watch is a whole frame late at that moment. It attaches as nobody's reader, and reads the region by its
+// documented layout.
 
 #include "peers/appendLog.hpp"
 #include "peers/cameraRecords.hpp"
