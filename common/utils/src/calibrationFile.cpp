@@ -55,16 +55,9 @@ std::string ReadCalibration(const std::string& name, const std::string& what, co
     }
 }
 
-std::vector<float> LoadFiniteMatrix(const std::string& name, std::size_t naxis1, std::size_t naxis2,
-                                    const std::string& what) {
-    const Fits::Dims dims{{naxis1, naxis2}};
-    std::vector<float> matrix;
-    ReadCalibration(name, what, dims, [&](const Fits::Handle& file) {
-        matrix = Fits::ReadImg<float>(file, dims);
-        if (!std::ranges::all_of(matrix, [](float value) { return std::isfinite(value); }))
-            throw std::runtime_error("a value is not finite");
-    });
-    return matrix;
+void RequireFinite(std::span<const float> matrix) {
+    if (!std::ranges::all_of(matrix, [](float value) { return std::isfinite(value); }))
+        throw std::runtime_error("a value is not finite");
 }
 
 }  // namespace vosk::common

@@ -31,7 +31,7 @@ GpaoInput::Config GpaoInput::Configure(const oru::configng::PliConfigInstanceNod
 }
 
 std::vector<float> GpaoInput::LoadIns2Gpao(const std::string& path) {
-    return common::LoadFiniteMatrix(path, defs::GPAO_CMD_SIZE, defs::M4_CMD_SIZE, "Ins2Gpao");
+    return common::LoadFiniteMatrix<>(path, defs::GPAO_CMD_SIZE, defs::M4_CMD_SIZE, "Ins2Gpao");
 }
 
 void GpaoInput::ProjectionIns2Gpao(std::span<const float, INS2GPAO_SIZE> ins2gpao,

@@ -29,7 +29,7 @@ GpaoOutput::Config GpaoOutput::Configure(const oru::configng::PliConfigInstanceN
 }
 
 std::vector<float> GpaoOutput::LoadGpao2Ins(const std::string& path) {
-    return common::LoadFiniteMatrix(path, defs::INS_CMD_SIZE, defs::GPAO_CMD_SIZE, "Gpao2Ins");
+    return common::LoadFiniteMatrix<>(path, defs::INS_CMD_SIZE, defs::GPAO_CMD_SIZE, "Gpao2Ins");
 }
 
 void GpaoOutput::ProjectionGpao2Ins(std::span<const float, GPAO2INS_SIZE> gpao2ins,

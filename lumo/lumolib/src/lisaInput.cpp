@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cmath>
 
 namespace vosk::lumo {
 
@@ -125,6 +126,8 @@ void WfsLisaInput::ReadConfiguration(const PliConfigInstanceNode& node) {
                fmt::format("{}: Unexpected size of modes2tt_matrix, expected: {}, got: {}", m_name, VALUES,
                            m_modes2tt.size()));
     }
+    if (!std::ranges::all_of(m_modes2tt, [](float value) { return std::isfinite(value); }))
+        Refuse(node, "modes2tt_matrix", m_name + ": modes2tt_matrix holds a value that is not finite");
     if (configuration && m_pool.GetSize() != 0) {
         BalancePool(node);
     } else {  // under a review

@@ -46,13 +46,12 @@ void RequirePlane(const PliConfigInstanceNode& node, const ImageFile& image) {
         fmt::format("Unexpecded dimensions for {}, expected: 2D, got: {}D", image.path, image.axes.size()));
 }
 
-template <class T, class... Alternatives>
-std::vector<T> Load(const PliConfigInstanceNode& node, const ImageFile& image, std::size_t naxis1,
-                    std::size_t naxis2, const char* what) {
-    std::vector<T> values;
-    if (!image.IsUsable()) return values;  // under a review
-    Attempt(node[image.key],
-            [&] { values = common::LoadMatrix<T, Alternatives...>(image.path, naxis1, naxis2, what); });
+// The values of an image as load(path) gives them; none under a review.
+template <class Load>
+auto Read(const PliConfigInstanceNode& node, const ImageFile& image, const Load& load) {
+    decltype(load(image.path)) values;
+    if (!image.IsUsable()) return values;
+    Attempt(node[image.key], [&] { values = load(image.path); });
     return values;
 }
 
@@ -80,11 +79,16 @@ std::optional<WfsConfiguration> ReadWfsConfiguration(const PliConfigInstanceNode
                fmt::format("Unexpecded X (columns) dimension for {}, expected: {}, got: {}", control.path,
                            2 * count, control.axes[0]));
     }
-    const auto edges = Load<std::uint16_t, std::uint32_t, long>(node, rois, 4, count, "ROI");
-    const auto points = Load<float, double>(node, references, 2, count, "reference point");
+    const auto edges = Read(node, rois, [&](const std::string& path) {
+        return common::LoadMatrix<std::uint16_t, std::uint32_t, long>(path, 4, count, "ROI");
+    });
+    const auto points = Read(node, references, [&](const std::string& path) {
+        return common::LoadMatrix<float, double>(path, 2, count, "reference point");
+    });
     WfsConfiguration configuration;
-    configuration.control_matrix =
-        Load<float, double>(node, control, 2 * count, defs::GPAO_CMD_SIZE, "control matrix");
+    configuration.control_matrix = Read(node, control, [&](const std::string& path) {
+        return common::LoadFiniteMatrix<double>(path, 2 * count, defs::GPAO_CMD_SIZE, "control matrix");
+    });
     if (edges.size() != 4 * count || points.size() != 2 * count) return std::nullopt;
     Attempt(node[rois.key], [&] {
         for (std::size_t i = 0; i < count; ++i) {

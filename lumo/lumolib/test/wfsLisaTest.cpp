@@ -161,6 +161,8 @@ TEST_F(WfsLisa, SharesRoisAsFarAsTheyGo) {
             << count << ", " << workers;
     }
     EXPECT_THROW(WfsLisaInput{WfsNode(1090, 2)}, std::bad_alloc);
+    EXPECT_THAT(vosk::test::TextOf([&] { WfsLisaInput{WfsNode(1, 1, {NAN})}; }),
+                testing::EndsWith("a value is not finite"));
     const auto node = WfsNode(2, 1);
     WriteFits(directory / "control.fits", std::vector<float>(MODES * 4), {MODES, 4});
     EXPECT_THAT(vosk::test::TextOf([&] { WfsLisaInput{node}; }),

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -35,9 +36,21 @@ std::vector<T> LoadMatrix(const std::string& name, std::size_t naxis1, std::size
     return matrix;
 }
 
-// The matrix of floats of exactly these axes, as LoadMatrix; refused if a value is not finite.
+// Throws std::runtime_error if a value is infinite or NaN.
+void RequireFinite(std::span<const float> matrix);
+
+// As LoadMatrix, of floats; refused if a value is infinite or NaN.
+template <class... Alternatives>
 std::vector<float> LoadFiniteMatrix(const std::string& name, std::size_t naxis1, std::size_t naxis2,
-                                    const std::string& what);
+                                    const std::string& what) {
+    const Fits::Dims dims{{naxis1, naxis2}};
+    std::vector<float> matrix;
+    ReadCalibration(name, what, dims, [&](const Fits::Handle& file) {
+        matrix = Fits::ReadImg<float, Alternatives...>(file, dims);
+        RequireFinite(matrix);
+    });
+    return matrix;
+}
 
 // The image of exactly these axes into a container of its size and element type. Returns the file's full
 // path.
