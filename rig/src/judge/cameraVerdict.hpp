@@ -75,6 +75,7 @@ struct SpotErrors {
     std::vector<double> error_x;  // of some spots, for a picture
     std::vector<double> error_y;
     std::uint64_t values = 0;       // that theory predicts
+    std::uint64_t distinct = 0;     // of them; a ring shows the same noise again and again
     double squares = 0.0;           // of errors in units of the noise
     double error_squares = 0.0;     // against the light
     double expected_squares = 0.0;  // the same as theory has it

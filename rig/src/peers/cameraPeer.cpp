@@ -208,7 +208,7 @@ void CameraPeer::Run() {
             ++m_overruns;
             continue;
         }
-        SendFrame(frame, exposed);
+        SendFrame(frame, number, exposed);
     }
 }
 
@@ -219,7 +219,6 @@ const CameraPeer::Frame& CameraPeer::NextFrame(std::uint64_t number, time_point 
 }
 
 void CameraPeer::Render(Frame& frame, std::uint64_t number, time_point exposed) {
-    frame.number = number;
     frame.window = WantedWindow();
     frame.view = m_scene->ViewOf(number, exposed - m_first);
     m_scene->SpotsAt(frame.view.light, m_spots);
@@ -229,13 +228,12 @@ void CameraPeer::Render(Frame& frame, std::uint64_t number, time_point exposed) 
                       frame.raw);
 }
 
-void CameraPeer::SendFrame(const Frame& frame, time_point exposed) {
+void CameraPeer::SendFrame(const Frame& frame, std::uint64_t number, time_point exposed) {
     FrameRecord* const record = m_log.Append();
     if (record == nullptr) return;
     const std::optional<Fault> fault = m_faults.Next(exposed - m_first);
-    *record = {
-        frame.number, frame.view, frame.window,       exposed,
-        {},           {},         m_next_sample_id++, fault ? std::optional(fault->kind) : std::nullopt};
+    *record = {number, frame.view, frame.window,       exposed,
+               {},     {},         m_next_sample_id++, fault ? std::optional(fault->kind) : std::nullopt};
     if (fault && fault->kind == FaultKind::WrongSampleId) record->sample_id += WRONG_ID_STEP;
     if (fault && fault->kind == FaultKind::Delay) SleepUntil(exposed + fault->delay);
     if (fault && IsOfPackets(fault->kind)) m_faulty.Arm(*fault);

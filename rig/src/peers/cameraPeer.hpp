@@ -43,7 +43,6 @@ public:
 private:
     // A frame that is ready to be sent.
     struct Frame {
-        std::uint64_t number = 0;
         CameraScene::View view{};
         PixelWindow window;
         std::vector<std::uint16_t> raw;
@@ -67,7 +66,7 @@ private:
     void Run();
     void Render(Frame& frame, std::uint64_t number, time_point exposed);
     const Frame& NextFrame(std::uint64_t number, time_point exposed);
-    void SendFrame(const Frame& frame, time_point exposed);
+    void SendFrame(const Frame& frame, std::uint64_t number, time_point exposed);
     std::error_code SendSample(const Frame& frame, const FrameRecord& record);
 
     const Scenario& m_scenario;
