@@ -1,7 +1,5 @@
 #include "cameraBench.hpp"
 
-#include <vosk/test/allocationCount.hpp>
-
 namespace vosk::lumo {
 namespace {
 
@@ -183,14 +181,6 @@ TEST_F(WfsLisa, ChangesTheMethodOfAllWorkersOrOfNone) {
     EXPECT_EQ(options(), (std::tuple{5, 0.0F, 2}));
     input.SetCOptions(1, 3.5F, 9);
     EXPECT_EQ(options(), (std::tuple{0, 3.5F, 1}));
-}
-
-TEST_F(WfsLisa, AllocatesNothingForAFrame) {
-    Start(WfsNode(100, 2, {}, ", sim_out: true, shm_topic: slopes"));
-    for (unsigned frame = 1; frame <= 3; ++frame) Process(frame);
-    const auto before = vosk::test::AllocationsOfAllThreads();
-    for (unsigned frame = 4; frame <= 6; ++frame) Process(frame);
-    EXPECT_EQ(vosk::test::AllocationsOfAllThreads(), before);
 }
 
 }  // namespace
