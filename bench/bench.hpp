@@ -30,6 +30,7 @@ std::vector<Row> BenchCentroiding();
 std::vector<Row> BenchCleanAndCentroid();
 std::vector<Row> BenchFrameCleaning();
 std::vector<Row> BenchResampling();
+std::vector<Row> BenchCameras();
 
 // The value below which a fraction of the samples lies; the samples are reordered.
 template <class T>

@@ -2,10 +2,9 @@
 // asleep in between, against the least that the same road costs (the same packets, the same three threads,
 // the matrix streamed twice) with nothing else done on it.
 
+#include "bare.hpp"
 #include "bench.hpp"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -176,41 +175,6 @@ private:
 };
 
 // ---- The bare road ----------------------------------------------------------------------------------------
-
-// A bound UDP socket on the loopback interface with blocking calls.
-class BareSocket {
-public:
-    BareSocket() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        m_address.sin_family = AF_INET;
-        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof m_address;
-        auto* address = reinterpret_cast<sockaddr*>(&m_address);
-        if (m_fd < 0 || bind(m_fd, address, length) != 0 || getsockname(m_fd, address, &length) != 0)
-            throw std::runtime_error("no socket on the loopback interface");
-        // A lost packet ends the run, it doesn't hang it.
-        const timeval patience{.tv_sec = 10, .tv_usec = 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    }
-    ~BareSocket() { close(m_fd); }
-    BareSocket(const BareSocket&) = delete;
-    BareSocket& operator=(const BareSocket&) = delete;
-
-    void SendTo(const BareSocket& peer, std::span<const std::byte> packet) const {
-        if (sendto(m_fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&peer.m_address),
-                   sizeof peer.m_address) < 0)
-            throw std::runtime_error("a packet can't be sent");
-    }
-    // An empty packet is the sign to stop.
-    bool Receive(std::span<std::byte> packet) const {
-        const ssize_t size = recv(m_fd, packet.data(), packet.size(), 0);
-        if (size < 0) throw std::runtime_error("a packet was lost on the loopback interface");
-        return size > 0;
-    }
-
-private:
-    int m_fd;
-    sockaddr_in m_address{};
-};
 
 // Hands a number from one thread to the next; the receiver sleeps in the kernel.
 class Step {

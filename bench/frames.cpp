@@ -30,7 +30,6 @@ namespace {
 constexpr std::size_t WIDTH = Geometry::WIDTH;
 constexpr std::size_t HEIGHT = Geometry::HEIGHT;
 constexpr std::size_t RAW_WIDTH = Geometry::SCRAMBLED_WIDTH;
-constexpr std::size_t SIDE = 32;  // regions by regions
 constexpr std::size_t LEFT = 36;  // of all regions
 constexpr std::size_t TOP = 24;
 constexpr std::size_t DARK_COLUMNS = 20;  // at each side
@@ -129,11 +128,11 @@ Roi WholeFrame(std::size_t width, std::size_t height) {
     return {0, x, 0, y, x, y, 0.0, 0.0};
 }
 
-std::vector<Roi> Regions(std::uint16_t size) {
+std::vector<Roi> Regions(std::uint16_t size, std::size_t columns) {
     std::vector<Roi> rois;
-    for (std::size_t i = 0; i < SIDE * SIDE; ++i) {
-        const auto left = static_cast<std::uint16_t>(LEFT + i % SIDE * size);
-        const auto top = static_cast<std::uint16_t>(TOP + i / SIDE * size);
+    for (std::size_t i = 0; i < columns * columns; ++i) {
+        const auto left = static_cast<std::uint16_t>(LEFT + i % columns * size);
+        const auto top = static_cast<std::uint16_t>(TOP + i / columns * size);
         rois.emplace_back(left, static_cast<std::uint16_t>(left + size), top,
                           static_cast<std::uint16_t>(top + size), WIDTH, HEIGHT, left + size / 2.0,
                           top + size / 2.0);

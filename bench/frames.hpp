@@ -71,8 +71,8 @@ struct LisaFrame {
 };
 
 image_processing::Roi WholeFrame(std::size_t width, std::size_t height);
-// 32 x 32 regions of a LISA frame, side by side.
-std::vector<image_processing::Roi> Regions(std::uint16_t size);
+// Regions of a LISA frame, side by side, in as many rows as columns.
+std::vector<image_processing::Roi> Regions(std::uint16_t size, std::size_t columns = 32);
 std::size_t PixelsOf(std::span<const image_processing::Roi> rois);
 
 // An estimator and its plain form.

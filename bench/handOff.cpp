@@ -2,19 +2,13 @@
 // the thread pool, against the barest means there are. For the flag two threads on CPUs of their own play
 // ping-pong; a hand-over is half a round trip. For the pool a run wakes all workers and joins them.
 
-#include <nodepin/nodepin.hpp>
+#include "bare.hpp"
+#include "bench.hpp"
 
-#include <linux/futex.h>
-#include <sched.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 #include <vosk/common/numaThreadPool.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
 
-#include <atomic>
 #include <thread>
-
-#include "bench.hpp"
 
 namespace vosk::bench {
 namespace {
@@ -37,53 +31,6 @@ private:
     const int m_running = 1;
     common::WaitSynchronizerFlag m_flag{Busy};
 };
-
-class SpinLink {
-public:
-    void Signal() { m_ready.store(1, std::memory_order_release); }
-    void Await() {
-        while (m_ready.load(std::memory_order_acquire) == 0) {
-        }
-        m_ready.store(0, std::memory_order_relaxed);
-    }
-
-private:
-    alignas(64) std::atomic<int> m_ready{0};
-};
-
-class FutexLink {
-public:
-    void Signal() {
-        m_ready.store(1, std::memory_order_release);
-        ::syscall(SYS_futex, &m_ready, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-    }
-    void Await() {
-        while (m_ready.load(std::memory_order_acquire) == 0) {
-            ::syscall(SYS_futex, &m_ready, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
-        }
-        m_ready.store(0, std::memory_order_relaxed);
-    }
-
-private:
-    alignas(64) std::atomic<int> m_ready{0};
-};
-
-// The CPUs that this process may use, at most three.
-std::vector<int> SomeCpus() {
-    cpu_set_t allowed;
-    ::sched_getaffinity(0, sizeof(allowed), &allowed);
-    std::vector<int> cpus;
-    for (int cpu = 0; cpu < CPU_SETSIZE && cpus.size() < 3; ++cpu) {
-        if (CPU_ISSET(static_cast<unsigned>(cpu), &allowed)) cpus.push_back(cpu);
-    }
-    return cpus;
-}
-
-nodepin::NumaPolicies OnCpu(int cpu) {
-    nodepin::NumaPolicies policies;
-    policies.cpu_affinity = nodepin::CpuAffinity::MakeBindCpu(cpu);
-    return policies;
-}
 
 // Appends microseconds a hand-over.
 template <class Link>
@@ -183,7 +130,7 @@ void ComparePool(const std::vector<int>& cpus, std::size_t workers, bool busy, c
 }  // namespace
 
 std::vector<Row> BenchHandOff() {
-    const std::vector<int> cpus = SomeCpus();
+    const std::vector<int> cpus = SomeCpus(3);
     if (cpus.size() < 2) return {};
     std::vector<Row> rows;
     Compare<FlagLink<true>, SpinLink>(cpus, SPINNING_ROUNDS, "hand-over, spinning", "bare atomic spin", rows);

@@ -1,4 +1,5 @@
 #include "bench.hpp"
+#include "cameraSender.hpp"
 
 #include <pktwire/lspx.hpp>
 
@@ -20,12 +21,6 @@ constexpr std::uint64_t SOCKET_BUFFER = 64U << 20U;
 constexpr int WARM_UP = 20;
 constexpr int ROUNDS = 300;
 
-struct Camera {
-    std::string name;
-    std::uint16_t num_frames;
-    std::uint32_t pixels;
-};
-
 struct LargeSocket {
     static pktwire::UdpRxSocket::Config Config() {
         pktwire::UdpRxSocket::Config config;
@@ -35,42 +30,6 @@ struct LargeSocket {
     }
 
     pktwire::UdpRxSocket socket{Config(), nullptr};
-};
-
-struct Sending {
-    Sending(const Camera& camera, std::uint16_t port)
-        : socket{UdpConfig(port), nullptr},
-          qudex{QudexConfig(camera), socket, nullptr},
-          lspx{LspxConfig(camera), qudex},
-          frame(std::size_t{camera.pixels} * 2) {}
-
-    static pktwire::UdpTxSocket::Config UdpConfig(std::uint16_t port) {
-        pktwire::UdpTxSocket::Config config;
-        config.ip.dst = pktwire::Ipv4{"127.0.0.1"};
-        config.udp.dst = port;
-        return config;
-    }
-    static pktwire::qudex::Sender::Config QudexConfig(const Camera& camera) {
-        pktwire::qudex::Sender::Config config;
-        config.num_frames = camera.num_frames;
-        return config;
-    }
-    static pktwire::lspx::Sender::Config LspxConfig(const Camera& camera) {
-        pktwire::lspx::Sender::Config config;
-        config.leader_extended_info_size = 8;
-        config.frame_size = camera.pixels;
-        return config;
-    }
-
-    void SendFrame() {
-        const std::array<std::byte, 8> info{};
-        if (lspx.SendSample(info, frame, {}, {}, {}, {})) throw std::runtime_error("the frame can't be sent");
-    }
-
-    pktwire::UdpTxSocket socket;
-    pktwire::qudex::Sender qudex;
-    pktwire::lspx::Sender lspx;
-    std::vector<std::byte> frame;
 };
 
 class Ours {
@@ -144,8 +103,8 @@ private:
 Row Measure(const Camera& camera) {
     Ours ours{camera};
     Bare bare{camera};
-    Sending to_ours{camera, ours.Port()};
-    Sending to_bare{camera, bare.Port()};
+    CameraSender to_ours{camera, ours.Port()};
+    CameraSender to_bare{camera, bare.Port()};
     std::vector<double> ours_us;
     std::vector<double> bare_us;
     for (int round = 0; round < WARM_UP + ROUNDS; ++round) {
@@ -165,8 +124,8 @@ Row Measure(const Camera& camera) {
 }  // namespace
 
 std::vector<Row> BenchLspxReceive() {
-    return {Measure({"1.6 MB in 206 packets", 206, 783360}),
-            Measure({"8.4 MB in 943 packets", 943, 4194304})};
+    return {Measure({"1.6 MB in 206 packets", 206, 783360, {}}),
+            Measure({"8.4 MB in 943 packets", 943, 4194304, {}})};
 }
 
 }  // namespace vosk::bench

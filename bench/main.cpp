@@ -2,6 +2,8 @@
 
 #include <cblas.h>
 #include <fmt/format.h>
+#include <sched.h>
+#include <nodepin/nodepin.hpp>
 
 #include <CLI/CLI.hpp>
 #include <fstream>
@@ -42,14 +44,25 @@ int main(int argc, char** argv) {
         {"centroiding", BenchCentroiding},
         {"clean-and-centroid", BenchCleanAndCentroid},
         {"resampling", BenchResampling},
+        {"cameras", BenchCameras},
     };
 
     CLI::App app{"Measures the library against bare forms and limits of the machine, in one run"};
     std::string only;
     app.add_option("--only", only,
                    "one of executor, hand-off, wait-until, latency, lspx, mailbox, cleaning, centroiding, "
-                   "clean-and-centroid, resampling");
+                   "clean-and-centroid, resampling, cameras");
+    int priority = 0;
+    app.add_option("--priority", priority,
+                   "real-time priority (SCHED_FIFO) of the threads, for a machine that has other work")
+        ->check(CLI::Range(0, nodepin::MAX_PRIORITY));
     CLI11_PARSE(app, argc, argv);
+    const sched_param parameters{priority};
+    if (priority != 0 && ::sched_setscheduler(0, SCHED_FIFO, &parameters) != 0) {
+        fmt::print(stderr, "The system refuses the priority {}\n", priority);
+        return 1;
+    }
+    nodepin::default_priority = priority;
 
     fmt::print("{}, OpenBLAS kernel {}\n\n", ProcessorName(), ::openblas_get_corename());
     fmt::print("{:<58} {:>10} {:<9} {:<46} {:>10} {:>7}\n", "what", "ours", "unit", "against", "reference",
