@@ -89,7 +89,9 @@ struct PfsOutputData {
 };
 
 // The telescope's pointing, in the order of pfs::TelPointingData. Until the first PFS measurement the M5
-// threads rotate with the pointing that stands here.
+// threads rotate with the pointing that stands here. It bears out what the values are: at the site's
+// latitude the first two, hour angle and declination, give the next two, azimuth (from north by east) and
+// zenith distance, to the last digit.
 struct PfsPointingData {
     std::array<double, 5> values{-1.3493615328852238, -0.4624148042720943, 1.9259871576545562,
                                  1.1978399934348485, 0.0};
