@@ -4,6 +4,7 @@
 #include "cameras/cameraFiles.hpp"
 #include "cameras/showFrame.hpp"
 #include "files.hpp"
+#include "peers/flowgraphProcess.hpp"
 #include "run.hpp"
 
 #include <fmt/format.h>
@@ -110,12 +111,21 @@ int Main(int argc, char** argv) {
         ->add_option("--frame", picture.frame,
                      "a FITS file with a raw frame to show instead of a rendered one")
         ->check(CLI::ExistingFile);
+    FlowgraphOptions flowgraph_options;
+    CLI::App* flowgraph = app.add_subcommand("flowgraph", "Of a run's own")->group("");
+    flowgraph->add_option("--prefix", flowgraph_options.shm_prefix)->required();
+    flowgraph->add_option("--gain", flowgraph_options.gain)->required();
+    flowgraph->add_option("--leak", flowgraph_options.leak)->required();
+    flowgraph->add_option("--priority", flowgraph_options.priority)->required();
+    flowgraph->add_option("--log", flowgraph_options.log)->required();
+    flowgraph->add_option("--life", flowgraph_options.life)->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
 
+    if (flowgraph->parsed()) return RunFlowgraph(flowgraph_options);
     if (make_data->parsed()) return MakeData(data);
     if (show_frame->parsed()) {
         ShowFrame(picture);

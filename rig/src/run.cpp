@@ -3,6 +3,7 @@
 #include "files.hpp"
 #include "host/hostProcess.hpp"
 #include "judge/aoLoop.hpp"
+#include "judge/fieldLoop.hpp"
 #include "judge/hostJudge.hpp"
 #include "peers/cameraPeer.hpp"
 #include "report/htmlReport.hpp"
@@ -126,6 +127,7 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
                                              const ModeTimeline& modes, Ports ports,
                                              const std::filesystem::path& files) {
     std::vector<std::unique_ptr<Peer>> peers = MakeCameras(scenario, files, ports);
+    if (scenario.streams) AddFieldPeers(scenario, ports, peers);
     if (!scenario.ao_loop) return peers;
     auto instrument = std::make_unique<Instrument>(scenario, ports);
     auto m4 = std::make_unique<M4Peer>(scenario, ports);

@@ -224,6 +224,22 @@ CameraSettings ReadCamera(const Section& section) {
     return camera;
 }
 
+StreamSettings ReadStreams(const Section& section) {
+    StreamSettings streams;
+    section.ReadDuration("interval", streams.interval);
+    if (streams.interval.count() < 1) section.Fail("'interval' is below 1 ms");
+    section.ReadInRange("gain", streams.gain, 0.0, 2.0);
+    section.ReadInRange("leak", streams.leak, 0.0, 1.0);
+    section.ReadDuration("m5_lag", streams.m5_lag);
+    if (streams.m5_lag.count() < 1) section.Fail("'m5_lag' is below 1 ms");
+    section.ReadInRange("disturbance", streams.disturbance, 0.0, 1e3);
+    section.ReadInRange("noise", streams.noise, 0.0, 1e3);
+    section.ReadDuration("margin", streams.margin);
+    section.ReadInRange("max_loop_error", streams.max_loop_error, 0.0, 10.0);
+    section.ReadInRange("min_rejection", streams.min_rejection, 0.0, 1e3);
+    return streams;
+}
+
 FaultRule ReadFault(const Section& section) {
     FaultRule rule;
     section.ReadName("stream", STREAMS, rule.stream);
@@ -284,6 +300,7 @@ Step ReadStep(const Section& section) {
         ++actions;
     };
     read_switch("m4", LIFE, [](bool value) { return SetM4Alive{value}; });
+    read_switch("flowgraph", LIFE, [](bool value) { return SetFlowgraphAlive{value}; });
     read_switch("instrument", SILENCE, [](bool value) { return SetInstrumentSilent{value}; });
     read_switch("commands", VALIDITY, [](bool value) { return SetCommandsValid{value}; });
     if (section.Has("host")) {
@@ -314,7 +331,8 @@ Step ReadStep(const Section& section) {
     }
     if (actions != 1)
         section.Fail(
-            "a step needs exactly one of 'mode', 'm4', 'instrument', 'commands', 'host', 'camera', "
+            "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'instrument', 'commands', 'host', "
+            "'camera', "
             "'centroiding', 'reference'");
     return step;
 }
@@ -357,7 +375,8 @@ Scenario ReadScenario(const Document& document) {
     root.ReadSection("light", [&](const Section& section) { ReadLight(section, scenario.light); });
     root.ReadList("cameras",
                   [&](const Section& section) { scenario.cameras.push_back(ReadCamera(section)); });
-    scenario.ao_loop = scenario.cameras.empty() || root.Has("instrument");
+    scenario.ao_loop = !root.Has("streams") && (scenario.cameras.empty() || root.Has("instrument"));
+    root.ReadSection("streams", [&](const Section& section) { scenario.streams = ReadStreams(section); });
     root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
     root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });
     root.ReadSection("expect", [&](const Section& section) { ReadExpectation(section, scenario.expect); });
@@ -397,6 +416,11 @@ std::chrono::nanoseconds CameraSettings::Period() const {
 
 std::size_t Scenario::ExpectedCommands() const {
     return static_cast<std::size_t>(instrument.rate * duration.count()) + 16;
+}
+
+std::size_t Scenario::LoopSamples() const {
+    // The host repeats commands, and peers may live a little longer.
+    return static_cast<std::size_t>(4.0 * (duration + Seconds{10.0}) / streams->interval);
 }
 
 Seconds Scenario::TimeWithSetpoints() const {
@@ -489,6 +513,9 @@ std::string ToString(const Step& step) {
         }
         std::string operator()(const SetInstrumentSilent& action) const {
             return action.silent ? "instrument silent" : "instrument sends";
+        }
+        std::string operator()(const SetFlowgraphAlive& action) const {
+            return action.alive ? "flowgraph starts" : "flowgraph is killed";
         }
         std::string operator()(const StopHost&) const { return "SIGTERM to the host"; }
         std::string operator()(const SetCameraSilent& action) const {

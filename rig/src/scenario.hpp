@@ -3,6 +3,8 @@
 // What one run of the bench telescope does: how the host is set up, how its peers behave, what happens when,
 // and what must hold in the end. Read once from a YAML file, constant afterwards.
 
+#include "streamSettings.hpp"
+
 #include <vosk/defs/controlMode.hpp>
 
 #include <array>
@@ -136,6 +138,9 @@ struct SetCommandsValid {
 struct SetInstrumentSilent {
     bool silent;
 };
+struct SetFlowgraphAlive {
+    bool alive;
+};
 struct StopHost {};
 struct SetCameraSilent {
     defs::Camera camera;
@@ -161,8 +166,8 @@ struct SetReference {
 };
 
 using StepAction =
-    std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, StopHost, SetCameraSilent,
-                 SetCameraRate, SetCameraWindow, SetCentroiding, SetReference>;
+    std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, SetFlowgraphAlive, StopHost,
+                 SetCameraSilent, SetCameraRate, SetCameraWindow, SetCentroiding, SetReference>;
 
 struct Step {
     Seconds at{0.0};
@@ -194,6 +199,7 @@ struct Scenario {
     bool ao_loop = true;  // instrument and M4 are there
     LightSettings light;
     std::vector<CameraSettings> cameras;
+    std::optional<StreamSettings> streams;  // field stabilisation and its peers, if they are there
     std::vector<FaultRule> faults;
     std::vector<Step> steps;  // in order of time
     Expectation expect;
@@ -202,6 +208,7 @@ struct Scenario {
     std::chrono::nanoseconds FeedbackPeriod() const;
     // At most, for logs that are sized before the run.
     std::size_t ExpectedCommands() const;
+    std::size_t LoopSamples() const;  // of field stabilisation, likewise
     // For how long setpoints are due: valid commands come, the instrument has control, host and M4 are there.
     Seconds TimeWithSetpoints() const;
     // Another length. As many setpoints less are expected as their time is shorter. Throws std::runtime_error

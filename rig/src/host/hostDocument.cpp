@@ -19,6 +19,15 @@ void HostDocument::AddInput(const std::string& group, const std::string& key, st
                     m_host.busy, port, topic));
 }
 
+void HostDocument::AddOutput(const std::string& group, const std::string& key, std::uint16_t port,
+                             std::uint32_t topic, std::chrono::microseconds interval,
+                             std::chrono::microseconds offset) {
+    Add(group, key,
+        fmt::format("{{busy: {}, send_interval: {} us, send_offset: {} us, ip_dest: 127.0.0.1, "
+                    "udp_dest: {}, qudex_topic: {}}}",
+                    m_host.busy, interval.count(), offset.count(), port, topic));
+}
+
 std::string HostDocument::Text() const {
     std::string text =
         fmt::format("# Written by vosk-rig for the scenario '{}'.\nhost: {{priority: {}}}\ncfg:\n", m_name,

@@ -21,6 +21,10 @@ public:
     // A stream that the host receives.
     void AddInput(const std::string& group, const std::string& key, std::uint16_t port, std::uint32_t topic);
 
+    // A stream that the host sends on a grid.
+    void AddOutput(const std::string& group, const std::string& key, std::uint16_t port, std::uint32_t topic,
+                   std::chrono::microseconds interval, std::chrono::microseconds offset);
+
     std::string Text() const;
 
 private:

@@ -103,4 +103,12 @@ std::optional<ArrivalSocket::Arrival> ArrivalSocket::Find(defs::sample_id_t samp
     return arrival;
 }
 
+std::optional<time_point> ArrivalSocket::FindLatest(defs::sample_id_t sample_id) const noexcept {
+    const std::size_t known = std::min(m_next, REMEMBERED);
+    for (std::size_t i = m_next; i > m_next - known; --i)
+        if (m_packets[(i - 1) % REMEMBERED].sample_id == sample_id)
+            return m_packets[(i - 1) % REMEMBERED].arrived;
+    return std::nullopt;
+}
+
 }  // namespace vosk::rig

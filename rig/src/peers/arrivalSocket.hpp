@@ -31,6 +31,8 @@ public:
     };
     // Of one of the latest few samples.
     std::optional<Arrival> Find(defs::sample_id_t sample_id) const noexcept;
+    // Of the latest packet with this ID, for streams of one packet whose IDs may come again.
+    std::optional<time_point> FindLatest(defs::sample_id_t sample_id) const noexcept;
 
 private:
     static constexpr std::size_t BATCH = 16;

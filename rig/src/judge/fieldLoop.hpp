@@ -1,0 +1,43 @@
+#pragma once
+
+// The loop of field stabilisation between its peers: makes them, and decides from what they wrote down
+// whether the loop kept its promise. Sends and receives nothing itself.
+
+#include "peers/ecmwfSim.hpp"
+#include "peers/flowgraph.hpp"
+#include "peers/m5Peer.hpp"
+#include "peers/msPeer.hpp"
+#include "peers/pfsPeer.hpp"
+
+#include <memory>
+#include <vector>
+
+namespace vosk::rig {
+
+// The peers and the loop, in the order in which they start.
+void AddFieldPeers(const Scenario& scenario, Ports& ports, std::vector<std::unique_ptr<Peer>>& peers);
+
+class FieldLoop final : public Peer {
+public:
+    struct Peers {
+        const EcmwfSim& errors;
+        const M5Peer& m5;
+        const PfsPeer& pfs;
+        const MsPeer& ms;
+        const Flowgraph& flowgraph;
+    };
+    FieldLoop(const Scenario& scenario, Peers peers) : m_scenario(scenario), m_peers(peers) {}
+
+    void AddTo(HostDocument&) const override {}
+    void Start(time_point first) override { m_first = first; }
+    std::string Progress() const override;
+    void Stop() override {}
+    PeerAccount Account(const RunFacts& facts) const override;
+
+private:
+    const Scenario& m_scenario;
+    const Peers m_peers;
+    time_point m_first;
+};
+
+}  // namespace vosk::rig

@@ -1,0 +1,64 @@
+#include "peers/m5Peer.hpp"
+
+#include <cmath>
+
+namespace vosk::rig {
+namespace {
+
+constexpr std::uint32_t INPUT_TOPIC = 411;
+constexpr std::uint32_t OUTPUT_TOPIC = 412;
+
+}  // namespace
+
+M5Peer::M5Peer(const Scenario& scenario, Ports& ports)
+    : StreamPeer("M5", scenario.host.PeerPriority(), scenario.streams->interval / 2,
+                 scenario.streams->MeasurementOffset()),
+      m_settings(*scenario.streams),
+      m_input_port(ports.Take()),
+      m_output_port(ports.Take()),
+      m_sender(m_input_port, INPUT_TOPIC, 2 * scenario.LoopSamples()),
+      m_receiver(m_output_port, OUTPUT_TOPIC, scenario.LoopSamples()) {}
+
+void M5Peer::AddTo(HostDocument& document) const {
+    document.AddInput("m5", "input", m_input_port, INPUT_TOPIC);
+    document.AddOutput("m5", "output", m_output_port, OUTPUT_TOPIC, m_settings.interval,
+                       m_settings.CommandOffset());
+}
+
+TipTilt M5Peer::PositionAt(time_point time) const {
+    const std::scoped_lock lock(m_mutex);
+    const std::chrono::duration<double> since = time - m_commanded;
+    const double left = std::exp(-since / std::chrono::duration<double>(m_settings.m5_lag));
+    return {m_target.tip + (m_start.tip - m_target.tip) * left,
+            m_target.tilt + (m_start.tilt - m_target.tilt) * left};
+}
+
+void M5Peer::OnGridPoint(time_point) {
+    const TipTilt position = PositionAt(AtomClk::now());
+    defs::M5PttAct::Payload record;
+    record.tip = position.tip;
+    record.tilt = position.tilt;
+    m_sender.Send(record);
+}
+
+void M5Peer::Receive(std::chrono::nanoseconds timeout) {
+    const auto* command = m_receiver.Receive(timeout);
+    if (command == nullptr) return;
+    // From its arrival on, whenever this thread woke.
+    const TipTilt position = PositionAt(command->moved);
+    const std::scoped_lock lock(m_mutex);
+    m_start = position;
+    m_target = {command->record.tip, command->record.tilt};
+    m_commanded = command->moved;
+}
+
+PeerAccount M5Peer::Account(const RunFacts& facts) const {
+    PeerAccount account;
+    account.streams = {FiguresOfReceived("M5 command", TimesOf(Commands().Entries()), m_settings.interval,
+                                         facts, "M5_OUTPUT", 0),
+                       FiguresOfSent("M5 position", TimesOf(Positions().Entries()), m_settings.interval / 2,
+                                     facts, "M5_INPUT")};
+    return account;
+}
+
+}  // namespace vosk::rig

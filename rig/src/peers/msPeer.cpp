@@ -1,0 +1,31 @@
+#include "peers/msPeer.hpp"
+
+namespace vosk::rig {
+namespace {
+
+constexpr std::uint32_t TOPIC = 415;
+
+}  // namespace
+
+MsPeer::MsPeer(const Scenario& scenario, Ports& ports)
+    : StreamPeer("MS", scenario.host.PeerPriority(), scenario.streams->interval, {}),
+      m_settings(*scenario.streams),
+      m_port(ports.Take()),
+      m_receiver(m_port, TOPIC, scenario.LoopSamples()) {}
+
+void MsPeer::AddTo(HostDocument& document) const {
+    document.AddOutput("ms", "output", m_port, TOPIC, m_settings.interval, m_settings.CommandOffset());
+}
+
+void MsPeer::Receive(std::chrono::nanoseconds timeout) {
+    static_cast<void>(m_receiver.Receive(timeout));
+}
+
+PeerAccount MsPeer::Account(const RunFacts& facts) const {
+    PeerAccount account;
+    account.streams = {FiguresOfReceived("MS correction", TimesOf(Corrections().Entries()),
+                                         m_settings.interval, facts, "MS_OUTPUT", 0)};
+    return account;
+}
+
+}  // namespace vosk::rig

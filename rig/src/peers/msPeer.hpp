@@ -1,0 +1,32 @@
+#pragma once
+
+// The main structure: takes the corrections of field stabilisation. What it does with them is not part of the
+// light here.
+
+#include "host/ports.hpp"
+#include "peers/recordStreams.hpp"
+#include "peers/streamPeer.hpp"
+
+#include <vosk/defs/wireRecords.hpp>
+
+namespace vosk::rig {
+
+class MsPeer final : public StreamPeer {
+public:
+    MsPeer(const Scenario& scenario, Ports& ports);
+    ~MsPeer() override { Stop(); }
+
+    void AddTo(HostDocument& document) const override;
+    PeerAccount Account(const RunFacts& facts) const override;
+
+    const AppendLog<Sample<defs::MSCorrection>>& Corrections() const { return m_receiver.Log(); }
+
+private:
+    void Receive(std::chrono::nanoseconds timeout) override;
+
+    const StreamSettings& m_settings;
+    const std::uint16_t m_port;
+    RecordReceiver<defs::MSCorrection> m_receiver;
+};
+
+}  // namespace vosk::rig
