@@ -57,8 +57,8 @@ Process MakeShake(const LightSettings& settings, std::uint64_t seed) {
 }  // namespace
 
 double NollVariance(unsigned radial_order) {
-    return 0.756 * (radial_order + 1.0) *
-           std::exp(std::lgamma(radial_order - 5.0 / 6.0) - std::lgamma(radial_order + 23.0 / 6.0));
+    return 0.756 * (radial_order + 1.0) * std::tgamma(radial_order - 5.0 / 6.0) /
+           std::tgamma(radial_order + 23.0 / 6.0);
 }
 
 Light::Light(const LightSettings& settings, std::uint64_t seed, std::uint32_t modes, Seconds duration)
@@ -68,8 +68,9 @@ Light::Light(const LightSettings& settings, std::uint64_t seed, std::uint32_t mo
     constexpr std::uint32_t SHAKEN = 2;  // tip and tilt
     const std::vector<ZernikeIndex> order = ZernikeOrder(modes);
     for (std::uint32_t mode = 0; mode < modes; ++mode) {
-        Process turbulence = MakeTurbulence(settings, order[mode].radial, Scatter(seed) + 2 * mode);
-        Process shake = MakeShake(settings, Scatter(seed) + 2 * mode + 1);
+        Process turbulence =
+            MakeTurbulence(settings, order[mode].radial, Scatter(seed) + 2 * std::uint64_t{mode});
+        Process shake = MakeShake(settings, Scatter(seed) + 2 * std::uint64_t{mode} + 1);
         for (std::size_t point = 0; point < m_points; ++point) {
             const double value = turbulence.Step() + (mode < SHAKEN ? shake.Step() : 0.0);
             m_values[point * modes + mode] = static_cast<float>(value);

@@ -74,6 +74,7 @@ std::string Shade(const std::vector<float>& image, std::size_t width, const Part
         for (std::size_t x = part.x_start; x < part.x_stop; ++x) values.push_back(image[y * width + x]);
     const float white = std::max(*std::max_element(values.begin(), values.end()), 1.0F);
     std::vector<std::uint8_t> pixels;
+    pixels.reserve(values.size());
     for (const float value : values)
         pixels.push_back(
             static_cast<std::uint8_t>(255.0F * std::sqrt(std::clamp(value / white, 0.0F, 1.0F))));

@@ -14,10 +14,16 @@ constexpr double OUTLIER = 7.0;         // in units of the noise
 constexpr double APPROXIMATION = 0.02;  // of the theory; 0.006 was seen with 120 000 values
 constexpr double REPAIRED_LIMIT = 1.0;
 constexpr double UNPREDICTED_LIMIT = 0.6;
+constexpr std::chrono::milliseconds LOOK_BACK{250};
 constexpr double STRANGER = 1.0;  // pixels; more than any method's noise, less than most frames differ
 constexpr std::uint32_t TSH = 1;
 constexpr std::uint32_t COG = 3;
 constexpr std::size_t MOST_PICTURED = 4000;
+
+double ThresholdOf(const Centroiding& centroiding) {
+    if (centroiding.option == COG) return SpotPredictor::NO_THRESHOLD;
+    return centroiding.threshold;
+}
 
 double Cut(double value) {
     return std::clamp(value, -SATURATION, SATURATION);
@@ -196,9 +202,8 @@ public:
     // From what the frame should give, in pixels.
     double Distance(const FrameRecord& frame, const defs::Slope& slope, const Centroiding& centroiding) {
         m_scene.SpotsAt(frame.view.light, m_spots);
-        const SpotPrediction expected = m_predictor.Predict(
-            m_spots, centroiding.regions.front(), WindowOf(frame),
-            centroiding.option == COG ? SpotPredictor::NO_THRESHOLD : centroiding.threshold);
+        const SpotPrediction expected = m_predictor.Predict(m_spots, centroiding.regions.front(),
+                                                            WindowOf(frame), ThresholdOf(centroiding));
         return std::hypot(slope.x - Cut(expected.x), slope.y - Cut(expected.y));
     }
 
@@ -210,8 +215,7 @@ private:
     void Compare(const FrameRecord& frame, const defs::Slope& slope, const Spot& spot,
                  const SpotRegion& region, const Centroiding& centroiding) {
         const bool has_theory = centroiding.option == TSH || centroiding.option == COG;
-        const double threshold =
-            centroiding.option == COG ? SpotPredictor::NO_THRESHOLD : centroiding.threshold;
+        const double threshold = ThresholdOf(centroiding);
         const SpotPrediction expected = m_predictor.Predict(m_spots, region, WindowOf(frame), threshold);
         const double error_x = slope.x - Cut(expected.x);
         const double error_y = slope.y - Cut(expected.y);
@@ -284,7 +288,6 @@ SpotErrors MeasureErrors(const CameraFacts& facts, const FrameAccounts& accounts
 
 SpotErrors MeasureLooks(const CameraFacts& facts, const CameraScene& scene, const MethodTimeline& methods,
                         std::span<const CameraLook> looks, time_point start) {
-    constexpr std::size_t CANDIDATES = 3;
     const std::string name = vosk::to_string(scene.Settings().camera);
     SpotErrors errors;
     Measurer measurer(scene, errors);
@@ -293,15 +296,18 @@ SpotErrors MeasureLooks(const CameraFacts& facts, const CameraScene& scene, cons
         if (told == look.cameras.end() || !told->second.centroid) continue;
         const HostCamera::Centroid& centroid = *told->second.centroid;
         const defs::Slope slope{centroid.flux, centroid.x, centroid.y};
-        // The newest frames that were whole before the answer, the newest one last.
+        // A host that is held up shows an older frame.
+        const auto is_before = [](time_point time) {
+            return [time](const FrameRecord& frame) { return frame.sent < time; };
+        };
         const auto end =
-            std::partition_point(facts.frames.begin(), facts.frames.end(),
-                                 [&](const FrameRecord& frame) { return frame.sent < look.answered; });
-        const auto count = std::min<std::ptrdiff_t>(CANDIDATES, end - facts.frames.begin());
+            std::partition_point(facts.frames.begin(), facts.frames.end(), is_before(look.answered));
+        const auto begin =
+            std::partition_point(facts.frames.begin(), end, is_before(look.answered - LOOK_BACK));
         const FrameRecord* nearest = nullptr;
         double best = 0.0;
         bool is_certain = true;
-        for (auto frame = end - count; frame != end; ++frame) {
+        for (auto frame = begin; frame != end; ++frame) {
             const Centroiding* const centroiding = methods.Find(frame->sent, look.answered);
             if (centroiding == nullptr) is_certain = false;
             if (centroiding == nullptr) continue;
