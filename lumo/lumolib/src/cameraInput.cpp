@@ -4,6 +4,7 @@
 #include <vosk/common/timeString.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <stdexcept>
 
@@ -22,6 +23,12 @@ defs::Camera CameraOf(const PliConfigInstanceNode& node) {
     const auto name = GetParam<std::string>(node, "camera_id");
     Attempt(node["camera_id"], [&] { camera = defs::CAMERAS.at(name); });
     return camera;
+}
+
+// As a character; what a terminal could take for a command is not shown.
+char Printable(pktwire::lspx::Status status) {
+    const auto byte = static_cast<unsigned char>(status);
+    return std::isprint(byte) != 0 ? static_cast<char>(byte) : '?';
 }
 
 bool IsLogged(log4cplus::LogLevel level) {
@@ -77,11 +84,12 @@ ComputeSlopesSubtask::ComputeSlopesSubtask(std::unique_ptr<NoiseRemoval> noise_r
       m_centroiding{std::move(centroiding)} {
     if (start >= stop || stop > rois.size())
         common::LogAndThrow("ComputeSlopesSubtask: start/stop misconfiguration");
-    PlanBatches();
+    m_batches.emplace(PlanBatches(rois.subspan(start, stop - start)));
 }
 
-void ComputeSlopesSubtask::PlanBatches() {
-    m_batches.emplace(m_rois.subspan(m_start, m_stop - m_start), m_bad_pixel_correction.get());
+ComputeSlopesSubtask::Batches ComputeSlopesSubtask::PlanBatches(
+    std::span<const image_processing::Roi> share) const {
+    return {share, m_bad_pixel_correction.get()};
 }
 
 void ComputeSlopesSubtask::ComputeSlopes(const CameraFrame& frame) {
@@ -146,7 +154,7 @@ void CameraInput::Work(std::promise<void>& started) {
 void CameraInput::OnSample(const Leader& leader, const Trailer& /*trailer*/, time_point now) {
     if (leader.GetStatus() != pktwire::lspx::Status::good) {
         m_account.RecordInvalid(m_receive_time);
-        LogDebug("{}: ReceiveSample: LSPX status: {}", m_name, static_cast<char>(leader.GetStatus()));
+        LogDebug("{}: ReceiveSample: LSPX status: {}", m_name, Printable(leader.GetStatus()));
         return;
     }
     m_receive_time = now;
@@ -184,6 +192,10 @@ void CameraInput::StartFrame() {
 
 void CameraInput::ComputeSlopes(std::size_t subtask) noexcept {
     RunStep([&] { m_subtasks[subtask].ComputeSlopes(FrameInWork()); });
+}
+
+void CameraInput::LogNotFinite() const {
+    common::LogError("{}: the centroid of frame {} is not finite", m_name, LabelInWork().sample_id);
 }
 
 void CameraInput::LogFailure(const std::exception& error) const noexcept try {
@@ -323,6 +335,7 @@ void ImgCameraInput::Work(std::promise<void>& started) {
 void ImgCameraInput::Complete() {
     defs::CentroidError record{LabelInWork().exposure_time, LabelInWork().sample_id, {}};
     m_subtasks.front().CopySlopes(std::span{&record.slope, 1});
+    if (!std::isfinite(record.slope.x) || !std::isfinite(record.slope.y)) return LogNotFinite();
     m_cent_err_resampler->AddSample(record);
     RecordProcessed("IMG", &record.slope);
     RunStep([this] { DiagnoseFrame(); });
@@ -331,12 +344,18 @@ void ImgCameraInput::Complete() {
     m_sim_output->TrySend(record);
 }
 
+// All is made before the frame in work is waited for. Only this operation writes the ROI, so that it can be
+// looked at without the lock.
 void ImgCameraInput::SetRoi(std::size_t box_x, std::size_t box_y, float ref_x, float ref_y) {
     ComputeSlopesSubtask& subtask = m_subtasks.front();
-    const std::unique_lock lock{subtask.GetMutex()};
-    Roi& roi = m_rois.front();
-    roi = RoiAround({ref_x, ref_y}, {box_x, box_y}, roi.frame_width, roi.frame_height);
-    subtask.PlanBatches();
+    const Roi& present = m_rois.front();
+    const Roi roi = RoiAround({ref_x, ref_y}, {box_x, box_y}, present.frame_width, present.frame_height);
+    auto batches = subtask.PlanBatches({&roi, 1});
+    {
+        const std::unique_lock lock{subtask.GetMutex()};
+        m_rois.front() = roi;
+        subtask.SwapBatches(batches);
+    }
     common::LogTrace("{}: SetRoi: [{}, {}] - [{}, {}]", m_name, roi.x_start, roi.y_start, roi.x_stop,
                      roi.y_stop);
 }

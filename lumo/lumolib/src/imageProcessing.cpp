@@ -7,6 +7,7 @@
 #include <vosk/image_processing/centroidingFactory.hpp>
 #include <vosk/image_processing/noiseRemovalFactory.hpp>
 
+#include <cmath>
 #include <gsl/util>
 #include <shared_mutex>
 #include <stdexcept>
@@ -145,8 +146,8 @@ void ImageProcessing::SetCOptions(std::uint32_t option, float threshold, std::ui
     m_centroiding.swap(estimator);
 }
 
+// Without the lock, as above: a query must not cost a frame its centroid.
 COptions ImageProcessing::GetCOptions() {
-    const std::lock_guard lock{m_mutex};
     const auto options = factory::OptionsOf(*m_centroiding);
     return {static_cast<unsigned int>(options.nbrightest), options.threshold,
             static_cast<unsigned int>(options.option)};
@@ -160,9 +161,9 @@ void ImageProcessing::Work(std::promise<void>& started) {
     }
     while (m_cent_err_resampler->HasSamples()) m_cent_err_resampler->GetSample();
     started.set_value();
-    while (IsRunning()) {
-        if (!RunCycle()) return;
+    while (IsRunning() && RunCycle()) {
     }
+    m_img_sync->ClearDataReady();  // AliceInput has stopped before: a restart takes no frame of this run
 }
 
 bool ImageProcessing::RunCycle() {
@@ -171,7 +172,7 @@ bool ImageProcessing::RunCycle() {
     try {
         ProcessFrame();
     } catch (const std::exception& error) {
-        common::LogError("{}: no centroid of frame {}: {}", m_name, m_img_sync->GetSampleId(), error.what());
+        common::LogError("{}: no centroid of frame {}: {}", m_name, m_frame_id, error.what());
     }
     return true;
 }
@@ -182,6 +183,8 @@ void ImageProcessing::ProcessFrame() {
     if (!record) return;
     if (m_bad_pixel_correction) m_bad_pixel_correction->work(m_noise_removal->GetFrame(), m_roi);
     TakeCentroid(record->slope);
+    if (!std::isfinite(record->slope.x) || !std::isfinite(record->slope.y))
+        throw std::runtime_error{"it is not finite"};
     m_cent_err_resampler->AddSample(*record);
     const auto& slope = record->slope;
     RuntimeMonitor::GetPerformanceData().SetCentroidError(static_cast<float>(slope.x),
@@ -200,8 +203,9 @@ std::optional<defs::CentroidError> ImageProcessing::TakeFrame() {
     // A writer wakes this thread after it has given the lock back, when its frame may have been taken
     // already.
     if (!m_img_sync->IsNewData()) return {};
+    m_frame_id = m_img_sync->GetSampleId();
     m_noise_removal->RemoveNoise(m_img_sync->GetDataRef().pixels, std::nullopt, m_roi);
-    return defs::CentroidError{m_img_sync->GetTimestamp(), m_img_sync->GetSampleId(), {}};
+    return defs::CentroidError{m_img_sync->GetTimestamp(), m_frame_id, {}};
 }
 
 void ImageProcessing::TakeCentroid(defs::Slope& slope) {

@@ -6,6 +6,7 @@
 #include <lumolib/wfsConfiguration.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/math/blas.hpp>
+#include <vosk/common/math/finite.hpp>
 #include <vosk/image_processing/noiseRemovalFactory.hpp>
 #include <vosk/image_processing/scrambling.hpp>
 
@@ -157,9 +158,11 @@ void WfsLisaInput::Work(std::promise<void>& started) {
 }
 
 void WfsLisaInput::Complete() {
-    CollectSlopes();
+    RunStep([this] { CollectSlopes(); });
     ProjectToModalBase();
     const auto [tip, tilt] = ExtractTipTiltError();
+    if (!common::math::AllFinite(m_gpao_coefficients.modes) || !std::isfinite(tip) || !std::isfinite(tilt))
+        return LogNotFinite();
     const FrameLabel& label = LabelInWork();
     m_cent_err_resampler->AddSample({label.exposure_time, label.sample_id, {0.0, tip, tilt}});
     m_gpao_coefficients_sync->SetData(m_gpao_coefficients, m_camera, label.sample_id, label.exposure_time);

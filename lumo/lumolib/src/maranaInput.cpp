@@ -59,7 +59,7 @@ std::unique_ptr<ComputeSlopesSubtask::NoiseRemoval> MakeNoiseRemoval(const PliCo
 class SampleReader {
 public:
     SampleReader(Receiver& receiver, std::chrono::nanoseconds timeout)
-        : m_receiver{receiver}, m_deadline{std::chrono::steady_clock::now() + timeout} {}
+        : m_receiver{receiver}, m_timeout{timeout} {}
 
     Sample Read(Bytes leader_info, Bytes payload) {
         auto leader =
@@ -67,6 +67,8 @@ public:
                    std::make_error_code(std::errc::message_size));
         if (leader.error || !leader.packet) return {leader.error, Receiver::Sample{}};
         m_id = leader.packet->SampleId();
+        // A frame that began late in the wait would else be lost at its end, without a trace.
+        m_deadline = std::chrono::steady_clock::now() + m_timeout;
         const std::error_code error = ReadPayload(*leader.packet, payload);
         if (error || m_is_broken) return {error, Receiver::Sample{}};
         auto trailer = Repeat([&](auto left) { return m_receiver.ReceiveTrailerPacket(Into({}), left); });
@@ -126,7 +128,8 @@ private:
     }
 
     Receiver& m_receiver;
-    const std::chrono::steady_clock::time_point m_deadline;
+    const std::chrono::nanoseconds m_timeout;
+    std::chrono::steady_clock::time_point m_deadline = std::chrono::steady_clock::now() + m_timeout;
     std::array<Bytes, 6> m_pieces{};
     std::uint32_t m_id = 0;
     bool m_is_broken = false;  // a packet is missing, or one of another sample was there
@@ -143,6 +146,8 @@ ImgMaranaInput::ImgMaranaInput(const PliConfigInstanceNode& node)
                      MaranaNoiseRemoval::WIDTH,
                      MaranaNoiseRemoval::HEIGHT} {
     RequireForm(node, sizeof(std::uint16_t), sizeof(m_leader_info));
+    if (m_timeout == m_timeout.zero())
+        WarnOf(node, "timeout", fmt::format("Thread {}, can receive no frame without a timeout", m_name));
     SetUp(node, {MaranaNoiseRemoval::WIDTH, MaranaNoiseRemoval::HEIGHT, MakeNoiseRemoval}, CAMERAS);
 }
 

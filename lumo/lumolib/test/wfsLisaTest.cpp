@@ -125,21 +125,31 @@ TEST_F(WfsLisa, KeepsTheLastSlopesWhateverTheSimulatorDoes) {
                 return true;
             case 3:
                 throw std::runtime_error{"no more centroids"};
+            case 5:
+                slopes[0].x = NAN;
+                return true;
+            case 6:
+                slopes[0].x = 3;
+                return true;
             default:
                 return false;
         }
     });
     Start(WfsNode(1, 1, {1, 0}));
     const LogCapture log;
-    for (unsigned sent : {1U, 2U}) {
+    for (unsigned sent : {1U, 2U, 3U, 4U}) {
         Process(sent);
         EXPECT_EQ(results->GetSample()->slope.x, 1.0) << sent;
     }
-    SendFrame(3);
-    ASSERT_TRUE(
-        Eventually([&] { return !log.Texts("no more centroids", log4cplus::ERROR_LOG_LEVEL).empty(); }));
-    Process(4);
-    EXPECT_EQ(results->GetSample()->slope.x, 1.0);
+    EXPECT_FALSE(log.Texts("no more centroids", log4cplus::ERROR_LOG_LEVEL).empty());
+    SendFrame(5);
+    ASSERT_TRUE(Eventually([&] {
+        return log.Has(log4cplus::ERROR_LOG_LEVEL,
+                       fmt::format("WfsLisa_WFS_GP1: the centroid of frame {} is not finite", FIRST_ID + 5));
+    }));
+    EXPECT_TRUE(HasResult(4));
+    Process(6);
+    EXPECT_EQ(results->GetSample()->slope.x, 3.0);
     EXPECT_TRUE(log.Has(log4cplus::ERROR_LOG_LEVEL,
                         "WfsLisa_WFS_GP1: Unsolicited change of active subapertures not supported"));
 }

@@ -50,6 +50,7 @@ public:
     using NoiseRemoval = image_processing::NoiseRemovalBase;
     using BadPixelCorrection = image_processing::bad_pixel_correction_block;
     using Estimator = image_processing::Centroiding<float>;
+    using Batches = image_processing::RegionBatches;
 
     // From the ROI `start` up to, but not including, `stop` of all ROIs of the camera, which outlive the
     // object. Without bad pixels their correction is null. std::runtime_error, logged, unless the range lies
@@ -74,8 +75,9 @@ public:
 
     // Exclusive for a frame in work and for changes.
     std::shared_mutex& GetMutex() const noexcept { return *m_mutex; }
-    // After a change of the ROIs, with the mutex held exclusively throughout.
-    void PlanBatches();
+    // What a change of the ROIs needs: made without the mutex, put in place with it held exclusively.
+    Batches PlanBatches(std::span<const image_processing::Roi> share) const;
+    void SwapBatches(Batches& batches) { std::swap(*m_batches, batches); }
 
 private:
     std::size_t m_start;
@@ -85,8 +87,8 @@ private:
     std::vector<defs::Slope> m_slopes;              // of the camera; guarded by m_mutex
     std::unique_ptr<NoiseRemoval> m_noise_removal;  // of the thread that computes
     std::unique_ptr<BadPixelCorrection> m_bad_pixel_correction;
-    std::unique_ptr<Estimator> m_centroiding;                  // guarded by m_mutex
-    std::optional<image_processing::RegionBatches> m_batches;  // guarded by m_mutex
+    std::unique_ptr<Estimator> m_centroiding;  // guarded by m_mutex
+    std::optional<Batches> m_batches;          // guarded by m_mutex
 };
 
 class CameraInput : public LspxInput {
@@ -213,6 +215,9 @@ protected:
     // A sample of less pixels would leave those of an older frame in the buffer; a WARN. One of bad status is
     // refused as that.
     bool IsWhole(const Leader& leader, std::size_t pixels) const;
+
+    // For a completion task whose result goes nowhere: it would spread through the flowgraphs.
+    void LogNotFinite() const;
 
     // For a completion task, when the result has gone: counts and logs the processing time. `kind` is "WFS"
     // or "IMG", `centroid` null for the former.

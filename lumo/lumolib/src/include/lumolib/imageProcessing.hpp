@@ -82,6 +82,7 @@ private:
     std::unique_ptr<image_processing::NoiseRemovalBase> m_noise_removal;
     std::unique_ptr<image_processing::bad_pixel_correction_block> m_bad_pixel_correction;  // null: none
     Roi m_roi;  // of the frame in work
+    defs::sample_id_t m_frame_id{};
 
     mutable std::mutex m_region_mutex;
     Region m_region;  // guarded by m_region_mutex, which the worker only tries
