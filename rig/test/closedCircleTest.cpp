@@ -132,7 +132,7 @@ Estimate EstimatePlainly(const Bench& bench, const Roi& roi, const Spot& spot) {
     double flux = 0.0;
     for_each([&](const auto&, double light, float) { flux += light; });
     for (std::size_t k = 0; k < 3; ++k) {
-        auto& [value, rms] = estimate[k];
+        auto& value = estimate[k].first;
         for_each([&](const auto& place, double light, float) {
             value += place[k] * light / (k == 0 ? 1.0 : flux);
         });
@@ -144,7 +144,7 @@ Estimate EstimatePlainly(const Bench& bench, const Roi& roi, const Spot& spot) {
             groups[std::floor(place[2] / FrameRenderer::GROUP_ROWS)] += weight;
         });
         for (const auto& [group, weight] : groups) variance += weight * weight * still / bench.bias_pixels;
-        rms = std::sqrt(variance);
+        estimate[k].second = std::sqrt(variance);
     }
     return estimate;
 }

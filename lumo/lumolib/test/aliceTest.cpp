@@ -124,10 +124,10 @@ TEST_F(AliceTest, TakesTheBoxAboutTheReferenceOrRefusesItAsAWhole) {
         {{8, 8, 120, 65656}, ref_text}};
     ImageProcessing thread{Element()};
     for (const auto& [values, expected] : table) {
-        const auto [box_x, box_y, ref_x, ref_y] = values;
+        const auto& [box_x, box_y, ref_x, ref_y] = values;
         thread.UpdateROISize(6, 7, 50, 60);
         const LogCapture log;
-        const auto text = TextOf([&] { thread.UpdateROISize(box_x, box_y, ref_x, ref_y); });
+        const auto text = TextOf([&, v = values] { thread.UpdateROISize(v[0], v[1], v[2], v[3]); });
         const bool is_taken = expected.starts_with('[');
         EXPECT_EQ(text, is_taken ? "no exception" : expected);
         EXPECT_EQ(log.Count(TRACE_LOG_LEVEL, "ImageProcessing: ROI " + expected), is_taken);

@@ -160,13 +160,13 @@ TEST_F(WfsLisa, SharesRoisAsFarAsTheyGo) {
         std::size_t workers;
         const char* text;
     };
-    for (const auto& [count, workers, text] :
+    for (const Case& c :
          {Case{1, 1, "no exception"}, Case{10, 4, "no exception"}, Case{1089, 2, "no exception"},
           Case{10, 5, "ComputeSlopesSubtask: start/stop misconfiguration"},
           Case{4, 0,
                "WfsLisa_WFS_GP1: No configuration for the centroiding pool, unable to compute slopes"}}) {
-        EXPECT_EQ(vosk::test::TextOf([&] { WfsLisaInput{WfsNode(count, workers)}; }), text)
-            << count << ", " << workers;
+        EXPECT_EQ(vosk::test::TextOf([&] { WfsLisaInput{WfsNode(c.count, c.workers)}; }), c.text)
+            << c.count << ", " << c.workers;
     }
     EXPECT_THROW(WfsLisaInput{WfsNode(1090, 2)}, std::bad_alloc);
     EXPECT_THAT(vosk::test::TextOf([&] { WfsLisaInput{WfsNode(1, 1, {NAN})}; }),
