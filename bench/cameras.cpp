@@ -114,7 +114,7 @@ struct Placement {
 
 // A packet wakes the receiver, which wakes the workers, the last of which wakes the reader.
 template <class Link>
-class BareWakeUps {
+class BareWakeUps {  // NOLINT(clang-analyzer-optin.performance.Padding): once a row
 public:
     BareWakeUps(const Placement& placement, bool busy)
         : m_flags{busy ? MSG_DONTWAIT : 0}, m_wake(placement.workers.size()), m_left{m_wake.size()} {
@@ -206,7 +206,7 @@ public:
         common::SetupLogging(log4cplus::OFF_LOG_LEVEL);
         ::openblas_set_num_threads(1);  // as LibMain does
         std::filesystem::create_directories(m_directory / "data/scrambling");
-        ::setenv("CFGPATH", m_directory.c_str(), 1);
+        ::setenv("CFGPATH", m_directory.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): one thread
         Write("data/scrambling/lisa_descrambling_vector.fits", frame.table, {frame.table.size()});
         Write("dark.fits", frame.bias, {Geometry::WIDTH, Geometry::HEIGHT});
         Write("flat.fits", frame.flat, {Geometry::WIDTH, Geometry::HEIGHT});
@@ -237,7 +237,7 @@ public:
     template <class Values>
     std::string Write(const std::string& name, const Values& values,
                       const std::vector<std::size_t>& axes) const {
-        const std::string file = (m_directory / name).string();
+        std::string file = (m_directory / name).string();
         common::Fits::WriteImg<typename Values::value_type>(common::Fits::FitsFileWrite(file, true), values,
                                                             axes);
         return file;

@@ -28,6 +28,13 @@ T ValueAt(const std::vector<std::byte>& bytes, std::size_t offset) {
     return value;
 }
 
+// Loads before stay before loads behind. The thread sanitizer knows no fences, and sees no other process.
+void OrderLoads() {
+#ifndef VOSK_SANITIZED
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+#endif
+}
+
 }  // namespace
 
 struct SimOutWatch::Region {
@@ -97,9 +104,9 @@ void SimOutWatch::Run() {
 
 bool SimOutWatch::Copy(std::uint64_t seq) {
     std::memcpy(m_first_copy.data(), m_region->slot, m_size);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    OrderLoads();
     std::memcpy(m_second_copy.data(), m_region->slot, m_size);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    OrderLoads();
     return __atomic_load_n(&m_region->write_seq, __ATOMIC_SEQ_CST) == seq && m_first_copy == m_second_copy;
 }
 
