@@ -115,6 +115,14 @@ LoopCalibration ProvideCalibration(const Scenario& scenario, const std::filesyst
 
 // Everything that lives during a run. The peers refer to the modes, and outlive the host.
 struct Run::Stage {
+    Stage() = default;
+    // Peers refer to those before them in the list.
+    ~Stage() {
+        while (!peers.empty()) peers.pop_back();
+    }
+    Stage(const Stage&) = delete;
+    Stage& operator=(const Stage&) = delete;
+
     ModeTimeline modes;
     std::vector<std::unique_ptr<Peer>> peers;
     std::unique_ptr<HostProcess> host;

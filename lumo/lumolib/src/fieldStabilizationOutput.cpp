@@ -45,6 +45,7 @@ FieldStabilizationOutput::Config FieldStabilizationOutput::Configure(
 }
 
 void FieldStabilizationOutput::Work(std::promise<void>& started) {
+    DropOldRecords();
     started.set_value();
     TimeGrid grid{m_config.update_interval, m_config.update_offset, atomclk::AtomClk::now()};
     std::uint32_t cycle = 0;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <system_error>
 
@@ -55,9 +56,16 @@ void WriteImage(const std::string& path, std::span<const std::uint16_t> image, s
     fs::rename(file, path);
 }
 
+// cfitsio asks for the date in a way that is not for two threads.
+std::mutex& DumpMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
 }  // namespace
 
 void DumpFrameToFits(std::span<const std::uint16_t> frame, defs::Camera camera, defs::sample_id_t sample_id) {
+    const std::lock_guard lock{DumpMutex()};
     const auto path = [&](const char* order) {
         return fmt::format("/tmp/lisa_input_{}_{}_{}.fits", static_cast<int>(camera), sample_id, order);
     };
@@ -69,6 +77,7 @@ void DumpFrameToFits(std::span<const std::uint16_t> frame, defs::Camera camera, 
 
 void DumpMaranaFrameToFits(std::span<const std::uint16_t> frame, defs::Camera camera,
                            defs::sample_id_t sample_id) {
+    const std::lock_guard lock{DumpMutex()};
     constexpr std::size_t SIZE = defs::MaranaLeaderInfo::DETECTOR_SIZE;
     WriteImage(fmt::format("/tmp/marana_input_{}_{}.fits", static_cast<int>(camera), sample_id), frame, SIZE,
                SIZE);

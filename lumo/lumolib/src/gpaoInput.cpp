@@ -42,6 +42,7 @@ void GpaoInput::ProjectionIns2Gpao(std::span<const float, INS2GPAO_SIZE> ins2gpa
 
 void GpaoInput::Work(std::promise<void>& started) {
     m_record.sample_id = 0;
+    m_coefficients_sync->ClearDataReady();  // those of a former run are no news
     started.set_value();
     while (IsRunning() && RunCycle()) {
     }

@@ -40,6 +40,7 @@ void GpaoOutput::ProjectionGpao2Ins(std::span<const float, GPAO2INS_SIZE> gpao2i
 
 void GpaoOutput::Work(std::promise<void>& started) {
     m_counter = 0;
+    DropOldRecords();
     started.set_value();
     while (IsRunning()) RunCycle();
 }

@@ -212,8 +212,8 @@ protected:
     const CameraFrame& FrameInWork() const noexcept { return m_frames[m_frame_index]; }
     const FrameLabel& LabelInWork() const noexcept { return m_labels[m_frame_index]; }
 
-    // A sample of less pixels would leave those of an older frame in the buffer; a WARN. One of bad status is
-    // refused as that.
+    // A sample of fewer pixels would leave those of an older frame in the buffer; a WARN. One of bad status
+    // is refused as that.
     bool IsWhole(const Leader& leader, std::size_t pixels) const;
 
     // For a completion task whose result goes nowhere: it would spread through the flowgraphs.

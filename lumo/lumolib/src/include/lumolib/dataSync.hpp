@@ -6,8 +6,9 @@
 // dataSyncCatalogue.hpp; threads find them through dataSyncManager.hpp, in their constructors.
 //
 // A reader that is woken: wait on GetSynchronizer(), then ClearDataReady(), then read. A write that comes
-// during the read sets the flags anew, so that the next wait returns at once.
-// A reader that polls: read; if IsNewData(), use the record and ClearNewData().
+// during the read sets the flags again, so that the next wait returns at once. Or it reads and clears under
+// one shared lock: then a notification may come behind its record, and IsNewData() is false. A reader that
+// polls: read; if IsNewData(), use the record and ClearNewData().
 //
 // Records are members of fixed size: nothing here allocates after construction.
 

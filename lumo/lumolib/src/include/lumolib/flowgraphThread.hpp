@@ -1,8 +1,8 @@
 #pragma once
 
-// The base of the threads that share a record with a flowgraph over an RT topic. Each 500th record or so also
-// goes to a telemetry queue, and each one to the diagnostic streams unless they are muted. Nothing allocates
-// in the loop.
+// The base of the threads that share a record with a flowgraph over an RT topic. Each 500th record, of the
+// GPAO output each 50th, also goes to a telemetry queue, and each one to the diagnostic streams unless they
+// are muted. Nothing allocates in the loop.
 
 #include <lumolib/lumoThread.hpp>
 #include <lumolib/utilities.hpp>
@@ -46,6 +46,13 @@ public:
     }
 
 protected:
+    // Before a run, of a reader: what came before, and what the former run repeated, goes out no more.
+    void DropOldRecords() {
+        while (m_channel->TimedReceive(&m_record, std::chrono::nanoseconds::zero())) {
+        }
+        m_record = {};
+    }
+
     // Whether the present record is one for telemetry.
     bool IsSampled() const { return m_record.sample_id % m_telemetry_step == 0; }
 

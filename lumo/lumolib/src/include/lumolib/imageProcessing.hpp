@@ -7,7 +7,7 @@
 //
 // Threads: the worker runs Work() and waits for nothing but frames. The other operations are the host's,
 // while the worker runs. A change counts from the next frame on; a frame that meets a change of ROI has the
-// former ROI, one that meets a change or a reading of the centroiding options goes out as a slope of zero.
+// former ROI, one that meets a change of the centroiding options goes out as a slope of zero.
 
 #include <lumolib/cOptions.hpp>
 #include <lumolib/dataSyncCatalogue.hpp>
@@ -87,7 +87,8 @@ private:
     mutable std::mutex m_region_mutex;
     Region m_region;  // guarded by m_region_mutex, which the worker only tries
 
-    std::unique_ptr<image_processing::Centroiding<float>> m_centroiding;  // guarded by m_mutex; never null
+    std::unique_ptr<image_processing::Centroiding<float>>
+        m_centroiding;  // replaced under m_mutex by the host alone; never null
 };
 
 }  // namespace vosk::lumo

@@ -45,7 +45,8 @@ public:
                 std::uint16_t num_frames, std::size_t sample_size, Figures figures);
 
 protected:
-    // From the wait for a record to the report on it. False: the thread was stopped while it waited.
+    // From the wait for a record to the report on it. A clock that is set back ends a wait: that one sample
+    // goes early, unless its stream looks at the clock. False: the thread was stopped while it waited.
     virtual bool RunCycle() = 0;
 
     // Before the start handshake, and when the loop is over.
