@@ -39,7 +39,7 @@ public:
     unsigned AnsweredId() const { return m_answered_id; }
 
 private:
-    static constexpr milliseconds REPEAT{500};
+    static constexpr milliseconds REPEAT{50};
 
     std::array<float, WAVEFRONT_CMD_SIZE> m_command{};
     defs::M4Setpoint::Payload m_setpoint{};

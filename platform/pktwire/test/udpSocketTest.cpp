@@ -80,8 +80,8 @@ TEST(UdpTxSocket, ReportsARefusalAndReachesAPeerThatComesBack) {
     rx = std::make_unique<UdpRxSocket>(listening, nullptr);
     // Hears of the one before, maybe, and sends this one.
     sender.SendSample(sample, TIME, {});
-    auto [error, handle] = qudex::Receiver{ReceiverConfig(1), *rx, nullptr}.ReceiveSample(sample, LONG);
-    EXPECT_FALSE(error);
+    qudex::Receiver receiver{ReceiverConfig(1), *rx, nullptr};
+    EXPECT_FALSE(receiver.ReceiveSample(sample, LONG).first);
 }
 
 TEST(UdpSockets, CarrySamplesOverMulticastWithAllSettings) {
