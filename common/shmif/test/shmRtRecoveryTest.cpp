@@ -49,7 +49,7 @@ TEST_F(ShmRt, RecordThatAPlainReaderLeavesIsWrittenOverAfterOneLimit) {
     AttachPlainReader();
     EXPECT_FALSE(Send(writer, 2));
     EXPECT_FALSE(Send(writer, 2, 1ms));
-    EXPECT_FALSE(Send(writer, 2));  // who does not wait writes over nothing
+    EXPECT_FALSE(Send(writer, 2));  // a send without a wait drops its record
     EXPECT_EQ(WriteSeq(), 1U);
     EXPECT_TRUE(Send(writer, 3, 1ms));
     EXPECT_EQ(WriteSeq(), 2U);

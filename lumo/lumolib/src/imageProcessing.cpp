@@ -197,8 +197,8 @@ std::optional<defs::CentroidError> ImageProcessing::TakeFrame() {
     if (const std::unique_lock lock{m_region_mutex, std::try_to_lock}; lock) m_roi = m_region.roi;
 
     const std::shared_lock lock{m_img_sync->GetMutex()};
-    // Before the lock goes, after which a writer sets the flags anew; also if the frame is refused, or it
-    // would be taken again without end.
+    // Under the lock: the flags of a later frame stay set. A refused frame clears them too, or it would come
+    // again without end.
     const auto clear = gsl::finally([this] { m_img_sync->ClearDataReady(); });
     // A writer wakes this thread after it has given the lock back, when its frame may have been taken
     // already.

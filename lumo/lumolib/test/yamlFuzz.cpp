@@ -85,7 +85,7 @@ void MakeImageBlocks(const PliConfigInstanceNode& node) {
     MadeBy([&] { return CreateMaranaNoiseRemoval(node, "noise_removal"); });
 }
 
-// A chain moves as many samples at once as it is told to; more only takes time.
+// The document sets how many samples a chain moves at once. A large number only takes time.
 bool MovesFew(const PliConfigInstanceNode& definition) {
     constexpr std::size_t MAX_FACTOR = 1'000;
     for (const auto& stage : definition) {

@@ -274,7 +274,7 @@ private:
     }
 
     // The loop as it must be with the delays of the scenario: each error acts on M5 from its command's point
-    // of the grid on. It starts anew with each life of the flowgraph, from where M5 was told to be.
+    // of the grid on. Each start of the flowgraph resets it to the last command of M5.
     void FitLoop() {
         double disturbance = 0.0;
         double residual = 0.0;
@@ -289,7 +289,7 @@ private:
             for (auto record = begin; record != end; ++record) {
                 const time_point time = record->in.timestamp - m_settings.InputOffset();
                 if (time > m_facts.until) break;
-                if (time < m_facts.first - 1ms) continue;  // no error is told before
+                if (time < m_facts.first - 1ms) continue;  // the first error was sent then
                 // What the flowgraph missed, the loop missed.
                 while (id && (*id)++ < record->in.sample_id) model.Miss();
                 const TipTilt light = LightAt(time);
