@@ -21,11 +21,6 @@ constexpr defs::sample_id_t TELEMETRY_STEP = 500;
 constexpr std::size_t IMAGING_CAMERAS = 4;
 constexpr int LONGEST_PART = 4;  // of an interval, that a write may take
 
-bool IsSimulatorEnabled() {
-    const auto& simulator = SimSourceManager::GetInstance().m_simulator;
-    return simulator && simulator->IsEnabled();
-}
-
 // Reads a record that is polled: read(record) under the shared lock. Gives whether it is new.
 template <class Sync, class Read>
 bool Poll(Sync& sync, const Read& read) {
@@ -61,7 +56,7 @@ FieldStabilizationInput::FieldStabilizationInput(const oru::configng::PliConfigI
     if (m_config.loopback_m5_output) m_m5_output_sync = WaitableExchange<M5OutputDataSync>(m_busy);
     if (m_config.loopback_m4_output) m_fs_output_sync = WaitableExchange<AoTasksFsDataSync>(m_busy);
     if (!m_config.centroid_sim_enabled) return;
-    if (IsSimulatorEnabled()) {
+    if (SimSourceManager::GetInstance().IsEnabled()) {
         common::LogInfo("FieldStabilizationInput: Centroid simulation is enabled.");
     } else {
         common::LogWarn(
@@ -116,7 +111,7 @@ void FieldStabilizationInput::RunCycle(time_point grid_point) {
 }
 
 void FieldStabilizationInput::ProcessCameras(FsInputFlags& flags) {
-    if (m_config.centroid_sim_enabled && IsSimulatorEnabled()) {
+    if (m_config.centroid_sim_enabled && SimSourceManager::GetInstance().IsEnabled()) {
         std::fill_n(flags.begin(), m_resamplers.size(), GetSimCentroids());
         return;
     }

@@ -50,12 +50,6 @@ pktwire::lspx::Receiver::Config LspxDefaults() {
     return config;
 }
 
-// The simulator, if there is one and it is to be asked.
-simulation::CentroidSimulator* EnabledSimulator() {
-    auto* const simulator = SimSourceManager::GetInstance().m_simulator.get();
-    return simulator != nullptr && simulator->IsEnabled() ? simulator : nullptr;
-}
-
 }  // namespace
 
 template <class Base>
@@ -98,7 +92,7 @@ WfsLisaInput::WfsLisaInput(const PliConfigInstanceNode& node) : LisaInput{"WfsLi
     m_cent_err_resampler = GetResampler(node);
     ReadConfiguration(node);
     OpenSimOutput(node, m_sim_output);
-    if (GetParamOr(node, "centroid_sim_enabled", false) && EnabledSimulator() == nullptr) {
+    if (GetParamOr(node, "centroid_sim_enabled", false) && !SimSourceManager::GetInstance().IsEnabled()) {
         WarnOf(node, "centroid_sim_enabled",
                "WfsLisaInput: Centroid simulation is enabled, but no simulator is setup.");
     }
@@ -173,7 +167,7 @@ void WfsLisaInput::Complete() {
 
 void WfsLisaInput::CollectSlopes() {
     const std::span slopes{m_gpao_coefficients.slopes.data(), m_gpao_coefficients.slopes.size()};
-    if (EnabledSimulator() != nullptr) return GetSimCentroidsForCamera(slopes);
+    if (SimSourceManager::GetInstance().IsEnabled()) return GetSimCentroidsForCamera(slopes);
     for (const auto& subtask : m_subtasks) subtask.CopySlopes(slopes);
 }
 

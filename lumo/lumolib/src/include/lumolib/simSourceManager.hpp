@@ -49,6 +49,9 @@ public:
     SimSourceManager(const SimSourceManager&) = delete;
     SimSourceManager& operator=(const SimSourceManager&) = delete;
 
+    // Whether there is a simulator and it is to be asked.
+    bool IsEnabled() const { return m_simulator && m_simulator->IsEnabled(); }
+
     // That of the simulator; false without one.
     bool GetSimCentroids(CentroidError& gp1, CentroidError& gp2, CentroidError& gp3, CentroidError& pds,
                          WfsTopic& wfs_gp1, WfsTopic& wfs_gp2, WfsTopic& wfs_gp3, WfsTopic& wfs_pds);
