@@ -151,7 +151,7 @@ TEST_F(HostProgram, NamesAThreadThatEndedByItselfAndFailsAtItsEnd) {
 
 TEST_F(HostProgram, TakesCommandsFromStandardInput) {
     m_input = m_dir.Put("in", "mode INS_DRIVEN_CASCADE\n" + std::string(3000, 'x') + "\nnonsense\nstop");
-    EXPECT_EQ(ExitCodeOf({m_document, "--stdin", "--log-level", "warn"}), 0);
+    EXPECT_EQ(ExitCodeOf({m_document, "--stdin", "--log-file", m_dir / "log"}), 0);
     EXPECT_THAT(Output(), StartsWith("ok\nerror: a line has at most 1024 bytes\nerror: 'nonsense' is no"));
     EXPECT_EQ(Errors(), "");
 }
