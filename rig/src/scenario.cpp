@@ -1,7 +1,7 @@
 #include "scenario.hpp"
 
-#include <fmt/format.h>
-#include <oru/configng/pliConfigDocument.hpp>
+#include "scenarioCameras.hpp"
+#include "scenarioSteps.hpp"
 
 #include <algorithm>
 #include <array>
@@ -13,7 +13,6 @@ namespace vosk::rig {
 namespace {
 
 using Document = oru::configng::PliConfigDocument;
-using Node = oru::configng::PliConfigInstanceNode;
 
 constexpr std::array<std::pair<const char*, Stream>, 11> STREAMS{
     {{"wavefront_command", Stream::WavefrontCommand},
@@ -28,16 +27,6 @@ constexpr std::array<std::pair<const char*, Stream>, 11> STREAMS{
      {"WFS_GP3", Stream::WfsGp3},
      {"WFS_PDS", Stream::WfsPds}}};
 
-constexpr std::array<std::pair<const char*, CameraKind>, 4> CAMERA_KINDS{{{"lisa_wfs", CameraKind::LisaWfs},
-                                                                          {"lisa", CameraKind::Lisa},
-                                                                          {"marana", CameraKind::Marana},
-                                                                          {"alice", CameraKind::Alice}}};
-
-constexpr std::uint32_t MARANA_SIZE = 2048;
-
-constexpr std::array<std::pair<const char*, bool>, 2> SILENCE{{{"silent", true}, {"sending", false}}};
-constexpr std::array<std::pair<const char*, std::uint32_t>, 3> METHODS{{{"tsh", 1}, {"nbr", 2}, {"cog", 3}}};
-
 constexpr std::array<std::pair<const char*, FaultKind>, FAULT_KINDS> KINDS{
     {{"drop", FaultKind::Drop},
      {"duplicate", FaultKind::Duplicate},
@@ -49,100 +38,6 @@ constexpr std::array<std::pair<const char*, FaultKind>, FAULT_KINDS> KINDS{
      {"bad_status", FaultKind::BadStatus},
      {"wrong_data_type", FaultKind::WrongDataType},
      {"wrong_window", FaultKind::WrongWindow}}};
-
-template <class Names, class Value>
-std::string NameOf(const Names& names, Value value) {
-    for (const auto& [name, candidate] : names)
-        if (candidate == value) return name;
-    throw std::runtime_error("Unknown enum value.");
-}
-
-// A map of the document, read key by key. Whatever is wrong is thrown with its place.
-class Section {
-public:
-    explicit Section(Node node) : m_node(std::move(node)) {
-        if (!m_node.IsMap()) Fail(m_node, "a map of keys is expected here");
-    }
-
-    bool Has(const std::string& key) const { return m_node.Has(key); }
-
-    template <class T>
-    void Read(const std::string& key, T& value) const {
-        if (Has(key)) value = m_node[key].As<T>();
-    }
-
-    template <class Rep, class Period>
-    void ReadDuration(const std::string& key, std::chrono::duration<Rep, Period>& value) const {
-        std::string text;
-        Read(key, text);
-        if (text.empty()) return;
-        try {
-            value = std::chrono::duration_cast<std::chrono::duration<Rep, Period>>(ParseDuration(text));
-        } catch (const std::invalid_argument& error) {
-            Fail(m_node[key], fmt::format("'{}': {}", key, error.what()));
-        }
-    }
-
-    // Seconds as a plain number, as times in a run are given.
-    void ReadSeconds(const std::string& key, Seconds& value) const {
-        double count = value.count();
-        ReadInRange(key, count, 0.0, 1e9);
-        value = Seconds{count};
-    }
-
-    template <class T>
-    void ReadInRange(const std::string& key, T& value, T low, T high) const {
-        Read(key, value);
-        if (!(value >= low && value <= high))
-            Fail(m_node[key],
-                 fmt::format("'{}' is {}, but must lie between {} and {}", key, value, low, high));
-    }
-
-    template <class Names, class Value>
-    void ReadName(const std::string& key, const Names& names, Value& value) const {
-        std::string text;
-        Read(key, text);
-        for (const auto& [name, candidate] : names) {
-            if (text != name) continue;
-            value = candidate;
-            return;
-        }
-        Fail(fmt::format("'{}' can't be '{}'", key, text));
-    }
-
-    template <std::size_t N>
-    void ReadNumbers(const std::string& key, std::array<std::uint32_t, N>& values) const {
-        if (!Has(key)) return;
-        std::size_t count = 0;
-        if (!m_node[key].IsSequence()) Fail(m_node[key], fmt::format("'{}' must be a list", key));
-        for (const Node& element : m_node[key]) {
-            if (count < N) values[count] = element.As<std::uint32_t>();
-            ++count;
-        }
-        if (count != N) Fail(m_node[key], fmt::format("'{}' must have {} numbers", key, N));
-    }
-
-    template <class Reader>
-    void ReadSection(const std::string& key, Reader reader) const {
-        if (Has(key)) reader(Section(m_node[key]));
-    }
-
-    template <class Reader>
-    void ReadList(const std::string& key, Reader reader) const {
-        if (!Has(key)) return;
-        if (!m_node[key].IsSequence()) Fail(m_node[key], fmt::format("'{}' must be a list", key));
-        for (const Node& element : m_node[key]) reader(Section(element));
-    }
-
-    [[noreturn]] void Fail(const std::string& what) const { Fail(m_node, what); }
-
-private:
-    [[noreturn]] static void Fail(const Node& where, const std::string& what) {
-        throw oru::configng::PliConfigError(what, where.GetWhere());
-    }
-
-    Node m_node;
-};
 
 void ReadHost(const Section& section, HostSettings& host) {
     section.ReadInRange("managed_modes", host.managed_modes, 2U, 4866U);
@@ -176,54 +71,6 @@ void ReadLight(const Section& section, LightSettings& light) {
     section.ReadInRange("shake_rms", light.shake_rms, 0.0, 10.0);
 }
 
-defs::Camera ReadCameraId(const Section& section) {
-    std::string id;
-    section.Read("camera", id);
-    const auto found = defs::CAMERAS.find(id);
-    if (found == defs::CAMERAS.end()) section.Fail(fmt::format("there is no camera '{}'", id));
-    return found->second;
-}
-
-PixelWindow ReadWindow(const Section& section) {
-    std::array<std::uint32_t, 4> values{0, 0, MARANA_SIZE, MARANA_SIZE};
-    section.ReadNumbers("window", values);
-    const auto [x, y, width, height] = values;
-    if (width == 0 || height == 0 || x > MARANA_SIZE || y > MARANA_SIZE || width > MARANA_SIZE - x ||
-        height > MARANA_SIZE - y)
-        section.Fail("'window' must be x, y, width and height of a part of the sensor");
-    return {x, y, width, height};
-}
-
-// An odd one means another thing to each kind of camera.
-void ReadBox(const Section& section, std::array<std::uint32_t, 2>& box) {
-    section.ReadNumbers("box", box);
-    if (box[0] % 2 != 0 || box[1] % 2 != 0) section.Fail("the sides of a 'box' must be even");
-}
-
-CameraSettings ReadCamera(const Section& section) {
-    CameraSettings camera;
-    camera.camera = ReadCameraId(section);
-    section.ReadName("kind", CAMERA_KINDS, camera.kind);
-    const bool is_wfs = camera.kind == CameraKind::LisaWfs;
-    const bool is_pds = camera.camera == defs::Camera::IMG_PDS;
-    if (is_wfs != (camera.camera >= defs::Camera::WFS_GP1) || is_pds != (camera.kind == CameraKind::Marana))
-        section.Fail("a camera of this kind can't have this name");
-    section.ReadInRange("rate", camera.rate, 0.5, 2000.0);
-    section.ReadDuration("transfer", camera.transfer);
-    if (camera.transfer > camera.Period()) section.Fail("'transfer' must be shorter than the period");
-    section.ReadInRange("pixels_per_radian", camera.pixels_per_radian, 0.0, 10.0);
-    section.ReadInRange("ring", camera.ring, std::size_t{0}, std::size_t{1000});
-    section.ReadInRange("subapertures", camera.subapertures, std::size_t{43}, std::size_t{1024});
-    section.ReadInRange("workers", camera.workers, 1U, 64U);
-    if (camera.kind == CameraKind::Marana) camera.window = ReadWindow(section);
-    constexpr std::array<std::array<std::uint32_t, 2>, 4> MIDDLES{
-        {{420, 408}, {420, 408}, {1024, 1024}, {120, 120}}};
-    camera.reference = MIDDLES[static_cast<std::size_t>(camera.kind)];
-    section.ReadNumbers("reference", camera.reference);
-    ReadBox(section, camera.box);
-    return camera;
-}
-
 StreamSettings ReadStreams(const Section& section) {
     StreamSettings streams;
     section.ReadDuration("interval", streams.interval);
@@ -251,90 +98,6 @@ FaultRule ReadFault(const Section& section) {
     section.ReadSeconds("from", rule.from);
     section.ReadSeconds("to", rule.to);
     return rule;
-}
-
-defs::VoskControlMode ParseMode(const Section& section, const std::string& text) {
-    for (std::uint32_t value = 1; value <= 6; ++value) {
-        const auto mode = static_cast<defs::VoskControlMode>(value);
-        if (vosk::to_string(mode) == text) return mode;
-    }
-    section.Fail(fmt::format("there is no control mode '{}'", text));
-}
-
-// One of 'stream', 'rate' and 'window'.
-StepAction ReadCameraStep(const Section& section) {
-    const defs::Camera camera = ReadCameraId(section);
-    if (section.Has("stream")) {
-        bool silent = false;
-        section.ReadName("stream", SILENCE, silent);
-        return SetCameraSilent{camera, silent};
-    }
-    if (section.Has("rate")) {
-        SetCameraRate change{camera, 1.0};
-        section.ReadInRange("rate", change.rate, 0.5, 2000.0);
-        return change;
-    }
-    if (!section.Has("window")) section.Fail("'camera' needs 'stream', 'rate' or 'window'");
-    return SetCameraWindow{camera, ReadWindow(section)};
-}
-
-Step ReadStep(const Section& section) {
-    constexpr std::array<std::pair<const char*, bool>, 2> LIFE{{{"dead", false}, {"alive", true}}};
-    constexpr std::array<std::pair<const char*, bool>, 2> VALIDITY{{{"valid", true}, {"invalid", false}}};
-
-    Step step;
-    if (!section.Has("at")) section.Fail("a step needs 'at', in seconds after the first command");
-    section.ReadSeconds("at", step.at);
-    int actions = 0;
-    if (section.Has("mode")) {
-        std::string text;
-        section.Read("mode", text);
-        step.action = SetMode{ParseMode(section, text)};
-        ++actions;
-    }
-    const auto read_switch = [&](const char* key, const auto& names, auto make) {
-        if (!section.Has(key)) return;
-        bool value = false;
-        section.ReadName(key, names, value);
-        step.action = make(value);
-        ++actions;
-    };
-    read_switch("m4", LIFE, [](bool value) { return SetM4Alive{value}; });
-    read_switch("flowgraph", LIFE, [](bool value) { return SetFlowgraphAlive{value}; });
-    read_switch("instrument", SILENCE, [](bool value) { return SetInstrumentSilent{value}; });
-    read_switch("commands", VALIDITY, [](bool value) { return SetCommandsValid{value}; });
-    if (section.Has("host")) {
-        std::string text;
-        section.Read("host", text);
-        if (text != "stop") section.Fail("'host' can only be 'stop'");
-        step.action = StopHost{};
-        ++actions;
-    }
-    if (section.Has("camera")) {
-        step.action = ReadCameraStep(section);
-        ++actions;
-    }
-    if (section.Has("centroiding")) {
-        SetCentroiding change{1, 0.0, 0};
-        section.ReadName("centroiding", METHODS, change.option);
-        section.Read("threshold", change.threshold);
-        section.Read("nbrightest", change.nbrightest);
-        step.action = change;
-        ++actions;
-    }
-    if (section.Has("reference")) {
-        SetReference change{{}, {40, 40}};
-        section.ReadNumbers("reference", change.reference);
-        ReadBox(section, change.box);
-        step.action = change;
-        ++actions;
-    }
-    if (actions != 1)
-        section.Fail(
-            "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'instrument', 'commands', 'host', "
-            "'camera', "
-            "'centroiding', 'reference'");
-    return step;
 }
 
 void ReadExpectation(const Section& section, Expectation& expect) {
@@ -500,45 +263,6 @@ std::string ToString(Stream stream) {
 
 std::string ToString(FaultKind kind) {
     return NameOf(KINDS, kind);
-}
-
-std::string ToString(const Step& step) {
-    struct Describe {
-        std::string operator()(const SetMode& action) const { return "mode " + vosk::to_string(action.mode); }
-        std::string operator()(const SetM4Alive& action) const {
-            return action.alive ? "M4 returns" : "M4 dies";
-        }
-        std::string operator()(const SetCommandsValid& action) const {
-            return action.valid ? "commands valid" : "commands invalid";
-        }
-        std::string operator()(const SetInstrumentSilent& action) const {
-            return action.silent ? "instrument silent" : "instrument sends";
-        }
-        std::string operator()(const SetFlowgraphAlive& action) const {
-            return action.alive ? "flowgraph starts" : "flowgraph is killed";
-        }
-        std::string operator()(const StopHost&) const { return "SIGTERM to the host"; }
-        std::string operator()(const SetCameraSilent& action) const {
-            return vosk::to_string(action.camera) + (action.silent ? " silent" : " sends");
-        }
-        std::string operator()(const SetCameraRate& action) const {
-            return fmt::format("{} at {:g} Hz", vosk::to_string(action.camera), action.rate);
-        }
-        std::string operator()(const SetCameraWindow& action) const {
-            const PixelWindow& window = action.window;
-            return fmt::format("{} reads {} x {} at {}, {}", vosk::to_string(action.camera), window.width,
-                               window.height, window.x, window.y);
-        }
-        std::string operator()(const SetCentroiding& action) const {
-            return fmt::format("centroiding {}, threshold {:g}, {} brightest", NameOf(METHODS, action.option),
-                               action.threshold, action.nbrightest);
-        }
-        std::string operator()(const SetReference& action) const {
-            return fmt::format("reference {}, {} in a box of {} x {}", action.reference[0],
-                               action.reference[1], action.box[0], action.box[1]);
-        }
-    };
-    return std::visit(Describe{}, step.action);
 }
 
 }  // namespace vosk::rig
