@@ -66,6 +66,7 @@ public:
             Repeat([&](auto left) { return m_receiver.ReceiveLeaderPacket(Into(leader_info), left); },
                    std::make_error_code(std::errc::message_size));
         if (leader.error || !leader.packet) return {leader.error, Receiver::Sample{}};
+        m_has_begun = true;
         m_id = leader.packet->SampleId();
         // A frame that began late in the wait would else be lost at its end, without a trace.
         m_deadline = std::chrono::steady_clock::now() + m_timeout;
@@ -75,6 +76,9 @@ public:
         if (trailer.error || !IsOfSample(trailer.packet)) return {trailer.error, Receiver::Sample{}};
         return {std::error_code{}, Receiver::Sample{std::move(leader.packet), std::move(trailer.packet)}};
     }
+
+    // Whether a leader came, so that a time-out ended a sample.
+    bool HasBegun() const { return m_has_begun; }
 
 private:
     // The payload packets have equal shares of the data units, rounded up.
@@ -131,6 +135,7 @@ private:
     const std::chrono::nanoseconds m_timeout;
     std::chrono::steady_clock::time_point m_deadline = std::chrono::steady_clock::now() + m_timeout;
     std::array<Bytes, 6> m_pieces{};
+    bool m_has_begun = false;
     std::uint32_t m_id = 0;
     bool m_is_broken = false;  // a packet is missing, or one of another sample was there
 };
@@ -153,8 +158,13 @@ ImgMaranaInput::ImgMaranaInput(const PliConfigInstanceNode& node)
 
 ImgMaranaInput::Received ImgMaranaInput::Receive() {
     CameraFrame& frame = IdleFrame();
-    Received received = SampleReader{*m_lspx_receiver, m_timeout}.Read(
-        gsl::as_writable_bytes(gsl::span{&m_leader_info, 1}), gsl::as_writable_bytes(gsl::span{frame.first}));
+    SampleReader reader{*m_lspx_receiver, m_timeout};
+    Received received = reader.Read(gsl::as_writable_bytes(gsl::span{&m_leader_info, 1}),
+                                    gsl::as_writable_bytes(gsl::span{frame.first}));
+    if (received.first == std::errc::timed_out && reader.HasBegun()) {
+        ++m_cut_short;
+        m_account.RecordLosses(*m_lspx_receiver, m_cut_short);
+    }
     if (received.first || !received.second.leader || !received.second.trailer) return received;
     if (!IsUsable(*received.second.leader))
         return {std::make_error_code(std::errc::invalid_argument), pktwire::lspx::Receiver::Sample{}};

@@ -188,10 +188,21 @@ TEST_F(ImgMarana, ProcessesWindowsThatAreWholeAndIgnoresOthers) {
             EXPECT_TRUE(log.Has(log4cplus::WARN_LOG_LEVEL, "Marana_IMG_PDS: " + text)) << text;
         }
     }
+    for (const std::size_t packets : {6U, 1U, 7U}) {
+        peer.SendOnly(packets);
+        peer.Send(cases[0].info, Pixels(480), ++id);
+        const auto begun = id - FIRST_ID - cases.size();
+        ASSERT_TRUE(Eventually([&] {
+            return packets < 7 ? StateOf(Camera::IMG_PDS).losses.lost == begun
+                               : results->GetSample()->sample_id == id;
+        })) << packets;
+    }
     input.Stop();
+    EXPECT_EQ(StateOf(Camera::IMG_PDS).losses.lost, 2U);
+    EXPECT_EQ(StateOf(Camera::IMG_PDS).invalid_count, ignored);
     EXPECT_EQ(log.Texts("Marana_IMG_PDS: ReceiveSample: Invalid argument", log4cplus::DEBUG_LOG_LEVEL).size(),
               ignored);
-    EXPECT_EQ(StateOf(Camera::IMG_PDS).sample_count, cases.size() - ignored);
+    EXPECT_EQ(StateOf(Camera::IMG_PDS).sample_count, cases.size() - ignored + 1);
 }
 
 }  // namespace

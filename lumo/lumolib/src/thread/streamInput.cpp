@@ -32,6 +32,7 @@ void LspxInput::RequireForm(const oru::configng::PliConfigInstanceNode& node, st
 
 void LspxInput::Work(std::promise<void>& started) {
     m_lspx_receiver->Restart();
+    m_cut_short = 0;
     started.set_value();
     while (IsRunning()) RunCycle();
 }
@@ -48,7 +49,7 @@ void LspxInput::RunCycle() {
     } else {
         OnNothing(now);
     }
-    m_account.RecordLosses(*m_lspx_receiver);
+    m_account.RecordLosses(*m_lspx_receiver, m_cut_short);
 }
 
 }  // namespace vosk::lumo

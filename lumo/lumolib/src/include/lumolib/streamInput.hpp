@@ -12,6 +12,7 @@
 #include <log4cplus/loglevel.h>
 #include <vosk/common/logger.hpp>
 
+#include <cstdint>
 #include <future>
 #include <memory>
 #include <string>
@@ -34,12 +35,13 @@ struct InputAccount {
     void RecordInvalid(time_point now) const {
         if (state) state->RecordInvalidSample(now);
     }
-    // Not after a time-out: a thread that polls would ask the kernel each time.
+    // Not after a time-out: a thread that polls would ask the kernel each time. `cut_short` are samples that
+    // are neither valid nor invalid, though packets of them came.
     template <class Receiver>
-    void RecordLosses(const Receiver& receiver) const {
+    void RecordLosses(const Receiver& receiver, std::uint64_t cut_short = 0) const {
         if (!state) return;
         const auto met = receiver.GetCounters();
-        state->SetLosses({met.missed, met.dropped, met.stale});
+        state->SetLosses({met.missed + cut_short, met.dropped, met.stale});
     }
 };
 
@@ -129,6 +131,7 @@ protected:
     void RunCycle();
 
     const InputAccount m_account;
+    std::uint64_t m_cut_short = 0;  // samples that a time-out ended; worker thread only
 };
 
 }  // namespace vosk::lumo
