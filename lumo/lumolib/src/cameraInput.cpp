@@ -204,23 +204,6 @@ void CameraInput::LogFailure(const std::exception& error) const noexcept try {
     // A line of the log is not worth the process.
 }
 
-std::shared_ptr<CameraInput::CentroidResampler> CameraInput::GetResampler(
-    const PliConfigInstanceNode& node) const {
-    std::shared_ptr<CentroidResampler> resampler;
-    Attempt(node, [&] {
-        resampler = ResamplerManager::GetInstance()
-                        .GetOrRegisterResampler<defs::CentroidError,
-                                                signal_processing::NoDataAccessor<defs::CentroidError>>(
-                            node, "cent_err_resampler", static_cast<int>(m_camera), false);
-    });
-    return resampler;
-}
-
-// Results of a former run are no news.
-void CameraInput::Drain(CentroidResampler& resampler) {
-    while (resampler.HasSamples()) static_cast<void>(resampler.GetSample());
-}
-
 CameraInput::Parts CameraInput::MakeParts(const PliConfigInstanceNode& node, const Sensor& sensor) {
     namespace factory = image_processing::factory;
     const auto try_at = [&](const char* key, const std::function<void()>& step) {
@@ -316,7 +299,7 @@ void ImgCameraInput::SetUp(const PliConfigInstanceNode& node, const Sensor& sens
         Refuse(node, "camera_id",
                fmt::format("{}: Incorrect camera ID (for IMG): {}", m_name, to_string(m_camera)));
     }
-    m_cent_err_resampler = GetResampler(node);
+    m_cent_err_resampler = GetCentroidResampler(node, m_camera);
     const Box box{node["cent_box"][0].As<std::size_t>(), node["cent_box"][1].As<std::size_t>()};
     const Point ref{node["refpos"][0].As<double>(), node["refpos"][1].As<double>()};
     Attempt(node["refpos"], [&] { m_rois = {RoiAround(ref, box, sensor.width, sensor.height)}; });

@@ -1,7 +1,6 @@
 #include <lumolib/ecmwfSimInput.hpp>
 
 #include <lumolib/dataSyncManager.hpp>
-#include <lumolib/resamplerManager.hpp>
 #include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/timeString.hpp>
@@ -34,12 +33,10 @@ ECMWFSimInput::ECMWFSimInput(const oru::configng::PliConfigInstanceNode& node)
       m_sync{Exchange<EcmWfSimDataSync>()},
       m_statistics{RuntimeMonitor::GetInstance().m_ecmwf_statistics} {
     if (node.Has("shm_topic")) node["shm_topic"].PassOver();  // that is for LibMain::SetupDataSync
-    auto& manager = ResamplerManager::GetInstance();
-    for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
-        m_resamplers[i] =
-            manager.GetOrRegisterResampler<CentroidError, signal_processing::NoDataAccessor<CentroidError>>(
-                node, "cent_err_resampler", static_cast<int>(i), false);
-        WarnOfAnotherProducer(node, m_resamplers[i].use_count(), defs::Camera{static_cast<unsigned>(i)});
+    for (unsigned i = 0; i < m_resamplers.size(); ++i) {
+        const defs::Camera camera{i};
+        m_resamplers[i] = GetCentroidResampler(node, camera);
+        WarnOfAnotherProducer(node, m_resamplers[i].use_count(), camera);
     }
 }
 

@@ -1,8 +1,6 @@
 #include <lumolib/fieldStabilizationInput.hpp>
 
 #include <lumolib/dataSyncManager.hpp>
-#include <lumolib/resamplerManager.hpp>
-#include <lumolib/simSourceManager.hpp>
 #include <lumolib/timeGrid.hpp>
 #include <vosk/common/logger.hpp>
 
@@ -42,17 +40,9 @@ FieldStabilizationInput::FieldStabilizationInput(const oru::configng::PliConfigI
       m_statistics{RuntimeMonitor::GetInstance().m_fs_statistics},
       m_stream_state{RuntimeMonitor::GetInstance().m_fs_input_state},
       m_counts{RuntimeMonitor::GetInstance().m_command_counts},
-      m_simulated{m_config.centroid_sim_enabled ? std::make_unique<Simulated>() : nullptr} {
-    constexpr const char* RESAMPLER = "cent_err_resampler";
-    auto& manager = ResamplerManager::GetInstance();
-    for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
-        oru::configng::Attempt(node.Has(RESAMPLER) ? node[RESAMPLER] : node, [&] {
-            m_resamplers[i] =
-                manager
-                    .GetOrRegisterResampler<CentroidError, signal_processing::NoDataAccessor<CentroidError>>(
-                        node, RESAMPLER, static_cast<int>(i), false);
-        });
-    }
+      m_simulated{m_config.centroid_sim_enabled ? std::make_unique<SimulatedCentroids>() : nullptr} {
+    for (unsigned i = 0; i < m_resamplers.size(); ++i)
+        m_resamplers[i] = GetCentroidResampler(node, defs::Camera{i});
     if (m_config.loopback_m5_output) m_m5_output_sync = WaitableExchange<M5OutputDataSync>(m_busy);
     if (m_config.loopback_m4_output) m_fs_output_sync = WaitableExchange<AoTasksFsDataSync>(m_busy);
     if (!m_config.centroid_sim_enabled) return;
@@ -186,12 +176,11 @@ bool FieldStabilizationInput::ProcessFsRefData() {
 }
 
 bool FieldStabilizationInput::GetSimCentroids() {
-    auto& [img, wfs] = *m_simulated;
-    if (!SimSourceManager::GetInstance().GetSimCentroids(img[0], img[1], img[2], img[3], wfs[0], wfs[1],
-                                                         wfs[2], wfs[3])) {
+    if (!m_simulated->Fetch()) {
         LogTrace("FieldStabilizationInput: Centroid simulation is enabled, but no valid data is available.");
         return false;
     }
+    const auto& img = m_simulated->img;
     for (std::size_t i = 0; i < img.size(); ++i) {
         m_record.img_centroid_error[i] = {static_cast<float>(img[i].slope.x),
                                           static_cast<float>(img[i].slope.y)};
@@ -200,12 +189,7 @@ bool FieldStabilizationInput::GetSimCentroids() {
 }
 
 void FieldStabilizationInput::UpdateErrorState(const FsInputFlags& flags) {
-    std::uint32_t increase = 0;
-    for (std::size_t i = 0; i < flags.size(); ++i) {
-        if (flags[i]) continue;
-        ++m_errors[i];
-        ++increase;
-    }
+    const auto increase = CountErrors(flags, m_errors);
     if (increase > 0) PrintErrorState(increase);
 }
 

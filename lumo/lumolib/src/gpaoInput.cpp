@@ -90,13 +90,7 @@ bool GpaoInput::ProcessM4SetpointGpaoData() {
 }
 
 void GpaoInput::UpdateErrorState(bool coefficients, bool applied, bool gpao) {
-    const std::array<bool, 3> flags{coefficients, applied, gpao};
-    std::uint32_t increase = 0;
-    for (std::size_t i = 0; i < flags.size(); ++i) {
-        if (flags[i]) continue;
-        ++m_errors[i];
-        ++increase;
-    }
+    const auto increase = CountErrors({coefficients, applied, gpao}, m_errors);
     if (increase > 0) PrintErrorState(increase);
 }
 

@@ -1,7 +1,6 @@
 #include <lumolib/imageProcessing.hpp>
 
 #include <lumolib/aliceInput.hpp>
-#include <lumolib/resamplerManager.hpp>
 #include <lumolib/utilities.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/image_processing/centroidingFactory.hpp>
@@ -91,13 +90,7 @@ ImageProcessing::ImageProcessing(const PliConfigInstanceNode& node)
     const auto attempt = [&section](const char* key, const auto& step) {
         Attempt(PlaceOf(section, key), step);
     };
-    attempt("cent_err_resampler", [&] {
-        using defs::CentroidError;
-        m_cent_err_resampler =
-            ResamplerManager::GetInstance()
-                .GetOrRegisterResampler<CentroidError, signal_processing::NoDataAccessor<CentroidError>>(
-                    section, "cent_err_resampler", static_cast<int>(m_camera), false);
-    });
+    m_cent_err_resampler = GetCentroidResampler(section, m_camera);
     attempt("noise_removal",
             [&] { m_noise_removal = factory::CreateAliceNoiseRemoval(section, "noise_removal"); });
     attempt("bad_pixels", [&] {
@@ -159,7 +152,7 @@ void ImageProcessing::Work(std::promise<void>& started) {
         const std::lock_guard lock{m_region_mutex};
         m_roi = m_region.roi;
     }
-    while (m_cent_err_resampler->HasSamples()) m_cent_err_resampler->GetSample();
+    Drain(*m_cent_err_resampler);
     started.set_value();
     while (IsRunning() && RunCycle()) {
     }

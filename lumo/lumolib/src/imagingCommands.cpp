@@ -16,13 +16,13 @@
 
 namespace vosk::lumo {
 
+namespace {
+
 using Names = std::array<const char*, 4>;
 constexpr Names IMAGE_PROCESSING_THREADS{"ImgProc_IMG_GP1", "ImgProc_IMG_GP2", "ImgProc_IMG_GP3",
                                          "ImgProc_IMG_PDS"};
 constexpr Names IMAGING_CAMERA_THREADS{"ImgLisa_IMG_GP1", "ImgLisa_IMG_GP2", "ImgLisa_IMG_GP3",
                                        "Marana_IMG_PDS"};
-
-namespace {
 
 using Threads = std::map<std::string, std::unique_ptr<Thread>>;
 using UIntPair = std::pair<unsigned int, unsigned int>;

@@ -2,7 +2,6 @@
 
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/frameDump.hpp>
-#include <lumolib/simSourceManager.hpp>
 #include <lumolib/wfsConfiguration.hpp>
 #include <vosk/common/logger.hpp>
 #include <vosk/common/math/blas.hpp>
@@ -83,13 +82,20 @@ typename Base::Received LisaInput<Base>::Receive() {
     return received;
 }
 
+template <class Base>
+void LisaInput<Base>::DiagnoseFrame() {
+    static std::atomic_flag is_done;
+    if (is_done.test_and_set()) return;
+    DumpFrameToFits(this->FrameInWork().first, this->m_camera, this->LabelInWork().sample_id);
+}
+
 template class LisaInput<WfsCameraInput>;
 template class LisaInput<ImgCameraInput>;
 
 WfsLisaInput::WfsLisaInput(const PliConfigInstanceNode& node) : LisaInput{"WfsLisa_", node} {
     common::LogInfo("{}: Setting up WFS/SHAO", m_name);
     RequireCamera(node);
-    m_cent_err_resampler = GetResampler(node);
+    m_cent_err_resampler = GetCentroidResampler(node, m_camera);
     ReadConfiguration(node);
     OpenSimOutput(node, m_sim_output);
     if (GetParamOr(node, "centroid_sim_enabled", false) && !SimSourceManager::GetInstance().IsEnabled()) {
@@ -172,18 +178,15 @@ void WfsLisaInput::CollectSlopes() {
 }
 
 void WfsLisaInput::GetSimCentroidsForCamera(std::span<defs::Slope> slopes) {
-    std::array<defs::CentroidError, WFS_CAMERAS.size()> errors{};
-    std::array<defs::WfsTopic, WFS_CAMERAS.size()> topics{};
-    for (auto& topic : topics) topic.slopes.resize(slopes.size());
-    if (!SimSourceManager::GetInstance().GetSimCentroids(errors[0], errors[1], errors[2], errors[3],
-                                                         topics[0], topics[1], topics[2], topics[3]))
-        return;
+    m_simulated->img.fill({});
+    for (auto& topic : m_simulated->wfs) topic.slopes.assign(slopes.size(), {});
+    if (!m_simulated->Fetch()) return;
     const auto* const found = std::ranges::find(WFS_CAMERAS, m_camera);
     if (found == WFS_CAMERAS.end()) {
         return LogError("{}: GetSimCentroidsForCamera(): Invalid camera ID for WFS: {}", m_name,
                         to_string(m_camera));
     }
-    const auto& simulated = topics[static_cast<std::size_t>(found - WFS_CAMERAS.begin())].slopes;
+    const auto& simulated = m_simulated->wfs[static_cast<std::size_t>(found - WFS_CAMERAS.begin())].slopes;
     if (simulated.size() != slopes.size())
         return LogError("{}: Unsolicited change of active subapertures not supported", m_name);
     std::ranges::copy(simulated, slopes.begin());
@@ -209,12 +212,6 @@ defs::FloatVectorTT WfsLisaInput::ExtractTipTiltError() const {
     return error;
 }
 
-// The first frame of the process that is completed by any wavefront sensor.
-void WfsLisaInput::DiagnoseFrame() const {
-    static std::atomic_flag is_done;
-    if (!is_done.test_and_set()) DumpFrameToFits(FrameInWork().first, m_camera, LabelInWork().sample_id);
-}
-
 void WfsLisaInput::SendSimOutput() {
     LogDebug("{}: Sending simulation output", m_name);
     const FrameLabel& label = LabelInWork();
@@ -223,12 +220,6 @@ void WfsLisaInput::SendSimOutput() {
 
 ImgLisaInput::ImgLisaInput(const PliConfigInstanceNode& node) : LisaInput{"ImgLisa_", node} {
     SetUp(node, SENSOR, IMG_CAMERAS);
-}
-
-// The first frame of the process that is completed by any of these cameras.
-void ImgLisaInput::DiagnoseFrame() {
-    static std::atomic_flag is_done;
-    if (!is_done.test_and_set()) DumpFrameToFits(FrameInWork().first, m_camera, LabelInWork().sample_id);
 }
 
 }  // namespace vosk::lumo

@@ -145,7 +145,7 @@ TEST_F(ActuatorTest, SimulatedErrorsReachTheirCamerasWithTheTimesOfTheirBlocks) 
     Peer{1}.Send(payload, 5, START);
     input.RunCycle();
     for (unsigned i = 0; i < 4; ++i) {
-        const auto sample = CentroidResampler(static_cast<int>(i))->GetSample();
+        const auto sample = Results(defs::Camera{i})->GetSample();
         ASSERT_TRUE(sample);
         EXPECT_EQ(sample->timestamp, vosk::test::At(i));
         EXPECT_EQ(sample->sample_id, 5U);

@@ -86,12 +86,6 @@ protected:
                      "centroiding_pool: [" + pool + "]" + more + "}");
     }
 
-    static auto Results(defs::Camera camera) {
-        return ResamplerManager::GetInstance()
-            .GetOrRegisterResampler<defs::CentroidError,
-                                    signal_processing::NoDataAccessor<defs::CentroidError>>(
-                CfgOf("cfg: {}"), "cent_err_resampler", static_cast<int>(camera), false);
-    }
     static auto StateOf(defs::Camera camera) {
         return RuntimeMonitor::GetInstance().Of(camera).state->GetTopicData();
     }

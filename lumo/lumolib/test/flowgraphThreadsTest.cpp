@@ -55,8 +55,8 @@ protected:
         std::memcpy(values.data(), reinterpret_cast<const char*>(&record) + 12, 148);
         return values;
     }
-    static void AddCentroid(int number, double x) {
-        CentroidResampler(number)->AddSample({START, 1, {0, x, x + 1}});
+    static void AddCentroid(unsigned number, double x) {
+        Results(defs::Camera{number})->AddSample({START, 1, {0, x, x + 1}});
     }
     static void AddReference(float x) {
         Get<FsRefDataSync>()->SetData(defs::FsRef{{x, x + 1}, {x + 2, x + 3}, {x + 4, x + 5}}, 0U, START);
@@ -73,7 +73,7 @@ TEST_F(FsInput, FillsTheRecordInOrderAndKeepsWhatHasNoNews) {
     Make();
     const LogCapture log;
     EXPECT_THAT(Cycle(), Each(0.0F));
-    for (int i = 0; i < 8; ++i) AddCentroid(i, 1 + 2 * i);
+    for (unsigned i = 0; i < 8; ++i) AddCentroid(i, 1 + 2 * i);
     pfs::PFSTargetData target;
     for (unsigned i = 0; i < 3; ++i) {
         target.guide_probes[i].tip = 17.0 + 2 * i;
@@ -130,7 +130,7 @@ TEST_F(FsInput, SimulatedCentroidsStandForTheImagingCamerasAlone) {
     const auto simulator = std::make_shared<Simulator>();
     SimSourceManager::GetInstance().m_simulator = simulator;
     Make(", centroid_sim_enabled: true");
-    for (const int number : {0, 4}) AddCentroid(number, 50);
+    for (const unsigned number : {0U, 4U}) AddCentroid(number, 50);
     for (const bool has_data : {true, false}) {
         simulator->has_data = has_data;
         Floats values = Cycle();

@@ -78,12 +78,9 @@ std::size_t AllocationsOf(const Cycle& cycle) {
     return vosk::test::AllocationsOfThisThread() - before;
 }
 
-// As the threads that feed and read the resampler of that number find it.
-inline auto CentroidResampler(int number) {
-    using Error = defs::CentroidError;
-    return ResamplerManager::GetInstance()
-        .GetOrRegisterResampler<Error, signal_processing::NoDataAccessor<Error>>(vosk::test::NodeOf("{}"), "",
-                                                                                 number, false);
+// As the threads that feed and read it find it.
+inline auto Results(defs::Camera camera) {
+    return GetCentroidResampler(vosk::test::NodeOf("{}"), camera);
 }
 inline void DefineResamplers(const std::string& definitions) {
     gim::Config config;

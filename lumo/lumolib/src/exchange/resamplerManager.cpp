@@ -118,4 +118,21 @@ ResamplerManager::ConfigurationId ResamplerManager::ConfigurationIdOf(const PliC
     return id.empty() ? DEFAULT_CONFIGURATION : id;
 }
 
+std::shared_ptr<CentroidResampler> GetCentroidResampler(const PliConfigInstanceNode& node,
+                                                        defs::Camera camera) {
+    constexpr const char* KEY = "cent_err_resampler";
+    std::shared_ptr<CentroidResampler> resampler;
+    oru::configng::Attempt(node.Has(KEY) ? node[KEY] : node, [&] {
+        resampler = ResamplerManager::GetInstance()
+                        .GetOrRegisterResampler<defs::CentroidError,
+                                                signal_processing::NoDataAccessor<defs::CentroidError>>(
+                            node, KEY, static_cast<int>(camera), false);
+    });
+    return resampler;
+}
+
+void Drain(CentroidResampler& resampler) {
+    while (resampler.HasSamples()) static_cast<void>(resampler.GetSample());
+}
+
 }  // namespace vosk::lumo

@@ -34,4 +34,9 @@ bool SimSourceManager::GetSimCentroids(CentroidError& gp1, CentroidError& gp2, C
     return m_simulator->GetSimCentroids(gp1, gp2, gp3, pds, wfs_gp1, wfs_gp2, wfs_gp3, wfs_pds);
 }
 
+bool SimulatedCentroids::Fetch() {
+    return SimSourceManager::GetInstance().GetSimCentroids(img[0], img[1], img[2], img[3], wfs[0], wfs[1],
+                                                           wfs[2], wfs[3]);
+}
+
 }  // namespace vosk::lumo

@@ -139,8 +139,6 @@ public:
     };
 
 protected:
-    using CentroidResampler = signal_processing::Resampler<defs::CentroidError>;
-
     // What belongs to one frame and to no other.
     struct FrameLabel {
         defs::sample_id_t sample_id{};
@@ -170,6 +168,8 @@ protected:
     void Work(std::promise<void>& started) override;
     void OnSample(const Leader& leader, const Trailer& trailer, time_point now) override;
     void OnNothing(time_point now) override;
+    // Once for each frame, behind its result.
+    virtual void DiagnoseFrame() = 0;
 
     // Runs a step of a task: while it runs the frame is in use, and what it throws is logged and ends the
     // step alone, so that results stay those of the frame before.
@@ -188,10 +188,6 @@ protected:
 
     // Set-up.
 
-    // The one resampler of this camera's centroid errors, by the key `cent_err_resampler`.
-    std::shared_ptr<CentroidResampler> GetResampler(const oru::configng::PliConfigInstanceNode& node) const;
-    // Before a run.
-    static void Drain(CentroidResampler& resampler);
     // By the keys `sim_out` and `shm_topic`.
     template <class T>
     void OpenSimOutput(const oru::configng::PliConfigInstanceNode& node,
@@ -285,8 +281,6 @@ protected:
                std::span<const defs::Camera> accepted);
 
     void Work(std::promise<void>& started) override;
-    // Once for each frame, behind its result.
-    virtual void DiagnoseFrame() = 0;
 
 private:
     void Complete();

@@ -5,11 +5,11 @@
 // configured.
 
 #include <lumolib/dataSyncCatalogue.hpp>
+#include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/streamInput.hpp>
 
 #include <vosk/defs/wireRecords.hpp>
-#include <vosk/signal_processing/resampling.hpp>
 
 #include <array>
 #include <memory>
@@ -26,10 +26,8 @@ protected:
                   time_point now) override;
 
 private:
-    using ResamplerPtr = std::shared_ptr<signal_processing::Resampler<defs::CentroidError>>;
-
     const std::shared_ptr<EcmWfSimDataSync> m_sync;
-    std::array<ResamplerPtr, 4> m_resamplers;  // GP1, GP2, GP3, PDS
+    std::array<std::shared_ptr<CentroidResampler>, 4> m_resamplers;  // GP1, GP2, GP3, PDS
     const std::shared_ptr<StatisticsBuffered> m_statistics;
 };
 

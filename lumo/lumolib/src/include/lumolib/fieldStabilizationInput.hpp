@@ -6,10 +6,11 @@
 
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/flowgraphThread.hpp>
+#include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
+#include <lumolib/simSourceManager.hpp>
 
 #include <vosk/defs/shmRecords.hpp>
-#include <vosk/signal_processing/resampling.hpp>
 
 #include <array>
 #include <chrono>
@@ -23,7 +24,7 @@ namespace vosk::lumo {
 class FieldStabilizationInput
     : public FlowgraphThread<common::shmif::FieldStablizationTopicIn, common::shmif::ShmWriterRT> {
 public:
-    using Resampler = signal_processing::Resampler<defs::CentroidError>;
+    using Resampler = CentroidResampler;
     using Pair = std::span<float, defs::TIP_TILT_SIZE>;
 
     struct Config {
@@ -72,13 +73,7 @@ private:
     const std::shared_ptr<OutputStreamState> m_stream_state;
     const std::shared_ptr<CommandCounts> m_counts;
     std::array<std::uint32_t, FS_INPUT_SOURCES> m_errors{};  // worker thread only; by FsInputSource
-
-    // The slopes of all sensors are too many for a stack.
-    struct Simulated {
-        std::array<defs::CentroidError, 4> img;
-        std::array<defs::WfsTopic, 4> wfs;
-    };
-    const std::unique_ptr<Simulated> m_simulated;  // null unless enabled
+    const std::unique_ptr<SimulatedCentroids> m_simulated;   // null unless enabled
 };
 
 }  // namespace vosk::lumo

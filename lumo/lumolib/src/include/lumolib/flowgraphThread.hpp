@@ -13,11 +13,21 @@
 #include <vosk/common/shmif/shmRt.hpp>
 #include <vosk/defs/shmRecords.hpp>
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
 namespace vosk::lumo {
+
+// Counts each input that had no news, in the counter of its place; gives how many had none.
+template <std::size_t N>
+std::uint32_t CountErrors(const std::array<bool, N>& has_news, std::array<std::uint32_t, N>& errors) {
+    for (std::size_t i = 0; i < N; ++i) errors[i] += has_news[i] ? 0 : 1;
+    return static_cast<std::uint32_t>(std::ranges::count(has_news, false));
+}
 
 // End is ShmWriterRT or ShmReaderRT.
 template <class Record, class End>

@@ -12,6 +12,7 @@
 #include <lumolib/cOptions.hpp>
 #include <lumolib/dataSyncCatalogue.hpp>
 #include <lumolib/lumoThread.hpp>
+#include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
 
 #include <vosk/defs/controlMode.hpp>
@@ -19,7 +20,6 @@
 #include <vosk/image_processing/badPixelCorrection.hpp>
 #include <vosk/image_processing/centroiding.hpp>
 #include <vosk/image_processing/noiseRemoval.hpp>
-#include <vosk/signal_processing/resampling.hpp>
 
 #include <cstdint>
 #include <future>
@@ -76,7 +76,7 @@ private:
 
     const defs::Camera m_camera;
     const std::shared_ptr<ImgDataSyncAlice> m_img_sync;
-    std::shared_ptr<signal_processing::Resampler<defs::CentroidError>> m_cent_err_resampler;
+    std::shared_ptr<CentroidResampler> m_cent_err_resampler;
     const std::shared_ptr<FrameFigures> m_figures;
     // Worker thread only.
     std::unique_ptr<image_processing::NoiseRemovalBase> m_noise_removal;

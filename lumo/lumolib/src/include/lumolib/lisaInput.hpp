@@ -6,6 +6,7 @@
 
 #include <lumolib/cameraInput.hpp>
 #include <lumolib/dataSyncCatalogue.hpp>
+#include <lumolib/simSourceManager.hpp>
 
 #include <vosk/defs/wireRecords.hpp>
 
@@ -28,6 +29,8 @@ protected:
     // A frame of fewer pixels than the sensor has is an error.
     typename Base::Received Receive() override;
     time_point ExposureTime() const override { return m_exposure_stamp; }
+    // Writes the first frame of the process that is completed by any thread with this Base.
+    void DiagnoseFrame() override;
 
     static const typename Base::Sensor SENSOR;
 
@@ -62,7 +65,6 @@ private:
     void GetSimCentroidsForCamera(std::span<defs::Slope> slopes);
     void ProjectToModalBase();
     defs::FloatVectorTT ExtractTipTiltError() const;
-    void DiagnoseFrame() const;
     void SendSimOutput();
 
     // Set in the constructor, constant afterwards.
@@ -72,6 +74,7 @@ private:
     std::shared_ptr<GpaoCoefficientsDataSync> m_gpao_coefficients_sync;
     // Of the completion task; the slopes of a frame stay until the next one has any.
     GpaoCoefficients m_gpao_coefficients{};
+    const std::unique_ptr<SimulatedCentroids> m_simulated = std::make_unique<SimulatedCentroids>();
     std::optional<SimulatorOutput<defs::WfsTopic>> m_sim_output;  // in simulation mode
 };
 
@@ -79,9 +82,6 @@ class ImgLisaInput : public LisaInput<ImgCameraInput> {
 public:
     // Keys and errors as ImgCameraInput.
     explicit ImgLisaInput(const oru::configng::PliConfigInstanceNode& node);
-
-protected:
-    void DiagnoseFrame() override;
 };
 
 }  // namespace vosk::lumo

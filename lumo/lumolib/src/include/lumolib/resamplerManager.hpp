@@ -7,6 +7,8 @@
 
 #include <gim/config.hpp>
 #include <oru/configng/pliConfig.hpp>
+#include <vosk/defs/controlMode.hpp>
+#include <vosk/defs/valueTypes.hpp>
 #include <vosk/signal_processing/resamplingFactory.hpp>
 
 #include <map>
@@ -79,5 +81,13 @@ private:
     std::map<ConfigurationId, oru::configng::PliConfigInstanceNode> m_configurations;
     std::map<ResamplerId, std::shared_ptr<ResamplerBase>> m_resamplers;
 };
+
+using CentroidResampler = signal_processing::Resampler<defs::CentroidError>;
+
+// Of the camera's centroid errors, by the key `cent_err_resampler`; noted under a review if there is none.
+std::shared_ptr<CentroidResampler> GetCentroidResampler(const oru::configng::PliConfigInstanceNode& node,
+                                                        defs::Camera camera);
+// Before a run: results of a former one are no news.
+void Drain(CentroidResampler& resampler);
 
 }  // namespace vosk::lumo

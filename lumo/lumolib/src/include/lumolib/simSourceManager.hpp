@@ -5,6 +5,7 @@
 
 #include <vosk/defs/valueTypes.hpp>
 
+#include <array>
 #include <memory>
 #include <string>
 
@@ -61,6 +62,15 @@ public:
 
 private:
     SimSourceManager();
+};
+
+// What a simulator gives in one call. The slopes of all sensors are too many for a stack.
+struct SimulatedCentroids {
+    // As GetSimCentroids().
+    bool Fetch();
+
+    std::array<defs::CentroidError, 4> img;  // GP1, GP2, GP3, PDS, as the next
+    std::array<defs::WfsTopic, 4> wfs;
 };
 
 }  // namespace vosk::lumo

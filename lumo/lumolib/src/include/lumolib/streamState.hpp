@@ -17,7 +17,7 @@ using vosk::common::shmif::DataStreamIdentifier;
 
 // What a receiver lost since the threads were started.
 struct StreamLosses {
-    std::uint64_t lost = 0;             // samples that did not come, by the gaps in the IDs, and MARANA's that broke off
+    std::uint64_t lost = 0;             // samples that did not come, by the gaps in the IDs, or broke off
     std::uint64_t dropped_packets = 0;  // by the kernel
     std::uint64_t stale_packets = 0;    // of samples that were over, or behind the last one delivered
 };
