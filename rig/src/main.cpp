@@ -113,8 +113,13 @@ int Main(int argc, char** argv) {
         ->check(CLI::ExistingFile);
     FlowgraphOptions flowgraph_options;
     CLI::App* flowgraph = app.add_subcommand("flowgraph", "Of a run's own")->group("");
+    flowgraph->add_option("--kind", flowgraph_options.kind)
+        ->required()
+        ->transform(CLI::Transformer(
+            std::map<std::string, FlowgraphKind>(FLOWGRAPH_KINDS.begin(), FLOWGRAPH_KINDS.end())));
     flowgraph->add_option("--prefix", flowgraph_options.shm_prefix)->required();
     flowgraph->add_option("--gain", flowgraph_options.gain)->required();
+    flowgraph->add_option("--tt-gain", flowgraph_options.tt_gain);
     flowgraph->add_option("--leak", flowgraph_options.leak)->required();
     flowgraph->add_option("--priority", flowgraph_options.priority)->required();
     flowgraph->add_option("--log", flowgraph_options.log)->required();

@@ -125,6 +125,8 @@ struct FaultRule {
     Seconds to{1e9};
 };
 
+enum class FlowgraphKind { FieldStabilisation, Gpao };
+
 // The steps of a scenario, each at its time after the first command.
 struct SetMode {
     defs::VoskControlMode mode;
@@ -139,6 +141,7 @@ struct SetInstrumentSilent {
     bool silent;
 };
 struct SetFlowgraphAlive {
+    FlowgraphKind kind;
     bool alive;
 };
 struct StopHost {};

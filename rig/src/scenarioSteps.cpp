@@ -39,7 +39,11 @@ Step ReadStep(const Section& section) {
         ++actions;
     };
     read_switch("m4", LIFE, [](bool value) { return SetM4Alive{value}; });
-    read_switch("flowgraph", LIFE, [](bool value) { return SetFlowgraphAlive{value}; });
+    const auto make_life = [](FlowgraphKind kind) {
+        return [kind](bool alive) { return SetFlowgraphAlive{kind, alive}; };
+    };
+    read_switch("flowgraph", LIFE, make_life(FlowgraphKind::FieldStabilisation));
+    read_switch("gpao_flowgraph", LIFE, make_life(FlowgraphKind::Gpao));
     read_switch("instrument", SILENCE, [](bool value) { return SetInstrumentSilent{value}; });
     read_switch("commands", VALIDITY, [](bool value) { return SetCommandsValid{value}; });
     if (section.Has("host")) {
@@ -70,9 +74,8 @@ Step ReadStep(const Section& section) {
     }
     if (actions != 1)
         section.Fail(
-            "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'instrument', 'commands', 'host', "
-            "'camera', "
-            "'centroiding', 'reference'");
+            "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'gpao_flowgraph', 'instrument', "
+            "'commands', 'host', 'camera', 'centroiding', 'reference'");
     return step;
 }
 
@@ -89,7 +92,9 @@ std::string ToString(const Step& step) {
             return action.silent ? "instrument silent" : "instrument sends";
         }
         std::string operator()(const SetFlowgraphAlive& action) const {
-            return action.alive ? "flowgraph starts" : "flowgraph is killed";
+            const bool is_gpao = action.kind == FlowgraphKind::Gpao;
+            return fmt::format("{}flowgraph {}", is_gpao ? "GPAO " : "",
+                               action.alive ? "starts" : "is killed");
         }
         std::string operator()(const StopHost&) const { return "SIGTERM to the host"; }
         std::string operator()(const SetCameraSilent& action) const {

@@ -33,7 +33,7 @@ struct Night {
     std::vector<Sample<defs::WfsPayload>> errors;
     std::vector<Sample<defs::M5PttAct::Payload>> positions;
     std::vector<Sample<pfs::PFSTargetData>> measurements;
-    std::vector<FlowgraphRecord> flowgraph;
+    std::vector<FieldRecord> flowgraph;
     std::vector<Sample<defs::M5Command::Payload>> m5_commands;
     std::vector<Sample<pfs::PFSCorrection>> pfs_corrections;
     std::vector<Sample<defs::MSCorrection>> ms_corrections;
@@ -80,8 +80,8 @@ struct Night {
     void AddRound(time_point begin, TipTilt error, TipTilt command, std::uint32_t k) {
         const StreamSettings& settings = *scenario.streams;
         Sample<defs::WfsPayload> sample{k + 1, begin, begin, {}};
-        FlowgraphRecord record;
-        record.delivered = 1;
+        FieldRecord record;
+        record.delivery = Delivery::Done;
         record.in.timestamp = begin + settings.InputOffset();
         record.in.sample_id = record.out.sample_id = k + 1;
         record.taken = record.given = record.out.timestamp = record.in.timestamp + 100us;

@@ -91,8 +91,8 @@ private:
     // The flowgraph's numbers and its law, worked out again from what it was given.
     void CheckFlowgraph() {
         TipTilt command;
-        const FlowgraphRecord* before = nullptr;
-        for (const FlowgraphRecord& record : m_facts.flowgraph) {
+        const FieldRecord* before = nullptr;
+        for (const FieldRecord& record : m_facts.flowgraph) {
             if (before == nullptr || before->life != record.life) {
                 command = {};
             } else {
@@ -107,7 +107,7 @@ private:
         }
     }
 
-    static TipTilt MeanError(const FlowgraphRecord& record) {
+    static TipTilt MeanError(const FieldRecord& record) {
         TipTilt mean;
         for (const FloatVectorTT& error : record.in.img_centroid_error) {
             mean.tip += error.tip / 4.0;
@@ -124,7 +124,7 @@ private:
     void CheckInputs() {
         const nanoseconds measured = m_settings.InputOffset() - m_settings.MeasurementOffset();
         CheckInput("ECMWFSim errors in fs_in", m_facts.errors, m_settings.InputOffset(),
-                   [](const FlowgraphRecord& record, const auto& sample) {
+                   [](const FieldRecord& record, const auto& sample) {
                        for (std::size_t i = 0; i < 4; ++i) {
                            const auto& block = sample.record.blocks[i];
                            if (record.in.img_centroid_error[i] != Narrow(block.x, block.y)) return false;
@@ -132,7 +132,7 @@ private:
                        return true;
                    });
         CheckInput("PFS measurement in fs_in", m_facts.measurements, measured,
-                   [](const FlowgraphRecord& record, const auto& sample) {
+                   [](const FieldRecord& record, const auto& sample) {
                        for (std::size_t i = 0; i < 3; ++i) {
                            const auto& probe = sample.record.guide_probes[i];
                            if (record.in.gp_tt[i] != Narrow(probe.tip, probe.tilt) ||
@@ -143,7 +143,7 @@ private:
                               static_cast<float>(sample.record.pointing.values[4]);
                    });
         CheckInput("M5 position in fs_in", m_facts.m5_positions, measured,
-                   [&](const FlowgraphRecord& record, const auto& sample) {
+                   [&](const FieldRecord& record, const auto& sample) {
                        const TipTilt m5{sample.record.tip, sample.record.tilt};
                        return UnderSomePointing(record.in.timestamp, [&](Pointing pointing) {
                            return Close(Wide(record.in.m5), M5ToSky(m5, pointing));
@@ -159,7 +159,7 @@ private:
         HopAccount hop;
         hop.name = name;
         const Sample<Record>* before = nullptr;
-        for (const FlowgraphRecord& record : m_facts.flowgraph) {
+        for (const FieldRecord& record : m_facts.flowgraph) {
             const time_point time = record.in.timestamp;
             if (time < m_facts.first + LONGEST_AGE || time > m_facts.until) continue;
             ++hop.due;
@@ -216,13 +216,13 @@ private:
     void CheckCommands(const char* name, std::span<const Sample<Record>> commands, const Fits& fits) {
         HopAccount hop;
         hop.name = name;
-        const FlowgraphRecord* latest = nullptr;
+        const FieldRecord* latest = nullptr;
         auto next = m_facts.flowgraph.begin();
         std::vector<bool> arrived(m_facts.flowgraph.size());
         for (const Sample<Record>& command : commands) {
             if (command.moved < m_facts.first + LONGEST_AGE || command.moved > m_facts.until) continue;
             while (next != m_facts.flowgraph.end() && next->out.timestamp <= command.moved) latest = &*next++;
-            const FlowgraphRecord* answer = FindAnswer(command, latest, fits);
+            const FieldRecord* answer = FindAnswer(command, latest, fits);
             if (answer == nullptr) {
                 ++hop.wrong;
                 continue;
@@ -250,13 +250,13 @@ private:
 
     // Among the latest few answers that the host may have had; before the first one it repeats zeroes.
     template <class Record, class Fits>
-    const FlowgraphRecord* FindAnswer(const Sample<Record>& command, const FlowgraphRecord* latest,
-                                      const Fits& fits) const {
+    const FieldRecord* FindAnswer(const Sample<Record>& command, const FieldRecord* latest,
+                                  const Fits& fits) const {
         if (latest == nullptr) return nullptr;
-        const FlowgraphRecord* const end = m_facts.flowgraph.data() - 1;
-        const FlowgraphRecord* repeated = nullptr;
-        for (const FlowgraphRecord* answer = latest; answer != end && latest - answer < 8; --answer) {
-            if (answer->delivered == 0 || !fits(command, answer->out)) continue;
+        const FieldRecord* const end = m_facts.flowgraph.data() - 1;
+        const FieldRecord* repeated = nullptr;
+        for (const FieldRecord* answer = latest; answer != end && latest - answer < 8; --answer) {
+            if (answer->delivery == Delivery::Refused || !fits(command, answer->out)) continue;
             if (answer->out.sample_id == command.id) return answer;
             if (repeated == nullptr) repeated = answer;
         }
@@ -265,8 +265,9 @@ private:
 
     void CountMissing(HopAccount& hop, const std::vector<bool>& arrived) const {
         for (std::size_t i = 0; i < arrived.size(); ++i) {
-            const FlowgraphRecord& record = m_facts.flowgraph[i];
+            const FieldRecord& record = m_facts.flowgraph[i];
             const time_point due = record.out.timestamp;
+            if (record.delivery == Delivery::Open && !arrived[i]) continue;  // perhaps never given
             if (due < m_facts.first + LONGEST_AGE || due > m_facts.until - 5 * m_settings.interval) continue;
             ++hop.due;
             if (!arrived[i]) ++hop.missing;

@@ -23,7 +23,7 @@ struct FieldFacts {
     Samples<defs::WfsPayload> errors;
     Samples<defs::M5PttAct::Payload> m5_positions;
     Samples<pfs::PFSTargetData> measurements;
-    std::span<const FlowgraphRecord> flowgraph;
+    std::span<const FieldRecord> flowgraph;
     Samples<defs::M5Command::Payload> m5_commands;
     Samples<pfs::PFSCorrection> pfs_corrections;
     Samples<defs::MSCorrection> ms_corrections;

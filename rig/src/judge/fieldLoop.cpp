@@ -40,7 +40,7 @@ void AddFieldPeers(const Scenario& scenario, Ports& ports, std::vector<std::uniq
     auto pfs = std::make_unique<PfsPeer>(scenario, ports);
     auto ms = std::make_unique<MsPeer>(scenario, ports);
     auto errors = std::make_unique<EcmwfSim>(scenario, ports, *m5);
-    auto flowgraph = std::make_unique<Flowgraph>(scenario);
+    auto flowgraph = std::make_unique<Flowgraph>(scenario, FieldFlowgraphPart(scenario));
     auto loop = std::make_unique<FieldLoop>(scenario, FieldLoop::Peers{*errors, *m5, *pfs, *ms, *flowgraph});
     peers.push_back(std::move(m5));
     peers.push_back(std::move(pfs));
@@ -56,7 +56,7 @@ std::string FieldLoop::Progress() const {
 }
 
 PeerAccount FieldLoop::Account(const RunFacts&) const {
-    const std::vector<FlowgraphRecord> flowgraph = m_peers.flowgraph.Records();
+    const std::vector<FieldRecord> flowgraph = m_peers.flowgraph.Records<FieldRecord>();
     FieldFacts facts;
     facts.errors = m_peers.errors.Errors().Entries();
     facts.m5_positions = m_peers.m5.Positions().Entries();

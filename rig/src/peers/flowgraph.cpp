@@ -9,9 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <system_error>
+#include <utility>
 
 namespace vosk::rig {
 namespace {
@@ -22,22 +22,42 @@ pktwire::detail::FileDescriptor MakeLog() {
     return pktwire::detail::FileDescriptor(descriptor);
 }
 
+std::string NameOf(FlowgraphKind kind) {
+    for (const auto& [name, candidate] : FLOWGRAPH_KINDS)
+        if (candidate == kind) return name;
+    throw std::runtime_error("Unknown kind of flowgraph.");
+}
+
 }  // namespace
 
-Flowgraph::Flowgraph(const Scenario& scenario)
-    : m_scenario(scenario), m_settings(*scenario.streams), m_log(MakeLog()) {}
+FlowgraphPart FieldFlowgraphPart(const Scenario& scenario) {
+    const StreamSettings& settings = *scenario.streams;
+    const auto interval = settings.interval.count();
+    FlowgraphPart part;
+    part.kind = FlowgraphKind::FieldStabilisation;
+    part.record_size = sizeof(FieldRecord);
+    part.period = settings.interval;
+    part.law = {"--gain", fmt::to_string(settings.gain), "--leak", fmt::to_string(settings.leak)};
+    part.group = "fieldstabilization";
+    part.input = fmt::format(
+        "{{busy: {}, shm_topic: fs_in, timeout: {} us, update_interval: {} ms, "
+        "update_offset: {} us, diagnostic_mute: true}}",
+        scenario.host.busy, interval * 1000 / 8, interval, settings.InputOffset().count());
+    part.output = fmt::format(
+        "{{busy: {}, shm_topic: fs_out, update_interval: {} ms, update_offset: {} us, "
+        "diagnostic_mute: true}}",
+        scenario.host.busy, interval, settings.OutputOffset().count());
+    part.from_host = {"fs_in", "FS_INPUT"};
+    part.to_host = {"fs_out", "FS_OUTPUT"};
+    return part;
+}
+
+Flowgraph::Flowgraph(const Scenario& scenario, FlowgraphPart part)
+    : m_scenario(scenario), m_part(std::move(part)), m_log(MakeLog()) {}
 
 void Flowgraph::AddTo(HostDocument& document) const {
-    const auto interval = m_settings.interval.count();
-    document.Add(
-        "fieldstabilization", "input",
-        fmt::format("{{busy: {}, shm_topic: fs_in, timeout: {} us, update_interval: {} ms, "
-                    "update_offset: {} us, diagnostic_mute: true}}",
-                    m_scenario.host.busy, interval * 1000 / 8, interval, m_settings.InputOffset().count()));
-    document.Add("fieldstabilization", "output",
-                 fmt::format("{{busy: {}, shm_topic: fs_out, update_interval: {} ms, update_offset: {} us, "
-                             "diagnostic_mute: true}}",
-                             m_scenario.host.busy, interval, m_settings.OutputOffset().count()));
+    document.Add(m_part.group, "input", m_part.input);
+    document.Add(m_part.group, "output", m_part.output);
 }
 
 void Flowgraph::Start(time_point) {
@@ -46,7 +66,7 @@ void Flowgraph::Start(time_point) {
 
 void Flowgraph::TakeStep(const StepAction& action) {
     const auto* life = std::get_if<SetFlowgraphAlive>(&action);
-    if (life == nullptr || life->alive == (m_pid > 0)) return;
+    if (life == nullptr || life->kind != m_part.kind || life->alive == (m_pid > 0)) return;
     if (life->alive) {
         Spawn();
         m_absences.End(AtomClk::now());
@@ -65,15 +85,16 @@ void Flowgraph::FallSilent() {
 }
 
 void Flowgraph::Spawn() {
-    const std::array<std::string, 14> words{"vosk-rig",   "flowgraph",
-                                            "--prefix",   fmt::format("/{}", ShmPrefix()),
-                                            "--gain",     fmt::format("{}", m_settings.gain),
-                                            "--leak",     fmt::format("{}", m_settings.leak),
-                                            "--priority", fmt::to_string(m_scenario.host.PeerPriority()),
-                                            "--log",      fmt::to_string(m_log.Get()),
-                                            "--life",     fmt::to_string(m_lives++)};
-    std::array<char*, words.size() + 1> arguments{};
-    for (std::size_t i = 0; i < words.size(); ++i) arguments[i] = const_cast<char*>(words[i].c_str());
+    std::vector<std::string> words{"vosk-rig",   "flowgraph",
+                                   "--kind",     NameOf(m_part.kind),
+                                   "--prefix",   fmt::format("/{}", ShmPrefix()),
+                                   "--priority", fmt::to_string(m_scenario.host.PeerPriority()),
+                                   "--log",      fmt::to_string(m_log.Get()),
+                                   "--life",     fmt::to_string(m_lives++)};
+    words.insert(words.end(), m_part.law.begin(), m_part.law.end());
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
     m_pid = fork();
     if (m_pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (m_pid > 0) return;
@@ -92,29 +113,35 @@ void Flowgraph::Kill() {
     m_pid = -1;
 }
 
-std::vector<FlowgraphRecord> Flowgraph::Records() const {
-    const off_t size = lseek(m_log.Get(), 0, SEEK_END);
-    std::vector<FlowgraphRecord> records(static_cast<std::size_t>(size) / sizeof(FlowgraphRecord));
-    const std::size_t bytes = records.size() * sizeof(FlowgraphRecord);
-    if (pread(m_log.Get(), records.data(), bytes, 0) != static_cast<ssize_t>(bytes)) return {};
-    return records;
+std::size_t Flowgraph::LogSize() const {
+    return static_cast<std::size_t>(lseek(m_log.Get(), 0, SEEK_END));
+}
+
+void Flowgraph::ReadLog(std::size_t place, void* data, std::size_t size) const {
+    if (pread(m_log.Get(), data, size, static_cast<off_t>(place)) != static_cast<ssize_t>(size))
+        throw std::runtime_error("the log of a flowgraph can't be read");
 }
 
 PeerAccount Flowgraph::Account(const RunFacts& facts) const {
     PeerAccount account;
     std::vector<time_point> taken;
     std::vector<time_point> given;
-    for (const FlowgraphRecord& record : Records()) {
-        taken.push_back(record.taken);
-        given.push_back(record.given);
+    for (std::size_t place = 0; place + m_part.record_size <= LogSize(); place += m_part.record_size) {
+        FlowgraphEntry entry;
+        ReadLog(place, &entry, sizeof entry);
+        taken.push_back(entry.taken);
+        if (entry.delivery != Delivery::Open) given.push_back(entry.given);
     }
-    account.streams = {FiguresOfReceived("fs_in", taken, m_settings.interval, facts, "FS_INPUT", 0),
-                       FiguresOfReceived("fs_out", given, m_settings.interval, facts, "FS_OUTPUT", 0)};
-    for (StreamFigures& stream : account.streams) {
-        stream.lost.reset();
-        stream.remark = "received: by the flowgraph, while it lives; sent: cycles of the host";
-    }
-    account.streams[1].remark = "received: answers of the flowgraph; sent: cycles of the host";
+    const auto add = [&](const FlowgraphPart::Streams& stream, const std::vector<time_point>& times,
+                         const char* received) {
+        account.streams.push_back(
+            FiguresOfReceived(stream.name, times, m_part.period, facts, stream.host_name, 0));
+        account.streams.back().lost.reset();
+        account.streams.back().remark = fmt::format("received: {}", received);
+        if (account.streams.back().counted) account.streams.back().remark += "; sent: cycles of the host";
+    };
+    add(m_part.from_host, taken, "by the flowgraph, while it lives");
+    add(m_part.to_host, given, "answers of the flowgraph");
     return account;
 }
 

@@ -11,8 +11,6 @@ namespace vosk::rig {
 namespace {
 
 using namespace std::chrono_literals;
-using common::shmif::FieldStablizationTopicIn;
-using common::shmif::FieldStablizationTopicOut;
 
 constexpr auto LOOK_ROUND = 50ms;
 // Of the room in the mailbox of the output.
@@ -23,11 +21,16 @@ constexpr float U4_SHARE = -0.5F;
 
 std::atomic<bool> g_stopped{false};
 
-class Controller {
+class FieldController {
 public:
-    Controller(double gain, double leak) : m_gain(gain), m_leak(leak) {}
+    using Record = FieldRecord;
+    static constexpr const char* INPUT = "fs_in";
+    static constexpr const char* OUTPUT = "fs_out";
 
-    FieldStablizationTopicOut Answer(const FieldStablizationTopicIn& in) {
+    explicit FieldController(const FlowgraphOptions& options) : m_gain(options.gain), m_leak(options.leak) {}
+
+    void Answer(const common::shmif::FieldStablizationTopicIn& in,
+                common::shmif::FieldStablizationTopicOut& out) {
         const auto mean = [&](auto axis) {
             double sum = 0.0;
             for (const auto& error : in.img_centroid_error) sum += static_cast<double>(error.*axis);
@@ -38,17 +41,11 @@ public:
         m_tip = m_leak * m_tip + m_gain * tip;
         m_tilt = m_leak * m_tilt + m_gain * tilt;
 
-        FieldStablizationTopicOut out;
-        out.timestamp = AtomClk::now();
-        out.sample_id = in.sample_id;
         out.m5 = {static_cast<float>(m_tip), static_cast<float>(m_tilt)};
         out.ms = {MS_SHARE * out.m5.tip, MS_SHARE * out.m5.tilt};
         out.u4_tt = {U4_SHARE * out.m5.tip, U4_SHARE * out.m5.tilt};
         out.pfs = in.gp_tt;
         out.tt_error = {static_cast<float>(tip), static_cast<float>(tilt)};
-        out.input_sample_id = in.sample_id;
-        out.input_timestamp = in.timestamp;
-        return out;
     }
 
 private:
@@ -58,19 +55,69 @@ private:
     double m_tilt = 0.0;
 };
 
+class GpaoController {
+public:
+    using Record = GpaoRecord;
+    static constexpr const char* INPUT = "gpao_in";
+    static constexpr const char* OUTPUT = "gpao_out";
+
+    explicit GpaoController(const FlowgraphOptions& options) : m_options(options) {}
+
+    // Goes on from the last command: M4 has kept it while no flowgraph lived, and a start at zero would make
+    // it jump.
+    void Answer(const common::shmif::GpaoTopicIn& in, common::shmif::GpaoTopicOut& out) {
+        if (!m_has_started) m_command.assign(in.last_gpao_cmd.begin(), in.last_gpao_cmd.end());
+        m_has_started = true;
+        for (std::size_t mode = 0; mode < m_command.size(); ++mode) {
+            const double gain = mode < defs::TIP_TILT_SIZE ? m_options.tt_gain : m_options.gain;
+            m_command[mode] = m_options.leak * m_command[mode] + gain * double{in.coefficients[mode]};
+            out.gpao_cmd[mode] = static_cast<float>(m_command[mode]);
+        }
+    }
+
+private:
+    const FlowgraphOptions& m_options;
+    bool m_has_started = false;
+    std::vector<double> m_command;
+};
+
+template <class Controller>
 void Loop(const FlowgraphOptions& options, common::shmif::ShmReaderRT& reader,
           common::shmif::ShmWriterRT& writer) {
-    Controller controller(options.gain, options.leak);
-    FlowgraphRecord record;
+    Controller controller(options);
+    typename Controller::Record record;
     record.life = options.life;
+    off_t place = lseek(options.log, 0, SEEK_END);
+    const auto note = [&] {
+        return pwrite(options.log, &record, sizeof record, place) == static_cast<ssize_t>(sizeof record);
+    };
     while (!g_stopped) {
         if (!reader.TimedReceive(&record.in, LOOK_ROUND)) continue;
         record.taken = AtomClk::now();
-        record.out = controller.Answer(record.in);
-        record.delivered = writer.TimedSend(&record.out, PATIENCE) ? 1 : 0;
+        record.delivery = Delivery::Open;
+        record.out = {};
+        controller.Answer(record.in, record.out);
+        record.out.timestamp = AtomClk::now();
+        record.out.sample_id = record.in.sample_id;
+        record.out.input_sample_id = record.in.sample_id;
+        record.out.input_timestamp = record.in.timestamp;
+        // Noted before it is given: whoever is killed in between has not given what nobody knows of.
+        if (!note()) return;
+        record.delivery = writer.TimedSend(&record.out, PATIENCE) ? Delivery::Done : Delivery::Refused;
         record.given = AtomClk::now();
-        if (write(options.log, &record, sizeof record) != static_cast<ssize_t>(sizeof record)) return;
+        if (!note()) return;
+        place += static_cast<off_t>(sizeof record);
     }
+}
+
+template <class Controller>
+void RunLoop(const FlowgraphOptions& options) {
+    common::shmif::ShmIf shm;
+    common::shmif::ShmReaderRT reader(shm, Controller::INPUT);
+    common::shmif::ShmWriterRT writer(shm, Controller::OUTPUT);
+    nodepin::MakeThread("Flowgraph", {{}, {}, options.priority}, [&] {
+        Loop<Controller>(options, reader, writer);
+    }).join();
 }
 
 }  // namespace
@@ -80,12 +127,8 @@ int RunFlowgraph(const FlowgraphOptions& options) {
     action.sa_handler = [](int) { g_stopped = true; };
     sigaction(SIGTERM, &action, nullptr);
     common::shmif::ShmIf::Setup(options.shm_prefix);
-    common::shmif::ShmIf shm;
-    common::shmif::ShmReaderRT reader(shm, "fs_in");
-    common::shmif::ShmWriterRT writer(shm, "fs_out");
-    nodepin::MakeThread("Flowgraph", {{}, {}, options.priority}, [&] {
-        Loop(options, reader, writer);
-    }).join();
+    const bool is_gpao = options.kind == FlowgraphKind::Gpao;
+    is_gpao ? RunLoop<GpaoController>(options) : RunLoop<FieldController>(options);
     return g_stopped ? 0 : 1;
 }
 
