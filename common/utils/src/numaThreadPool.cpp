@@ -3,6 +3,7 @@
 #include <vosk/common/assert.hpp>
 #include <vosk/common/numaThreadPool.hpp>
 
+#include <future>
 #include <utility>
 
 namespace vosk::common {
@@ -39,10 +40,11 @@ std::size_t SizeOf(const PliConfigInstanceNode& list) {
 
 }  // namespace
 
-NumaThreadPool::Worker::Worker(std::size_t numa_buf_size, int cpu, bool busy, int priority)
-    : m_synchronizer_flag{std::make_shared<WaitSynchronizerFlag>(busy)} {
-    m_placement.SetPriority(priority);
-    if (m_placement.BindTo(cpu) && numa_buf_size != 0) {
+NumaThreadPool::Worker::Worker(std::size_t numa_buf_size, ThreadState state)
+    : m_state{std::move(state)},
+      m_synchronizer_flag{std::make_shared<WaitSynchronizerFlag>(m_state.placement.busy)} {
+    m_placement.SetPriority(m_state.placement.priority);
+    if (m_placement.BindTo(m_state.placement.cpu) && numa_buf_size != 0) {
         static_cast<void>(m_placement.ProvideBuffer(numa_buf_size));  // an arena is of use, no condition
     }
 }
@@ -82,15 +84,29 @@ NumaThreadPool::~NumaThreadPool() {
 void NumaThreadPool::ProvisionWorker(const std::string& thread_name, std::size_t numa_buf_size, int cpu,
                                      bool busy, bool single_run, int priority) {
     VOSK_ASSERT(m_workers.size() < m_workers.capacity());
-    Worker& worker = m_workers.emplace_back(numa_buf_size, cpu, busy, priority);
+    Worker& worker =
+        m_workers.emplace_back(numa_buf_size, ThreadState{thread_name, {cpu, busy, priority, 0}});
     if (PliConfigReview::Current() != nullptr) return;
+    std::promise<int> priority_given;
+    auto priority_of_worker = priority_given.get_future();
     try {
-        worker.m_thread = nodepin::MakeThread(thread_name, worker.m_placement.Policies(),
-                                              [this, &worker, single_run] { Work(worker, single_run); });
+        worker.m_thread =
+            nodepin::MakeThread(thread_name, worker.m_placement.Policies(),
+                                [this, &worker, single_run, given = std::move(priority_given)]() mutable {
+                                    given.set_value(nodepin::PriorityOfThisThread());
+                                    Work(worker, single_run);
+                                });
+        worker.m_state.placement.priority_given = priority_of_worker.get();
     } catch (...) {
         m_workers.pop_back();
         throw;
     }
+}
+
+std::vector<ThreadState> NumaThreadPool::GetStates() const {
+    std::vector<ThreadState> states;
+    for (const Worker& worker : m_workers) states.push_back(worker.m_state);
+    return states;
 }
 
 void NumaThreadPool::ProvisionTask(std::size_t idx, std::function<void()> task) {

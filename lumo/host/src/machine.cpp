@@ -75,8 +75,11 @@ std::string PreemptionModel(std::string_view version, std::string_view modes) {
 
 std::vector<ThreadState> StatesOf(const std::map<std::string, std::unique_ptr<lumo::Thread>>& threads) {
     std::vector<ThreadState> states;
-    states.reserve(threads.size());
-    for (const auto& [name, thread] : threads) states.push_back({name, thread->GetPlacement()});
+    for (const auto& [name, thread] : threads) {
+        states.push_back({name, thread->GetPlacement()});
+        for (const ThreadState& worker : thread->GetWorkers())
+            states.push_back({name + "/" + worker.name, worker.placement});
+    }
     return states;
 }
 

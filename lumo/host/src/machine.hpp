@@ -12,11 +12,9 @@
 
 namespace vosk::host {
 
-struct ThreadState {
-    std::string name;
-    lumo::Thread::Placement placement;
-};
+using common::ThreadState;
 
+// With the workers of each: "WfsLisa_WFS_GP1/pool_th_0".
 std::vector<ThreadState> StatesOf(const std::map<std::string, std::unique_ptr<lumo::Thread>>& threads);
 
 struct Machine {

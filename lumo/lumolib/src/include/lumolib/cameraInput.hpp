@@ -113,6 +113,8 @@ public:
     COptions GetCOptions() const;
     void SetCOptions(std::size_t algorithm, float threshold, std::size_t nbrightest);
 
+    std::vector<common::ThreadState> GetWorkers() const override { return m_pool.GetStates(); }
+
     // Publishes each result on an RT topic, for a simulation outside. Never waits for its reader.
     template <class T>
     class SimulatorOutput {

@@ -10,6 +10,7 @@
 #include <atomclk/atomClk.hpp>
 #include <nodepin/numaPlacement.hpp>
 #include <oru/configng/pliConfig.hpp>
+#include <vosk/common/threadState.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
 #include <vosk/defs/valueTypes.hpp>
 
@@ -58,15 +59,11 @@ public:
     // thread.
     bool HasEndedByItself() const noexcept { return m_has_ended_by_itself.load(); }
 
-    struct Placement {
-        int cpu;  // -1 for none
-        bool busy;
-        int priority;        // SCHED_FIFO, 0 for an ordinary thread
-        int priority_given;  // by the system, at the last start
-    };
-    Placement GetPlacement() const noexcept {
+    common::ThreadPlacement GetPlacement() const noexcept {
         return {m_cpu, m_busy, m_numa_placement.Policies().priority, m_priority_given.load()};
     }
+    // Of the threads that this one has work for it.
+    virtual std::vector<common::ThreadState> GetWorkers() const { return {}; }
 
     const std::string& GetName() const noexcept { return m_name; }
     const std::string& GetDescription() const noexcept { return m_description; }

@@ -10,6 +10,7 @@
 
 #include <nodepin/numaPlacement.hpp>
 #include <oru/configng/pliConfig.hpp>
+#include <vosk/common/threadState.hpp>
 #include <vosk/common/waitSynchronizer.hpp>
 
 #include <atomic>
@@ -38,6 +39,8 @@ public:
     NumaThreadPool& operator=(const NumaThreadPool&) = delete;
 
     std::size_t GetSize() const noexcept { return m_workers.size(); }
+    // In the order in which they were added.
+    std::vector<ThreadState> GetStates() const;
 
     // Provisioning stands before the first Run(), or between runs that are over.
 
@@ -65,9 +68,10 @@ public:
 
 private:
     struct Worker {
-        Worker(std::size_t numa_buf_size, int cpu, bool busy, int priority);
+        Worker(std::size_t numa_buf_size, ThreadState state);
 
         std::thread m_thread;
+        ThreadState m_state;
         nodepin::NumaPlacement m_placement;
         std::function<void()> m_task;  // written by the owner while the flag is clear
         std::shared_ptr<WaitSynchronizerFlag> m_synchronizer_flag;
