@@ -22,7 +22,7 @@ enum class EntriesUsed { EVERY, FIRST };
 struct StreamEntry {
     std::string key;  // below the section's key
     EntriesUsed used;
-    // Makes the thread or threads of one element and enters each. Empty: no thread of this build serves it.
+    // Makes the thread or threads of one element and enters each.
     std::function<void(const oru::configng::PliConfigInstanceNode&, const EnterThread&)> make;
     std::string absent_text{};  // logged at TRACE where the key is absent, if not empty
 };
@@ -41,9 +41,9 @@ std::span<const SectionEntry> FlowgraphSections();
 using VisitElement = std::function<void(const StreamEntry&, const oru::configng::PliConfigInstanceNode&)>;
 
 // Calls `visit` for each element that makes threads, of each stream of `sections` that the map `cfg`
-// configures and this build serves, in the order of the table. Throws std::runtime_error where a stream,
-// served or not, is no sequence, PliConfigNotFoundError where it is empty and its first element is wanted;
-// under a review these and what `visit` throws are noted.
+// configures, in the order of the table. Throws std::runtime_error where a stream is no sequence,
+// PliConfigNotFoundError where it is empty and its first element is wanted; under a review these and what
+// `visit` throws are noted.
 void WalkElements(const oru::configng::PliConfigInstanceNode& cfg, std::span<const SectionEntry> sections,
                   const VisitElement& visit);
 
