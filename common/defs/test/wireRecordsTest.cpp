@@ -1,3 +1,4 @@
+#include <vosk/defs/byteOrder.hpp>
 #include <vosk/defs/valueTypes.hpp>
 #include <vosk/defs/wireRecords.hpp>
 
@@ -19,6 +20,39 @@ Bytes BytesOf(const Record& record) {
 
 static_assert(offsetof(MaranaLeaderInfo, width) == 12 && offsetof(MaranaLeaderInfo, height) == 16 &&
               offsetof(MaranaLeaderInfo, x_offset) == 20);
+
+TEST(BigEndian, StandsOnTheWireWithTheHighByteFirst) {
+    EXPECT_EQ(BytesOf(BigEndian<std::uint16_t>{0x0102}), (Bytes{1, 2}));
+    EXPECT_EQ(BytesOf(BigEndian<std::uint32_t>{1}), (Bytes{0, 0, 0, 1}));
+    EXPECT_EQ(BytesOf(BigEndian<std::uint64_t>{0x0102030405060708}), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(BytesOf(BigEndian<float>{1.0F}), (Bytes{0x3F, 0x80, 0, 0}));
+    EXPECT_EQ(BytesOf(BigEndian<double>{-2.0}), (Bytes{0xC0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(double{BigEndian<double>{-1.3493615328852238}}, -1.3493615328852238);
+    EXPECT_EQ(std::int32_t{BigEndian<std::int32_t>{-5}}, -5);
+}
+
+// All kinds of floats, NaNs with a payload among them, at an address that no vector load would choose.
+TEST(ByteOrder, SwapsEveryBitPatternOfAVector) {
+    struct Misaligned {
+        std::byte offset{};
+        std::array<BigEndian<float>, M4_CMD_SIZE> values;
+    };
+    auto wire = std::make_unique<Misaligned>();
+    auto host = std::make_unique<std::array<float, M4_CMD_SIZE>>();
+    for (std::uint32_t i = 0; i < M4_CMD_SIZE; ++i) {
+        const std::uint32_t pattern = i * 0x9E3779B9U;
+        std::memcpy(&(*host)[i], &pattern, sizeof pattern);
+    }
+    const auto original = BytesOf(*host);
+
+    ToWireOrder(*host, wire->values);
+    const auto swapped = BytesOf(wire->values);
+    for (std::size_t i = 0; i < swapped.size(); ++i) ASSERT_EQ(swapped[i], original[i ^ 3U]) << i;
+
+    std::ranges::fill(*host, 0.0F);
+    ToHostOrder(wire->values, *host);
+    EXPECT_EQ(BytesOf(*host), original);
+}
 
 TEST(WireRecords, EveryStatusWordNamesASource) {
     using enum AoCommandSource;
