@@ -1,4 +1,5 @@
 #include <vosk/ao_tasks/m4SaturationManagement.hpp>
+#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/support.hpp>
 
 #include <random>
@@ -18,7 +19,9 @@ std::pair<Vector, bool> Work(const Config& config, const Vector& command, const 
     auto block = std::make_unique<M4SaturationManagement>(config);
     Vector setpoint(SIZE, -1.0F);
     using In = std::span<const float, SIZE>;
+    const auto before = vosk::test::AllocationsOfThisThread();
     block->Work(In{command}, In{applied}, std::span<float, SIZE>{setpoint});
+    EXPECT_EQ(vosk::test::AllocationsOfThisThread(), before);
     return {setpoint, block->IsProjectionFinite()};
 }
 
