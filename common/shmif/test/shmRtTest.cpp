@@ -1,6 +1,5 @@
 #include "shmRtFixture.hpp"
 
-#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/messageQueue.hpp>
 
 using namespace vosk::test;
@@ -112,22 +111,6 @@ TEST_F(ShmRt, ObjectThatIsNoSuchRegionIsRefusedByNameAndStaysAsItWas) {
     ShmIf::RegisterTopic("no/such/folder", ShmType::SHM_RT, SIZE);
     EXPECT_THAT(TextOf<std::runtime_error>([&] { ShmWriterRT(m_shm, "no/such/folder"); }),
                 testing::StartsWith("Failed to create/open shared memory: "));
-}
-
-TEST_F(ShmRt, DataPathAllocatesNothing) {
-    ShmWriterRT writer = MakeWriter();
-    ShmReaderRT reader = MakeReader();
-    const std::size_t before = AllocationsOfThisThread();
-    ASSERT_GT(before, 0U);
-    for (int i = 0; i < 110; ++i) {
-        EXPECT_TRUE(Send(writer, 1, 1ms));
-        EXPECT_FALSE(Send(writer, 2, 10us));
-        EXPECT_TRUE(Take(reader, 1ms));
-        EXPECT_FALSE(Take(reader, 10us));
-        writer.TrySend(RecordOf(3).data());
-        EXPECT_TRUE(Take(reader));
-    }
-    EXPECT_EQ(AllocationsOfThisThread(), before);
 }
 
 }  // namespace
