@@ -1,6 +1,5 @@
 #include "bench.hpp"
 
-#include <vosk/test/allocationCount.hpp>
 #include <vosk/test/loopback.hpp>
 
 using namespace pktwire;
@@ -14,10 +13,10 @@ constexpr std::chrono::nanoseconds LONG = 30s;
 
 // Both ends of a QUDEX stream over UDP.
 struct Link {
-    explicit Link(std::uint16_t num_frames = 1, const UdpRxSocket::Config& listening = Listening())
+    explicit Link(const UdpRxSocket::Config& listening)
         : rx{listening, nullptr},
           tx{SendingTo(rx.LocalPort()), nullptr},
-          sender{SenderConfig(num_frames), tx, nullptr} {}
+          sender{SenderConfig(1), tx, nullptr} {}
 
     UdpRxSocket rx;
     UdpTxSocket tx;
@@ -45,7 +44,7 @@ TEST(UdpRxSocket, NamesASettingThatCannotWork) {
 TEST(UdpRxSocket, CountsThePacketsThatTheKernelDropped) {
     auto config = Listening();
     config.rxbuf_size = 1;  // the system's smallest
-    Link link{1, config};
+    Link link{config};
     qudex::Receiver receiver{ReceiverConfig(1), link.rx, nullptr};
     std::array<std::byte, 1000> sample{};
     for (int run = 0; run < 2; ++run) {
@@ -62,7 +61,7 @@ TEST(UdpRxSocket, WaitsForAPacketUntilTheTimeIsOver) {
     for (auto spin_time : {0ns, std::chrono::nanoseconds{1ms}}) {
         auto config = Listening();
         config.spin_time = spin_time;
-        Link link{1, config};
+        Link link{config};
         EXPECT_EQ(link.rx.WaitReadable(2ms), std::errc::timed_out);
         ASSERT_FALSE(link.sender.SendSample({}, {}, {}));
         EXPECT_FALSE(link.rx.WaitReadable(LONG));
@@ -110,34 +109,6 @@ TEST(UdpSockets, CarrySamplesOverMulticastWithAllSettings) {
         EXPECT_FALSE(receiver.ReceiveSample(buffer, LONG).first);
         EXPECT_EQ(buffer, sample);
     }
-}
-
-TEST(LspxOverUdp, CameraFramesCrossWithoutACopyOrAnAllocation) {
-    constexpr std::uint32_t units = 783360;
-    auto listening = Listening();
-    listening.rxbuf_size = 64U << 20U;
-    Link link{206, listening};
-    if (link.rx.GrantedBuffer() < (16U << 20U))
-        GTEST_SKIP() << "the system grants no buffer for a whole frame";
-    lspx::Receiver receiver{
-        {.endianness = 8, .leader_extended_info_size = 8, .data_unit_size = 2},
-        {new qudex::Receiver{ReceiverConfig(206), link.rx, nullptr}, std::default_delete<qudex::Receiver>{}},
-        nullptr};
-    lspx::Sender sender{{.endianness = 8, .leader_extended_info_size = 8, .frame_size = units}, link.sender};
-    const Bytes frame = Counting(units * 2UL);
-    Bytes payload(frame.size());
-    std::array<std::byte, 8> info{};
-    const std::size_t before = AllocationsOfThisThread();
-    for (unsigned id = 0; id < 40; ++id) {
-        sender.SetSampleId(id);
-        ASSERT_FALSE(sender.SendSample(info, frame, {}, TIME, {}, {}));
-        auto [error, sample] = receiver.ReceiveSample(info, payload, {}, LONG);
-        ASSERT_FALSE(error) << error.message();
-        ASSERT_EQ(sample.leader->SampleId(), id);
-    }
-    EXPECT_EQ(AllocationsOfThisThread(), before);
-    EXPECT_EQ(receiver.GetCounters().copied, 0U);
-    EXPECT_TRUE(payload == frame);
 }
 
 }  // namespace
