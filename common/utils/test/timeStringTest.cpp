@@ -8,10 +8,9 @@ namespace vosk::lumo {
 namespace {
 
 TEST(GetTimeString, WritesTheTimeOfDay) {
-    const auto at = [](std::chrono::nanoseconds count) { return atomclk::AtomClk::time_point{count}; };
-    EXPECT_EQ(GetTimeString(at(12h + 34min + 56s + 7us)), "12:34:56.000007");
-    EXPECT_EQ(GetTimeString(at(24h * 20'000 + 23h + 59min + 59s + 999'999'999ns)), "23:59:59.999999");
-    EXPECT_EQ(GetTimeString(at(0ns)), "00:00:00.000000");
+    EXPECT_EQ(GetTimeString(test::At(12h + 34min + 56s + 7us)), "12:34:56.000007");
+    EXPECT_EQ(GetTimeString(test::At(24h * 20'000 + 23h + 59min + 59s + 999'999'999ns)), "23:59:59.999999");
+    EXPECT_EQ(GetTimeString(test::At(0ns)), "00:00:00.000000");
 }
 
 TEST(GetTimeString, CutsADurationTowardsZero) {
