@@ -24,10 +24,6 @@ protected:
         ::unsetenv("INTROOT");
         fs::current_path(m_before);
     }
-    static std::string Refusal(const std::vector<std::string>& directories) {
-        return vosk::test::TextOf<std::runtime_error>(
-            [&] { return FileSystem::FindFileOrThrow("none.fits", directories); });
-    }
 
     const fs::path m_before = fs::current_path();
     const vosk::test::TempDir m_root;
@@ -48,12 +44,10 @@ TEST_F(FileSearch, TakesTheFirstHitInItsOrderAndAnAbsolutePathAsItStands) {
 
 TEST_F(FileSearch, NamesThePlacesThatItSearched) {
     const std::string root = m_root.Path().string();
-    const std::string start = "FileSystem: Path or file none.fits not found, searched in:\n/\n./\n$CFGPATH (";
-    EXPECT_EQ(Refusal(m_directories), start + root + "/cfg)\n$INTROOT/resource (" + root +
-                                          "/int/resource)\n" + root + "/one\n" + root + "/two");
-    ::unsetenv("CFGPATH");
-    ::setenv("INTROOT", "", 1);
-    EXPECT_EQ(Refusal({}), start + ")\n");
+    EXPECT_EQ(vosk::test::TextOf<std::runtime_error>(
+                  [&] { return FileSystem::FindFileOrThrow("none.fits", m_directories); }),
+              "FileSystem: Path or file none.fits not found, searched in:\n/\n./\n$CFGPATH (" + root +
+                  "/cfg)\n$INTROOT/resource (" + root + "/int/resource)\n" + root + "/one\n" + root + "/two");
 }
 
 }  // namespace
