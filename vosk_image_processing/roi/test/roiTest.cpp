@@ -17,6 +17,7 @@ TEST(Roi, KnowsItsSizeMayBeEmptyAndMayReachTheEdges) {
 
 TEST(Rectangles, AreRefusedWhereTheyLeaveTheFrameOrRunBack) {
     const auto reference = [](double x, double y) { return [=] { Roi(0, 1, 0, 1, 240, 200, x, y); }; };
+    const auto range = [](const Roi& roi) { return [=] { RangeOf(roi, 10, 20, "Test"); }; };
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[] { Roi(5, 4, 1, 2, 10, 10, 0, 0); }, "Roi: invalid coordinates: (5..4),(1..2)"},
         {[] { Roi(1, 2, 5, 4, 10, 10, 0, 0); }, "Roi: invalid coordinates: (1..2),(5..4)"},
@@ -26,13 +27,8 @@ TEST(Rectangles, AreRefusedWhereTheyLeaveTheFrameOrRunBack) {
         {reference(1, -0.001), "Roi: invalid reference point: (1.000000,-0.001000)"},
         {[] { Window(1, 0, 2048, 1024, 2048, 1024); }, "Window: invalid offsets: (1..2049),(0..1024)"},
         {[] { Window(0, 1000, 10, 25, 2048, 1024); }, "Window: invalid offsets: (0..10),(1000..1025)"},
-        {[] {
-             RangeOf(Roi{1, 11, 0, 10, 99, 99, 0, 0}, 10, 20, "Test");
-         },
-         "Test: ROI (1..11),(0..10) does not fit a frame of 10 x 20"},
-        {[] {
-             RangeOf(Roi{1, 10, 0, 21, 99, 99, 0, 0}, 10, 20, "Test");
-         },
+        {range(Roi{1, 11, 0, 10, 99, 99, 0, 0}), "Test: ROI (1..11),(0..10) does not fit a frame of 10 x 20"},
+        {range(Roi{1, 10, 0, 21, 99, 99, 0, 0}),
          "Test: ROI (1..10),(0..21) does not fit a frame of 10 x 20"}};
     for (const auto& [make, text] : cases) {
         EXPECT_EQ(vosk::test::TextOf<std::invalid_argument>([&call = make] { return call(), 0; }), text);
