@@ -115,7 +115,7 @@ TEST(Matrix, IsFoundAndReadRowByRowAndTheLogSaysWhyANodeIsNone) {
     const std::string start =
         "Data type conversion to oru::experimental::datatypes::PliMatrix2D<double> for node v failed, "
         "reason: ";
-    ExpectRefusal<Matrix>({"[[1, 2], [3]]", "[[1, [2]]]"}, start + "disallowed by converter");
+    ExpectRefusal<Matrix>({"[[1, 2], [3, 4, 5]]", "[[1, [2]]]"}, start + "disallowed by converter");
     ExpectRefusal<Matrix>({"[[1, x]]"}, start + "\"x\" is no number");
 
     const LogCapture log;
