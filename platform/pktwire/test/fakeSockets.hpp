@@ -24,9 +24,11 @@ inline Bytes FromHex(std::string text) {
     return bytes;
 }
 
-inline Bytes Counting(std::size_t size, unsigned start = 0) {
+// Those from `place` on of bytes that count from `start`.
+inline Bytes Counting(std::size_t size, unsigned start = 0, std::size_t place = 0) {
     Bytes bytes(size);
-    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::byte>(start + i * 7 + i / 251);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::byte>(start + (place + i) * 7 + (place + i) / 251);
     return bytes;
 }
 
