@@ -30,6 +30,13 @@ double LargestMagnitude(const std::vector<double>& values) {
     return largest;
 }
 
+// Ones on the diagonal.
+std::vector<float> MakeUnity(std::size_t rows, std::size_t columns) {
+    std::vector<float> matrix(rows * columns);
+    for (std::size_t i = 0; i < std::min(rows, columns); ++i) matrix[i * columns + i] = 1.0F;
+    return matrix;
+}
+
 }  // namespace
 
 ModalBasis MakeModalBasis(std::uint32_t modes) {
@@ -86,6 +93,15 @@ ModalBasis ReadModalBasis(const std::filesystem::path& file) {
         throw std::runtime_error(fmt::format("{}: the image must have two axes, the second of {}",
                                              file.string(), defs::M4_CMD_SIZE));
     return {static_cast<std::uint32_t>(axes[0]), common::Fits::ReadImg<float>(fits)};
+}
+
+GpaoFiles WriteGpaoFiles(const std::filesystem::path& directory) {
+    const GpaoFiles files{directory / "ins2gpao.fits", directory / "gpao2ins.fits"};
+    constexpr std::size_t MODES = defs::GPAO_CMD_SIZE;
+    std::filesystem::create_directories(directory);
+    WriteFitsImage<float>(files.ins2gpao, MakeUnity(defs::M4_CMD_SIZE, MODES), {MODES, defs::M4_CMD_SIZE});
+    WriteFitsImage<float>(files.gpao2ins, MakeUnity(MODES, defs::INS_CMD_SIZE), {defs::INS_CMD_SIZE, MODES});
+    return files;
 }
 
 }  // namespace vosk::rig

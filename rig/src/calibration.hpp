@@ -39,4 +39,13 @@ SaturationLimits ChooseLimits(const ModalBasis& basis, const Scenario& scenario)
 void WriteModalBasis(const std::filesystem::path& file, const ModalBasis& basis);
 ModalBasis ReadModalBasis(const std::filesystem::path& file);
 
+// From elements of a setpoint to GPAO's modes and back: the first elements are these modes.
+struct GpaoFiles {
+    std::filesystem::path ins2gpao;
+    std::filesystem::path gpao2ins;
+};
+
+// Below `directory`. Throws std::runtime_error.
+GpaoFiles WriteGpaoFiles(const std::filesystem::path& directory);
+
 }  // namespace vosk::rig

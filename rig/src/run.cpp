@@ -4,6 +4,7 @@
 #include "host/hostProcess.hpp"
 #include "judge/aoLoop.hpp"
 #include "judge/fieldLoop.hpp"
+#include "judge/gpaoLoop.hpp"
 #include "judge/hostJudge.hpp"
 #include "peers/cameraPeer.hpp"
 #include "report/htmlReport.hpp"
@@ -134,7 +135,13 @@ struct Run::Stage {
 std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const LoopCalibration& calibration,
                                              const ModeTimeline& modes, Ports ports,
                                              const std::filesystem::path& files) {
-    std::vector<std::unique_ptr<Peer>> peers = MakeCameras(scenario, files, ports);
+    std::vector<std::unique_ptr<Peer>> peers;
+    const CameraPeer* wfs = nullptr;  // that GPAO gets the coefficients of
+    for (auto& camera : MakeCameras(scenario, files, ports)) {
+        if (scenario.gpao && camera->Scene().Settings().camera == scenario.Wfs()->camera) wfs = camera.get();
+        peers.push_back(std::move(camera));
+    }
+    if (scenario.gpao) AddGpaoPeers(scenario, *wfs, files, peers);
     if (scenario.streams) AddFieldPeers(scenario, ports, peers);
     if (!scenario.ao_loop) return peers;
     auto instrument = std::make_unique<Instrument>(scenario, ports);
@@ -176,6 +183,8 @@ bool Run::Execute() {
         m_facts.advice = AdviseOnPriority(m_scenario.host.PeerPriority());
         m_progress.Say(m_facts.advice);
     }
+
+    if (m_scenario.gpao) stage.host->Ask("camera " + vosk::to_string(m_scenario.Wfs()->camera));
 
     m_facts.start = NextGridPoint(AtomClk::now() + 200ms, m_scenario.CommandPeriod());
     for (const auto& peer : stage.peers) peer->Start(m_facts.start);

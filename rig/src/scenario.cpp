@@ -87,6 +87,19 @@ StreamSettings ReadStreams(const Section& section) {
     return streams;
 }
 
+GpaoSettings ReadGpao(const Section& section, const Scenario& scenario) {
+    if (scenario.Wfs() == nullptr) section.Fail("'gpao' needs a wavefront sensor among the cameras");
+    if (scenario.Wfs()->pixels_per_radian <= 0.0)
+        section.Fail("'gpao' needs a wavefront sensor with 'pixels_per_radian' above 0");
+    GpaoSettings gpao;
+    section.ReadInRange("gain", gpao.gain, 0.0, 2.0);
+    gpao.tt_gain = gpao.gain;
+    section.ReadInRange("tt_gain", gpao.tt_gain, 0.0, 2.0);
+    section.ReadInRange("leak", gpao.leak, 0.0, 1.0);
+    section.ReadDuration("margin", gpao.margin);
+    return gpao;
+}
+
 FaultRule ReadFault(const Section& section) {
     FaultRule rule;
     section.ReadName("stream", STREAMS, rule.stream);
@@ -140,6 +153,7 @@ Scenario ReadScenario(const Document& document) {
                   [&](const Section& section) { scenario.cameras.push_back(ReadCamera(section)); });
     scenario.ao_loop = !root.Has("streams") && (scenario.cameras.empty() || root.Has("instrument"));
     root.ReadSection("streams", [&](const Section& section) { scenario.streams = ReadStreams(section); });
+    root.ReadSection("gpao", [&](const Section& section) { scenario.gpao = ReadGpao(section, scenario); });
     root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
     root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });
     root.ReadSection("expect", [&](const Section& section) { ReadExpectation(section, scenario.expect); });
@@ -164,6 +178,13 @@ Scenario Read(MakeDocument make_document) {
 }
 
 }  // namespace
+
+const CameraSettings* Scenario::Wfs() const {
+    const auto found = std::find_if(cameras.begin(), cameras.end(), [](const CameraSettings& camera) {
+        return camera.kind == CameraKind::LisaWfs;
+    });
+    return found == cameras.end() ? nullptr : &*found;
+}
 
 std::chrono::nanoseconds Scenario::CommandPeriod() const {
     return std::chrono::nanoseconds{std::llround(1e9 / instrument.rate)};

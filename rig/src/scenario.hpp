@@ -3,6 +3,7 @@
 // What one run of the bench telescope does: how the host is set up, how its peers behave, what happens when,
 // and what must hold in the end. Read once from a YAML file, constant afterwards.
 
+#include "gpaoSettings.hpp"
 #include "streamSettings.hpp"
 
 #include <vosk/defs/controlMode.hpp>
@@ -203,11 +204,14 @@ struct Scenario {
     LightSettings light;
     std::vector<CameraSettings> cameras;
     std::optional<StreamSettings> streams;  // field stabilisation and its peers, if they are there
+    std::optional<GpaoSettings> gpao;       // its flowgraph, if it is there
     std::vector<FaultRule> faults;
     std::vector<Step> steps;  // in order of time
     Expectation expect;
 
     std::chrono::nanoseconds CommandPeriod() const;
+    // The first wavefront sensor among the cameras, whose coefficients GPAO gets; null if there is none.
+    const CameraSettings* Wfs() const;
     std::chrono::nanoseconds FeedbackPeriod() const;
     // At most, for logs that are sized before the run.
     std::size_t ExpectedCommands() const;

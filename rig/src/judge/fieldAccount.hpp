@@ -4,6 +4,7 @@
 // for by its content and its ID, and the loop as a whole against its prediction. Pure functions of what the
 // peers wrote down.
 
+#include "judge/hopAccount.hpp"
 #include "peers/flowgraphProcess.hpp"
 #include "peers/recordStreams.hpp"
 #include "scenario.hpp"
@@ -29,19 +30,6 @@ struct FieldFacts {
     Samples<defs::MSCorrection> ms_corrections;
     time_point first;  // of all grids
     time_point until;  // what the flowgraph gave after this need not have arrived
-};
-
-// Of one hop of a stream: from a peer into the flowgraph's record, or from its answer to a peer.
-struct HopAccount {
-    std::string name;
-    std::uint64_t due = 0;       // places in records, or answers
-    std::uint64_t right = 0;     // content and ID as they must be
-    std::uint64_t missing = 0;   // answers that reached nobody; records with nothing new
-    std::uint64_t late = 0;      // right, but beyond the margin
-    std::uint64_t wrong = 0;     // content that nobody sent, or that belongs to another sample
-    std::uint64_t repeated = 0;  // commands that repeat the flowgraph's last answer; no fault
-    std::vector<double>
-        delays;  // microseconds: age in the record less its due age, or arrival after its time
 };
 
 struct LoopFit {

@@ -8,14 +8,7 @@ namespace vosk::rig {
 namespace {
 
 ReportSection HopsOf(const FieldAccounts& accounts) {
-    ReportSection section{"Field stabilisation, hop by hop",
-                          {"hop", "due", "right", "missing", "late", "wrong", "repeated"},
-                          {},
-                          {}};
-    for (const HopAccount& hop : accounts.hops)
-        section.rows.push_back({hop.name, fmt::to_string(hop.due), fmt::to_string(hop.right),
-                                fmt::to_string(hop.missing), fmt::to_string(hop.late),
-                                fmt::to_string(hop.wrong), fmt::to_string(hop.repeated)});
+    ReportSection section = DescribeHops("Field stabilisation, hop by hop", accounts.hops);
     section.notes.push_back(
         fmt::format("{} records of fs_in lost, {} off the grid; {} answers of the flowgraph wrong.",
                     accounts.lost_inputs, accounts.off_grid, accounts.wrong_answers));

@@ -276,9 +276,9 @@ PeerAccount CameraPeer::Account(const RunFacts& facts) const {
     return DescribeCamera(m_scenario, facts, *m_scene, m_seed, camera);
 }
 
-std::vector<std::unique_ptr<Peer>> MakeCameras(const Scenario& scenario,
-                                               const std::filesystem::path& directory, Ports& ports) {
-    std::vector<std::unique_ptr<Peer>> peers;
+std::vector<std::unique_ptr<CameraPeer>> MakeCameras(const Scenario& scenario,
+                                                     const std::filesystem::path& directory, Ports& ports) {
+    std::vector<std::unique_ptr<CameraPeer>> peers;
     if (scenario.cameras.empty()) return peers;
     const auto light =
         std::make_shared<const Light>(scenario.light, scenario.seed, defs::GPAO_CMD_SIZE, scenario.duration);

@@ -32,6 +32,9 @@ public:
                std::filesystem::path directory, std::uint64_t seed, Ports& ports);
     ~CameraPeer() override;
 
+    const CameraScene& Scene() const { return *m_scene; }
+    std::span<const FrameRecord> Frames() const { return m_log.Entries(); }
+
     void AddTo(HostDocument& document) const override;
     void Start(time_point first) override;
     void TakeStep(const StepAction& action) override;
@@ -102,7 +105,7 @@ private:
 };
 
 // Makes the cameras of the scenario, and writes the files that the host reads of them below `directory`.
-std::vector<std::unique_ptr<Peer>> MakeCameras(const Scenario& scenario,
-                                               const std::filesystem::path& directory, Ports& ports);
+std::vector<std::unique_ptr<CameraPeer>> MakeCameras(const Scenario& scenario,
+                                                     const std::filesystem::path& directory, Ports& ports);
 
 }  // namespace vosk::rig
