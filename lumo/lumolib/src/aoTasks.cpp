@@ -194,8 +194,8 @@ void AoTasks::ClearInputs() {
     m_gpao_input->ClearDataReady();
 }
 
-// Field stabilisation and GPAO are not checked where they enter, and finite commands can have positions that
-// are not: such a setpoint is kept back, and the cycle is one without a source.
+// Finite commands can have sums and positions that are not: such a setpoint is kept back, and the cycle is
+// one without a source.
 void AoTasks::SendSetpoint(Plan& plan) {
     const auto setpoint = m_executor.Step3_ProcessM4SetpointData();
     m_time_stats.process_m4_setpoint = AtomClk::now();
