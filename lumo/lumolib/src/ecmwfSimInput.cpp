@@ -46,7 +46,8 @@ void ECMWFSimInput::OnSample(const defs::WfsPayload& payload, const pktwire::qud
     m_sync->SetData(payload, id, atomclk::AtomClk::now());
     for (std::size_t i = 0; i < m_resamplers.size(); ++i) {
         const auto& block = payload.blocks[i];
-        m_resamplers[i]->AddSample({block.timestamp, id, {0.0, block.x, block.y}});
+        if (CanGoOn({block.x, block.y}, m_name, id))
+            m_resamplers[i]->AddSample({block.timestamp, id, {0.0, block.x, block.y}});
     }
     if (common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
         common::LogDebug("\tReceived ECMWFSim input at {}, SampleId = {}", GetTimeString(now), id);

@@ -43,8 +43,10 @@ defs::FloatVectorTT M5Input::ApplyM52Sky(const defs::FloatVectorTT& tt) const {
 void M5Input::OnSample(const defs::M5PttAct::Payload& payload, const pktwire::qudex::Packet& first,
                        time_point now) {
     const auto id = first.SampleId();
-    const auto sky = ApplyM52Sky({static_cast<float>(payload.tip), static_cast<float>(payload.tilt)});
-    m_m5_sync->SetData(sky, id, now);
+    if (CanGoOn({payload.tip, payload.tilt}, m_name, id)) {
+        const auto sky = ApplyM52Sky({static_cast<float>(payload.tip), static_cast<float>(payload.tilt)});
+        m_m5_sync->SetData(sky, id, now);
+    }
     m_ao_sync->SetData(payload, id, first.Timestamp());
     if (common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
         common::LogTrace("\tReceived M5 setpoint applied at {}, sample_id = {}", GetTimeString(now), id);

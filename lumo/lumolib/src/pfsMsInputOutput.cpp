@@ -45,8 +45,14 @@ void PfsInput::OnSample(const pfs::PFSTargetData& target, const pktwire::qudex::
                         time_point now) {
     const auto id = first.SampleId();
     const time_point packet_time = first.Timestamp();
-    m_input_sync->SetData(target, id, packet_time);
-    m_target_sync->SetData(target.pointing, id, packet_time);
+    const auto& [one, two, three] = target.guide_probes;
+    const auto& pointing = target.pointing.values;
+    if (CanGoOn({one.tip, one.tilt, one.value, two.tip, two.tilt, two.value, three.tip, three.tilt,
+                 three.value, pointing[4]},
+                m_name, id))
+        m_input_sync->SetData(target, id, packet_time);
+    if (CanGoOn({pointing[0], pointing[1]}, m_name, id))  // M5 would be commanded by it
+        m_target_sync->SetData(target.pointing, id, packet_time);
     if (common::GetLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
         common::LogTrace("\tReceived PFS measurement data at {}, sample_id = {}", GetTimeString(now), id);
     }

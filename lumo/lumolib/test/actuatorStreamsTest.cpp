@@ -102,6 +102,31 @@ TEST_F(ActuatorTest, M5IsHeardInBothCoordinates) {
     EXPECT_EQ(AtomClk::time_point{header.m5_time}, START);
 }
 
+// It would end in the command of M5, or for ever in the filters of a flowgraph.
+TEST_F(ActuatorTest, AMeasurementThatIsNotFiniteGoesNowhere) {
+    Running<M5Input> m5{ReceiverKeys(1)};
+    Running<PfsInput> measured{ReceiverKeys(2)};
+    Running<ECMWFSimInput> simulated{ReceiverKeys(3)};
+    unsigned id = 10;
+    for (const double value : {std::nan(""), -HUGE_VAL, 1e39, 1.0}) {
+        pfs::PFSTargetData target;
+        target.pointing.values[1] = target.guide_probes[2].value = value;
+        defs::WfsPayload simulation;
+        simulation.blocks[3].y = value;
+        Peer{1, 1}.Send(defs::M5PttAct::Payload{0.0, 1.0, value, {}}, ++id, START);
+        Peer{1, 2}.Send(target, id, START);
+        Peer{1, 3}.Send(simulation, id, START);
+        m5.RunCycle();
+        measured.RunCycle();
+        simulated.RunCycle();
+        const auto is_current = [id](const auto& sync) { return sync->GetSampleId() == id; };
+        EXPECT_EQ(is_current(Get<M5InputDataSync>()), value == 1.0);
+        EXPECT_EQ(is_current(Get<PfsInputDataSync>()), value == 1.0);
+        EXPECT_EQ(is_current(Get<PfsTargetDataSync>()), value == 1.0);
+        EXPECT_EQ(Results(defs::Camera::IMG_PDS)->HasSamples(), value == 1.0);
+    }
+}
+
 TEST_F(ActuatorTest, PfsCorrectionsCarryTheTimeOfTheSampleAndWhetherCenteringIsOn) {
     Sending<PfsOutput, PfsOutputDataSync> output;
     const std::string time = "0000034630b8a001";  // an hour and 1 ns

@@ -2,13 +2,27 @@
 
 #include <lumolib/utilities.hpp>
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
 namespace vosk::lumo {
 
 namespace {
 
 constexpr int MIN_FRAMES = 3;
 
+bool IsFiniteFloat(double value) {
+    return std::abs(value) <= double{std::numeric_limits<float>::max()};
+}
+
 }  // namespace
+
+bool CanGoOn(std::initializer_list<double> values, const std::string& stream, defs::sample_id_t id) {
+    if (std::ranges::all_of(values, IsFiniteFloat)) return true;
+    common::LogWarn("{}: sample {} holds values that are not finite, they are not used", stream, id);
+    return false;
+}
 
 LspxInput::LspxInput(const std::string& name, const oru::configng::PliConfigInstanceNode& node,
                      const pktwire::UdpRxSocket::Config& udp, const pktwire::qudex::Receiver::Config& qudex,

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <future>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -44,6 +45,10 @@ struct InputAccount {
         state->SetLosses({met.missed + cut_short, met.dropped, met.stale});
     }
 };
+
+// Whether these values of a sample can go on, as floats: others would spread through whatever computes with
+// them. A WARN says if they can't.
+bool CanGoOn(std::initializer_list<double> values, const std::string& stream, defs::sample_id_t id);
 
 // Receives samples of one record.
 template <class Payload>
