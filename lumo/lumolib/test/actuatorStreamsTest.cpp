@@ -257,5 +257,31 @@ TEST_F(AoOutputTest, EachSourceInTheStatusHasItsText) {
     }
 }
 
+template <class Output, class Sync, class Record>
+std::size_t AllocationsOfSending(const Record& record) {
+    const pktwire::UdpRxSocket listener{vosk::test::Listening(UniquePort()), nullptr};
+    Running<Output> output{fmt::format("{{busy: false, ip_dest: 127.0.0.1, udp_dest: {}}}", UniquePort())};
+    unsigned id = 0;
+    return AllocationsOf([&] { Get<Sync>(false)->SetData(record, ++id, START), output.RunCycle(); });
+}
+
+template <class Input, class Record>
+std::size_t AllocationsOfReceiving() {
+    Running<Input> input{ReceiverKeys()};
+    Peer peer{1};
+    const Record record;
+    unsigned id = 0;
+    return AllocationsOf([&] { peer.Send(record, ++id, START), input.RunCycle(); });
+}
+
+TEST_F(ActuatorTest, NoLoopAllocates) {
+    EXPECT_EQ((AllocationsOfSending<M5Output, M5OutputDataSync>(PAIR)), 0U);
+    EXPECT_EQ((AllocationsOfSending<PfsOutput, PfsOutputDataSync>(PfsOutputData{})), 0U);
+    EXPECT_EQ((AllocationsOfSending<MSOutput, MSOutputDataSync>(PAIR)), 0U);
+    EXPECT_EQ((AllocationsOfReceiving<M5Input, defs::M5PttAct::Payload>()), 0U);
+    EXPECT_EQ((AllocationsOfReceiving<PfsInput, pfs::PFSTargetData>()), 0U);
+    EXPECT_EQ((AllocationsOfReceiving<ECMWFSimInput, defs::WfsPayload>()), 0U);
+}
+
 }  // namespace
 }  // namespace vosk::lumo

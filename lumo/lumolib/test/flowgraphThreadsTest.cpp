@@ -290,5 +290,32 @@ TEST_F(FlowgraphTest, GpaoOutputProjectsEachCommandAndExpectsTheFirstToBeNumberO
     EXPECT_EQ(Counted().unusable_flowgraph_records, 1U);
 }
 
+TEST_F(FlowgraphTest, NoLoopOfGpaoAllocates) {
+    Running<GpaoInput> input{
+        "{shm_topic: gpao_in, ins2gpao_path: " + FileOf(Floats(GpaoInput::INS2GPAO_SIZE), 52) + GPAO_KEYS};
+    Running<GpaoOutput> output{"{shm_topic: gpao_out, gpao2ins_path: " +
+                               FileOf(Floats(GpaoOutput::GPAO2INS_SIZE), 4866) + GPAO_KEYS};
+    ShmReaderRT reader{m_shm, "gpao_in"};
+    ShmWriterRT writer{m_shm, "gpao_out"};
+    const auto coefficients = Get<GpaoCoefficientsDataSync>(false);
+    const auto applied = Get<GpaoM4SetpointAppliedDataSync>();
+    const Floats setpoint(defs::INS_CMD_SIZE);
+    common::shmif::GpaoTopicIn taken;
+    common::shmif::GpaoTopicOut record{.timestamp = START};
+    EXPECT_EQ(AllocationsOf([&] {
+                  applied->SetData(std::span<const float, defs::INS_CMD_SIZE>{setpoint}, 1U, START);
+                  coefficients->SetData(GpaoCoefficients{}, VoskTelescopeStateManager::GetActiveCameraFs(),
+                                        1U, START);
+                  input.RunCycle();
+                  reader.TimedReceive(&taken, nanoseconds{0});
+                  ++record.sample_id;
+                  writer.TimedSend(&record, microseconds{0});
+                  output.RunCycle();
+              }),
+              0U);
+    EXPECT_EQ(taken.sample_id, 21U);
+    EXPECT_EQ(Get<AoTasksGpaoDataSync>(false)->GetSampleId(), 21U);
+}
+
 }  // namespace
 }  // namespace vosk::lumo
