@@ -46,6 +46,7 @@ int MakeData(const DataOptions& options) {
     std::filesystem::create_directories(directory);
     LoopCalibration calibration{directory / "m2p.fits", MakeModalBasis(options.modes), {}};
     WriteModalBasis(calibration.basis_file, calibration.basis);
+    WriteGpaoFiles(directory);
     calibration.limits = ChooseLimits(calibration.basis, scenario);
     scenario.duration = Seconds{1.0};  // these peers never start, and need little memory
     const ModeTimeline modes;
