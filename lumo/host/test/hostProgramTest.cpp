@@ -14,9 +14,7 @@
 namespace vosk::host {
 namespace {
 
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 
 class HostProgram : public ::testing::Test {
 public:

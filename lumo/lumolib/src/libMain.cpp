@@ -29,15 +29,6 @@ namespace {
 constexpr std::chrono::seconds START_LIMIT{3};
 constexpr std::size_t ECMWFSIM_TOPICS = 4;  // one a guide probe, and the PDS
 
-void WaitForStart(const std::string& name, std::future<void>& started,
-                  atomclk::AtomClk::time_point deadline) {
-    // wait_until re-reads the deadline's own clock after each wake-up.
-    if (started.wait_until(deadline) != std::future_status::ready) {
-        common::LogAndThrow("Thread " + name + " failed to start on time");
-    }
-    started.get();
-}
-
 }  // namespace
 
 int SetRTParameters() {
@@ -112,10 +103,18 @@ void LibMain::SetupDataSync(const PliConfigInstanceNode& node) {
 void LibMain::StartThreads() {
     LogDebug("Starting all threads...");
     RuntimeMonitor::GetInstance().Reset();
-    std::vector<std::pair<std::string, std::future<void>>> starting;
+    Starting starting;
     for (auto& [name, thread] : m_threads) starting.emplace_back(name, thread->Start());
-    const auto deadline = atomclk::AtomClk::now() + START_LIMIT;
-    for (auto& [name, started] : starting) WaitForStart(name, started, deadline);
+    WaitForStarts(starting, atomclk::AtomClk::now() + START_LIMIT);
+}
+
+// wait_until re-reads the deadline's own clock after each wake-up.
+void LibMain::WaitForStarts(Starting& starting, defs::time_point deadline) {
+    for (auto& [name, started] : starting) {
+        if (started.wait_until(deadline) != std::future_status::ready)
+            common::LogAndThrow("Thread " + name + " failed to start on time");
+        started.get();
+    }
 }
 
 void LibMain::StopThreads() {

@@ -8,8 +8,6 @@
 #include <lumolib/ecmwfSimInput.hpp>
 #include <lumolib/m5InputOutput.hpp>
 #include <lumolib/pfsMsInputOutput.hpp>
-#include <pktwire/detail/wire.hpp>
-#include <vosk/test/recordingSocket.hpp>
 
 namespace vosk::lumo {
 namespace {
@@ -17,38 +15,18 @@ namespace {
 using namespace test;
 using namespace testing;
 using defs::FloatVectorTT;
-using pktwire::wire::QudexHeader;
 
-struct Datagram {
-    explicit Datagram(const std::string& bytes) {
-        std::memcpy(&header, bytes.data(), sizeof header);
-        for (const char byte : bytes.substr(sizeof header))
-            hex += fmt::format("{:02x}", static_cast<std::uint8_t>(byte));
-    }
-    AtomClk::time_point Time() const { return AtomClk::time_point{header.timestamp}; }
-    QudexHeader header;
-    std::string hex;
-};
+const std::string GRID = ", send_interval: 2 ms, send_offset: 250 us";
 
-// A sending thread, what it sent, and the object it sends from, which is of class Sync.
-template <class Base, class Sync>
-struct Sending : Running<Base> {
-    explicit Sending(const std::string& keys = "")
-        : Running<Base>{
-              "{busy: false, ip_dest: 127.0.0.1, udp_dest: 9, send_interval: 2 ms, send_offset: 250 us" +
-              keys + "}"} {
-        this->m_sender = std::make_unique<pktwire::qudex::Sender>(this->m_qudex_cfg, socket, nullptr);
-    }
-    template <class Record>
-    std::vector<Datagram> Cycle(const Record& record, unsigned id, AtomClk::time_point time) {
-        socket.datagrams.clear();
-        sync->SetData(record, id, time);
-        EXPECT_TRUE(this->RunCycle());
-        return {socket.datagrams.begin(), socket.datagrams.end()};
-    }
-    vosk::test::RecordingSocket socket;
-    std::shared_ptr<Sync> sync = Get<Sync>(false);
-};
+// What the thread sends of one record of the object.
+template <class Output, class Sync, class Record>
+std::vector<Datagram> Cycle(Output& output, Sync& sync, const Record& record, unsigned id,
+                            AtomClk::time_point time) {
+    output.socket.datagrams.clear();
+    sync.SetData(record, id, time);
+    EXPECT_TRUE(output.RunCycle());
+    return output.Sent();
+}
 
 class ActuatorTest : public LoopTest {
 protected:
@@ -71,24 +49,25 @@ constexpr FloatVectorTT PAIR{1.5F, -2.0F};
 const std::string PAIR_BE = "3ff8000000000000c000000000000000";
 
 TEST_F(ActuatorTest, M5IsCommandedInItsOwnCoordinatesOnTheGridAndOnce) {
-    Sending<M5Output, M5OutputDataSync> output;
+    Sending<M5Output> output{GRID};
+    auto& sync = *Get<M5OutputDataSync>(false);
     for (const auto& [late, sent] : {std::pair{0, 250}, {1, 2250}, {2'000'000, 2250}, {2'000'001, 4250}}) {
-        const auto datagrams = output.Cycle(PAIR, 70U, START + nanoseconds{late});
+        const auto datagrams = Cycle(output, sync, PAIR, 70U, START + nanoseconds{late});
         ASSERT_EQ(datagrams.size(), 1U);
         EXPECT_EQ(datagrams[0].Time(), START + microseconds{sent});
         EXPECT_EQ(datagrams[0].header.sample_id, 70U);
         EXPECT_EQ(datagrams[0].hex, "0000000000000000000000000000f8bf0000000000000040");
     }
-    NotifyLate(*output.sync);
+    NotifyLate(sync);
     EXPECT_TRUE(output.RunCycle());
     EXPECT_EQ(output.socket.datagrams.size(), 1U);
     output.Start().get();
     for (const unsigned id : {1U, 2U}) {  // the second one while the first waits for its time
-        output.sync->SetData(PAIR, id, START + seconds{9});
-        ASSERT_TRUE(id == 2 || Eventually([&] { return !output.sync->IsNewData(); }));
+        sync.SetData(PAIR, id, START + seconds{9});
+        ASSERT_TRUE(id == 2 || Eventually([&] { return !sync.IsNewData(); }));
     }
     output.Stop();
-    EXPECT_FALSE(output.sync->IsDataReady());  // nothing for the next run
+    EXPECT_FALSE(sync.IsDataReady());  // nothing for the next run
 }
 
 TEST_F(ActuatorTest, M5IsHeardInBothCoordinates) {
@@ -128,11 +107,13 @@ TEST_F(ActuatorTest, AMeasurementThatIsNotFiniteGoesNowhere) {
 }
 
 TEST_F(ActuatorTest, PfsCorrectionsCarryTheTimeOfTheSampleAndWhetherCenteringIsOn) {
-    Sending<PfsOutput, PfsOutputDataSync> output;
+    Sending<PfsOutput> output{GRID};
+    auto& sync = *Get<PfsOutputDataSync>(false);
     const std::string time = "0000034630b8a001";  // an hour and 1 ns
     for (const bool centering : {true, false}) {
         VoskTelescopeStateManager::SetGPCenteringEnabled(centering);
-        const auto datagrams = output.Cycle(PfsOutputData{{{PAIR, {}, PAIR}}}, 6U, START + nanoseconds{1});
+        const auto datagrams =
+            Cycle(output, sync, PfsOutputData{{{PAIR, {}, PAIR}}}, 6U, START + nanoseconds{1});
         ASSERT_EQ(datagrams.size(), 1U);
         const std::string flag = centering ? "00000001" : "00000000";
         EXPECT_EQ(datagrams[0].hex,
@@ -145,10 +126,11 @@ TEST_F(ActuatorTest, PfsCorrectionsCarryTheTimeOfTheSampleAndWhetherCenteringIsO
 }
 
 TEST_F(ActuatorTest, MsCorrectionsCarryTheirSendTimeAndAnUpsamplerMakesSeveral) {
-    Sending<MSOutput, MSOutputDataSync> output{", resampler: twice"};
+    Sending<MSOutput> output{GRID + ", resampler: twice"};
+    auto& sync = *Get<MSOutputDataSync>(false);
     std::vector<AtomClk::time_point> times;
     for (const unsigned id : {0U, 1U, 2U}) {
-        const auto datagrams = output.Cycle(PAIR, id, START + id * milliseconds{4});
+        const auto datagrams = Cycle(output, sync, PAIR, id, START + id * milliseconds{4});
         EXPECT_TRUE(id == 0 || datagrams.size() == 2);
         for (const auto& datagram : datagrams) {
             times.push_back(datagram.Time());

@@ -233,15 +233,11 @@ TEST_F(AoTasksTest, TelescopeCyclesLeaveOnTheGridOfM4OutputAndGpaoPacesItsModes)
     ASSERT_TRUE(AnswerUntilCycleEnds(1.25F, 2));
 }
 
-TEST_F(AoTasksTest, SequentialModeReportsItsSourceAndClearsTheReferenceItUsed) {
+TEST_F(AoTasksTest, SequentialModeClearsTheReferenceItUsedAndHighOrderCascadeEndsTheThread) {
     StartDrivenBy(INS_DRIVEN_SEQUENTIAL);
     ASSERT_TRUE(RunCycle(3.0F, 3.0F, 1));
     EXPECT_EQ(m_fs_ref->GetData().tt_ref, defs::FloatVectorTT{});
     EXPECT_EQ(Status(), 0x900);
-}
-
-TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadOnceASourceCommands) {
-    StartDrivenBy(INS_DRIVEN_CASCADE);
     SetMode(HIGH_ORDER_CASCADE);
     m_fs->SetData(0.5F, 0.25F, 1U, AtomClk::now());  // dropped by the handback
     ASSERT_TRUE(CycleEnds());
@@ -249,7 +245,7 @@ TEST_F(AoTasksTest, HighOrderCascadeEndsTheThreadOnceASourceCommands) {
     m_fs->SetData(0.5F, 0.25F, 2U, AtomClk::now());
     ASSERT_TRUE(SetpointArrives());
     EXPECT_TRUE(Eventually([&] {
-        Answer(0.0F, 1);
+        Answer(0.0F, 2);
         return m_thread->HasEndedByItself();
     }));
 }

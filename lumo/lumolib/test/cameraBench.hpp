@@ -21,6 +21,12 @@ void WriteFits(const std::string& path, const std::vector<T>& values, const std:
     common::Fits::WriteImg<T>(common::Fits::FitsFileWrite(path, true), values, axes);
 }
 
+// Of the pixels of a dark and a flat image.
+struct Levels {
+    float dark = 0.0F;
+    float flat = 1.0F;
+};
+
 // ROIs of 10 x 10 in a grid, each with its reference point at its corner.
 struct Grid {
     explicit Grid(std::size_t count) {
@@ -50,8 +56,7 @@ protected:
         for (std::uint32_t i = 0; i < 840 * 816; ++i)
             table.push_back(i / 840 * static_cast<std::uint32_t>(WIDTH) + i % 840);
         WriteFits(directory / "data/scrambling/lisa_descrambling_vector.fits", table, {table.size()});
-        WriteFits(directory / "dark.fits", std::vector<float>(840 * 816), {840, 816});
-        WriteFits(directory / "flat.fits", std::vector<float>(840 * 816, 1.0F), {840, 816});
+        Calibrate("", {840, 816});
     }
     ~CameraTest() override {
         for (const auto& file : std::filesystem::directory_iterator{"/tmp"}) {
@@ -66,6 +71,37 @@ protected:
                std::to_string(UniquePort()) + ", camera_id: " + camera +
                ", noise_removal: {dark_path: " + calibration + "dark.fits, flat_path: " + calibration +
                "flat.fits}";
+    }
+
+    // Writes a dark and a flat image; gives the prefix of their names.
+    std::string Calibrate(const std::string& prefix, const std::vector<std::size_t>& axes,
+                          const Levels& levels = {}) const {
+        for (const auto& [name, level] : {std::pair{"dark.fits", levels.dark}, {"flat.fits", levels.flat}})
+            WriteFits(directory / (prefix + name), std::vector<float>(axes[0] * axes[1], level), axes);
+        return directory / prefix;
+    }
+
+    // An imaging LISA, with a box of 10 x 10 about (105, 205).
+    oru::configng::PliConfigInstanceNode ImgLisaNode(const std::string& more = "") const {
+        return CfgOf("cfg: " + Common("IMG_GP2", directory / "") +
+                     ", cent_box: [10, 10], refpos: [105.0, 205.0]" + more + "}");
+    }
+    oru::configng::PliConfigInstanceNode MaranaNode() const {
+        return CfgOf("cfg: " + Common("IMG_PDS", Calibrate("marana_", {2048, 2048})) +
+                     ", cent_box: [8, 10], refpos: [2004.0, 105.0]}");
+    }
+    static defs::MaranaLeaderInfo MaranaInfo(std::uint32_t type, std::uint32_t width, std::uint32_t height,
+                                             std::uint32_t x, std::uint32_t y) {
+        return {vosk::test::At(seconds{1000}), type, width, height, x, y};
+    }
+    // A raw pixel of 12 is 1 when clean. The bad pixel lies in the middle of the box.
+    oru::configng::PliConfigInstanceNode AliceNode(const std::string& camera = "IMG_GP1") const {
+        const auto calibration = Calibrate("alice_", {240, 240}, {.dark = 10.0F, .flat = 2.0F});
+        return CfgOf("cfg: " + Common(camera, calibration) +
+                     ", image_processing: {busy: false, noise_removal: {dark_path: " + calibration +
+                     "dark.fits, flat_path: " + calibration +
+                     "flat.fits}, bad_pixels: [[120, 120]], pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, 1], "
+                     "cent_box: [8, 8], refpos: [120, 120]}}");
     }
 
     // A sensor of `count` sub-apertures; `matrix` stands in the file in the order given, zeroes where it

@@ -16,8 +16,9 @@ using defs::Camera;
 class CameraLoop : public CameraTest {
 protected:
     template <class Info>
-    static void ExpectNoAllocation(Camera camera, std::uint16_t num_frames, const Info& info,
-                                   std::size_t count) {
+    static void ExpectNoAllocation(const std::vector<Thread*>& threads, Camera camera,
+                                   std::uint16_t num_frames, const Info& info, std::size_t count) {
+        for (Thread* thread : threads) thread->Start().get();
         const Pixels pixels(count, 1000);
         CameraPeer peer{num_frames};
         const auto results = Results(camera);
@@ -31,55 +32,31 @@ protected:
             })) << frame;
         }
         EXPECT_EQ(vosk::test::AllocationsOfAllThreads(), before);
+        for (Thread* thread : threads) thread->Stop();
     }
-    std::string WriteCalibration(const std::string& camera, std::size_t side) const {
-        WriteFits(directory / (camera + "dark.fits"), std::vector<float>(side * side), {side, side});
-        WriteFits(directory / (camera + "flat.fits"), std::vector<float>(side * side, 1.0F), {side, side});
-        return directory / camera;
-    }
-
     const defs::TransportTimepoint exposure{START};
 };
 
 TEST_F(CameraLoop, OfAWavefrontSensorWithTwoWorkersAllocatesNothing) {
     VoskTelescopeStateManager::SetActiveCameraFS(Camera::WFS_GP1);
     WfsLisaInput input{WfsNode(100, 2, {}, ", sim_out: true, shm_topic: slopes")};
-    input.Start().get();
-    ExpectNoAllocation(Camera::WFS_GP1, 206, exposure, SIZE);
-    input.Stop();
+    ExpectNoAllocation({&input}, Camera::WFS_GP1, 206, exposure, SIZE);
 }
 
 TEST_F(CameraLoop, OfAnImagingLisaAllocatesNothing) {
-    ImgLisaInput input{CfgOf("cfg: " + Common("IMG_GP2", directory / "") +
-                             ", cent_box: [10, 10], refpos: [105.0, 205.0], sim_out: true, shm_topic: c}")};
-    input.Start().get();
-    ExpectNoAllocation(Camera::IMG_GP2, 206, exposure, SIZE);
-    input.Stop();
+    ImgLisaInput input{ImgLisaNode(", sim_out: true, shm_topic: c")};
+    ExpectNoAllocation({&input}, Camera::IMG_GP2, 206, exposure, SIZE);
 }
 
 TEST_F(CameraLoop, OfAMaranaAllocatesNothing) {
-    ImgMaranaInput input{CfgOf("cfg: " + Common("IMG_PDS", WriteCalibration("marana_", 2048)) +
-                               ", cent_box: [8, 10], refpos: [2004.0, 105.0]}")};
-    input.Start().get();
-    ExpectNoAllocation(Camera::IMG_PDS, 7,
-                       defs::MaranaLeaderInfo{vosk::test::At(seconds{1000}), 512, 48, 10, 2000, 100}, 480);
-    input.Stop();
+    ImgMaranaInput input{MaranaNode()};
+    ExpectNoAllocation({&input}, Camera::IMG_PDS, 7, MaranaInfo(512, 48, 10, 2000, 100), 480);
 }
 
 TEST_F(CameraLoop, OfAnAliceWithBadPixelsAllocatesNothing) {
-    const auto calibration = WriteCalibration("alice_", 240);
-    const auto node = CfgOf("cfg: " + Common("IMG_GP1", calibration) +
-                            ", image_processing: {busy: false, noise_removal: {dark_path: " + calibration +
-                            "dark.fits, flat_path: " + calibration +
-                            "flat.fits}, bad_pixels: [[120, 120]], pixel_weights: [1, 1, 1, 1, 0, 1, 1, 1, "
-                            "1], cent_box: [8, 8], refpos: [120, 120]}}");
-    AliceInput input{node};
-    ImageProcessing processing{node};
-    processing.Start().get();
-    input.Start().get();
-    ExpectNoAllocation(Camera::IMG_GP1, 62, exposure, 240UL * 240UL);
-    input.Stop();
-    processing.Stop();
+    ImageProcessing processing{AliceNode()};
+    AliceInput input{AliceNode()};
+    ExpectNoAllocation({&processing, &input}, Camera::IMG_GP1, 62, exposure, std::size_t{240} * 240);
 }
 
 }  // namespace

@@ -119,12 +119,6 @@ TEST_F(Setters, PfsDataIsNarrowedByGuideProbe) {
     EXPECT_EQ(data.value, 3.0F);
 }
 
-TEST_F(Setters, PfsPointingStartsAtItsDefault) {
-    EXPECT_EQ(PfsTargetDataSync{}.GetData().values,
-              (std::array<double, 5>{-1.3493615328852238, -0.4624148042720943, 1.9259871576545562,
-                                     1.1978399934348485, 0.0}));
-}
-
 TEST_F(Setters, RecordsForTheInstrumentGoOutConvertedAndValid) {
     AoM5PttActDataSync m5;
     m5.GetDataRef().header.receive_time = At(99);

@@ -117,9 +117,12 @@ TEST_F(FsInput, LoopbacksFollowTheOutputsWhateverTheirFlags) {
 
 struct Simulator : simulation::CentroidSimulator {
     bool GetSimCentroids(CentroidError& gp1, CentroidError& gp2, CentroidError& gp3, CentroidError& pds,
-                         WfsTopic&, WfsTopic&, WfsTopic&, WfsTopic&) override {
+                         WfsTopic& wfs_gp1, WfsTopic& wfs_gp2, WfsTopic& wfs_gp3,
+                         WfsTopic& wfs_pds) override {
         double x = 0.0;
         for (CentroidError* error : {&gp1, &gp2, &gp3, &pds}) error->slope = {9.0, ++x, -x};
+        for (WfsTopic* topic : {&wfs_gp1, &wfs_gp2, &wfs_gp3, &wfs_pds})
+            topic->slopes.assign(1, {9.0, ++x, -x});
         return has_data;
     }
     bool IsEnabled() override { return true; }
@@ -139,6 +142,9 @@ TEST_F(FsInput, SimulatedCentroidsStandForTheImagingCamerasAlone) {
         EXPECT_THAT(News(), ElementsAre(1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0));
     }
     EXPECT_EQ(AllocationsOf([&] { m_input->RunCycle(START); }), 0U);
+    const auto all = std::make_unique<SimulatedCentroids>();
+    EXPECT_FALSE(all->Fetch());
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(all->wfs[i].slopes[0].x, 5.0 + static_cast<double>(i));
 }
 
 class FsOutput : public FlowgraphTest {

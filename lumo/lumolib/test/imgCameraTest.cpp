@@ -9,19 +9,11 @@ namespace {
 
 using namespace test;
 using defs::Camera;
-using defs::MaranaLeaderInfo;
 
-class ImgCamera : public CameraTest {
-protected:
-    // A box of 10 x 10 about (105, 205).
-    oru::configng::PliConfigInstanceNode LisaNode(const std::string& more = "") const {
-        return CfgOf("cfg: " + Common("IMG_GP2", directory / "") +
-                     ", cent_box: [10, 10], refpos: [105.0, 205.0]" + more + "}");
-    }
-};
+using ImgCamera = CameraTest;
 
 TEST_F(ImgCamera, TakesABoxTruncatedOrKeepsTheOneItHas) {
-    ImgLisaInput input{LisaNode()};
+    ImgLisaInput input{ImgLisaNode()};
     const LogCapture log;
     constexpr float NAN_VALUE = std::numeric_limits<float>::quiet_NaN();
     struct Case {
@@ -55,7 +47,7 @@ TEST_F(ImgCamera, TakesChangesOfRoiAndMethodBetweenFrames) {
     Pixels pixels(SIZE);
     pixels[206 * WIDTH + 106] = 100;
     pixels[407 * WIDTH + 307] = 200;
-    ImgLisaInput input{LisaNode(", sim_out: true, shm_topic: centroids")};
+    ImgLisaInput input{ImgLisaNode(", sim_out: true, shm_topic: centroids")};
     const auto results = Results(Camera::IMG_GP2);
     CameraPeer peer{206};
     std::set<double> fluxes;
@@ -105,7 +97,7 @@ TEST_F(ImgCamera, WritesTheFirstFrameOverALinkOfItsNameAndNotThroughIt) {
 }
 
 TEST_F(ImgCamera, RefusesWorkersAndCamerasOfAnotherKindAndReportsAllFaultsToAReview) {
-    EXPECT_EQ(vosk::test::TextOf([&] { ImgLisaInput{LisaNode(", centroiding_pool: [{}]")}; }),
+    EXPECT_EQ(vosk::test::TextOf([&] { ImgLisaInput{ImgLisaNode(", centroiding_pool: [{}]")}; }),
               "ImgLisa_IMG_GP2: Centroiding pool is configured but not used for VIS/IMG processing");
     EXPECT_EQ(vosk::test::TextOf([&] {
                   WfsLisaInput{CfgOf("cfg: " + Common("IMG_GP2", "") + ", centroiding_pool: [{}]}")};
@@ -126,48 +118,34 @@ TEST_F(ImgCamera, RefusesWorkersAndCamerasOfAnotherKindAndReportsAllFaultsToARev
                                        "cfg.noise_removal.flat_path", "cfg.cent_box[1]", "cfg.refpos"}));
 }
 
-class ImgMarana : public CameraTest {
-protected:
-    static constexpr std::size_t ALL = 2048 * 2048;
-
-    ImgMarana() {
-        WriteFits(directory / "marana_dark.fits", std::vector<float>(ALL), {2048, 2048});
-        WriteFits(directory / "marana_flat.fits", std::vector<float>(ALL, 1.0F), {2048, 2048});
-    }
-    static MaranaLeaderInfo Info(std::uint32_t type, std::uint32_t width, std::uint32_t height,
-                                 std::uint32_t x, std::uint32_t y) {
-        return {vosk::test::At(seconds{1000}), type, width, height, x, y};
-    }
-};
-
 // A spot at (2005, 107) of the sensor, the reference point at (2004, 105).
-TEST_F(ImgMarana, ProcessesWindowsThatAreWholeAndIgnoresOthers) {
-    ImgMaranaInput input{CfgOf("cfg: " + Common("IMG_PDS", directory / "marana_") +
-                               ", cent_box: [8, 10], refpos: [2004.0, 105.0]}")};
+TEST_F(ImgCamera, MaranaProcessesWindowsThatAreWholeAndIgnoresOthers) {
+    ImgMaranaInput input{MaranaNode()};
     const LogCapture log;
     input.Start().get();
     const auto results = Results(Camera::IMG_PDS);
     CameraPeer peer{7};
     struct Case {
-        MaranaLeaderInfo info;
+        defs::MaranaLeaderInfo info;
         std::size_t pixels;
         std::string text;  // of the WARN; empty: it is processed
     };
     const std::vector<Case> cases{
-        {Info(512, 48, 10, 2000, 100), 480, ""},
-        {Info(256, 48, 10, 2000, 100), 480,
+        {MaranaInfo(512, 48, 10, 2000, 100), 480, ""},
+        {MaranaInfo(256, 48, 10, 2000, 100), 480,
          "Receveived MARANA frame with incorrect datatype: (256), ignoring"},
-        {Info(512, 49, 10, 2000, 100), 490,
+        {MaranaInfo(512, 49, 10, 2000, 100), 490,
          "Receveived MARANA frame with incorrect window offsets: (2000..2049),(100..110), ignoring"},
-        {Info(512, 2, 10, 0xFFFFFFFF, 100), 20,
+        {MaranaInfo(512, 2, 10, 0xFFFFFFFF, 100), 20,
          "Receveived MARANA frame with incorrect window offsets: (4294967295..4294967297),(100..110), "
          "ignoring"},
-        {Info(512, 48, 0x80000000, 2000, 0x80000000), 480,
+        {MaranaInfo(512, 48, 0x80000000, 2000, 0x80000000), 480,
          "Receveived MARANA frame with incorrect window offsets: (2000..2048),(2147483648..4294967296), "
          "ignoring"},
-        {Info(512, 48, 10, 2000, 100), 479, "Received a frame of 479 pixels where 480 are needed, ignoring"},
-        {Info(512, 10, 948, 1999, 1100), 9480, ""},
-        {Info(512, 40, 8, 2003, 100), 321, ""}};
+        {MaranaInfo(512, 48, 10, 2000, 100), 479,
+         "Received a frame of 479 pixels where 480 are needed, ignoring"},
+        {MaranaInfo(512, 10, 948, 1999, 1100), 9480, ""},
+        {MaranaInfo(512, 40, 8, 2003, 100), 321, ""}};
     unsigned id = FIRST_ID;
     unsigned ignored = 0;
     for (const auto& [info, count, text] : cases) {

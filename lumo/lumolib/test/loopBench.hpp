@@ -13,6 +13,7 @@
 #include <lumolib/runtimeMonitor.hpp>
 #include <lumolib/voskHandoverManager.hpp>
 #include <lumolib/voskTelescopeStateManager.hpp>
+#include <pktwire/detail/wire.hpp>
 #include <pktwire/lspx.hpp>
 #include <vosk/common/fits.hpp>
 #include <vosk/common/shmif/shmIf.hpp>
@@ -20,6 +21,7 @@
 #include <vosk/test/allocationCount.hpp>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/loopback.hpp>
+#include <vosk/test/recordingSocket.hpp>
 #include <vosk/test/tempDir.hpp>
 
 namespace vosk::lumo::test {
@@ -67,6 +69,28 @@ struct Running : Base {
     ~Running() override { SetRunning(false); }
     void SetRunning(bool run) { common::SetRunning(this->m_running, run); }
     using Base::RunCycle;
+};
+
+struct Datagram {
+    explicit Datagram(const std::string& bytes) {
+        std::memcpy(&header, bytes.data(), sizeof header);
+        for (const char byte : bytes.substr(sizeof header))
+            hex += fmt::format("{:02x}", static_cast<std::uint8_t>(byte));
+    }
+    AtomClk::time_point Time() const { return AtomClk::time_point{header.timestamp}; }
+    pktwire::wire::QudexHeader header;
+    std::string hex;  // of what stands behind the header
+};
+
+// A sending thread whose cycles the test runs.
+template <class Base>
+struct Sending : Running<Base> {
+    explicit Sending(const std::string& keys)
+        : Running<Base>{"{busy: false, ip_dest: 127.0.0.1, udp_dest: 9" + keys + "}"} {
+        this->m_sender = std::make_unique<pktwire::qudex::Sender>(this->m_qudex_cfg, socket, nullptr);
+    }
+    std::vector<Datagram> Sent() const { return {socket.datagrams.begin(), socket.datagrams.end()}; }
+    vosk::test::RecordingSocket socket;
 };
 
 // Of twenty cycles behind a first one; in a program that links vosk_allocation_count.

@@ -1,6 +1,6 @@
 #include "testSupport.hpp"
 
-#include <lumolib/lumoRxTx.hpp>
+#include <lumolib/streamInput.hpp>
 
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/loopback.hpp>
@@ -97,10 +97,40 @@ TEST(Receivers, LogAtTheirEndWhatTheyMetBesidesSamples) {
                 ElementsAre(HasSubstr("foreign: 1, ")));
 }
 
-TEST(Endpoints, PeerThatIsNotThereIsNoFailure) {
-    EXPECT_TRUE(IsSent({}));
-    EXPECT_TRUE(IsSent({111, std::system_category()}));
-    EXPECT_FALSE(IsSent({101, std::system_category()}));
+struct ScriptedInput : LspxInput {
+    explicit ScriptedInput(const std::shared_ptr<InputStreamState>& state)
+        : LspxInput{"Scripted",
+                    Node("busy: false, " + RX),
+                    {},
+                    {.topic = 7, .num_frames = 3},
+                    {.data_unit_size = 2},
+                    {log4cplus::WARN_LOG_LEVEL, "Scripted: ", state}} {}
+    using LspxInput::RunCycle;
+
+    Received Receive() override { return {error, pktwire::lspx::Receiver::Sample{}}; }
+    void OnSample(const Leader& /*leader*/, const Trailer& /*trailer*/, time_point /*now*/) override {
+        ADD_FAILURE() << "a sample without leader and trailer";
+    }
+
+    std::error_code error;
+};
+
+TEST(StreamInput, ATimeOutIsSilentAndAnErrorOrHalfASampleIsInvalid) {
+    const LogCapture log;
+    const auto state = std::make_shared<InputStreamState>(DataStreamIdentifier::WFS_GP1);
+    ScriptedInput input{state};
+    const auto invalid_after = [&](std::error_code error) {
+        input.error = error;
+        input.RunCycle();
+        return state->GetTopicData().invalid_count;
+    };
+    EXPECT_EQ(invalid_after(std::make_error_code(std::errc::timed_out)), 0U);
+    EXPECT_EQ(invalid_after({ETIMEDOUT, std::system_category()}), 0U);
+    EXPECT_EQ(invalid_after(std::make_error_code(std::errc::io_error)), 1U);
+    EXPECT_EQ(invalid_after({}), 2U);
+    EXPECT_EQ(state->GetTopicData().sample_count, 0U);
+    EXPECT_THAT(log.Texts("Scripted: ", log4cplus::WARN_LOG_LEVEL),
+                ElementsAre("Scripted: Input/output error"));
 }
 
 }  // namespace

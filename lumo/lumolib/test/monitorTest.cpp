@@ -165,50 +165,29 @@ TEST(PerformanceData, KeepsCommandsApartAndClearsWhatANewErrorReplaces) {
     EXPECT_THAT(data.GetFSTelemetryData().fs_input_counts, ElementsAre(1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1));
 }
 
-class RuntimeMonitorTest : public testing::Test {
-protected:
-    // Its contents are at the back of the lists: earlier tests may have left theirs.
-    RuntimeMonitor& m_monitor = RuntimeMonitor::CreateInstance(gim::Config{});
-};
-
-// By the numbers in log and status an operator knows a stream.
-TEST_F(RuntimeMonitorTest, NumbersStatisticsAndStreamsInTheirOrder) {
-    const LogCapture log;
-    for (auto i = m_monitor.m_statistics.end() - 15; i != m_monitor.m_statistics.end(); ++i) {
-        (*i)->Enable(1ns);
-        (*i)->Update(At(1), At(1));
-        (*i)->Print();
-    }
-    std::vector<int> streams;
-    for (const auto& text : log.Texts("Stream ")) streams.push_back(std::stoi(text.substr(7)));
-    EXPECT_THAT(streams, ElementsAre(1, 1, 2, 2, 3, 3, 4, 4, 16, 10, 11, 12, 13, 14, 15));
-    std::vector<std::uint32_t> ids;
-    for (auto i = m_monitor.m_stream_states.end() - 20; i != m_monitor.m_stream_states.end(); ++i)
-        ids.push_back((*i)->GetTopicData().stream_id);
-    EXPECT_THAT(ids, ElementsAre(7, 10, 8, 11, 9, 12, 5, 6, 15, 0, 2, 13, 17, 16, 1, 3, 4, 18, 19, 14));
-}
-
-TEST_F(RuntimeMonitorTest, ResetZeroesStreamsAndPerformanceAndSparesControlState) {
-    m_monitor.m_ms_output_state->RecordSentSample(At(5));
+TEST(RuntimeMonitor, ResetZeroesStreamsAndPerformanceAndSparesControlState) {
+    RuntimeMonitor& monitor = RuntimeMonitor::CreateInstance(gim::Config{});
+    monitor.m_ms_output_state->RecordSentSample(At(5));
     RuntimeMonitor::GetPerformanceData().SetCentroidError(1, 2);
     RuntimeMonitor::GetStateData().SetPrimaryGP(2);
-    m_monitor.m_command_counts->clock_steps = 3;
-    m_monitor.Reset();
-    EXPECT_EQ(m_monitor.m_command_counts->clock_steps, 0U);
-    EXPECT_EQ(m_monitor.m_ms_output_state->GetTopicData().sample_count, 0U);
+    monitor.m_command_counts->clock_steps = 3;
+    monitor.Reset();
+    EXPECT_EQ(monitor.m_command_counts->clock_steps, 0U);
+    EXPECT_EQ(monitor.m_ms_output_state->GetTopicData().sample_count, 0U);
     EXPECT_FALSE(RuntimeMonitor::GetPerformanceData().GetWavefrontMetricData().wavefront_valid);
     EXPECT_EQ(RuntimeMonitor::GetStateData().GetTopicData().primary_gp, 2);
 }
 
-TEST_F(RuntimeMonitorTest, EnablesTheStatisticsThatTheConfigurationNamesToTheNanosecond) {
+TEST(RuntimeMonitor, EnablesTheStatisticsThatTheConfigurationNamesToTheNanosecond) {
+    const RuntimeMonitor& monitor = RuntimeMonitor::CreateInstance(gim::Config{});
     const auto enable = [](const std::string& entries) {
         RuntimeMonitor::EnableStatistics(vosk::test::NodeOf("cfg: {statistics: " + entries + "}")["cfg"]);
     };
     enable("{wfs_gp2: 1333333 ns}");
-    for (const auto& statistics : {m_monitor.m_wfs_gp2_statistics, m_monitor.m_img_gp2_statistics})
+    for (const auto& statistics : {monitor.m_wfs_gp2_statistics, monitor.m_img_gp2_statistics})
         for (std::int64_t i = 0; i <= 1000; ++i) statistics->Update(At(i * 1'333'333), At(i * 1'333'333));
-    EXPECT_THAT(Figures(*m_monitor.m_wfs_gp2_statistics), ElementsAre("1000", "0", "0", "0", "0", "0", "0"));
-    EXPECT_THAT(Figures(*m_monitor.m_img_gp2_statistics), ElementsAre());
+    EXPECT_THAT(Figures(*monitor.m_wfs_gp2_statistics), ElementsAre("1000", "0", "0", "0", "0", "0", "0"));
+    EXPECT_THAT(Figures(*monitor.m_img_gp2_statistics), ElementsAre());
     for (const char* entries : {"{m7: 2 ms}", "{m4: 0 ms}"})
         EXPECT_THROW(enable(entries), std::runtime_error);
 }

@@ -11,6 +11,7 @@
 #include <lumolib/lumoThread.hpp>
 #include <lumolib/threadTable.hpp>
 
+#include <future>
 #include <gim/config.hpp>
 #include <map>
 #include <memory>
@@ -19,6 +20,7 @@
 #include <span>
 #include <string>
 #include <utility>
+#include <vector>
 #include <vosk/defs/controlMode.hpp>
 
 namespace vosk::lumo {
@@ -82,6 +84,12 @@ public:
 protected:
     // A later thread of the same name replaces the earlier one.
     void EnterThread(std::unique_ptr<Thread> thread);
+
+    // Threads that were started, by name.
+    using Starting = std::vector<std::pair<std::string, std::future<void>>>;
+    // Returns when all are ready. Throws what one threw, or std::runtime_error for one that is not ready at
+    // the deadline, which is one for all.
+    static void WaitForStarts(Starting& starting, defs::time_point deadline);
 
 private:
     // The shared-memory interface is set up while this lives.

@@ -1,3 +1,5 @@
+// The control mode, who watches it, and the handover of M4 between its commanders.
+
 #include "handoverBench.hpp"
 
 #include <vosk/test/logCapture.hpp>
@@ -6,6 +8,7 @@
 using namespace std::chrono_literals;
 using vosk::lumo::HandoverBench;
 using vosk::lumo::RuntimeMonitor;
+using State = vosk::lumo::VoskTelescopeStateManager;
 using vosk::test::At;
 using vosk::test::LogCapture;
 using enum vosk::defs::VoskControlMode;
@@ -99,6 +102,9 @@ TEST_F(Handover, ASourceThatDoesNotFitTheModeCountsAsNone) {
         m_manager.SetM4CmdSource(source);
         EXPECT_EQ(m_manager.SourceOfCycle(mode), expected) << static_cast<int>(mode);
     }
+    const auto unknown = static_cast<vosk::defs::AoCommandSource>(4);
+    EXPECT_THROW(m_manager.SetM4CmdSource(unknown), std::runtime_error);
+    EXPECT_EQ(m_manager.GetM4CmdSource(), unknown);
 }
 
 TEST_F(Handover, AfterAHundredCyclesWithoutASourceTheModeIsToBeSetAgain) {
@@ -118,12 +124,6 @@ TEST_F(Handover, AfterAHundredCyclesWithoutASourceTheModeIsToBeSetAgain) {
     EXPECT_FALSE(m_manager.IsModeToBeSetAgain());
 }
 
-TEST_F(Handover, AnUnknownSourceIsStoredBeforeItThrows) {
-    const auto unknown = static_cast<vosk::defs::AoCommandSource>(4);
-    EXPECT_THROW(m_manager.SetM4CmdSource(unknown), std::runtime_error);
-    EXPECT_EQ(m_manager.GetM4CmdSource(), unknown);
-}
-
 TEST_F(Handover, AResetHearsOfModesOnce) {
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
     m_bench.RunCycle();
@@ -133,6 +133,56 @@ TEST_F(Handover, AResetHearsOfModesOnce) {
     const LogCapture log;
     HandoverBench::SetMode(INS_DRIVEN_CASCADE);
     EXPECT_EQ(log.Texts("starting handover sequence").size(), 1U);
+}
+
+TEST(TelescopeState, ObserversRunInOrderOnTheNewModeBeforeTheRecordChanges) {
+    HandoverBench bench;
+    std::vector<std::string> calls;
+    const auto observe = [&calls](const char* name) {
+        return [&calls, name](auto from, auto to) {
+            EXPECT_EQ(State::GetCurrentControlMode(), to);
+            EXPECT_EQ(HandoverBench::Record().control_mode, from);
+            calls.push_back(name + vosk::to_string(from) + vosk::to_string(to));
+        };
+    };
+    State::AttachControlModeObserver(observe("a:"));
+    State::AttachControlModeObserver(observe("b:"));
+    State::SetCurrentControlMode(HIGH_ORDER_CASCADE);
+    EXPECT_EQ(HandoverBench::Record().control_mode, HIGH_ORDER_CASCADE);
+    EXPECT_THAT(calls,
+                testing::ElementsAre("a:TEL_DRIVENHIGH_ORDER_CASCADE", "b:TEL_DRIVENHIGH_ORDER_CASCADE"));
+}
+
+TEST(TelescopeState, AnUnknownModeReachesTheObserversAndAResetDropsThem) {
+    const HandoverBench bench;
+    int calls = 0;
+    State::AttachControlModeObserver([&calls](auto, auto) { ++calls; });
+    EXPECT_THROW(State::SetCurrentControlMode(static_cast<vosk::defs::VoskControlMode>(7)),
+                 std::runtime_error);
+    EXPECT_EQ(calls, 1);
+    State::Reset();
+    State::SetCurrentControlMode(HIGH_ORDER_CASCADE);
+    EXPECT_EQ(calls, 1);
+}
+
+// The handover manager does so in the first cycle of AoTasks, while the host may be changing modes.
+TEST(TelescopeState, AnObserverCanAttachWhileTheModeChanges) {
+    constexpr int OBSERVERS = 200;
+    HandoverBench bench;
+    int calls = 0;  // observers run on this thread only
+    std::thread attaching([&calls] {
+        for (int i = 0; i < OBSERVERS; ++i)
+            State::AttachControlModeObserver([&calls](auto, auto) { ++calls; });
+    });
+    for (int i = 0, most = 0; i < OBSERVERS; ++i, most = calls) {
+        calls = 0;
+        State::NotifyControlModeObservers(TEL_DRIVEN, HIGH_ORDER_CASCADE);
+        EXPECT_GE(calls, most);  // none is lost again
+    }
+    attaching.join();
+    calls = 0;
+    State::NotifyControlModeObservers(TEL_DRIVEN, HIGH_ORDER_CASCADE);
+    EXPECT_EQ(calls, OBSERVERS);
 }
 
 }  // namespace
