@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <stdexcept>
 #include <vector>
@@ -86,6 +87,8 @@ public:
     BareSocket(const BareSocket&) = delete;
     BareSocket& operator=(const BareSocket&) = delete;
 
+    std::uint16_t Port() const { return ntohs(m_address.sin_port); }
+
     void SendTo(const BareSocket& peer, std::span<const std::byte> packet) const {
         if (sendto(m_fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&peer.m_address),
                    sizeof peer.m_address) < 0)
@@ -101,8 +104,10 @@ public:
         return size > 0;
     }
 
-private:
+protected:
     int m_fd;
+
+private:
     sockaddr_in m_address{};
 };
 

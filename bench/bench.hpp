@@ -31,6 +31,10 @@ std::vector<Row> BenchCleanAndCentroid();
 std::vector<Row> BenchFrameCleaning();
 std::vector<Row> BenchResampling();
 std::vector<Row> BenchCameras();
+std::vector<Row> BenchFieldStabilization();
+std::vector<Row> BenchGpao();
+std::vector<Row> BenchAoOutput();
+std::vector<Row> BenchChain();
 
 // The value below which a fraction of the samples lies; the samples are reordered.
 template <class T>

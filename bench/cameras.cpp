@@ -2,103 +2,27 @@
 // do without: a bare packet and futexes in place of the wake-ups, the kernels on the same data, the control
 // matrix streamed once. Also: what a second worker brings, and how many frames a second hold.
 
-#include "bare.hpp"
-#include "bench.hpp"
-#include "cameraSender.hpp"
-#include "frames.hpp"
+#include "wfsBench.hpp"
 
-#include <cblas.h>
 #include <fmt/format.h>
-#include <log4cplus/loglevel.h>
-#include <gim/config.hpp>
 #include <lumolib/aliceInput.hpp>
 #include <lumolib/dataSyncManager.hpp>
 #include <lumolib/imageProcessing.hpp>
 #include <lumolib/lisaInput.hpp>
 #include <lumolib/resamplerManager.hpp>
 #include <lumolib/runtimeMonitor.hpp>
-#include <lumolib/voskHandoverManager.hpp>
-#include <lumolib/voskTelescopeStateManager.hpp>
-#include <oru/configng/pliConfigDocument.hpp>
-#include <vosk/common/fits.hpp>
-#include <vosk/common/logSetup.hpp>
 #include <vosk/common/numaThreadPool.hpp>
-#include <vosk/common/shmif/shmIf.hpp>
-#include <vosk/image_processing/regionBatches.hpp>
 
-#include <exception>
-#include <filesystem>
 #include <optional>
-#include <utility>
 
 namespace vosk::bench {
 namespace {
 
 using namespace std::chrono_literals;
 using defs::CentroidError;
-using image_processing::RegionBatches;
 using image_processing::Roi;
-using std::chrono::steady_clock;
 
-constexpr int WARM_UP = 30;
-constexpr int SAMPLES = 400;
-constexpr std::chrono::microseconds PAUSE{
-    500};  // before a last packet, so that every thread has gone to sleep
-constexpr auto PATIENCE = 2s;
-constexpr std::size_t MODES = defs::GPAO_CMD_SIZE;
-constexpr auto WFS = defs::Camera::WFS_GP1;
-
-const Camera LISA{"LISA", 206, 960 * 816, pktwire::lspx::LITTLE_ENDIAN_UNITS};
 const Camera ALICE{"ALICE", 62, 240 * 240, pktwire::lspx::LITTLE_ENDIAN_UNITS};
-
-struct Sensor {
-    std::size_t columns;  // of sub-apertures, and as many rows
-    std::uint16_t size;   // of an ROI
-    double budget_us = 0.0;
-};
-constexpr Sensor LARGEST{32, 24};
-
-std::string NameOf(const Sensor& sensor) {
-    return fmt::format("WFS {0} x {0} of {1} x {1}", sensor.columns, sensor.size);
-}
-
-struct Figures {
-    double p50;
-    double p99;
-};
-
-// Of what `sample` returns in microseconds.
-template <class Sample>
-Figures Measure(Sample sample) {
-    std::vector<double> samples;
-    for (int i = 0; i < WARM_UP + SAMPLES; ++i) {
-        const double us = sample();
-        if (i >= WARM_UP) samples.push_back(us);
-    }
-    return {Percentile(samples, 0.5), Percentile(samples, 0.99)};
-}
-
-Figures operator+(const Figures& a, const Figures& b) {
-    return {a.p50 + b.p50, a.p99 + b.p99};
-}
-
-double UsSince(steady_clock::time_point start) {
-    return std::chrono::duration<double, std::micro>(steady_clock::now() - start).count();
-}
-
-// On a thread of its own; throws what the work throws.
-template <class Work>
-void RunOn(int cpu, Work work) {
-    std::exception_ptr error;
-    nodepin::MakeThread("reader", OnCpu(cpu), [&] {
-        try {
-            work();
-        } catch (...) {
-            error = std::current_exception();
-        }
-    }).join();
-    if (error) std::rethrow_exception(error);
-}
 
 struct Placement {
     // The receiver and the worker that it wakes first have CPUs of their own. The reader, which sends too,
@@ -193,84 +117,15 @@ Figures MeasureWakeUps(const Placement& placement, bool busy, Sample sample) {
     return figures;
 }
 
-std::uint16_t FreePort() {
-    pktwire::UdpRxSocket::Config config;
-    config.ip.listen = pktwire::Ipv4{"127.0.0.1"};
-    return pktwire::UdpRxSocket{config, nullptr}.LocalPort();
-}
-
-// What the threads of cameras find: calibration files, and the objects of the process in their first state.
-class Surroundings {
-public:
-    explicit Surroundings(const LisaFrame& frame) {
-        common::SetupLogging(log4cplus::OFF_LOG_LEVEL);
-        ::openblas_set_num_threads(1);  // as LibMain does
-        std::filesystem::create_directories(m_directory / "data/scrambling");
-        ::setenv("CFGPATH", m_directory.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): one thread
-        Write("data/scrambling/lisa_descrambling_vector.fits", frame.table, {frame.table.size()});
-        Write("dark.fits", frame.bias, {Geometry::WIDTH, Geometry::HEIGHT});
-        Write("flat.fits", frame.flat, {Geometry::WIDTH, Geometry::HEIGHT});
-    }
-    ~Surroundings() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_directory, ignored);
-        // The first frame of a process is dumped.
-        for (const char* order : {"scrambled", "unscrambled"}) {
-            std::filesystem::remove(
-                fmt::format("/tmp/lisa_input_{}_{}_{}.fits", static_cast<int>(WFS), FirstId(), order),
-                ignored);
-        }
-    }
-    Surroundings(const Surroundings&) = delete;
-    Surroundings& operator=(const Surroundings&) = delete;
-
-    static unsigned FirstId() { return static_cast<unsigned>(::getpid()); }
-
-    static void Renew() {
-        lumo::DataSyncManager::CreateInstance();
-        lumo::RuntimeMonitor::CreateInstance(gim::Config{}).Reset();
-        lumo::ResamplerManager::CreateInstance(gim::Config{}, "resamplers");
-        lumo::ResetControlState();
-        lumo::VoskTelescopeStateManager::SetActiveCameraFS(WFS);
-    }
-
-    template <class Values>
-    std::string Write(const std::string& name, const Values& values,
-                      const std::vector<std::size_t>& axes) const {
-        std::string file = (m_directory / name).string();
-        common::Fits::WriteImg<typename Values::value_type>(common::Fits::FitsFileWrite(file, true), values,
-                                                            axes);
-        return file;
-    }
-    std::string Path(const std::string& name) const { return (m_directory / name).string(); }
-
-    static std::string ReceiverKeys(const std::string& camera, std::uint16_t port, int cpu, bool busy) {
-        return fmt::format(
-            "camera_id: {}, busy: {}, cpu: {}, timeout: 50 ms, listen_ip: 127.0.0.1, iface_name: lo, "
-            "listen_udp: {}, qudex_topic: {}",
-            camera, busy, cpu, port, CameraSender::TOPIC);
-    }
-    static oru::configng::PliConfigInstanceNode NodeOf(const std::string& keys) {
-        return oru::configng::PliConfigDocument::FromText("cfg: {" + keys + "}", "bench").Instances()["cfg"];
-    }
-
-private:
-    std::filesystem::path m_directory =
-        std::filesystem::temp_directory_path() / fmt::format("vosk-bench-cameras-{}", ::getpid());
-};
-
 class WfsLoop {
 public:
-    WfsLoop(const Surroundings& files, const LisaFrame& frame, const Sensor& sensor,
+    WfsLoop(const CameraSurroundings& files, const LisaFrame& frame, const Sensor& sensor,
             const Placement& placement, bool busy)
-        : m_port{FreePort()}, m_sender{LISA, m_port} {
-        Surroundings::Renew();
-        const auto bytes = std::as_bytes(std::span{frame.raw});
-        m_sender.frame.assign(bytes.begin(), bytes.end());
-        m_sender.lspx.SetSampleId(Surroundings::FirstId());
+        : m_sender{frame, m_port} {
+        CameraSurroundings::Renew();
         m_sync = lumo::DataSyncManager::GetInstance().GetOrRegisterDataSync<lumo::GpaoCoefficientsDataSync>(
             lumo::GpaoCoefficientsDataSync::InstanceTag{}, busy);
-        m_input.emplace(Node(files, sensor, placement, busy));
+        m_input.emplace(WfsNode(files, sensor, m_port, placement.receiver, placement.workers, busy));
         m_input->Start().get();
     }
     ~WfsLoop() { m_input->Stop(); }
@@ -314,56 +169,11 @@ private:
         return {figures.state->GetTopicData().sample_count, figures.statistics->GetLateCount()};
     }
 
-    oru::configng::PliConfigInstanceNode Node(const Surroundings& files, const Sensor& sensor,
-                                              const Placement& placement, bool busy) const {
-        std::vector<std::uint16_t> corners;
-        std::vector<float> references;
-        for (const Roi& roi : Regions(sensor.size, sensor.columns)) {
-            corners.insert(corners.end(), {roi.x_start, roi.x_stop, roi.y_start, roi.y_stop});
-            references.insert(references.end(),
-                              {static_cast<float>(roi.ref_x), static_cast<float>(roi.ref_y)});
-        }
-        const std::size_t count = sensor.columns * sensor.columns;
-        std::string pool;
-        for (const int cpu : placement.workers) pool += fmt::format("{{cpu: {}}}, ", cpu);
-        return Surroundings::NodeOf(
-            Surroundings::ReceiverKeys("WFS_GP1", m_port, placement.receiver, busy) +
-            fmt::format(
-                ", noise_removal: {{dark_path: {}, flat_path: {}}}, rois_path: {}, reference_points_path: "
-                "{}, control_matrix_path: {}, modes2tt_matrix: [1, 0, 0, 1], centroiding_pool: [{}]",
-                files.Path("dark.fits"), files.Path("flat.fits"),
-                files.Write("rois.fits", corners, {4, count}),
-                files.Write("references.fits", references, {2, count}),
-                files.Write("control.fits", std::vector<float>(2 * count * MODES, 1e-3F), {2 * count, MODES}),
-                pool));
-    }
-
     const int m_running = 1;
-    std::uint16_t m_port;
-    CameraSender m_sender;
+    const std::uint16_t m_port = FreePort();
+    LisaSender m_sender;
     std::shared_ptr<lumo::GpaoCoefficientsDataSync> m_sync;
     std::optional<lumo::WfsLisaInput> m_input;
-};
-
-// A worker's share of a frame.
-class Share {
-public:
-    Share(const LisaFrame& frame, std::vector<Roi> rois)
-        : m_removal{frame.MakeRemoval()},
-          m_estimators{Estimators()},
-          m_batches{rois, nullptr},
-          m_slopes(rois.size()) {}
-    void Compute(std::span<const std::uint16_t> raw) {
-        m_removal->InvalidateCache();
-        m_batches.ComputeSlopes({raw.data(), raw.size()}, {}, *m_removal, *m_estimators.front().ours,
-                                m_slopes);
-    }
-
-private:
-    std::unique_ptr<image_processing::LisaNoiseRemoval> m_removal;
-    std::vector<Estimator> m_estimators;  // the first is that of a camera without a key for it
-    RegionBatches m_batches;
-    std::vector<defs::Slope> m_slopes;
 };
 
 // On one core, of a frame that has just been written: the kernels, divided by the workers, and the matrix.
@@ -380,13 +190,7 @@ Figures MeasureWork(const LisaFrame& frame, const Sensor& sensor, std::size_t wo
     });
 }
 
-void AddRows(const std::string& what, const std::string& against, const Figures& ours,
-             const Figures& reference, std::vector<Row>& rows) {
-    rows.push_back({what + ", p50", against, "us", ours.p50, reference.p50});
-    rows.push_back({what + ", p99", against, "us", ours.p99, reference.p99});
-}
-
-void BenchLatency(const Surroundings& files, const LisaFrame& frame, const Sensor& sensor,
+void BenchLatency(const CameraSurroundings& files, const LisaFrame& frame, const Sensor& sensor,
                   std::size_t workers, bool busy, std::vector<Row>& rows) {
     // Receiver, workers and reader; those that spin need a CPU each.
     const auto cpus = SomeCpus(workers + 2);
@@ -451,7 +255,7 @@ Figures MeasurePackets() {
     });
 }
 
-Row BenchRate(const Surroundings& files, const LisaFrame& frame) {
+Row BenchRate(const CameraSurroundings& files, const LisaFrame& frame) {
     constexpr int HALVINGS = 5;
     const auto cpus = SomeCpus(2);
     const Placement placement{cpus, 2};
@@ -491,7 +295,7 @@ private:
     steady_clock::time_point m_time;
 };
 
-void BenchAlice(const Surroundings& files, std::vector<Row>& rows) {
+void BenchAlice(const CameraSurroundings& files, std::vector<Row>& rows) {
     constexpr std::size_t SIDE = 240;
     const Placement placement{SomeCpus(3), 1};
     const auto bias = RandomFrame(1, SIDE * SIDE, 90.0F, 110.0F);
@@ -502,12 +306,12 @@ void BenchAlice(const Surroundings& files, std::vector<Row>& rows) {
     const std::uint16_t port = FreePort();
     CameraSender sender{ALICE, port};
     sender.socket.SetPause(PAUSE);
-    Surroundings::Renew();
+    CameraSurroundings::Renew();
     const auto arrivals = std::make_shared<Arrivals>();
     lumo::ResamplerManager::GetInstance().RegisterResampler(
         {typeid(CentroidError), lumo::ResamplerManager::DEFAULT_CONFIGURATION, 0}, arrivals);
     const auto node = Surroundings::NodeOf(
-        Surroundings::ReceiverKeys("IMG_GP1", port, placement.receiver, false) +
+        CameraSurroundings::ReceiverKeys("IMG_GP1", port, placement.receiver, false) +
         fmt::format(
             ", image_processing: {{busy: false, cpu: {}, cent_box: [32, 32], refpos: [120, 120], {}}}",
             placement.workers[0], keys));
@@ -548,23 +352,19 @@ void BenchAlice(const Surroundings& files, std::vector<Row>& rows) {
 std::vector<Row> BenchCameras() {
     if (SomeCpus(2).size() < 2) return {};
     const LisaFrame frame{TapReadout()};
-    common::shmif::ShmIf::Setup(fmt::format("/vosk_bench_{}_", ::getpid()));
     std::vector<Row> rows;
-    {
-        const Surroundings files{frame};
-        for (const Sensor& sensor : {Sensor{10, 8, 71.0}, Sensor{20, 8, 108.5}, Sensor{32, 8}, LARGEST}) {
-            for (const std::size_t workers : {std::size_t{1}, std::size_t{2}}) {
-                for (const bool busy : {false, true}) BenchLatency(files, frame, sensor, workers, busy, rows);
-            }
+    const CameraSurroundings files{frame};
+    for (const Sensor& sensor : {Sensor{10, 8, 71.0}, Sensor{20, 8, 108.5}, Sensor{32, 8}, LARGEST}) {
+        for (const std::size_t workers : {std::size_t{1}, std::size_t{2}}) {
+            for (const bool busy : {false, true}) BenchLatency(files, frame, sensor, workers, busy, rows);
         }
-        for (const Sensor& sensor : {Sensor{32, 8}, LARGEST}) {
-            rows.push_back({NameOf(sensor) + ", kernels, 2 workers", "1 worker", "frames/s",
-                            KernelRate(frame, sensor, 2), KernelRate(frame, sensor, 1)});
-        }
-        rows.push_back(BenchRate(files, frame));
-        BenchAlice(files, rows);
     }
-    common::shmif::ShmIf::Teardown();
+    for (const Sensor& sensor : {Sensor{32, 8}, LARGEST}) {
+        rows.push_back({NameOf(sensor) + ", kernels, 2 workers", "1 worker", "frames/s",
+                        KernelRate(frame, sensor, 2), KernelRate(frame, sensor, 1)});
+    }
+    rows.push_back(BenchRate(files, frame));
+    BenchAlice(files, rows);
     return rows;
 }
 

@@ -45,13 +45,18 @@ int main(int argc, char** argv) {
         {"clean-and-centroid", BenchCleanAndCentroid},
         {"resampling", BenchResampling},
         {"cameras", BenchCameras},
+        {"field-stabilisation", BenchFieldStabilization},
+        {"gpao", BenchGpao},
+        {"ao-output", BenchAoOutput},
+        {"chain", BenchChain},
     };
 
     CLI::App app{"Measures the library against bare forms and limits of the machine, in one run"};
     std::string only;
     app.add_option("--only", only,
                    "one of executor, hand-off, wait-until, latency, lspx, mailbox, cleaning, centroiding, "
-                   "clean-and-centroid, resampling, cameras");
+                   "clean-and-centroid, resampling, cameras, "
+                   "field-stabilisation, gpao, ao-output, chain");
     int priority = 0;
     app.add_option("--priority", priority,
                    "real-time priority (SCHED_FIFO) of the threads, for a machine that has other work")
