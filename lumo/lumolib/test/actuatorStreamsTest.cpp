@@ -13,8 +13,6 @@ namespace vosk::lumo {
 namespace {
 
 using namespace test;
-using namespace testing;
-using defs::FloatVectorTT;
 
 const std::string GRID = ", send_interval: 2 ms, send_offset: 250 us";
 
@@ -102,7 +100,7 @@ TEST_F(ActuatorTest, AMeasurementThatIsNotFiniteGoesNowhere) {
         EXPECT_EQ(is_current(Get<M5InputDataSync>()), value == 1.0);
         EXPECT_EQ(is_current(Get<PfsInputDataSync>()), value == 1.0);
         EXPECT_EQ(is_current(Get<PfsTargetDataSync>()), value == 1.0);
-        EXPECT_EQ(Results(defs::Camera::IMG_PDS)->HasSamples(), value == 1.0);
+        EXPECT_EQ(Results(Camera::IMG_PDS)->HasSamples(), value == 1.0);
     }
 }
 
@@ -152,7 +150,7 @@ TEST_F(ActuatorTest, SimulatedErrorsReachTheirCamerasWithTheTimesOfTheirBlocks) 
     Peer{1}.Send(payload, 5, START);
     input.RunCycle();
     for (unsigned i = 0; i < 4; ++i) {
-        const auto sample = Results(defs::Camera{i})->GetSample();
+        const auto sample = Results(Camera{i})->GetSample();
         ASSERT_TRUE(sample);
         EXPECT_EQ(sample->timestamp, vosk::test::At(i));
         EXPECT_EQ(sample->sample_id, 5U);

@@ -12,8 +12,6 @@ namespace {
 
 using defs::CentroidError;
 using namespace test;
-using namespace testing;
-using vosk::test::TextOf;
 
 // Keeps what comes out, in its order.
 class Records final : public CentroidResampler {
@@ -72,7 +70,7 @@ protected:
     }
 
     const std::shared_ptr<Records> m_records = Registered();
-    const std::shared_ptr<ImgDataSyncAlice> m_frames = FramesOf(defs::Camera::IMG_GP1, false);
+    const std::shared_ptr<ImgDataSyncAlice> m_frames = FramesOf(Camera::IMG_GP1, false);
     VisImgDataAlice m_frame;
     Opened m_thread{AliceNode()};
 };
@@ -137,7 +135,7 @@ TEST_F(AliceTest, TakesTheNewestFrameAndGoesOnBehindAFailure) {
     EXPECT_EQ(Process(7).sample_id, 7U);
     m_thread.Stop();
     EXPECT_FALSE(m_thread.HasEndedByItself());
-    const auto figures = RuntimeMonitor::GetInstance().Of(defs::Camera::IMG_GP1).frames->GetTopicData();
+    const auto figures = RuntimeMonitor::GetInstance().Of(Camera::IMG_GP1).frames->GetTopicData();
     EXPECT_EQ(figures.processed, 4U);  // all but the one that failed
     EXPECT_EQ(figures.centroid, record.slope);
 }
@@ -199,9 +197,9 @@ TEST_F(AliceTest, ReceivesFramesWhateverTheirStatusButNoShortOnes) {
     }
     EXPECT_GE(m_frames->GetTimestamp(), begin);
     send(8, m_frame.pixels.size() - 62);
-    EXPECT_TRUE(Eventually([] { return StateOf(defs::Camera::IMG_GP1).invalid_count == 1; }));
+    EXPECT_TRUE(Eventually([] { return StateOf(Camera::IMG_GP1).invalid_count == 1; }));
     input.Stop();
-    EXPECT_EQ(StateOf(defs::Camera::IMG_GP1).sample_count, 2U);
+    EXPECT_EQ(StateOf(Camera::IMG_GP1).sample_count, 2U);
     EXPECT_EQ(m_frames->GetSampleId(), 7U);
 }
 

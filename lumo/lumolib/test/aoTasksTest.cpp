@@ -8,7 +8,6 @@ namespace vosk::lumo {
 namespace {
 
 using namespace test;
-using namespace testing;
 
 constexpr AtomClk::time_point APPLIED_TIME{microseconds{77}};
 constexpr float NAN_F = std::numeric_limits<float>::quiet_NaN();
@@ -132,7 +131,7 @@ TEST_F(AoTasksTest, MissingAndLateAnswersCountAsZero) {
         EXPECT_EQ(m_gpao_applied->GetData().setpoint, (std::array<float, M4_CMD_SIZE>{}));
         EXPECT_EQ(m_ao_applied->GetData().payload.applied, (std::array<float, defs::INS_CMD_SIZE>{}));
         EXPECT_EQ(Status(), 0x400);
-        EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
+        EXPECT_EQ(m_fs_ref->GetData().m4_tt, FloatVectorTT{});
         Answer(4.0F, id);  // too late: the next cycle forgets it
     }
 }
@@ -172,9 +171,9 @@ TEST_F(AoTasksTest, AClockThatIsSetBackEndsTheCycleWithoutAnAnswer) {
 TEST_F(AoTasksTest, AnAnswerThatCannotBeUsedCountsAsZero) {
     StartDrivenBy(INS_DRIVEN_CASCADE);
     ASSERT_TRUE(RunCycle(1.0F, 1.0F, 99));
-    EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
+    EXPECT_EQ(m_fs_ref->GetData().m4_tt, FloatVectorTT{});
     ASSERT_TRUE(RunCycle(1.0F, NAN_F, 2));
-    EXPECT_EQ(m_fs_ref->GetData().m4_tt, defs::FloatVectorTT{});
+    EXPECT_EQ(m_fs_ref->GetData().m4_tt, FloatVectorTT{});
     EXPECT_EQ(Counted().foreign_answers, 1U);
     EXPECT_EQ(Counted().missing_answers, 1U);
 }
@@ -207,7 +206,7 @@ TEST_F(AoTasksTest, ReferenceShapeIsWhatM4LastApplied) {
     ASSERT_TRUE(RunCycle(1.0F, 8.0F, 2));
     EXPECT_EQ(Setpoint(2), 8.0F);
     EXPECT_EQ(Setpoint(M4_CMD_SIZE - 1), 7.0F);  // all of M4, not only the modes
-    EXPECT_EQ(m_fs_ref->GetData().m4_tt, (defs::FloatVectorTT{1.0F, 1.0F}));
+    EXPECT_EQ(m_fs_ref->GetData().m4_tt, (FloatVectorTT{1.0F, 1.0F}));
 }
 
 TEST_F(AoTasksTest, TelescopeCyclesLeaveOnTheGridOfM4OutputAndGpaoPacesItsModes) {
@@ -236,7 +235,7 @@ TEST_F(AoTasksTest, TelescopeCyclesLeaveOnTheGridOfM4OutputAndGpaoPacesItsModes)
 TEST_F(AoTasksTest, SequentialModeClearsTheReferenceItUsedAndHighOrderCascadeEndsTheThread) {
     StartDrivenBy(INS_DRIVEN_SEQUENTIAL);
     ASSERT_TRUE(RunCycle(3.0F, 3.0F, 1));
-    EXPECT_EQ(m_fs_ref->GetData().tt_ref, defs::FloatVectorTT{});
+    EXPECT_EQ(m_fs_ref->GetData().tt_ref, FloatVectorTT{});
     EXPECT_EQ(Status(), 0x900);
     SetMode(HIGH_ORDER_CASCADE);
     m_fs->SetData(0.5F, 0.25F, 1U, AtomClk::now());  // dropped by the handback

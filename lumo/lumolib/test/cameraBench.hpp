@@ -122,6 +122,11 @@ protected:
                      "centroiding_pool: [" + pool + "]" + more + "}");
     }
 
+    // Whether the newest result is that of the sample.
+    static bool HasResult(CentroidResampler& results, unsigned id) {
+        const auto result = results.GetSample();
+        return result && result->sample_id == id;
+    }
     static auto StateOf(defs::Camera camera) {
         return RuntimeMonitor::GetInstance().Of(camera).state->GetTopicData();
     }

@@ -11,7 +11,6 @@ namespace vosk::lumo {
 namespace {
 
 using namespace test;
-using defs::Camera;
 
 class CameraLoop : public CameraTest {
 protected:
@@ -26,10 +25,7 @@ protected:
         for (unsigned frame = 0; frame < 10; ++frame) {
             if (frame == 3) before = vosk::test::AllocationsOfAllThreads();
             peer.Send(info, pixels, FIRST_ID + frame);
-            ASSERT_TRUE(Eventually([&] {
-                const auto result = results->GetSample();
-                return result && result->sample_id == FIRST_ID + frame;
-            })) << frame;
+            ASSERT_TRUE(Eventually([&] { return HasResult(*results, FIRST_ID + frame); })) << frame;
         }
         EXPECT_EQ(vosk::test::AllocationsOfAllThreads(), before);
         for (Thread* thread : threads) thread->Stop();

@@ -196,6 +196,7 @@ TEST_F(Setters, CoefficientsOfAnInactiveCameraChangeNothing) {
     const auto sync = Written<GpaoCoefficientsDataSync>(At(5000), coefficients, Camera::WFS_GP2, 3U);
     EXPECT_TRUE(sync->IsDataReady());
     sync->ClearDataReady();
+    EXPECT_FALSE(sync->IsNewData());
     sync->SetData(GpaoCoefficients{}, Camera::WFS_GP1, 4U, At(6000));
     EXPECT_EQ(sync->GetDataRef().slopes, coefficients.slopes);
     EXPECT_FALSE(sync->IsDataReady());

@@ -10,61 +10,32 @@ namespace {
 using testing::ElementsAre;
 using namespace vosk::test;
 
-struct Probe {
-    std::vector<std::string> events;
-    std::shared_mutex* mutex = nullptr;
-
-    // From another thread, as the owner of a lock may not try it again.
-    void Note(const std::string& event) {
-        const bool is_free = std::async(std::launch::async, [this] {
-                                 return std::unique_lock(*mutex, std::try_to_lock).owns_lock();
-                             }).get();
-        events.push_back(event + (is_free ? ", unlocked" : ", locked"));
-    }
-};
+// From another thread, as the owner of a lock may not try it again.
+std::string StateOf(std::shared_mutex& mutex) {
+    const bool is_free = std::async(std::launch::async, [&mutex] {
+                             return std::unique_lock(mutex, std::try_to_lock).owns_lock();
+                         }).get();
+    return is_free ? "unlocked" : "locked";
+}
 
 struct ProbingSetter {
-    void SetData(int& data, std::atomic<sample_id_t>& sample_id, std::atomic<time_point>& timestamp,
-                 int value, Probe& probe, sample_id_t id, const time_point& time = {}) const {
-        probe.Note("set");
+    void SetData(int& data, std::atomic<sample_id_t>& /*sample_id*/, std::atomic<time_point>& /*timestamp*/,
+                 int value, const std::function<void()>& probe) const {
+        probe();
         data = value;
-        sample_id = id;
-        timestamp = time;
     }
 };
 
 TEST(SyncDataAttribute, SetsUnderTheLockAndCallsBackOutsideIt) {
-    Probe probe;
-    SyncDataAttribute<int, ProbingSetter> attribute(
-        [&] { probe.Note(attribute.IsNewData() ? "new" : "not new"); });
-    probe.mutex = &attribute.GetMutex();
-    attribute.SetData(5, probe, 7U, At(9));
-    EXPECT_THAT(probe.events, ElementsAre("set, locked", "new, unlocked"));
+    std::vector<std::string> events;
+    SyncDataAttribute<int, ProbingSetter> attribute([&] {
+        events.push_back((attribute.IsNewData() ? "new, " : "not new, ") + StateOf(attribute.GetMutex()));
+    });
+    attribute.SetData(5, [&] { events.push_back("set, " + StateOf(attribute.GetMutex())); });
+    EXPECT_THAT(events, ElementsAre("set, locked", "new, unlocked"));
     EXPECT_EQ(attribute.GetData(), 5);
     attribute.ClearNewData();
     EXPECT_FALSE(attribute.IsNewData());
-}
-
-struct WakingSetter {
-    void SetData(int& data, std::atomic<sample_id_t>& /*sample_id*/, std::atomic<time_point>& /*timestamp*/,
-                 std::atomic_flag& trigger, int value, bool wake, sample_id_t /*id*/,
-                 const time_point& /*time*/ = {}) const {
-        data = value;
-        if (wake) trigger.test_and_set();
-    }
-};
-
-TEST(DataSyncTrigger, WakesOnlyWhereTheSetterSaysSoButIsNewAlways) {
-    DataSyncTrigger<int, WakingSetter> sync(false);
-    sync.SetData(5, false, 1U);
-    EXPECT_TRUE(sync.IsNewData());
-    EXPECT_FALSE(sync.IsDataReady());
-    sync.SetData(6, true, 1U);
-    EXPECT_TRUE(sync.IsDataReady());
-    DataSyncWaitable& base = sync;
-    base.ClearDataReady();
-    EXPECT_FALSE(sync.IsNewData());
-    EXPECT_FALSE(sync.IsDataReady());
 }
 
 // Every word is the generation, so that a torn copy shows.

@@ -8,7 +8,6 @@ namespace vosk::lumo {
 namespace {
 
 using namespace test;
-using defs::Camera;
 
 using ImgCamera = CameraTest;
 
@@ -97,12 +96,11 @@ TEST_F(ImgCamera, WritesTheFirstFrameOverALinkOfItsNameAndNotThroughIt) {
 }
 
 TEST_F(ImgCamera, RefusesWorkersAndCamerasOfAnotherKindAndReportsAllFaultsToAReview) {
-    EXPECT_EQ(vosk::test::TextOf([&] { ImgLisaInput{ImgLisaNode(", centroiding_pool: [{}]")}; }),
+    EXPECT_EQ(TextOf([&] { ImgLisaInput{ImgLisaNode(", centroiding_pool: [{}]")}; }),
               "ImgLisa_IMG_GP2: Centroiding pool is configured but not used for VIS/IMG processing");
-    EXPECT_EQ(vosk::test::TextOf([&] {
-                  WfsLisaInput{CfgOf("cfg: " + Common("IMG_GP2", "") + ", centroiding_pool: [{}]}")};
-              }),
-              "WfsLisa_IMG_GP2: Incorrect camera ID (for WFS): IMG_GP2");
+    EXPECT_EQ(
+        TextOf([&] { WfsLisaInput{CfgOf("cfg: " + Common("IMG_GP2", "") + ", centroiding_pool: [{}]}")}; }),
+        "WfsLisa_IMG_GP2: Incorrect camera ID (for WFS): IMG_GP2");
     oru::configng::PliConfigReview review;
     const auto node = CfgOf("cfg: " + Common("WFS_PDS", directory / "no_") + ", endianness: BE, rois_path: " +
                             directory / "dark.fits" + ", reference_points_path: " + directory / "none.fits" +
@@ -111,11 +109,10 @@ TEST_F(ImgCamera, RefusesWorkersAndCamerasOfAnotherKindAndReportsAllFaultsToARev
     { const ImgMaranaInput camera{node}; }
     std::set<std::string> keys;
     for (const auto& finding : review.Findings()) keys.insert(finding.path);
-    EXPECT_THAT(keys,
-                testing::IsSupersetOf({"cfg.camera_id", "cfg.endianness", "cfg.reference_points_path",
-                                       "cfg.control_matrix_path", "cfg.rois_path", "cfg.modes2tt_matrix",
-                                       "cfg.centroiding_pool", "cfg.noise_removal.dark_path",
-                                       "cfg.noise_removal.flat_path", "cfg.cent_box[1]", "cfg.refpos"}));
+    EXPECT_THAT(keys, IsSupersetOf({"cfg.camera_id", "cfg.endianness", "cfg.reference_points_path",
+                                    "cfg.control_matrix_path", "cfg.rois_path", "cfg.modes2tt_matrix",
+                                    "cfg.centroiding_pool", "cfg.noise_removal.dark_path",
+                                    "cfg.noise_removal.flat_path", "cfg.cent_box[1]", "cfg.refpos"}));
 }
 
 // A spot at (2005, 107) of the sensor, the reference point at (2004, 105).
@@ -156,7 +153,7 @@ TEST_F(ImgCamera, MaranaProcessesWindowsThatAreWholeAndIgnoresOthers) {
         if (is_seen) pixels[at] = 1000;
         peer.Send(info, pixels, ++id);
         if (text.empty()) {
-            ASSERT_TRUE(Eventually([&] { return results->GetSample()->sample_id == id; })) << id;
+            ASSERT_TRUE(Eventually([&] { return HasResult(*results, id); })) << id;
             const defs::Slope right = is_seen ? defs::Slope{1000, 1, 2} : defs::Slope{};
             EXPECT_EQ(results->GetSample()->slope, right) << id;
         } else {
@@ -171,8 +168,7 @@ TEST_F(ImgCamera, MaranaProcessesWindowsThatAreWholeAndIgnoresOthers) {
         peer.Send(cases[0].info, Pixels(480), ++id);
         const auto begun = id - FIRST_ID - cases.size();
         ASSERT_TRUE(Eventually([&] {
-            return packets < 7 ? StateOf(Camera::IMG_PDS).losses.lost == begun
-                               : results->GetSample()->sample_id == id;
+            return packets < 7 ? StateOf(Camera::IMG_PDS).losses.lost == begun : HasResult(*results, id);
         })) << packets;
     }
     input.Stop();

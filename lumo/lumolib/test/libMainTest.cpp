@@ -7,10 +7,7 @@
 namespace vosk::lumo {
 namespace {
 
-using defs::Camera;
 using namespace test;
-using namespace testing;
-using vosk::test::TextOf;
 
 // The library with threads of the test's own beside those of the document.
 struct OpenLibMain : LibMain {

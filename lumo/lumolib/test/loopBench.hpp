@@ -34,7 +34,11 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
+using namespace testing;
+using defs::Camera;
+using defs::FloatVectorTT;
 using vosk::test::LogCapture;
+using vosk::test::TextOf;
 using vosk::test::UniquePort;
 using enum defs::VoskControlMode;
 

@@ -14,7 +14,6 @@ namespace {
 
 using log4cplus::WARN_LOG_LEVEL;
 using namespace test;
-using namespace testing;
 
 class M4OutputTest : public LoopTest {
 protected:

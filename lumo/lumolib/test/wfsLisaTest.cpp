@@ -4,7 +4,6 @@ namespace vosk::lumo {
 namespace {
 
 using namespace test;
-using defs::Camera;
 
 class WfsLisa : public CameraTest {
 protected:
@@ -23,8 +22,8 @@ protected:
     }
     // Whether the result of that frame, with its own label, is the newest.
     bool HasResult(unsigned frame) {
-        const auto result = results->GetSample();
-        return result && result->sample_id == FIRST_ID + frame && result->timestamp == ExposureOf(frame);
+        return CameraTest::HasResult(*results, FIRST_ID + frame) &&
+               results->GetSample()->timestamp == ExposureOf(frame);
     }
     void Process(unsigned frame) {
         SendFrame(frame);
@@ -34,7 +33,7 @@ protected:
 
     Pixels pixels = Pixels(SIZE);
     CameraPeer peer{206};
-    std::shared_ptr<signal_processing::Resampler<defs::CentroidError>> results = Results(Camera::WFS_GP1);
+    std::shared_ptr<CentroidResampler> results = Results(Camera::WFS_GP1);
     std::unique_ptr<WfsLisaInput> m_input;
 };
 
@@ -116,24 +115,13 @@ TEST_F(WfsLisa, RefusesBadAndShortSamplesAndGoesOn) {
 TEST_F(WfsLisa, KeepsTheLastSlopesWhateverTheSimulatorDoes) {
     unsigned frame = 0;
     Simulate([&](defs::SlopeVector& slopes) {
-        switch (++frame) {
-            case 1:
-                slopes[0] = {0, 1, 2};
-                return true;
-            case 2:
-                slopes.emplace_back();
-                return true;
-            case 3:
-                throw std::runtime_error{"no more centroids"};
-            case 5:
-                slopes[0].x = NAN;
-                return true;
-            case 6:
-                slopes[0].x = 3;
-                return true;
-            default:
-                return false;
-        }
+        ++frame;
+        if (frame == 1) slopes[0] = {0, 1, 2};
+        if (frame == 2) slopes.emplace_back();
+        if (frame == 3) throw std::runtime_error{"no more centroids"};
+        if (frame == 5) slopes[0].x = NAN;
+        if (frame == 6) slopes[0].x = 3;
+        return frame != 4;
     });
     Start(WfsNode(1, 1, {1, 0}));
     const LogCapture log;
@@ -165,32 +153,28 @@ TEST_F(WfsLisa, SharesRoisAsFarAsTheyGo) {
           Case{10, 5, "ComputeSlopesSubtask: start/stop misconfiguration"},
           Case{4, 0,
                "WfsLisa_WFS_GP1: No configuration for the centroiding pool, unable to compute slopes"}}) {
-        EXPECT_EQ(vosk::test::TextOf([&] { WfsLisaInput{WfsNode(c.count, c.workers)}; }), c.text)
+        EXPECT_EQ(TextOf([&] { WfsLisaInput{WfsNode(c.count, c.workers)}; }), c.text)
             << c.count << ", " << c.workers;
     }
     EXPECT_THROW(WfsLisaInput{WfsNode(1090, 2)}, std::bad_alloc);
-    EXPECT_THAT(vosk::test::TextOf([&] { WfsLisaInput{WfsNode(1, 1, {NAN})}; }),
-                testing::EndsWith("a value is not finite"));
+    EXPECT_THAT(TextOf([&] { WfsLisaInput{WfsNode(1, 1, {NAN})}; }), EndsWith("a value is not finite"));
     const auto node = WfsNode(2, 1);
     WriteFits(directory / "control.fits", std::vector<float>(MODES * 4), {MODES, 4});
-    EXPECT_THAT(vosk::test::TextOf([&] { WfsLisaInput{node}; }),
-                testing::AllOf(testing::StartsWith("Unexpecded X (columns) dimension for "),
-                               testing::EndsWith(", expected: 4, got: 52")));
+    EXPECT_THAT(
+        TextOf([&] { WfsLisaInput{node}; }),
+        AllOf(StartsWith("Unexpecded X (columns) dimension for "), EndsWith(", expected: 4, got: 52")));
 }
 
 TEST_F(WfsLisa, ChangesTheMethodOfAllWorkersOrOfNone) {
     WfsLisaInput input{WfsNode(5, 2)};
-    const auto options = [&] {
+    for (const auto& [algorithm, threshold, nbrightest] : {std::tuple{2U, 0.0F, 5U}, {1U, 3.5F, 0U}}) {
+        input.SetCOptions(algorithm, threshold, nbrightest);
+        EXPECT_THROW(input.SetCOptions(2, 1.0F, 0), std::invalid_argument);
+        EXPECT_THROW(input.SetCOptions(4, 1.0F, 1), std::runtime_error);
         const CameraInput::COptions now = input.GetCOptions();
-        return std::tuple{now.nbrightest, now.threshold, now.algorithm};
-    };
-    input.SetCOptions(2, 1.0F, 5);
-    EXPECT_EQ(options(), (std::tuple{5, 0.0F, 2}));
-    EXPECT_THROW(input.SetCOptions(2, 1.0F, 0), std::invalid_argument);
-    EXPECT_THROW(input.SetCOptions(4, 1.0F, 1), std::runtime_error);
-    EXPECT_EQ(options(), (std::tuple{5, 0.0F, 2}));
-    input.SetCOptions(1, 3.5F, 9);
-    EXPECT_EQ(options(), (std::tuple{0, 3.5F, 1}));
+        EXPECT_EQ(std::tuple(now.algorithm, now.threshold, now.nbrightest),
+                  std::tuple(algorithm, threshold, nbrightest));
+    }
 }
 
 }  // namespace
