@@ -7,6 +7,7 @@
 
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
 
 namespace vosk::lumo {
 
@@ -81,7 +82,7 @@ AoOutput::Config AoOutput::Configure(const PliConfigInstanceNode& node) {
 }
 
 void AoOutput::Work(std::promise<void>& started) {
-    m_output_sync->ClearDataReady();  // a beat from before a restart is no news
+    PassBeats();  // those from before a restart are no news
     started.set_value();
     while (IsRunning() && RunCycle()) {
     }
@@ -109,7 +110,7 @@ bool AoOutput::RunCycle() {
     SendAoFieldStabilizationU4Data(fs_time, id);
     const auto source = SendAoM4SetpointAppliedData(applied_time, id, beat.receive_time);
     SendAoM4CapSensActData(cap_time, id);
-    CountDroppedBeat(id);
+    m_counts->dropped_beats.fetch_add(PassBeats() - 1, std::memory_order_relaxed);
     if (common::GetLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
         common::LogDebug(
             "\t-> Sent AO data, sample_id = {}, cmd_source = {} at:\n\tm5_ptt_act: {},  fs_u4: {},  "
@@ -123,10 +124,11 @@ bool AoOutput::RunCycle() {
 }
 
 // A beat that came during the sends would go out late, and keep its successor from going in time.
-void AoOutput::CountDroppedBeat(id_t id) {
+std::uint32_t AoOutput::PassBeats() {
     const std::shared_lock lock{m_output_sync->GetMutex()};
-    if (m_output_sync->GetSampleId() != id) m_counts->dropped_beats.fetch_add(1, std::memory_order_relaxed);
     m_output_sync->ClearDataReady();
+    const std::uint32_t number = m_output_sync->GetDataRef().number;
+    return number - std::exchange(m_beats, number);
 }
 
 template <class Lock, class Sync, class Prepare>

@@ -210,13 +210,15 @@ TEST_F(AoOutputTest, FourSamplesLeaveInTheirOrderThoughTheirDelaysFall) {
 TEST_F(AoOutputTest, ABeatThatComesDuringTheSendsIsDroppedWheneverItsNotificationComes) {
     const LogCapture log;
     m_clock.Advance(-seconds{1});
+    Beat(0);  // it is replaced before anybody takes it
     Beat(1);
     auto cycle = std::async(std::launch::async, [this] { return m_output.RunCycle(); });
     ASSERT_TRUE(Eventually([&] { return !log.Texts("AoOutput waiting until").empty(); }));
     Beat(2);
+    Beat(3);
     m_clock.Advance(seconds{1});
     EXPECT_TRUE(cycle.get());
-    EXPECT_EQ(Counted().dropped_beats, 1U);
+    EXPECT_EQ(Counted().dropped_beats, 3U);
     EXPECT_FALSE(m_beat->IsDataReady());
     EXPECT_EQ(Received().size(), 16U);
     NotifyLate(*m_beat);

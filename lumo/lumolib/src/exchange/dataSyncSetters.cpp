@@ -34,6 +34,14 @@ bool IsPacedByGpao() {
 
 }  // namespace
 
+void AoBeatSetter::SetData(AoWavefrontCmdTimestamps& data, std::atomic<sample_id_t>& sample_id,
+                           std::atomic<time_point>& timestamp, const AoWavefrontCmdTimestamps& beat,
+                           sample_id_t id, const time_point& time) const {
+    data = {beat.command_time, beat.receive_time, data.number + 1};
+    sample_id = id;
+    timestamp = GivenOrNow(time);
+}
+
 void M4SetpointDataSetter::SetData(M4SetpointData& data, std::atomic<sample_id_t>& sample_id,
                                    std::atomic<time_point>& timestamp,
                                    std::span<const float, defs::M4_CMD_SIZE> setpoint,

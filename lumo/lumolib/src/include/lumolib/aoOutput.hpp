@@ -10,6 +10,7 @@
 #include <lumolib/runtimeMonitor.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <future>
 #include <memory>
 #include <string>
@@ -51,7 +52,8 @@ private:
     template <class Lock, class Sync, class Prepare>
     bool SendRecord(Sync& sync, TxLspx& tx, const char* topic, time_point send_time, id_t id,
                     const Prepare& prepare);
-    void CountDroppedBeat(id_t id);
+    // Clears the flags of the beats, and gives how many there were since it last did.
+    std::uint32_t PassBeats();
 
     const Config m_config;
     const std::shared_ptr<AoOutputDataSync> m_output_sync;
@@ -66,6 +68,7 @@ private:
     const std::shared_ptr<StatisticsBuffered> m_statistics;
     const std::shared_ptr<OutputStreamState> m_stream_state;
     const std::shared_ptr<CommandCounts> m_counts;
+    std::uint32_t m_beats = 0;  // worker thread only; the number of the last beat passed
 };
 
 }  // namespace vosk::lumo

@@ -26,7 +26,7 @@ struct alignas(64) CommandCounts {
     Count clock_steps{0};                 // of more than a second
     Count grid_points_skipped{0};         // by threads on a grid that fell far behind
     Count unusable_flowgraph_records{0};  // a value was not finite, or the time out of range
-    Count dropped_beats{0};  // wavefront commands that came while AoOutput sent for the one before
+    Count dropped_beats{0};  // wavefront commands without samples of AoOutput: it was at work on another
 };
 
 // By name, as `status` shows them.

@@ -29,8 +29,7 @@ static_assert(static_cast<int>(ImgDataSyncAlice::InstanceTag::IMG_PDS) ==
               static_cast<int>(defs::Camera::IMG_PDS));
 
 // AoWavefrontCmdInput to AoOutput: the beat of the AO output.
-class AoOutputDataSync final
-    : public DataSyncSingleWaitable<AoWavefrontCmdTimestamps, BasicDataSetter<AoWavefrontCmdTimestamps>> {
+class AoOutputDataSync final : public DataSyncSingleWaitable<AoWavefrontCmdTimestamps, AoBeatSetter> {
 public:
     enum class InstanceTag { DEFAULT };
     using DataSyncSingleWaitable::DataSyncSingleWaitable;

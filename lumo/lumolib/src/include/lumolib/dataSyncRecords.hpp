@@ -25,6 +25,7 @@ static_assert(sizeof(VisImgDataAlice) == 115200);
 struct AoWavefrontCmdTimestamps {
     defs::time_point command_time{};  // of the command, from its trailer packet
     defs::time_point receive_time{};  // right after reception
+    std::uint32_t number{};           // of the writes so far; the setter's
 };
 
 // A wavefront command. Outside the INS-driven modes, and from an invalid command, only the first two

@@ -27,6 +27,13 @@ using AoM4CapSensActRecord =
 
 using FloatVectorTTDataSetter = BasicDataSetter<defs::FloatVectorTT>;
 
+// Numbers the beats, so that their reader can count those that it never saw.
+struct AoBeatSetter {
+    void SetData(AoWavefrontCmdTimestamps& data, std::atomic<sample_id_t>& sample_id,
+                 std::atomic<time_point>& timestamp, const AoWavefrontCmdTimestamps& beat, sample_id_t id,
+                 const time_point& time = {}) const;
+};
+
 struct M4SetpointDataSetter {
     void SetData(M4SetpointData& data, std::atomic<sample_id_t>& sample_id,
                  std::atomic<time_point>& timestamp, std::span<const float, defs::M4_CMD_SIZE> setpoint,
