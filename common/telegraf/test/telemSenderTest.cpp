@@ -14,32 +14,6 @@ using vosk::common::shmif::ShmIf;
 
 namespace {
 
-struct RecordingSender final : TelemSender {
-    bool IsSetup() const override { return true; }
-    void Send(const std::string& line) override { m_line = line; }
-
-    std::string m_line;
-};
-
-TEST(TelemSender, WritesOneFieldALineWithUpToSixteenDigitsAndRefusesEmptyNames) {
-    RecordingSender sender;
-    sender.m_source = "s";
-    const auto expect_text = [&sender](const std::string& text, const auto& value) {
-        sender.RecordPoint("rtc_performance", "m4_output", "field", value);
-        EXPECT_EQ(sender.m_line, "/oru/cs/vosk(s),rtc_performance=m4_output field=" + text);
-    };
-    expect_text("0.1", 0.1);
-    expect_text("1234567.125", 1234567.125);
-    expect_text("0.3333333333333333", 1.0 / 3.0);
-    expect_text("4294967295", 4294967295U);
-    expect_text("-7", -7);
-    for (const auto& [set, tag, field] : {std::tuple{"", "t", "f"}, {"s", "", "f"}, {"s", "t", ""}}) {
-        EXPECT_EQ(TextOf<std::invalid_argument>(
-                      [&, s = set, t = tag, f = field] { sender.RecordPoint(s, t, f, 1); }),
-                  "tag_set, tag or field_set empty");
-    }
-}
-
 class SHMTelemSenderTest : public Test {
 protected:
     SHMTelemSenderTest() { ShmIf::Setup(m_prefix); }
@@ -55,6 +29,26 @@ protected:
     SHMTelemSender m_sender;
     const LogCapture m_log;
 };
+
+TEST_F(SHMTelemSenderTest, WritesOneFieldALineWithUpToSixteenDigitsAndRefusesEmptyNames) {
+    SetupSender();
+    const auto expect_text = [this](const std::string& text, const auto& value) {
+        m_sender.RecordPoint("rtc_performance", "m4_output", "field", value);
+        EXPECT_THAT(Drain(m_queue),
+                    ElementsAre(StartsWith("/oru/cs/vosk(" + m_prefix.substr(1) +
+                                           "),rtc_performance=m4_output field=" + text + '\0')));
+    };
+    expect_text("0.1", 0.1);
+    expect_text("1234567.125", 1234567.125);
+    expect_text("0.3333333333333333", 1.0 / 3.0);
+    expect_text("4294967295", 4294967295U);
+    expect_text("-7", -7);
+    for (const auto& [set, tag, field] : {std::tuple{"", "t", "f"}, {"s", "", "f"}, {"s", "t", ""}}) {
+        EXPECT_EQ(TextOf<std::invalid_argument>(
+                      [&, s = set, t = tag, f = field] { m_sender.RecordPoint(s, t, f, 1); }),
+                  "tag_set, tag or field_set empty");
+    }
+}
 
 TEST_F(SHMTelemSenderTest, FillsOneZeroPaddedMessageALineAndDropsALineThatDoesNotFit) {
     Record("before the set-up", 1);
