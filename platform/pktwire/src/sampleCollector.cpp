@@ -92,7 +92,7 @@ SampleCollector::Step SampleCollector::Accept(SampleLayout& layout, std::span<In
     RxCounters& counters = m_source.Counters();
     if (!IsSampleInWork()) {
         error = Begin(layout, *packet.slot);
-        if (error) return Refuse(std::exchange(packet.slot, nullptr));
+        if (error) return RefuseSample(std::exchange(packet.slot, nullptr));
     }
     const std::uint16_t frame = packet.slot->packet.FrameNumber();
     if (packet.slot->packet.ComponentId() != m_component) {
@@ -109,7 +109,7 @@ SampleCollector::Step SampleCollector::Accept(SampleLayout& layout, std::span<In
     }
     std::span<std::byte> place;
     error = layout.Place(*packet.slot, place);
-    if (error) return Refuse(std::exchange(packet.slot, nullptr));
+    if (error) return RefuseSample(std::exchange(packet.slot, nullptr));
 
     const bool in_place =
         !packet.lifted && place.data() == packet.expected.data() && place.size() <= packet.expected.size();
@@ -128,7 +128,7 @@ SampleCollector::Step SampleCollector::Accept(SampleLayout& layout, std::span<In
     if (--m_missing != 0) return Step::going_on;
 
     error = layout.Finish();
-    if (error) return Refuse(nullptr);
+    if (error) return RefuseSample(nullptr);
     ++counters.samples;
     EndSample(true);
     return Step::whole;
@@ -146,7 +146,7 @@ std::error_code SampleCollector::Begin(SampleLayout& layout, const Slot& slot) n
     return {};
 }
 
-SampleCollector::Step SampleCollector::Refuse(Slot* slot) noexcept {
+SampleCollector::Step SampleCollector::RefuseSample(Slot* slot) noexcept {
     ++m_source.Counters().refused;
     if (slot != nullptr) m_source.Release(slot);
     EndSample(false);

@@ -58,7 +58,7 @@ private:
     Step TakeFromQueue(SampleLayout& layout, std::error_code& error) noexcept;
     Step TakeFromBatch(SampleLayout& layout, std::error_code& error) noexcept;
     Step Accept(SampleLayout& layout, std::span<Incoming> packets, std::error_code& error) noexcept;
-    Step Refuse(Slot* slot) noexcept;
+    Step RefuseSample(Slot* slot) noexcept;
     void Drop(Incoming& packet, std::uint64_t& counter) noexcept;
     std::error_code Begin(SampleLayout& layout, const Slot& slot) noexcept;
     // False if no packet is free.

@@ -1,7 +1,9 @@
 #pragma once
 
 // The headers as they stand on the wire; docs/wire-format.md tells their meaning. All multi-byte fields are
-// big-endian, and no field needs alignment.
+// big-endian, and no field needs alignment. The headers' fields are unsigned numbers, and platform includes
+// nothing of common: that is why vosk::defs::BigEndian, which records use for signed numbers and floats too,
+// is another type.
 
 #include <atomclk/atomClk.hpp>
 
