@@ -1,6 +1,6 @@
 #pragma once
 
-// An open file and what is asked of it: its status, and the lock that tells whether its holder lives.
+// An open file, its status, and the lock that shows whether its holder lives.
 
 #include <fcntl.h>
 #include <sys/stat.h>

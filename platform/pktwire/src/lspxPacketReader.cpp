@@ -52,7 +52,7 @@ PacketReader::Result PacketReader::ReadLeader(Pieces pieces, std::chrono::nanose
 
 PacketReader::Result PacketReader::ReadPayload(Pieces pieces, std::chrono::nanoseconds timeout) noexcept {
     const Deadline deadline{timeout};
-    // Before a leader, and from the trailer on, no payload is to be had.
+    // No payload comes before a leader, and none from the trailer on.
     if (m_num_frames == 0 || m_next_frame >= m_num_frames) return Skip(deadline);
     return Deliver(ReadNextFrame(pieces, deadline), pieces);
 }

@@ -25,7 +25,7 @@ bool IsShortlyBefore(std::uint32_t id, std::uint32_t other) noexcept {
     return distance != 0 && distance < ORDER_WINDOW;
 }
 
-// A sender that started anew may use IDs of the recent past, but its times go on.
+// A sender that was restarted may use IDs of the recent past, but its times go on.
 bool IsNewer(const Slot& slot, time_point latest) noexcept {
     return latest != time_point{} && slot.packet.Timestamp() > latest;
 }
@@ -233,7 +233,7 @@ void PacketSource::NoteLate(const Slot& slot) noexcept {
         m_late.num_frames == packet.NumFrames() && m_late.component == packet.ComponentId();
     if (!same_stream || id != m_late.id) {
         // Some senders never complete such a run: they number their samples in large steps, or send frames
-        // out of order. A stream from which nothing is delivered any more is followed all the same.
+        // out of order. Their stream is followed without a run once none of many samples was delivered.
         if (++m_late_samples > MAX_LATE_ALONE) return FollowLate();
         const bool goes_on = same_stream && IsShortlyBefore(m_late.id, id);
         m_late = {id, packet.ComponentId(), packet.NumFrames(), 0, goes_on ? m_late.whole : 0};

@@ -202,7 +202,7 @@ std::error_code UdpRxSocket::WaitReadable(std::chrono::nanoseconds timeout) noex
     return Poll(m_fd.Get(), POLLIN, timeout);
 }
 
-// Exact at once; the count that SO_RXQ_OVFL attaches to a datagram tells only of drops before that one.
+// This count is exact at once. That of SO_RXQ_OVFL comes with a datagram and holds the drops before it only.
 std::uint32_t UdpRxSocket::Dropped() const noexcept {
     std::array<std::uint32_t, SK_MEMINFO_VARS> figures{};
     socklen_t size = sizeof(figures);

@@ -139,7 +139,7 @@ using OrdinaryDivision = Division;  // shorter vectors divide as fast, and their
 
 #endif
 
-// Whether there were enough pixels for it.
+// False, and nothing done, if there are fewer pixels than a vector holds.
 template <class Divide, class Source>
 HWY_INLINE bool CleanInVectors(const Source& source, const float* master_bias, const float* flat,
                                double dynamic_bias, float* cleaned, std::size_t count) {

@@ -1,7 +1,7 @@
 #pragma once
 
 // LSPX sends a sample over QUDEX as a leader packet, payload packets and a trailer packet. Leader and trailer
-// carry extended information; the payload is an array of data units, of which the leader tells the count.
+// carry extended information; the payload is an array of data units, whose count stands in the leader.
 // A Receiver and a Sender belong to one thread. After construction nothing allocates and nothing throws.
 
 #include <pktwire/detail/lspxLayout.hpp>
@@ -26,7 +26,7 @@ enum class RxErrc {
 const std::error_category& RxCategory() noexcept;
 std::error_code make_error_code(RxErrc code) noexcept;
 
-// Of a sample, told in its leader. Other values belong to the sender.
+// The status of a sample, which stands in its leader. Other values belong to the sender.
 enum class Status : std::uint8_t { good = 0 };
 
 // Flag bytes.

@@ -40,7 +40,7 @@ class TxSocket {
 public:
     virtual ~TxSocket() = default;
 
-    // Sends all messages in order. After ECONNREFUSED, which tells of an earlier datagram, the rest is still
+    // Sends all messages in order. After ECONNREFUSED, which is about an earlier datagram, the rest is still
     // sent and the code is returned at the end; any other error ends the call. Waits at most 1 ms in all for
     // room to send.
     virtual std::error_code Send(std::span<mmsghdr> messages) noexcept = 0;

@@ -77,7 +77,7 @@ public:
     // Logs at TRACE how long the steps of the last pass took, if the worker threads' logger takes TRACE.
     void PrintTimeStats() const;
 
-    // What field stabilisation is told, for the caller to read after a step 4, 24 bytes in this order.
+    // The record for field stabilisation, 24 bytes in this order. The caller reads it after a step 4.
     TipTilt m_fs_ref{};  // elements 0 and 1 of the last split command
     TipTilt m_tt_ref{};  // elements 2 and 3; zero after a pass in INS_DRIVEN_SEQUENTIAL, save after step 4c
     TipTilt m_m4_tt{};   // tip/tilt of the last applied setpoint, reference shape removed

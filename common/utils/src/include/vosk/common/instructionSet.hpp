@@ -6,8 +6,8 @@
 
 namespace vosk::common {
 
-// Finds out what the CPU has, unless that is known or told already. For constructors: the first call of a
-// loop would do it otherwise, and that may be a frame.
+// Finds the CPU's instruction sets, unless they are known or chosen already. Constructors call it, or the
+// first call of a loop would do it, within a frame.
 inline void ChooseInstructionSet() {
     if (!hwy::GetChosenTarget().IsInitialized()) hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }

@@ -4,8 +4,8 @@
 // Run() wakes all workers, each runs its task once, and the same tasks run again at the next Run(). The
 // thread that owns the pool may have a task too, and the worker that finishes last runs the completion task.
 //
-// Threads: the owner alone makes and fills the pool, runs it, waits for it and destroys it. The ready flag of
-// a worker, set while its task is pending or running, is all that stands between the two. The pool catches
+// Threads: the owner alone makes and fills the pool, runs it, waits for it and destroys it. Owner and worker
+// share the worker's ready flag only, which is set while its task is pending or running. The pool catches
 // nothing: an exception that leaves a worker's task or the completion task ends the process.
 
 #include <nodepin/numaPlacement.hpp>

@@ -39,11 +39,11 @@ private:
     // Takes away the packet that stands where the caller asked for one of another kind.
     Result Skip(const pktwire::detail::Deadline& deadline) noexcept;
     Result Deliver(const Result& found, Pieces pieces) noexcept;
-    // A packet between two samples that can't be part of one is the end of its sample.
+    // A packet that comes between two samples and fits none ends the sample that it belongs to.
     Result RefuseSampleOf(pktwire::detail::Slot* slot, std::error_code error) noexcept;
     Result Drop(pktwire::detail::Slot* slot, std::error_code error) noexcept;
     Result GiveUp() noexcept;
-    // What is left of the sample in work is stale from now on.
+    // The packets of the sample in work that still come are stale.
     void EndSample(bool delivered) noexcept;
 
     bool IsNextFrame(const pktwire::detail::Slot& slot) const noexcept;

@@ -75,14 +75,13 @@ public:
     bool Enqueue(Slot* slot) noexcept;
     // Drops a packet that no layout could take, so that it can't crowd out a sample.
     void DropMisfit(Slot* slot) noexcept;
-    // Drops a stale packet. Only one that the caller's layout could take tells of a stream that started anew.
+    // Drops a stale packet. It may be the first of a restarted stream, but only without a misfit.
     void DropStale(Slot* slot, const std::error_code& misfit = {}) noexcept;
     void DropStaleFromQueue() noexcept;
-    // The packet that tells which sample is next: the first that came, or one of a sample shortly before.
+    // A packet of the sample that is next: the first that came, or one of a sample shortly before.
     const Slot* NextInQueue() const noexcept;
-    // So much has come for others that what the sample in work lacks won't come any more: another sample is
-    // whole, the queue is full, or nothing but misfits comes, since the sender was set up anew.
-    // `early` packets of the sample in work are in the queue as well.
+    // The missing packets of the sample in work are lost: another sample is whole, the queue is full, or only
+    // misfits come, as the sender was set up again. `early` packets of the sample in work wait in the queue.
     bool IsSampleInWorkHopeless(std::size_t early = 0) const noexcept {
         return m_whole_in_queue || m_queue.size() - early >= m_queue_limit || early > m_early_limit ||
                m_misfits >= MAX_MISFITS;
@@ -107,7 +106,7 @@ private:
         std::uint32_t id = 0;
         time_point latest{};
     };
-    // Of samples that were dropped only for lying behind the one delivered.
+    // Consecutive samples that were dropped as late, for no other reason.
     struct LateRun {
         std::uint32_t id = 0;          // of the latest
         std::uint16_t component = 0;   // of all
@@ -123,7 +122,7 @@ private:
     bool IsValid(const Incoming& packet, const mmsghdr& message) noexcept;
     bool ChecksumFits(const Incoming& packet) const noexcept;
     bool IsWholeInQueue(const Slot& slot) const noexcept;
-    // What is to be counted if the second packet keeps the first one out of its sample, else null.
+    // The counter to raise if the second packet keeps the first one out of its sample, else null.
     std::uint64_t* Conflict(const Slot& slot, const Slot& other) noexcept;
     std::span<const PastSample> PastSamples() const noexcept;
     bool IsOver(const Slot& slot) const noexcept;

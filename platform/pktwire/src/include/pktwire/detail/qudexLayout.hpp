@@ -10,7 +10,7 @@ namespace pktwire::detail {
 // The size of a frame when a sample is cut into equal ones; the last ones are smaller.
 std::size_t EqualShare(std::size_t size, std::uint16_t frames) noexcept;
 
-// Until a frame contradicts it, the cut of the last whole sample tells where the next one's frames will land.
+// The next sample's frames are expected where those of the last whole sample lay, until one lies elsewhere.
 class BufferLayout final : public SampleLayout {
 public:
     BufferLayout(std::uint16_t num_frames, std::pmr::memory_resource* memory);

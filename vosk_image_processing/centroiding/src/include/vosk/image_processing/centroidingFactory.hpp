@@ -2,7 +2,7 @@
 
 // Makes estimators: from the configuration, at set-up, and from the options of the host, while the cameras
 // run. Failures of a configuration are logged at ERROR and thrown as std::runtime_error; a value of the wrong
-// type is thrown as the configuration tells it. Only T = float is built.
+// type is thrown with the configuration's own error. Only T = float is built.
 
 #include <oru/configng/pliConfig.hpp>
 #include <vosk/image_processing/centroiding.hpp>

@@ -51,13 +51,13 @@ private:
 namespace factory {
 
 // From the map `node[key]`: two lists, `bad_pixels` of [x, y] and `pixel_weights`. Null when there is nothing
-// to correct: no such map, no bad pixels or not 9 weights, told at DEBUG; a list that is missing, a warning.
+// to correct: no such map, no bad pixels or not 9 weights (logged at DEBUG), or no list (at WARN).
 std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrection(
     const oru::configng::PliConfigInstanceNode& node, const std::string& key, std::size_t width,
     std::size_t height);
 
-// From the map itself; anything but a map is logged and thrown as std::runtime_error. Lists that are none are
-// PliConfigTypeErrors.
+// From the map itself; anything but a map is logged and thrown as std::runtime_error. A list that is no
+// sequence is a PliConfigTypeError.
 std::unique_ptr<bad_pixel_correction_block> CreateBadPixelCorrectionAlgorithm(
     const oru::configng::PliConfigInstanceNode& node, std::size_t width, std::size_t height);
 

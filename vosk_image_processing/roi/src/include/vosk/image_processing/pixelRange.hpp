@@ -25,7 +25,7 @@ struct PixelRange {
 
 // From the ROI's starts to its stops; nothing, at the frame's first pixel, of a ROI without pixels, wherever
 // that lies. A ROI that reaches out of the frame was made for another one: logged and thrown as
-// std::invalid_argument, in which `operation` names who was called.
+// std::invalid_argument, in which `operation` names the call.
 inline PixelRange RangeOf(const Roi& roi, std::size_t frame_width, std::size_t frame_height,
                           const char* operation) {
     if (roi.x_start >= roi.x_stop || roi.y_start >= roi.y_stop) return {0, 0, 0, 0};

@@ -6,9 +6,9 @@
 
 namespace vosk::signal_processing {
 
-// An output is due with the first input, and after it with the input whose ID lies input_rate / output_rate
-// on or beyond, or that is so many inputs later, whichever comes first: a gap in the IDs counts as inputs
-// that were lost. What is read is the newest input, numbered anew with each read, from 1.
+// An output is due with the first input. The next one is due N = input_rate / output_rate inputs later, or
+// with an ID that is at least N higher, whichever comes first: a gap in the IDs counts as lost inputs. A read
+// gives the newest input, under a number of its own that counts the reads from 1.
 template <ResamplerSample T, class A>
 class SampleIdDecimatingDownsampler : public StopIntervalResampler<T, A> {
 public:

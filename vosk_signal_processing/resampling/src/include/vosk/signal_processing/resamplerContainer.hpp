@@ -13,8 +13,8 @@
 namespace vosk::signal_processing {
 
 // The chain runs at the pace of its end: a stage that still holds output takes no more input. Age is judged
-// in the stages. They are the container's alone and locked by its mutex; but a waitable stage has to answer
-// whoever waits for it, and locks its own after the container's.
+// in the stages. They belong to the container alone, and its mutex guards them. A waitable stage also has to
+// answer the thread that waits for it, and locks its own mutex after the container's.
 template <ResamplerSample T>
 class ResamplerContainer : public Resampler<T> {
 public:

@@ -104,7 +104,7 @@ private:
     bool m_is_used = true;  // constant once threads share it
 };
 
-// What all resamplers have in common for those who only keep them.
+// The base of all resamplers, for code that only keeps them.
 class ResamplerBase {
 public:
     virtual ~ResamplerBase() = default;
