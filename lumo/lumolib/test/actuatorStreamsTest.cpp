@@ -226,19 +226,6 @@ TEST_F(AoOutputTest, ABeatThatComesDuringTheSendsIsDroppedWheneverItsNotificatio
     EXPECT_EQ(Received().size(), 0U);
 }
 
-TEST_F(AoOutputTest, EachSourceInTheStatusHasItsText) {
-    const LogCapture log;
-    unsigned source = 0;
-    for (const char* text : {"NONE", "CCS/TEL", "INS", "CCS/TEL", "INS", "OFF", "OFF", "OFF"}) {
-        Get<AoM4SetpointAppliedDataSync>()->GetDataRef().header.status =
-            static_cast<std::uint16_t>(0x100U | source << 9U);
-        Beat(++source);
-        EXPECT_TRUE(m_output.RunCycle());
-        EXPECT_THAT(log.Texts("Sent AO data").back(),
-                    HasSubstr(fmt::format(" = {}, cmd_source = {} at:", source, text)));
-    }
-}
-
 template <class Output, class Sync, class Record>
 std::size_t AllocationsOfSending(const Record& record) {
     const pktwire::UdpRxSocket listener{vosk::test::Listening(UniquePort()), nullptr};

@@ -25,7 +25,6 @@ struct TestRxLspx : RxLspx {
     using RxLspx::m_lspx_cfg;
     using RxLspx::m_lspx_receiver;
     using RxLspx::m_qudex_cfg;
-    using RxLspx::m_receiver;
     using RxLspx::m_udp_cfg;
 };
 
@@ -58,22 +57,17 @@ TEST(Endpoints, RefuseWhatTheyCannotWorkWithout) {
 }
 
 TEST(Endpoints, ReadTheirKeysOverTheDefaults) {
-    std::string description;
-    const TestRxLspx rx{RX + ", cpu: -1, qudex_topic: 1234, endianness: Be, buf_samples: 3", description};
-    EXPECT_EQ(description, "LSPX receiver listening on: 127.0.0.1:" + PORT + ", topic ID: 1234");
+    std::string text;
+    const TestRxLspx rx{RX + ", cpu: -1, qudex_topic: 1234, endianness: Be, buf_samples: 3", text};
+    EXPECT_EQ(text, "LSPX receiver listening on: 127.0.0.1:" + PORT + ", topic ID: 1234");
     EXPECT_FALSE(rx.m_udp_cfg.incoming_cpu);
-    EXPECT_EQ(rx.m_qudex_cfg.num_frames, 5);
-    EXPECT_EQ(rx.m_lspx_cfg.endianness, 0);
-    EXPECT_EQ(rx.m_lspx_cfg.buf_samples, 3U);
-    EXPECT_EQ(rx.m_receiver, nullptr);  // the LSPX receiver has taken it over
-    const TestTxLspx tx{TX + ", ip_time_to_live: 3, qudex_topic: 7, endianness: BEE, source: SIM",
-                        description};
-    EXPECT_EQ(description, "LSPX sender to: 127.0.0.1:" + PORT + ", topic ID: 7");
-    EXPECT_EQ(tx.m_udp_cfg.ip.time_to_live, 3);
-    EXPECT_EQ(tx.m_qudex_cfg.num_frames, 3);
-    EXPECT_EQ(tx.m_lspx_cfg.frame_size, 2U);
-    EXPECT_EQ(tx.m_lspx_cfg.endianness, 8);
-    EXPECT_EQ(tx.m_lspx_cfg.source, 0x10);
+    EXPECT_EQ((std::tuple{rx.m_qudex_cfg.num_frames, rx.m_lspx_cfg.endianness, rx.m_lspx_cfg.buf_samples}),
+              (std::tuple{5, 0, 3U}));
+    const TestTxLspx tx{TX + ", ip_time_to_live: 3, qudex_topic: 7, endianness: BEE, source: SIM", text};
+    EXPECT_EQ(text, "LSPX sender to: 127.0.0.1:" + PORT + ", topic ID: 7");
+    EXPECT_EQ((std::tuple{tx.m_udp_cfg.ip.time_to_live, tx.m_qudex_cfg.num_frames, tx.m_lspx_cfg.frame_size}),
+              (std::tuple{3, 3, 2U}));
+    EXPECT_EQ((std::tuple{tx.m_lspx_cfg.endianness, tx.m_lspx_cfg.source}), (std::tuple{8, 0x10}));
 }
 
 TEST(Receivers, LogAtTheirEndWhatTheyMetBesidesSamples) {
