@@ -3,6 +3,7 @@
 #include "files.hpp"
 #include "host/hostProcess.hpp"
 #include "judge/aoLoop.hpp"
+#include "judge/aoStreamsLoop.hpp"
 #include "judge/fieldLoop.hpp"
 #include "judge/gpaoLoop.hpp"
 #include "judge/hostJudge.hpp"
@@ -150,6 +151,7 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
     peers.push_back(std::move(instrument));
     peers.push_back(std::move(m4));
     peers.push_back(std::move(ao_loop));
+    if (scenario.ao_streams) AddAoStreams(scenario, ports, peers);
     return peers;
 }
 

@@ -100,6 +100,18 @@ GpaoSettings ReadGpao(const Section& section, const Scenario& scenario) {
     return gpao;
 }
 
+// By default the first two leave ahead of the setpoint, and the others behind the answer to it.
+AoStreamSettings ReadAoStreams(const Section& section, const Scenario& scenario) {
+    if (!scenario.ao_loop) section.Fail("'ao_streams' need the AO loop, which has an instrument");
+    const auto period = std::chrono::duration_cast<std::chrono::microseconds>(scenario.CommandPeriod());
+    AoStreamSettings streams{{period / 8, period * 2 / 8, period * 6 / 8, period * 7 / 8}};
+    section.ReadDurations("delays", streams.delays);
+    section.ReadDuration("margin", streams.margin);
+    if (!std::is_sorted(streams.delays.begin(), streams.delays.end()) || streams.delays.back() >= period)
+        section.Fail("'delays' must ascend and stay below the period of the commands");
+    return streams;
+}
+
 FaultRule ReadFault(const Section& section) {
     FaultRule rule;
     section.ReadName("stream", STREAMS, rule.stream);
@@ -154,6 +166,8 @@ Scenario ReadScenario(const Document& document) {
     scenario.ao_loop = !root.Has("streams") && (scenario.cameras.empty() || root.Has("instrument"));
     root.ReadSection("streams", [&](const Section& section) { scenario.streams = ReadStreams(section); });
     root.ReadSection("gpao", [&](const Section& section) { scenario.gpao = ReadGpao(section, scenario); });
+    root.ReadSection("ao_streams",
+                     [&](const Section& section) { scenario.ao_streams = ReadAoStreams(section, scenario); });
     root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
     root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });
     root.ReadSection("expect", [&](const Section& section) { ReadExpectation(section, scenario.expect); });

@@ -46,6 +46,13 @@ struct M4Settings {
     double feedback_rate = 100.0;                // samples a second
 };
 
+// The four streams that tell the instrument what the telescope did, in the order in which they leave.
+struct AoStreamSettings {
+    std::array<std::chrono::microseconds, 4> delays{};  // from the time stamp of a command, ascending
+    // A sample later than this is an exception; so is one with data older than this where there is newer.
+    std::chrono::microseconds margin{2000};
+};
+
 // The turbulent atmosphere in front of the cameras, and the wind's grip on the telescope.
 struct LightSettings {
     double d_over_r0 = 5.0;  // telescope's diameter over Fried's parameter
@@ -200,7 +207,8 @@ struct Scenario {
     HostSettings host;
     InstrumentSettings instrument;
     M4Settings m4;
-    bool ao_loop = true;  // instrument and M4 are there
+    bool ao_loop = true;                         // instrument and M4 are there
+    std::optional<AoStreamSettings> ao_streams;  // where somebody listens to them
     LightSettings light;
     std::vector<CameraSettings> cameras;
     std::optional<StreamSettings> streams;  // field stabilisation and its peers, if they are there

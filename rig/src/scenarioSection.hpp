@@ -41,14 +41,19 @@ public:
 
     template <class Rep, class Period>
     void ReadDuration(const std::string& key, std::chrono::duration<Rep, Period>& value) const {
-        std::string text;
-        Read(key, text);
-        if (text.empty()) return;
-        try {
-            value = std::chrono::duration_cast<std::chrono::duration<Rep, Period>>(ParseDuration(text));
-        } catch (const std::invalid_argument& error) {
-            Fail(m_node[key], fmt::format("'{}': {}", key, error.what()));
+        if (Has(key)) value = ReadOne<std::chrono::duration<Rep, Period>>(m_node[key], key);
+    }
+
+    template <class Duration, std::size_t N>
+    void ReadDurations(const std::string& key, std::array<Duration, N>& values) const {
+        if (!Has(key)) return;
+        std::size_t count = 0;
+        if (!m_node[key].IsSequence()) Fail(m_node[key], fmt::format("'{}' must be a list", key));
+        for (const Node& element : m_node[key]) {
+            if (count < N) values[count] = ReadOne<Duration>(element, key);
+            ++count;
         }
+        if (count != N) Fail(m_node[key], fmt::format("'{}' must have {} durations", key, N));
     }
 
     // Seconds as a plain number, as times in a run are given.
@@ -105,6 +110,15 @@ public:
     [[noreturn]] void Fail(const std::string& what) const { Fail(m_node, what); }
 
 private:
+    template <class Duration>
+    static Duration ReadOne(const Node& node, const std::string& key) {
+        try {
+            return std::chrono::duration_cast<Duration>(ParseDuration(node.As<std::string>()));
+        } catch (const std::invalid_argument& error) {
+            Fail(node, fmt::format("'{}': {}", key, error.what()));
+        }
+    }
+
     [[noreturn]] static void Fail(const Node& where, const std::string& what) {
         throw oru::configng::PliConfigError(what, where.GetWhere());
     }

@@ -34,6 +34,8 @@ public:
     void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
+    const Peers& GetPeers() const { return m_peers; }
+
 private:
     const Scenario& m_scenario;
     const Peers m_peers;

@@ -3,6 +3,7 @@
 // What instrument and M4 write down of the AO loop: an entry a command, an entry a setpoint.
 
 #include "clock.hpp"
+#include "digest.hpp"
 #include "scenario.hpp"
 
 #include <vosk/defs/sizes.hpp>
@@ -33,10 +34,18 @@ struct SetpointRecord {
     bool in_order = false;      // its packets came in the order of their numbers
     bool marked_valid = false;  // the word behind the vector is 1
     std::size_t slot = NO_SLOT;
+    Digest digest;  // of the modes that the instrument knows
 
     AnswerFate answer = AnswerFate::NotSent;
     std::optional<FaultKind> answer_fault;
     time_point answer_sent;  // 0 when none was
+};
+
+// A sample of M4's sensors.
+struct FeedbackRecord {
+    time_point sent;
+    Digest digest;
+    std::optional<FaultKind> fault;
 };
 
 }  // namespace vosk::rig

@@ -31,6 +31,11 @@ pktwire::qudex::Receiver::Config ReceiverConfig() {
     return config;
 }
 
+// M4 tells its sensors until the host has ended.
+std::size_t ExpectedFeedback(const Scenario& scenario) {
+    return static_cast<std::size_t>(scenario.m4.feedback_rate * (scenario.duration.count() + 10.0));
+}
+
 }  // namespace
 
 M4Peer::Life::Life(std::uint16_t port) : socket(port), receiver(ReceiverConfig(), socket, nullptr) {}
@@ -47,6 +52,7 @@ M4Peer::M4Peer(const Scenario& scenario, Ports& ports)
       m_feedback_period(scenario.FeedbackPeriod()),
       m_port(ports.Take()),
       m_log(scenario.ExpectedCommands()),
+      m_feedback_log(ExpectedFeedback(scenario)),
       m_ring(std::min<std::size_t>(scenario.ExpectedCommands(), LARGEST_RING)),
       m_answers(scenario, Stream::SetpointApplied, ports.Take(), ANSWER_TOPIC),
       m_feedback(scenario, Stream::Feedback, ports.Take(), FEEDBACK_TOPIC) {}
@@ -180,9 +186,10 @@ void M4Peer::TakeSetpoint(const pktwire::qudex::Packet& packet) {
     record->arrived = arrival ? arrival->first : AtomClk::now();
     record->in_order = arrival && arrival->in_order;
     record->marked_valid = m_setpoint.valid == 1;
+    std::copy(m_setpoint.setpoint.begin(), m_setpoint.setpoint.end(), m_values.begin());
+    record->digest = DigestOf(std::span(m_values).first<defs::INS_CMD_SIZE>());
     record->slot = m_ring.Take();
-    if (record->slot != SetpointRecord::NO_SLOT)
-        std::copy(m_setpoint.setpoint.begin(), m_setpoint.setpoint.end(), m_ring[record->slot].begin());
+    if (record->slot != SetpointRecord::NO_SLOT) m_ring[record->slot] = m_values;
     m_feedback_record.values = m_setpoint.setpoint;
     m_received.fetch_add(1, std::memory_order_relaxed);
     ScheduleAnswer(index, record->arrived);
@@ -247,6 +254,11 @@ void M4Peer::SendFeedback(time_point now) {
         if (m_feedback_fault->kind == FaultKind::WrongSampleId) sample_id += WRONG_ID_STEP;
         m_feedback.faulty_socket.Arm(*m_feedback_fault);
         m_feedback_faults.Add(m_feedback_fault->kind);
+    }
+    if (FeedbackRecord* record = m_feedback_log.Append()) {
+        *record = {now, DigestOf(m_values),
+                   m_feedback_fault ? std::optional(m_feedback_fault->kind) : std::nullopt};
+        m_feedback_log.Publish(m_feedback_log.WrittenCount());
     }
     m_feedback.sender.SetSampleId(sample_id);
     static_cast<void>(m_feedback.sender.SendSample(BytesOf(m_feedback_record), now, {}));

@@ -39,6 +39,8 @@ public:
     // way to whoever checks them.
     const AppendLog<SetpointRecord>& Log() const { return m_log; }
     SetpointRing& Ring() { return m_ring; }
+    // One entry a sample of the sensors.
+    const AppendLog<FeedbackRecord>& FeedbackLog() const { return m_feedback_log; }
     const Absences& GetAbsences() const { return m_absences; }  // any thread
     // After Stop().
     std::uint64_t IncompleteSetpoints() const { return m_incomplete; }
@@ -89,6 +91,7 @@ private:
     const std::chrono::nanoseconds m_feedback_period;
     const std::uint16_t m_port;
     AppendLog<SetpointRecord> m_log;
+    AppendLog<FeedbackRecord> m_feedback_log;
     SetpointRing m_ring;
     Outlet m_answers;
     Outlet m_feedback;
@@ -98,6 +101,7 @@ private:
     std::unique_ptr<Life> m_life;
     Setpoint m_setpoint;
     std::array<PendingAnswer, ANSWERS_KEPT + 1> m_pending;
+    SetpointRing::Vector m_values{};  // of the last setpoint, which the sensors show
     Feedback m_feedback_record;
     std::uint32_t m_feedback_counter = 0;
     time_point m_feedback_grid;  // the next sample's point of the grid

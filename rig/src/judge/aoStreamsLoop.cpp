@@ -1,0 +1,75 @@
+#include "judge/aoStreamsLoop.hpp"
+
+#include "judge/aoStreamsAccount.hpp"
+
+#include <fmt/format.h>
+
+namespace vosk::rig {
+namespace {
+
+// Null if there is no such peer.
+template <class Kind>
+const Kind* Find(const std::vector<std::unique_ptr<Peer>>& peers) {
+    for (const auto& peer : peers)
+        if (const auto* found = dynamic_cast<const Kind*>(peer.get())) return found;
+    return nullptr;
+}
+
+ReportSection SectionOf(const AoStreamsAccounts& accounts) {
+    ReportSection section{
+        "AO streams", {"stream", "due", "right", "missing", "late", "old", "wrong"}, {}, {}};
+    for (std::size_t i = 0; i < AO_STREAMS; ++i) {
+        const AoStreamAccount& account = accounts.streams[i];
+        section.rows.push_back({NameOf(static_cast<AoStream>(i)), fmt::to_string(account.due),
+                                fmt::to_string(account.right), fmt::to_string(account.missing),
+                                fmt::to_string(account.late), fmt::to_string(account.old),
+                                fmt::to_string(account.wrong)});
+    }
+    section.notes.push_back(fmt::format(
+        "Commands without samples: {} dropped, as the host was still sending for the one before, {} "
+        "skipped for no such reason, {} harmed by the rig.",
+        accounts.dropped, accounts.skipped, accounts.harmed));
+    return section;
+}
+
+}  // namespace
+
+void AddAoStreams(const Scenario& scenario, Ports& ports, std::vector<std::unique_ptr<Peer>>& peers) {
+    auto listener = std::make_unique<AoStreamsPeer>(scenario, ports);
+    auto loop = std::make_unique<AoStreamsLoop>(
+        scenario, AoStreamsLoop::Peers{*listener, *Find<Instrument>(peers), *Find<M4Peer>(peers),
+                                       Find<FieldLoop>(peers)});
+    peers.push_back(std::move(listener));
+    peers.push_back(std::move(loop));
+}
+
+PeerAccount AoStreamsLoop::Account(const RunFacts& run) const {
+    std::vector<FieldRecord> flowgraph;
+    AoStreamsFacts facts;
+    facts.commands = m_peers.instrument.Log().Entries();
+    for (std::size_t i = 0; i < AO_STREAMS; ++i) {
+        facts.samples[i] = m_peers.listener.Samples(static_cast<AoStream>(i));
+        facts.broken[i] = m_peers.listener.Broken(static_cast<AoStream>(i));
+    }
+    facts.setpoints = m_peers.m4.Log().Entries();
+    facts.feedback = m_peers.m4.FeedbackLog().Entries();
+    if (m_peers.field != nullptr) {
+        flowgraph = m_peers.field->GetPeers().flowgraph.Records<FieldRecord>();
+        facts.flowgraph = flowgraph;
+        facts.m5_positions = m_peers.field->GetPeers().m5.Positions().Entries();
+    }
+    facts.modes = run.modes;
+    facts.until = run.stop_asked.value_or(time_point::max());
+    const AoStreamsAccounts accounts = MakeAoStreamsAccounts(m_scenario, facts);
+
+    PeerAccount account;
+    account.violations = accounts.violations;
+    account.sections = {SectionOf(accounts)};
+    for (std::size_t i = 0; i < AO_STREAMS; ++i)
+        account.times.emplace_back(
+            fmt::format("{}: actual less planned send time", NameOf(static_cast<AoStream>(i))),
+            SpreadOf(accounts.streams[i].delays));
+    return account;
+}
+
+}  // namespace vosk::rig
