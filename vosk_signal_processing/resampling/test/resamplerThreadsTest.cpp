@@ -29,7 +29,7 @@ struct Meeting {
 
 void Meet(const Meeting& meeting) {
     constexpr std::uint32_t FIRST = 3;
-    constexpr std::uint32_t LAST = 50'001;  // one that is due for every resampler
+    constexpr std::uint32_t LAST = 200'001;  // one that is due for every resampler
     Resampler<Sample>& resampler = *meeting.resampler;
     std::uint32_t outputs = 0;
     for (std::uint32_t input = 1; input < FIRST; ++input) {  // fills the filters and the upsampler's line
