@@ -25,7 +25,7 @@ namespace vosk::lumo {
 // Counts each input that had no news, in the counter of its place; gives how many had none.
 template <std::size_t N>
 std::uint32_t CountErrors(const std::array<bool, N>& has_news, std::array<std::uint32_t, N>& errors) {
-    for (std::size_t i = 0; i < N; ++i) errors[i] += has_news[i] ? 0 : 1;
+    for (std::size_t i = 0; i < N; ++i) errors[i] += has_news[i] ? 0U : 1U;
     return static_cast<std::uint32_t>(std::ranges::count(has_news, false));
 }
 
