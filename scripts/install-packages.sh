@@ -7,7 +7,7 @@ packages=(
   build-essential g++ clang clang-format clang-tidy libclang-rt-14-dev cmake ninja-build ccache pkg-config
   libboost-dev liblog4cplus-dev libspdlog-dev libfmt-dev libcfitsio-dev zlib1g-dev libopenblas-dev libnuma-dev
   libmsgsl-dev libyaml-cpp-dev libcli11-dev nlohmann-json3-dev libhwy-dev libpng-dev libgtest-dev libgmock-dev
-  fitsverify python3-astropy iproute2
+  iproute2
 )
 
 missing=()
