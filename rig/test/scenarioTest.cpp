@@ -29,6 +29,7 @@ TEST(Scenario, IsRefusedWithPlaceAndReason) {
         {"name: x\nsteps: [{at: 1}]", "exactly one of"},
         {"name: x\nsteps: [{at: 1, m4: dead, host: stop}]", "exactly one of"},
         {"name: x\nsteps: [{at: 1, mode: FAST}]", "no control mode 'FAST'"},
+        {"name: x\ncameras: [{camera: IMG_GP1, kind: lisa}]\ngpao: {gain: 0.3}", "needs a wavefront sensor"},
         {"name: [x", "file.yaml:"}};
     for (const auto& [text, complaint] : cases) {
         EXPECT_THAT(test::TextOf<std::runtime_error>([text = text] { ParseScenario(text, "file.yaml"); }),

@@ -84,18 +84,30 @@ SpotPrediction SpotPredictor::Predict(std::span<const Spot> spots, const SpotReg
     SpotPrediction result;
     double sum_x = 0.0;
     double sum_y = 0.0;
+    const auto measured = [&](std::size_t x, std::size_t y) {
+        if (!IsRead(window, x, y)) return Moments{0.0, 0.0};
+        const double flat = m_sensor.flat[y * model.Stride() + x];
+        double light = double{model.background};
+        for (const SpotLight& spot : lights) light += spot.At(x, y);
+        return Moments{light, (read + double{model.gain} * light * flat) / (flat * flat)};
+    };
+    // The mean of its eight neighbours, none of which is bad.
+    const auto repaired = [&](std::size_t x, std::size_t y) {
+        Moments sum{0.0, 0.0};
+        for (std::size_t i = 0; i < 9; ++i) {
+            if (i == 4) continue;
+            const Moments neighbour = measured(x + i % 3 - 1, y + i / 3 - 1);
+            sum = {sum.mean + neighbour.mean / 8.0, sum.variance + neighbour.variance / 64.0};
+        }
+        return sum;
+    };
     for (std::size_t y = region.y_start; y < region.y_stop; ++y) {
         for (std::size_t x = region.x_start; x < region.x_stop; ++x) {
             if (!IsRead(window, x, y)) continue;
-            if (m_is_bad[y * model.width + x] != 0) {
-                result.has_bad_pixel = true;
-                continue;
-            }
-            const double flat = m_sensor.flat[y * model.Stride() + x];
-            double light = double{model.background};
-            for (const SpotLight& spot : lights) light += spot.At(x, y);
-            const double noise = std::sqrt(read + double{model.gain} * light * flat) / flat;
-            const Moments value = CutOff(light, noise, threshold);
+            const bool is_bad = m_is_bad[y * model.width + x] != 0;
+            result.has_bad_pixel = result.has_bad_pixel || is_bad;
+            const Moments cleaned = is_bad ? repaired(x, y) : measured(x, y);
+            const Moments value = CutOff(cleaned.mean, std::sqrt(cleaned.variance), threshold);
             if (value.mean == 0.0 && value.variance == 0.0) continue;
             const Pixel pixel{static_cast<double>(x), static_cast<double>(y), value.variance};
             result.flux += value.mean;

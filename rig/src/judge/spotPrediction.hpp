@@ -4,7 +4,8 @@
 // gravity over the pixels from a threshold on. A pixel of mean m and noise s is taken if its value reaches
 // the threshold, so that its contribution has the moments of a normal distribution cut off there. Photon,
 // read and rounding noise count; the estimate moves with the threshold's cut and with the sky, and both stand
-// in the mean. Bad pixels are left out: a region that has one is marked.
+// in the mean. A bad pixel counts as the mean of its neighbours, by which it is repaired; that it shares
+// their noise is left out, and its region is marked.
 
 #include "cameras/cameraScene.hpp"
 #include "cameras/spotProfile.hpp"
