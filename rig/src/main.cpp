@@ -14,6 +14,8 @@
 
 #include <csignal>
 #include <exception>
+#include <map>
+#include <string>
 
 namespace vosk::rig {
 namespace {

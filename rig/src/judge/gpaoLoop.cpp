@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
 
+#include <array>
+#include <utility>
+
 namespace vosk::rig {
 namespace {
 

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <vector>
 
 namespace vosk::rig {
 namespace {
