@@ -267,6 +267,7 @@ void Run::AskStatus(Stage& stage) {
     const time_point asked = AtomClk::now();
     m_facts.status = stage.host->Status();
     m_facts.status_time = asked;
+    m_facts.status_answered = AtomClk::now();
     if (!m_scenario.cameras.empty()) m_facts.looks.push_back({asked, AtomClk::now(), m_facts.status.cameras});
 }
 
@@ -296,7 +297,9 @@ void Run::ShowProgress(Stage& stage, double time) {
 
 void Run::End(Stage& stage) {
     for (const auto& peer : stage.peers) peer->FallSilent();
-    SleepUntil(AtomClk::now() + SETTLING_TIME);
+    // Between two commands, which the host repeats while its flowgraph is silent.
+    const auto grid = m_scenario.streams ? m_scenario.streams->interval : 1ms;
+    SleepUntil(NextGridPoint(AtomClk::now() + SETTLING_TIME, grid));
     if (!stage.host_stopped) {
         try {
             AskStatus(stage);

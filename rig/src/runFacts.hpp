@@ -35,8 +35,9 @@ struct RunFacts {
     std::vector<ModeTimeline::Change> modes;
     std::vector<HostCommand> commands;
     std::vector<CameraLook> looks;
-    HostStatus status;                     // the last one before the end
-    time_point status_time;                // when the rig asked for it
+    HostStatus status;       // the last one before the end
+    time_point status_time;  // when the rig asked for it
+    time_point status_answered;
     bool at_rest = false;                  // no sample was on its way then
     std::optional<time_point> stop_asked;  // of the host, in mid-run
     std::optional<std::chrono::nanoseconds> stop_took;

@@ -14,7 +14,7 @@ namespace {
 
 using Document = oru::configng::PliConfigDocument;
 
-constexpr std::array<std::pair<const char*, Stream>, 11> STREAMS{
+constexpr std::array<std::pair<const char*, Stream>, 14> STREAMS{
     {{"wavefront_command", Stream::WavefrontCommand},
      {"setpoint_applied", Stream::SetpointApplied},
      {"feedback", Stream::Feedback},
@@ -25,7 +25,10 @@ constexpr std::array<std::pair<const char*, Stream>, 11> STREAMS{
      {"WFS_GP1", Stream::WfsGp1},
      {"WFS_GP2", Stream::WfsGp2},
      {"WFS_GP3", Stream::WfsGp3},
-     {"WFS_PDS", Stream::WfsPds}}};
+     {"WFS_PDS", Stream::WfsPds},
+     {"m5_position", Stream::M5Position},
+     {"pfs_measurement", Stream::PfsMeasurement},
+     {"ecmwfsim", Stream::EcmwfSim}}};
 
 constexpr std::array<std::pair<const char*, FaultKind>, FAULT_KINDS> KINDS{
     {{"drop", FaultKind::Drop},
@@ -120,6 +123,8 @@ FaultRule ReadFault(const Section& section) {
     section.ReadDuration("delay", rule.delay);
     if ((rule.kind == FaultKind::Delay) != (rule.delay.count() > 0))
         section.Fail("a 'delay' above 0 goes with 'kind: delay', and with no other");
+    if (IsRecordStream(rule.stream) && rule.kind >= FaultKind::BadStatus)
+        section.Fail(fmt::format("'kind: {}' goes with cameras", ToString(rule.kind)));
     section.ReadSeconds("from", rule.from);
     section.ReadSeconds("to", rule.to);
     return rule;
@@ -133,18 +138,33 @@ void ReadExpectation(const Section& section, Expectation& expect) {
     section.Read("min_setpoints", expect.min_setpoints);
 }
 
-// A command or a feedback sample that leaves later must not hold up the next one; of answers M4 keeps a few.
+// A sample that leaves later must not hold up the next one; of answers M4 keeps a few.
+std::chrono::nanoseconds DelayLimit(const Scenario& scenario, Stream stream) {
+    switch (stream) {
+        case Stream::SetpointApplied:
+            return ANSWERS_KEPT * scenario.CommandPeriod() - scenario.m4.answer_delay;
+        case Stream::Feedback:
+            return scenario.FeedbackPeriod();
+        case Stream::M5Position:
+            return scenario.streams->interval / 2;
+        case Stream::PfsMeasurement:
+        case Stream::EcmwfSim:
+            return scenario.streams->interval;
+        default:
+            return scenario.CommandPeriod();
+    }
+}
+
 void RefuseImpossibleDelays(const Section& root, const Scenario& scenario) {
     for (const FaultRule& rule : scenario.faults) {
-        if (rule.stream >= Stream::ImgGp1) continue;  // a frame that leaves later holds up those behind it
-        const bool is_answer = rule.stream == Stream::SetpointApplied;
-        const auto limit = is_answer ? ANSWERS_KEPT * scenario.CommandPeriod() - scenario.m4.answer_delay
-                           : rule.stream == Stream::Feedback ? scenario.FeedbackPeriod()
-                                                             : scenario.CommandPeriod();
-        if (rule.delay >= limit)
-            root.Fail(fmt::format(
-                "a delay of {} must be shorter than {}", ToString(rule.stream),
-                is_answer ? fmt::format("{} periods of the commands", ANSWERS_KEPT) : "its whole period"));
+        if (IsOfCamera(rule.stream)) continue;  // a frame that leaves later holds up those behind it
+        if (IsRecordStream(rule.stream) && !scenario.streams)
+            root.Fail(fmt::format("faults of {} need 'streams'", ToString(rule.stream)));
+        if (rule.delay >= DelayLimit(scenario, rule.stream))
+            root.Fail(fmt::format("a delay of {} must be shorter than {}", ToString(rule.stream),
+                                  rule.stream == Stream::SetpointApplied
+                                      ? fmt::format("{} periods of the commands", ANSWERS_KEPT)
+                                      : "its whole period"));
     }
 }
 

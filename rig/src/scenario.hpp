@@ -102,18 +102,29 @@ enum class Stream {
     WfsGp1,
     WfsGp2,
     WfsGp3,
-    WfsPds
+    WfsPds,
+    M5Position,
+    PfsMeasurement,
+    EcmwfSim
 };
 
 constexpr Stream StreamOf(defs::Camera camera) {
     return static_cast<Stream>(static_cast<int>(Stream::ImgGp1) + static_cast<int>(camera));
 }
 
+constexpr bool IsOfCamera(Stream stream) {
+    return stream >= Stream::ImgGp1 && stream <= Stream::WfsPds;
+}
+// Of the peers of field stabilisation: a record in one packet.
+constexpr bool IsRecordStream(Stream stream) {
+    return stream >= Stream::M5Position && stream <= Stream::EcmwfSim;
+}
+
 // What befalls a sample on its way to the host.
 enum class FaultKind {
     Drop,           // one of its packets vanishes
     Duplicate,      // one of its packets arrives twice
-    Reorder,        // two of its packets change places
+    Reorder,        // two of its packets change places; a sample of one packet leaves behind the next one
     Delay,          // the whole sample leaves later
     WrongSampleId,  // the whole sample carries another ID
     Corrupt,        // one byte of one packet is changed
@@ -134,6 +145,7 @@ struct FaultRule {
 };
 
 enum class FlowgraphKind { FieldStabilisation, Gpao };
+enum class FieldPeer { M5, Pfs, Ms, EcmwfSim };
 
 // The steps of a scenario, each at its time after the first command.
 struct SetMode {
@@ -150,6 +162,10 @@ struct SetInstrumentSilent {
 };
 struct SetFlowgraphAlive {
     FlowgraphKind kind;
+    bool alive;
+};
+struct SetFieldPeerAlive {
+    FieldPeer peer;
     bool alive;
 };
 struct StopHost {};
@@ -176,9 +192,9 @@ struct SetReference {
     std::array<std::uint32_t, 2> box;
 };
 
-using StepAction =
-    std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, SetFlowgraphAlive, StopHost,
-                 SetCameraSilent, SetCameraRate, SetCameraWindow, SetCentroiding, SetReference>;
+using StepAction = std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, SetFlowgraphAlive,
+                                SetFieldPeerAlive, StopHost, SetCameraSilent, SetCameraRate, SetCameraWindow,
+                                SetCentroiding, SetReference>;
 
 struct Step {
     Seconds at{0.0};
@@ -190,7 +206,8 @@ struct Expectation {
     // A setpoint that reaches M4 later than this after its planned time is an exception. A quarter of a
     // period at 500 Hz; what M4 needs to answer is left of a time-out of 800 us.
     std::chrono::microseconds send_margin{500};
-    // Within this time after M4 came back, setpoints are right and answered again.
+    // Within this time after M4 came back, setpoints are right and answered again; and the loop of field
+    // stabilisation has closed after a peer of its own came back.
     std::chrono::milliseconds recovery{100};
     std::chrono::milliseconds host_stop{3000};  // from the request to the end of the host's process
     std::uint64_t min_setpoints = 1;

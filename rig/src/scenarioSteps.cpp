@@ -7,6 +7,11 @@ namespace {
 
 constexpr std::array<std::pair<const char*, std::uint32_t>, 3> METHODS{{{"tsh", 1}, {"nbr", 2}, {"cog", 3}}};
 
+constexpr std::array<std::pair<const char*, FieldPeer>, 4> FIELD_PEERS{{{"M5", FieldPeer::M5},
+                                                                        {"PFS", FieldPeer::Pfs},
+                                                                        {"MS", FieldPeer::Ms},
+                                                                        {"ECMWFSim", FieldPeer::EcmwfSim}}};
+
 defs::VoskControlMode ParseMode(const Section& section, const std::string& text) {
     for (std::uint32_t value = 1; value <= 6; ++value) {
         const auto mode = static_cast<defs::VoskControlMode>(value);
@@ -44,6 +49,15 @@ Step ReadStep(const Section& section) {
     };
     read_switch("flowgraph", LIFE, make_life(FlowgraphKind::FieldStabilisation));
     read_switch("gpao_flowgraph", LIFE, make_life(FlowgraphKind::Gpao));
+    const auto make_peer = [](FieldPeer peer) {
+        return [peer](bool alive) { return SetFieldPeerAlive{peer, alive}; };
+    };
+    read_switch("m5", LIFE, make_peer(FieldPeer::M5));
+    read_switch("pfs", LIFE, make_peer(FieldPeer::Pfs));
+    read_switch("ms", LIFE, make_peer(FieldPeer::Ms));
+    read_switch("ecmwfsim", SILENCE, [](bool silent) {
+        return SetFieldPeerAlive{FieldPeer::EcmwfSim, !silent};
+    });
     read_switch("instrument", SILENCE, [](bool value) { return SetInstrumentSilent{value}; });
     read_switch("commands", VALIDITY, [](bool value) { return SetCommandsValid{value}; });
     if (section.Has("host")) {
@@ -74,7 +88,8 @@ Step ReadStep(const Section& section) {
     }
     if (actions != 1)
         section.Fail(
-            "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'gpao_flowgraph', 'instrument', "
+            "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'gpao_flowgraph', 'm5', 'pfs', 'ms', "
+            "'ecmwfsim', 'instrument', "
             "'commands', 'host', 'camera', 'centroiding', 'reference'");
     return step;
 }
@@ -95,6 +110,9 @@ std::string ToString(const Step& step) {
             const bool is_gpao = action.kind == FlowgraphKind::Gpao;
             return fmt::format("{}flowgraph {}", is_gpao ? "GPAO " : "",
                                action.alive ? "starts" : "is killed");
+        }
+        std::string operator()(const SetFieldPeerAlive& action) const {
+            return NameOf(FIELD_PEERS, action.peer) + (action.alive ? " returns" : " dies");
         }
         std::string operator()(const StopHost&) const { return "SIGTERM to the host"; }
         std::string operator()(const SetCameraSilent& action) const {

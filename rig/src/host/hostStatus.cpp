@@ -36,7 +36,8 @@ HostStatus ParseHostStatus(const std::string& json) {
             if (thread.at("priority") > 0 && thread.at("priority_given") == 0) status.priority_refused = true;
         for (const auto& stream : report.at("streams"))
             status.streams[stream.at("name")] = {stream.at("samples"), stream.at("invalid"),
-                                                 stream.at("lost"), stream.at("dropped_packets")};
+                                                 stream.at("lost"), stream.at("dropped_packets"),
+                                                 stream.at("stale_packets")};
         for (const auto& camera : report.at("cameras")) status.cameras[camera.at("name")] = CameraOf(camera);
         for (const auto& [name, count] : HOST_COUNTS)
             report.at("counts").at(name).get_to(status.counts.*count);

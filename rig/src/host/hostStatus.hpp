@@ -19,6 +19,7 @@ struct HostStream {
     std::uint64_t invalid = 0;
     std::uint64_t lost = 0;             // whole samples
     std::uint64_t dropped_packets = 0;  // by the kernel
+    std::uint64_t stale_packets = 0;    // of samples that were over
 };
 
 // What the host tells of a camera's frames beyond its stream.

@@ -1,6 +1,5 @@
 #include "judge/fieldAccount.hpp"
 
-#include "disturbance.hpp"
 #include "peers/pfsPeer.hpp"
 #include "skyRotation.hpp"
 
@@ -54,17 +53,10 @@ time_point NextPoint(time_point time, nanoseconds interval, nanoseconds offset) 
     return past.count() == 0 ? time : time + interval - past;
 }
 
-double RmsOf(double sum, std::uint64_t count) {
-    return count == 0 ? 0.0 : std::sqrt(sum / static_cast<double>(count));
-}
-
 class Books {
 public:
     Books(const Scenario& scenario, const FieldFacts& facts)
-        : m_scenario(scenario),
-          m_settings(*scenario.streams),
-          m_facts(facts),
-          m_disturbance(m_settings.disturbance, scenario.seed) {}
+        : m_scenario(scenario), m_settings(*scenario.streams), m_facts(facts) {}
 
     FieldAccounts Make() {
         CheckFlowgraph();
@@ -72,7 +64,7 @@ public:
         CheckM5Commands();
         CheckPfsCorrections();
         CheckMsCorrections();
-        FitLoop();
+        m_accounts.loop = FitLoop(m_scenario, m_facts);
         Judge();
         return std::move(m_accounts);
     }
@@ -81,11 +73,26 @@ private:
     // Whether the pointing of a measurement that may have been the last one at `time` fits.
     template <class Fits>
     bool UnderSomePointing(time_point time, const Fits& fits) const {
-        const auto measurements = Moved(m_facts.measurements, time - LONGEST_AGE, time);
+        const auto measurements = Moved(m_facts.measurements, Oldest(time, m_facts.pfs_trouble), time);
         return std::any_of(measurements.rbegin(), measurements.rend(), [&](const auto& sample) {
             const auto& values = sample.record.pointing.values;
             return fits(Pointing{values[0], values[1]});
         });
+    }
+
+    // Of the samples that may count at `time`: the host keeps the last one while its sender is away.
+    static time_point Oldest(time_point time, const Trouble& trouble) {
+        time_point oldest = time - LONGEST_AGE;
+        for (const Absences::Absence& absence : trouble.away)
+            if (absence.from < time && absence.to > oldest) oldest = absence.from - LONGEST_AGE;
+        return oldest;
+    }
+
+    // Whether the sample that was due then was spoilt, or never made.
+    bool IsSpoilt(const Trouble& trouble, time_point due) const {
+        const auto is_it = [&](time_point time) { return std::chrono::abs(time - due) <= m_settings.margin; };
+        return IsAway(trouble.away, due, m_settings.margin) ||
+               std::any_of(trouble.spoilt.begin(), trouble.spoilt.end(), is_it);
     }
 
     // The flowgraph's numbers and its law, worked out again from what it was given.
@@ -99,7 +106,7 @@ private:
                 m_accounts.lost_inputs += record.in.sample_id - before->in.sample_id - 1;
             }
             before = &record;
-            command = Integrate(command, MeanError(record));
+            command = Integrate(m_settings, command, MeanErrorOf(record));
             if (!Close(Wide(record.out.m5), command)) ++m_accounts.wrong_answers;
             const auto offset = m_settings.InputOffset();
             if (NextPoint(record.in.timestamp, m_settings.interval, offset) != record.in.timestamp)
@@ -107,31 +114,17 @@ private:
         }
     }
 
-    static TipTilt MeanError(const FieldRecord& record) {
-        TipTilt mean;
-        for (const FloatVectorTT& error : record.in.img_centroid_error) {
-            mean.tip += error.tip / 4.0;
-            mean.tilt += error.tilt / 4.0;
-        }
-        return mean;
-    }
-
-    TipTilt Integrate(TipTilt command, TipTilt error) const {
-        return {m_settings.leak * command.tip + m_settings.gain * error.tip,
-                m_settings.leak * command.tilt + m_settings.gain * error.tilt};
-    }
-
     void CheckInputs() {
         const nanoseconds measured = m_settings.InputOffset() - m_settings.MeasurementOffset();
-        CheckInput("ECMWFSim errors in fs_in", m_facts.errors, m_settings.InputOffset(),
-                   [](const FieldRecord& record, const auto& sample) {
+        CheckInput("ECMWFSim errors in fs_in", m_facts.errors, m_facts.errors_trouble,
+                   m_settings.InputOffset(), [](const FieldRecord& record, const auto& sample) {
                        for (std::size_t i = 0; i < 4; ++i) {
                            const auto& block = sample.record.blocks[i];
                            if (record.in.img_centroid_error[i] != Narrow(block.x, block.y)) return false;
                        }
                        return true;
                    });
-        CheckInput("PFS measurement in fs_in", m_facts.measurements, measured,
+        CheckInput("PFS measurement in fs_in", m_facts.measurements, m_facts.pfs_trouble, measured,
                    [](const FieldRecord& record, const auto& sample) {
                        for (std::size_t i = 0; i < 3; ++i) {
                            const auto& probe = sample.record.guide_probes[i];
@@ -142,10 +135,11 @@ private:
                        return record.in.pointing_value ==
                               static_cast<float>(sample.record.pointing.values[4]);
                    });
-        CheckInput("M5 position in fs_in", m_facts.m5_positions, measured,
+        CheckInput("M5 position in fs_in", m_facts.m5_positions, m_facts.m5_trouble, measured,
                    [&](const FieldRecord& record, const auto& sample) {
                        const TipTilt m5{sample.record.tip, sample.record.tilt};
-                       return UnderSomePointing(record.in.timestamp, [&](Pointing pointing) {
+                       // The host turns a position when it comes.
+                       return UnderSomePointing(sample.moved + m_settings.interval, [&](Pointing pointing) {
                            return Close(Wide(record.in.m5), M5ToSky(m5, pointing));
                        });
                    });
@@ -154,8 +148,8 @@ private:
     // Each record must hold the content of one sample, the newest that was sent `due_age` before it. Younger
     // ones may be in it or not.
     template <class Record, class Fits>
-    void CheckInput(const char* name, std::span<const Sample<Record>> samples, nanoseconds due_age,
-                    const Fits& fits) {
+    void CheckInput(const char* name, std::span<const Sample<Record>> samples, const Trouble& trouble,
+                    nanoseconds due_age, const Fits& fits) {
         HopAccount hop;
         hop.name = name;
         const Sample<Record>* before = nullptr;
@@ -164,7 +158,7 @@ private:
             if (time < m_facts.first + LONGEST_AGE || time > m_facts.until) continue;
             ++hop.due;
             // The record is filled a little after its time.
-            const auto candidates = Moved(samples, time - LONGEST_AGE, record.taken);
+            const auto candidates = Moved(samples, Oldest(time, trouble), record.taken);
             const auto found = std::find_if(candidates.rbegin(), candidates.rend(),
                                             [&](const auto& sample) { return fits(record, sample); });
             if (found == candidates.rend()) {
@@ -173,47 +167,53 @@ private:
             }
             const nanoseconds late = time - found->moved - due_age;
             hop.delays.push_back(MicrosecondsOf(late));
-            if (&*found == before)
-                ++hop.missing;
-            else if (late > m_settings.margin)
-                ++hop.late;
-            else
+            const bool is_missing = &*found == before;
+            if (!is_missing && late <= m_settings.margin)
                 ++hop.right;
+            else if (IsSpoilt(trouble, time - due_age))
+                ++hop.excused;
+            else
+                ++(is_missing ? hop.missing : hop.late);
             before = &*found;
         }
         m_accounts.hops.push_back(std::move(hop));
     }
 
     void CheckM5Commands() {
-        CheckCommands("M5 command", m_facts.m5_commands, [&](const auto& sample, const auto& out) {
-            if (sample.record.piston != 0.0) return false;
-            return UnderSomePointing(sample.moved, [&](Pointing pointing) {
-                return Close(TipTilt{sample.record.tip, sample.record.tilt}, SkyToM5(Wide(out.m5), pointing));
-            });
-        });
+        CheckCommands("M5 command", m_facts.m5_commands, m_facts.m5_trouble,
+                      [&](const auto& sample, const auto& out) {
+                          if (sample.record.piston != 0.0) return false;
+                          return UnderSomePointing(sample.moved, [&](Pointing pointing) {
+                              return Close(TipTilt{sample.record.tip, sample.record.tilt},
+                                           SkyToM5(Wide(out.m5), pointing));
+                          });
+                      });
     }
 
     void CheckPfsCorrections() {
-        CheckCommands("PFS correction", m_facts.pfs_corrections, [](const auto& sample, const auto& out) {
-            for (std::size_t i = 0; i < 3; ++i) {
-                const auto& probe = sample.record.guide_probes[i];
-                if (Narrow(probe.tip, probe.tilt) != out.pfs[i]) return false;
-            }
-            return true;
-        });
+        CheckCommands("PFS correction", m_facts.pfs_corrections, m_facts.pfs_trouble,
+                      [](const auto& sample, const auto& out) {
+                          for (std::size_t i = 0; i < 3; ++i) {
+                              const auto& probe = sample.record.guide_probes[i];
+                              if (Narrow(probe.tip, probe.tilt) != out.pfs[i]) return false;
+                          }
+                          return true;
+                      });
     }
 
     void CheckMsCorrections() {
-        CheckCommands("MS correction", m_facts.ms_corrections, [](const auto& sample, const auto& out) {
-            return Narrow(sample.record.tip, sample.record.tilt) == out.ms && sample.record.flag == 1 &&
-                   time_point(sample.record.time) == sample.stamped;
-        });
+        CheckCommands("MS correction", m_facts.ms_corrections, m_facts.ms_trouble,
+                      [](const auto& sample, const auto& out) {
+                          return Narrow(sample.record.tip, sample.record.tilt) == out.ms &&
+                                 sample.record.flag == 1 && time_point(sample.record.time) == sample.stamped;
+                      });
     }
 
     // Each answer must arrive once, under its ID and at its point of the grid; whatever else arrives must
     // repeat the answer before it, as the host does while the flowgraph is silent.
     template <class Record, class Fits>
-    void CheckCommands(const char* name, std::span<const Sample<Record>> commands, const Fits& fits) {
+    void CheckCommands(const char* name, std::span<const Sample<Record>> commands, const Trouble& trouble,
+                       const Fits& fits) {
         HopAccount hop;
         hop.name = name;
         const FieldRecord* latest = nullptr;
@@ -233,8 +233,7 @@ private:
                 continue;
             }
             arrived[index] = true;
-            const time_point due =
-                NextPoint(answer->out.timestamp, m_settings.interval, 0ns) + m_settings.CommandOffset();
+            const time_point due = CommandTime(*answer);
             const nanoseconds late = command.moved - due;
             hop.delays.push_back(MicrosecondsOf(late));
             if (command.stamped != due)
@@ -244,7 +243,7 @@ private:
             else
                 ++hop.right;
         }
-        CountMissing(hop, arrived);
+        CountMissing(hop, arrived, trouble);
         m_accounts.hops.push_back(std::move(hop));
     }
 
@@ -263,96 +262,21 @@ private:
         return repeated;
     }
 
-    void CountMissing(HopAccount& hop, const std::vector<bool>& arrived) const {
+    time_point CommandTime(const FieldRecord& answer) const {
+        return NextPoint(answer.out.timestamp, m_settings.interval, 0ns) + m_settings.CommandOffset();
+    }
+
+    void CountMissing(HopAccount& hop, const std::vector<bool>& arrived, const Trouble& trouble) const {
         for (std::size_t i = 0; i < arrived.size(); ++i) {
             const FieldRecord& record = m_facts.flowgraph[i];
             const time_point due = record.out.timestamp;
             if (record.delivery == Delivery::Open && !arrived[i]) continue;  // perhaps never given
             if (due < m_facts.first + LONGEST_AGE || due > m_facts.until - 5 * m_settings.interval) continue;
             ++hop.due;
-            if (!arrived[i]) ++hop.missing;
+            if (arrived[i]) continue;
+            ++(IsAway(trouble.away, CommandTime(record), m_settings.interval) ? hop.excused : hop.missing);
         }
     }
-
-    // The loop as it must be with the delays of the scenario: each error acts on M5 from its command's point
-    // of the grid on. Each start of the flowgraph resets it to the last command of M5.
-    void FitLoop() {
-        double disturbance = 0.0;
-        double residual = 0.0;
-        double predicted = 0.0;
-        double error = 0.0;
-        std::uint64_t& count = m_accounts.loop.samples;
-        for (auto begin = m_facts.flowgraph.begin(); begin != m_facts.flowgraph.end();) {
-            const auto end = std::find_if(begin, m_facts.flowgraph.end(),
-                                          [&](const auto& record) { return record.life != begin->life; });
-            Model model{*this, Wide(begin->in.m5)};
-            std::optional<std::uint32_t> id;  // of the next record
-            for (auto record = begin; record != end; ++record) {
-                const time_point time = record->in.timestamp - m_settings.InputOffset();
-                if (time > m_facts.until) break;
-                if (time < m_facts.first - 1ms) continue;  // the first error was sent then
-                // What the flowgraph missed, the loop missed.
-                while (id && (*id)++ < record->in.sample_id) model.Miss();
-                const TipTilt light = LightAt(time);
-                const TipTilt should = model.Step(light);
-                id = record->in.sample_id + 1;
-                const TipTilt is = MeanError(*record);
-                const auto square = [](double a, double b) { return a * a + b * b; };
-                disturbance += square(light.tip, light.tilt);
-                residual += square(is.tip, is.tilt);
-                predicted += square(should.tip, should.tilt);
-                error += square(is.tip - should.tip, is.tilt - should.tilt);
-                ++count;
-            }
-            begin = end;
-        }
-        m_accounts.loop.disturbance_rms = RmsOf(disturbance, 2 * count);
-        m_accounts.loop.residual_rms = RmsOf(residual, 2 * count);
-        m_accounts.loop.predicted_rms = RmsOf(predicted, 2 * count);
-        m_accounts.loop.error_rms = RmsOf(error, 2 * count);
-    }
-
-    TipTilt LightAt(time_point time) const {
-        return m_disturbance.At(std::chrono::duration<double>(time - m_facts.first).count());
-    }
-
-    class Model {
-    public:
-        Model(const Books& books, TipTilt m5) : m_books(books), m_m5(m5), m_target(m5) {
-            const double lag = std::chrono::duration<double>(books.m_settings.m5_lag).count();
-            const std::chrono::duration<double> after = -books.m_settings.CommandOffset();
-            const std::chrono::duration<double> interval = books.m_settings.interval;
-            m_left_before = std::exp(-(interval - after).count() / lag);
-            m_left_after = std::exp(-after.count() / lag);
-        }
-
-        // The residual at the beginning of an interval; then the interval passes.
-        TipTilt Step(TipTilt light) {
-            const TipTilt residual{light.tip - m_m5.tip, light.tilt - m_m5.tilt};
-            m_command = m_books.Integrate(m_command, residual);
-            Follow(m_left_before);
-            m_target = m_command;
-            Follow(m_left_after);
-            return residual;
-        }
-        void Miss() {
-            Follow(m_left_before);
-            Follow(m_left_after);
-        }
-
-    private:
-        void Follow(double left) {
-            m_m5 = {m_target.tip + (m_m5.tip - m_target.tip) * left,
-                    m_target.tilt + (m_m5.tilt - m_target.tilt) * left};
-        }
-
-        const Books& m_books;
-        TipTilt m_m5;  // on the sky
-        TipTilt m_target;
-        TipTilt m_command;
-        double m_left_before = 0.0;
-        double m_left_after = 0.0;
-    };
 
     void Judge() {
         auto& violations = m_accounts.violations;
@@ -378,6 +302,15 @@ private:
                 fmt::format("the residual is {:.4f} rms off its prediction", loop.error_rms));
         if (loop.Rejection() < m_settings.min_rejection)
             violations.push_back(fmt::format("the loop rejects by {:.2f} only", loop.Rejection()));
+        JudgeReturns();
+    }
+
+    void JudgeReturns() {
+        for (const LoopReturn& back : m_accounts.loop.returns)
+            if (!back.closed || *back.closed > m_scenario.expect.recovery)
+                m_accounts.violations.push_back(
+                    fmt::format("after {} came back, the loop was not closed within {} ms", back.who,
+                                m_scenario.expect.recovery.count()));
     }
 
     void RefuseShare(std::uint64_t count, std::uint64_t of, const std::string& what) {
@@ -389,7 +322,6 @@ private:
     const Scenario& m_scenario;
     const StreamSettings& m_settings;
     const FieldFacts& m_facts;
-    const Disturbance m_disturbance;
     FieldAccounts m_accounts;
 };
 

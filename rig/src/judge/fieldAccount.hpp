@@ -4,43 +4,15 @@
 // for by its content and its ID, and the loop as a whole against its prediction. Pure functions of what the
 // peers wrote down.
 
+#include "judge/fieldFacts.hpp"
+#include "judge/fieldFit.hpp"
 #include "judge/hopAccount.hpp"
-#include "peers/flowgraphProcess.hpp"
-#include "peers/recordStreams.hpp"
 #include "scenario.hpp"
 
-#include <vosk/defs/wireRecords.hpp>
-
-#include <span>
 #include <string>
 #include <vector>
 
 namespace vosk::rig {
-
-struct FieldFacts {
-    template <class Record>
-    using Samples = std::span<const Sample<Record>>;
-
-    Samples<defs::WfsPayload> errors;
-    Samples<defs::M5PttAct::Payload> m5_positions;
-    Samples<pfs::PFSTargetData> measurements;
-    std::span<const FieldRecord> flowgraph;
-    Samples<defs::M5Command::Payload> m5_commands;
-    Samples<pfs::PFSCorrection> pfs_corrections;
-    Samples<defs::MSCorrection> ms_corrections;
-    time_point first;  // of all grids
-    time_point until;  // what the flowgraph gave after this need not have arrived
-};
-
-struct LoopFit {
-    std::uint64_t samples = 0;
-    double disturbance_rms = 0.0;
-    double residual_rms = 0.0;
-    double predicted_rms = 0.0;
-    double error_rms = 0.0;  // of residual less prediction
-
-    double Rejection() const { return residual_rms > 0.0 ? disturbance_rms / residual_rms : 0.0; }
-};
 
 struct FieldAccounts {
     std::vector<HopAccount> hops;

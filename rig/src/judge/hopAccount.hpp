@@ -19,6 +19,7 @@ struct HopAccount {
     std::uint64_t missing = 0;   // answers that reached nobody; records with nothing new
     std::uint64_t late = 0;      // right, but beyond the margin
     std::uint64_t wrong = 0;     // content that nobody sent, or that belongs to another sample
+    std::uint64_t excused = 0;   // missing or late by the rig's own doing: a fault, a peer that was away
     std::uint64_t repeated = 0;  // commands that repeat the flowgraph's last answer; no fault
     // Microseconds: age in the record less its due age, or arrival after its time.
     std::vector<double> delays{};

@@ -1,5 +1,7 @@
 #include "peers/absences.hpp"
 
+#include <algorithm>
+
 namespace vosk::rig {
 
 void Absences::Begin(time_point now) {
@@ -15,6 +17,12 @@ void Absences::End(time_point now) {
 std::vector<Absences::Absence> Absences::All() const {
     const std::lock_guard lock(m_mutex);
     return m_absences;
+}
+
+bool IsAway(std::span<const Absences::Absence> absences, time_point time, std::chrono::nanoseconds before) {
+    return std::any_of(absences.begin(), absences.end(), [&](const Absences::Absence& absence) {
+        return time >= absence.from - before && time <= absence.to;
+    });
 }
 
 }  // namespace vosk::rig

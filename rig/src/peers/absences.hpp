@@ -4,7 +4,9 @@
 
 #include "clock.hpp"
 
+#include <chrono>
 #include <mutex>
+#include <span>
 #include <vector>
 
 namespace vosk::rig {
@@ -24,5 +26,9 @@ private:
     mutable std::mutex m_mutex;
     std::vector<Absence> m_absences;  // guarded by m_mutex
 };
+
+// Whether what was due then may have been lost with the peer: up to `before` earlier than its absence it was
+// on its way.
+bool IsAway(std::span<const Absences::Absence> absences, time_point time, std::chrono::nanoseconds before);
 
 }  // namespace vosk::rig

@@ -10,11 +10,12 @@ constexpr std::uint32_t TOPIC = 416;
 }  // namespace
 
 EcmwfSim::EcmwfSim(const Scenario& scenario, Ports& ports, const M5Peer& m5)
-    : StreamPeer("ECMWFSim", scenario.host.PeerPriority(), scenario.streams->interval, {}),
+    : StreamPeer("ECMWFSim", FieldPeer::EcmwfSim, scenario.host.PeerPriority(), scenario.streams->interval,
+                 {}),
       m_settings(*scenario.streams),
       m_m5(m5),
       m_port(ports.Take()),
-      m_sender(m_port, TOPIC, scenario.LoopSamples()),
+      m_sender(scenario, Stream::EcmwfSim, m_port, TOPIC, scenario.LoopSamples()),
       m_disturbance(m_settings.disturbance, scenario.seed),
       m_random(scenario.seed),
       m_noise(0.0, m_settings.noise) {}
@@ -34,7 +35,15 @@ void EcmwfSim::OnGridPoint(time_point) {
         block.x = light.tip - m5.tip + m_noise(m_random);
         block.y = light.tilt - m5.tilt + m_noise(m_random);
     }
-    m_sender.Send(record);
+    m_sender.Send(record, now - First());
+}
+
+void EcmwfSim::Die() {
+    m_sender.Close();
+}
+
+void EcmwfSim::Return() {
+    m_sender.Open();
 }
 
 PeerAccount EcmwfSim::Account(const RunFacts& facts) const {

@@ -23,6 +23,9 @@ public:
 
 private:
     void OnGridPoint(time_point point) override;
+    time_point SendDelayed(time_point now) override { return m_sender.SendDelayed(now); }
+    void Die() override;
+    void Return() override;
 
     const StreamSettings& m_settings;
     const M5Peer& m_m5;

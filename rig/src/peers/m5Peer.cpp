@@ -11,12 +11,12 @@ constexpr std::uint32_t OUTPUT_TOPIC = 412;
 }  // namespace
 
 M5Peer::M5Peer(const Scenario& scenario, Ports& ports)
-    : StreamPeer("M5", scenario.host.PeerPriority(), scenario.streams->interval / 2,
+    : StreamPeer("M5", FieldPeer::M5, scenario.host.PeerPriority(), scenario.streams->interval / 2,
                  scenario.streams->MeasurementOffset()),
       m_settings(*scenario.streams),
       m_input_port(ports.Take()),
       m_output_port(ports.Take()),
-      m_sender(m_input_port, INPUT_TOPIC, 2 * scenario.LoopSamples()),
+      m_sender(scenario, Stream::M5Position, m_input_port, INPUT_TOPIC, 2 * scenario.LoopSamples()),
       m_receiver(m_output_port, OUTPUT_TOPIC, scenario.LoopSamples()) {}
 
 void M5Peer::AddTo(HostDocument& document) const {
@@ -38,18 +38,35 @@ void M5Peer::OnGridPoint(time_point) {
     defs::M5PttAct::Payload record;
     record.tip = position.tip;
     record.tilt = position.tilt;
-    m_sender.Send(record);
+    m_sender.Send(record, AtomClk::now() - First());
 }
 
 void M5Peer::Receive(std::chrono::nanoseconds timeout) {
     const auto* command = m_receiver.Receive(timeout);
     if (command == nullptr) return;
     // From its arrival on, whenever this thread woke.
-    const TipTilt position = PositionAt(command->moved);
+    Follow(command->moved, {command->record.tip, command->record.tilt});
+}
+
+void M5Peer::Follow(time_point time, TipTilt target) {
+    const TipTilt position = PositionAt(time);
     const std::scoped_lock lock(m_mutex);
     m_start = position;
-    m_target = {command->record.tip, command->record.tilt};
-    m_commanded = command->moved;
+    m_target = target;
+    m_commanded = time;
+}
+
+void M5Peer::Die() {
+    m_receiver.Close();
+    m_sender.Close();
+    // The mirror stays where it is.
+    const time_point now = AtomClk::now();
+    Follow(now, PositionAt(now));
+}
+
+void M5Peer::Return() {
+    m_receiver.Open();
+    m_sender.Open();
 }
 
 PeerAccount M5Peer::Account(const RunFacts& facts) const {

@@ -25,11 +25,16 @@ public:
     TipTilt PositionAt(time_point time) const;
 
     const AppendLog<Sample<defs::M5Command::Payload>>& Commands() const { return m_receiver.Log(); }
+    const RecordReceiver<defs::M5Command::Payload>& Receiver() const { return m_receiver; }
     const AppendLog<Sample<defs::M5PttAct::Payload>>& Positions() const { return m_sender.Log(); }
 
 private:
     void OnGridPoint(time_point point) override;
     void Receive(std::chrono::nanoseconds timeout) override;
+    time_point SendDelayed(time_point now) override { return m_sender.SendDelayed(now); }
+    void Die() override;
+    void Return() override;
+    void Follow(time_point time, TipTilt target);
 
     const StreamSettings& m_settings;
     const std::uint16_t m_input_port;

@@ -8,7 +8,7 @@ constexpr std::uint32_t TOPIC = 415;
 }  // namespace
 
 MsPeer::MsPeer(const Scenario& scenario, Ports& ports)
-    : StreamPeer("MS", scenario.host.PeerPriority(), scenario.streams->interval, {}),
+    : StreamPeer("MS", FieldPeer::Ms, scenario.host.PeerPriority(), scenario.streams->interval, {}),
       m_settings(*scenario.streams),
       m_port(ports.Take()),
       m_receiver(m_port, TOPIC, scenario.LoopSamples()) {}
@@ -19,6 +19,14 @@ void MsPeer::AddTo(HostDocument& document) const {
 
 void MsPeer::Receive(std::chrono::nanoseconds timeout) {
     static_cast<void>(m_receiver.Receive(timeout));
+}
+
+void MsPeer::Die() {
+    m_receiver.Close();
+}
+
+void MsPeer::Return() {
+    m_receiver.Open();
 }
 
 PeerAccount MsPeer::Account(const RunFacts& facts) const {

@@ -20,9 +20,12 @@ public:
     PeerAccount Account(const RunFacts& facts) const override;
 
     const AppendLog<Sample<defs::MSCorrection>>& Corrections() const { return m_receiver.Log(); }
+    const RecordReceiver<defs::MSCorrection>& Receiver() const { return m_receiver; }
 
 private:
     void Receive(std::chrono::nanoseconds timeout) override;
+    void Die() override;
+    void Return() override;
 
     const StreamSettings& m_settings;
     const std::uint16_t m_port;

@@ -26,12 +26,12 @@ pfs::PFSTargetData Measure(double seconds) {
 }  // namespace
 
 PfsPeer::PfsPeer(const Scenario& scenario, Ports& ports)
-    : StreamPeer("PFS", scenario.host.PeerPriority(), scenario.streams->interval,
+    : StreamPeer("PFS", FieldPeer::Pfs, scenario.host.PeerPriority(), scenario.streams->interval,
                  scenario.streams->MeasurementOffset()),
       m_settings(*scenario.streams),
       m_input_port(ports.Take()),
       m_output_port(ports.Take()),
-      m_sender(m_input_port, INPUT_TOPIC, scenario.LoopSamples()),
+      m_sender(scenario, Stream::PfsMeasurement, m_input_port, INPUT_TOPIC, scenario.LoopSamples()),
       m_receiver(m_output_port, OUTPUT_TOPIC, scenario.LoopSamples()) {}
 
 void PfsPeer::AddTo(HostDocument& document) const {
@@ -45,11 +45,22 @@ Pointing PfsPeer::PointingAt(double seconds) {
 }
 
 void PfsPeer::OnGridPoint(time_point) {
-    m_sender.Send(Measure(std::chrono::duration<double>(AtomClk::now() - First()).count()));
+    const Seconds time = AtomClk::now() - First();
+    m_sender.Send(Measure(time.count()), time);
 }
 
 void PfsPeer::Receive(std::chrono::nanoseconds timeout) {
     static_cast<void>(m_receiver.Receive(timeout));
+}
+
+void PfsPeer::Die() {
+    m_receiver.Close();
+    m_sender.Close();
+}
+
+void PfsPeer::Return() {
+    m_receiver.Open();
+    m_sender.Open();
 }
 
 PeerAccount PfsPeer::Account(const RunFacts& facts) const {

@@ -24,10 +24,14 @@ public:
 
     const AppendLog<Sample<pfs::PFSTargetData>>& Measurements() const { return m_sender.Log(); }
     const AppendLog<Sample<pfs::PFSCorrection>>& Corrections() const { return m_receiver.Log(); }
+    const RecordReceiver<pfs::PFSCorrection>& Receiver() const { return m_receiver; }
 
 private:
     void OnGridPoint(time_point point) override;
     void Receive(std::chrono::nanoseconds timeout) override;
+    time_point SendDelayed(time_point now) override { return m_sender.SendDelayed(now); }
+    void Die() override;
+    void Return() override;
 
     const StreamSettings& m_settings;
     const std::uint16_t m_input_port;
