@@ -65,10 +65,11 @@ protected:
         }
     }
 
-    static std::string Common(const std::string& camera, const std::string& calibration) {
-        return "{busy: false, timeout: 200 ms, listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: 7, "
-               "listen_udp: " +
-               std::to_string(UniquePort()) + ", camera_id: " + camera +
+    // It listens at m_place.
+    std::string Common(const std::string& camera, const std::string& calibration) const {
+        return "{busy: false, timeout: 200 ms, iface_name: lo, qudex_topic: 7, listen_ip: " +
+               vosk::test::LoopbackOf(m_place) +
+               ", listen_udp: " + std::to_string(vosk::test::PortOf(m_place)) + ", camera_id: " + camera +
                ", noise_removal: {dark_path: " + calibration + "dark.fits, flat_path: " + calibration +
                "flat.fits}";
     }
@@ -135,12 +136,14 @@ protected:
     static constexpr unsigned FIRST_ID = 777777770;
 
     vosk::test::TempDir directory;
+    int m_place = 0;
 };
 
 // A camera: frames with the leader information of their kind.
 class CameraPeer {
 public:
-    explicit CameraPeer(std::uint16_t num_frames) : m_sender{Config(num_frames), m_socket, nullptr} {}
+    explicit CameraPeer(std::uint16_t num_frames, int place = 0)
+        : m_socket{place}, m_sender{Config(num_frames), m_socket, nullptr} {}
 
     template <class Info>
     void Send(const Info& info, std::span<const std::uint16_t> pixels, unsigned id, AtomClk::time_point time,
@@ -173,7 +176,7 @@ private:
         return config;
     }
 
-    PartSocket m_socket{0};
+    PartSocket m_socket;
     pktwire::qudex::Sender m_sender;
 };
 

@@ -127,8 +127,9 @@ struct TelemetryAgent {
 };
 
 inline std::string ReceiverKeys(int number = 0) {
-    return "{busy: false, timeout: 20 ms, listen_ip: 127.0.0.1, iface_name: lo, qudex_topic: " +
-           std::to_string(TOPIC) + ", listen_udp: " + std::to_string(UniquePort(number)) + "}";
+    return "{busy: false, timeout: 20 ms, listen_ip: " + vosk::test::LoopbackOf(number) +
+           ", iface_name: lo, qudex_topic: " + std::to_string(TOPIC) +
+           ", listen_udp: " + std::to_string(vosk::test::PortOf(number)) + "}";
 }
 
 // Writes the matrix, actuators by modes, to m2p.fits of the directory. Far thresholds: what is commanded is
@@ -145,7 +146,7 @@ inline std::string AoTasksKeys(const vosk::test::TempDir& directory, const std::
 
 // Sends of each sample the packets from `first` on, `count` of them.
 struct PartSocket final : pktwire::TxSocket {
-    explicit PartSocket(int number) : socket{vosk::test::SendingTo(UniquePort(number)), nullptr} {}
+    explicit PartSocket(int number) : socket{vosk::test::SendingToNumber(number), nullptr} {}
     std::error_code Send(std::span<mmsghdr> messages) noexcept override {
         return socket.Send(messages.subspan(first, count));
     }
