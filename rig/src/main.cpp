@@ -124,6 +124,10 @@ int Main(int argc, char** argv) {
     flowgraph->add_option("--gain", flowgraph_options.gain)->required();
     flowgraph->add_option("--tt-gain", flowgraph_options.tt_gain);
     flowgraph->add_option("--leak", flowgraph_options.leak)->required();
+    flowgraph->add_option("--error-scale", flowgraph_options.error_scale);
+    flowgraph->add_option("--m5-share", flowgraph_options.m5_share);
+    flowgraph->add_option("--ms-share", flowgraph_options.ms_share);
+    flowgraph->add_option("--u4-share", flowgraph_options.u4_share);
     flowgraph->add_option("--priority", flowgraph_options.priority)->required();
     flowgraph->add_option("--log", flowgraph_options.log)->required();
     flowgraph->add_option("--life", flowgraph_options.life)->required();

@@ -2,12 +2,7 @@
 
 #include "files.hpp"
 #include "host/hostProcess.hpp"
-#include "judge/aoLoop.hpp"
-#include "judge/aoStreamsLoop.hpp"
-#include "judge/fieldLoop.hpp"
-#include "judge/gpaoLoop.hpp"
 #include "judge/hostJudge.hpp"
-#include "peers/cameraPeer.hpp"
 #include "report/htmlReport.hpp"
 #include "report/table.hpp"
 
@@ -132,34 +127,6 @@ struct Run::Stage {
     std::size_t next_step = 0;
     time_point next_status;
 };
-
-std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const LoopCalibration& calibration,
-                                             const ModeTimeline& modes, Ports ports,
-                                             const std::filesystem::path& files) {
-    std::vector<std::unique_ptr<Peer>> peers;
-    const CameraPeer* wfs = nullptr;  // that GPAO gets the coefficients of
-    for (auto& camera : MakeCameras(scenario, files, ports)) {
-        if (scenario.gpao && camera->Scene().Settings().camera == scenario.Wfs()->camera) wfs = camera.get();
-        peers.push_back(std::move(camera));
-    }
-    if (scenario.gpao) AddGpaoPeers(scenario, *wfs, files, peers);
-    if (scenario.streams) AddFieldPeers(scenario, ports, peers);
-    if (!scenario.ao_loop) return peers;
-    auto instrument = std::make_unique<Instrument>(scenario, ports);
-    auto m4 = std::make_unique<M4Peer>(scenario, ports);
-    auto ao_loop = std::make_unique<AoLoop>(scenario, calibration, modes, *instrument, *m4);
-    peers.push_back(std::move(instrument));
-    peers.push_back(std::move(m4));
-    peers.push_back(std::move(ao_loop));
-    if (scenario.ao_streams) AddAoStreams(scenario, ports, peers);
-    return peers;
-}
-
-std::string MakeHostDocument(const Scenario& scenario, const std::vector<std::unique_ptr<Peer>>& peers) {
-    HostDocument document(scenario);
-    for (const auto& peer : peers) peer->AddTo(document);
-    return document.Text();
-}
 
 Run::Run(Scenario scenario, RunPaths paths)
     : m_scenario(std::move(scenario)), m_paths(std::move(paths)), m_lock(LockDirectory(m_paths.out)) {}

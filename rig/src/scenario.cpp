@@ -80,6 +80,9 @@ StreamSettings ReadStreams(const Section& section) {
     if (streams.interval.count() < 1) section.Fail("'interval' is below 1 ms");
     section.ReadInRange("gain", streams.gain, 0.0, 2.0);
     section.ReadInRange("leak", streams.leak, 0.0, 1.0);
+    section.ReadInRange("m5_share", streams.m5_share, -1.0, 1.0);
+    section.ReadInRange("ms_share", streams.ms_share, -1.0, 1.0);
+    section.ReadInRange("u4_share", streams.u4_share, -1.0, 1.0);
     section.ReadDuration("m5_lag", streams.m5_lag);
     if (streams.m5_lag.count() < 1) section.Fail("'m5_lag' is below 1 ms");
     section.ReadInRange("disturbance", streams.disturbance, 0.0, 1e3);
@@ -113,6 +116,30 @@ AoStreamSettings ReadAoStreams(const Section& section, const Scenario& scenario)
     if (!std::is_sorted(streams.delays.begin(), streams.delays.end()) || streams.delays.back() >= period)
         section.Fail("'delays' must ascend and stay below the period of the commands");
     return streams;
+}
+
+TelescopeSettings ReadTelescope(const Section& section) {
+    TelescopeSettings telescope;
+    section.ReadDuration("m4_lag", telescope.m4_lag);
+    section.ReadDuration("ms_lag", telescope.ms_lag);
+    if (telescope.m4_lag.count() < 1 || telescope.ms_lag.count() < 1)
+        section.Fail("the lags of mirrors are 1 ms or more");
+    section.ReadDuration("m4_offset", telescope.m4_offset);
+    section.ReadInRange("max_loop_error", telescope.max_loop_error, 0.0, 10.0);
+    section.ReadInRange("min_rejection", telescope.min_rejection, 0.0, 1e3);
+    section.ReadInRange("instrument_gain", telescope.instrument_gain, 0.0, 2.0);
+    section.ReadInRange("instrument_leak", telescope.instrument_leak, 0.0, 1.0);
+    return telescope;
+}
+
+// The cameras tell the errors in pixels, and those that are not there tell zero.
+double ErrorScaleOf(const Section& root, const Scenario& scenario) {
+    double pixels_per_radian = 0.0;
+    for (const CameraSettings& camera : scenario.cameras)
+        if (camera.kind != CameraKind::LisaWfs) pixels_per_radian += camera.pixels_per_radian;
+    if (pixels_per_radian <= 0.0 || !scenario.streams || !scenario.gpao)
+        root.Fail("a telescope needs 'streams', 'gpao' and an imaging camera");
+    return 4.0 / pixels_per_radian;
 }
 
 FaultRule ReadFault(const Section& section) {
@@ -183,11 +210,18 @@ Scenario ReadScenario(const Document& document) {
     root.ReadSection("light", [&](const Section& section) { ReadLight(section, scenario.light); });
     root.ReadList("cameras",
                   [&](const Section& section) { scenario.cameras.push_back(ReadCamera(section)); });
-    scenario.ao_loop = !root.Has("streams") && (scenario.cameras.empty() || root.Has("instrument"));
+    const bool has_other_loops = root.Has("streams") || !scenario.cameras.empty();
+    scenario.ao_loop =
+        root.Has("telescope") || !has_other_loops || (!root.Has("streams") && root.Has("instrument"));
     root.ReadSection("streams", [&](const Section& section) { scenario.streams = ReadStreams(section); });
     root.ReadSection("gpao", [&](const Section& section) { scenario.gpao = ReadGpao(section, scenario); });
     root.ReadSection("ao_streams",
                      [&](const Section& section) { scenario.ao_streams = ReadAoStreams(section, scenario); });
+    root.ReadSection("telescope", [&](const Section& section) {
+        scenario.telescope = ReadTelescope(section);
+        const double error_scale = ErrorScaleOf(section, scenario);
+        scenario.streams->error_scale = error_scale;
+    });
     root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
     root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });
     root.ReadSection("expect", [&](const Section& section) { ReadExpectation(section, scenario.expect); });
@@ -234,6 +268,10 @@ std::chrono::nanoseconds CameraSettings::Period() const {
 
 std::size_t Scenario::ExpectedCommands() const {
     return static_cast<std::size_t>(instrument.rate * duration.count()) + 16;
+}
+
+std::size_t Scenario::ExpectedSetpoints() const {
+    return ExpectedCommands() + (telescope ? LoopSamples() : 0);
 }
 
 std::size_t Scenario::LoopSamples() const {

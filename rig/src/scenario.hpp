@@ -62,6 +62,20 @@ struct LightSettings {
     double shake_rms = 0.4;  // radians
 };
 
+// The mirrors in front of the cameras, and the instrument behind M4. With it the light is bent by what M4, M5
+// and MS did.
+struct TelescopeSettings {
+    std::chrono::milliseconds m4_lag{2};  // time constants with which the mirrors follow
+    std::chrono::milliseconds ms_lag{200};
+    // When M4's setpoints leave under the telescope's control, after the exposures, of which each interval of
+    // field stabilisation has one: behind its output's turn and what AoTasks needs.
+    std::chrono::microseconds m4_offset{15000};
+    double instrument_gain = 0.3;  // of its integrator, in each mode
+    double instrument_leak = 0.995;
+    double max_loop_error = 0.04;  // rms of residual less its prediction, as a share of the light
+    double min_rejection = 1.5;    // rms of the light over that of the residual
+};
+
 enum class CameraKind { LisaWfs, Lisa, Marana, Alice };
 
 // A rectangle of a sensor, in pixels.
@@ -228,6 +242,7 @@ struct Scenario {
     std::optional<AoStreamSettings> ao_streams;  // where somebody listens to them
     LightSettings light;
     std::vector<CameraSettings> cameras;
+    std::optional<TelescopeSettings> telescope;
     std::optional<StreamSettings> streams;  // field stabilisation and its peers, if they are there
     std::optional<GpaoSettings> gpao;       // its flowgraph, if it is there
     std::vector<FaultRule> faults;
@@ -240,6 +255,7 @@ struct Scenario {
     std::chrono::nanoseconds FeedbackPeriod() const;
     // At most, for logs that are sized before the run.
     std::size_t ExpectedCommands() const;
+    std::size_t ExpectedSetpoints() const;
     std::size_t LoopSamples() const;  // of field stabilisation, likewise
     // For how long setpoints are due: valid commands come, the instrument has control, host and M4 are there.
     Seconds TimeWithSetpoints() const;

@@ -42,6 +42,10 @@ TipTilt Turn(TipTilt tt, double angle) {
 
 }  // namespace
 
+Pointing PointingAt(double seconds) {
+    return {-1.2 + 0.03 * seconds, -0.46};
+}
+
 TipTilt SkyToM5(TipTilt sky, Pointing pointing) {
     return Turn(sky, -AngleAtStar(pointing));
 }

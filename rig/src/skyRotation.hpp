@@ -17,6 +17,9 @@ struct Pointing {
     double declination = 0.0;
 };
 
+// Where the telescope looks, as PFS tells it: it follows a star.
+Pointing PointingAt(double seconds);
+
 TipTilt SkyToM5(TipTilt sky, Pointing pointing);
 TipTilt M5ToSky(TipTilt m5, Pointing pointing);
 

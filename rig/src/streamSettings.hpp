@@ -12,9 +12,16 @@ struct StreamSettings {
     std::chrono::milliseconds interval{20};  // of the loop's grid
     double gain = 0.4;                       // of the flowgraph's integrator
     double leak = 0.999;                     // what the integrator keeps from one sample to the next
-    std::chrono::milliseconds m5_lag{20};    // time constant with which M5 follows its command
-    double disturbance = 1.0;                // rms of the light's tip and tilt without correction
-    double noise = 0.01;                     // rms of what each probe adds
+    // What each mirror gets of the integrator's value. MS and U4 do nothing to the light without a telescope,
+    // and are told apart from M5 by their share.
+    double m5_share = 1.0;
+    double ms_share = 0.25;
+    double u4_share = -0.5;
+    std::chrono::milliseconds m5_lag{20};  // time constant with which M5 follows its command
+    double disturbance = 1.0;              // rms of the light's tip and tilt without correction
+    // Tip and tilt for a mean of the four probes' errors of 1, where it is not the same: with cameras.
+    double error_scale = 1.0;
+    double noise = 0.01;  // rms of what each probe adds
     // A sample later than this has its turn missed: an exception.
     std::chrono::microseconds margin{3000};
     double max_loop_error = 0.02;  // rms of residual less its prediction, as a share of the disturbance

@@ -4,6 +4,8 @@
 #include "cameras/plainCleaning.hpp"
 #include "judge/cameraVerdict.hpp"
 
+#include "cameras/light.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -154,7 +156,8 @@ TEST(MethodTimeline, KnowsNoMethodWhileItIsBeingChanged) {
     CameraSettings settings;
     settings.kind = CameraKind::Alice;
     settings.reference = {120, 120};
-    const auto light = std::make_shared<const Light>(LightSettings{}, 1, 2, Seconds{0.1});
+    const std::shared_ptr<const LightSource> light =
+        std::make_shared<Light>(LightSettings{}, 1, 2, Seconds{0.1});
     const CameraScene scene(settings, AliceSensor(), light, 1);
     const std::vector<HostCommand> commands{{At(100ms), At(110ms), SetCentroiding{3, 0.0, 0}},
                                             {At(200ms), At(210ms), SetReference{{100, 90}, {20, 10}}}};

@@ -68,7 +68,7 @@ struct Night {
     }
 
     void AddMeasurement(time_point time, double seconds, TipTilt m5, std::uint32_t k) {
-        const Pointing pointing = PfsPeer::PointingAt(seconds);
+        const Pointing pointing = PointingAt(seconds);
         Sample<pfs::PFSTargetData> measurement{k + 1, time, time, {}};
         for (auto& probe : measurement.record.guide_probes) probe.tip = seconds;
         measurement.record.pointing.values = {pointing.hour_angle, pointing.declination, 0.0, 0.0, seconds};
@@ -97,7 +97,13 @@ struct Night {
         const auto& m5 = positions.back().record;
         const TipTilt on_sky = M5ToSky({m5.tip, m5.tilt}, {pointing[0], pointing[1]});
         record.in.m5 = {static_cast<float>(on_sky.tip), static_cast<float>(on_sky.tilt)};
-        record.out.m5 = record.out.ms = {static_cast<float>(command.tip), static_cast<float>(command.tilt)};
+        const auto part = [&](double share) {
+            return defs::FloatVectorTT{static_cast<float>(share * command.tip),
+                                       static_cast<float>(share * command.tilt)};
+        };
+        record.out.m5 = part(settings.m5_share);
+        record.out.ms = part(settings.ms_share);
+        record.out.u4_tt = part(settings.u4_share);
         record.out.pfs = record.in.gp_tt;
         flowgraph.push_back(record);
 

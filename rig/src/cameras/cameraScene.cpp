@@ -15,7 +15,7 @@ SpotRegion RegionAround(const std::array<std::uint32_t, 2>& reference,
 }
 
 CameraScene::CameraScene(const CameraSettings& settings, std::shared_ptr<const CameraSensor> sensor,
-                         std::shared_ptr<const Light> light, std::uint64_t seed)
+                         std::shared_ptr<const LightSource> light, std::uint64_t seed)
     : m_settings(settings), m_sensor(std::move(sensor)), m_light(std::move(light)) {
     if (IsWfs()) {
         m_grid = MakeWfsGrid(settings.subapertures, seed);

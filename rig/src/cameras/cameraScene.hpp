@@ -5,7 +5,7 @@
 
 #include "cameras/cameraSensor.hpp"
 #include "cameras/frameRenderer.hpp"
-#include "cameras/light.hpp"
+#include "cameras/lightSource.hpp"
 #include "cameras/wfsGrid.hpp"
 
 #include <memory>
@@ -30,7 +30,7 @@ SpotRegion RegionAround(const std::array<std::uint32_t, 2>& reference,
 class CameraScene {
 public:
     CameraScene(const CameraSettings& settings, std::shared_ptr<const CameraSensor> sensor,
-                std::shared_ptr<const Light> light, std::uint64_t seed);
+                std::shared_ptr<const LightSource> light, std::uint64_t seed);
 
     const CameraSettings& Settings() const { return m_settings; }
     const std::shared_ptr<const CameraSensor>& Sensor() const { return m_sensor; }
@@ -53,7 +53,7 @@ public:
 private:
     const CameraSettings m_settings;
     const std::shared_ptr<const CameraSensor> m_sensor;
-    const std::shared_ptr<const Light> m_light;
+    const std::shared_ptr<const LightSource> m_light;
     WfsGrid m_grid;
     std::vector<SpotRegion> m_regions;
     std::vector<double> m_response;  // pixels a radian: x and y of each region, a row of modes each

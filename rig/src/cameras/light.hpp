@@ -6,7 +6,7 @@
 // correlations between radial orders are left out. Made for a whole run ahead, constant afterwards: whoever
 // asks twice gets the same light, and threads share it freely.
 
-#include "scenario.hpp"
+#include "cameras/lightSource.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -19,16 +19,15 @@ namespace vosk::rig {
 // parameter.
 double NollVariance(unsigned radial_order);
 
-class Light {
+class Light final : public LightSource {
 public:
     static constexpr double RATE = 1000.0;  // of the grid that all processes step on, hertz
 
     Light(const LightSettings& settings, std::uint64_t seed, std::uint32_t modes, Seconds duration);
 
-    std::uint32_t Modes() const { return m_modes; }
-    // From tip on, radians rms; between two grid points on the line that joins them, beyond the run as at its
-    // end.
-    void At(Seconds time, std::span<double> coefficients) const;
+    std::uint32_t Modes() const override { return m_modes; }
+    // Between two grid points on the line that joins them, beyond the run as at its end.
+    void At(Seconds time, std::span<double> coefficients) const override;
 
 private:
     std::uint32_t m_modes;

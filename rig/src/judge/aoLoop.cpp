@@ -11,6 +11,19 @@
 
 namespace vosk::rig {
 
+void AddAoTasks(const Scenario& scenario, const LoopCalibration& calibration, HostDocument& document) {
+    const HostSettings& host = scenario.host;
+    document.Add(
+        "ao", "ao_tasks",
+        fmt::format("busy: {}\nm4_send_delay: {} us\nm4_response_timeout: {} us\ngpao_highest_mode: {}\n"
+                    "delta_scaling: {}\nmanaged_modes: {}\nm2p_path: {}\nthreshold_velocity: {:.9g}\n"
+                    "threshold_gap: {:.9g}",
+                    host.busy, host.m4_send_delay.count(), host.m4_response_timeout.count(),
+                    host.gpao_highest_mode, host.delta_scaling, host.managed_modes,
+                    YAML::Dump(YAML::Node(calibration.basis_file.string())), calibration.limits.velocity,
+                    calibration.limits.gap));
+}
+
 AoLoop::AoLoop(const Scenario& scenario, const LoopCalibration& calibration, const ModeTimeline& modes,
                const Instrument& instrument, M4Peer& m4)
     : m_scenario(scenario),
@@ -21,16 +34,7 @@ AoLoop::AoLoop(const Scenario& scenario, const LoopCalibration& calibration, con
               m4.Log(), m4.Ring()) {}
 
 void AoLoop::AddTo(HostDocument& document) const {
-    const HostSettings& host = m_scenario.host;
-    document.Add(
-        "ao", "ao_tasks",
-        fmt::format("busy: {}\nm4_send_delay: {} us\nm4_response_timeout: {} us\ngpao_highest_mode: {}\n"
-                    "delta_scaling: {}\nmanaged_modes: {}\nm2p_path: {}\nthreshold_velocity: {:.9g}\n"
-                    "threshold_gap: {:.9g}",
-                    host.busy, host.m4_send_delay.count(), host.m4_response_timeout.count(),
-                    host.gpao_highest_mode, host.delta_scaling, host.managed_modes,
-                    YAML::Dump(YAML::Node(m_calibration.basis_file.string())), m_calibration.limits.velocity,
-                    m_calibration.limits.gap));
+    AddAoTasks(m_scenario, m_calibration, document);
 }
 
 void AoLoop::Start(time_point) {

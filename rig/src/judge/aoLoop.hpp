@@ -13,6 +13,9 @@
 
 namespace vosk::rig {
 
+// What the host learns of its AO tasks.
+void AddAoTasks(const Scenario& scenario, const LoopCalibration& calibration, HostDocument& document);
+
 class AoLoop final : public Peer {
 public:
     // Stops after both peers, so that all that M4 received is checked.

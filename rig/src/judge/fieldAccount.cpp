@@ -20,6 +20,7 @@ using std::chrono::nanoseconds;
 constexpr nanoseconds LONGEST_AGE = 1s;
 // Between a double and the float that it became, as a share of the larger of value and one.
 constexpr double ROUNDING = 1e-6;
+constexpr decltype(FieldRecord{}.in.img_centroid_error) NO_ERRORS{};
 
 bool Close(double left, double right) {
     return std::abs(left - right) <= ROUNDING * std::max(1.0, std::abs(right));
@@ -64,7 +65,7 @@ public:
         CheckM5Commands();
         CheckPfsCorrections();
         CheckMsCorrections();
-        m_accounts.loop = FitLoop(m_scenario, m_facts);
+        if (!m_scenario.telescope) m_accounts.loop = FitLoop(m_scenario, m_facts);
         Judge();
         return std::move(m_accounts);
     }
@@ -100,22 +101,29 @@ private:
         TipTilt command;
         const FieldRecord* before = nullptr;
         for (const FieldRecord& record : m_facts.flowgraph) {
-            if (before == nullptr || before->life != record.life) {
+            const bool is_first = before == nullptr || before->life != record.life;
+            const auto errors = is_first ? NO_ERRORS : before->in.img_centroid_error;
+            if (is_first) {
                 command = {};
             } else {
                 m_accounts.lost_inputs += record.in.sample_id - before->in.sample_id - 1;
             }
             before = &record;
-            command = Integrate(m_settings, command, MeanErrorOf(record));
-            if (!Close(Wide(record.out.m5), command)) ++m_accounts.wrong_answers;
+            if (record.in.img_centroid_error != errors)
+                command = Integrate(m_settings, command, MeanErrorOf(m_settings, record));
+            if (!Close(Wide(record.out.m5), Part(m_settings.m5_share, command)) ||
+                !Close(Wide(record.out.ms), Part(m_settings.ms_share, command)) ||
+                !Close(Wide(record.out.u4_tt), Part(m_settings.u4_share, command)))
+                ++m_accounts.wrong_answers;
             const auto offset = m_settings.InputOffset();
             if (NextPoint(record.in.timestamp, m_settings.interval, offset) != record.in.timestamp)
                 ++m_accounts.off_grid;
         }
     }
 
-    void CheckInputs() {
-        const nanoseconds measured = m_settings.InputOffset() - m_settings.MeasurementOffset();
+    static TipTilt Part(double share, TipTilt command) { return {share * command.tip, share * command.tilt}; }
+
+    void CheckErrors() {
         CheckInput("ECMWFSim errors in fs_in", m_facts.errors, m_facts.errors_trouble,
                    m_settings.InputOffset(), [](const FieldRecord& record, const auto& sample) {
                        for (std::size_t i = 0; i < 4; ++i) {
@@ -124,6 +132,11 @@ private:
                        }
                        return true;
                    });
+    }
+
+    void CheckInputs() {
+        const nanoseconds measured = m_settings.InputOffset() - m_settings.MeasurementOffset();
+        if (!m_scenario.telescope) CheckErrors();
         CheckInput("PFS measurement in fs_in", m_facts.measurements, m_facts.pfs_trouble, measured,
                    [](const FieldRecord& record, const auto& sample) {
                        for (std::size_t i = 0; i < 3; ++i) {
@@ -296,6 +309,7 @@ private:
             if (hop.right == 0) violations.push_back(hop.name + ": none was right and in time");
         }
         RefuseShare(m_accounts.lost_inputs, inputs, "records of fs_in lost");
+        if (m_scenario.telescope) return;
         const LoopFit& loop = m_accounts.loop;
         if (loop.error_rms > m_settings.max_loop_error * m_settings.disturbance)
             violations.push_back(

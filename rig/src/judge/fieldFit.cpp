@@ -36,13 +36,13 @@ public:
 
     // The residual at the beginning of an interval; then the interval passes.
     TipTilt Step(TipTilt light) {
-        m_residual = {light.tip - m_m5.tip, light.tilt - m_m5.tilt};
+        const TipTilt residual{light.tip - m_m5.tip, light.tilt - m_m5.tilt};
+        m_command = Integrate(m_settings, m_command, residual);
         Repeat();
-        return m_residual;
+        return residual;
     }
-    // The flowgraph got the error before once more.
+    // The flowgraph got the error before once more, and gave its command once more.
     void Repeat() {
-        m_command = Integrate(m_settings, m_command, m_residual);
         Follow(m_left_before);
         m_target = m_command;
         Follow(m_left_after);
@@ -62,7 +62,6 @@ private:
     TipTilt m_m5;  // on the sky
     TipTilt m_target;
     TipTilt m_command;
-    TipTilt m_residual;
     double m_left_before = 0.0;
     double m_left_after = 0.0;
 };
@@ -114,13 +113,13 @@ private:
             const bool is_repeated =
                 before != nullptr && before->in.img_centroid_error == record.in.img_centroid_error;
             before = &record;
-            if (is_repeated && !IsAway(m_facts.errors_trouble.away, time, m_settings.interval)) {
+            if (is_repeated) {
                 model.Repeat();
                 continue;
             }
             const TipTilt light =
                 m_disturbance.At(std::chrono::duration<double>(time - m_facts.first).count());
-            m_points.push_back({time, light, MeanErrorOf(record), model.Step(light)});
+            m_points.push_back({time, light, MeanErrorOf(m_settings, record), model.Step(light)});
         }
     }
 
@@ -184,11 +183,12 @@ private:
 
 }  // namespace
 
-TipTilt MeanErrorOf(const FieldRecord& record) {
+TipTilt MeanErrorOf(const StreamSettings& settings, const FieldRecord& record) {
+    const double share = settings.error_scale / 4.0;
     TipTilt mean;
     for (const defs::FloatVectorTT& error : record.in.img_centroid_error) {
-        mean.tip += error.tip / 4.0;
-        mean.tilt += error.tilt / 4.0;
+        mean.tip += share * error.tip;
+        mean.tilt += share * error.tilt;
     }
     return mean;
 }

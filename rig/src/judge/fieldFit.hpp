@@ -13,7 +13,7 @@
 namespace vosk::rig {
 
 // The flowgraph's law: the mean error of a record, and what it makes of its last command.
-TipTilt MeanErrorOf(const FieldRecord& record);
+TipTilt MeanErrorOf(const StreamSettings& settings, const FieldRecord& record);
 TipTilt Integrate(const StreamSettings& settings, TipTilt command, TipTilt error);
 
 // A peer of the loop, or its flowgraph, that came back.

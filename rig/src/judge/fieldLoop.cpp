@@ -129,38 +129,46 @@ private:
 
 }  // namespace
 
-void AddFieldPeers(const Scenario& scenario, Ports& ports, std::vector<std::unique_ptr<Peer>>& peers) {
-    auto m5 = std::make_unique<M5Peer>(scenario, ports);
+const Flowgraph* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
+                               std::vector<std::unique_ptr<Peer>>& peers) {
+    const auto alone = [&] {
+        return std::make_shared<Mirror>(2, scenario.streams->m5_lag, scenario.LoopSamples());
+    };
+    auto m5 = std::make_unique<M5Peer>(scenario, ports, optics == nullptr ? alone() : optics->M5());
     auto pfs = std::make_unique<PfsPeer>(scenario, ports);
-    auto ms = std::make_unique<MsPeer>(scenario, ports);
-    auto errors = std::make_unique<EcmwfSim>(scenario, ports, *m5);
+    auto ms = std::make_unique<MsPeer>(scenario, ports, optics == nullptr ? alone() : optics->Ms());
+    auto errors = optics == nullptr ? std::make_unique<EcmwfSim>(scenario, ports, *m5) : nullptr;
     auto flowgraph = std::make_unique<Flowgraph>(scenario, FieldFlowgraphPart(scenario));
-    auto loop = std::make_unique<FieldLoop>(scenario, FieldLoop::Peers{*errors, *m5, *pfs, *ms, *flowgraph});
+    auto loop =
+        std::make_unique<FieldLoop>(scenario, FieldLoop::Peers{errors.get(), *m5, *pfs, *ms, *flowgraph});
     peers.push_back(std::move(m5));
     peers.push_back(std::move(pfs));
     peers.push_back(std::move(ms));
-    peers.push_back(std::move(errors));
+    if (errors) peers.push_back(std::move(errors));
+    const Flowgraph* const made = flowgraph.get();
     peers.push_back(std::move(flowgraph));
     peers.push_back(std::move(loop));
+    return made;
 }
 
 std::string FieldLoop::Progress() const {
-    return fmt::format("{} errors, {} M5 commands", m_peers.errors.Errors().Entries().size(),
-                       m_peers.m5.Commands().Entries().size());
+    return fmt::format("{} M5 commands", m_peers.m5.Commands().Entries().size());
 }
 
 PeerAccount FieldLoop::Account(const RunFacts& run) const {
     PeerAccount account;
     FieldFacts facts;
-    facts.errors_trouble.away = m_peers.errors.GetAbsences().All();
+    if (m_peers.errors != nullptr) facts.errors_trouble.away = m_peers.errors->GetAbsences().All();
     facts.m5_trouble.away = m_peers.m5.GetAbsences().All();
     facts.pfs_trouble.away = m_peers.pfs.GetAbsences().All();
     facts.ms_trouble.away = m_peers.ms.GetAbsences().All();
     facts.flowgraph_away = m_peers.flowgraph.GetAbsences().All();
 
     PacketBooks packets(m_scenario, run, account);
-    const auto errors = packets.CheckSent(Stream::EcmwfSim, "ECMWF_SIM_INPUT", m_peers.errors.Errors(),
-                                          facts.errors_trouble.spoilt);
+    std::vector<Sample<defs::WfsPayload>> errors;
+    if (m_peers.errors != nullptr)
+        errors = packets.CheckSent(Stream::EcmwfSim, "ECMWF_SIM_INPUT", m_peers.errors->Errors(),
+                                   facts.errors_trouble.spoilt);
     const auto positions =
         packets.CheckSent(Stream::M5Position, "M5_INPUT", m_peers.m5.Positions(), facts.m5_trouble.spoilt);
     const auto measurements = packets.CheckSent(Stream::PfsMeasurement, "PFS_INPUT",
@@ -183,7 +191,7 @@ PeerAccount FieldLoop::Account(const RunFacts& run) const {
 
     for (const std::string& violation : accounts.violations) account.violations.push_back(violation);
     account.sections.push_back(HopsOf(accounts));
-    account.sections.push_back(FitOf(accounts.loop));
+    if (m_peers.errors != nullptr) account.sections.push_back(FitOf(accounts.loop));
     packets.Finish();
     for (const HopAccount& hop : accounts.hops)
         account.times.emplace_back(hop.name + " behind its time", SpreadOf(hop.delays));
@@ -193,6 +201,7 @@ PeerAccount FieldLoop::Account(const RunFacts& run) const {
                                                  back.closed ? fmt::format("loop closed after {:.0f} ms",
                                                                            MicrosecondsOf(*back.closed) / 1e3)
                                                              : "the loop did not close"));
+    if (m_peers.errors == nullptr) return account;
     account.achievement = fmt::format("field stabilisation rejects by {:.2f} in {} samples",
                                       accounts.loop.Rejection(), accounts.loop.samples);
     return account;

@@ -8,19 +8,22 @@
 #include "peers/m5Peer.hpp"
 #include "peers/msPeer.hpp"
 #include "peers/pfsPeer.hpp"
+#include "telescope/optics.hpp"
 
 #include <memory>
 #include <vector>
 
 namespace vosk::rig {
 
-// The peers and the loop, in the order in which they start.
-void AddFieldPeers(const Scenario& scenario, Ports& ports, std::vector<std::unique_ptr<Peer>>& peers);
+// The peers and the loop, in the order in which they start. Without `optics` the mirrors stand alone, and
+// ECMWFSim tells the errors; with it the cameras do.
+const Flowgraph* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
+                               std::vector<std::unique_ptr<Peer>>& peers);
 
 class FieldLoop final : public Peer {
 public:
     struct Peers {
-        const EcmwfSim& errors;
+        const EcmwfSim* errors;  // null: cameras see the errors
         const M5Peer& m5;
         const PfsPeer& pfs;
         const MsPeer& ms;

@@ -50,13 +50,15 @@ ReportSection BooksOf(const GpaoAccounts& accounts) {
 
 }  // namespace
 
-void AddGpaoPeers(const Scenario& scenario, const CameraPeer& camera, const std::filesystem::path& files,
-                  std::vector<std::unique_ptr<Peer>>& peers) {
+const Flowgraph* AddGpaoPeers(const Scenario& scenario, const CameraPeer& camera,
+                              const std::filesystem::path& files, std::vector<std::unique_ptr<Peer>>& peers) {
     auto flowgraph =
         std::make_unique<Flowgraph>(scenario, GpaoFlowgraphPart(scenario, WriteGpaoFiles(files)));
     auto loop = std::make_unique<GpaoLoop>(scenario, camera, *flowgraph);
+    const Flowgraph* const made = flowgraph.get();
     peers.push_back(std::move(flowgraph));
     peers.push_back(std::move(loop));
+    return made;
 }
 
 PeerAccount GpaoLoop::Account(const RunFacts& run) const {

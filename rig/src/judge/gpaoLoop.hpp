@@ -16,8 +16,8 @@ namespace vosk::rig {
 
 // The flowgraph and the judge, in the order in which they start; and the host's matrices, below `files`.
 // `camera`: the sensor that the host takes the coefficients of, which outlives them.
-void AddGpaoPeers(const Scenario& scenario, const CameraPeer& camera, const std::filesystem::path& files,
-                  std::vector<std::unique_ptr<Peer>>& peers);
+const Flowgraph* AddGpaoPeers(const Scenario& scenario, const CameraPeer& camera,
+                              const std::filesystem::path& files, std::vector<std::unique_ptr<Peer>>& peers);
 
 class GpaoLoop final : public Peer {
 public:

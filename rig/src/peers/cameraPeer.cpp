@@ -201,14 +201,16 @@ void CameraPeer::Run() {
         m_first + std::chrono::duration_cast<std::chrono::nanoseconds>(m_scenario.duration);
     std::uint64_t number = 0;
     for (time_point exposed = m_first; exposed < end && m_running; exposed += Period(), ++number) {
-        const Frame& frame = NextFrame(number, exposed);
+        // What the mirrors do to the light is known when it is there.
+        const Frame* frame = m_scenario.telescope ? nullptr : &NextFrame(number, exposed);
         SleepUntil(exposed);
         if (m_silent || (number > 0 && exposed - m_first < QUIET_AFTER_FIRST)) continue;
         if (AtomClk::now() - exposed > Period() / 2) {
             ++m_overruns;
             continue;
         }
-        SendFrame(frame, number, exposed);
+        if (frame == nullptr) frame = &NextFrame(number, exposed);
+        SendFrame(*frame, number, exposed);
     }
 }
 
@@ -277,11 +279,10 @@ PeerAccount CameraPeer::Account(const RunFacts& facts) const {
 }
 
 std::vector<std::unique_ptr<CameraPeer>> MakeCameras(const Scenario& scenario,
+                                                     const std::shared_ptr<const LightSource>& light,
                                                      const std::filesystem::path& directory, Ports& ports) {
     std::vector<std::unique_ptr<CameraPeer>> peers;
     if (scenario.cameras.empty()) return peers;
-    const auto light =
-        std::make_shared<const Light>(scenario.light, scenario.seed, defs::GPAO_CMD_SIZE, scenario.duration);
     constexpr std::array<const char*, 4> MODELS{"lisa", "lisa", "marana", "alice"};
     std::map<std::string, std::shared_ptr<const CameraSensor>> sensors;
     for (const CameraSettings& settings : scenario.cameras) {

@@ -104,8 +104,10 @@ private:
     std::thread m_thread;
 };
 
-// Makes the cameras of the scenario, and writes the files that the host reads of them below `directory`.
+// Makes the cameras of the scenario, which look at `light`, and writes the files that the host reads of them
+// below `directory`.
 std::vector<std::unique_ptr<CameraPeer>> MakeCameras(const Scenario& scenario,
+                                                     const std::shared_ptr<const LightSource>& light,
                                                      const std::filesystem::path& directory, Ports& ports);
 
 }  // namespace vosk::rig

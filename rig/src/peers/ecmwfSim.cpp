@@ -1,6 +1,6 @@
 #include "peers/ecmwfSim.hpp"
 
-#include "peers/pfsPeer.hpp"
+#include "skyRotation.hpp"
 
 namespace vosk::rig {
 namespace {
@@ -28,7 +28,7 @@ void EcmwfSim::OnGridPoint(time_point) {
     const time_point now = AtomClk::now();
     const double seconds = std::chrono::duration<double>(now - First()).count();
     const TipTilt light = m_disturbance.At(seconds);
-    const TipTilt m5 = M5ToSky(m_m5.PositionAt(now), PfsPeer::PointingAt(seconds));
+    const TipTilt m5 = M5ToSky(m_m5.PositionAt(now), PointingAt(seconds));
     defs::WfsPayload record;
     for (auto& block : record.blocks) {
         block.timestamp = now;

@@ -37,7 +37,12 @@ FlowgraphPart FieldFlowgraphPart(const Scenario& scenario) {
     part.kind = FlowgraphKind::FieldStabilisation;
     part.record_size = sizeof(FieldRecord);
     part.period = settings.interval;
-    part.law = {"--gain", fmt::to_string(settings.gain), "--leak", fmt::to_string(settings.leak)};
+    part.law = {"--gain",        fmt::to_string(settings.gain),
+                "--leak",        fmt::to_string(settings.leak),
+                "--error-scale", fmt::to_string(settings.error_scale),
+                "--m5-share",    fmt::to_string(settings.m5_share),
+                "--ms-share",    fmt::to_string(settings.ms_share),
+                "--u4-share",    fmt::to_string(settings.u4_share)};
     part.group = "fieldstabilization";
     part.input = fmt::format(
         "{{busy: {}, shm_topic: fs_in, timeout: {} us, update_interval: {} ms, "

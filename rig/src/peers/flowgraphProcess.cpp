@@ -16,9 +16,6 @@ using namespace std::chrono_literals;
 constexpr auto LOOK_ROUND = 50ms;
 // Of the room in the mailbox of the output.
 constexpr auto PATIENCE = 5ms;
-// What MS is asked to take over, and U4: told apart from M5's command by their size.
-constexpr float MS_SHARE = 0.25F;
-constexpr float U4_SHARE = -0.5F;
 
 std::atomic<bool> g_stopped{false};
 
@@ -28,30 +25,38 @@ public:
     static constexpr const char* INPUT = "fs_in";
     static constexpr const char* OUTPUT = "fs_out";
 
-    explicit FieldController(const FlowgraphOptions& options) : m_gain(options.gain), m_leak(options.leak) {}
+    explicit FieldController(const FlowgraphOptions& options) : m_options(options) {}
 
     void Answer(const common::shmif::FieldStablizationTopicIn& in,
                 common::shmif::FieldStablizationTopicOut& out) {
         const auto mean = [&](auto axis) {
             double sum = 0.0;
             for (const auto& error : in.img_centroid_error) sum += static_cast<double>(error.*axis);
-            return sum / static_cast<double>(in.img_centroid_error.size());
+            return m_options.error_scale * sum / static_cast<double>(in.img_centroid_error.size());
         };
         const double tip = mean(&defs::FloatVectorTT::tip);
         const double tilt = mean(&defs::FloatVectorTT::tilt);
-        m_tip = m_leak * m_tip + m_gain * tip;
-        m_tilt = m_leak * m_tilt + m_gain * tilt;
+        // Noise makes each measurement its own: the same one again is none, and a camera fell silent.
+        if (in.img_centroid_error != m_errors) {
+            m_tip = m_options.leak * m_tip + m_options.gain * tip;
+            m_tilt = m_options.leak * m_tilt + m_options.gain * tilt;
+        }
+        m_errors = in.img_centroid_error;
 
-        out.m5 = {static_cast<float>(m_tip), static_cast<float>(m_tilt)};
-        out.ms = {MS_SHARE * out.m5.tip, MS_SHARE * out.m5.tilt};
-        out.u4_tt = {U4_SHARE * out.m5.tip, U4_SHARE * out.m5.tilt};
+        out.m5 = Share(m_options.m5_share);
+        out.ms = Share(m_options.ms_share);
+        out.u4_tt = Share(m_options.u4_share);
         out.pfs = in.gp_tt;
         out.tt_error = {static_cast<float>(tip), static_cast<float>(tilt)};
     }
 
 private:
-    const double m_gain;
-    const double m_leak;
+    defs::FloatVectorTT Share(double share) const {
+        return {static_cast<float>(share * m_tip), static_cast<float>(share * m_tilt)};
+    }
+
+    const FlowgraphOptions& m_options;
+    decltype(common::shmif::FieldStablizationTopicIn::img_centroid_error) m_errors{};
     double m_tip = 0.0;
     double m_tilt = 0.0;
 };

@@ -23,6 +23,10 @@ struct FlowgraphOptions {
     double gain = 0.4;
     double tt_gain = 0.4;  // of GPAO's tip and tilt
     double leak = 0.999;
+    double error_scale = 1.0;  // of the mean of the four errors
+    double m5_share = 1.0;     // that each mirror gets of the integrator's value
+    double ms_share = 0.25;
+    double u4_share = -0.5;
     int priority = 0;
     int log = -1;            // descriptor to which a FlowgraphRecord is written for each record taken
     std::uint32_t life = 0;  // counts the processes of a run

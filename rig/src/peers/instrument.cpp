@@ -23,7 +23,7 @@ pktwire::lspx::Sender::Config SenderConfig() {
 
 }  // namespace
 
-Instrument::Instrument(const Scenario& scenario, Ports& ports)
+Instrument::Instrument(const Scenario& scenario, Ports& ports, InstrumentLoop* loop)
     : m_scenario(scenario),
       m_port(ports.Take()),
       m_log(scenario.ExpectedCommands()),
@@ -31,6 +31,7 @@ Instrument::Instrument(const Scenario& scenario, Ports& ports)
       m_patience(std::min<std::chrono::nanoseconds>(m_period / 2, scenario.host.m4_send_delay / 4)),
       m_last_number(static_cast<std::uint64_t>(scenario.instrument.rate * scenario.duration.count())),
       m_wavefront(scenario.instrument, scenario.seed),
+      m_loop(loop),
       m_faults(scenario, rig::Stream::WavefrontCommand),
       m_socket(LoopbackTo(m_port), nullptr),
       m_faulty_socket(m_socket),
@@ -54,6 +55,8 @@ void Instrument::Start(time_point first) {
 void Instrument::TakeStep(const StepAction& action) {
     if (const auto* validity = std::get_if<SetCommandsValid>(&action)) m_valid = validity->valid;
     if (const auto* silence = std::get_if<SetInstrumentSilent>(&action)) m_silent = silence->silent;
+    const auto* change = std::get_if<SetMode>(&action);
+    if (change != nullptr && m_loop != nullptr) m_loop->SetMode(change->mode);
 }
 
 std::string Instrument::Progress() const {
@@ -68,13 +71,14 @@ void Instrument::FallSilent() {
 void Instrument::Run() {
     for (std::uint64_t number = 0; number < m_last_number && m_running; ++number) {
         const time_point time_stamp = m_first + m_period * static_cast<std::int64_t>(number);
-        m_wavefront.Make(number, m_payload.command);
+        if (m_loop == nullptr) m_wavefront.Make(number, m_payload.command);
         SleepUntil(time_stamp);
         if (m_silent.load(std::memory_order_relaxed)) continue;
         if (AtomClk::now() - time_stamp > m_patience) {
             m_overruns.fetch_add(1, std::memory_order_relaxed);
             continue;
         }
+        if (m_loop != nullptr) m_loop->Step(time_stamp, m_payload.command);
         SendCommand(number, time_stamp);
     }
 }

@@ -9,6 +9,7 @@
 #include "peers/loopRecords.hpp"
 #include "peers/peer.hpp"
 #include "peers/wavefront.hpp"
+#include "telescope/instrumentLoop.hpp"
 
 #include <pktwire/lspx.hpp>
 #include <vosk/defs/wireRecords.hpp>
@@ -21,7 +22,8 @@ namespace vosk::rig {
 class Instrument final : public Peer {
 public:
     // Throws std::runtime_error if the socket can't be made.
-    Instrument(const Scenario& scenario, Ports& ports);
+    // Without a `loop` the commands come from fixed shapes.
+    Instrument(const Scenario& scenario, Ports& ports, InstrumentLoop* loop);
     ~Instrument() override;
 
     void AddTo(HostDocument& document) const override;
@@ -51,6 +53,7 @@ private:
     const std::chrono::nanoseconds m_patience;  // how late a command may leave
     const std::uint64_t m_last_number;
     WavefrontGenerator m_wavefront;
+    InstrumentLoop* const m_loop;
     FaultGenerator m_faults;
     pktwire::UdpTxSocket m_socket;
     FaultySocket m_faulty_socket;

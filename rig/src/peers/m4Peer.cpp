@@ -6,6 +6,8 @@
 #include <nodepin/nodepin.hpp>
 
 #include <algorithm>
+#include <array>
+#include <utility>
 
 namespace vosk::rig {
 namespace {
@@ -47,13 +49,14 @@ M4Peer::Outlet::Outlet(const Scenario& scenario, Stream stream, std::uint16_t to
       sender(CheckedSamples(topic, 3), faulty_socket, nullptr),
       faults(scenario, stream) {}
 
-M4Peer::M4Peer(const Scenario& scenario, Ports& ports)
+M4Peer::M4Peer(const Scenario& scenario, Ports& ports, std::shared_ptr<Mirror> mirror)
     : m_scenario(scenario),
       m_feedback_period(scenario.FeedbackPeriod()),
       m_port(ports.Take()),
-      m_log(scenario.ExpectedCommands()),
+      m_mirror(std::move(mirror)),
+      m_log(scenario.ExpectedSetpoints()),
       m_feedback_log(ExpectedFeedback(scenario)),
-      m_ring(std::min<std::size_t>(scenario.ExpectedCommands(), LARGEST_RING)),
+      m_ring(std::min<std::size_t>(scenario.ExpectedSetpoints(), LARGEST_RING)),
       m_answers(scenario, Stream::SetpointApplied, ports.Take(), ANSWER_TOPIC),
       m_feedback(scenario, Stream::Feedback, ports.Take(), FEEDBACK_TOPIC) {}
 
@@ -62,11 +65,15 @@ M4Peer::~M4Peer() {
 }
 
 void M4Peer::AddTo(HostDocument& document) const {
-    document.Add(
-        "m4", "output",
-        fmt::format("{{busy: {}, send_interval: \"2 ms\", send_offset: \"0 us\", ip_dest: 127.0.0.1, "
-                    "udp_dest: {}, qudex_topic: {}}}",
-                    m_scenario.host.busy, m_port, SETPOINT_TOPIC));
+    using std::chrono::microseconds;
+    microseconds interval{2000};
+    microseconds offset{0};
+    if (m_scenario.telescope) {
+        interval = m_scenario.streams->interval;
+        // The host counts from the grid point behind the moment.
+        offset = m_scenario.telescope->m4_offset - interval;
+    }
+    document.AddOutput("m4", "output", m_port, SETPOINT_TOPIC, interval, offset);
     document.AddInput("m4", "input", m_answers.port, ANSWER_TOPIC);
     document.AddInput("m4", "feedback", m_feedback.port, FEEDBACK_TOPIC);
 }
@@ -190,6 +197,11 @@ void M4Peer::TakeSetpoint(const pktwire::qudex::Packet& packet) {
     record->digest = DigestOf(std::span(m_values).first<defs::INS_CMD_SIZE>());
     record->slot = m_ring.Take();
     if (record->slot != SetpointRecord::NO_SLOT) m_ring[record->slot] = m_values;
+    if (m_mirror) {
+        std::array<double, defs::GPAO_CMD_SIZE> leading{};
+        std::copy_n(m_values.begin(), leading.size(), leading.begin());
+        m_mirror->Follow(record->arrived, leading);
+    }
     m_feedback_record.values = m_setpoint.setpoint;
     m_received.fetch_add(1, std::memory_order_relaxed);
     ScheduleAnswer(index, record->arrived);

@@ -11,6 +11,7 @@
 #include "peers/faultySocket.hpp"
 #include "peers/peer.hpp"
 #include "peers/setpointRing.hpp"
+#include "telescope/mirror.hpp"
 
 #include <pktwire/qudex.hpp>
 #include <vosk/defs/wireRecords.hpp>
@@ -25,7 +26,8 @@ namespace vosk::rig {
 class M4Peer final : public Peer {
 public:
     // Throws std::runtime_error if a socket can't be made.
-    M4Peer(const Scenario& scenario, Ports& ports);
+    // `mirror`, if there is one, follows the leading modes of each setpoint.
+    M4Peer(const Scenario& scenario, Ports& ports, std::shared_ptr<Mirror> mirror);
     ~M4Peer() override;
 
     void AddTo(HostDocument& document) const override;
@@ -39,6 +41,7 @@ public:
     // way to whoever checks them.
     const AppendLog<SetpointRecord>& Log() const { return m_log; }
     SetpointRing& Ring() { return m_ring; }
+    const SetpointRing& Ring() const { return m_ring; }
     // One entry a sample of the sensors.
     const AppendLog<FeedbackRecord>& FeedbackLog() const { return m_feedback_log; }
     const Absences& GetAbsences() const { return m_absences; }  // any thread
@@ -90,6 +93,7 @@ private:
     const Scenario& m_scenario;
     const std::chrono::nanoseconds m_feedback_period;
     const std::uint16_t m_port;
+    const std::shared_ptr<Mirror> m_mirror;
     AppendLog<SetpointRecord> m_log;
     AppendLog<FeedbackRecord> m_feedback_log;
     SetpointRing m_ring;

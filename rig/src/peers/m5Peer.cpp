@@ -1,6 +1,7 @@
 #include "peers/m5Peer.hpp"
 
-#include <cmath>
+#include <array>
+#include <utility>
 
 namespace vosk::rig {
 namespace {
@@ -10,14 +11,15 @@ constexpr std::uint32_t OUTPUT_TOPIC = 412;
 
 }  // namespace
 
-M5Peer::M5Peer(const Scenario& scenario, Ports& ports)
+M5Peer::M5Peer(const Scenario& scenario, Ports& ports, std::shared_ptr<Mirror> mirror)
     : StreamPeer("M5", FieldPeer::M5, scenario.host.PeerPriority(), scenario.streams->interval / 2,
                  scenario.streams->MeasurementOffset()),
       m_settings(*scenario.streams),
       m_input_port(ports.Take()),
       m_output_port(ports.Take()),
       m_sender(scenario, Stream::M5Position, m_input_port, INPUT_TOPIC, 2 * scenario.LoopSamples()),
-      m_receiver(m_output_port, OUTPUT_TOPIC, scenario.LoopSamples()) {}
+      m_receiver(m_output_port, OUTPUT_TOPIC, scenario.LoopSamples()),
+      m_mirror(std::move(mirror)) {}
 
 void M5Peer::AddTo(HostDocument& document) const {
     document.AddInput("m5", "input", m_input_port, INPUT_TOPIC);
@@ -26,11 +28,9 @@ void M5Peer::AddTo(HostDocument& document) const {
 }
 
 TipTilt M5Peer::PositionAt(time_point time) const {
-    const std::scoped_lock lock(m_mutex);
-    const std::chrono::duration<double> since = time - m_commanded;
-    const double left = std::exp(-since / std::chrono::duration<double>(m_settings.m5_lag));
-    return {m_target.tip + (m_start.tip - m_target.tip) * left,
-            m_target.tilt + (m_start.tilt - m_target.tilt) * left};
+    std::array<double, 2> position{};
+    m_mirror->At(time, position);
+    return {position[0], position[1]};
 }
 
 void M5Peer::OnGridPoint(time_point) {
@@ -45,15 +45,7 @@ void M5Peer::Receive(std::chrono::nanoseconds timeout) {
     const auto* command = m_receiver.Receive(timeout);
     if (command == nullptr) return;
     // From its arrival on, whenever this thread woke.
-    Follow(command->moved, {command->record.tip, command->record.tilt});
-}
-
-void M5Peer::Follow(time_point time, TipTilt target) {
-    const TipTilt position = PositionAt(time);
-    const std::scoped_lock lock(m_mutex);
-    m_start = position;
-    m_target = target;
-    m_commanded = time;
+    m_mirror->Follow(command->moved, std::array<double, 2>{command->record.tip, command->record.tilt});
 }
 
 void M5Peer::Die() {
@@ -61,7 +53,8 @@ void M5Peer::Die() {
     m_sender.Close();
     // The mirror stays where it is.
     const time_point now = AtomClk::now();
-    Follow(now, PositionAt(now));
+    const TipTilt position = PositionAt(now);
+    m_mirror->Follow(now, std::array{position.tip, position.tilt});
 }
 
 void M5Peer::Return() {

@@ -1,19 +1,21 @@
 #pragma once
 
-// The main structure: takes the corrections of field stabilisation. What it does with them is not part of the
-// light here.
+// The main structure: follows the corrections of field stabilisation.
 
 #include "host/ports.hpp"
 #include "peers/recordStreams.hpp"
 #include "peers/streamPeer.hpp"
+#include "telescope/mirror.hpp"
 
 #include <vosk/defs/wireRecords.hpp>
+
+#include <memory>
 
 namespace vosk::rig {
 
 class MsPeer final : public StreamPeer {
 public:
-    MsPeer(const Scenario& scenario, Ports& ports);
+    MsPeer(const Scenario& scenario, Ports& ports, std::shared_ptr<Mirror> mirror);
     ~MsPeer() override { Stop(); }
 
     void AddTo(HostDocument& document) const override;
@@ -30,6 +32,7 @@ private:
     const StreamSettings& m_settings;
     const std::uint16_t m_port;
     RecordReceiver<defs::MSCorrection> m_receiver;
+    const std::shared_ptr<Mirror> m_mirror;
 };
 
 }  // namespace vosk::rig

@@ -18,7 +18,7 @@ pfs::PFSTargetData Measure(double seconds) {
         probe.tilt = std::cos(turn);
         probe.value = std::sin(0.5 * turn);
     }
-    const Pointing pointing = PfsPeer::PointingAt(seconds);
+    const Pointing pointing = PointingAt(seconds);
     record.pointing.values = {pointing.hour_angle, pointing.declination, 0.1, 0.2, std::cos(0.7 * seconds)};
     return record;
 }
@@ -38,10 +38,6 @@ void PfsPeer::AddTo(HostDocument& document) const {
     document.AddInput("pfs", "input", m_input_port, INPUT_TOPIC);
     document.AddOutput("pfs", "output", m_output_port, OUTPUT_TOPIC, m_settings.interval,
                        m_settings.CommandOffset());
-}
-
-Pointing PfsPeer::PointingAt(double seconds) {
-    return {-1.2 + 0.03 * seconds, -0.46};
 }
 
 void PfsPeer::OnGridPoint(time_point) {

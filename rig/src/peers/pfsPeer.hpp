@@ -20,8 +20,6 @@ public:
     void AddTo(HostDocument& document) const override;
     PeerAccount Account(const RunFacts& facts) const override;
 
-    static Pointing PointingAt(double seconds);
-
     const AppendLog<Sample<pfs::PFSTargetData>>& Measurements() const { return m_sender.Log(); }
     const AppendLog<Sample<pfs::PFSCorrection>>& Corrections() const { return m_receiver.Log(); }
     const RecordReceiver<pfs::PFSCorrection>& Receiver() const { return m_receiver; }

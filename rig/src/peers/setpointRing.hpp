@@ -28,6 +28,7 @@ public:
     void GiveBack() { m_given_back.fetch_add(1, std::memory_order_release); }
 
     Vector& operator[](std::size_t slot) { return m_slots[slot]; }
+    const Vector& operator[](std::size_t slot) const { return m_slots[slot]; }
 
 private:
     std::vector<Vector> m_slots;

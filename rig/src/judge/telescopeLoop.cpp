@@ -1,0 +1,261 @@
+#include "judge/telescopeLoop.hpp"
+
+#include "judge/aoLoop.hpp"
+#include "judge/setpointCheck.hpp"
+#include "report/plots.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace vosk::rig {
+namespace {
+
+using defs::VoskControlMode;
+
+constexpr std::size_t TIP_TILT = 2;
+// Of modes: the higher ones are lost in the noise of the sensor.
+constexpr std::size_t HIGH_ORDER_JUDGED = 14;
+// Cameras fall silent after their first frame: loops close then. A handover, too, is over after this.
+constexpr double SETTLING = 2.0;
+constexpr double SHORTEST = 1.0;  // of what is left of a segment, to be judged
+constexpr double REJECTION_SEGMENT = 3.0;
+constexpr std::size_t SPECTRUM_LENGTH = 64;
+
+// Setpoints are judged as sums: no limit may act on them.
+constexpr float WIDE_LIMIT = 1e3F;
+
+using Modes = std::array<double, defs::GPAO_CMD_SIZE>;
+
+double InSeconds(auto duration) {
+    return std::chrono::duration<double>(duration).count();
+}
+
+double Square(double value) {
+    return value * value;
+}
+
+double Rms(std::span<const double> values) {
+    double sum = 0.0;
+    for (const double value : values) sum += Square(value);
+    return std::sqrt(sum);
+}
+
+}  // namespace
+
+void TelescopeLoop::AddTo(HostDocument& document) const {
+    LoopCalibration calibration = m_calibration;
+    calibration.limits = {WIDE_LIMIT, WIDE_LIMIT};
+    AddAoTasks(m_scenario, calibration, document);
+}
+
+PeerAccount TelescopeLoop::Account(const RunFacts&) const {
+    PeerAccount account;
+    AddSetpoints(account);
+    AddLoops(account);
+    return account;
+}
+
+void TelescopeLoop::AddSetpoints(PeerAccount& account) const {
+    const auto field = m_parts.field.Records<FieldRecord>();
+    const auto gpao = m_parts.gpao.Records<GpaoRecord>();
+    const SetpointAccounts setpoints = CheckSetpoints({m_parts.m4.Log().Entries(), m_parts.m4.Ring(), field,
+                                                       gpao, m_parts.instrument->Log().Entries(), m_modes});
+    account.sections.push_back({"Setpoints by the mode's own sum",
+                                {"what they are", "count"},
+                                {{"right", fmt::to_string(setpoints.right)},
+                                 {"wrong", fmt::to_string(setpoints.wrong)},
+                                 {"not kept", fmt::to_string(setpoints.unchecked)}},
+                                {"Tip and tilt, the modes above, and the reference shape, each of a command "
+                                 "that had come by then."}});
+    account.times.emplace_back("newest command to setpoint at M4", SpreadOf(setpoints.delays));
+    if (setpoints.wrong + setpoints.unchecked > 0)
+        account.violations.push_back(fmt::format(
+            "{} setpoints are not what the mode makes of the commands, the first at {:.3f} s; {} "
+            "were not kept",
+            setpoints.wrong, setpoints.wrong == 0 ? 0.0 : InSeconds(setpoints.wrong_at[0] - m_first),
+            setpoints.unchecked));
+    if (setpoints.right == 0) account.violations.emplace_back("no setpoint was right");
+}
+
+std::vector<TelescopeLoop::Segment> TelescopeLoop::Segments() const {
+    std::vector<Segment> segments{{VoskControlMode::TEL_DRIVEN, SETTLING, m_scenario.duration.count()}};
+    for (const ModeTimeline::Change& change : m_modes.Changes()) {
+        const double asked = InSeconds(change.asked - m_first);
+        segments.back().end = asked;
+        segments.push_back({change.mode, asked, m_scenario.duration.count()});
+    }
+    std::erase_if(segments,
+                  [](const Segment& segment) { return segment.end - segment.begin < SETTLING + SHORTEST; });
+    return segments;
+}
+
+// Exposures, input and commands of field stabilisation stand on one grid, and M4's setpoints under the
+// telescope's control on another; see TelescopeSettings.
+std::vector<LoopController> TelescopeLoop::ControllersOf(VoskControlMode mode, bool tip_tilt) const {
+    const StreamSettings& streams = *m_scenario.streams;
+    const TelescopeSettings& telescope = *m_scenario.telescope;
+    const double interval = InSeconds(streams.interval);
+    const double m4_lag = InSeconds(telescope.m4_lag);
+    const double m4_by_telescope = InSeconds(telescope.m4_offset);
+    const double m4_by_instrument = InSeconds(m_scenario.host.m4_send_delay);
+    const double commanded = interval + InSeconds(streams.CommandOffset());
+    const bool is_ins = defs::IsInsDriven(mode);
+    const LoopController instrument{
+        telescope.instrument_gain, telescope.instrument_leak, {{1.0, m4_by_instrument, m4_lag}}};
+    const GpaoSettings& settings = *m_scenario.gpao;
+    const LoopController gpao{
+        tip_tilt ? settings.tt_gain : settings.gain, settings.leak, {{1.0, m4_by_telescope, m4_lag}}};
+    if (!tip_tilt) return {is_ins ? instrument : gpao};
+    LoopController field{streams.gain,
+                         streams.leak,
+                         {{streams.m5_share, commanded, InSeconds(streams.m5_lag)},
+                          {streams.ms_share, commanded, InSeconds(telescope.ms_lag)}}};
+    switch (mode) {
+        case VoskControlMode::TEL_DRIVEN:
+            field.mirrors.push_back({streams.u4_share, m4_by_telescope, m4_lag});
+            return {field};
+        case VoskControlMode::INS_DRIVEN_CASCADE:
+            // The instrument's next command takes it along.
+            field.mirrors.push_back({streams.u4_share, interval + m4_by_instrument, m4_lag});
+            return {field};
+        case VoskControlMode::INS_DRIVEN_SEQUENTIAL:
+            return {field, instrument};
+        default:
+            return {field, gpao};
+    }
+}
+
+TelescopeLoop::Fit TelescopeLoop::FitModes(const Segment& segment, std::size_t from, std::size_t to) const {
+    const double period = InSeconds(m_scenario.streams->interval);
+    const auto controllers = ControllersOf(segment.mode, from < TIP_TILT);
+    std::vector<LoopModel> models(to - from, LoopModel(controllers, period));
+    Fit fit;
+    std::size_t count = 0;
+    const auto first = static_cast<std::size_t>(std::ceil(segment.begin / period));
+    for (std::size_t k = first; static_cast<double>(k) * period < segment.end; ++k) {
+        const Seconds time{static_cast<double>(k) * period};
+        Modes sky{};
+        Modes residual{};
+        m_parts.optics->Sky().At(time, sky);
+        m_parts.optics->At(time, residual);
+        const bool counts = time.count() >= segment.begin + SETTLING;
+        for (std::size_t mode = from; mode < to; ++mode) {
+            const double predicted = models[mode - from].Step(sky[mode]);
+            if (!counts) continue;
+            fit.sky += Square(sky[mode]);
+            fit.residual += Square(residual[mode]);
+            fit.predicted += Square(predicted);
+            fit.error += Square(residual[mode] - predicted);
+        }
+        if (counts) ++count;
+    }
+    for (double* sum : {&fit.sky, &fit.residual, &fit.predicted, &fit.error})
+        *sum = std::sqrt(*sum / static_cast<double>(std::max<std::size_t>(count, 1)));
+    return fit;
+}
+
+void TelescopeLoop::AddLoops(PeerAccount& account) const {
+    ReportSection section{
+        "The loops against theory",
+        {"radians rms", "open", "closed", "predicted", "off", "rejection"},
+        {},
+        {"Open: the light without mirrors. Predicted: the same light through integrators and "
+         "lags with the delays of the scenario's grids, without noise."}};
+    double worst = 1e9;
+    for (const Segment& segment : Segments()) {
+        const auto judge = [&](const char* what, std::size_t from, std::size_t to) {
+            const Fit fit = FitModes(segment, from, to);
+            const std::string name =
+                fmt::format("{:.1f} s, {}, {}", segment.begin, vosk::to_string(segment.mode), what);
+            section.rows.push_back({name, fmt::format("{:.3f}", fit.sky), fmt::format("{:.3f}", fit.residual),
+                                    fmt::format("{:.3f}", fit.predicted), fmt::format("{:.3f}", fit.error),
+                                    fmt::format("{:.2f}", fit.Rejection())});
+            worst = std::min(worst, fit.Rejection());
+            if (fit.error > m_scenario.telescope->max_loop_error * fit.sky)
+                account.violations.push_back(
+                    fmt::format("{}: the residual is {:.3f} rms off its prediction", name, fit.error));
+            if (fit.Rejection() < m_scenario.telescope->min_rejection)
+                account.violations.push_back(
+                    fmt::format("{}: rejects by {:.2f} only", name, fit.Rejection()));
+        };
+        judge("tip and tilt", 0, TIP_TILT);
+        judge("high order", TIP_TILT, TIP_TILT + HIGH_ORDER_JUDGED);
+        if (account.plots.empty() && segment.end - segment.begin > SETTLING + REJECTION_SEGMENT)
+            account.plots.push_back(PlotRejection(segment));
+    }
+    if (section.rows.empty())
+        account.violations.emplace_back("no loop was closed for long enough to be judged");
+    account.plots.insert(account.plots.begin(), PlotResidual());
+    account.achievement = fmt::format("every loop rejects by {:.1f} or more, as theory has it", worst);
+    account.sections.push_back(std::move(section));
+}
+
+Plot TelescopeLoop::PlotResidual() const {
+    const double period = InSeconds(m_scenario.streams->interval);
+    std::vector<double> times;
+    std::vector<double> open;
+    std::vector<double> tip_tilt;
+    std::vector<double> high_order;
+    for (double time = 0.0; time < m_scenario.duration.count(); time += period) {
+        Modes sky{};
+        Modes residual{};
+        m_parts.optics->Sky().At(Seconds{time}, sky);
+        m_parts.optics->At(Seconds{time}, residual);
+        times.push_back(time);
+        open.push_back(Rms(sky));
+        tip_tilt.push_back(Rms(std::span(residual).first(TIP_TILT)));
+        high_order.push_back(Rms(std::span(residual).subspan(TIP_TILT)));
+    }
+    Plot plot{"The light behind the mirrors", "seconds", "radians rms", false, {}, {}};
+    plot.series = {Median(Slice(times, open), "without mirrors", "c"),
+                   Median(Slice(times, tip_tilt), "tip and tilt", "a"),
+                   Median(Slice(times, high_order), "modes above", "b")};
+    for (const ModeTimeline::Change& change : m_modes.Changes())
+        plot.marks.push_back({InSeconds(change.asked - m_first), vosk::to_string(change.mode)});
+    return plot;
+}
+
+Plot TelescopeLoop::PlotRejection(const Segment& segment) const {
+    const double period = InSeconds(m_scenario.streams->interval);
+    std::vector<double> sky_power(SPECTRUM_LENGTH / 2 - 1);
+    std::vector<double> residual_power(SPECTRUM_LENGTH / 2 - 1);
+    for (std::size_t mode = 0; mode < TIP_TILT; ++mode) {
+        std::vector<double> sky_values;
+        std::vector<double> residual_values;
+        for (double time = segment.begin + SETTLING; time < segment.end; time += period) {
+            Modes sky{};
+            Modes residual{};
+            m_parts.optics->Sky().At(Seconds{time}, sky);
+            m_parts.optics->At(Seconds{time}, residual);
+            sky_values.push_back(sky[mode]);
+            residual_values.push_back(residual[mode]);
+        }
+        const auto add = [](std::vector<double>& sum, const std::vector<double>& values) {
+            const std::vector<double> power = PowerSpectrum(values, SPECTRUM_LENGTH);
+            for (std::size_t k = 0; k < sum.size(); ++k) sum[k] += power[k];
+        };
+        add(sky_power, sky_values);
+        add(residual_power, residual_values);
+    }
+    PlotSeries measured{"measured", "a", PlotSeries::Style::Dots, {}, {}, {}};
+    PlotSeries theory{"theory", "b", PlotSeries::Style::Line, {}, {}, {}};
+    for (std::size_t k = 0; k < sky_power.size(); ++k) {
+        const double frequency = static_cast<double>(k + 1) / (static_cast<double>(SPECTRUM_LENGTH) * period);
+        theory.x.push_back(frequency);
+        measured.x.push_back(frequency);
+        measured.y.push_back(10.0 * std::log10(residual_power[k] / sky_power[k]));
+    }
+    for (const double value : RejectionAt(ControllersOf(segment.mode, true), period, theory.x))
+        theory.y.push_back(20.0 * std::log10(value));
+    return {fmt::format("Rejection of tip and tilt from {:.0f} s on", segment.begin),
+            "hertz",
+            "decibel",
+            false,
+            {theory, measured},
+            {}};
+}
+
+}  // namespace vosk::rig
