@@ -16,7 +16,7 @@ constexpr double ROUNDING = 1e-5;
 // Of each kind, so many of the newest commands may be the one.
 constexpr std::size_t CANDIDATES = 10;
 // A mode that was in force so long before the planned time may have made a setpoint.
-constexpr auto MODE_AGE = 100ms;
+constexpr auto MODE_AGE = 300ms;
 
 struct Command {
     time_point given;
