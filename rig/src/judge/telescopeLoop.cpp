@@ -210,9 +210,9 @@ Plot TelescopeLoop::PlotResidual() const {
         high_order.push_back(Rms(std::span(residual).subspan(TIP_TILT)));
     }
     Plot plot{"The light behind the mirrors", "seconds", "radians rms", false, {}, {}};
-    plot.series = {Median(Slice(times, open), "without mirrors", "c"),
+    plot.series = {Median(Slice(times, open), "all modes without mirrors", "c"),
                    Median(Slice(times, tip_tilt), "tip and tilt", "a"),
-                   Median(Slice(times, high_order), "modes above", "b")};
+                   Median(Slice(times, high_order), "modes above them", "b")};
     for (const ModeTimeline::Change& change : m_modes.Changes())
         plot.marks.push_back({InSeconds(change.asked - m_first), vosk::to_string(change.mode)});
     return plot;
@@ -242,17 +242,19 @@ Plot TelescopeLoop::PlotRejection(const Segment& segment) const {
     }
     PlotSeries measured{"measured", "a", PlotSeries::Style::Dots, {}, {}, {}};
     PlotSeries theory{"theory", "b", PlotSeries::Style::Line, {}, {}, {}};
-    for (std::size_t k = 0; k < sky_power.size(); ++k) {
-        const double frequency = static_cast<double>(k + 1) / (static_cast<double>(SPECTRUM_LENGTH) * period);
-        theory.x.push_back(frequency);
-        measured.x.push_back(frequency);
-        measured.y.push_back(10.0 * std::log10(residual_power[k] / sky_power[k]));
+    for (std::size_t k = 1; k <= sky_power.size(); ++k) {
+        measured.x.push_back(static_cast<double>(k) / (static_cast<double>(SPECTRUM_LENGTH) * period));
+        measured.y.push_back(10.0 * std::log10(residual_power[k - 1] / sky_power[k - 1]));
     }
+    // It bends most where the dots are few.
+    for (double frequency = measured.x.front() / 4; frequency < measured.x.back();
+         frequency += measured.x.front() / 8)
+        theory.x.push_back(frequency);
     for (const double value : RejectionAt(ControllersOf(segment.mode, true), period, theory.x))
         theory.y.push_back(20.0 * std::log10(value));
     return {fmt::format("Rejection of tip and tilt from {:.0f} s on", segment.begin),
             "hertz",
-            "decibel",
+            "decibel, rejected below 0",
             false,
             {theory, measured},
             {}};
