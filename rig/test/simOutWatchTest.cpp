@@ -1,6 +1,6 @@
 // The watch against a writer that publishes as the host does, without a look at anybody.
 
-#include "judge/simOutWatch.hpp"
+#include "peers/simOutWatch.hpp"
 
 #include <fcntl.h>
 #include <fmt/format.h>

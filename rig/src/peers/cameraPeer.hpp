@@ -6,12 +6,12 @@
 
 #include "cameras/cameraScene.hpp"
 #include "host/ports.hpp"
-#include "judge/simOutWatch.hpp"
 #include "peers/appendLog.hpp"
 #include "peers/cameraRecords.hpp"
 #include "peers/faultySocket.hpp"
 #include "peers/pacedSocket.hpp"
 #include "peers/peer.hpp"
+#include "peers/simOutWatch.hpp"
 
 #include <pktwire/lspx.hpp>
 #include <vosk/defs/wireRecords.hpp>

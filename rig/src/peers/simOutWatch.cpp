@@ -1,4 +1,4 @@
-#include "judge/simOutWatch.hpp"
+#include "peers/simOutWatch.hpp"
 
 #include <fcntl.h>
 #include <fmt/format.h>
