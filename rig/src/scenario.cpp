@@ -142,6 +142,23 @@ double ErrorScaleOf(const Section& root, const Scenario& scenario) {
     return 4.0 / pixels_per_radian;
 }
 
+// The judge of the loops counts one exposure and one command in each interval of field stabilisation, and
+// setpoints that leave between the flowgraph's answer and the next exposure.
+void RefuseOtherRates(const Section& section, const Scenario& scenario) {
+    const std::chrono::nanoseconds interval = scenario.streams->interval;
+    const auto refuse = [&](bool is_other, const std::string& who) {
+        if (is_other)
+            section.Fail(fmt::format("a telescope needs {} at one per 'interval' of 'streams', {:g} a second",
+                                     who, 1.0 / Seconds{interval}.count()));
+    };
+    refuse(scenario.CommandPeriod() != interval, "the instrument's commands");
+    for (const CameraSettings& camera : scenario.cameras)
+        refuse(camera.Period() != interval, "frames of " + vosk::to_string(camera.camera));
+    const auto offset = scenario.telescope->m4_offset;
+    if (offset <= scenario.streams->OutputOffset() || offset >= interval)
+        section.Fail("'m4_offset' must lie in the second half of the 'interval' of 'streams'");
+}
+
 FaultRule ReadFault(const Section& section) {
     FaultRule rule;
     section.ReadName("stream", STREAMS, rule.stream);
@@ -221,6 +238,7 @@ Scenario ReadScenario(const Document& document) {
         scenario.telescope = ReadTelescope(section);
         const double error_scale = ErrorScaleOf(section, scenario);
         scenario.streams->error_scale = error_scale;
+        RefuseOtherRates(section, scenario);
     });
     root.ReadList("faults", [&](const Section& section) { scenario.faults.push_back(ReadFault(section)); });
     root.ReadList("steps", [&](const Section& section) { scenario.steps.push_back(ReadStep(section)); });

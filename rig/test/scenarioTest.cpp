@@ -30,6 +30,10 @@ TEST(Scenario, IsRefusedWithPlaceAndReason) {
         {"name: x\nsteps: [{at: 1, m4: dead, host: stop}]", "exactly one of"},
         {"name: x\nsteps: [{at: 1, mode: FAST}]", "no control mode 'FAST'"},
         {"name: x\ncameras: [{camera: IMG_GP1, kind: lisa}]\ngpao: {gain: 0.3}", "needs a wavefront sensor"},
+        {"name: x\ninstrument: {rate: 50}\ncameras: [{camera: WFS_GP1, kind: lisa_wfs, rate: 50}, {camera: "
+         "IMG_GP1, "
+         "kind: alice, rate: 25}]\nstreams: {interval: 20 ms}\ngpao: {gain: 0.3}\ntelescope: {m4_lag: 2 ms}",
+         "frames of IMG_GP1 at one per 'interval' of 'streams', 50 a second"},
         {"name: [x", "file.yaml:"}};
     for (const auto& [text, complaint] : cases) {
         EXPECT_THAT(test::TextOf<std::runtime_error>([text = text] { ParseScenario(text, "file.yaml"); }),
