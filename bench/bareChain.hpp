@@ -9,10 +9,10 @@
 #include <atomclk/atomClk.hpp>
 
 #include <poll.h>
-#include <time.h>
 
 #include <array>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <optional>
 
@@ -74,6 +74,7 @@ void WithBareChain(bool busy, const std::vector<BareChain<SpinLink>::Stage>& sta
         return use(chain);
     }
     std::vector<BareChain<FutexLink>::Stage> asleep;
+    asleep.reserve(stages.size());
     for (const auto& stage : stages) asleep.push_back({stage.cpu, stage.work});
     BareChain<FutexLink> chain{std::move(asleep)};
     use(chain);

@@ -96,7 +96,7 @@ ModalBasis ReadModalBasis(const std::filesystem::path& file) {
 }
 
 GpaoFiles WriteGpaoFiles(const std::filesystem::path& directory) {
-    const GpaoFiles files{directory / "ins2gpao.fits", directory / "gpao2ins.fits"};
+    GpaoFiles files{directory / "ins2gpao.fits", directory / "gpao2ins.fits"};
     constexpr std::size_t MODES = defs::GPAO_CMD_SIZE;
     std::filesystem::create_directories(directory);
     WriteFitsImage<float>(files.ins2gpao, MakeUnity(defs::M4_CMD_SIZE, MODES), {MODES, defs::M4_CMD_SIZE});

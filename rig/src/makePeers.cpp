@@ -48,14 +48,15 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
         if (scenario.gpao && camera->Scene().Settings().camera == scenario.Wfs()->camera) wfs = camera.get();
         peers.push_back(std::move(camera));
     }
-    const Flowgraph* gpao = scenario.gpao ? AddGpaoPeers(scenario, *wfs, files, peers) : nullptr;
+    const Flowgraph* gpao = wfs != nullptr ? AddGpaoPeers(scenario, *wfs, files, peers) : nullptr;
     const Flowgraph* field = scenario.streams ? AddFieldPeers(scenario, optics.get(), ports, peers) : nullptr;
     if (!scenario.ao_loop) return peers;
     auto instruments_loop = optics ? std::make_shared<InstrumentLoop>(scenario, optics) : nullptr;
     auto instrument = std::make_unique<Instrument>(scenario, ports, instruments_loop.get());
     auto m4 = std::make_unique<M4Peer>(scenario, ports, optics ? optics->M4() : nullptr);
     std::unique_ptr<Peer> judge;
-    if (optics)
+    // A scenario with a telescope has both flowgraphs.
+    if (optics && field != nullptr && gpao != nullptr)
         judge = std::make_unique<TelescopeLoop>(
             scenario, calibration, modes, TelescopeLoop::Parts{optics, instruments_loop, *m4, *field, *gpao});
     else

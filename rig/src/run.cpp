@@ -141,8 +141,11 @@ bool Run::Execute() {
     m_progress.Say(fmt::format("scenario {}: {}", m_scenario.name, m_scenario.description));
     Stage stage;
     stage.peers = MakePeers(m_scenario, calibration, stage.modes, Ports::Free(), out / "cameras");
-    // Where the host finds the descrambling vector.
-    if (!m_scenario.cameras.empty()) setenv("CFGPATH", (out / "cameras").c_str(), 1);
+    if (!m_scenario.cameras.empty()) {
+        const std::filesystem::path cameras =
+            out / "cameras";                    // the host finds the descrambling vector there
+        setenv("CFGPATH", cameras.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): one thread
+    }
     const HostProcess::Files files{m_paths.host, out / "host.yaml",
                                    std::filesystem::relative(out / "host.sock"), out / "host.log"};
     WriteTextFile(files.document, MakeHostDocument(m_scenario, stage.peers));

@@ -98,6 +98,7 @@ void Flowgraph::Spawn() {
                                    "--life",     fmt::to_string(m_lives++)};
     words.insert(words.end(), m_part.law.begin(), m_part.law.end());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     m_pid = fork();
