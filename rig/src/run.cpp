@@ -208,7 +208,7 @@ void Run::ChangeMode(Stage& stage, defs::VoskControlMode mode) {
     stage.modes.Complete(change, AtomClk::now());
 }
 
-// Commands for the imaging cameras.
+// Commands for the imaging cameras, and for the guide probes.
 void Run::TellHost(Stage& stage, const StepAction& action) {
     std::string line;
     if (const auto* change = std::get_if<SetReference>(&action))
@@ -218,6 +218,8 @@ void Run::TellHost(Stage& stage, const StepAction& action) {
         line = change->option == 1   ? fmt::format("centroiding tsh {}", change->threshold)
                : change->option == 2 ? fmt::format("centroiding nbr {}", change->nbrightest)
                                      : "centroiding cog";
+    if (const auto* change = std::get_if<SetCentering>(&action))
+        line = change->on ? "centering on" : "centering off";
     if (line.empty()) return;
     const time_point asked = AtomClk::now();
     stage.host->Ask(line);

@@ -31,6 +31,8 @@ struct HostSettings {
     int priority = 10;
 
     int PeerPriority() const { return priority > 0 ? priority + 10 : 0; }
+    // Of cameras that render: milliseconds of work, for which no thread of the host may wait.
+    int RenderPriority() const { return priority > 1 ? priority - 1 : priority; }
     std::chrono::microseconds m4_send_delay{1200};
     std::chrono::microseconds m4_response_timeout{500};
 };
@@ -205,10 +207,14 @@ struct SetReference {
     std::array<std::uint32_t, 2> reference;
     std::array<std::uint32_t, 2> box;
 };
+// Of the guide probes.
+struct SetCentering {
+    bool on;
+};
 
 using StepAction = std::variant<SetMode, SetM4Alive, SetCommandsValid, SetInstrumentSilent, SetFlowgraphAlive,
                                 SetFieldPeerAlive, StopHost, SetCameraSilent, SetCameraRate, SetCameraWindow,
-                                SetCentroiding, SetReference>;
+                                SetCentroiding, SetReference, SetCentering>;
 
 struct Step {
     Seconds at{0.0};

@@ -60,6 +60,8 @@ Step ReadStep(const Section& section) {
     });
     read_switch("instrument", SILENCE, [](bool value) { return SetInstrumentSilent{value}; });
     read_switch("commands", VALIDITY, [](bool value) { return SetCommandsValid{value}; });
+    constexpr std::array<std::pair<const char*, bool>, 2> SWITCH{{{"off", false}, {"on", true}}};
+    read_switch("centering", SWITCH, [](bool on) { return SetCentering{on}; });
     if (section.Has("host")) {
         std::string text;
         section.Read("host", text);
@@ -90,12 +92,15 @@ Step ReadStep(const Section& section) {
         section.Fail(
             "a step needs exactly one of 'mode', 'm4', 'flowgraph', 'gpao_flowgraph', 'm5', 'pfs', 'ms', "
             "'ecmwfsim', 'instrument', "
-            "'commands', 'host', 'camera', 'centroiding', 'reference'");
+            "'commands', 'host', 'camera', 'centroiding', 'reference', 'centering'");
     return step;
 }
 
 std::string ToString(const Step& step) {
     struct Describe {
+        std::string operator()(const SetCentering& action) const {
+            return action.on ? "guide-probe centering on" : "guide-probe centering off";
+        }
         std::string operator()(const SetMode& action) const { return "mode " + vosk::to_string(action.mode); }
         std::string operator()(const SetM4Alive& action) const {
             return action.alive ? "M4 returns" : "M4 dies";

@@ -111,14 +111,25 @@ struct Night {
         const TipTilt turned = SkyToM5({record.out.m5.tip, record.out.m5.tilt}, {pointing[0], pointing[1]});
         m5_commands.push_back({k + 1, due, due + 100us, {0.0, turned.tip, turned.tilt}});
         Sample<pfs::PFSCorrection> correction{k + 1, due, due + 100us, {}};
-        for (auto& probe : correction.record.guide_probes) probe.tip = static_cast<double>(pointing[4]);
+        for (auto& probe : correction.record.guide_probes) {
+            probe.tip = static_cast<double>(pointing[4]);
+            probe.flag = 1;
+        }
         pfs_corrections.push_back(correction);
         ms_corrections.push_back({k + 1, due, due + 100us, {due, record.out.ms.tip, record.out.ms.tilt, 1}});
     }
 
     FieldAccounts Judge() const {
-        return MakeFieldAccounts(scenario, {errors, positions, measurements, flowgraph, m5_commands,
-                                            pfs_corrections, ms_corrections, first, first + 12s});
+        return MakeFieldAccounts(scenario, {errors,
+                                            positions,
+                                            measurements,
+                                            flowgraph,
+                                            m5_commands,
+                                            pfs_corrections,
+                                            ms_corrections,
+                                            {},
+                                            first,
+                                            first + 12s});
     }
 };
 
@@ -153,6 +164,7 @@ TEST(FieldAccount, FindsEachSpoiledSample) {
              for (int i = 300; i < 304; ++i) n.m5_commands[static_cast<std::size_t>(i)].id += 1000;
          }},
         {"PFS correction: wrong", [](Night& n) { n.pfs_corrections[300].record.guide_probes[2].tilt = 0.5; }},
+        {"PFS correction: wrong", [](Night& n) { n.pfs_corrections[300].record.guide_probes[1].flag = 0; }},
         {"MS correction: wrong", [](Night& n) { n.ms_corrections[300].record.flag = 0; }},
         {"ECMWFSim errors in fs_in: wrong",
          [](Night& n) {

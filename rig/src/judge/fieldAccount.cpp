@@ -205,13 +205,27 @@ private:
 
     void CheckPfsCorrections() {
         CheckCommands("PFS correction", m_facts.pfs_corrections, m_facts.pfs_trouble,
-                      [](const auto& sample, const auto& out) {
+                      [this](const auto& sample, const auto& out) {
                           for (std::size_t i = 0; i < 3; ++i) {
                               const auto& probe = sample.record.guide_probes[i];
-                              if (Narrow(probe.tip, probe.tilt) != out.pfs[i]) return false;
+                              if (Narrow(probe.tip, probe.tilt) != out.pfs[i] ||
+                                  !MayBeCentering(probe.flag == 1, sample.moved))
+                                  return false;
                           }
                           return true;
                       });
+    }
+
+    // A correction is made up to an interval before it is sent.
+    bool MayBeCentering(bool on, time_point sent) const {
+        bool is_on = true;
+        for (const HostCommand& command : m_facts.commands) {
+            const auto* change = std::get_if<SetCentering>(&command.action);
+            if (change == nullptr || command.asked > sent) continue;
+            if (command.done > sent - 2 * m_settings.interval) return true;
+            is_on = change->on;
+        }
+        return on == is_on;
     }
 
     void CheckMsCorrections() {

@@ -5,6 +5,7 @@
 #include "peers/absences.hpp"
 #include "peers/flowgraphProcess.hpp"
 #include "peers/recordStreams.hpp"
+#include "runFacts.hpp"
 
 #include <vosk/defs/wireRecords.hpp>
 
@@ -33,6 +34,7 @@ struct FieldFacts {
     Samples<pfs::PFSCorrection> pfs_corrections;
     Samples<defs::MSCorrection> ms_corrections;
 
+    std::span<const HostCommand> commands;
     time_point first;  // of all grids
     time_point until;  // what the flowgraph gave after this need not have arrived
     Trouble errors_trouble{};

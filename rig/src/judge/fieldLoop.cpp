@@ -185,6 +185,7 @@ PeerAccount FieldLoop::Account(const RunFacts& run) const {
     facts.m5_commands = m_peers.m5.Commands().Entries();
     facts.pfs_corrections = m_peers.pfs.Corrections().Entries();
     facts.ms_corrections = m_peers.ms.Corrections().Entries();
+    facts.commands = run.commands;
     facts.first = m_first;
     facts.until = m_peers.flowgraph.SilentSince();
     const FieldAccounts accounts = MakeFieldAccounts(m_scenario, facts);
