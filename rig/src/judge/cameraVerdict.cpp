@@ -296,14 +296,14 @@ SpotErrors MeasureLooks(const CameraFacts& facts, const CameraScene& scene, cons
         if (told == look.cameras.end() || !told->second.centroid) continue;
         const HostCamera::Centroid& centroid = *told->second.centroid;
         const defs::Slope slope{centroid.flux, centroid.x, centroid.y};
-        // A host that is held up shows an older frame.
+        // A host that is held up shows an older frame than the last.
         const auto is_before = [](time_point time) {
             return [time](const FrameRecord& frame) { return frame.sent < time; };
         };
         const auto end =
             std::partition_point(facts.frames.begin(), facts.frames.end(), is_before(look.answered));
-        const auto begin =
-            std::partition_point(facts.frames.begin(), end, is_before(look.answered - LOOK_BACK));
+        const time_point oldest = look.answered - LOOK_BACK - scene.Settings().Period();
+        const auto begin = std::partition_point(facts.frames.begin(), end, is_before(oldest));
         const FrameRecord* nearest = nullptr;
         double best = 0.0;
         bool is_certain = true;
