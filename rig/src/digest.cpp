@@ -7,7 +7,7 @@
 namespace vosk::rig {
 
 Digest DigestOf(std::span<const float> values) {
-    // From 1 to 2, and no two alike that lie side by side.
+    // From 1 to 2; neighbours differ.
     constexpr std::uint32_t GOLDEN = 2654435769U;
     constexpr double SCALE = 1.0 / 4294967296.0;
     Digest digest;

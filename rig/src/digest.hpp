@@ -1,8 +1,8 @@
 #pragma once
 
 // What is kept of a vector that is too long to be kept whole: the sum of its values, each with a weight of
-// its own. Equal vectors have equal digests, to the bit, and the digest of a difference is the difference of
-// the digests but for rounding.
+// its own. Equal vectors have equal digests, to the bit. The digest of a difference is the difference of the
+// digests, but for rounding.
 
 #include <span>
 

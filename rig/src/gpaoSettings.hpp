@@ -1,6 +1,6 @@
 #pragma once
 
-// How the flowgraph of GPAO behaves in a scenario. It hears of the first wavefront sensor among the cameras.
+// How the flowgraph of GPAO behaves in a scenario. It gets the coefficients of the first wavefront sensor.
 
 #include <chrono>
 

@@ -13,7 +13,7 @@
 namespace vosk::rig {
 namespace {
 
-// First among the peers: the time of the light counts from the start of the run.
+// Starts the time of the light, and so stands first among the peers.
 class LightStarter final : public Peer {
 public:
     explicit LightStarter(std::shared_ptr<Optics> optics) : m_optics(std::move(optics)) {}
@@ -43,7 +43,7 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
         light = optics;
         peers.push_back(std::make_unique<LightStarter>(optics));
     }
-    const CameraPeer* wfs = nullptr;  // that GPAO gets the coefficients of
+    const CameraPeer* wfs = nullptr;  // whose coefficients GPAO gets
     for (auto& camera : MakeCameras(scenario, light, files, ports)) {
         if (scenario.gpao && camera->Scene().Settings().camera == scenario.Wfs()->camera) wfs = camera.get();
         peers.push_back(std::move(camera));

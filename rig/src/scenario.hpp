@@ -64,13 +64,13 @@ struct LightSettings {
     double shake_rms = 0.4;  // radians
 };
 
-// The mirrors in front of the cameras, and the instrument behind M4. With it the light is bent by what M4, M5
-// and MS did.
+// The mirrors in front of the cameras, and the instrument behind M4. With them the light is that of the sky
+// less what M4, M5 and MS did.
 struct TelescopeSettings {
     std::chrono::milliseconds m4_lag{2};  // time constants with which the mirrors follow
     std::chrono::milliseconds ms_lag{200};
-    // When M4's setpoints leave under the telescope's control, after the exposures, of which each interval of
-    // field stabilisation has one: behind its output's turn and what AoTasks needs.
+    // From an exposure to M4's setpoint, under the telescope's control: behind the output's turn in the
+    // interval of field stabilisation, and what AoTasks needs. Each interval has one exposure.
     std::chrono::microseconds m4_offset{15000};
     double instrument_gain = 0.3;  // of its integrator, in each mode
     double instrument_leak = 0.995;

@@ -17,7 +17,7 @@ Direction Cross(const Direction& a, const Direction& b) {
     return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
 }
 
-// The part of `direction` that stands across `axis`.
+// The part of `direction` at a right angle to `axis`.
 Direction Across(const Direction& direction, const Direction& axis) {
     const double along = Dot(direction, axis);
     return {direction[0] - along * axis[0], direction[1] - along * axis[1], direction[2] - along * axis[2]};

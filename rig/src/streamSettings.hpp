@@ -19,10 +19,10 @@ struct StreamSettings {
     double u4_share = -0.5;
     std::chrono::milliseconds m5_lag{20};  // time constant with which M5 follows its command
     double disturbance = 1.0;              // rms of the light's tip and tilt without correction
-    // Tip and tilt for a mean of the four probes' errors of 1, where it is not the same: with cameras.
+    // Tip and tilt where the mean of the four probes' errors is 1. Cameras, which count in pixels, change it.
     double error_scale = 1.0;
     double noise = 0.01;  // rms of what each probe adds
-    // A sample later than this has its turn missed: an exception.
+    // A sample later than this has missed its turn: an exception.
     std::chrono::microseconds margin{3000};
     double max_loop_error = 0.02;  // rms of residual less its prediction, as a share of the disturbance
     double min_rejection = 2.0;    // rms of the disturbance over that of the residual

@@ -1,7 +1,7 @@
 #pragma once
 
-// Whether a text may go to the YAML parser, which takes control character 4 for the end of the text and puts
-// replacements for bad bytes, both without a word.
+// Whether a text may go to the YAML parser. That takes control character 4 for the end of the text, and
+// replaces bad bytes, both without a word.
 
 #include <optional>
 #include <string_view>

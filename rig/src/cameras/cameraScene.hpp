@@ -38,8 +38,8 @@ public:
     const WfsGrid& Grid() const { return m_grid; }  // of a wavefront sensor
     const std::vector<SpotRegion>& Regions() const { return m_regions; }
 
-    // The light that frame `number` shows if it was exposed at that time after the start, and the number from
-    // which its noise is made: with a ring those of a frame of the ring.
+    // Which light frame `number` shows, exposed at that time after the start, and which number its noise
+    // comes from. With a ring both are those of a frame of the ring.
     struct View {
         Seconds light;
         std::uint64_t noise;

@@ -1,10 +1,10 @@
 #pragma once
 
 // The light that reaches the cameras: a turbulent atmosphere and the telescope's shaking in the wind, as
-// Zernike coefficients over time. Each mode is a process of second order with the variance that Kolmogorov's
-// turbulence gives it (Noll 1976) and its knee where the wind puts it (Conan, Rousset, Madec 1995);
-// correlations between radial orders are left out. Made for a whole run ahead, constant afterwards: whoever
-// asks twice gets the same light, and threads share it freely.
+// Zernike coefficients over time. Each mode is a process of second order. Its variance is that of
+// Kolmogorov's turbulence (Noll 1976), and its knee lies where the wind puts it (Conan, Rousset, Madec 1995).
+// Correlations between radial orders are left out. The light of a whole run is made ahead and constant
+// afterwards: whoever asks twice gets the same, and threads share it freely.
 
 #include "cameras/lightSource.hpp"
 
@@ -26,7 +26,7 @@ public:
     Light(const LightSettings& settings, std::uint64_t seed, std::uint32_t modes, Seconds duration);
 
     std::uint32_t Modes() const override { return m_modes; }
-    // Between two grid points on the line that joins them, beyond the run as at its end.
+    // Between two grid points linear, beyond the run as at its end.
     void At(Seconds time, std::span<double> coefficients) const override;
 
 private:

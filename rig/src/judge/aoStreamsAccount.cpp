@@ -257,9 +257,9 @@ private:
         return std::nullopt;
     }
 
-    // Each handover takes up what was applied last, and from then on the stream tells what M4 has beyond
-    // that. The samples themselves tell what was applied last; where there may be several, those count that
-    // fit all samples until the next handover.
+    // Each handover takes up what was applied last. From then on the stream tells what M4 has beyond that.
+    // The samples tell what was applied last. Where there may be several, those count that fit all samples
+    // until the next handover.
     bool IsWithoutReference(const AoSample& sample, std::size_t setpoint) {
         const SetpointRecord& record = m_facts.setpoints[setpoint];
         const time_point time = CommandTime(record);

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the coefficients of a wavefront sensor should come out as, from theory alone: the mean and the noise
-// of the centroid in each subaperture, through the control matrix. Pixels: a mode's radians times
+// The coefficients of a wavefront sensor by theory alone: mean and noise of the centroid in each subaperture,
+// through the control matrix. Pixels: a mode's radians times
 // `pixels_per_radian`. After the run.
 
 #include "judge/spotPrediction.hpp"

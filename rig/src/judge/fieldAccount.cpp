@@ -158,8 +158,7 @@ private:
                    });
     }
 
-    // Each record must hold the content of one sample, the newest that was sent `due_age` before it. Younger
-    // ones may be in it or not.
+    // Each record must hold the newest sample that was sent `due_age` before it, or a younger one.
     template <class Record, class Fits>
     void CheckInput(const char* name, std::span<const Sample<Record>> samples, const Trouble& trouble,
                     nanoseconds due_age, const Fits& fits) {
@@ -236,8 +235,8 @@ private:
                       });
     }
 
-    // Each answer must arrive once, under its ID and at its point of the grid; whatever else arrives must
-    // repeat the answer before it, as the host does while the flowgraph is silent.
+    // Each answer must arrive once, under its ID and at its point of the grid. Whatever else arrives must
+    // repeat the answer before it: the host does so while the flowgraph is silent.
     template <class Record, class Fits>
     void CheckCommands(const char* name, std::span<const Sample<Record>> commands, const Trouble& trouble,
                        const Fits& fits) {

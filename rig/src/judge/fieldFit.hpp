@@ -36,8 +36,8 @@ struct LoopFit {
     double Rejection() const { return residual_rms > 0.0 ? disturbance_rms / residual_rms : 0.0; }
 };
 
-// The prediction is that of a loop which no peer ever left. What the absence of ECMWFSim, M5 or PFS spoils is
-// left out of the fit, until `expect.recovery` after the return: by then the loop must have closed.
+// The prediction is that of a loop which no peer ever left. The fit leaves out what the absence of ECMWFSim,
+// M5 or PFS spoils, until `expect.recovery` after the return: by then the loop must have closed.
 LoopFit FitLoop(const Scenario& scenario, const FieldFacts& facts);
 
 }  // namespace vosk::rig

@@ -45,8 +45,8 @@ public:
     }
 
 private:
-    // The frame of each record: by its content, as the host leaves no other trace of it; behind the frame of
-    // the record before.
+    // The frame of each record, behind that of the record before. It is found by its content: the host leaves
+    // no other trace of it.
     void FindFrames() {
         m_record_of.resize(m_facts.frames.size());
         if (m_facts.frames.empty()) return;
@@ -109,8 +109,7 @@ private:
         }
     }
 
-    // A life of the flowgraph, from its first record on; a process that brings none in time counts from when
-    // it should have.
+    // A life of the flowgraph begins with its first record, or when that was due.
     struct Life {
         time_point from;
         time_point to;

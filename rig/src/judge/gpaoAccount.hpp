@@ -1,7 +1,7 @@
 #pragma once
 
-// The books of GPAO's flowgraph: every frame of the wavefront sensor that becomes a record, what its
-// coefficients are worth, and what the flowgraph makes of them. Pure functions of what the peers wrote down.
+// The books of GPAO's flowgraph: which frames of the wavefront sensor become records, what their coefficients
+// are worth, and what the flowgraph makes of them. Pure functions of what the peers wrote down.
 
 #include "judge/coefficientPrediction.hpp"
 #include "judge/hopAccount.hpp"

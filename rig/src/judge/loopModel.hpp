@@ -1,8 +1,8 @@
 #pragma once
 
-// A loop as theory has it, for one mode of the light: controllers that look at the residual at each exposure,
-// and mirrors that each get a share of a controller's value after the delay of their leg and follow it as a
-// first-order lag. Seconds throughout.
+// A loop as theory has it, for one mode of the light. Controllers look at the residual at each exposure. Each
+// mirror gets a share of a controller's value after a delay, and follows it as a first-order lag. Seconds
+// throughout.
 
 #include <cstddef>
 #include <vector>
@@ -48,13 +48,13 @@ private:
     std::vector<Mirror> m_mirrors;
 };
 
-// |S|: by how much the loop changes a wave of each frequency, hertz. Of the impulse response, and so exact
-// for the sampled loop with all its delays.
+// |S|: by how much the loop changes a wave of each frequency, hertz. It is taken from the impulse response,
+// and so exact for the sampled loop with all its delays.
 std::vector<double> RejectionAt(const std::vector<LoopController>& controllers, double period,
                                 const std::vector<double>& frequencies);
 
 // Mean power of `values` at frequencies k / (length x period), k = 1 to length / 2 - 1, over half overlapping
-// windows of `length` (Welch). In one unit for all calls of one length.
+// windows of `length` (Welch). Calls of one length have one unit.
 std::vector<double> PowerSpectrum(const std::vector<double>& values, std::size_t length);
 
 }  // namespace vosk::rig

@@ -56,7 +56,7 @@ struct ArrivedPackets {
 // may count or not.
 struct ArrivedAccount {
     std::uint64_t sent = 0;      // as the host counts
-    std::uint64_t received = 0;  // what can be of those; stale ones, too
+    std::uint64_t received = 0;  // of those, stale ones included
     std::uint64_t away = 0;      // points of the grid with nothing, while nobody was there
     std::uint64_t lost = 0;      // sent, while somebody was there, and not received
     std::uint64_t unsent = 0;    // of the points while nobody was there

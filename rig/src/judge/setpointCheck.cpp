@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 using defs::VoskControlMode;
 
 constexpr double ROUNDING = 1e-5;
-// Of each kind, so many of the newest commands may be the one.
+// A setpoint may hold one of so many newest commands of each kind.
 constexpr std::size_t CANDIDATES = 10;
 // A mode that was in force so long before the planned time may have made a setpoint.
 constexpr auto MODE_AGE = 300ms;

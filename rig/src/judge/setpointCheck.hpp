@@ -1,8 +1,8 @@
 #pragma once
 
-// Whether each setpoint of M4 is what the control mode makes of the commands that came in: tip and tilt from
-// one of them, the modes above from another, the reference shape on top. No limit is reached here, so that
-// the content is the sum to within the rounding of single precision. After the run.
+// Whether each setpoint of M4 is what the control mode makes of the commands that came in: tip and tilt of
+// one, the modes above of another, and the reference shape. No limit is reached here, so that the content is
+// the sum, but for rounding to single precision. After the run.
 
 #include "modeTimeline.hpp"
 #include "peers/flowgraphProcess.hpp"
@@ -31,7 +31,7 @@ struct SetpointAccounts {
     std::uint64_t wrong = 0;
     std::uint64_t unchecked = 0;  // the vector was not kept
     std::vector<time_point> wrong_at;
-    // From the newest of the commands that it is made of, being given, to its arrival: microseconds.
+    // Microseconds from the newest of its commands to its arrival.
     std::vector<double> delays;
 };
 

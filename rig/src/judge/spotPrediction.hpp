@@ -1,11 +1,11 @@
 #pragma once
 
-// What a centroid of a spot should come out as, from theory alone: the mean and the noise of a centre of
-// gravity over the pixels from a threshold on. A pixel of mean m and noise s is taken if its value reaches
+// The centroid of a spot by theory alone: mean and noise of a centre of gravity over the pixels that reach a
+// threshold. A pixel of mean m and noise s is taken if its value reaches
 // the threshold, so that its contribution has the moments of a normal distribution cut off there. Photon,
-// read and rounding noise count; the estimate moves with the threshold's cut and with the sky, and both stand
-// in the mean. A bad pixel counts as the mean of its neighbours, by which it is repaired; that it shares
-// their noise is left out, and its region is marked.
+// read and rounding noise count. The threshold's cut and the sky move the estimate, and the mean has both. A
+// bad pixel counts as the mean of its neighbours, by which it is repaired. That it shares their noise is left
+// out, and its region is marked.
 
 #include "cameras/cameraScene.hpp"
 #include "cameras/spotProfile.hpp"

@@ -16,11 +16,11 @@ namespace {
 using defs::VoskControlMode;
 
 constexpr std::size_t TIP_TILT = 2;
-// Of modes: the higher ones are lost in the noise of the sensor.
+// So many modes: those above are lost in the noise of the sensor.
 constexpr std::size_t HIGH_ORDER_JUDGED = 14;
-// Cameras fall silent after their first frame: loops close then. A handover, too, is over after this.
+// Cameras are silent after their first frame, and loops close after that. A handover takes less.
 constexpr double SETTLING = 2.0;
-constexpr double SHORTEST = 1.0;  // of what is left of a segment, to be judged
+constexpr double SHORTEST = 1.0;  // a segment with less left is not judged
 constexpr double REJECTION_SEGMENT = 3.0;
 constexpr std::size_t SPECTRUM_LENGTH = 64;
 
@@ -92,8 +92,8 @@ std::vector<TelescopeLoop::Segment> TelescopeLoop::Segments() const {
     return segments;
 }
 
-// Exposures, input and commands of field stabilisation stand on one grid, and M4's setpoints under the
-// telescope's control on another; see TelescopeSettings.
+// Exposures and field stabilisation stand on one grid. Under the telescope's control M4's setpoints stand on
+// another, see TelescopeSettings.
 std::vector<LoopController> TelescopeLoop::ControllersOf(VoskControlMode mode, bool tip_tilt) const {
     const StreamSettings& streams = *m_scenario.streams;
     const TelescopeSettings& telescope = *m_scenario.telescope;

@@ -67,7 +67,7 @@ std::size_t MostFrames(const Scenario& scenario, const CameraSettings& settings)
     return static_cast<std::size_t>(rate * scenario.duration.count()) + 16;
 }
 
-// Well above a period: a host that gives a broken frame up in the middle of the next one loses that, too.
+// Well above a period: a host that gives up a broken frame in the midst of the next one loses that, too.
 std::chrono::milliseconds TimeoutFor(const CameraSettings& settings) {
     using std::chrono::milliseconds;
     return std::clamp(std::chrono::ceil<milliseconds>(4 * settings.Period()), milliseconds{50},
@@ -202,7 +202,7 @@ void CameraPeer::Run() {
         m_first + std::chrono::duration_cast<std::chrono::nanoseconds>(m_scenario.duration);
     std::uint64_t number = 0;
     for (time_point exposed = m_first; exposed < end && m_running; exposed += Period(), ++number) {
-        // What the mirrors do to the light is known when it is there.
+        // What the mirrors do to the light is known at its time, not before.
         const Frame* frame = m_scenario.telescope ? nullptr : &NextFrame(number, exposed);
         SleepUntil(exposed);
         if (m_silent || (number > 0 && exposed - m_first < QUIET_AFTER_FIRST)) continue;
@@ -241,7 +241,7 @@ void CameraPeer::SendFrame(const Frame& frame, std::uint64_t number, time_point 
     if (fault && fault->kind == FaultKind::Delay) SleepUntil(exposed + fault->delay);
     if (fault && IsOfPackets(fault->kind)) m_faulty.Arm(*fault);
     record->begun = AtomClk::now();
-    // The host may not be there any more; the results that don't come tell.
+    // The host may not be there any more. Results that don't come tell of it.
     static_cast<void>(SendSample(frame, *record));
     static_cast<void>(m_faulty.Release());
     record->sent = AtomClk::now();

@@ -50,7 +50,7 @@ public:
     void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
-    // In the order of time; of the kind that the part names. After FallSilent().
+    // In order of time, of the kind that the part names. After FallSilent().
     template <class Record>
     std::vector<Record> Records() const {
         std::vector<Record> records(LogSize() / sizeof(Record));

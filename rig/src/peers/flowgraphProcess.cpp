@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto LOOK_ROUND = 50ms;
-// Of the room in the mailbox of the output.
+// For room in the mailbox of the output.
 constexpr auto PATIENCE = 5ms;
 
 std::atomic<bool> g_stopped{false};
@@ -36,7 +36,7 @@ public:
         };
         const double tip = mean(&defs::FloatVectorTT::tip);
         const double tilt = mean(&defs::FloatVectorTT::tilt);
-        // Noise makes each measurement its own: the same one again is none, and a camera fell silent.
+        // With their noise no two measurements are alike: the same one again means that a camera fell silent.
         if (in.img_centroid_error != m_errors) {
             m_tip = m_options.leak * m_tip + m_options.gain * tip;
             m_tilt = m_options.leak * m_tilt + m_options.gain * tilt;
@@ -69,8 +69,7 @@ public:
 
     explicit GpaoController(const FlowgraphOptions& options) : m_options(options) {}
 
-    // Goes on from the last command: M4 has kept it while no flowgraph lived, and a start at zero would make
-    // it jump.
+    // Goes on from the last command. M4 has kept it while no flowgraph lived, and would jump at a zero.
     void Answer(const common::shmif::GpaoTopicIn& in, common::shmif::GpaoTopicOut& out) {
         if (!m_has_started) m_command.assign(in.last_gpao_cmd.begin(), in.last_gpao_cmd.end());
         m_has_started = true;
@@ -107,7 +106,7 @@ void Loop(const FlowgraphOptions& options, common::shmif::ShmReaderRT& reader,
         record.out.sample_id = record.in.sample_id;
         record.out.input_sample_id = record.in.sample_id;
         record.out.input_timestamp = record.in.timestamp;
-        // Noted before it is given: whoever is killed in between has not given what nobody knows of.
+        // Noted before it is given, so that a kill in between leaves no answer that nobody knows of.
         if (!note()) return;
         record.delivery = writer.TimedSend(&record.out, PATIENCE) ? Delivery::Done : Delivery::Refused;
         record.given = AtomClk::now();

@@ -1,7 +1,7 @@
 #pragma once
 
-// A flowgraph, in a process of its own: takes each record of the host out of its mailbox, integrates the
-// error, and puts the commands into the other. Integrator and sample counts go with the process.
+// A flowgraph, in a process of its own: takes each record of the host out of one mailbox, integrates the
+// error, and puts the commands into another. Integrator and sample counts go with the process.
 
 #include "clock.hpp"
 #include "scenario.hpp"

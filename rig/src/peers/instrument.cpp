@@ -115,7 +115,7 @@ void Instrument::SendCommand(std::uint64_t number, time_point time_stamp) {
                sample_id, valid,      fault ? std::optional(fault->kind) : std::nullopt};
     m_log.Publish(m_log.WrittenCount());
     m_sender.SetSampleId(sample_id);
-    // The host may not be there yet, or not any more; nobody but the setpoints that don't come need tell.
+    // The host may not be there yet, or no more. Setpoints that don't come tell of it.
     static_cast<void>(m_sender.SendSample(BytesOf(info), BytesOf(m_payload), {}, time_stamp, {}, {}));
     static_cast<void>(m_faulty_socket.Release());
 }

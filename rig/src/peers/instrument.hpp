@@ -36,8 +36,8 @@ public:
 
     // One entry a command sent.
     const AppendLog<CommandRecord>& Log() const { return m_log; }
-    // Grid points at which this thread itself woke too late to send a command that the host could serve, and
-    // sent none. Any thread.
+    // Grid points at which this thread woke too late for a command that the host could serve, and sent none.
+    // Any thread.
     std::uint64_t Overruns() const { return m_overruns.load(std::memory_order_relaxed); }
 
 private:

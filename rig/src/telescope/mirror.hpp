@@ -1,7 +1,7 @@
 #pragma once
 
-// A mirror that follows its last command as a first-order lag. It keeps all commands, so that its position at
-// any time that has passed can be told again. Any thread.
+// A mirror that follows its last command as a first-order lag. It keeps all commands, and so can tell its
+// position at any time that has passed. Any thread.
 
 #include "clock.hpp"
 
@@ -20,7 +20,7 @@ public:
 
     std::size_t Modes() const { return m_modes; }
 
-    // From `time` on, but not before a time at which somebody has already seen the mirror.
+    // From `time` on, but not before the latest time at which somebody saw the mirror.
     void Follow(time_point time, std::span<const double> target);
     void At(time_point time, std::span<double> position) const;
 

@@ -50,7 +50,7 @@ public:
     // PliConfigTypeError unless the node is a scalar.
     const PliConfigScalarValue& GetScalar() const;
 
-    // Counts the node and all below it as asked for: nobody can tell whether they would have been.
+    // Counts the node and all below it as asked for, where nobody can tell whether they would have been.
     void PassOver() const;
 
     // From the top of the document, "cfg.m4.output[0].cpu": the node's name in all messages. The top itself

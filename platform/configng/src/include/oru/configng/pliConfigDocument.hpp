@@ -44,8 +44,8 @@ private:
     PliConfigInstanceNode m_instances;
 };
 
-// The keys and elements that nobody has asked for though their parent was read: after set-up, the misspelt
-// and the superfluous. What stands below an unread key is not listed.
+// The keys and elements that nobody has asked for though their parent was read. After set-up these are the
+// misspelt and the superfluous. What stands below an unread key is not listed.
 std::vector<PliConfigKey> UnreadKeys(const PliConfigDocument& document);
 
 }  // namespace oru::configng

@@ -1,7 +1,7 @@
 #pragma once
 
-// For a host that wants to know everything that is wrong with a document, where a run ends with the first
-// fault. Set-up code is the same for both: without a review its errors are exceptions, as ever.
+// For a host that wants to know all that is wrong with a document. A run ends with the first fault. Set-up
+// code is the same for both: without a review its errors are exceptions.
 
 #include <oru/configng/pliConfig.hpp>
 
@@ -60,8 +60,8 @@ private:
 };
 
 // Runs the step, which reads `node` or makes what it describes. In a run its exceptions pass. Under a review
-// one is noted at the node, unless the node has a problem already or faults that were noted in the course of
-// the step explain it; keys below the node then count as read, as the step may not have come to them.
+// one is noted at the node, unless the node has a problem already, or the step has noted faults that explain
+// it. Keys below the node then count as read: the step may not have come to them.
 void Attempt(const PliConfigInstanceNode& node, const std::function<void()>& step);
 
 }  // namespace oru::configng
