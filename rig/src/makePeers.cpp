@@ -58,7 +58,8 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
     // A scenario with a telescope has both flowgraphs.
     if (optics && field != nullptr && gpao != nullptr)
         judge = std::make_unique<TelescopeLoop>(
-            scenario, calibration, modes, TelescopeLoop::Parts{optics, instruments_loop, *m4, *field, *gpao});
+            scenario, calibration, modes,
+            TelescopeLoop::Parts{optics, instruments_loop, *instrument, *m4, *field, *gpao});
     else
         judge = std::make_unique<AoLoop>(scenario, calibration, modes, *instrument, *m4);
     peers.push_back(std::move(instrument));

@@ -40,6 +40,29 @@ TEST(SentAccount, FollowsTheHostThroughEachFault) {
     }
 }
 
+TEST(SampleBooks, CloseUpToWhatTheKernelDropped) {
+    FaultCounts faults;
+    for (const FaultKind kind : {FaultKind::Drop, FaultKind::Corrupt, FaultKind::Truncate, FaultKind::Reorder,
+                                 FaultKind::Duplicate, FaultKind::WrongSampleId})
+        faults.Add(kind);
+    RunFacts facts;
+    facts.status_time = facts.status_answered = START + 1s;
+    std::vector<time_point> sent(100, START);
+    sent.push_back(START + 1s + 1ms);
+    struct Case {
+        HostStream host;  // samples, invalid, lost, dropped
+        std::size_t differences;
+    };
+    const std::vector<Case> cases{{{97, 3, 0, 0}, 0}, {{98, 2, 0, 0}, 1}, {{96, 4, 0, 0}, 1},
+                                  {{96, 3, 0, 0}, 1}, {{98, 3, 0, 0}, 1}, {{95, 4, 1, 2}, 0},
+                                  {{94, 6, 0, 2}, 1}, {{94, 3, 3, 2}, 1}};
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(CompareSamplesWithHost("stream", SentUntilTold(sent, facts), faults, cases[i].host).size(),
+                  cases[i].differences);
+    }
+}
+
 TEST(ArrivedAccount, TellsALossFromAnAbsence) {
     RunFacts facts;
     facts.status_time = facts.status_answered = START + 205ms;

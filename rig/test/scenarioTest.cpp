@@ -1,5 +1,7 @@
+#include "judge/outages.hpp"
 #include "scenario.hpp"
 
+#include <fmt/format.h>
 #include <vosk/test/support.hpp>
 
 namespace vosk::rig {
@@ -51,6 +53,40 @@ TEST(Scenario, ExpectsOfAnotherLengthWhatIsDueInIt) {
     cut.ChangeDuration(20s);
     EXPECT_EQ(cut.expect.min_setpoints, 1700U);
     EXPECT_THROW(cut.ChangeDuration(2s), std::runtime_error);
+}
+
+TEST(Outages, LeaveTheStretchesInWhichALoopIsWhole) {
+    using defs::VoskControlMode;
+    const Scenario scenario = ParseScenario(R"({name: x, seconds: 50,
+        cameras: [{camera: WFS_GP1, kind: lisa_wfs}, {camera: IMG_GP1, kind: alice}], steps: [
+        {at: 5, m5: dead}, {at: 8, m5: alive}, {at: 6, flowgraph: dead}, {at: 7, flowgraph: alive},
+        {at: 12, camera: WFS_GP1, stream: silent}, {at: 14, camera: WFS_GP1, stream: sending},
+        {at: 18, instrument: silent}, {at: 22, instrument: sending}, {at: 25, m4: dead}, {at: 27, m4: alive},
+        {at: 26, camera: IMG_GP1, stream: silent}, {at: 28, camera: IMG_GP1, stream: sending},
+        {at: 45, gpao_flowgraph: dead}]})",
+                                            "test");
+    struct Case {
+        VoskControlMode mode;
+        bool tip_tilt;
+        double begin;
+        double end;
+        std::string stretches;
+    };
+    const std::vector<Case> cases{
+        {VoskControlMode::TEL_DRIVEN, true, 0, 20, "0-5 8-20 M5 "},
+        {VoskControlMode::TEL_DRIVEN, false, 0, 20, "0-12 14-20 WFS_GP1 "},
+        {VoskControlMode::TEL_DRIVEN_WITH_GPAO_TT, true, 0, 20, "0-5 8-12 M5 14-20 WFS_GP1 "},
+        {VoskControlMode::INS_DRIVEN_CASCADE, true, 20, 40, "22-25 the instrument 28-40 IMG_GP1 "},
+        {VoskControlMode::INS_DRIVEN_SEQUENTIAL, false, 20, 40, "22-25 the instrument 27-40 M4 "},
+        {VoskControlMode::TEL_DRIVEN, false, 40, 50, "40-45 "}};
+    for (const Case& each : cases) {
+        std::string found;
+        for (const ClosedStretch& stretch :
+             ClosedStretches(OutagesOf(scenario), each.mode, each.tip_tilt, {each.begin, each.end, {}}))
+            found += fmt::format("{:g}-{:g} {}{}", stretch.begin, stretch.end, stretch.after,
+                                 stretch.after.empty() ? "" : " ");
+        EXPECT_EQ(found, each.stretches);
+    }
 }
 
 }  // namespace

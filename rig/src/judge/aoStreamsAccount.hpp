@@ -26,7 +26,7 @@ struct AoStreamsFacts {
     std::array<std::uint64_t, AO_STREAMS> broken{};  // samples that reached the rig in parts
     std::span<const SetpointRecord> setpoints;
     std::span<const FeedbackRecord> feedback;
-    std::span<const Sample<defs::M5PttAct::Payload>> m5_positions;  // empty: there is no M5
+    std::span<const Sample<defs::M5PttAct::Payload>> m5_positions;  // that the host took; empty: no M5
     std::span<const FieldRecord> flowgraph;                         // empty: there is none
     std::span<const ModeTimeline::Change> modes;
     time_point until;  // beats that last beyond this need not be whole

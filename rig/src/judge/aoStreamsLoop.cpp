@@ -1,6 +1,7 @@
 #include "judge/aoStreamsLoop.hpp"
 
 #include "judge/aoStreamsAccount.hpp"
+#include "judge/packetAccount.hpp"
 
 #include <fmt/format.h>
 
@@ -45,6 +46,7 @@ void AddAoStreams(const Scenario& scenario, Ports& ports, std::vector<std::uniqu
 
 PeerAccount AoStreamsLoop::Account(const RunFacts& run) const {
     std::vector<FieldRecord> flowgraph;
+    std::vector<Sample<defs::M5PttAct::Payload>> positions;
     AoStreamsFacts facts;
     facts.commands = m_peers.instrument.Log().Entries();
     for (std::size_t i = 0; i < AO_STREAMS; ++i) {
@@ -56,7 +58,9 @@ PeerAccount AoStreamsLoop::Account(const RunFacts& run) const {
     if (m_peers.field != nullptr) {
         flowgraph = m_peers.field->GetPeers().flowgraph.Records<FieldRecord>();
         facts.flowgraph = flowgraph;
-        facts.m5_positions = m_peers.field->GetPeers().m5.Positions().Entries();
+        const auto& sent = m_peers.field->GetPeers().m5.Positions();
+        positions = TakenOf(sent, AccountOfSent(sent));
+        facts.m5_positions = positions;
     }
     facts.modes = run.modes;
     facts.until = run.stop_asked.value_or(time_point::max());

@@ -39,21 +39,14 @@ public:
     std::vector<Sample<Record>> CheckSent(Stream stream, const char* host_name,
                                           const AppendLog<Sample<Record>>& log,
                                           std::vector<time_point>& spoilt) {
-        std::vector<SentPacket> packets;
         FaultCounts faults;
         for (const auto& sample : log.Entries()) {
-            packets.push_back({sample.id, sample.stamped, sample.fault});
             faults.Add(sample.fault);
-        }
-        const SentAccount sent = AccountOfSent(packets);
-        Add(stream, host_name, sent, faults);
-        std::vector<Sample<Record>> taken;
-        for (std::size_t i = 0; i < packets.size(); ++i) {
-            const auto& sample = log.Entries()[i];
-            if (sent.fates[i] == PacketFate::Taken) taken.push_back(sample);
             if (sample.fault && HarmOf(*sample.fault) != Harm::None) spoilt.push_back(sample.stamped);
         }
-        return taken;
+        const SentAccount sent = AccountOfSent(log);
+        Add(stream, host_name, sent, faults);
+        return TakenOf(log, sent);
     }
 
     template <class Record>

@@ -9,6 +9,8 @@ namespace {
 
 // A gap this wide, or a step back, is a sender that started again.
 constexpr std::uint32_t WIDEST_GAP = 1U << 20U;
+// From the sender to the host's count.
+constexpr std::chrono::milliseconds ON_ITS_WAY{2};
 
 PacketFate FateOnTheWay(const SentPacket& packet) {
     if (packet.fault == FaultKind::Drop) return PacketFate::Dropped;
@@ -65,6 +67,31 @@ std::vector<std::string> CompareWithHost(const std::string& name, const SentAcco
     compare("lost ones", host.lost, due.lost + host.dropped_packets);
     compare("stale packets", host.stale_packets, due.stale_packets);
     compare("invalid ones", host.invalid, due.invalid);
+    return differences;
+}
+
+SentSamples SentUntilTold(std::span<const time_point> sent, const RunFacts& facts) {
+    SentSamples samples;
+    for (const time_point time : sent) {
+        if (time <= facts.status_answered) ++samples.most;
+        if (time <= facts.status_time - ON_ITS_WAY) ++samples.least;
+    }
+    return samples;
+}
+
+std::vector<std::string> CompareSamplesWithHost(const std::string& name, SentSamples sent,
+                                                const FaultCounts& faults, const HostStream& host) {
+    const std::uint64_t spoilt =
+        faults.Of(FaultKind::Drop) + faults.Of(FaultKind::Corrupt) + faults.Of(FaultKind::Truncate);
+    std::vector<std::string> differences;
+    // What the kernel drops spoils more.
+    if (host.invalid < spoilt || host.invalid > spoilt + host.dropped_packets)
+        differences.push_back(
+            fmt::format("{}: the host counts {} invalid ones, not {}", name, host.invalid, spoilt));
+    const std::uint64_t counted = host.samples + host.invalid;
+    if (counted > sent.most || counted + host.dropped_packets < sent.least)
+        differences.push_back(fmt::format("{}: the host counts {} samples and {} invalid ones of {}", name,
+                                          host.samples, host.invalid, sent.least));
     return differences;
 }
 

@@ -4,6 +4,7 @@
 // was sent to it, and what it sent against what arrived. Pure functions of what both ends wrote down.
 
 #include "peers/absences.hpp"
+#include "peers/recordStreams.hpp"
 #include "runFacts.hpp"
 
 #include <vosk/defs/sizes.hpp>
@@ -38,9 +39,37 @@ struct SentAccount {
 
 // In the order in which they left.
 SentAccount AccountOfSent(std::span<const SentPacket> packets);
+
+template <class Record>
+SentAccount AccountOfSent(const AppendLog<Sample<Record>>& log) {
+    std::vector<SentPacket> packets;
+    for (const auto& sample : log.Entries()) packets.push_back({sample.id, sample.stamped, sample.fault});
+    return AccountOfSent(packets);
+}
+
+// Those of the log that the host took: in the order of their times.
+template <class Record>
+std::vector<Sample<Record>> TakenOf(const AppendLog<Sample<Record>>& log, const SentAccount& account) {
+    std::vector<Sample<Record>> taken;
+    for (std::size_t i = 0; i < account.fates.size(); ++i)
+        if (account.fates[i] == PacketFate::Taken) taken.push_back(log.Entries()[i]);
+    return taken;
+}
 // How the host's counts differ, a sentence each.
 std::vector<std::string> CompareWithHost(const std::string& name, const SentAccount& account,
                                          const HostStream& host);
+
+// Up to the moment at which the host told its counts: the last ones may be in them or not.
+struct SentSamples {
+    std::uint64_t least = 0;
+    std::uint64_t most = 0;
+};
+SentSamples SentUntilTold(std::span<const time_point> sent, const RunFacts& facts);
+
+// Of a stream of samples of several packets: one that lost a packet, or got one damaged, is invalid, and any
+// other is taken, whatever the order of its packets.
+std::vector<std::string> CompareSamplesWithHost(const std::string& name, SentSamples sent,
+                                                const FaultCounts& faults, const HostStream& host);
 
 struct ArrivedPacket {
     time_point stamped;  // on the host's grid

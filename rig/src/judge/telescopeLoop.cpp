@@ -1,6 +1,7 @@
 #include "judge/telescopeLoop.hpp"
 
 #include "judge/aoLoop.hpp"
+#include "judge/packetAccount.hpp"
 #include "judge/setpointCheck.hpp"
 #include "report/plots.hpp"
 
@@ -23,6 +24,10 @@ constexpr double SETTLING = 2.0;
 constexpr double SHORTEST = 1.0;  // a segment with less left is not judged
 constexpr double REJECTION_SEGMENT = 3.0;
 constexpr std::size_t SPECTRUM_LENGTH = 64;
+// For so long after a peer is back and `expect.recovery` is over, the residual must be no more than so many
+// times what is predicted.
+constexpr double RETURN_WINDOW = 1.0;
+constexpr double MOST_EXCESS = 2.0;
 
 // Setpoints are judged as sums: no limit may act on them.
 constexpr float WIDE_LIMIT = 1e3F;
@@ -45,16 +50,21 @@ double Rms(std::span<const double> values) {
 
 }  // namespace
 
+const std::array<TelescopeLoop::Group, 2> TelescopeLoop::GROUPS{
+    {{"tip and tilt", 0, TIP_TILT}, {"high order", TIP_TILT, TIP_TILT + HIGH_ORDER_JUDGED}}};
+
 void TelescopeLoop::AddTo(HostDocument& document) const {
     LoopCalibration calibration = m_calibration;
     calibration.limits = {WIDE_LIMIT, WIDE_LIMIT};
     AddAoTasks(m_scenario, calibration, document);
 }
 
-PeerAccount TelescopeLoop::Account(const RunFacts&) const {
+PeerAccount TelescopeLoop::Account(const RunFacts& facts) const {
     PeerAccount account;
     AddSetpoints(account);
+    AddPackets(account, facts);
     AddLoops(account);
+    AddReturns(account);
     return account;
 }
 
@@ -80,6 +90,32 @@ void TelescopeLoop::AddSetpoints(PeerAccount& account) const {
     if (setpoints.right == 0) account.violations.emplace_back("no setpoint was right");
 }
 
+void TelescopeLoop::AddPackets(PeerAccount& account, const RunFacts& facts) const {
+    if (!facts.at_rest) return;
+    const auto compare = [&](const char* name, const char* host_name, std::span<const time_point> sent,
+                             const FaultCounts& faults) {
+        const HostStream* host = facts.FindStream(host_name);
+        if (host == nullptr) return;
+        for (std::string& difference :
+             CompareSamplesWithHost(name, SentUntilTold(sent, facts), faults, *host))
+            account.violations.push_back(std::move(difference));
+    };
+    FaultCounts command_faults;
+    std::vector<time_point> commands;
+    for (const CommandRecord& command : m_parts.commands.Log().Entries()) {
+        command_faults.Add(command.fault);
+        commands.push_back(command.sent);
+    }
+    compare("wavefront command", "AO_WAVEFRONT_CMD_INPUT", commands, command_faults);
+    FaultCounts answer_faults;
+    std::vector<time_point> answers;
+    for (const SetpointRecord& setpoint : m_parts.m4.Log().Entries()) {
+        answer_faults.Add(setpoint.answer_fault);
+        if (setpoint.answer_sent != time_point{}) answers.push_back(setpoint.answer_sent);
+    }
+    compare("am:setpoint_applied", "M4_INPUT", answers, answer_faults);
+}
+
 std::vector<TelescopeLoop::Segment> TelescopeLoop::Segments() const {
     std::vector<Segment> segments{{VoskControlMode::TEL_DRIVEN, SETTLING, m_scenario.duration.count()}};
     for (const ModeTimeline::Change& change : m_modes.Changes()) {
@@ -87,9 +123,12 @@ std::vector<TelescopeLoop::Segment> TelescopeLoop::Segments() const {
         segments.back().end = asked;
         segments.push_back({change.mode, asked, m_scenario.duration.count()});
     }
-    std::erase_if(segments,
-                  [](const Segment& segment) { return segment.end - segment.begin < SETTLING + SHORTEST; });
     return segments;
+}
+
+std::vector<ClosedStretch> TelescopeLoop::Closed(const Segment& segment, const Group& group) const {
+    return ClosedStretches(OutagesOf(m_scenario), segment.mode, group.IsTipTilt(),
+                           {segment.begin, segment.end, {}});
 }
 
 // Exposures and field stabilisation stand on one grid. Under the telescope's control M4's setpoints stand on
@@ -128,33 +167,29 @@ std::vector<LoopController> TelescopeLoop::ControllersOf(VoskControlMode mode, b
     }
 }
 
-TelescopeLoop::Fit TelescopeLoop::FitModes(const Segment& segment, std::size_t from, std::size_t to) const {
+void TelescopeLoop::FitModes(Fit& fit, VoskControlMode mode, const Group& group, double start,
+                             Window window) const {
     const double period = InSeconds(m_scenario.streams->interval);
-    const auto controllers = ControllersOf(segment.mode, from < TIP_TILT);
-    std::vector<LoopModel> models(to - from, LoopModel(controllers, period));
-    Fit fit;
-    std::size_t count = 0;
-    const auto first = static_cast<std::size_t>(std::ceil(segment.begin / period));
-    for (std::size_t k = first; static_cast<double>(k) * period < segment.end; ++k) {
+    const auto controllers = ControllersOf(mode, group.IsTipTilt());
+    std::vector<LoopModel> models(group.to - group.from, LoopModel(controllers, period));
+    const auto first = static_cast<std::size_t>(std::ceil(start / period));
+    for (std::size_t k = first; static_cast<double>(k) * period < window.end; ++k) {
         const Seconds time{static_cast<double>(k) * period};
         Modes sky{};
         Modes residual{};
         m_parts.optics->Sky().At(time, sky);
         m_parts.optics->At(time, residual);
-        const bool counts = time.count() >= segment.begin + SETTLING;
-        for (std::size_t mode = from; mode < to; ++mode) {
-            const double predicted = models[mode - from].Step(sky[mode]);
+        const bool counts = time.count() >= window.begin;
+        for (std::size_t i = group.from; i < group.to; ++i) {
+            const double predicted = models[i - group.from].Step(sky[i]);
             if (!counts) continue;
-            fit.sky += Square(sky[mode]);
-            fit.residual += Square(residual[mode]);
+            fit.sky += Square(sky[i]);
+            fit.residual += Square(residual[i]);
             fit.predicted += Square(predicted);
-            fit.error += Square(residual[mode] - predicted);
+            fit.error += Square(residual[i] - predicted);
         }
-        if (counts) ++count;
+        if (counts) ++fit.count;
     }
-    for (double* sum : {&fit.sky, &fit.residual, &fit.predicted, &fit.error})
-        *sum = std::sqrt(*sum / static_cast<double>(std::max<std::size_t>(count, 1)));
-    return fit;
 }
 
 void TelescopeLoop::AddLoops(PeerAccount& account) const {
@@ -163,34 +198,71 @@ void TelescopeLoop::AddLoops(PeerAccount& account) const {
         {"radians rms", "open", "closed", "predicted", "off", "rejection"},
         {},
         {"Open: the light without mirrors. Predicted: the same light through integrators and "
-         "lags with the delays of the scenario's grids, without noise."}};
+         "lags with the delays of the scenario's grids, without noise. Left out: while a peer of the loop "
+         "was "
+         "away, and 2 s more."}};
     double worst = 1e9;
-    for (const Segment& segment : Segments()) {
-        const auto judge = [&](const char* what, std::size_t from, std::size_t to) {
-            const Fit fit = FitModes(segment, from, to);
-            const std::string name =
-                fmt::format("{:.1f} s, {}, {}", segment.begin, vosk::to_string(segment.mode), what);
-            section.rows.push_back({name, fmt::format("{:.3f}", fit.sky), fmt::format("{:.3f}", fit.residual),
-                                    fmt::format("{:.3f}", fit.predicted), fmt::format("{:.3f}", fit.error),
-                                    fmt::format("{:.2f}", fit.Rejection())});
-            worst = std::min(worst, fit.Rejection());
-            if (fit.error > m_scenario.telescope->max_loop_error * fit.sky)
-                account.violations.push_back(
-                    fmt::format("{}: the residual is {:.3f} rms off its prediction", name, fit.error));
-            if (fit.Rejection() < m_scenario.telescope->min_rejection)
-                account.violations.push_back(
-                    fmt::format("{}: rejects by {:.2f} only", name, fit.Rejection()));
-        };
-        judge("tip and tilt", 0, TIP_TILT);
-        judge("high order", TIP_TILT, TIP_TILT + HIGH_ORDER_JUDGED);
-        if (account.plots.empty() && segment.end - segment.begin > SETTLING + REJECTION_SEGMENT)
-            account.plots.push_back(PlotRejection(segment));
-    }
+    const auto judge = [&](const Segment& segment, const Group& group) {
+        Fit fit;
+        for (const ClosedStretch& stretch : Closed(segment, group)) {
+            const Window window{stretch.begin + SETTLING, stretch.end};
+            FitModes(fit, segment.mode, group, stretch.begin, window);
+            if (account.plots.empty() && group.IsTipTilt() && window.end - window.begin > REJECTION_SEGMENT)
+                account.plots.push_back(PlotRejection(segment.mode, window));
+        }
+        if (static_cast<double>(fit.count) * InSeconds(m_scenario.streams->interval) < SHORTEST) return;
+        const std::string name =
+            fmt::format("{:.1f} s, {}, {}", segment.begin, vosk::to_string(segment.mode), group.name);
+        section.rows.push_back(
+            {name, fmt::format("{:.3f}", fit.Rms(fit.sky)), fmt::format("{:.3f}", fit.Rms(fit.residual)),
+             fmt::format("{:.3f}", fit.Rms(fit.predicted)), fmt::format("{:.3f}", fit.Rms(fit.error)),
+             fmt::format("{:.2f}", fit.Rejection())});
+        worst = std::min(worst, fit.Rejection());
+        if (fit.Rms(fit.error) > m_scenario.telescope->max_loop_error * fit.Rms(fit.sky))
+            account.violations.push_back(
+                fmt::format("{}: the residual is {:.3f} rms off its prediction", name, fit.Rms(fit.error)));
+        if (fit.Rejection() < m_scenario.telescope->min_rejection)
+            account.violations.push_back(fmt::format("{}: rejects by {:.2f} only", name, fit.Rejection()));
+    };
+    for (const Segment& segment : Segments())
+        for (const Group& group : GROUPS) judge(segment, group);
     if (section.rows.empty())
         account.violations.emplace_back("no loop was closed for long enough to be judged");
     account.plots.insert(account.plots.begin(), PlotResidual());
     account.achievement = fmt::format("every loop rejects by {:.1f} or more, as theory has it", worst);
     account.sections.push_back(std::move(section));
+}
+
+void TelescopeLoop::AddReturns(PeerAccount& account) const {
+    const double recovery = InSeconds(m_scenario.expect.recovery);
+    ReportSection section{
+        "The loops after each return",
+        {"radians rms", "open", "closed", "predicted"},
+        {},
+        {fmt::format("For {:g} s, from {:g} s after the return on; closed may be up to {:g} times predicted.",
+                     RETURN_WINDOW, recovery, MOST_EXCESS)}};
+    const auto judge = [&](const Segment& segment, const Group& group, const ClosedStretch& stretch) {
+        const Window window{stretch.begin + recovery, stretch.begin + recovery + RETURN_WINDOW};
+        const std::string name = fmt::format("{:.1f} s, {}, {}", stretch.begin, stretch.after, group.name);
+        if (window.end > stretch.end) {
+            account.violations.push_back(fmt::format("{}: away again before the loop is judged", name));
+            return;
+        }
+        Fit fit;
+        FitModes(fit, segment.mode, group, stretch.begin, window);
+        section.rows.push_back({name, fmt::format("{:.3f}", fit.Rms(fit.sky)),
+                                fmt::format("{:.3f}", fit.Rms(fit.residual)),
+                                fmt::format("{:.3f}", fit.Rms(fit.predicted))});
+        if (fit.Excess() > MOST_EXCESS)
+            account.violations.push_back(
+                fmt::format("{}: {:g} s after the return the residual is {:.1f} times what it should be",
+                            name, recovery, fit.Excess()));
+    };
+    for (const Segment& segment : Segments())
+        for (const Group& group : GROUPS)
+            for (const ClosedStretch& stretch : Closed(segment, group))
+                if (!stretch.after.empty()) judge(segment, group, stretch);
+    if (!section.rows.empty()) account.sections.push_back(std::move(section));
 }
 
 Plot TelescopeLoop::PlotResidual() const {
@@ -218,20 +290,20 @@ Plot TelescopeLoop::PlotResidual() const {
     return plot;
 }
 
-Plot TelescopeLoop::PlotRejection(const Segment& segment) const {
+Plot TelescopeLoop::PlotRejection(VoskControlMode mode, Window window) const {
     const double period = InSeconds(m_scenario.streams->interval);
     std::vector<double> sky_power(SPECTRUM_LENGTH / 2 - 1);
     std::vector<double> residual_power(SPECTRUM_LENGTH / 2 - 1);
-    for (std::size_t mode = 0; mode < TIP_TILT; ++mode) {
+    for (std::size_t axis = 0; axis < TIP_TILT; ++axis) {
         std::vector<double> sky_values;
         std::vector<double> residual_values;
-        for (double time = segment.begin + SETTLING; time < segment.end; time += period) {
+        for (double time = window.begin; time < window.end; time += period) {
             Modes sky{};
             Modes residual{};
             m_parts.optics->Sky().At(Seconds{time}, sky);
             m_parts.optics->At(Seconds{time}, residual);
-            sky_values.push_back(sky[mode]);
-            residual_values.push_back(residual[mode]);
+            sky_values.push_back(sky[axis]);
+            residual_values.push_back(residual[axis]);
         }
         const auto add = [](std::vector<double>& sum, const std::vector<double>& values) {
             const std::vector<double> power = PowerSpectrum(values, SPECTRUM_LENGTH);
@@ -250,9 +322,9 @@ Plot TelescopeLoop::PlotRejection(const Segment& segment) const {
     for (double frequency = measured.x.front() / 4; frequency < measured.x.back();
          frequency += measured.x.front() / 8)
         theory.x.push_back(frequency);
-    for (const double value : RejectionAt(ControllersOf(segment.mode, true), period, theory.x))
+    for (const double value : RejectionAt(ControllersOf(mode, true), period, theory.x))
         theory.y.push_back(20.0 * std::log10(value));
-    return {fmt::format("Rejection of tip and tilt from {:.0f} s on", segment.begin),
+    return {fmt::format("Rejection of tip and tilt from {:.0f} s on", window.begin),
             "hertz",
             "decibel, rejected below 0",
             false,
