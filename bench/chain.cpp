@@ -93,40 +93,10 @@ private:
     std::atomic<steady_clock::time_point> m_time{};
 };
 
-class Flowgraph {
-public:
-    Flowgraph(int cpu, bool busy)
-        : m_thread{nodepin::MakeThread("flowgraph", OnCpu(cpu), [this, busy] { Run(busy); })} {}
-    ~Flowgraph() {
-        m_stops = true;
-        m_thread.join();
-    }
-    Flowgraph(const Flowgraph&) = delete;
-    Flowgraph& operator=(const Flowgraph&) = delete;
-
-    steady_clock::time_point Time() const { return m_time; }
-
-private:
-    void Run(bool busy) {
-        GpaoTopicIn in;
-        GpaoTopicOut out;
-        while (!m_stops) {
-            if (!m_in.TimedReceive(&in, busy ? 0ms : READ_LIMIT)) continue;
-            m_time = steady_clock::now();
-            out.timestamp = out.input_timestamp = in.timestamp;
-            out.sample_id = out.input_sample_id = in.sample_id;
-            out.gpao_cmd = in.coefficients;
-            m_out.TimedSend(&out, 500us);
-        }
-    }
-
-    std::atomic<bool> m_stops{false};
-    std::atomic<steady_clock::time_point> m_time{};
-    common::shmif::ShmIf m_shm;
-    common::shmif::ShmReaderRT m_in{m_shm, "gpao_in"};
-    common::shmif::ShmWriterRT m_out{m_shm, "gpao_out"};
-    std::thread m_thread;
-};
+using Flowgraph = AnsweringFlowgraph<GpaoTopicIn, GpaoTopicOut>;
+void AnswerCoefficients(const GpaoTopicIn& in, GpaoTopicOut& out) {
+    out.gpao_cmd = in.coefficients;
+}
 
 struct Matrices {
     Floats ins2gpao = Floats(lumo::GpaoInput::INS2GPAO_SIZE, 1e-3F);
@@ -160,7 +130,7 @@ public:
             "delta_scaling: true, managed_modes: {}, m2p_path: {}, threshold_velocity: 1e6, threshold_gap: "
             "1e6",
             layout.tasks_busy, layout.tasks, MANAGED_MODES, files.Path("m2p.fits"))));
-        m_flowgraph.emplace(layout.flowgraph, layout.busy);
+        m_flowgraph.emplace("gpao", layout.flowgraph, layout.busy, AnswerCoefficients);
         m_coefficients = Probe::On(Object<lumo::GpaoCoefficientsDataSync>(layout.busy));
         m_command = Probe::On(Object<lumo::AoTasksGpaoDataSync>(layout.busy));
         m_setpoint = Probe::On(Setpoint(layout));

@@ -174,37 +174,11 @@ void BenchM5(const std::vector<int>& cpus, bool busy, std::vector<Row>& rows) {
             "bare wake-up, packet", ours, bare, rows);
 }
 
-// Answers each record with M5 at the first imaging camera's error.
-class Flowgraph {
-public:
-    Flowgraph(int cpu, bool busy)
-        : m_thread{nodepin::MakeThread("flowgraph", OnCpu(cpu), [this, busy] { Run(busy); })} {}
-    ~Flowgraph() {
-        m_stops = true;
-        m_thread.join();
-    }
-    Flowgraph(const Flowgraph&) = delete;
-    Flowgraph& operator=(const Flowgraph&) = delete;
-
-private:
-    void Run(bool busy) {
-        FieldStablizationTopicIn in;
-        FieldStablizationTopicOut out;
-        while (!m_stops) {
-            if (!m_in.TimedReceive(&in, busy ? 0ms : READ_LIMIT)) continue;
-            out.timestamp = out.input_timestamp = in.timestamp;
-            out.sample_id = out.input_sample_id = in.sample_id;
-            out.m5 = in.img_centroid_error[0];
-            m_out.TimedSend(&out, 500us);
-        }
-    }
-
-    std::atomic<bool> m_stops{false};
-    common::shmif::ShmIf m_shm;
-    ShmReaderRT m_in{m_shm, "fs_in"};
-    ShmWriterRT m_out{m_shm, "fs_out"};
-    std::thread m_thread;
-};
+using Flowgraph = AnsweringFlowgraph<FieldStablizationTopicIn, FieldStablizationTopicOut>;
+// M5 at the first imaging camera's error.
+void AnswerError(const FieldStablizationTopicIn& in, FieldStablizationTopicOut& out) {
+    out.m5 = in.img_centroid_error[0];
+}
 
 struct Layout {
     std::string name;
@@ -224,7 +198,7 @@ void BenchLeg(const Layout& layout, std::vector<Row>& rows) {
         lumo::FieldStabilizationInput input{Surroundings::NodeOf(InputKeys(cpus[0], busy, OFFSET))};
         lumo::FieldStabilizationOutput output{Surroundings::NodeOf(OutputKeys(cpus[2], busy))};
         lumo::M5Output m5_output{Surroundings::NodeOf(M5Keys(cpus[3], busy, m5.Port()))};
-        const Flowgraph flowgraph{cpus[1], busy};
+        const Flowgraph flowgraph{"fs", cpus[1], busy, AnswerError};
         m5_output.Start().get();
         output.Start().get();
         input.Start().get();

@@ -28,6 +28,48 @@ void Receive(common::shmif::ShmReaderRT& reader, bool busy, Record& record) {
     while (!reader.TimedReceive(&record, busy ? std::chrono::milliseconds{0} : READ_LIMIT)) continue;
 }
 
+// A flowgraph on a thread, which answers each record of the host at once.
+template <class In, class Out>
+class AnsweringFlowgraph {
+public:
+    using Answer = void (*)(const In&, Out&);
+
+    // The mailboxes are `name`_in and `name`_out.
+    AnsweringFlowgraph(const std::string& name, int cpu, bool busy, Answer answer)
+        : m_in{m_shm, name + "_in"},
+          m_out{m_shm, name + "_out"},
+          m_thread{nodepin::MakeThread("flowgraph", OnCpu(cpu), [=, this] { Run(busy, answer); })} {}
+    ~AnsweringFlowgraph() {
+        m_stops = true;
+        m_thread.join();
+    }
+    AnsweringFlowgraph(const AnsweringFlowgraph&) = delete;
+    AnsweringFlowgraph& operator=(const AnsweringFlowgraph&) = delete;
+
+    steady_clock::time_point Time() const { return m_time; }  // of the last record, any thread
+
+private:
+    void Run(bool busy, Answer answer) {
+        In in;
+        Out out;
+        while (!m_stops) {
+            if (!m_in.TimedReceive(&in, busy ? std::chrono::milliseconds{0} : READ_LIMIT)) continue;
+            m_time = steady_clock::now();
+            out.timestamp = out.input_timestamp = in.timestamp;
+            out.sample_id = out.input_sample_id = in.sample_id;
+            answer(in, out);
+            m_out.TimedSend(&out, std::chrono::microseconds{500});
+        }
+    }
+
+    std::atomic<bool> m_stops{false};
+    std::atomic<steady_clock::time_point> m_time{};
+    common::shmif::ShmIf m_shm;
+    common::shmif::ShmReaderRT m_in;
+    common::shmif::ShmWriterRT m_out;
+    std::thread m_thread;
+};
+
 // From a hand-over to the moment at which a waiter of `sync` is awake.
 template <class Sync, class HandOver>
 double UsToWaiter(Sync& sync, const HandOver& hand_over) {
