@@ -217,7 +217,7 @@ TEST(ConfigurationPage, HoldsAnExampleThatCanRun) {
     WriteM2p("m2p.fits", 500, 0.0F);
     WriteM2p("ins2gpao.fits", 52, 0.0F);
     common::Fits::WriteImg<float>(common::Fits::FitsFileWrite("gpao2ins.fits", true, {}),
-                                  std::vector<float>(4866 * 52), {4866, 52});
+                                  std::vector<float>(4866UL * 52), {4866, 52});
     std::string document = Example();
     const std::string key = "listen_udp: ";
     int receivers = 0;

@@ -7,8 +7,6 @@
 
 namespace vosk::lumo {
 
-using defs::CentroidError;
-
 namespace {
 
 constexpr long USERS_WITHOUT_CAMERA = 2;  // the registry, and this thread

@@ -11,7 +11,6 @@
 namespace vosk::lumo {
 
 using common::LogTrace;
-using defs::CentroidError;
 
 namespace {
 
