@@ -278,9 +278,10 @@ private:
     const FieldRecord* FindAnswer(const Sample<Record>& command, const FieldRecord* latest,
                                   const Fits& fits) const {
         if (latest == nullptr) return nullptr;
-        const FieldRecord* const end = m_facts.flowgraph.data() - 1;
         const FieldRecord* repeated = nullptr;
-        for (const FieldRecord* answer = latest; answer != end && latest - answer < 8; --answer) {
+        const auto known = static_cast<std::size_t>(latest - m_facts.flowgraph.data()) + 1;
+        for (std::size_t age = 0; age < std::min<std::size_t>(known, 8); ++age) {
+            const FieldRecord* const answer = latest - age;
             if (answer->delivery == Delivery::Refused || !fits(command, answer->out)) continue;
             if (answer->out.sample_id == command.id) return answer;
             if (repeated == nullptr) repeated = answer;

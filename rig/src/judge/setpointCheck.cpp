@@ -103,7 +103,7 @@ private:
         return std::abs(double{is} - should) <= ROUNDING * std::max(1.0, std::abs(should));
     }
 
-    // The newest first; and one of zeroes, which stands for none.
+    // The newest first; while there are few, one of zeroes, too, which stands for none.
     template <class Record, class TimeOf, class ModesOf>
     static Commands Newest(std::span<const Record> records, time_point before, TimeOf time_of,
                            ModesOf modes_of) {
@@ -114,7 +114,7 @@ private:
             --next;
             commands.push_back({time_of(*next), modes_of(*next)});
         }
-        commands.push_back({});
+        if (commands.size() < CANDIDATES) commands.push_back({});
         return commands;
     }
 
