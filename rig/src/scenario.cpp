@@ -157,6 +157,11 @@ void RefuseOtherRates(const Section& section, const Scenario& scenario) {
     const auto offset = scenario.telescope->m4_offset;
     if (offset <= scenario.streams->OutputOffset() || offset >= interval)
         section.Fail("'m4_offset' must lie in the second half of the 'interval' of 'streams'");
+    // A cycle that is late once begins behind the answer of the one before: it must not plan an interval
+    // ahead, or all that follow stay late.
+    if (offset + scenario.host.m4_send_delay >= interval)
+        section.Fail(
+            "'m4_offset' and 'm4_send_delay' together must be shorter than the 'interval' of 'streams'");
 }
 
 FaultRule ReadFault(const Section& section) {

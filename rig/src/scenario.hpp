@@ -31,8 +31,6 @@ struct HostSettings {
     int priority = 10;
 
     int PeerPriority() const { return priority > 0 ? priority + 10 : 0; }
-    // Of cameras that render: milliseconds of work, for which no thread of the host may wait.
-    int RenderPriority() const { return priority > 1 ? priority - 1 : priority; }
     std::chrono::microseconds m4_send_delay{1200};
     std::chrono::microseconds m4_response_timeout{500};
 };

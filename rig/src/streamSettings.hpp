@@ -1,8 +1,8 @@
 #pragma once
 
 // How the peers of field stabilisation behave in a scenario, and when each stream has its turn within the
-// interval of the loop: the errors at its beginning, the flowgraph's input after a quarter of it, its output
-// after half, the commands after three quarters.
+// interval of the loop: the errors at its beginning, the flowgraph's input after three eighths of it, its
+// output after half, the commands after three quarters.
 
 #include <chrono>
 
@@ -29,7 +29,7 @@ struct StreamSettings {
 
     using Offset = std::chrono::microseconds;
     Offset MeasurementOffset() const { return Part(1); }  // of M5's and PFS's samples
-    Offset InputOffset() const { return Part(2); }
+    Offset InputOffset() const { return Part(3); }
     Offset OutputOffset() const { return Part(4); }
     // From the interval's end, as the host counts from the first point of the grid behind the answer.
     Offset CommandOffset() const { return Part(-2); }

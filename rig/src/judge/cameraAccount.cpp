@@ -113,10 +113,14 @@ private:
 
     // Without the first frame, during which the host writes files.
     void AddTimes(PeerAccount& account) const {
+        std::vector<double> rendering;
         std::vector<double> transfer;
-        for (const FrameRecord& frame : m_facts.frames)
+        for (const FrameRecord& frame : m_facts.frames) {
+            rendering.push_back(MicrosecondsOf(frame.begun - frame.exposed));
             transfer.push_back(MicrosecondsOf(frame.sent - frame.begun));
-        account.times = {{m_name + ": first packet to last", SpreadOf(std::move(transfer))}};
+        }
+        account.times = {{m_name + ": exposure to first packet", SpreadOf(std::move(rendering))},
+                         {m_name + ": first packet to last", SpreadOf(std::move(transfer))}};
         std::vector<double> time;
         std::vector<double> latency;
         for (std::size_t i = 0; i < m_facts.results.size(); ++i) {

@@ -155,8 +155,7 @@ void CameraPeer::Start(time_point first) {
     if (m_scene->Settings().ring > 0)
         for (std::size_t i = 0; i < m_frames.size(); ++i) Render(m_frames[i], i, first);
     m_running = true;
-    const int render = m_scenario.host.RenderPriority();
-    m_thread = nodepin::MakeThread(Name(), {{}, {}, render}, [this] { Run(); });
+    m_thread = nodepin::MakeThread(Name(), {{}, {}, priority}, [this] { Run(); });
 }
 
 void CameraPeer::TakeStep(const StepAction& action) {
