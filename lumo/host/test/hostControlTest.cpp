@@ -26,7 +26,7 @@ using namespace testing;
 using vosk::test::At;
 using vosk::test::TextOf;
 
-// Notes what it is told; what can be asked for is what was set last.
+// Notes each command, and answers a question with the value that was set last.
 struct Target : ControlTarget {
     void SetMode(VoskControlMode mode, std::optional<Camera> camera) override {
         calls.push_back(fmt::format("mode {} {}", to_string(mode), camera ? to_string(*camera) : "none"));

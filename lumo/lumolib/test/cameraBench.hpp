@@ -143,7 +143,7 @@ protected:
 class CameraPeer {
 public:
     explicit CameraPeer(std::uint16_t num_frames, int place = 0)
-        : m_socket{place}, m_sender{Config(num_frames), m_socket, nullptr} {}
+        : m_socket{place}, m_sender{SamplesOf(num_frames), m_socket, nullptr} {}
 
     template <class Info>
     void Send(const Info& info, std::span<const std::uint16_t> pixels, unsigned id, AtomClk::time_point time,
@@ -169,13 +169,6 @@ public:
     void SendOnly(std::size_t count) { m_socket.count = count; }
 
 private:
-    static pktwire::qudex::Sender::Config Config(std::uint16_t num_frames) {
-        pktwire::qudex::Sender::Config config{};
-        config.topic = TOPIC;
-        config.num_frames = num_frames;
-        return config;
-    }
-
     PartSocket m_socket;
     pktwire::qudex::Sender m_sender;
 };

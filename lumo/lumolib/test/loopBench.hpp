@@ -155,11 +155,18 @@ struct PartSocket final : pktwire::TxSocket {
     std::size_t count = std::dynamic_extent;
 };
 
+inline pktwire::qudex::Sender::Config SamplesOf(std::uint16_t num_frames) {
+    pktwire::qudex::Sender::Config config{};
+    config.topic = TOPIC;
+    config.num_frames = num_frames;
+    return config;
+}
+
 // Sends to the receiver of the same number. Allocates nothing for a sample.
 class Peer {
 public:
     explicit Peer(std::uint16_t num_frames, int number = 0)
-        : m_socket{number}, m_sender{Config(num_frames), m_socket, nullptr} {}
+        : m_socket{number}, m_sender{SamplesOf(num_frames), m_socket, nullptr} {}
 
     template <class Record>
     void Send(const Record& record, unsigned id, AtomClk::time_point time) {
@@ -197,13 +204,6 @@ public:
     }
 
 private:
-    static pktwire::qudex::Sender::Config Config(std::uint16_t num_frames) {
-        pktwire::qudex::Sender::Config config{};
-        config.topic = TOPIC;
-        config.num_frames = num_frames;
-        return config;
-    }
-
     PartSocket m_socket;
     pktwire::qudex::Sender m_sender;
 };

@@ -177,7 +177,7 @@ private:
         return sample.digest == Digest{} ? OldIf(newer_is_due) : Verdict::Wrong;
     }
 
-    // The setpoint that was applied is told by its time.
+    // The time of the data names the setpoint that M4 applied.
     Verdict JudgeApplied(const AoSample& sample) {
         if ((sample.status & ~KNOWN_BITS) != 0) return Verdict::Wrong;
         if (sample.data_time == time_point{}) {

@@ -8,14 +8,6 @@
 namespace vosk::rig {
 namespace {
 
-// Null if there is no such peer.
-template <class Kind>
-const Kind* Find(const std::vector<std::unique_ptr<Peer>>& peers) {
-    for (const auto& peer : peers)
-        if (const auto* found = dynamic_cast<const Kind*>(peer.get())) return found;
-    return nullptr;
-}
-
 ReportSection SectionOf(const AoStreamsAccounts& accounts) {
     ReportSection section{
         "AO streams", {"stream", "due", "right", "missing", "late", "old", "wrong"}, {}, {}};
@@ -34,15 +26,6 @@ ReportSection SectionOf(const AoStreamsAccounts& accounts) {
 }
 
 }  // namespace
-
-void AddAoStreams(const Scenario& scenario, Ports& ports, std::vector<std::unique_ptr<Peer>>& peers) {
-    auto listener = std::make_unique<AoStreamsPeer>(scenario, ports);
-    auto loop = std::make_unique<AoStreamsLoop>(
-        scenario, AoStreamsLoop::Peers{*listener, *Find<Instrument>(peers), *Find<M4Peer>(peers),
-                                       Find<FieldLoop>(peers)});
-    peers.push_back(std::move(listener));
-    peers.push_back(std::move(loop));
-}
 
 PeerAccount AoStreamsLoop::Account(const RunFacts& run) const {
     std::vector<FieldRecord> flowgraph;

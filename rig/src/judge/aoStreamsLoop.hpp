@@ -13,9 +13,6 @@
 
 namespace vosk::rig {
 
-// The listener and the judge, behind the peers that they hear of.
-void AddAoStreams(const Scenario& scenario, Ports& ports, std::vector<std::unique_ptr<Peer>>& peers);
-
 class AoStreamsLoop final : public Peer {
 public:
     struct Peers {

@@ -122,7 +122,7 @@ private:
 
 }  // namespace
 
-const Flowgraph* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
+const FieldLoop* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
                                std::vector<std::unique_ptr<Peer>>& peers) {
     const auto alone = [&] {
         return std::make_shared<Mirror>(2, scenario.streams->m5_lag, scenario.LoopSamples());
@@ -138,7 +138,7 @@ const Flowgraph* AddFieldPeers(const Scenario& scenario, const Optics* optics, P
     peers.push_back(std::move(pfs));
     peers.push_back(std::move(ms));
     if (errors) peers.push_back(std::move(errors));
-    const Flowgraph* const made = flowgraph.get();
+    const FieldLoop* const made = loop.get();
     peers.push_back(std::move(flowgraph));
     peers.push_back(std::move(loop));
     return made;

@@ -15,9 +15,11 @@
 
 namespace vosk::rig {
 
+class FieldLoop;
+
 // The peers and the loop, in the order in which they start. Without `optics` the mirrors stand alone, and
 // ECMWFSim tells the errors; with it the cameras do.
-const Flowgraph* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
+const FieldLoop* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
                                std::vector<std::unique_ptr<Peer>>& peers);
 
 class FieldLoop final : public Peer {

@@ -173,7 +173,7 @@ private:
     }
 
     // The law of the flowgraph, worked out again from what it was given. Each life goes on from the last
-    // command that it is told of.
+    // command in its first record.
     void CheckLaw() {
         ModeValues command{};
         const GpaoRecord* before = nullptr;
@@ -207,7 +207,7 @@ private:
         const auto& records = m_facts.flowgraph;
         for (std::size_t i = 0; i < records.size(); ++i) {
             ++hop.due;
-            bool is_overdue = false;  // one younger than the answer that is told was given long before
+            bool is_overdue = false;  // a younger answer than that in the record was given long before
             std::optional<std::size_t> told;
             for (std::size_t j = i; j-- > 0 && i - j <= ANSWERS_LOOKED_AT && !told;) {
                 if (records[j].delivery == Delivery::Refused) continue;

@@ -167,19 +167,27 @@ std::vector<LoopController> TelescopeLoop::ControllersOf(VoskControlMode mode, b
     }
 }
 
-void TelescopeLoop::FitModes(Fit& fit, VoskControlMode mode, const Group& group, double start,
-                             Window window) const {
+template <class Take>
+void TelescopeLoop::ForEachExposure(Window window, const Take& take) const {
     const double period = InSeconds(m_scenario.streams->interval);
-    const auto controllers = ControllersOf(mode, group.IsTipTilt());
-    std::vector<LoopModel> models(group.to - group.from, LoopModel(controllers, period));
-    const auto first = static_cast<std::size_t>(std::ceil(start / period));
+    const auto first = static_cast<std::size_t>(std::ceil(window.begin / period));
     for (std::size_t k = first; static_cast<double>(k) * period < window.end; ++k) {
         const Seconds time{static_cast<double>(k) * period};
         Modes sky{};
         Modes residual{};
         m_parts.optics->Sky().At(time, sky);
         m_parts.optics->At(time, residual);
-        const bool counts = time.count() >= window.begin;
+        take(time.count(), sky, residual);
+    }
+}
+
+void TelescopeLoop::FitModes(Fit& fit, VoskControlMode mode, const Group& group, double start,
+                             Window window) const {
+    const auto controllers = ControllersOf(mode, group.IsTipTilt());
+    std::vector<LoopModel> models(group.to - group.from,
+                                  LoopModel(controllers, InSeconds(m_scenario.streams->interval)));
+    ForEachExposure({start, window.end}, [&](double time, const Modes& sky, const Modes& residual) {
+        const bool counts = time >= window.begin;
         for (std::size_t i = group.from; i < group.to; ++i) {
             const double predicted = models[i - group.from].Step(sky[i]);
             if (!counts) continue;
@@ -189,7 +197,7 @@ void TelescopeLoop::FitModes(Fit& fit, VoskControlMode mode, const Group& group,
             fit.error += Square(residual[i] - predicted);
         }
         if (counts) ++fit.count;
-    }
+    });
 }
 
 void TelescopeLoop::AddLoops(PeerAccount& account) const {
@@ -199,8 +207,7 @@ void TelescopeLoop::AddLoops(PeerAccount& account) const {
         {},
         {"Open: the light without mirrors. Predicted: the same light through integrators and "
          "lags with the delays of the scenario's grids, without noise. Left out: while a peer of the loop "
-         "was "
-         "away, and 2 s more."}};
+         "was away, and 2 s more."}};
     double worst = 1e9;
     const auto judge = [&](const Segment& segment, const Group& group) {
         Fit fit;
@@ -266,21 +273,17 @@ void TelescopeLoop::AddReturns(PeerAccount& account) const {
 }
 
 Plot TelescopeLoop::PlotResidual() const {
-    const double period = InSeconds(m_scenario.streams->interval);
     std::vector<double> times;
     std::vector<double> open;
     std::vector<double> tip_tilt;
     std::vector<double> high_order;
-    for (double time = 0.0; time < m_scenario.duration.count(); time += period) {
-        Modes sky{};
-        Modes residual{};
-        m_parts.optics->Sky().At(Seconds{time}, sky);
-        m_parts.optics->At(Seconds{time}, residual);
-        times.push_back(time);
-        open.push_back(Rms(sky));
-        tip_tilt.push_back(Rms(std::span(residual).first(TIP_TILT)));
-        high_order.push_back(Rms(std::span(residual).subspan(TIP_TILT)));
-    }
+    ForEachExposure({0.0, m_scenario.duration.count()},
+                    [&](double time, const Modes& sky, const Modes& residual) {
+                        times.push_back(time);
+                        open.push_back(Rms(sky));
+                        tip_tilt.push_back(Rms(std::span(residual).first(TIP_TILT)));
+                        high_order.push_back(Rms(std::span(residual).subspan(TIP_TILT)));
+                    });
     Plot plot{"The light behind the mirrors", "seconds", "radians rms", false, {}, {}};
     plot.series = {Median(Slice(times, open), "all modes without mirrors", "c"),
                    Median(Slice(times, tip_tilt), "tip and tilt", "a"),
@@ -297,14 +300,10 @@ Plot TelescopeLoop::PlotRejection(VoskControlMode mode, Window window) const {
     for (std::size_t axis = 0; axis < TIP_TILT; ++axis) {
         std::vector<double> sky_values;
         std::vector<double> residual_values;
-        for (double time = window.begin; time < window.end; time += period) {
-            Modes sky{};
-            Modes residual{};
-            m_parts.optics->Sky().At(Seconds{time}, sky);
-            m_parts.optics->At(Seconds{time}, residual);
+        ForEachExposure(window, [&](double, const Modes& sky, const Modes& residual) {
             sky_values.push_back(sky[axis]);
             residual_values.push_back(residual[axis]);
-        }
+        });
         const auto add = [](std::vector<double>& sum, const std::vector<double>& values) {
             const std::vector<double> power = PowerSpectrum(values, SPECTRUM_LENGTH);
             for (std::size_t k = 0; k < sum.size(); ++k) sum[k] += power[k];
@@ -319,9 +318,9 @@ Plot TelescopeLoop::PlotRejection(VoskControlMode mode, Window window) const {
         measured.y.push_back(10.0 * std::log10(residual_power[k - 1] / sky_power[k - 1]));
     }
     // It bends most where the dots are few.
-    for (double frequency = measured.x.front() / 4; frequency < measured.x.back();
-         frequency += measured.x.front() / 8)
-        theory.x.push_back(frequency);
+    constexpr std::size_t POINTS_A_DOT = 8;
+    for (std::size_t point = 2; point < POINTS_A_DOT * measured.x.size(); ++point)
+        theory.x.push_back(static_cast<double>(point) * measured.x.front() / POINTS_A_DOT);
     for (const double value : RejectionAt(ControllersOf(mode, true), period, theory.x))
         theory.y.push_back(20.0 * std::log10(value));
     return {fmt::format("Rejection of tip and tilt from {:.0f} s on", window.begin),

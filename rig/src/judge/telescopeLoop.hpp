@@ -84,6 +84,9 @@ private:
     std::vector<Segment> Segments() const;
     std::vector<ClosedStretch> Closed(const Segment& segment, const Group& group) const;
     std::vector<LoopController> ControllersOf(defs::VoskControlMode mode, bool tip_tilt) const;
+    // `take` gets the time of each exposure, the light of the sky, and what the mirrors leave of it.
+    template <class Take>
+    void ForEachExposure(Window window, const Take& take) const;
     // Adds the exposures of the window. The prediction starts at rest with the stretch.
     void FitModes(Fit& fit, defs::VoskControlMode mode, const Group& group, double start,
                   Window window) const;

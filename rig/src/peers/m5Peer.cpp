@@ -51,10 +51,7 @@ void M5Peer::Receive(std::chrono::nanoseconds timeout) {
 void M5Peer::Die() {
     m_receiver.Close();
     m_sender.Close();
-    // The mirror stays where it is.
-    const time_point now = AtomClk::now();
-    const TipTilt position = PositionAt(now);
-    m_mirror->Follow(now, std::array{position.tip, position.tilt});
+    m_mirror->Hold(AtomClk::now());
 }
 
 void M5Peer::Return() {

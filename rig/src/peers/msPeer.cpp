@@ -30,6 +30,7 @@ void MsPeer::Receive(std::chrono::nanoseconds timeout) {
 
 void MsPeer::Die() {
     m_receiver.Close();
+    m_mirror->Hold(AtomClk::now());
 }
 
 void MsPeer::Return() {

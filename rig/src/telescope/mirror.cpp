@@ -22,6 +22,12 @@ void Mirror::Follow(time_point time, std::span<const double> target) {
     m_seen = time;
 }
 
+void Mirror::Hold(time_point time) {
+    std::vector<double> position(m_modes);
+    At(time, position);
+    Follow(time, position);
+}
+
 void Mirror::At(time_point time, std::span<double> position) const {
     const std::scoped_lock lock(m_mutex);
     m_seen = std::max(m_seen, time);

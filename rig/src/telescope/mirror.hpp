@@ -22,6 +22,8 @@ public:
 
     // From `time` on, but not before the latest time at which somebody saw the mirror.
     void Follow(time_point time, std::span<const double> target);
+    // Stays where it is at that time.
+    void Hold(time_point time);
     void At(time_point time, std::span<double> position) const;
 
 private:
