@@ -72,7 +72,7 @@ struct TelescopeSettings {
     std::chrono::microseconds m4_offset{15000};
     double instrument_gain = 0.3;  // of its integrator, in each mode
     double instrument_leak = 0.995;
-    double max_loop_error = 0.04;  // rms of residual less its prediction, as a share of the light
+    double max_loop_error = 0.06;  // rms of residual less its prediction, as a share of the prediction
     double min_rejection = 1.5;    // rms of the light over that of the residual
 };
 

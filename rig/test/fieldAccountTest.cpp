@@ -140,6 +140,19 @@ TEST(FieldAccount, LetsALoopPassThatDoesWhatItMust) {
     for (const HopAccount& hop : accounts.hops) EXPECT_GT(hop.right, 500U) << hop.name;
 }
 
+TEST(FieldAccount, KnowsThatAMeasurementTakenTwiceChangesNothing) {
+    Night night;
+    FieldRecord& last = night.flowgraph.back();
+    const FieldRecord& before = night.flowgraph[night.flowgraph.size() - 2];
+    last.in.img_centroid_error = before.in.img_centroid_error;
+    last.out.m5 = before.out.m5;
+    last.out.ms = before.out.ms;
+    last.out.u4_tt = before.out.u4_tt;
+    EXPECT_EQ(night.Judge().wrong_answers, 0U);
+    last.out.m5.tip += 0.01F;
+    EXPECT_EQ(night.Judge().wrong_answers, 1U);
+}
+
 TEST(FieldAccount, SeesASampleOfExtraDelay) {
     const FieldAccounts accounts = Night(1).Judge();
     EXPECT_THAT(accounts.violations, ::testing::Contains(::testing::HasSubstr("off its prediction")));

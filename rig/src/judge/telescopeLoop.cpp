@@ -225,7 +225,7 @@ void TelescopeLoop::AddLoops(PeerAccount& account) const {
              fmt::format("{:.3f}", fit.Rms(fit.predicted)), fmt::format("{:.3f}", fit.Rms(fit.error)),
              fmt::format("{:.2f}", fit.Rejection())});
         worst = std::min(worst, fit.Rejection());
-        if (fit.Rms(fit.error) > m_scenario.telescope->max_loop_error * fit.Rms(fit.sky))
+        if (fit.Rms(fit.error) > m_scenario.telescope->max_loop_error * fit.Rms(fit.predicted))
             account.violations.push_back(
                 fmt::format("{}: the residual is {:.3f} rms off its prediction", name, fit.Rms(fit.error)));
         if (fit.Rejection() < m_scenario.telescope->min_rejection)
