@@ -29,11 +29,16 @@ public:
             const auto [error, sample] = m_receiver.ReceiveSample(buffer, REPEAT);
             if (sample) m_answered_id = sample->first->SampleId();
             if (error && error != std::errc::timed_out) return false;
-            m_answer_time += nanoseconds{1};
-            m_m4.Send(m_answer, m_answered_id, m_answer_time);
+            Answer();
             if (sample) return true;
         }
         return false;
+    }
+
+    // Once more, under a time of its own.
+    void Answer() {
+        m_answer_time += nanoseconds{1};
+        m_m4.Send(m_answer, m_answered_id, m_answer_time);
     }
 
     unsigned AnsweredId() const { return m_answered_id; }
@@ -85,12 +90,18 @@ TEST(AoLoop, AllocatesNothingOnceItRuns) {
     };
     run(&Peers::TipTilt, 60);
 
+    // The last that a cycle writes. A command that comes before a cycle has cleared its inputs wakes none.
+    const auto end_of_cycle = Get<GpaoM4SetpointAppliedDataSync>();
+    ASSERT_TRUE(Eventually([&] {
+        peers.Answer();
+        const std::shared_lock lock{end_of_cycle->GetMutex()};
+        return end_of_cycle->GetSampleId() == peers.AnsweredId();
+    }));
+    end_of_cycle->ClearNewData();
     library.SetVoskMode(INS_DRIVEN_CASCADE, {});
     peers.Command();
-    ASSERT_TRUE(Eventually([] {
-        return VoskHandoverManager::GetInstance().GetState() ==
-               VoskHandoverManager::HANDOVER_WAIT_NEXT_INS_CMD;
-    }));
+    ASSERT_TRUE(Eventually([&] { return end_of_cycle->IsNewData(); }));
+    ASSERT_EQ(VoskHandoverManager::GetInstance().GetState(), VoskHandoverManager::HANDOVER_WAIT_NEXT_INS_CMD);
     run(&Peers::Command, TELEMETRY_STEP - 1);
     peers.Command();
     ASSERT_TRUE(peers.AnswerSetpoint());

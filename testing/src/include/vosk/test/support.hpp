@@ -71,9 +71,9 @@ inline std::string UniqueName() {
     return "vosk_test_" + std::to_string(::getpid()) + "_" + (test != nullptr ? test->name() : "");
 }
 
-// UDP ports that other runs hardly use: 0 to 3.
+// UDP ports that no other test has that runs at the same time: 0 to 7, below those that the kernel gives out.
 inline std::uint16_t UniquePort(int number = 0) {
-    return static_cast<std::uint16_t>(20000 + 4 * (::getpid() % 3000) + number);
+    return static_cast<std::uint16_t>(20000 + 8 * (::getpid() % 1500) + number);
 }
 
 }  // namespace vosk::test
