@@ -4,8 +4,11 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 #include <vosk/test/logCapture.hpp>
 #include <vosk/test/support.hpp>
@@ -54,18 +57,31 @@ TEST(MakeThread, TellsTheCreatorWhyAndNeverRunsTheBody) {
     EXPECT_FALSE(nodepin::GetNodeOfCpu(NO_SUCH_CPU));
 }
 
+// In nanoseconds; 0 of an older kernel.
+std::uint64_t SliceOfThisThread() {
+    std::array<std::uint64_t, 6> attributes{};  // sched_attr; the fourth is the slice
+    ::syscall(SYS_sched_getattr, 0, attributes.data(), sizeof attributes, 0);
+    return attributes[3];
+}
+
 // The kernel knows no priority above 99: the refusal that an unprivileged user meets at all of them.
 TEST(MakeThread, RunsAtTheGivenPriorityAndAsAnOrdinaryThreadWhereItIsRefused) {
-    const auto priority_of = [](int priority) {
+    std::uint64_t slice = 0;
+    const auto priority_of = [&slice](int priority) {
         nodepin::NumaPolicies policies;
         policies.priority = priority;
         int given = -1;
-        nodepin::MakeThread("ranked", policies, [&given] { given = nodepin::PriorityOfThisThread(); }).join();
+        nodepin::MakeThread("ranked", policies, [&] {
+            given = nodepin::PriorityOfThisThread();
+            slice = SliceOfThisThread();
+        }).join();
         return given;
     };
     const vosk::test::LogCapture log;
     EXPECT_EQ(priority_of(0), 0);
+    const bool has_slices = slice != 0;
     EXPECT_EQ(priority_of(100), 0);
+    EXPECT_EQ(slice, has_slices ? 100'000 : 0);
     EXPECT_THAT(log.Texts("Thread ranked runs without its priority 100: ", log4cplus::WARN_LOG_LEVEL),
                 SizeIs(1));
     const sched_param lowest{1};

@@ -28,7 +28,7 @@ Instrument::Instrument(const Scenario& scenario, Ports& ports, InstrumentLoop* l
       m_port(ports.Take()),
       m_log(scenario.ExpectedCommands()),
       m_period(scenario.CommandPeriod()),
-      m_patience(std::min<std::chrono::nanoseconds>(m_period / 2, scenario.host.m4_send_delay / 4)),
+      m_patience(std::min<std::chrono::nanoseconds>(m_period / 2, scenario.host.m4_send_delay / 2)),
       m_last_number(static_cast<std::uint64_t>(scenario.instrument.rate * scenario.duration.count())),
       m_wavefront(scenario.instrument, scenario.seed),
       m_loop(loop),

@@ -99,8 +99,9 @@ private:
 
 // Starts a thread under the name, of which the system keeps the first 15 characters, and the policies, and
 // runs `body` there. Where the system allows it, its sleeps overshoot by the least that the kernel can do,
-// not by its 50 us of default slack. A thread whose priority is refused runs as an ordinary one. Returns when
-// the thread is set up; throws std::system_error if it could not be, and `body` then never runs.
+// not by its 50 us of default slack. A thread whose priority is refused runs as an ordinary one with slices
+// of 100 us. Returns when the thread is set up; throws std::system_error if it could not be, and `body` then
+// never runs.
 template <class Body>
 std::thread MakeThread(std::string_view name, const NumaPolicies& policies, Body&& body) {
     detail::ThreadInitializer initializer{name, policies};
