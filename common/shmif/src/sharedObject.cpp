@@ -14,7 +14,8 @@ void Refuse(const std::string& text, const std::string& name) {
 }
 
 std::string SystemErrorText(int code) {
-    return std::system_category().message(code);
+    const std::string text = std::system_category().message(code);
+    return code == EACCES ? text + ", another user left it in /dev/shm" : text;
 }
 
 FileDescriptor OpenExisting(const std::string& name) noexcept {

@@ -86,7 +86,7 @@ bool FieldStabilizationOutput::Receive(time_point next) {
     const std::chrono::nanoseconds left = next - atomclk::AtomClk::now();
     const auto limit = std::clamp<std::chrono::nanoseconds>(left, left.zero(), m_config.update_interval);
     Record received;
-    if (!m_channel->TimedReceive(&received, limit)) return false;
+    if (!ReceiveWithin(limit, received)) return false;
     if (!CanBeSent(received, atomclk::AtomClk::now())) {
         m_counts->unusable_flowgraph_records.fetch_add(1, std::memory_order_relaxed);
         return false;

@@ -59,7 +59,7 @@ void GpaoOutput::RunCycle() {
 // A record that could do harm counts as none.
 bool GpaoOutput::Receive() {
     common::shmif::GpaoTopicOut received;
-    if (!m_channel->TimedReceive(&received, m_config.timeout)) return false;
+    if (!ReceiveWithin(m_config.timeout, received)) return false;
     const auto now = atomclk::AtomClk::now();
     if (!IsUsable(received.timestamp, now) || !IsUsable(received.input_timestamp, now) ||
         !common::math::AllFinite(received.gpao_cmd)) {

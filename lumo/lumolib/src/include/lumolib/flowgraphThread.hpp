@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -61,6 +62,18 @@ protected:
         while (m_channel->TimedReceive(&m_record, std::chrono::nanoseconds::zero())) {
         }
         m_record = {};
+    }
+
+    // Of a reader: the next record, if it comes within `limit`. A thread that spins polls the slot: it pays
+    // no wake-up and can miss none.
+    bool ReceiveWithin(std::chrono::nanoseconds limit, Record& record) {
+        if (!m_busy) return m_channel->TimedReceive(&record, limit);
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (IsRunning()) {
+            if (m_channel->TimedReceive(&record, std::chrono::nanoseconds::zero())) return true;
+            if (std::chrono::steady_clock::now() >= end) return false;
+        }
+        return false;
     }
 
     // Whether the present record is one for telemetry.
