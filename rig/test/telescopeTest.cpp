@@ -1,3 +1,4 @@
+#include "judge/appliedCheck.hpp"
 #include "judge/loopModel.hpp"
 #include "telescope/mirror.hpp"
 
@@ -7,6 +8,7 @@
 #include <cmath>
 #include <complex>
 #include <numbers>
+#include <vector>
 
 namespace vosk::rig {
 namespace {
@@ -64,6 +66,34 @@ TEST(Mirror, TellsThePastAgainWhateverCommandComesLater) {
     mirror.Follow(time_point(105ms), std::array{-1.0});
     EXPECT_NEAR(position(105ms), 1.0 - std::exp(-0.5), 1e-12);
     EXPECT_NEAR(position(120ms), -1.0 + (2.0 - std::exp(-1.0)) * std::exp(-1.0), 1e-12);
+}
+
+// M4 answers twelve setpoints, 10 ms apart, with 1, 2, 3...
+TEST(AppliedCheck, WantsTheAnswerOfTheLatestSetpointWithinTheMargin) {
+    std::vector<SetpointRecord> setpoints(12);
+    std::vector<common::shmif::GpaoVector> applied(setpoints.size());
+    for (std::size_t i = 0; i < setpoints.size(); ++i) {
+        setpoints[i].arrived = setpoints[i].answer_sent = time_point(10ms * (i + 1));
+        setpoints[i].answer = AnswerFate::Sent;
+        applied[i][0] = static_cast<float>(i + 1);
+    }
+    const auto verdict = [&](std::chrono::milliseconds time, float told) {
+        std::vector<GpaoRecord> records(1);
+        records[0].in.timestamp = time_point(time);
+        records[0].in.applied_m4_cmd[0] = told;
+        const HopAccount hop = CheckApplied({setpoints, applied, records, 5ms});
+        return hop.right == 1 ? "right" : hop.missing == 1 ? "missing" : "wrong";
+    };
+    EXPECT_STREQ(verdict(5ms, 0.0F), "right");
+    EXPECT_STREQ(verdict(112ms, 11.0F), "right");
+    EXPECT_STREQ(verdict(112ms, 10.0F), "right");
+    EXPECT_STREQ(verdict(116ms, 10.0F), "missing");
+    EXPECT_STREQ(verdict(116ms, 12.0F), "wrong");
+    EXPECT_STREQ(verdict(116ms, 0.0F), "missing");
+    setpoints[10].answer = AnswerFate::Harmed;
+    EXPECT_STREQ(verdict(116ms, 10.0F), "right");
+    EXPECT_STREQ(verdict(116ms, 11.0F), "wrong");
+    EXPECT_STREQ(verdict(116ms, 0.0F), "right");
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ public:
 
     SetpointAccounts Check() {
         for (const SetpointRecord& setpoint : m_facts.setpoints) {
+            m_accounts.applied.emplace_back();
             if (setpoint.slot == SetpointRecord::NO_SLOT) {
                 ++m_accounts.unchecked;
                 continue;
@@ -46,6 +47,8 @@ public:
                 m_accounts.wrong_at.push_back(setpoint.arrived);
             }
             m_before = vector;
+            auto& applied = m_accounts.applied.back();
+            for (std::size_t i = 0; i < applied.size(); ++i) applied[i] = vector[i] - m_reference[i];
         }
         return std::move(m_accounts);
     }

@@ -33,6 +33,8 @@ struct SetpointAccounts {
     std::vector<time_point> wrong_at;
     // Microseconds from the newest of its commands to its arrival.
     std::vector<double> delays;
+    // Of each setpoint: its leading modes without the reference shape.
+    std::vector<common::shmif::GpaoVector> applied;
 };
 
 SetpointAccounts CheckSetpoints(const SetpointFacts& facts);

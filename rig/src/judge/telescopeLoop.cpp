@@ -1,6 +1,7 @@
 #include "judge/telescopeLoop.hpp"
 
 #include "judge/aoLoop.hpp"
+#include "judge/appliedCheck.hpp"
 #include "judge/packetAccount.hpp"
 #include "judge/setpointCheck.hpp"
 #include "report/plots.hpp"
@@ -81,13 +82,25 @@ void TelescopeLoop::AddSetpoints(PeerAccount& account) const {
                                 {"Tip and tilt, the modes above, and the reference shape, each of a command "
                                  "that had come by then."}});
     account.times.emplace_back("newest command to setpoint at M4", SpreadOf(setpoints.delays));
+    const std::array hops{
+        CheckApplied({m_parts.m4.Log().Entries(), setpoints.applied, gpao, m_scenario.gpao->margin})};
+    account.sections.push_back(DescribeHops("M4 as GPAO sees it", hops));
+    if (hops[0].wrong > 0)
+        account.violations.push_back(
+            fmt::format("{} records of gpao_in tell what M4 never applied", hops[0].wrong));
+    if (static_cast<double>(hops[0].missing) >
+        m_scenario.expect.max_exceptions * static_cast<double>(hops[0].due))
+        account.violations.push_back(fmt::format("{} of {} records of gpao_in tell of an old answer of M4",
+                                                 hops[0].missing, hops[0].due));
     if (setpoints.wrong + setpoints.unchecked > 0)
         account.violations.push_back(fmt::format(
             "{} setpoints are not what the mode makes of the commands, the first at {:.3f} s; {} "
             "were not kept",
             setpoints.wrong, setpoints.wrong == 0 ? 0.0 : InSeconds(setpoints.wrong_at[0] - m_first),
             setpoints.unchecked));
-    if (setpoints.right == 0) account.violations.emplace_back("no setpoint was right");
+    if (setpoints.right < m_scenario.expect.min_setpoints)
+        account.violations.push_back(fmt::format("only {} setpoints with the right content, of at least {}",
+                                                 setpoints.right, m_scenario.expect.min_setpoints));
 }
 
 void TelescopeLoop::AddPackets(PeerAccount& account, const RunFacts& facts) const {
