@@ -304,6 +304,7 @@ std::size_t Scenario::LoopSamples() const {
 
 Seconds Scenario::TimeWithSetpoints() const {
     struct Conditions {
+        bool has_telescope;  // which commands M4 where the instrument does not
         bool ins = false;
         bool valid = true;
         bool sending = true;
@@ -315,8 +316,8 @@ Seconds Scenario::TimeWithSetpoints() const {
         void operator()(const SetCommandsValid& action) { valid = action.valid; }
         void operator()(const SetInstrumentSilent& action) { sending = !action.silent; }
         void operator()(const StopHost&) { running = false; }
-        bool AllHold() const { return ins && valid && sending && alive && running; }
-    } conditions;
+        bool AllHold() const { return alive && running && (ins ? valid && sending : has_telescope); }
+    } conditions{telescope.has_value()};
     Seconds total{0.0};
     Seconds since{0.0};
     const auto advance = [&](Seconds to) {

@@ -261,7 +261,8 @@ struct Scenario {
     std::size_t ExpectedCommands() const;
     std::size_t ExpectedSetpoints() const;
     std::size_t LoopSamples() const;  // of field stabilisation, likewise
-    // For how long setpoints are due: valid commands come, the instrument has control, host and M4 are there.
+    // For how long setpoints are due: host and M4 are there, and the instrument has control and sends valid
+    // commands, or a telescope has it.
     Seconds TimeWithSetpoints() const;
     // Another length. As many setpoints less are expected as their time is shorter. Throws std::runtime_error
     // if none would be left to judge.
