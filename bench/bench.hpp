@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -53,7 +54,10 @@ double TimeUs(Work&& work) {
 }
 
 // Reads all elements, as fast as one core can: 8 independent sums of a vector each, as wide as the machine
-// has. Its sum means nothing.
+// has. The sum means nothing.
 float StreamFloats(const float* values, std::size_t count);
+inline void Stream(std::span<const float> values) {
+    [[maybe_unused]] const volatile float sink = StreamFloats(values.data(), values.size());
+}
 
 }  // namespace vosk::bench

@@ -203,8 +203,6 @@ Samples MeasureBare(const LisaFrame& frame, const Sensor& sensor, const Matrices
     const Floats made(defs::M4_CMD_SIZE);
     Floats command(defs::INS_CMD_SIZE);
     Floats setpoint(defs::M4_CMD_SIZE);
-    volatile float sink = 0.0F;
-    const auto stream = [&](const Floats& matrix) { sink = StreamFloats(matrix.data(), matrix.size()); };
     Samples samples;
     WithBareChain(
         layout.busy,
@@ -212,22 +210,22 @@ Samples MeasureBare(const LisaFrame& frame, const Sensor& sensor, const Matrices
          {layout.worker,
           [&] {
               share.Compute(raw);
-              stream(control);
+              Stream(control);
           }},
          {layout.gpao_input,
           [&] {
-              stream(matrices.ins2gpao);
+              Stream(matrices.ins2gpao);
               in = made_in;
           }},
          {layout.flowgraph, [&] { out = made_out; }},
          {layout.gpao_output,
           [&] {
-              stream(matrices.gpao2ins);
+              Stream(matrices.gpao2ins);
               std::copy_n(made.begin(), command.size(), command.begin());
           }},
          {layout.tasks,
           [&] {
-              stream(matrices.m2p);
+              Stream(matrices.m2p);
               setpoint = made;
           }}},
         [&](auto& chain) {

@@ -33,12 +33,11 @@ Floats RandomFloats(std::size_t count) {
 template <class Project>
 void BenchProjection(const std::string& what, const Floats& matrix, const Project& project,
                      std::vector<Row>& rows) {
-    volatile float sink = 0.0F;
     std::vector<double> ours;
     std::vector<double> stream;
     for (int i = 0; i < 5 * SAMPLES; ++i) {
         ours.push_back(TimeUs(project));
-        stream.push_back(TimeUs([&] { sink = StreamFloats(matrix.data(), matrix.size()); }));
+        stream.push_back(TimeUs([&] { Stream(matrix); }));
     }
     AddRows("GPAO projection, " + what, "streaming the matrix", FiguresOf(ours), FiguresOf(stream), rows);
 }
@@ -99,8 +98,7 @@ void BenchInput(const std::vector<int>& cpus, bool busy, const std::string& file
         });
     });
     input.Stop();
-    volatile float sink = 0.0F;
-    const auto bare = MeasureBareEcho(cpus, busy, [&] { sink = StreamFloats(matrix.data(), matrix.size()); });
+    const auto bare = MeasureBareEcho(cpus, busy, [&] { Stream(matrix); });
     AddRows("GpaoInput: coefficients to record read, " + HowItWaits(busy),
             "two bare wake-ups, streaming the matrix", ours, bare, rows);
 }
@@ -128,11 +126,10 @@ void BenchOutput(const std::vector<int>& cpus, bool busy, const std::string& fil
         });
     });
     output.Stop();
-    volatile float sink = 0.0F;
     const Floats made(defs::INS_CMD_SIZE);
     Floats copy(defs::INS_CMD_SIZE);
     const auto bare = MeasureBareEcho(cpus, busy, [&] {
-        sink = StreamFloats(matrix.data(), matrix.size());
+        Stream(matrix);
         copy = made;
     });
     AddRows("GpaoOutput: command in to AoTasks awake, " + HowItWaits(busy),
