@@ -38,7 +38,7 @@ public:
     void Publish(std::uint32_t id) {
         Put<std::int64_t>(80, id);
         Put<std::uint32_t>(88, id);
-        for (std::size_t i = 0; i < 3 * 700; ++i) Put<double>(96 + 8 * i, id);
+        for (std::size_t i = 0; i < 3 * std::size_t{700}; ++i) Put<double>(96 + 8 * i, id);
         Put<std::uint64_t>(80 + 26152, 700);
         __atomic_fetch_add(reinterpret_cast<std::uint64_t*>(m_bytes + 40), 1, __ATOMIC_SEQ_CST);
     }
@@ -55,7 +55,7 @@ private:
 
 // The last record of each burst stands, so it must come out whole; those before may be overwritten unseen.
 TEST(SimOutWatch, TakesTheRecordThatStandsAndCountsTheOthers) {
-    constexpr std::uint32_t BURSTS = 200;
+    constexpr std::size_t BURSTS = 200;
     Mailbox mailbox;
     mailbox.Publish(7);  // of an earlier run
     SimOutWatch watch(SimOutWatch::Record::WfsSlopes, 3 * BURSTS, 1, 700);

@@ -21,8 +21,9 @@ void ExpectPair(const defs::FloatVectorTT& pair, double tip, double tilt) {
 TEST(M5Geometry, GoesThereAndBackAllOverTheSky) {
     for (const double latitude : {SITE, 0.0, 1.2}) {
         for (int i = 0; i < 25 * 13; ++i) {
+            const int row = i / 25;
             const double h = (i % 25 - 12) * pi / 12.0;
-            const double d = (i / 25 - 6) * pi / 12.0;
+            const double d = (row - 6) * pi / 12.0;
             SCOPED_TRACE(testing::Message() << latitude << ' ' << h << ' ' << d);
             const auto m5 = applySky2M5(1.5, -2.0, h, d, latitude, 2.0);
             ExpectPair(applyM52Sky(m5.tip, m5.tilt, h, d, latitude, 2.0), 1.5, -2.0);

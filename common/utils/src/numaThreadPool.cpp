@@ -103,6 +103,16 @@ void NumaThreadPool::ProvisionWorker(const std::string& thread_name, std::size_t
     }
 }
 
+// On a thread of its own, as memory that others have freed may lie on any node.
+void NumaThreadPool::RunOnNodeOf(std::size_t idx, std::function<void()> step) const {
+    const auto& on_node = m_workers[idx].m_placement.Policies().mem_policy;
+    if (!on_node || PliConfigReview::Current() != nullptr) return step();
+    std::packaged_task<void()> task{std::move(step)};
+    auto done = task.get_future();
+    nodepin::MakeThread("placing", {{}, on_node, 0}, std::move(task)).join();
+    done.get();
+}
+
 std::vector<ThreadState> NumaThreadPool::GetStates() const {
     std::vector<ThreadState> states;
     for (const Worker& worker : m_workers) states.push_back(worker.m_state);

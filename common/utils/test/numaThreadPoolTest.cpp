@@ -1,5 +1,6 @@
 #include <vosk/common/numaThreadPool.hpp>
 
+#include <numaif.h>
 #include <pthread.h>
 #include <sched.h>
 #include <oru/configng/pliConfigReview.hpp>
@@ -101,6 +102,11 @@ TEST(NumaThreadPoolOfAList, HasAWorkerForEachElement) {
                 ElementsAre(Pair("pool_th_0", all), Pair("named", nodepin::GetNodeOfCpu(cpu) ? 1 : all),
                             Pair("pool_th_2", all)));
     EXPECT_FALSE((NumaThreadPool{node, "scalar", true}.ProvisionTask([] {})));
+    int policy = -1;
+    pool.RunOnNodeOf(1, [&policy] { ::get_mempolicy(&policy, nullptr, 0, nullptr, 0); });
+    EXPECT_EQ(policy == MPOL_BIND, nodepin::GetNodeOfCpu(cpu).has_value());
+    EXPECT_THROW(pool.RunOnNodeOf(1, [] { throw std::length_error{"thrown where it runs"}; }),
+                 std::length_error);
 }
 
 TEST(NumaThreadPoolOfAList, FindsEachBadValueUnderAReviewAndThrowsTheFirstInARun) {

@@ -15,7 +15,7 @@ constexpr auto NEVER = AtomClk::time_point::max();
 // ends fails the test and is then stopped.
 class Waiter {
 public:
-    explicit Waiter(std::function<bool(const int& running)> wait)
+    explicit Waiter(const std::function<bool(const int& running)>& wait)
         : m_result{std::async(std::launch::async, [this, wait] {
               m_entered = true;
               return wait(m_running);

@@ -194,8 +194,10 @@ void CameraInput::ComputeSlopes(std::size_t subtask) noexcept {
     RunStep([&] { m_subtasks[subtask].ComputeSlopes(FrameInWork()); });
 }
 
-void CameraInput::LogNotFinite() const {
+// A dump shows why.
+void CameraInput::PassOver() {
     common::LogError("{}: the centroid of frame {} is not finite", m_name, LabelInWork().sample_id);
+    RunStep([this] { DiagnoseFrame(); });
 }
 
 void CameraInput::LogFailure(const std::exception& error) const noexcept try {
@@ -318,7 +320,7 @@ void ImgCameraInput::Work(std::promise<void>& started) {
 void ImgCameraInput::Complete() {
     defs::CentroidError record{LabelInWork().exposure_time, LabelInWork().sample_id, {}};
     m_subtasks.front().CopySlopes(std::span{&record.slope, 1});
-    if (!std::isfinite(record.slope.x) || !std::isfinite(record.slope.y)) return LogNotFinite();
+    if (!std::isfinite(record.slope.x) || !std::isfinite(record.slope.y)) return PassOver();
     m_cent_err_resampler->AddSample(record);
     RecordProcessed("IMG", &record.slope);
     RunStep([this] { DiagnoseFrame(); });

@@ -146,8 +146,11 @@ void WfsLisaInput::BalancePool(const PliConfigInstanceNode& node) {
         const std::size_t start = worker * section;
         const std::size_t stop = std::min(start + section, count);
         LogDebug("{}: Constructing centroiding task {}..{} / {}", m_name, start, stop, count);
-        Parts parts = MakeParts(node, SENSOR);
-        oru::configng::Attempt(node["centroiding_pool"], [&] { AddSubtask(std::move(parts), start, stop); });
+        m_pool.RunOnNodeOf(worker, [&] {
+            Parts parts = MakeParts(node, SENSOR);
+            oru::configng::Attempt(node["centroiding_pool"],
+                                   [&] { AddSubtask(std::move(parts), start, stop); });
+        });
         m_pool.ProvisionTask(worker, [this, worker] { ComputeSlopes(worker); });
     }
 }
@@ -162,7 +165,7 @@ void WfsLisaInput::Complete() {
     ProjectToModalBase();
     const auto [tip, tilt] = ExtractTipTiltError();
     if (!common::math::AllFinite(m_gpao_coefficients.modes) || !std::isfinite(tip) || !std::isfinite(tilt))
-        return LogNotFinite();
+        return PassOver();
     const FrameLabel& label = LabelInWork();
     m_cent_err_resampler->AddSample({label.exposure_time, label.sample_id, {0.0, tip, tilt}});
     m_gpao_coefficients_sync->SetData(m_gpao_coefficients, m_camera, label.sample_id, label.exposure_time);

@@ -83,7 +83,7 @@ std::optional<WfsConfiguration> ReadWfsConfiguration(const PliConfigInstanceNode
         return common::LoadMatrix<std::uint16_t, std::uint32_t, long>(path, 4, count, "ROI");
     });
     const auto points = Read(node, references, [&](const std::string& path) {
-        return common::LoadMatrix<float, double>(path, 2, count, "reference point");
+        return common::LoadFiniteMatrix<double>(path, 2, count, "reference point");
     });
     WfsConfiguration configuration;
     configuration.control_matrix = Read(node, control, [&](const std::string& path) {

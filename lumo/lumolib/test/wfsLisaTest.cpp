@@ -159,6 +159,8 @@ TEST_F(WfsLisa, SharesRoisAsFarAsTheyGo) {
     EXPECT_THROW(WfsLisaInput{WfsNode(1090, 2)}, std::bad_alloc);
     EXPECT_THAT(TextOf([&] { WfsLisaInput{WfsNode(1, 1, {NAN})}; }), EndsWith("a value is not finite"));
     const auto node = WfsNode(2, 1);
+    WriteFits(directory / "references.fits", std::vector<float>{8, 8, 24, NAN}, {2, 2});
+    EXPECT_THAT(TextOf([&] { WfsLisaInput{node}; }), EndsWith("a value is not finite"));
     WriteFits(directory / "control.fits", std::vector<float>(MODES * 4), {MODES, 4});
     EXPECT_THAT(
         TextOf([&] { WfsLisaInput{node}; }),

@@ -74,7 +74,9 @@ void bad_pixel_correction_block::RepairPixel(std::span<float> frame, const BadPi
     float sum = 0.0F;
     for (const float* row : {pixel - m_width, pixel, pixel + m_width}) {
         for (const float* neighbour = row - 1; neighbour <= row + 1; ++neighbour) {
-            sum += *neighbour * *weight++;
+            // One that is to be ignored may be infinite or NaN: a pixel without sensitivity is.
+            if (*weight != 0.0F) sum += *neighbour * *weight;
+            ++weight;
         }
     }
     *pixel = sum / m_weight_sum;

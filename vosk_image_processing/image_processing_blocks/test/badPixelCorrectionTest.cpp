@@ -27,13 +27,15 @@ std::vector<float> Repaired(const Pixels& bad_pixels, const Weights& weights, co
     return frame;
 }
 
-TEST(BadPixelCorrection, TakesTheKernelRowByRow) {
+TEST(BadPixelCorrection, TakesTheKernelRowByRowAndPassesOverWhatHasNoWeight) {
     // Each weight in a kernel of its own, divided by its sum of 1: the neighbour itself.
     for (std::size_t i = 0; i < 9; ++i) {
         Weights weights(9);
         weights[i] = 1.0F;
-        const std::size_t neighbour = (1 + i / 3) * WIDTH + 1 + i % 3;
-        EXPECT_EQ(Repaired({{2, 2}}, weights, WHOLE)[2 * WIDTH + 2], Squares()[neighbour]) << i;
+        std::vector<float> frame(std::size_t{WIDTH} * HEIGHT, i % 2 == 0 ? NAN : INFINITY);
+        frame[(1 + i / 3) * WIDTH + 1 + i % 3] = 5.0F;
+        bad_pixel_correction_block{WIDTH, HEIGHT, {{2, 2}}, weights}.work(frame, WHOLE);
+        EXPECT_EQ(frame[2 * WIDTH + 2], 5.0F) << i;
     }
 }
 

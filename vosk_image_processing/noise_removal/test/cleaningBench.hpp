@@ -9,6 +9,8 @@
 #include <vosk/test/support.hpp>
 #include <vosk/test/tempDir.hpp>
 
+#include <algorithm>
+#include <bit>
 #include <random>
 
 namespace vosk::image_processing {
@@ -49,12 +51,12 @@ private:
 // NaN equals itself, and 0 does not equal -0.
 inline testing::AssertionResult SameBits(std::span<const float> actual, std::span<const float> expected) {
     if (actual.size() != expected.size()) return testing::AssertionFailure() << "sizes differ";
-    if (std::memcmp(actual.data(), expected.data(), actual.size_bytes()) == 0) {
-        return testing::AssertionSuccess();
-    }
-    std::size_t i = 0;
-    while (std::memcmp(&actual[i], &expected[i], sizeof actual[i]) == 0) ++i;
-    return testing::AssertionFailure() << "pixel " << i << ": " << actual[i] << " instead of " << expected[i];
+    const auto [found, wanted] = std::ranges::mismatch(actual, expected, [](float is, float should) {
+        return std::bit_cast<std::uint32_t>(is) == std::bit_cast<std::uint32_t>(should);
+    });
+    if (found == actual.end()) return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << "pixel " << found - actual.begin() << ": " << *found << " instead of " << *wanted;
 }
 
 inline Roi At(std::uint16_t x_start, std::uint16_t x_stop, std::uint16_t y_start, std::uint16_t y_stop) {

@@ -174,7 +174,7 @@ protected:
     virtual void DiagnoseFrame() = 0;
 
     // Runs a step of a task: while it runs the frame is in use, and what it throws is logged and ends the
-    // step alone, so that results stay those of the frame before.
+    // step alone. Slopes that it did not reach stay those of the frame before.
     template <class Step>
     void RunStep(Step&& step) noexcept {
         ++m_frames_in_use;
@@ -214,8 +214,9 @@ protected:
     // is refused as that.
     bool IsWhole(const Leader& leader, std::size_t pixels) const;
 
-    // For a completion task whose result goes nowhere: it would spread through the flowgraphs.
-    void LogNotFinite() const;
+    // For a completion task whose result is not finite and goes nowhere: it would spread through the
+    // flowgraphs.
+    void PassOver();
 
     // For a completion task, when the result has gone: counts and logs the processing time. `kind` is "WFS"
     // or "IMG", `centroid` null for the former.
