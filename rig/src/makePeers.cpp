@@ -1,6 +1,7 @@
 #include "cameras/light.hpp"
 #include "judge/aoLoop.hpp"
 #include "judge/aoStreamsLoop.hpp"
+#include "judge/cameraAccount.hpp"
 #include "judge/fieldLoop.hpp"
 #include "judge/gpaoLoop.hpp"
 #include "judge/telescopeLoop.hpp"
@@ -46,7 +47,9 @@ std::vector<std::unique_ptr<Peer>> MakePeers(const Scenario& scenario, const Loo
     const CameraPeer* wfs = nullptr;  // whose coefficients GPAO gets
     for (auto& camera : MakeCameras(scenario, light, files, ports)) {
         if (scenario.gpao && camera->Scene().Settings().camera == scenario.Wfs()->camera) wfs = camera.get();
+        auto judge = std::make_unique<CameraJudge>(scenario, *camera);
         peers.push_back(std::move(camera));
+        peers.push_back(std::move(judge));
     }
     const Flowgraph* gpao = wfs != nullptr ? AddGpaoPeers(scenario, *wfs, files, peers) : nullptr;
     const FieldLoop* field = scenario.streams ? AddFieldPeers(scenario, optics.get(), ports, peers) : nullptr;

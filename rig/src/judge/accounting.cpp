@@ -1,6 +1,6 @@
 #include "judge/accounting.hpp"
 
-#include "peers/faults.hpp"
+#include "faults.hpp"
 
 #include <fmt/format.h>
 

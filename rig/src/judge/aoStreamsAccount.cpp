@@ -1,7 +1,7 @@
 #include "judge/aoStreamsAccount.hpp"
 
+#include "faults.hpp"
 #include "judge/accounting.hpp"
-#include "peers/faults.hpp"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 #include "judge/appliedCheck.hpp"
 
-#include "peers/faults.hpp"
+#include "faults.hpp"
 
 #include <algorithm>
 #include <cmath>

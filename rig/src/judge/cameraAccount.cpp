@@ -233,9 +233,16 @@ private:
 
 }  // namespace
 
-PeerAccount DescribeCamera(const Scenario& scenario, const RunFacts& run, const CameraScene& scene,
-                           std::uint64_t seed, const CameraFacts& facts) {
-    return Describer(scenario, run, scene, seed, facts).Describe();
+PeerAccount CameraJudge::Account(const RunFacts& run) const {
+    CameraFacts facts;
+    facts.frames = m_camera.Frames();
+    facts.overruns = m_camera.Overruns();
+    if (const SimOutWatch* const watch = m_camera.Watch()) {
+        facts.results = watch->Log().Entries();
+        facts.published = watch->Published();
+        facts.slopes_of = [watch](const ResultRecord& result) { return watch->SlopesOf(result); };
+    }
+    return Describer(m_scenario, run, m_camera.Scene(), m_camera.Seed(), facts).Describe();
 }
 
 }  // namespace vosk::rig

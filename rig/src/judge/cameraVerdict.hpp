@@ -3,9 +3,9 @@
 // Whether a camera's frames became what they should: every frame is accounted for, and each result is held
 // against the light that the frame showed. Worked out after the run from what was written down.
 
+#include "faults.hpp"
 #include "judge/spotPrediction.hpp"
 #include "peers/cameraRecords.hpp"
-#include "peers/faults.hpp"
 #include "runFacts.hpp"
 
 #include <cmath>

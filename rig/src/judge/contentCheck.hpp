@@ -5,9 +5,9 @@
 // an answer reached it in time: where both are possible both predictions count, and the one that fits tells.
 // One thread at a time; it may run beside the peers.
 
+#include "appendLog.hpp"
 #include "judge/prediction.hpp"
 #include "modeTimeline.hpp"
-#include "peers/appendLog.hpp"
 #include "peers/setpointRing.hpp"
 #include "peers/wavefront.hpp"
 

@@ -3,9 +3,9 @@
 // The instrument's other ear: receives the four streams that tell it what the telescope did, and writes down
 // what each sample held. One thread looks at all sockets in turn; the kernel tells when a packet came.
 
+#include "appendLog.hpp"
 #include "digest.hpp"
 #include "host/ports.hpp"
-#include "peers/appendLog.hpp"
 #include "peers/arrivalSocket.hpp"
 #include "peers/peer.hpp"
 

@@ -2,7 +2,6 @@
 
 #include "cameras/cameraFiles.hpp"
 #include "host/hostProcess.hpp"
-#include "judge/cameraAccount.hpp"
 #include "peers/loopback.hpp"
 #include "portableRandom.hpp"
 
@@ -264,18 +263,6 @@ std::error_code CameraPeer::SendSample(const Frame& frame, const FrameRecord& re
     return m_outlet->lspx.SendSample(BytesOf(info).first(info_size),
                                      gsl::as_bytes(gsl::span(frame.raw).first(pixels)), {}, record.exposed,
                                      {}, status);
-}
-
-PeerAccount CameraPeer::Account(const RunFacts& facts) const {
-    CameraFacts camera;
-    camera.frames = m_log.Entries();
-    camera.overruns = m_overruns;
-    if (m_watch) {
-        camera.results = m_watch->Log().Entries();
-        camera.published = m_watch->Published();
-        camera.slopes_of = [this](const ResultRecord& result) { return m_watch->SlopesOf(result); };
-    }
-    return DescribeCamera(m_scenario, facts, *m_scene, m_seed, camera);
 }
 
 std::vector<std::unique_ptr<CameraPeer>> MakeCameras(const Scenario& scenario,

@@ -4,9 +4,9 @@
 // camera looks at, and a watch on the mailbox in which the host shows its results. Window and rate may change
 // in mid-run, the camera may fall silent and come back.
 
+#include "appendLog.hpp"
 #include "cameras/cameraScene.hpp"
 #include "host/ports.hpp"
-#include "peers/appendLog.hpp"
 #include "peers/cameraRecords.hpp"
 #include "peers/faultySocket.hpp"
 #include "peers/pacedSocket.hpp"
@@ -34,6 +34,11 @@ public:
 
     const CameraScene& Scene() const { return *m_scene; }
     std::span<const FrameRecord> Frames() const { return m_log.Entries(); }
+    std::uint64_t Seed() const { return m_seed; }  // of the noise
+    std::uint64_t Overruns() const {
+        return m_overruns;
+    }  // frames that would have been late, and were not sent
+    const SimOutWatch* Watch() const { return m_watch.get(); }  // null where the host shows no results
 
     void AddTo(HostDocument& document) const override;
     void Start(time_point first) override;
@@ -41,7 +46,7 @@ public:
     std::string Progress() const override;
     void FallSilent() override;
     void Stop() override;
-    PeerAccount Account(const RunFacts& facts) const override;
+    PeerAccount Account(const RunFacts&) const override { return {}; }  // see CameraJudge
 
 private:
     // A frame that is ready to be sent.

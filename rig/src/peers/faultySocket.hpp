@@ -4,7 +4,7 @@
 // back until it is told to release them, and then sends what is left of them. Unarmed it passes packets
 // through. Belongs to the thread that sends. Allocates at construction only.
 
-#include "peers/faults.hpp"
+#include "faults.hpp"
 
 #include <pktwire/udpSocket.hpp>
 

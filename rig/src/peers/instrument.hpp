@@ -3,8 +3,8 @@
 // The instrument: a thread that sends one wavefront command at each point of a time grid, over LSPX. It
 // sleeps in between, to absolute times, so that a late command shifts no other.
 
+#include "appendLog.hpp"
 #include "host/ports.hpp"
-#include "peers/appendLog.hpp"
 #include "peers/faultySocket.hpp"
 #include "peers/loopRecords.hpp"
 #include "peers/peer.hpp"

@@ -4,9 +4,9 @@
 // sensors on a grid of its own. It applies each setpoint as it stands. It can die, taking its socket with it,
 // and come back.
 
+#include "appendLog.hpp"
 #include "host/ports.hpp"
 #include "peers/absences.hpp"
-#include "peers/appendLog.hpp"
 #include "peers/arrivalSocket.hpp"
 #include "peers/faultySocket.hpp"
 #include "peers/peer.hpp"

@@ -3,7 +3,7 @@
 // Both ends of a stream whose samples are one record in one packet, each with a log of all that passed. An
 // end is open while its peer lives. Each belongs to one thread; logs may be read by any.
 
-#include "peers/appendLog.hpp"
+#include "appendLog.hpp"
 #include "peers/arrivalSocket.hpp"
 #include "peers/faultySocket.hpp"
 #include "peers/loopback.hpp"

@@ -6,7 +6,7 @@
 // the watch is a whole frame late at that moment. It attaches as nobody's reader, and reads the region by its
 // documented layout.
 
-#include "peers/appendLog.hpp"
+#include "appendLog.hpp"
 #include "peers/cameraRecords.hpp"
 
 #include <atomic>

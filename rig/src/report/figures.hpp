@@ -2,7 +2,7 @@
 
 // Figures of streams, faults and times, as every peer gives them. Worked out after the run.
 
-#include "peers/faults.hpp"
+#include "faults.hpp"
 #include "runFacts.hpp"
 
 #include <array>

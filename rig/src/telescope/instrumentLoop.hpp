@@ -3,8 +3,8 @@
 // How the instrument makes its commands from the light that it sees: an integrator a mode, which starts at
 // zero whenever the instrument gets control of M4. Tip and tilt are its own in sequential control only.
 
+#include "appendLog.hpp"
 #include "clock.hpp"
-#include "peers/appendLog.hpp"
 #include "portableRandom.hpp"
 #include "telescope/optics.hpp"
 

@@ -1,4 +1,4 @@
-#include "peers/faults.hpp"
+#include "faults.hpp"
 
 #include <stdexcept>
 
