@@ -346,8 +346,9 @@ void Scenario::ChangeDuration(Seconds new_duration) {
         throw std::runtime_error(
             fmt::format("scenario {}: no setpoint is due in the first {:g} s; let it run longer", name,
                         duration.count()));
-    expect.min_setpoints =
-        static_cast<std::uint64_t>(static_cast<double>(expect.min_setpoints) * (after / before));
+    if (expect.min_setpoints == 0) return;
+    const double scaled = static_cast<double>(expect.min_setpoints) * (after / before);
+    expect.min_setpoints = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(scaled));
 }
 
 Scenario ParseScenario(const std::string& text, const std::string& source) {

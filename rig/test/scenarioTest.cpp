@@ -52,6 +52,10 @@ TEST(Scenario, ExpectsOfAnotherLengthWhatIsDueInIt) {
     EXPECT_EQ(cut.expect.min_setpoints, 200U);
     cut.ChangeDuration(20s);
     EXPECT_EQ(cut.expect.min_setpoints, 1700U);
+    cut = whole;
+    cut.expect.min_setpoints = 1;
+    cut.ChangeDuration(4s);
+    EXPECT_EQ(cut.expect.min_setpoints, 1U);
     EXPECT_THROW(cut.ChangeDuration(2s), std::runtime_error);
 }
 

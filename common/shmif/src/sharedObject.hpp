@@ -19,6 +19,7 @@ inline constexpr const char* SIZE_MISMATCH = "Data size mismatch in shared memor
 // Throws std::runtime_error with the text and the object's name.
 [[noreturn]] void Refuse(const std::string& text, const std::string& name);
 
+// Of an error of an object's system call. A refusal of rights names the usual reason.
 std::string SystemErrorText(int code);
 
 // For reading and writing. Not open, with errno set, if the system refuses.

@@ -194,7 +194,7 @@ void CameraInput::ComputeSlopes(std::size_t subtask) noexcept {
     RunStep([&] { m_subtasks[subtask].ComputeSlopes(FrameInWork()); });
 }
 
-// A dump shows why.
+// The first frame is dumped in any case: it may show why.
 void CameraInput::PassOver() {
     common::LogError("{}: the centroid of frame {} is not finite", m_name, LabelInWork().sample_id);
     RunStep([this] { DiagnoseFrame(); });

@@ -219,10 +219,20 @@ TEST_F(FsOutput, SpreadsARecordAndRepeatsItUnderTheCycleWhileNoneThatIsUsableCom
 }
 
 // It would else wait a minute for the flowgraph, and the grid would run away from it.
-TEST_F(FlowgraphTest, AReadOfFsOutputEndsAtTheNextGridPoint) {
-    Running<FieldStabilizationOutput> output{
-        "{busy: false, shm_topic: fs_out, update_interval: 60000 ms, update_offset: 0 us}"};
-    EXPECT_TRUE(output.RunCycle(START - std::chrono::minutes{1}, 0));
+TEST_F(FlowgraphTest, AReadOfFsOutputEndsWithARecordOrAtTheNextGridPoint) {
+    for (const char* busy : {"false", "true"}) {
+        Running<FieldStabilizationOutput> output{
+            std::string{"{busy: "} + busy +
+            ", shm_topic: fs_out, update_interval: 60000 ms, update_offset: 0 us}"};
+        EXPECT_TRUE(output.RunCycle(START - std::chrono::minutes{1}, 0)) << busy;
+        ShmWriterRT flowgraph{m_shm, "fs_out"};
+        common::shmif::FieldStablizationTopicOut record;
+        record.sample_id = 7;
+        record.timestamp = record.input_timestamp = START;
+        ASSERT_TRUE(flowgraph.TimedSend(&record, microseconds{0}));
+        EXPECT_TRUE(output.RunCycle(atomclk::AtomClk::now(), 1)) << busy;
+        EXPECT_EQ(Get<M5OutputDataSync>(false)->GetSampleId(), 7U) << busy;
+    }
 }
 
 // Small whole numbers, so that a product is exact in whatever order it is summed.

@@ -13,7 +13,7 @@
 
 namespace vosk::rig {
 
-class AoStreamsLoop final : public Peer {
+class AoStreamsLoop final : public Judge {
 public:
     struct Peers {
         const AoStreamsPeer& listener;
@@ -23,9 +23,6 @@ public:
     };
     AoStreamsLoop(const Scenario& scenario, Peers peers) : m_scenario(scenario), m_peers(peers) {}
 
-    void AddTo(HostDocument&) const override {}
-    void Start(time_point) override {}
-    void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
 private:

@@ -1,7 +1,7 @@
 #pragma once
 
-// Whether GPAO's flowgraph is told what M4 applied: the leading modes of the setpoint that M4 answered last,
-// without the reference shape. After the run.
+// Whether gpao_in tells what M4 applied: the leading modes of its last setpoint less the reference shape.
+// After the run.
 
 #include "judge/hopAccount.hpp"
 #include "peers/flowgraphProcess.hpp"

@@ -7,16 +7,12 @@
 
 namespace vosk::rig {
 
-// Sends and receives nothing itself.
-class CameraJudge final : public Peer {
+class CameraJudge final : public Judge {
 public:
     // The camera outlives it.
     CameraJudge(const Scenario& scenario, const CameraPeer& camera)
         : m_scenario(scenario), m_camera(camera) {}
 
-    void AddTo(HostDocument&) const override {}
-    void Start(time_point) override {}
-    void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
 private:

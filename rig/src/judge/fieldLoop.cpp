@@ -179,7 +179,7 @@ PeerAccount FieldLoop::Account(const RunFacts& run) const {
     facts.pfs_corrections = m_peers.pfs.Corrections().Entries();
     facts.ms_corrections = m_peers.ms.Corrections().Entries();
     facts.commands = run.commands;
-    facts.first = m_first;
+    facts.first = run.start;
     facts.until = m_peers.flowgraph.SilentSince();
     const FieldAccounts accounts = MakeFieldAccounts(m_scenario, facts);
 

@@ -22,7 +22,7 @@ class FieldLoop;
 const FieldLoop* AddFieldPeers(const Scenario& scenario, const Optics* optics, Ports& ports,
                                std::vector<std::unique_ptr<Peer>>& peers);
 
-class FieldLoop final : public Peer {
+class FieldLoop final : public Judge {
 public:
     struct Peers {
         const EcmwfSim* errors;  // null: cameras see the errors
@@ -33,10 +33,7 @@ public:
     };
     FieldLoop(const Scenario& scenario, Peers peers) : m_scenario(scenario), m_peers(peers) {}
 
-    void AddTo(HostDocument&) const override {}
-    void Start(time_point first) override { m_first = first; }
     std::string Progress() const override;
-    void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
     const Peers& GetPeers() const { return m_peers; }
@@ -44,7 +41,6 @@ public:
 private:
     const Scenario& m_scenario;
     const Peers m_peers;
-    time_point m_first;
 };
 
 }  // namespace vosk::rig

@@ -75,7 +75,7 @@ PeerAccount GpaoLoop::Account(const RunFacts& run) const {
     facts.stride = records.size() * scene.Regions().size() / MOST_PREDICTED + 1;
     facts.ring = scene.Settings().ring;
     facts.has_m4 = m_scenario.ao_loop;
-    facts.first = m_first;
+    facts.first = run.start;
     facts.until = m_flowgraph.SilentSince();
     const GpaoAccounts accounts = MakeGpaoAccounts(m_scenario, facts);
 

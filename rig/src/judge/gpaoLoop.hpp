@@ -19,14 +19,11 @@ namespace vosk::rig {
 const Flowgraph* AddGpaoPeers(const Scenario& scenario, const CameraPeer& camera,
                               const std::filesystem::path& files, std::vector<std::unique_ptr<Peer>>& peers);
 
-class GpaoLoop final : public Peer {
+class GpaoLoop final : public Judge {
 public:
     GpaoLoop(const Scenario& scenario, const CameraPeer& camera, const Flowgraph& flowgraph)
         : m_scenario(scenario), m_camera(camera), m_flowgraph(flowgraph) {}
 
-    void AddTo(HostDocument&) const override {}
-    void Start(time_point first) override { m_first = first; }
-    void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
 private:
@@ -35,7 +32,6 @@ private:
     const Scenario& m_scenario;
     const CameraPeer& m_camera;
     const Flowgraph& m_flowgraph;
-    time_point m_first;
 };
 
 }  // namespace vosk::rig

@@ -22,7 +22,7 @@
 
 namespace vosk::rig {
 
-class TelescopeLoop final : public Peer {
+class TelescopeLoop final : public Judge {
 public:
     struct Parts {
         std::shared_ptr<const Optics> optics;
@@ -38,7 +38,6 @@ public:
 
     void AddTo(HostDocument& document) const override;
     void Start(time_point first) override { m_first = first; }
-    void Stop() override {}
     PeerAccount Account(const RunFacts& facts) const override;
 
 private:

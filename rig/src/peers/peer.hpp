@@ -38,4 +38,12 @@ public:
     virtual PeerAccount Account(const RunFacts& facts) const = 0;
 };
 
+// Sends and receives nothing itself: decides from what the others wrote down whether they did what they must.
+class Judge : public Peer {
+public:
+    void AddTo(HostDocument&) const override {}
+    void Start(time_point) override {}
+    void Stop() override {}
+};
+
 }  // namespace vosk::rig

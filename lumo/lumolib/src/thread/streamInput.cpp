@@ -56,8 +56,8 @@ void LspxInput::RunCycle() {
     if (error == std::errc::timed_out) return;
     const auto now = atomclk::AtomClk::now();
     if (error) {
-        m_account.RecordInvalid(now);
         m_account.LogError(error);
+        m_account.RecordInvalid(now);
     } else if (sample.leader && sample.trailer) {
         OnSample(*sample.leader, *sample.trailer, now);
     } else {

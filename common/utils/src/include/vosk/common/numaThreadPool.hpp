@@ -51,10 +51,11 @@ public:
     void ProvisionWorker(const std::string& thread_name, std::size_t numa_buf_size, int cpu, bool busy,
                          bool single_run, int priority = nodepin::default_priority);
 
-    // Runs `step`, and returns or throws as it does. What it allocates and touches first lies on the node of
-    // the worker, if that has one. Workers count in the order in which they were added.
-    void RunOnNodeOf(std::size_t idx, std::function<void()> step) const;
+    // `idx` counts workers in the order in which they were added.
 
+    // Set-up: runs `step`, and returns or throws as it does. What `step` allocates lies on the worker's node,
+    // if there is one.
+    void RunOnNodeOf(std::size_t idx, std::function<void()> step) const;
     void ProvisionTask(std::size_t idx, std::function<void()> task);
     // To the first worker without a task; false if there is none.
     bool ProvisionTask(std::function<void()> task);
